@@ -1,0 +1,86 @@
+// The request side of the HTTP model: methods, well-known response headers, the request
+// object (URL, method, ordered headers) and the credentials pair.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <variant>
+
+#include "net/export.h"
+#include "net/host/tqutil.h"
+
+namespace qv::net {
+
+enum class HttpMethod : std::int32_t { Head = 0, Get = 1, Put = 2, Post = 3 };
+
+// Response headers that can be queried by value rather than by name.
+enum class HttpHeader : std::int32_t {
+  ContentLength = 0,
+  ETag = 1,
+  RawHeaders = 2,  // all response headers, one per line, lines separated by CR LF
+  RetryAfter = 3,
+};
+
+// Which response header a query asks for: a well-known header (index 0) or any header by its
+// wide name (index 1), e.g. L"Date".
+using HttpHeaderSelector = std::variant<HttpHeader, std::wstring>;
+
+// The wide method text of `method`; "" for a value outside the enumeration. Static storage.
+TQNET_EXPORT const wchar_t* HttpMethodText(HttpMethod method);
+
+// One HTTP request: a URL, a method and an ordered list of request headers (duplicates kept).
+// Built by a caller, amended by the pre-request handlers, read by the transport. Neither
+// copyable nor movable.
+class TQNET_EXPORT HttpRequest {
+ public:
+  // The URL is parsed without normalisation and not checked: an unusable URL fails later, when
+  // a connection or request is made for it.
+  HttpRequest(const wchar_t* url, HttpMethod method);
+  HttpRequest(const TqUURL& url, HttpMethod method);
+  ~HttpRequest();
+  HttpRequest(const HttpRequest&) = delete;
+  HttpRequest& operator=(const HttpRequest&) = delete;
+
+  const TqUURL& GetUrl() const;
+  const wchar_t* GetRawUrl() const;
+  HttpMethod GetMethod() const;
+  const wchar_t* GetMethodStr() const;
+  void SetMethod(HttpMethod method);
+
+  // Appends (name, value); no check for an existing name, no trimming, no validation.
+  void AddHeader(const wchar_t* name, const wchar_t* value);
+  // Removes every header whose name equals `name` exactly (case-sensitive); the rest keep
+  // their order.
+  void RemoveHeader(const wchar_t* name);
+  // "name: value" pairs joined by CR LF, with no CR LF after the last; "" with no headers.
+  std::wstring FormatHeaders() const;
+  bool IsSecure() const;
+
+ private:
+  struct Impl;
+  Impl* m_impl;
+};
+
+// A user name and password pair, as the authentication hook fills it in.
+class TQNET_EXPORT HttpCredentials {
+ public:
+  HttpCredentials();
+  HttpCredentials(const wchar_t* username, const wchar_t* password);
+  HttpCredentials(const HttpCredentials&) = default;
+  HttpCredentials(HttpCredentials&&) noexcept = default;
+  HttpCredentials& operator=(const HttpCredentials&) = default;
+  HttpCredentials& operator=(HttpCredentials&&) noexcept = default;
+  ~HttpCredentials() = default;
+
+  const wchar_t* GetUsername() const { return m_username.GetString(); }
+  const wchar_t* GetPassword() const { return m_password.GetString(); }
+  void SetUsername(const wchar_t* username) { m_username.SetString(username); }
+  void SetPassword(const wchar_t* password) { m_password.SetString(password); }
+
+ private:
+  TqUWideString m_username;
+  TqUWideString m_password;
+};
+
+}  // namespace qv::net

@@ -1,0 +1,205 @@
+#include "net/http/wininet_api.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "net/host/platform.h"
+
+namespace qv::net {
+namespace detail {
+namespace {
+
+// WinINet measures text buffers in bytes of UTF-16. Where wchar_t is wider, a buffer of N
+// "bytes" holds N / 2 characters, so both systems behave alike.
+constexpr DWORD kBytesPerUnit = 2;
+
+std::vector<wchar_t> MakeBuffer(DWORD length_in_bytes) {
+  // Round up, and never less than one character, so binary results (a DWORD, a SYSTEMTIME) fit.
+  const std::size_t chars = std::max<std::size_t>(1, (length_in_bytes + kBytesPerUnit - 1) / kBytesPerUnit);
+  return std::vector<wchar_t>(chars, L'\0');
+}
+
+void CopyName(std::vector<wchar_t>& buffer, const std::wstring& name) {
+  // A buffer too short for the name stays zeroed: nothing is written past its end.
+  if (buffer.size() >= name.size() + 1) {
+    std::copy(name.begin(), name.end(), buffer.begin());
+    buffer[name.size()] = L'\0';
+  }
+}
+
+}  // namespace
+
+std::uint32_t HeaderLevel(const HttpHeaderSelector& header) {
+  if (header.index() != 0) {
+    (void)std::get<1>(header);  // throws bad_variant_access for a valueless selector
+    return 0;
+  }
+  switch (std::get<0>(header)) {
+    case HttpHeader::ContentLength: return HTTP_QUERY_CONTENT_LENGTH;
+    case HttpHeader::ETag: return HTTP_QUERY_ETAG;
+    case HttpHeader::RawHeaders: return HTTP_QUERY_RAW_HEADERS_CRLF;
+    case HttpHeader::RetryAfter: return HTTP_QUERY_RETRY_AFTER;
+  }
+  return 0;  // WinINet reads level 0 as its MIME-Version header
+}
+
+bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
+               QueryInfoResult& result, std::uint32_t* index_in_out) {
+  // DWORD and std::uint32_t are distinct types on Windows: go through a DWORD.
+  DWORD index_value = index_in_out != nullptr ? *index_in_out : 0;
+  DWORD* index = index_in_out != nullptr ? &index_value : nullptr;
+  struct WriteBack {
+    std::uint32_t* out;
+    DWORD* value;
+    ~WriteBack() {
+      if (out != nullptr) *out = *value;
+    }
+  } write_back{index_in_out, &index_value};
+
+  if (name == nullptr && (level & HTTP_QUERY_FLAG_NUMBER) != 0) {
+    DWORD value = 0;
+    DWORD length = sizeof(value);
+    if (!HttpQueryInfoW(request, level, &value, &length, index)) return false;
+    result = static_cast<std::uint32_t>(value);
+    return true;
+  }
+
+  DWORD length = 16;
+  if (name != nullptr) {
+    level |= HTTP_QUERY_CUSTOM;
+    length = static_cast<DWORD>((name->size() + 1) * kBytesPerUnit);
+  }
+  std::vector<wchar_t> buffer = MakeBuffer(length);
+  if (name != nullptr) CopyName(buffer, *name);
+
+  while (!HttpQueryInfoW(request, level, buffer.data(), &length, index)) {
+    if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;  // absent, or another error
+    buffer = MakeBuffer(length);
+    if (name != nullptr) CopyName(buffer, *name);
+  }
+
+  if ((level & HTTP_QUERY_FLAG_NUMBER) != 0) {
+    std::uint32_t value = 0;
+    std::memcpy(&value, buffer.data(), sizeof(value));
+    result = value;
+  } else if ((level & HTTP_QUERY_FLAG_SYSTEMTIME) != 0) {
+    SYSTEMTIME system_time{};
+    std::memcpy(&system_time, buffer.data(), sizeof(system_time));
+    FILETIME file_time{};
+    if (!SystemTimeToFileTime(&system_time, &file_time)) return false;  // no value for a bad date
+    const std::uint64_t ticks =
+        (static_cast<std::uint64_t>(file_time.dwHighDateTime) << 32) | file_time.dwLowDateTime;
+    result = TqUSysTime::FromFileTime(ticks);
+  } else {
+    // The reported length leaves out the terminator; the text keeps it as its last code unit.
+    const std::size_t units = std::min<std::size_t>(length / kBytesPerUnit + 1, buffer.size());
+    result = std::wstring(buffer.data(), units);
+  }
+  return true;
+}
+
+}  // namespace detail
+
+WinInet::~WinInet() = default;
+
+void* WinInet::OpenInternet(const wchar_t* user_agent) {
+  return InternetOpenW(user_agent, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0);
+}
+
+void* WinInet::Connect(void* internet, const TqUURL& url) {
+  HINTERNET connection =
+      InternetConnectW(internet, url.GetHostName(), url.GetPort(), url.GetUserNameW(),
+                       url.GetPassword(), INTERNET_SERVICE_HTTP, 0, 0);
+  if (connection == nullptr) {
+    const DWORD error = GetLastError();
+    TqUError::LogWideString(L"WinInet: InternetConnect(");
+    TqUError::LogWideString(url.GetHostName());
+    TqUError::LogWideString(L") failed with code ");
+    TqUError::LogNat64(error);
+    TqUError::LogWideString(L"\n");
+    return nullptr;
+  }
+  DWORD max_connections = MaxNumConnectionsPerServer();
+  if (!InternetSetOptionW(connection, INTERNET_OPTION_MAX_CONNS_PER_SERVER, &max_connections,
+                          sizeof(max_connections))) {
+    const DWORD error = GetLastError();
+    TqUSysError::LogUTF8String("WinInet: InternetSetOption(INTERNET_OPTION_MAX_CONNS_PER_SERVER, ");
+    TqUError::LogNat64(max_connections);
+    TqUSysError::LogUTF8String(") failed with code ");
+    TqUError::LogNat64(error);
+    TqUSysError::LogUTF8String("\n");
+  }
+  return connection;
+}
+
+void* WinInet::SendRequest(void* connection, const HttpRequest& request,
+                           const wchar_t** accept_types, bool& sent) {
+  sent = false;
+  const TqUURL& url = request.GetUrl();
+  DWORD flags = INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_CACHE_WRITE;
+  if (TqUSysURL::IsSecureProtocol(url.GetScheme())) flags |= INTERNET_FLAG_SECURE;
+  HINTERNET handle = HttpOpenRequestW(connection, request.GetMethodStr(), url.GetResource(),
+                                      nullptr, nullptr, accept_types, flags, 0);
+  if (handle == nullptr) return nullptr;
+  const std::wstring headers = request.FormatHeaders();
+  sent = HttpSendRequestW(handle, headers.c_str(), static_cast<DWORD>(headers.size()), nullptr,
+                          0) != FALSE;
+  return handle;
+}
+
+std::uint32_t WinInet::QueryStatusCode(void* request) {
+  detail::QueryInfoResult result;
+  if (detail::QueryInfo(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, nullptr, result,
+                        nullptr) &&
+      result.index() == 1) {
+    return std::get<1>(result);
+  }
+  return 0;
+}
+
+namespace {
+
+// Runs the shared query for a selector with `modifier` added, and picks the wanted alternative.
+template <std::size_t Alternative>
+auto QuerySelector(void* request, const HttpHeaderSelector& header, std::uint32_t modifier,
+                   std::uint32_t* index)
+    -> std::optional<std::variant_alternative_t<Alternative, detail::QueryInfoResult>> {
+  const std::uint32_t level = detail::HeaderLevel(header) | modifier;
+  const std::wstring* name = header.index() == 1 ? &std::get<1>(header) : nullptr;
+  detail::QueryInfoResult result;
+  if (detail::QueryInfo(request, level, name, result, index) && result.index() == Alternative) {
+    return std::get<Alternative>(std::move(result));
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::wstring> WinInet::QueryHeader(void* request, const HttpHeaderSelector& header,
+                                                 std::uint32_t* index) {
+  return QuerySelector<0>(request, header, 0, index);
+}
+
+std::optional<std::uint32_t> WinInet::QueryHeaderNumeric(void* request,
+                                                         const HttpHeaderSelector& header,
+                                                         std::uint32_t* index) {
+  return QuerySelector<1>(request, header, HTTP_QUERY_FLAG_NUMBER, index);
+}
+
+std::optional<std::int64_t> WinInet::QueryHeaderDateTime(void* request,
+                                                         const HttpHeaderSelector& header,
+                                                         std::uint32_t* index) {
+  return QuerySelector<2>(request, header, HTTP_QUERY_FLAG_SYSTEMTIME, index);
+}
+
+bool WinInet::Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& bytes_read) {
+  DWORD read = 0;
+  const bool ok = InternetReadFile(request, buffer, size, &read) != FALSE;
+  bytes_read = read;
+  return ok;
+}
+
+bool WinInet::CloseHandle(void* handle) { return InternetCloseHandle(handle) != FALSE; }
+
+}  // namespace qv::net

@@ -1,0 +1,48 @@
+// The default transport: each IHttpApi operation maps onto one WinINet call with fixed flags.
+// It holds no state; every handle it returns is a WinINet handle.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "net/export.h"
+#include "net/http/http_api.h"
+
+namespace qv::net {
+
+class TQNET_EXPORT WinInet : public IHttpApi {
+ public:
+  ~WinInet() override;
+
+  void* OpenInternet(const wchar_t* user_agent) override;
+  void* Connect(void* internet, const TqUURL& url) override;
+  void* SendRequest(void* connection, const HttpRequest& request, const wchar_t** accept_types,
+                    bool& sent) override;
+  std::uint32_t QueryStatusCode(void* request) override;
+  std::optional<std::wstring> QueryHeader(void* request, const HttpHeaderSelector& header,
+                                          std::uint32_t* index) override;
+  std::optional<std::uint32_t> QueryHeaderNumeric(void* request, const HttpHeaderSelector& header,
+                                                  std::uint32_t* index) override;
+  std::optional<std::int64_t> QueryHeaderDateTime(void* request, const HttpHeaderSelector& header,
+                                                  std::uint32_t* index) override;
+  bool Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& bytes_read) override;
+  bool CloseHandle(void* handle) override;
+};
+
+namespace detail {
+
+// The shared header query's result: text, number, or time value.
+using QueryInfoResult = std::variant<std::wstring, std::uint32_t, std::int64_t>;
+
+// Queries `level` (with `name` as a custom header when given), growing the buffer as WinINet
+// asks. Text results keep the terminating NUL as their last code unit.
+bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
+               QueryInfoResult& result, std::uint32_t* index);
+
+// The WinINet level of a header selector without modifiers (0 for a name or an unknown value).
+std::uint32_t HeaderLevel(const HttpHeaderSelector& header);
+
+}  // namespace detail
+}  // namespace qv::net

@@ -1,0 +1,70 @@
+// One HTTP request whose response body is read as a stream. All network work of opening happens
+// in the constructor: pre-request handlers, a pooled connection, the send with bounded retries on
+// 429 and 502, the status test, and the content size and entity tag.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "net/export.h"
+#include "net/host/tqutil.h"
+#include "net/http/http_request.h"
+#include "net/http/http_status.h"
+
+namespace qv::net {
+
+// Used by one thread at a time. The stop token is read only while the constructor runs.
+class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
+ public:
+  // Bit 0 of the URL constructor's flags: send a HEAD first to learn size and entity tag.
+  static const int FlagMakeHeadRequest;
+
+  // GET `url` (after a HEAD with FlagMakeHeadRequest). Throws http_exception
+  // "Unable to create HTTP connection\n" when no connection can be had or a stop was requested.
+  HttpReadStream(std::wstring_view url, int flags, qv::stop_token stop);
+  // Sends the caller's request as it is (the handlers may change it); never a HEAD.
+  HttpReadStream(HttpRequest& request, qv::stop_token stop);
+  ~HttpReadStream() override;
+  HttpReadStream(const HttpReadStream&) = delete;
+  HttpReadStream& operator=(const HttpReadStream&) = delete;
+
+  // Never null: an unsuccessful request still yields a stream; only the constructor's
+  // exceptions escape.
+  static std::unique_ptr<HttpReadStream> Open(std::wstring_view url, int flags,
+                                              qv::stop_token stop);
+  static std::unique_ptr<HttpReadStream> Open(HttpRequest& request, qv::stop_token stop);
+
+  // Body bytes; 0 at the end or when the request did not succeed. Throws http_exception
+  // "Unable to read HTTP data\n" when the transport's read fails.
+  std::uint64_t Read(void* buffer, std::uint64_t size) override;
+  qv::io::StreamMetaData MetaData() override;
+
+  bool IsOpen() const;
+  bool Succeeded() const;
+  void Close();
+  std::optional<std::uint64_t> ContentSize() const;
+  std::optional<std::string> ETag() const;
+  HttpStatus QueryStatusCode() const;
+  std::optional<std::wstring> QueryHeader(const HttpHeaderSelector& header) const;
+  std::optional<std::uint32_t> QueryHeaderNumeric(const HttpHeaderSelector& header) const;
+  std::optional<std::int64_t> QueryHeaderDateTime(const HttpHeaderSelector& header) const;
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> m_impl;
+};
+
+namespace detail {
+// The wait between retries. Tests replace it so that no test waits through a real delay; an
+// empty function restores the real sleep. Not thread-safe: set while no stream is opened.
+using RetrySleepFunction = std::function<void(std::chrono::milliseconds)>;
+TQNET_EXPORT RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep);
+}  // namespace detail
+
+}  // namespace qv::net

@@ -1,0 +1,104 @@
+// The library's worker threads: a fixed set of threads taking move-only tasks from one FIFO
+// queue. Only the asynchronous opening of URLs submits to it.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace vemo {
+
+// A move-only, type-erased callable, called once.
+class function_wrapper {
+ public:
+  function_wrapper() = default;
+  template <typename F>
+  function_wrapper(F&& f) : m_impl(new impl_type<std::decay_t<F>>(std::forward<F>(f))) {}
+  function_wrapper(function_wrapper&&) noexcept = default;
+  function_wrapper& operator=(function_wrapper&&) noexcept = default;
+  function_wrapper(const function_wrapper&) = delete;
+  function_wrapper& operator=(const function_wrapper&) = delete;
+
+  void operator()() { m_impl->call(); }
+  explicit operator bool() const { return m_impl != nullptr; }
+
+ private:
+  struct impl_base {
+    virtual void call() = 0;
+    virtual ~impl_base() = default;
+  };
+  template <typename F>
+  struct impl_type : impl_base {
+    explicit impl_type(F&& f) : m_f(std::move(f)) {}
+    void call() override { m_f(); }
+    F m_f;
+  };
+  std::unique_ptr<impl_base> m_impl;
+};
+
+}  // namespace vemo
+
+namespace qv::net {
+
+class thread_pool {
+ public:
+  // `thread_count` threads, or the hardware thread count when empty; 0 starts none (tasks then
+  // wait until the pool is destroyed, when their futures break). Throws std::system_error when
+  // a thread cannot be started, after stopping the threads already started.
+  explicit thread_pool(std::optional<std::uint32_t> thread_count = std::nullopt);
+  // Running tasks finish; queued tasks are dropped and their futures report broken_promise.
+  // Must not run on one of the pool's own threads.
+  ~thread_pool();
+  thread_pool(const thread_pool&) = delete;
+  thread_pool& operator=(const thread_pool&) = delete;
+
+  template <typename F>
+  std::future<std::invoke_result_t<F>> submit(F task) {
+    using Result = std::invoke_result_t<F>;
+    std::packaged_task<Result()> packaged(std::move(task));
+    std::future<Result> future = packaged.get_future();
+    Enqueue(vemo::function_wrapper(std::move(packaged)));
+    return future;
+  }
+
+  std::size_t ThreadCount() const { return m_threads.size(); }
+
+ private:
+  // Joins every joinable thread, in start order, when destroyed.
+  class joiner {
+   public:
+    explicit joiner(std::vector<std::thread>& threads) : m_threads(threads) {}
+    ~joiner();
+
+   private:
+    std::vector<std::thread>& m_threads;
+  };
+
+  void Enqueue(vemo::function_wrapper task);
+  void WorkerLoop();
+  void StopQueue();
+
+  std::atomic<bool> m_done{false};
+  std::mutex m_queue_mutex;
+  std::deque<vemo::function_wrapper> m_queue;
+  std::condition_variable m_queue_cv;
+  std::atomic<bool> m_queue_stopped{false};
+  std::vector<std::thread> m_threads;
+  joiner m_joiner{m_threads};
+};
+
+// The process-wide pool: null before InitialiseHttp and after TerminateHttp. The slot owns it.
+thread_pool* WorkerThreadPool();
+// Installs `pool` and returns the one it replaces (which the caller then destroys).
+std::unique_ptr<thread_pool> ExchangeWorkerThreadPool(std::unique_ptr<thread_pool> pool);
+
+}  // namespace qv::net

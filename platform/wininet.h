@@ -1,0 +1,229 @@
+// The WinINet subset the library calls, with the Windows SDK's names, types and values.
+// On Windows this header only includes <wininet.h>; on Linux platform/ implements it over libcurl.
+#pragma once
+
+#include "platform/windows_types.h"
+
+#ifdef _WIN32
+#include <wininet.h>
+#else
+
+using HINTERNET = void*;
+using LPHINTERNET = HINTERNET*;
+using INTERNET_PORT = WORD;
+using DWORD_PTR_CONTEXT = DWORD_PTR;
+
+// InternetOpenW access types.
+inline constexpr DWORD INTERNET_OPEN_TYPE_PRECONFIG = 0;
+inline constexpr DWORD INTERNET_OPEN_TYPE_DIRECT = 1;
+inline constexpr DWORD INTERNET_OPEN_TYPE_PROXY = 3;
+
+// InternetConnectW.
+inline constexpr DWORD INTERNET_SERVICE_FTP = 1;
+inline constexpr DWORD INTERNET_SERVICE_GOPHER = 2;
+inline constexpr DWORD INTERNET_SERVICE_HTTP = 3;
+inline constexpr INTERNET_PORT INTERNET_INVALID_PORT_NUMBER = 0;
+inline constexpr INTERNET_PORT INTERNET_DEFAULT_HTTP_PORT = 80;
+inline constexpr INTERNET_PORT INTERNET_DEFAULT_HTTPS_PORT = 443;
+
+// Request flags.
+inline constexpr DWORD INTERNET_FLAG_RELOAD = 0x80000000;
+inline constexpr DWORD INTERNET_FLAG_RAW_DATA = 0x40000000;
+inline constexpr DWORD INTERNET_FLAG_EXISTING_CONNECT = 0x20000000;
+inline constexpr DWORD INTERNET_FLAG_ASYNC = 0x10000000;
+inline constexpr DWORD INTERNET_FLAG_PASSIVE = 0x08000000;
+inline constexpr DWORD INTERNET_FLAG_NO_CACHE_WRITE = 0x04000000;
+inline constexpr DWORD INTERNET_FLAG_DONT_CACHE = INTERNET_FLAG_NO_CACHE_WRITE;
+inline constexpr DWORD INTERNET_FLAG_MAKE_PERSISTENT = 0x02000000;
+inline constexpr DWORD INTERNET_FLAG_FROM_CACHE = 0x01000000;
+inline constexpr DWORD INTERNET_FLAG_SECURE = 0x00800000;
+inline constexpr DWORD INTERNET_FLAG_KEEP_CONNECTION = 0x00400000;
+inline constexpr DWORD INTERNET_FLAG_NO_AUTO_REDIRECT = 0x00200000;
+inline constexpr DWORD INTERNET_FLAG_READ_PREFETCH = 0x00100000;
+inline constexpr DWORD INTERNET_FLAG_NO_COOKIES = 0x00080000;
+inline constexpr DWORD INTERNET_FLAG_NO_AUTH = 0x00040000;
+inline constexpr DWORD INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP = 0x00008000;
+inline constexpr DWORD INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTPS = 0x00004000;
+inline constexpr DWORD INTERNET_FLAG_IGNORE_CERT_DATE_INVALID = 0x00002000;
+inline constexpr DWORD INTERNET_FLAG_IGNORE_CERT_CN_INVALID = 0x00001000;
+inline constexpr DWORD INTERNET_FLAG_RESYNCHRONIZE = 0x00000800;
+inline constexpr DWORD INTERNET_FLAG_HYPERLINK = 0x00000400;
+inline constexpr DWORD INTERNET_FLAG_NO_UI = 0x00000200;
+inline constexpr DWORD INTERNET_FLAG_PRAGMA_NOCACHE = 0x00000100;
+
+// InternetSetOptionW options.
+inline constexpr DWORD INTERNET_OPTION_CONNECT_TIMEOUT = 2;
+inline constexpr DWORD INTERNET_OPTION_CONNECT_RETRIES = 3;
+inline constexpr DWORD INTERNET_OPTION_SEND_TIMEOUT = 5;
+inline constexpr DWORD INTERNET_OPTION_CONTROL_SEND_TIMEOUT = 5;
+inline constexpr DWORD INTERNET_OPTION_RECEIVE_TIMEOUT = 6;
+inline constexpr DWORD INTERNET_OPTION_CONTROL_RECEIVE_TIMEOUT = 6;
+inline constexpr DWORD INTERNET_OPTION_DATA_SEND_TIMEOUT = 7;
+inline constexpr DWORD INTERNET_OPTION_DATA_RECEIVE_TIMEOUT = 8;
+inline constexpr DWORD INTERNET_OPTION_USERNAME = 28;
+inline constexpr DWORD INTERNET_OPTION_PASSWORD = 29;
+inline constexpr DWORD INTERNET_OPTION_USER_AGENT = 41;
+inline constexpr DWORD INTERNET_OPTION_PROXY_USERNAME = 43;
+inline constexpr DWORD INTERNET_OPTION_PROXY_PASSWORD = 44;
+inline constexpr DWORD INTERNET_OPTION_MAX_CONNS_PER_SERVER = 73;
+
+// HttpQueryInfoW levels.
+inline constexpr DWORD HTTP_QUERY_MIME_VERSION = 0;
+inline constexpr DWORD HTTP_QUERY_CONTENT_TYPE = 1;
+inline constexpr DWORD HTTP_QUERY_CONTENT_TRANSFER_ENCODING = 2;
+inline constexpr DWORD HTTP_QUERY_CONTENT_ID = 3;
+inline constexpr DWORD HTTP_QUERY_CONTENT_DESCRIPTION = 4;
+inline constexpr DWORD HTTP_QUERY_CONTENT_LENGTH = 5;
+inline constexpr DWORD HTTP_QUERY_CONTENT_LANGUAGE = 6;
+inline constexpr DWORD HTTP_QUERY_ALLOW = 7;
+inline constexpr DWORD HTTP_QUERY_PUBLIC = 8;
+inline constexpr DWORD HTTP_QUERY_DATE = 9;
+inline constexpr DWORD HTTP_QUERY_EXPIRES = 10;
+inline constexpr DWORD HTTP_QUERY_LAST_MODIFIED = 11;
+inline constexpr DWORD HTTP_QUERY_MESSAGE_ID = 12;
+inline constexpr DWORD HTTP_QUERY_URI = 13;
+inline constexpr DWORD HTTP_QUERY_DERIVED_FROM = 14;
+inline constexpr DWORD HTTP_QUERY_COST = 15;
+inline constexpr DWORD HTTP_QUERY_LINK = 16;
+inline constexpr DWORD HTTP_QUERY_PRAGMA = 17;
+inline constexpr DWORD HTTP_QUERY_VERSION = 18;
+inline constexpr DWORD HTTP_QUERY_STATUS_CODE = 19;
+inline constexpr DWORD HTTP_QUERY_STATUS_TEXT = 20;
+inline constexpr DWORD HTTP_QUERY_RAW_HEADERS = 21;
+inline constexpr DWORD HTTP_QUERY_RAW_HEADERS_CRLF = 22;
+inline constexpr DWORD HTTP_QUERY_CONNECTION = 23;
+inline constexpr DWORD HTTP_QUERY_ACCEPT = 24;
+inline constexpr DWORD HTTP_QUERY_ACCEPT_CHARSET = 25;
+inline constexpr DWORD HTTP_QUERY_ACCEPT_ENCODING = 26;
+inline constexpr DWORD HTTP_QUERY_ACCEPT_LANGUAGE = 27;
+inline constexpr DWORD HTTP_QUERY_AUTHORIZATION = 28;
+inline constexpr DWORD HTTP_QUERY_CONTENT_ENCODING = 29;
+inline constexpr DWORD HTTP_QUERY_FORWARDED = 30;
+inline constexpr DWORD HTTP_QUERY_FROM = 31;
+inline constexpr DWORD HTTP_QUERY_IF_MODIFIED_SINCE = 32;
+inline constexpr DWORD HTTP_QUERY_LOCATION = 33;
+inline constexpr DWORD HTTP_QUERY_ORIG_URI = 34;
+inline constexpr DWORD HTTP_QUERY_REFERER = 35;
+inline constexpr DWORD HTTP_QUERY_RETRY_AFTER = 36;
+inline constexpr DWORD HTTP_QUERY_SERVER = 37;
+inline constexpr DWORD HTTP_QUERY_TITLE = 38;
+inline constexpr DWORD HTTP_QUERY_USER_AGENT = 39;
+inline constexpr DWORD HTTP_QUERY_WWW_AUTHENTICATE = 40;
+inline constexpr DWORD HTTP_QUERY_PROXY_AUTHENTICATE = 41;
+inline constexpr DWORD HTTP_QUERY_ACCEPT_RANGES = 42;
+inline constexpr DWORD HTTP_QUERY_SET_COOKIE = 43;
+inline constexpr DWORD HTTP_QUERY_COOKIE = 44;
+inline constexpr DWORD HTTP_QUERY_REQUEST_METHOD = 45;
+inline constexpr DWORD HTTP_QUERY_REFRESH = 46;
+inline constexpr DWORD HTTP_QUERY_CONTENT_DISPOSITION = 47;
+inline constexpr DWORD HTTP_QUERY_AGE = 48;
+inline constexpr DWORD HTTP_QUERY_CACHE_CONTROL = 49;
+inline constexpr DWORD HTTP_QUERY_CONTENT_BASE = 50;
+inline constexpr DWORD HTTP_QUERY_CONTENT_LOCATION = 51;
+inline constexpr DWORD HTTP_QUERY_CONTENT_MD5 = 52;
+inline constexpr DWORD HTTP_QUERY_CONTENT_RANGE = 53;
+inline constexpr DWORD HTTP_QUERY_ETAG = 54;
+inline constexpr DWORD HTTP_QUERY_HOST = 55;
+inline constexpr DWORD HTTP_QUERY_IF_MATCH = 56;
+inline constexpr DWORD HTTP_QUERY_IF_NONE_MATCH = 57;
+inline constexpr DWORD HTTP_QUERY_IF_RANGE = 58;
+inline constexpr DWORD HTTP_QUERY_IF_UNMODIFIED_SINCE = 59;
+inline constexpr DWORD HTTP_QUERY_MAX_FORWARDS = 60;
+inline constexpr DWORD HTTP_QUERY_PROXY_AUTHORIZATION = 61;
+inline constexpr DWORD HTTP_QUERY_RANGE = 62;
+inline constexpr DWORD HTTP_QUERY_TRANSFER_ENCODING = 63;
+inline constexpr DWORD HTTP_QUERY_UPGRADE = 64;
+inline constexpr DWORD HTTP_QUERY_VARY = 65;
+inline constexpr DWORD HTTP_QUERY_VIA = 66;
+inline constexpr DWORD HTTP_QUERY_WARNING = 67;
+inline constexpr DWORD HTTP_QUERY_EXPECT = 68;
+inline constexpr DWORD HTTP_QUERY_PROXY_CONNECTION = 69;
+inline constexpr DWORD HTTP_QUERY_UNLESS_MODIFIED_SINCE = 70;
+inline constexpr DWORD HTTP_QUERY_MAX = 78;
+inline constexpr DWORD HTTP_QUERY_CUSTOM = 65535;
+// Modifiers.
+inline constexpr DWORD HTTP_QUERY_FLAG_REQUEST_HEADERS = 0x80000000;
+inline constexpr DWORD HTTP_QUERY_FLAG_SYSTEMTIME = 0x40000000;
+inline constexpr DWORD HTTP_QUERY_FLAG_NUMBER = 0x20000000;
+inline constexpr DWORD HTTP_QUERY_FLAG_COALESCE = 0x10000000;
+inline constexpr DWORD HTTP_QUERY_FLAG_NUMBER64 = 0x08000000;
+inline constexpr DWORD HTTP_QUERY_MODIFIER_FLAGS_MASK = 0xF8000000;
+inline constexpr DWORD HTTP_QUERY_HEADER_MASK = ~HTTP_QUERY_MODIFIER_FLAGS_MASK;
+
+// Error codes.
+inline constexpr DWORD INTERNET_ERROR_BASE = 12000;
+inline constexpr DWORD ERROR_INTERNET_OUT_OF_HANDLES = 12001;
+inline constexpr DWORD ERROR_INTERNET_TIMEOUT = 12002;
+inline constexpr DWORD ERROR_INTERNET_EXTENDED_ERROR = 12003;
+inline constexpr DWORD ERROR_INTERNET_INTERNAL_ERROR = 12004;
+inline constexpr DWORD ERROR_INTERNET_INVALID_URL = 12005;
+inline constexpr DWORD ERROR_INTERNET_UNRECOGNIZED_SCHEME = 12006;
+inline constexpr DWORD ERROR_INTERNET_NAME_NOT_RESOLVED = 12007;
+inline constexpr DWORD ERROR_INTERNET_PROTOCOL_NOT_FOUND = 12008;
+inline constexpr DWORD ERROR_INTERNET_INVALID_OPTION = 12009;
+inline constexpr DWORD ERROR_INTERNET_BAD_OPTION_LENGTH = 12010;
+inline constexpr DWORD ERROR_INTERNET_OPTION_NOT_SETTABLE = 12011;
+inline constexpr DWORD ERROR_INTERNET_SHUTDOWN = 12012;
+inline constexpr DWORD ERROR_INTERNET_INCORRECT_USER_NAME = 12013;
+inline constexpr DWORD ERROR_INTERNET_INCORRECT_PASSWORD = 12014;
+inline constexpr DWORD ERROR_INTERNET_LOGIN_FAILURE = 12015;
+inline constexpr DWORD ERROR_INTERNET_INVALID_OPERATION = 12016;
+inline constexpr DWORD ERROR_INTERNET_OPERATION_CANCELLED = 12017;
+inline constexpr DWORD ERROR_INTERNET_INCORRECT_HANDLE_TYPE = 12018;
+inline constexpr DWORD ERROR_INTERNET_INCORRECT_HANDLE_STATE = 12019;
+inline constexpr DWORD ERROR_INTERNET_NOT_PROXY_REQUEST = 12020;
+inline constexpr DWORD ERROR_INTERNET_CANNOT_CONNECT = 12029;
+inline constexpr DWORD ERROR_INTERNET_CONNECTION_ABORTED = 12030;
+inline constexpr DWORD ERROR_INTERNET_CONNECTION_RESET = 12031;
+inline constexpr DWORD ERROR_INTERNET_FORCE_RETRY = 12032;
+inline constexpr DWORD ERROR_INTERNET_INVALID_PROXY_REQUEST = 12033;
+inline constexpr DWORD ERROR_INTERNET_SEC_CERT_DATE_INVALID = 12037;
+inline constexpr DWORD ERROR_INTERNET_SEC_CERT_CN_INVALID = 12038;
+inline constexpr DWORD ERROR_INTERNET_HTTP_TO_HTTPS_ON_REDIR = 12039;
+inline constexpr DWORD ERROR_INTERNET_HTTPS_TO_HTTP_ON_REDIR = 12040;
+inline constexpr DWORD ERROR_INTERNET_MIXED_SECURITY = 12041;
+inline constexpr DWORD ERROR_INTERNET_CHG_POST_IS_NON_SECURE = 12042;
+inline constexpr DWORD ERROR_INTERNET_POST_IS_NON_SECURE = 12043;
+inline constexpr DWORD ERROR_INTERNET_CLIENT_AUTH_CERT_NEEDED = 12044;
+inline constexpr DWORD ERROR_INTERNET_INVALID_CA = 12045;
+inline constexpr DWORD ERROR_INTERNET_SEC_CERT_ERRORS = 12055;
+inline constexpr DWORD ERROR_INTERNET_SEC_CERT_REV_FAILED = 12057;
+inline constexpr DWORD ERROR_HTTP_HEADER_NOT_FOUND = 12150;
+inline constexpr DWORD ERROR_HTTP_DOWNLEVEL_SERVER = 12151;
+inline constexpr DWORD ERROR_HTTP_INVALID_SERVER_RESPONSE = 12152;
+inline constexpr DWORD ERROR_HTTP_INVALID_HEADER = 12153;
+inline constexpr DWORD ERROR_HTTP_INVALID_QUERY_REQUEST = 12154;
+inline constexpr DWORD ERROR_HTTP_HEADER_ALREADY_EXISTS = 12155;
+inline constexpr DWORD ERROR_HTTP_REDIRECT_FAILED = 12156;
+inline constexpr DWORD ERROR_INTERNET_SECURITY_CHANNEL_ERROR = 12157;
+inline constexpr DWORD ERROR_HTTP_NOT_REDIRECTED = 12160;
+inline constexpr DWORD ERROR_INTERNET_DISCONNECTED = 12163;
+inline constexpr DWORD ERROR_INTERNET_SERVER_UNREACHABLE = 12164;
+inline constexpr DWORD ERROR_INTERNET_PROXY_SERVER_UNREACHABLE = 12165;
+inline constexpr DWORD ERROR_INTERNET_SEC_INVALID_CERT = 12169;
+inline constexpr DWORD ERROR_INTERNET_SEC_CERT_REVOKED = 12170;
+inline constexpr DWORD ERROR_INTERNET_NOT_INITIALIZED = 12172;
+inline constexpr DWORD ERROR_INTERNET_DECODING_FAILED = 12175;
+
+extern "C" {
+TQPLATFORM_API HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy,
+                                       LPCWSTR proxy_bypass, DWORD flags);
+TQPLATFORM_API HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name,
+                                          INTERNET_PORT server_port, LPCWSTR user_name,
+                                          LPCWSTR password, DWORD service, DWORD flags,
+                                          DWORD_PTR context);
+TQPLATFORM_API BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer,
+                                       DWORD buffer_length);
+TQPLATFORM_API HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
+                                          LPCWSTR version, LPCWSTR referrer,
+                                          LPCWSTR* accept_types, DWORD flags, DWORD_PTR context);
+TQPLATFORM_API BOOL HttpSendRequestW(HINTERNET request, LPCWSTR headers, DWORD headers_length,
+                                     LPVOID optional, DWORD optional_length);
+TQPLATFORM_API BOOL HttpQueryInfoW(HINTERNET request, DWORD info_level, LPVOID buffer,
+                                   LPDWORD buffer_length, LPDWORD index);
+TQPLATFORM_API BOOL InternetReadFile(HINTERNET file, LPVOID buffer, DWORD bytes_to_read,
+                                     LPDWORD bytes_read);
+TQPLATFORM_API BOOL InternetCloseHandle(HINTERNET internet);
+}
+
+#endif  // _WIN32

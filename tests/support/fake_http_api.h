@@ -1,0 +1,126 @@
+// A scripted IHttpApi for tests: it answers from a script of responses, records every call with
+// its arguments, and can tell whether the script was consumed and every handle closed.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "net/http/http_api.h"
+
+namespace tq::test {
+
+// One scripted answer to SendRequest.
+struct FakeResponse {
+  std::uint32_t status = 200;
+  std::vector<std::pair<std::wstring, std::wstring>> headers;  // name, value (text)
+  std::map<std::wstring, std::int64_t> dates;  // header name (any case) -> TqUSysTime seconds
+  std::vector<std::string> body_chunks;        // each Read hands out at most one chunk
+  bool open_fails = false;  // SendRequest returns null
+  bool send_fails = false;  // SendRequest returns a handle with sent = false
+  std::optional<std::size_t> read_fails_after;  // Read fails once this many chunks were read
+
+  FakeResponse& Header(std::wstring name, std::wstring value) {
+    headers.emplace_back(std::move(name), std::move(value));
+    return *this;
+  }
+  FakeResponse& Body(std::string chunk) {
+    body_chunks.push_back(std::move(chunk));
+    return *this;
+  }
+};
+
+// What a SendRequest call was given.
+struct SentRequest {
+  void* connection = nullptr;
+  std::wstring method;
+  std::wstring url;
+  std::wstring resource;
+  std::wstring headers;  // FormatHeaders()
+  std::vector<std::wstring> accept_types;
+  bool secure = false;
+};
+
+class FakeHttpApi : public qv::net::IHttpApi {
+ public:
+  FakeHttpApi() = default;
+  ~FakeHttpApi() override;
+
+  // --- script ---
+  void Queue(FakeResponse response);  // answered to the next SendRequest, in order
+  // Answers SendRequest when the queue is empty; without one an unscripted send fails the test.
+  void SetResponder(std::function<FakeResponse(const SentRequest&)> responder);
+  void FailOpenInternet(bool fail) { m_fail_open_internet = fail; }
+  void FailNextConnects(int count) { m_fail_connects = count; }
+  // Runs inside SendRequest (outside the fake's lock), e.g. to request a stop mid-exchange.
+  void OnSend(std::function<void(const SentRequest&)> hook) { m_on_send = std::move(hook); }
+
+  // --- records ---
+  std::vector<std::string> Calls() const;  // "OpenInternet", "Connect host:port", "Send GET url",
+                                           // "Status", "Header", "Numeric", "Date", "Read",
+                                           // "Close" — one entry per call, in order
+  std::vector<SentRequest> Sent() const;
+  std::vector<std::wstring> ConnectedUrls() const;
+  std::wstring LastUserAgent() const;
+  int CountCalls(const std::string& prefix) const;
+  bool ScriptConsumed() const;      // every queued response was used
+  std::size_t OpenRequestHandles() const;  // request handles not closed yet
+  std::size_t OpenHandles() const;         // handles of every kind not closed yet
+  int CloseCount() const;
+
+  // --- IHttpApi ---
+  void* OpenInternet(const wchar_t* user_agent) override;
+  void* Connect(void* internet, const TqUURL& url) override;
+  void* SendRequest(void* connection, const qv::net::HttpRequest& request,
+                    const wchar_t** accept_types, bool& sent) override;
+  std::uint32_t QueryStatusCode(void* request) override;
+  std::optional<std::wstring> QueryHeader(void* request,
+                                          const qv::net::HttpHeaderSelector& header,
+                                          std::uint32_t* index) override;
+  std::optional<std::uint32_t> QueryHeaderNumeric(void* request,
+                                                  const qv::net::HttpHeaderSelector& header,
+                                                  std::uint32_t* index) override;
+  std::optional<std::int64_t> QueryHeaderDateTime(void* request,
+                                                  const qv::net::HttpHeaderSelector& header,
+                                                  std::uint32_t* index) override;
+  bool Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& bytes_read) override;
+  bool CloseHandle(void* handle) override;
+
+ private:
+  enum class Kind { Internet, Connection, Request };
+  struct Handle {
+    Kind kind;
+    FakeResponse response;
+    std::size_t chunk = 0;   // next chunk to hand out
+    std::size_t offset = 0;  // bytes of that chunk handed out already
+    std::size_t chunks_read = 0;
+  };
+
+  void* NewHandle(Kind kind, FakeResponse response = {});
+  Handle* Find(void* handle);  // caller holds m_mutex
+  std::optional<std::wstring> HeaderText(const Handle& handle,
+                                         const qv::net::HttpHeaderSelector& header) const;
+
+  mutable std::mutex m_mutex;
+  std::deque<FakeResponse> m_queue;
+  std::size_t m_queued_total = 0;
+  std::function<FakeResponse(const SentRequest&)> m_responder;
+  std::function<void(const SentRequest&)> m_on_send;
+  bool m_fail_open_internet = false;
+  int m_fail_connects = 0;
+  std::map<std::uintptr_t, Handle> m_handles;
+  std::uintptr_t m_next_handle = 0x1000;
+  std::vector<std::string> m_calls;
+  std::vector<SentRequest> m_sent;
+  std::vector<std::wstring> m_connected_urls;
+  std::wstring m_user_agent;
+  int m_close_count = 0;
+};
+
+}  // namespace tq::test
