@@ -1,0 +1,62 @@
+#include "tqutil/app_info.h"
+
+#include <cstdlib>
+#include <mutex>
+#include <string>
+
+namespace {
+
+struct AppName {
+  std::mutex mutex;
+  std::wstring name = L"tqnetwork";
+};
+
+AppName& TheAppName() {
+  static AppName* const name = new AppName();
+  return *name;
+}
+
+// The per-user cache home; empty when none is known.
+std::wstring CacheHome() {
+#if defined(_WIN32)
+  const wchar_t* local = _wgetenv(L"LOCALAPPDATA");
+  return local && *local ? std::wstring(local) : std::wstring();
+#else
+  // XDG: a relative $XDG_CACHE_HOME is invalid and must be ignored.
+  const char* xdg = std::getenv("XDG_CACHE_HOME");
+  if (xdg && xdg[0] == '/') return qv::Utf8ToWide(xdg);
+  const char* home = std::getenv("HOME");
+  if (home && *home) {
+    std::wstring h = qv::Utf8ToWide(home);
+    while (h.size() > 1 && h.back() == L'/') h.pop_back();
+    return h + L"/.cache";
+  }
+  return {};
+#endif
+}
+
+}  // namespace
+
+bool TqUAppInfo::GetAppDir(int kind, TqUWideStringBuffer* out) {
+  if (kind != 0 || !out) return false;
+  std::wstring dir = CacheHome();
+  if (dir.empty()) return false;
+  if (dir.back() != L'/' && dir.back() != L'\\') {
+#if defined(_WIN32)
+    dir += L'\\';
+#else
+    dir += L'/';
+#endif
+  }
+  AppName& a = TheAppName();
+  std::lock_guard lock(a.mutex);
+  out->SetString(dir + a.name);
+  return true;
+}
+
+void TqUAppInfo::SetAppName(const wchar_t* name) {
+  if (!name || !*name) return;
+  AppName& a = TheAppName();
+  std::lock_guard lock(a.mutex);
+  a.name = name;
+}

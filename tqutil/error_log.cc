@@ -1,0 +1,101 @@
+#include "tqutil/error_log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "tqutil/component.h"
+#include "tqutil/strings.h"
+
+namespace {
+
+void WriteToStderr(const TqULogRecord& record) {
+  std::string line;
+  if (record.severity != 0 || !record.component.empty()) {
+    line = "[" + std::to_string(record.severity) + "]";
+    if (!record.component.empty()) line += " " + record.component + ":";
+    line += " ";
+  }
+  line += record.text;
+  if (line.empty() || line.back() != '\n') line += '\n';
+  std::fwrite(line.data(), 1, line.size(), stderr);
+  std::fflush(stderr);
+}
+
+// Recursive, so that a sink which itself logs does not deadlock its own thread.
+struct SinkState {
+  std::recursive_mutex mutex;
+  TqULogSink sink;
+};
+
+SinkState& State() {
+  // Never destroyed: threads may still log while the process exits.
+  static SinkState* const state = new SinkState();
+  return *state;
+}
+
+void Deliver(const TqULogRecord& record) {
+  SinkState& state = State();
+  std::lock_guard lock(state.mutex);
+  if (state.sink) {
+    state.sink(record);
+  } else {
+    WriteToStderr(record);
+  }
+}
+
+// The calling thread's unfinished line. A thread that ends with half a line still has it
+// written, so nothing logged is lost.
+struct CurrentLine {
+  std::string text;
+  ~CurrentLine() {
+    if (!text.empty()) Deliver(TqULogRecord{0, "", std::move(text)});
+  }
+};
+
+thread_local CurrentLine t_line;
+
+void AppendPiece(std::string_view piece) {
+  if (piece.empty()) return;
+  t_line.text.append(piece);
+  if (piece.back() == '\n') {
+    TqULogRecord record{0, "", std::move(t_line.text)};
+    t_line.text.clear();
+    Deliver(record);
+  }
+}
+
+}  // namespace
+
+void TqUError::Post(int severity, const TqUComponent* component, const wchar_t* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  std::wstring text = TqUFormatWideV(format, args);
+  va_end(args);
+  if (text.empty() && format && *format) {
+    // A format that does not fit its arguments still leaves a trace of what was meant.
+    text = std::wstring(L"(bad log format) ") + format;
+  }
+  Deliver(TqULogRecord{severity, component ? qv::WideToUtf8(component->GetName()) : "",
+                       qv::WideToUtf8(text)});
+}
+
+void TqUError::LogWideString(const wchar_t* text) {
+  if (text) AppendPiece(qv::WideToUtf8(text));
+}
+
+void TqUError::LogInt32(std::int32_t value) { AppendPiece(std::to_string(value)); }
+
+void TqUError::LogNat64(std::uint64_t value) { AppendPiece(std::to_string(value)); }
+
+TqULogSink TqUError::SetSink(TqULogSink sink) {
+  SinkState& state = State();
+  std::lock_guard lock(state.mutex);
+  TqULogSink previous = std::move(state.sink);
+  state.sink = std::move(sink);
+  return previous;
+}
+
+void TqUSysError::LogUTF8String(const char* text) {
+  if (text) AppendPiece(text);
+}

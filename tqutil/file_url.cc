@@ -1,0 +1,124 @@
+#include "tqutil/file_url.h"
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include <boost/url/parse.hpp>
+#include <boost/url/url_view.hpp>
+
+#include "tqutil/file_streams.h"
+#include "tqutil/strings.h"
+
+namespace {
+
+bool IsAsciiAlpha(wchar_t c) { return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z'); }
+
+// UTF-8 URI text with non-ASCII bytes percent-encoded.
+std::string ToUriText(const wchar_t* text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (char ch : qv::WideToUtf8(text)) {
+    const auto b = static_cast<unsigned char>(ch);
+    if (b < 0x80) {
+      out.push_back(ch);
+    } else {
+      out += '%';
+      out += kHex[b >> 4];
+      out += kHex[b & 0xF];
+    }
+  }
+  return out;
+}
+
+// The local path named by a "file:" URL; empty when the text is not one or names another host.
+std::filesystem::path FileUrlToPath(const wchar_t* url) {
+  auto parsed = boost::urls::parse_uri(ToUriText(url));
+  if (!parsed) return {};
+  const boost::urls::url_view& u = *parsed;
+  std::string scheme(u.scheme());
+  for (auto& c : scheme) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (scheme != "file") return {};
+  const std::string host = u.host();
+  if (!host.empty() && host != "localhost") return {};
+  std::string path = u.path();
+#if defined(_WIN32)
+  // "file:///C:/x" names "C:/x".
+  if (path.size() >= 3 && path[0] == '/' && std::isalpha(static_cast<unsigned char>(path[1])) &&
+      path[2] == ':') {
+    path.erase(0, 1);
+  }
+#endif
+  if (path.empty()) return {};
+  return std::filesystem::path(std::u8string(path.begin(), path.end()));
+}
+
+// A file stream that also reports the file's modification time and a tag made of its size and
+// modification time, so that a changed file gives a different tag.
+class FileUrlReadStream : public qv::io::FileReadStream {
+ public:
+  explicit FileUrlReadStream(TqUSysFile::Handle file) : FileReadStream(file) {}
+  void SetTag(std::string tag, std::optional<std::int64_t> mtime) {
+    m_tag = std::move(tag);
+    m_modified = mtime;
+  }
+
+  qv::io::StreamMetaData MetaData() override {
+    qv::io::StreamMetaData meta = FileReadStream::MetaData();
+    meta.etag = m_tag;
+    meta.modified = m_modified;
+    return meta;
+  }
+
+ private:
+  std::string m_tag;
+  std::optional<std::int64_t> m_modified;
+};
+
+}  // namespace
+
+int TqUFileURL::GetURLType(const wchar_t* name) {
+  if (!name || !IsAsciiAlpha(name[0])) return 0;
+  std::size_t i = 1;
+  while (IsAsciiAlpha(name[i]) || (name[i] >= L'0' && name[i] <= L'9') || name[i] == L'+' ||
+         name[i] == L'-' || name[i] == L'.') {
+    ++i;
+  }
+  // One letter before the colon is a drive ("C:\x"), not a scheme.
+  return name[i] == L':' && i >= 2 ? 1 : 0;
+}
+
+std::unique_ptr<qv::io::IDataReadStream> TqUFileURL::OpenURLReadStream(const wchar_t* url,
+                                                                       qv::stop_token stop) {
+  if (!url || stop.stop_requested()) return nullptr;
+  try {
+    const std::filesystem::path path = FileUrlToPath(url);
+    if (path.empty()) return nullptr;
+    TqUSysFile::Handle file = TqUSysFile::OpenFile(path, TqUSysFile::kAccessRead,
+                                                   TqUSysFile::kShareRead,
+                                                   TqUSysFile::kOpenExisting, 0, 0);
+    if (file == TqUSysFile::kInvalid) return nullptr;
+    std::unique_ptr<FileUrlReadStream> stream;
+    try {
+      stream = std::make_unique<FileUrlReadStream>(file);
+    } catch (...) {
+      TqUSysFile::CloseFile(file);
+      throw;
+    }
+    const std::int64_t size = TqUSysFile::GetFileSize(file);
+    std::optional<std::int64_t> mtime;
+    std::error_code ec;
+    const auto written = std::filesystem::last_write_time(path, ec);
+    if (!ec) {
+      mtime = std::chrono::duration_cast<std::chrono::seconds>(
+                  std::chrono::file_clock::to_sys(written).time_since_epoch())
+                  .count();
+    }
+    std::string tag = std::to_string(size) + "-" + (mtime ? std::to_string(*mtime) : "0");
+    stream->SetTag(std::move(tag), mtime);
+    return stream;
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}

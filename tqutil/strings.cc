@@ -1,0 +1,404 @@
+#include "tqutil/strings.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cwchar>
+#include <cstring>
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+bool IsSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDFFF; }
+
+void AppendUtf8(std::string& out, char32_t c) {
+  if (c > 0x10FFFF || IsSurrogate(c)) c = kReplacement;
+  if (c < 0x80) {
+    out.push_back(static_cast<char>(c));
+  } else if (c < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else if (c < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  }
+}
+
+void AppendWide(std::wstring& out, char32_t c) {
+  if constexpr (sizeof(wchar_t) == 2) {
+    if (c >= 0x10000) {
+      c -= 0x10000;
+      out.push_back(static_cast<wchar_t>(0xD800 + (c >> 10)));
+      out.push_back(static_cast<wchar_t>(0xDC00 + (c & 0x3FF)));
+      return;
+    }
+  }
+  out.push_back(static_cast<wchar_t>(c));
+}
+
+// Decodes one code point at `i`, advancing `i`. Ill-formed input yields U+FFFD for each maximal
+// subpart (the Unicode recommendation), so the number of replacements does not depend on how
+// the decoder happens to be written.
+char32_t DecodeUtf8(std::string_view s, std::size_t& i) {
+  const auto b0 = static_cast<unsigned char>(s[i++]);
+  if (b0 < 0x80) return b0;
+  int extra = 0;
+  unsigned char lo = 0x80, hi = 0xBF;
+  char32_t c = 0;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    extra = 1;
+    c = b0 & 0x1F;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    extra = 2;
+    c = b0 & 0x0F;
+    if (b0 == 0xE0) lo = 0xA0;   // overlong
+    if (b0 == 0xED) hi = 0x9F;   // surrogates
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    extra = 3;
+    c = b0 & 0x07;
+    if (b0 == 0xF0) lo = 0x90;   // overlong
+    if (b0 == 0xF4) hi = 0x8F;   // above U+10FFFF
+  } else {
+    return kReplacement;  // continuation byte or invalid lead
+  }
+  for (int k = 0; k < extra; ++k) {
+    if (i >= s.size()) return kReplacement;
+    const auto b = static_cast<unsigned char>(s[i]);
+    if (b < lo || b > hi) return kReplacement;  // the offending byte starts the next sequence
+    lo = 0x80;
+    hi = 0xBF;
+    c = (c << 6) | (b & 0x3F);
+    ++i;
+  }
+  return c;
+}
+
+// ---- formatting with the Windows wide convention ----
+
+struct Spec {
+  std::string flags;
+  int width = -1;
+  int precision = -1;
+  std::string length;  // "", "hh", "h", "l", "ll", "z", "j", "t", "L", "w"
+  char conv = 0;
+};
+
+std::wstring Pad(std::wstring text, const Spec& spec) {
+  if (spec.precision >= 0 && text.size() > static_cast<std::size_t>(spec.precision)) {
+    text.resize(static_cast<std::size_t>(spec.precision));
+  }
+  if (spec.width > 0 && text.size() < static_cast<std::size_t>(spec.width)) {
+    const std::size_t fill = static_cast<std::size_t>(spec.width) - text.size();
+    if (spec.flags.find('-') != std::string::npos) {
+      text.append(fill, L' ');
+    } else {
+      text.insert(0, fill, L' ');
+    }
+  }
+  return text;
+}
+
+// Formats one numeric conversion through the narrow printf, whose numeric conversions are the
+// same on every system and which reports the length it needs.
+template <typename T>
+bool FormatNumber(std::wstring& out, const Spec& spec, const char* length, T value) {
+  std::string f = "%" + spec.flags;
+  if (spec.width >= 0) f += std::to_string(spec.width);
+  if (spec.precision >= 0) f += "." + std::to_string(spec.precision);
+  f += length;
+  f += spec.conv;
+  char small[128];
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#endif
+  int n = std::snprintf(small, sizeof small, f.c_str(), value);
+  if (n < 0) return false;
+  std::string text;
+  if (static_cast<std::size_t>(n) < sizeof small) {
+    text.assign(small, static_cast<std::size_t>(n));
+  } else {
+    text.resize(static_cast<std::size_t>(n) + 1);
+    n = std::snprintf(text.data(), text.size(), f.c_str(), value);
+    if (n < 0) return false;
+    text.resize(static_cast<std::size_t>(n));
+  }
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+  for (char ch : text) out.push_back(static_cast<wchar_t>(static_cast<unsigned char>(ch)));
+  return true;
+}
+
+bool ParseSpec(const wchar_t*& p, Spec& spec, std::va_list& args) {
+  while (*p && std::wcschr(L"-+ #0", *p)) spec.flags.push_back(static_cast<char>(*p++));
+  if (*p == L'*') {
+    ++p;
+    spec.width = va_arg(args, int);
+    if (spec.width < 0) {
+      spec.flags.push_back('-');
+      spec.width = spec.width == INT32_MIN ? INT32_MAX : -spec.width;
+    }
+  } else {
+    while (*p >= L'0' && *p <= L'9') {
+      if (spec.width < 0) spec.width = 0;
+      if (spec.width > 100000000) return false;
+      spec.width = spec.width * 10 + (*p++ - L'0');
+    }
+  }
+  if (*p == L'.') {
+    ++p;
+    spec.precision = 0;
+    if (*p == L'*') {
+      ++p;
+      spec.precision = va_arg(args, int);
+      if (spec.precision < 0) spec.precision = -1;
+    } else {
+      while (*p >= L'0' && *p <= L'9') {
+        if (spec.precision > 100000000) return false;
+        spec.precision = spec.precision * 10 + (*p++ - L'0');
+      }
+    }
+  }
+  if (p[0] == L'h' && p[1] == L'h') {
+    spec.length = "hh", p += 2;
+  } else if (p[0] == L'l' && p[1] == L'l') {
+    spec.length = "ll", p += 2;
+  } else if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
+    spec.length = "ll", p += 3;
+  } else if (p[0] == L'I' && p[1] == L'3' && p[2] == L'2') {
+    p += 3;
+  } else if (*p == L'I') {
+    spec.length = "z", ++p;
+  } else if (*p && std::wcschr(L"hlzjtLw", *p)) {
+    spec.length = std::string(1, static_cast<char>(*p++));
+  }
+  if (!*p) return false;
+  spec.conv = static_cast<char>(*p++);
+  return true;
+}
+
+bool FormatSigned(std::wstring& out, const Spec& s, std::va_list& args) {
+  const std::string& l = s.length;
+  if (l == "ll") return FormatNumber(out, s, "ll", va_arg(args, long long));
+  if (l == "l") return FormatNumber(out, s, "l", va_arg(args, long));
+  if (l == "z") return FormatNumber(out, s, "ll", static_cast<long long>(va_arg(args, std::ptrdiff_t)));
+  if (l == "t") return FormatNumber(out, s, "ll", static_cast<long long>(va_arg(args, std::ptrdiff_t)));
+  if (l == "j") return FormatNumber(out, s, "ll", static_cast<long long>(va_arg(args, std::intmax_t)));
+  const int v = va_arg(args, int);
+  if (l == "hh") return FormatNumber(out, s, "", static_cast<int>(static_cast<signed char>(v)));
+  if (l == "h") return FormatNumber(out, s, "", static_cast<int>(static_cast<short>(v)));
+  return FormatNumber(out, s, "", v);
+}
+
+bool FormatUnsigned(std::wstring& out, const Spec& s, std::va_list& args) {
+  const std::string& l = s.length;
+  if (l == "ll") return FormatNumber(out, s, "ll", va_arg(args, unsigned long long));
+  if (l == "l") return FormatNumber(out, s, "l", va_arg(args, unsigned long));
+  if (l == "z") return FormatNumber(out, s, "ll", static_cast<unsigned long long>(va_arg(args, std::size_t)));
+  if (l == "t") return FormatNumber(out, s, "ll", static_cast<unsigned long long>(va_arg(args, std::ptrdiff_t)));
+  if (l == "j") return FormatNumber(out, s, "ll", static_cast<unsigned long long>(va_arg(args, std::uintmax_t)));
+  const unsigned v = va_arg(args, unsigned);
+  if (l == "hh") return FormatNumber(out, s, "", static_cast<unsigned>(static_cast<unsigned char>(v)));
+  if (l == "h") return FormatNumber(out, s, "", static_cast<unsigned>(static_cast<unsigned short>(v)));
+  return FormatNumber(out, s, "", v);
+}
+
+bool FormatOne(std::wstring& out, const Spec& s, std::va_list& args) {
+  switch (s.conv) {
+    case 'd':
+    case 'i':
+      return FormatSigned(out, s, args);
+    case 'u':
+    case 'x':
+    case 'X':
+    case 'o':
+      return FormatUnsigned(out, s, args);
+    case 'f':
+    case 'F':
+    case 'e':
+    case 'E':
+    case 'g':
+    case 'G':
+    case 'a':
+    case 'A':
+      if (s.length == "L") return FormatNumber(out, s, "L", va_arg(args, long double));
+      return FormatNumber(out, s, "", va_arg(args, double));
+    case 'p': {
+      Spec p = s;
+      p.length.clear();
+      return FormatNumber(out, p, "", va_arg(args, void*));
+    }
+    case 's':
+    case 'S': {
+      // Windows wide convention: "%s" is wide, "%S" and "%hs" narrow, "%ls"/"%ws" wide.
+      const bool narrow = s.length == "h" || (s.conv == 'S' && s.length != "l" && s.length != "w");
+      if (narrow) {
+        const char* text = va_arg(args, const char*);
+        out += Pad(text ? qv::Utf8ToWide(text) : std::wstring(L"(null)"), s);
+      } else {
+        const wchar_t* text = va_arg(args, const wchar_t*);
+        out += Pad(text ? std::wstring(text) : std::wstring(L"(null)"), s);
+      }
+      return true;
+    }
+    case 'c':
+    case 'C': {
+      const bool narrow = s.length == "h" || (s.conv == 'C' && s.length != "l" && s.length != "w");
+      const int v = va_arg(args, int);
+      Spec c = s;
+      c.precision = -1;
+      if (narrow) {
+        const char ch = static_cast<char>(v);
+        out += Pad(qv::Utf8ToWide(std::string_view(&ch, 1)), c);
+      } else {
+        out += Pad(std::wstring(1, static_cast<wchar_t>(v)), c);
+      }
+      return true;
+    }
+    default:
+      return false;  // unknown conversion, and "%n" (writes through a pointer) is refused
+  }
+}
+
+bool FormatWide(std::wstring& out, const wchar_t* format, std::va_list args) {
+  out.clear();
+  if (!format) return false;
+  std::va_list ap;
+  va_copy(ap, args);
+  bool ok = true;
+  for (const wchar_t* p = format; *p && ok;) {
+    if (*p != L'%') {
+      out.push_back(*p++);
+      continue;
+    }
+    ++p;
+    if (*p == L'%') {
+      out.push_back(L'%');
+      ++p;
+      continue;
+    }
+    Spec spec;
+    ok = ParseSpec(p, spec, ap) && FormatOne(out, spec, ap);
+  }
+  va_end(ap);
+  if (!ok) out.clear();
+  return ok;
+}
+
+bool IsSpace(wchar_t c) {
+  return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n' || c == L'\v' || c == L'\f';
+}
+
+}  // namespace
+
+namespace qv {
+
+std::string WideToUtf8(std::wstring_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    auto c = static_cast<char32_t>(text[i]);
+    if constexpr (sizeof(wchar_t) == 2) {
+      c &= 0xFFFF;
+      if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size()) {
+        const auto d = static_cast<char32_t>(text[i + 1]) & 0xFFFF;
+        if (d >= 0xDC00 && d <= 0xDFFF) {
+          c = 0x10000 + ((c - 0xD800) << 10) + (d - 0xDC00);
+          ++i;
+        }
+      }
+    }
+    AppendUtf8(out, c);
+  }
+  return out;
+}
+
+std::wstring Utf8ToWide(std::string_view text) {
+  std::wstring out;
+  out.reserve(text.size());
+  std::size_t i = 0;
+  while (i < text.size()) AppendWide(out, DecodeUtf8(text, i));
+  return out;
+}
+
+}  // namespace qv
+
+TqUWideString::TqUWideString(const wchar_t* text) : m_text(text ? text : L"") {}
+TqUWideString::TqUWideString(std::wstring_view text) : m_text(text) {}
+
+void TqUWideString::SetString(const wchar_t* text) { m_text = text ? text : L""; }
+
+bool TqUWideString::Equal(const wchar_t* a, const wchar_t* b) {
+  return std::wstring_view(a ? a : L"") == std::wstring_view(b ? b : L"");
+}
+
+bool TqUWideStringBuffer::Format(const wchar_t* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  const bool ok = FormatV(format, args);
+  va_end(args);
+  return ok;
+}
+
+bool TqUWideStringBuffer::FormatV(const wchar_t* format, std::va_list args) {
+  return FormatWide(m_text, format, args);
+}
+
+void TqUWideStringBuffer::SetUTF8String(std::string_view utf8) { m_text = qv::Utf8ToWide(utf8); }
+
+std::string TqUWideStringBuffer::ExtractUTF8String() const { return qv::WideToUtf8(m_text); }
+
+void TqUWideStringBuffer::ExtractUTF8String(TqUStringBuffer* out) const {
+  if (!out) return;
+  out->Clear();
+  out->Append(qv::WideToUtf8(m_text));
+}
+
+void TqUWideStringBuffer::Trim() {
+  std::size_t end = m_text.size();
+  while (end > 0 && IsSpace(m_text[end - 1])) --end;
+  std::size_t start = 0;
+  while (start < end && IsSpace(m_text[start])) ++start;
+  m_text = m_text.substr(start, end - start);
+}
+
+bool TqUWideStringBuffer::HasPrefix(std::wstring_view prefix) const {
+  return std::wstring_view(m_text).substr(0, prefix.size()) == prefix;
+}
+
+TqUWideString TqUWideStringBuffer::ExtractSubString(std::size_t start, std::size_t count) const {
+  if (start >= m_text.size()) return TqUWideString();
+  return TqUWideString(std::wstring_view(m_text).substr(start, count));
+}
+
+TqUWideStringTokeniser::TqUWideStringTokeniser(std::wstring_view text, std::wstring_view delimiters)
+    : m_text(text), m_delimiters(delimiters), m_done(text.empty()) {}
+
+bool TqUWideStringTokeniser::GetNextToken(TqUWideStringBuffer* token) {
+  if (m_done) return false;
+  const std::size_t end = m_text.find_first_of(m_delimiters, m_pos);
+  const std::wstring_view rest = std::wstring_view(m_text).substr(m_pos);
+  if (end == std::wstring::npos) {
+    if (token) token->SetString(rest);
+    m_done = true;
+  } else {
+    if (token) token->SetString(rest.substr(0, end - m_pos));
+    m_pos = end + 1;
+  }
+  return true;
+}
+
+std::size_t TqUSysString::WideStrlen(const wchar_t* text) { return text ? std::wcslen(text) : 0; }
+
+std::wstring TqUFormatWideV(const wchar_t* format, std::va_list args) {
+  std::wstring out;
+  FormatWide(out, format, args);
+  return out;
+}
