@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -51,11 +52,12 @@ namespace qv::net {
 
 class thread_pool {
  public:
-  // `thread_count` threads, or the hardware thread count when empty; 0 starts none (tasks then
-  // wait until the pool is destroyed, when their futures break). Throws std::system_error when
-  // a thread cannot be started, after stopping the threads already started.
+  // `thread_count` threads, or the hardware thread count when empty (1 when the platform cannot
+  // tell); 0 starts none (tasks then wait until the pool is destroyed, when their futures
+  // break). Throws std::system_error when a thread cannot be started: the threads already
+  // started are told to stop, woken and joined before the exception leaves.
   explicit thread_pool(std::optional<std::uint32_t> thread_count = std::nullopt);
-  // Running tasks finish; queued tasks are dropped and their futures report broken_promise.
+  // Shutdown(); then queued tasks are dropped and their futures report broken_promise.
   // Must not run on one of the pool's own threads.
   ~thread_pool();
   thread_pool(const thread_pool&) = delete;
@@ -71,6 +73,12 @@ class thread_pool {
   }
 
   std::size_t ThreadCount() const { return m_threads.size(); }
+
+  // Stops taking tasks and waits for the running ones to end; returns when every worker has
+  // ended. Queued tasks stay queued (never run) until the pool is destroyed. Idempotent; call
+  // from one thread, never from one of the pool's own tasks (std::system_error, deadlock).
+  // TerminateHttp calls it before it releases the transport, so that no task outlives it.
+  void Shutdown();
 
  private:
   // Joins every joinable thread, in start order, when destroyed.
@@ -96,9 +104,19 @@ class thread_pool {
   joiner m_joiner{m_threads};
 };
 
-// The process-wide pool: null before InitialiseHttp and after TerminateHttp. The slot owns it.
+// The process-wide pool: null before InitialiseHttp and after TerminateHttp. The slot owns it
+// (a pool still installed when the library is unloaded is destroyed then).
 thread_pool* WorkerThreadPool();
-// Installs `pool` and returns the one it replaces (which the caller then destroys).
+// Installs `pool` and returns the one it replaces (which the caller then destroys). Plain
+// variable: called only while no task is submitted.
 std::unique_ptr<thread_pool> ExchangeWorkerThreadPool(std::unique_ptr<thread_pool> pool);
+
+namespace detail {
+// Called before each worker thread is started, with its index; a hook that throws stands for a
+// thread the platform could not start. An empty function removes it. Set while no pool is
+// being built.
+using ThreadStartHook = std::function<void(std::uint32_t index)>;
+ThreadStartHook SetThreadStartHookForTesting(ThreadStartHook hook);
+}  // namespace detail
 
 }  // namespace qv::net

@@ -1,0 +1,68 @@
+#include "net/stream/open_file_or_url.h"
+
+#include <filesystem>
+#include <utility>
+
+#include "net/cache/url_cache.h"
+#include "net/stream/stream_copy.h"
+#include "net/stream/thread_pool.h"
+
+namespace qv::net {
+namespace {
+
+using StreamPtr = std::unique_ptr<qv::io::IDataSeekableReadStream>;
+
+std::future<StreamPtr> ReadyFuture(StreamPtr stream) {
+  std::promise<StreamPtr> promise;
+  promise.set_value(std::move(stream));
+  return promise.get_future();
+}
+
+// The future of a task that will never run: the same broken promise as a task dropped when
+// the pool shuts down, so a host handles both alike.
+std::future<StreamPtr> BrokenFuture() {
+  std::future<StreamPtr> future;
+  {
+    std::promise<StreamPtr> promise;
+    future = promise.get_future();
+  }
+  return future;
+}
+
+std::filesystem::path LocalPath(const std::wstring& name) {
+  // Wide text is UTF-16 or UTF-32; the path is built from UTF-8 so that it names the same file
+  // whatever the process's locale is.
+  if constexpr (sizeof(std::filesystem::path::value_type) == sizeof(wchar_t)) {
+    return std::filesystem::path(name);
+  } else {
+    const std::string utf8 = qv::WideToUtf8(name);
+    return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
+  }
+}
+
+}  // namespace
+
+StreamPtr OpenFileOrUrl(std::wstring_view name, int flags, qv::stop_token stop) {
+  if (stop.stop_requested()) return nullptr;
+  // GetURLType reads up to a NUL; a view need not end at one.
+  const std::wstring text(name);
+  if (TqUFileURL::GetURLType(text.c_str()) == 0) {
+    return qv::io::FileReadStream::Create(LocalPath(text));
+  }
+  if (IUrlCache* cache = CacheSystem()) return cache->OpenUrl(text, flags, std::move(stop));
+  return ReadUrlIntoMemory(text, std::move(stop));
+}
+
+std::future<StreamPtr> OpenFileOrUrlAsync(std::wstring name, int flags, qv::stop_token stop) {
+  if (TqUFileURL::GetURLType(name.c_str()) == 0) {
+    // Local files never wait behind network work; an exception reaches the caller directly.
+    return ReadyFuture(OpenFileOrUrl(name, flags, std::move(stop)));
+  }
+  thread_pool* pool = WorkerThreadPool();
+  if (pool == nullptr) return BrokenFuture();
+  return pool->submit([name = std::move(name), flags, stop = std::move(stop)]() {
+    return OpenFileOrUrl(name, flags, stop);
+  });
+}
+
+}  // namespace qv::net

@@ -1,0 +1,99 @@
+#include "net/stream/stream_copy.h"
+
+#include <exception>
+#include <limits>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "net/stream/read_stream.h"
+
+namespace qv::net {
+namespace {
+
+// The log takes NUL-terminated pieces; an exception without text is named as such.
+const char* ExceptionText(const std::exception& e) {
+  const char* text = e.what();
+  return (text == nullptr || *text == '\0') ? "Unknown exception" : text;
+}
+
+// One line: prefix, URL, ": ", the exception's text, "\n".
+void LogUrlFailure(const char* prefix, const std::wstring& url, const std::exception& e) {
+  TqUSysError::LogUTF8String(prefix);
+  TqUError::LogWideString(url.c_str());
+  TqUSysError::LogUTF8String(": ");
+  TqUSysError::LogUTF8String(ExceptionText(e));
+  TqUSysError::LogUTF8String("\n");
+}
+
+}  // namespace
+
+bool IsHttpUrl(std::wstring_view url) {
+  if (url.size() >= 6 && url.substr(0, 6) == L"https:") return true;
+  if (url.size() < 5) return false;
+  return url.substr(0, 5) == L"http:";
+}
+
+CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
+                            qv::stop_token stop) {
+  // One zero-filled buffer per call, released when the call ends.
+  const auto buffer = std::make_unique<std::uint8_t[]>(kCopyChunkSize);
+  CopyStreamResult result;
+  try {
+    for (;;) {
+      const std::uint64_t n = source.Read(buffer.get(), kCopyChunkSize);
+      if (n != 0) {
+        result.bytes_copied += n;
+        target.Write(buffer.get(), n);
+      }
+      // Looked at only between chunks, so a stop never cuts a chunk in half.
+      if (stop.stop_requested()) return result;
+      if (n == 0) {
+        result.completed = true;
+        return result;
+      }
+    }
+  } catch (const std::runtime_error& e) {
+    TqUSysError::LogUTF8String("Failed to read or write stream in CopyStream: ");
+    TqUSysError::LogUTF8String(ExceptionText(e));
+    TqUSysError::LogUTF8String("\n");
+    result.completed = false;
+    return result;
+  }
+}
+
+std::unique_ptr<qv::io::IDataReadStream> OpenUrlReadStream(std::wstring_view url,
+                                                           qv::stop_token stop) {
+  const std::wstring text(url);
+  try {
+    if (IsHttpUrl(text)) return HttpReadStream::Open(text, 0, std::move(stop));
+    return TqUFileURL::OpenURLReadStream(text.c_str(), std::move(stop));
+  } catch (const std::runtime_error& e) {
+    LogUrlFailure("Failed to open stream for URL: ", text, e);
+    return nullptr;
+  }
+}
+
+std::unique_ptr<qv::io::MemoryStream> ReadUrlIntoMemory(std::wstring_view url,
+                                                        qv::stop_token stop) {
+  const std::wstring text(url);
+  try {
+    std::unique_ptr<qv::io::IDataReadStream> source = OpenUrlReadStream(text, stop);
+    if (!source) return nullptr;
+    const std::uint64_t expected = source->MetaData().size.value_or(0);
+    if (expected > std::numeric_limits<std::size_t>::max()) throw std::bad_alloc();
+    auto memory = std::make_unique<qv::io::MemoryStream>(static_cast<std::size_t>(expected));
+    const CopyStreamResult copied = CopyStream(*source, *memory, std::move(stop));
+    source.reset();
+    if (!copied.completed) return nullptr;
+    memory->RSeek(0, qv::io::StreamPosition::Begin);
+    return memory;
+  } catch (const std::exception& e) {
+    LogUrlFailure("Failed to read URL: ", text, e);
+    return nullptr;
+  }
+}
+
+}  // namespace qv::net

@@ -1,0 +1,105 @@
+#include "net/stream/thread_pool.h"
+
+#include <algorithm>
+
+namespace qv::net {
+namespace {
+
+// The process-wide slot. It owns its pool, so a pool left installed is shut down at unload.
+std::unique_ptr<thread_pool> g_worker_pool;
+
+detail::ThreadStartHook& StartHook() {
+  static detail::ThreadStartHook hook;
+  return hook;
+}
+
+}  // namespace
+
+thread_pool::joiner::~joiner() {
+  for (std::thread& thread : m_threads) {
+    if (thread.joinable()) thread.join();
+  }
+}
+
+thread_pool::thread_pool(std::optional<std::uint32_t> thread_count) {
+  // hardware_concurrency() may answer 0 ("unknown"); a pool that never runs anything would then
+  // hang every future, so one thread is the floor of the default.
+  const std::uint32_t count =
+      thread_count ? *thread_count : std::max(1u, std::thread::hardware_concurrency());
+  try {
+    m_threads.reserve(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      if (const detail::ThreadStartHook& hook = StartHook()) hook(i);
+      m_threads.emplace_back(&thread_pool::WorkerLoop, this);
+    }
+  } catch (...) {
+    // Workers already started may be waiting for a task: m_done alone would not wake them, and
+    // the joiner (destroyed as the exception leaves) would wait for ever.
+    m_done = true;
+    StopQueue();
+    throw;
+  }
+}
+
+thread_pool::~thread_pool() {
+  StopQueue();
+  m_done = true;
+  // The members go in reverse order: m_joiner joins the workers before the queue (and with it
+  // every task that never ran, breaking its promise) is destroyed.
+}
+
+void thread_pool::Shutdown() {
+  StopQueue();
+  m_done = true;
+  for (std::thread& thread : m_threads) {
+    if (thread.joinable()) thread.join();
+  }
+}
+
+void thread_pool::StopQueue() {
+  m_queue_stopped = true;
+  // Waking under the lock: a worker that tested the flag before it was set is already waiting
+  // when the wake-up comes, so none is missed.
+  std::lock_guard lock(m_queue_mutex);
+  m_queue_cv.notify_all();
+}
+
+void thread_pool::Enqueue(vemo::function_wrapper task) {
+  std::lock_guard lock(m_queue_mutex);
+  m_queue.push_back(std::move(task));
+  m_queue_cv.notify_one();
+}
+
+void thread_pool::WorkerLoop() {
+  if (m_done) return;
+  for (;;) {
+    vemo::function_wrapper task;
+    {
+      std::unique_lock lock(m_queue_mutex);
+      m_queue_cv.wait(lock, [this] { return m_queue_stopped || !m_queue.empty(); });
+      // A stopped queue is left even with tasks in it: those are dropped with the pool.
+      if (m_queue_stopped) return;
+      task = std::move(m_queue.front());
+      m_queue.pop_front();
+    }
+    // A packaged task keeps its callable's exception for the future; nothing escapes here.
+    task();
+    task = vemo::function_wrapper();
+    if (m_done) return;
+  }
+}
+
+thread_pool* WorkerThreadPool() { return g_worker_pool.get(); }
+
+std::unique_ptr<thread_pool> ExchangeWorkerThreadPool(std::unique_ptr<thread_pool> pool) {
+  g_worker_pool.swap(pool);
+  return pool;
+}
+
+namespace detail {
+ThreadStartHook SetThreadStartHookForTesting(ThreadStartHook hook) {
+  return std::exchange(StartHook(), std::move(hook));
+}
+}  // namespace detail
+
+}  // namespace qv::net
