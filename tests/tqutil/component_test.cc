@@ -1,0 +1,50 @@
+#include "tqutil/component.h"
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(ComponentTest, OnlyTheOuterInitialiseAndTerminateDoTheWork) {
+  TqUComponent c;
+  EXPECT_FALSE(c.IsInitialised());
+  EXPECT_EQ(c.GetName(), L"");
+  EXPECT_FALSE(c.Terminate());  // not initialised
+  EXPECT_TRUE(c.Initialise(L"First"));
+  EXPECT_FALSE(c.Initialise(L"Second"));
+  EXPECT_EQ(c.GetName(), L"First");
+  EXPECT_FALSE(c.Terminate());
+  EXPECT_TRUE(c.IsInitialised());
+  EXPECT_TRUE(c.Terminate());
+  EXPECT_FALSE(c.IsInitialised());
+  EXPECT_FALSE(c.Terminate());
+  EXPECT_TRUE(c.Initialise(nullptr));
+  EXPECT_EQ(c.GetName(), L"");
+}
+
+TEST(ComponentTest, ExactlyOneThreadDoesTheWork) {
+  TqUComponent c;
+  std::atomic<int> inits{0}, terms{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      for (int k = 0; k < 100; ++k) inits += c.Initialise(L"x");
+    });
+  }
+  for (auto& t : threads) t.join();
+  threads.clear();
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      for (int k = 0; k < 100; ++k) terms += c.Terminate();
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(inits, 1);
+  EXPECT_EQ(terms, 1);
+  EXPECT_FALSE(c.IsInitialised());
+}
+
+}  // namespace
