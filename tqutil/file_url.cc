@@ -34,7 +34,8 @@ std::string ToUriText(const wchar_t* text) {
 
 // The local path named by a "file:" URL; empty when the text is not one or names another host.
 std::filesystem::path FileUrlToPath(const wchar_t* url) {
-  auto parsed = boost::urls::parse_uri(ToUriText(url));
+  const std::string uri = ToUriText(url);  // the parsed view points into it
+  auto parsed = boost::urls::parse_uri(uri);
   if (!parsed) return {};
   const boost::urls::url_view& u = *parsed;
   std::string scheme(u.scheme());

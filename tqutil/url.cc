@@ -45,6 +45,17 @@ std::uint16_t DefaultPort(std::wstring_view scheme) {
   return 0;
 }
 
+// RFC 3986 remove_dot_segments drops ".." segments that would climb above the root
+// ("http://a/../g" is "http://a/g"); this parser keeps them, so they are dropped here.
+void DropLeadingDotDots(urls::url& u) {
+  std::string_view path = u.encoded_path();
+  if (path.substr(0, 3) != "/.." || (path.size() > 3 && path[3] != '/')) return;
+  while (path.substr(0, 3) == "/.." && (path.size() == 3 || path[3] == '/')) {
+    path.remove_prefix(3);
+  }
+  u.set_encoded_path(path.empty() ? std::string("/") : std::string(path));
+}
+
 }  // namespace
 
 struct TqUURL::Impl {
@@ -58,8 +69,14 @@ struct TqUURL::Impl {
     original = input ? input : L"";
     url.reset();
     try {
-      auto r = urls::parse_uri_reference(ToUriText(input));
-      if (r) url.emplace(*r);
+      const std::string uri = ToUriText(input);  // the parsed view points into it
+      auto r = urls::parse_uri_reference(uri);
+      // After an authority the path must be empty or start with "/"; the parser lets
+      // "http://h:80x/" through as port 80 and path "x/", which is not a URL.
+      if (r && !(r->has_authority() && !r->encoded_path().empty() &&
+                 r->encoded_path().front() != '/')) {
+        url.emplace(*r);
+      }
     } catch (const std::exception&) {
       url.reset();
     }
@@ -91,9 +108,15 @@ struct TqUURL::Impl {
   }
 
   bool PortIsValid() const {
-    if (!url || !url->has_port() || url->port().empty()) return true;
-    // Boost.URL gives 0 for a port that does not fit in 16 bits.
-    return url->port_number() != 0 || url->port().find_first_not_of('0') == std::string_view::npos;
+    if (!url || !url->has_port()) return true;
+    // The parser wraps values above 65535 instead of refusing them.
+    unsigned long value = 0;
+    for (char c : url->port()) {
+      if (c < '0' || c > '9') return false;
+      value = value * 10 + static_cast<unsigned long>(c - '0');
+      if (value > 65535) return false;
+    }
+    return true;
   }
 };
 
@@ -138,6 +161,7 @@ bool TqUURL::Normalize() {
   if (!m_impl || !m_impl->url) return false;
   try {
     m_impl->url->normalize();
+    DropLeadingDotDots(*m_impl->url);
   } catch (const std::exception&) {
     return false;
   }
@@ -211,6 +235,7 @@ bool TqUURL::ResolveRelative(const TqUURL& base, const TqUURL& relative, TqUURL&
   try {
     urls::url dest;
     if (!urls::resolve(*b.url, *r.url, dest)) return false;
+    DropLeadingDotDots(dest);
     auto impl = std::make_unique<Impl>();
     impl->url.emplace(std::move(dest));
     impl->original = AsciiToWide(impl->url->buffer());

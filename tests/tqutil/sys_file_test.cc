@@ -1,0 +1,226 @@
+#include "tqutil/sys_file.h"
+
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/tqutil/temp_dir.h"
+
+namespace {
+
+using F = TqUSysFile;
+
+// A file handle closed at the end of the scope.
+struct Open {
+  F::Handle h;
+  Open(const std::filesystem::path& p, std::uint32_t access, std::uint32_t share,
+       std::uint32_t creation)
+      : h(F::OpenFile(p, access, share, creation, 0, 0)) {}
+  ~Open() {
+    if (h) F::CloseFile(h);
+  }
+  Open(const Open&) = delete;
+  Open& operator=(const Open&) = delete;
+  explicit operator bool() const { return h != nullptr; }
+};
+
+Open Reader(const std::filesystem::path& p) { return {p, F::kAccessRead, F::kShareRead, F::kOpenExisting}; }
+Open Creator(const std::filesystem::path& p) { return {p, F::kAccessWrite, F::kShareNone, F::kCreateAlways}; }
+Open Rewriter(const std::filesystem::path& p) {
+  return {p, F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite};
+}
+
+void WriteText(const std::filesystem::path& p, const std::string& text) {
+  std::ofstream(p, std::ios::binary) << text;
+}
+
+std::string ReadText(const std::filesystem::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A child process that holds a file open until told to let go. Pipes, not sleeps, order the two
+// processes.
+class Holder {
+ public:
+  Holder(const std::filesystem::path& path, std::uint32_t access, std::uint32_t share,
+         std::uint32_t creation, const std::string& write) {
+    int ready[2], release[2];
+    if (::pipe(ready) != 0 || ::pipe(release) != 0) throw std::runtime_error("pipe");
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      ::close(ready[0]);
+      ::close(release[1]);
+      F::Handle h = F::OpenFile(path, access, share, creation, 0, 0);
+      char ok = h ? '1' : '0';
+      if (h && !write.empty()) {
+        std::uint64_t n = 0;
+        if (!F::WriteFile(h, write.data(), write.size(), &n)) ok = '0';
+      }
+      if (::write(ready[1], &ok, 1) != 1) ::_exit(2);
+      char c;
+      while (::read(release[0], &c, 1) < 0) {
+      }
+      if (h) F::CloseFile(h);
+      ::_exit(0);
+    }
+    ::close(ready[1]);
+    ::close(release[0]);
+    m_release = release[1];
+    char ok = 0;
+    m_opened = ::read(ready[0], &ok, 1) == 1 && ok == '1';
+    ::close(ready[0]);
+  }
+  ~Holder() { Release(); }
+  bool Opened() const { return m_opened; }
+  void Release() {
+    if (m_pid <= 0) return;
+    ::close(m_release);
+    int status = 0;
+    ::waitpid(m_pid, &status, 0);
+    m_pid = -1;
+  }
+
+ private:
+  pid_t m_pid = -1;
+  int m_release = -1;
+  bool m_opened = false;
+};
+
+TEST(SysFileTest, SharingWithinOneProcess) {
+  tq::test::TempDir dir;
+  const auto path = dir / "entry";
+  WriteText(path, "body");
+  {
+    Open r1 = Reader(path);
+    Open r2 = Reader(path);
+    ASSERT_TRUE(r1);
+    EXPECT_TRUE(r2) << "readers coexist";
+    EXPECT_FALSE(Rewriter(path)) << "a writer is refused while readers hold the file";
+    EXPECT_FALSE(Creator(path));
+    EXPECT_EQ(ReadText(path), "body") << "a refused creator must not empty the file";
+  }
+  {
+    Open w = Rewriter(path);
+    ASSERT_TRUE(w);
+    EXPECT_FALSE(Reader(path)) << "a reader is refused while a writer holds the file";
+    EXPECT_FALSE(Rewriter(path));
+    Open exclusive_reader(path, F::kAccessRead, F::kShareNone, F::kOpenExisting);
+    EXPECT_FALSE(exclusive_reader);
+  }
+  Open after = Reader(path);
+  EXPECT_TRUE(after) << "closing releases the lock";
+  Open exclusive_reader(path, F::kAccessRead, F::kShareNone, F::kOpenExisting);
+  EXPECT_FALSE(exclusive_reader) << "an exclusive reader is refused while another reads";
+}
+
+TEST(SysFileTest, SharingBetweenProcesses) {
+  tq::test::TempDir dir;
+  const auto path = dir / "entry.tmp";
+  {
+    Holder writer(path, F::kAccessWrite, F::kShareNone, F::kCreateAlways, "winner's body");
+    ASSERT_TRUE(writer.Opened());
+    EXPECT_FALSE(Reader(path)) << "the writer in the other process excludes readers";
+    // Regression: the loser of a race for the same temporary file must not truncate the
+    // winner's half-written body.
+    EXPECT_FALSE(Creator(path));
+    EXPECT_EQ(ReadText(path), "winner's body");
+    writer.Release();
+    Open reader = Reader(path);
+    EXPECT_TRUE(reader);
+  }
+  {
+    Holder reader(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, "");
+    ASSERT_TRUE(reader.Opened());
+    EXPECT_TRUE(Reader(path)) << "readers in two processes coexist";
+    EXPECT_FALSE(Rewriter(path)) << "a reader in another process excludes writers";
+    EXPECT_FALSE(Creator(path));
+    EXPECT_EQ(ReadText(path), "winner's body");
+  }
+  Open creator = Creator(path);
+  ASSERT_TRUE(creator);
+  EXPECT_EQ(F::GetFileSize(creator.h), 0) << "create-always empties the file once it holds it";
+}
+
+TEST(SysFileTest, CreationModesAndBadArguments) {
+  tq::test::TempDir dir;
+  const auto path = dir / "f";
+  EXPECT_FALSE(Reader(path)) << "missing file";
+  EXPECT_FALSE(Rewriter(path)) << "missing file";
+  EXPECT_FALSE(Reader(dir.Path())) << "a directory is not a file";
+  EXPECT_FALSE(Rewriter(dir.Path()));
+  EXPECT_FALSE(Open(dir / "no" / "such", F::kAccessWrite, F::kShareNone, F::kCreateAlways));
+  {
+    Open a(path, F::kAccessWrite, F::kShareNone, F::kOpenAlways);
+    ASSERT_TRUE(a);
+    std::uint64_t n = 0;
+    ASSERT_TRUE(F::WriteFile(a.h, "hello", 5, &n));
+    EXPECT_EQ(n, 5u);
+  }
+  {
+    Open keep(path, F::kAccessWrite, F::kShareNone, F::kOpenAlways);
+    EXPECT_EQ(F::GetFileSize(keep.h), 5);
+  }
+  {
+    Open rewrite = Rewriter(path);
+    ASSERT_TRUE(rewrite);
+    std::uint64_t n = 0;
+    ASSERT_TRUE(F::WriteFile(rewrite.h, "J", 1, &n));
+  }
+  EXPECT_EQ(ReadText(path), "Jello");
+  EXPECT_EQ(F::OpenFile(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, 1, 0), nullptr);
+  EXPECT_EQ(F::OpenFile(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 1), nullptr);
+  EXPECT_EQ(F::OpenFile(path, F::kAccessRead, F::kShareRead, 0, 0, 0), nullptr);
+  EXPECT_EQ(F::OpenFile(path, 7, F::kShareRead, F::kOpenExisting, 0, 0), nullptr);
+
+  // Null and foreign handles are refused, not followed.
+  char buffer[4];
+  std::uint64_t n = 99;
+  auto* foreign = reinterpret_cast<F::Handle>(buffer);
+  EXPECT_FALSE(F::ReadFile(nullptr, buffer, 4, &n));
+  EXPECT_EQ(n, 0u);
+  EXPECT_FALSE(F::ReadFile(foreign, buffer, 4, &n));
+  EXPECT_FALSE(F::WriteFile(foreign, buffer, 4, &n));
+  EXPECT_EQ(F::SeekFile(foreign, 0, 0), -1);
+  EXPECT_EQ(F::GetFileSize(nullptr), -1);
+  EXPECT_FALSE(F::CloseFile(foreign));
+  F::Handle h = F::OpenFile(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0);
+  ASSERT_TRUE(h);
+  EXPECT_TRUE(F::CloseFile(h));
+  EXPECT_FALSE(F::CloseFile(h)) << "a closed handle is refused";
+}
+
+TEST(SysFileTest, ReadSeekLargeOffsetsAndFullDisk) {
+  tq::test::TempDir dir;
+  const auto path = dir / "big";
+  Open w = Creator(path);
+  ASSERT_TRUE(w);
+  const std::int64_t far = (std::int64_t{1} << 32) + 10;  // beyond 32-bit offsets (sparse)
+  ASSERT_EQ(F::SeekFile(w.h, far, 0), far);
+  std::uint64_t n = 0;
+  ASSERT_TRUE(F::WriteFile(w.h, "xyz", 3, &n));
+  EXPECT_EQ(F::GetFileSize(w.h), far + 3);
+  EXPECT_EQ(F::SeekFile(w.h, -3, 2), far);
+  char buffer[8] = {};
+  ASSERT_TRUE(F::ReadFile(w.h, buffer, sizeof buffer, &n));
+  EXPECT_EQ(n, 3u);
+  EXPECT_EQ(std::string(buffer, 3), "xyz");
+  ASSERT_TRUE(F::ReadFile(w.h, buffer, sizeof buffer, &n));
+  EXPECT_EQ(n, 0u) << "0 bytes at the end";
+  EXPECT_EQ(F::SeekFile(w.h, 1, 1), far + 4);
+  EXPECT_EQ(F::SeekFile(w.h, -1, 0), -1);
+  EXPECT_EQ(F::SeekFile(w.h, 0, 3), -1);
+
+  if (std::filesystem::exists("/dev/full")) {
+    Open full("/dev/full", F::kAccessWrite, F::kShareRead, F::kOpenExistingWrite);
+    ASSERT_TRUE(full);
+    EXPECT_FALSE(F::WriteFile(full.h, "data", 4, &n)) << "a full disk fails the write";
+    EXPECT_EQ(n, 0u);
+  }
+}
+
+}  // namespace
