@@ -1,0 +1,338 @@
+#include "platform/http_headers.h"
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "platform/http_date.h"
+#include "platform/wide_text.h"
+
+namespace tqplatform {
+namespace {
+
+std::string_view TrimLineEnd(std::string_view line) {
+  if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  return line;
+}
+
+std::string_view TrimSpace(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+  return s;
+}
+
+bool IsTokenChar(char c) {
+  const auto u = static_cast<unsigned char>(c);
+  return u > 0x20 && u < 0x7F && std::strchr("()<>@,;:\\\"/[]?={}", c) == nullptr;
+}
+
+// HTTP-version SP 3DIGIT [SP reason-phrase]
+bool ParseStatusLine(std::string_view line, std::string* version, int* code, std::string* text) {
+  if (line.substr(0, 5) != "HTTP/") return false;
+  const auto space = line.find(' ');
+  if (space == std::string_view::npos) return false;
+  std::string_view rest = line.substr(space + 1);
+  while (!rest.empty() && rest.front() == ' ') rest.remove_prefix(1);
+  if (rest.size() < 3) return false;
+  int value = 0;
+  for (int i = 0; i < 3; ++i) {
+    if (rest[static_cast<std::size_t>(i)] < '0' || rest[static_cast<std::size_t>(i)] > '9') return false;
+    value = value * 10 + (rest[static_cast<std::size_t>(i)] - '0');
+  }
+  if (rest.size() > 3 && rest[3] != ' ') return false;
+  *version = std::string(line.substr(0, space));
+  *code = value;
+  *text = std::string(TrimSpace(rest.substr(3)));
+  return true;
+}
+
+// Header names of the levels, indexed by level; null where the level is not a plain header.
+constexpr const char* kLevelNames[] = {
+    "MIME-Version",          // 0
+    "Content-Type",          // 1
+    "Content-Transfer-Encoding",
+    "Content-ID",
+    "Content-Description",
+    "Content-Length",        // 5
+    "Content-Language",
+    "Allow",
+    "Public",
+    "Date",
+    "Expires",               // 10
+    "Last-Modified",
+    "Message-ID",
+    "URI",
+    "Derived-From",
+    "Cost",                  // 15
+    "Link",
+    "Pragma",
+    nullptr,                 // 18 VERSION
+    nullptr,                 // 19 STATUS_CODE
+    nullptr,                 // 20 STATUS_TEXT
+    nullptr,                 // 21 RAW_HEADERS
+    nullptr,                 // 22 RAW_HEADERS_CRLF
+    "Connection",
+    "Accept",
+    "Accept-Charset",        // 25
+    "Accept-Encoding",
+    "Accept-Language",
+    "Authorization",
+    "Content-Encoding",
+    "Forwarded",             // 30
+    "From",
+    "If-Modified-Since",
+    "Location",
+    "Orig-URI",
+    "Referer",               // 35
+    "Retry-After",
+    "Server",
+    "Title",
+    "User-Agent",
+    "WWW-Authenticate",      // 40
+    "Proxy-Authenticate",
+    "Accept-Ranges",
+    "Set-Cookie",
+    "Cookie",
+    nullptr,                 // 45 REQUEST_METHOD
+    "Refresh",
+    "Content-Disposition",
+    "Age",
+    "Cache-Control",
+    "Content-Base",          // 50
+    "Content-Location",
+    "Content-MD5",
+    "Content-Range",
+    "ETag",
+    "Host",                  // 55
+    "If-Match",
+    "If-None-Match",
+    "If-Range",
+    "If-Unmodified-Since",
+    "Max-Forwards",          // 60
+    "Proxy-Authorization",
+    "Range",
+    "Transfer-Encoding",
+    "Upgrade",
+    "Vary",                  // 65
+    "Via",
+    "Warning",
+    "Expect",
+    "Proxy-Connection",
+    "Unless-Modified-Since",  // 70
+    nullptr,                  // 71 ECHO_REQUEST
+    nullptr,                  // 72 ECHO_REPLY
+    nullptr,                  // 73 ECHO_HEADERS
+    nullptr,                  // 74 ECHO_HEADERS_CRLF
+    "Proxy-Support",          // 75
+    "Authentication-Info",
+    nullptr,                  // 77 PASSPORT_URLS
+    nullptr,                  // 78 PASSPORT_CONFIG
+};
+static_assert(std::size(kLevelNames) == HTTP_QUERY_MAX + 1);
+
+DWORD WriteText(std::string_view bytes, void* buffer, DWORD* buffer_length) {
+  const std::wstring text = Latin1ToWide(bytes);
+  // Lengths count 2 bytes per character so that both systems report the same numbers.
+  const std::uint64_t needed = (static_cast<std::uint64_t>(text.size()) + 1) * 2;
+  if (needed > std::numeric_limits<DWORD>::max()) return ERROR_NOT_ENOUGH_MEMORY;
+  if (buffer == nullptr || *buffer_length < needed) {
+    *buffer_length = static_cast<DWORD>(needed);
+    return ERROR_INSUFFICIENT_BUFFER;
+  }
+  auto* out = static_cast<wchar_t*>(buffer);
+  std::memcpy(out, text.data(), text.size() * sizeof(wchar_t));
+  out[text.size()] = L'\0';
+  *buffer_length = static_cast<DWORD>(text.size() * 2);
+  return ERROR_SUCCESS;
+}
+
+// Decimal digits after optional white space; refuses no digits and overflow.
+bool ParseUnsigned(std::string_view text, std::uint64_t max, std::uint64_t* out) {
+  text = TrimSpace(text);
+  if (text.empty()) return false;
+  std::uint64_t value = 0;
+  std::size_t i = 0;
+  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+    const auto digit = static_cast<std::uint64_t>(text[i] - '0');
+    if (value > (max - digit) / 10) return false;
+    value = value * 10 + digit;
+  }
+  if (i == 0) return false;
+  *out = value;
+  return true;
+}
+
+template <class T>
+DWORD WriteFixed(const T& value, void* buffer, DWORD* buffer_length) {
+  if (buffer == nullptr || *buffer_length < sizeof(T)) {
+    *buffer_length = sizeof(T);
+    return ERROR_INSUFFICIENT_BUFFER;
+  }
+  std::memcpy(buffer, &value, sizeof(T));
+  *buffer_length = sizeof(T);
+  return ERROR_SUCCESS;
+}
+
+}  // namespace
+
+void HeaderBlock::Clear() { *this = HeaderBlock(); }
+
+HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response) {
+  bytes_ += raw.size();
+  if (bytes_ > kMaxBytes) return LineResult::kInvalid;
+  const std::string_view line = TrimLineEnd(raw);
+  if (start_line_.empty()) {
+    if (line.empty()) return LineResult::kInvalid;
+    if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {
+      return LineResult::kInvalid;
+    }
+    start_line_ = std::string(line);
+    raw_lines_.emplace_back(line);
+    return LineResult::kAccepted;
+  }
+  if (line.empty()) return LineResult::kEndOfBlock;
+  if (line.front() == ' ' || line.front() == '\t') {
+    // An obsolete folded continuation: part of the header before it.
+    if (headers_.empty()) return LineResult::kInvalid;
+    const std::string_view more = TrimSpace(line);
+    if (!more.empty()) {
+      if (!headers_.back().value.empty()) headers_.back().value.push_back(' ');
+      headers_.back().value.append(more);
+    }
+    raw_lines_.back().append("\r\n").append(line);
+    return LineResult::kAccepted;
+  }
+  const auto colon = line.find(':');
+  if (colon == std::string_view::npos || colon == 0) return LineResult::kInvalid;
+  const std::string_view name = line.substr(0, colon);
+  for (char c : name) {
+    if (!IsTokenChar(c)) return LineResult::kInvalid;
+  }
+  headers_.push_back({std::string(name), std::string(TrimSpace(line.substr(colon + 1)))});
+  raw_lines_.emplace_back(line);
+  return LineResult::kAccepted;
+}
+
+void HeaderBlock::SetRequest(std::string_view start_line,
+                             const std::vector<std::string>& header_lines) {
+  Clear();
+  AddLine(start_line, false);
+  for (const auto& line : header_lines) AddLine(line, false);
+}
+
+const std::string* HeaderBlock::Find(std::string_view name, std::size_t index) const {
+  for (const auto& header : headers_) {
+    if (EqualsIgnoreCase(header.name, name)) {
+      if (index == 0) return &header.value;
+      --index;
+    }
+  }
+  return nullptr;
+}
+
+std::string HeaderBlock::RawCrlf() const {
+  std::string out;
+  for (const auto& line : raw_lines_) out.append(line).append("\r\n");
+  out.append("\r\n");
+  return out;
+}
+
+std::string HeaderBlock::RawNul() const {
+  std::string out;
+  for (const auto& line : raw_lines_) out.append(line).push_back('\0');
+  return out;
+}
+
+const char* HeaderNameForLevel(DWORD level) {
+  return level <= HTTP_QUERY_MAX ? kLevelNames[level] : nullptr;
+}
+
+DWORD QueryHeaderBlock(const HeaderBlock& block, std::string_view verb, DWORD info_level,
+                       void* buffer, DWORD* buffer_length, DWORD* index) {
+  if (buffer_length == nullptr) return ERROR_INVALID_PARAMETER;
+  const DWORD level = info_level & HTTP_QUERY_HEADER_MASK;
+  const DWORD modifiers = info_level & HTTP_QUERY_MODIFIER_FLAGS_MASK;
+  const int formats = ((modifiers & HTTP_QUERY_FLAG_NUMBER) != 0) +
+                      ((modifiers & HTTP_QUERY_FLAG_NUMBER64) != 0) +
+                      ((modifiers & HTTP_QUERY_FLAG_SYSTEMTIME) != 0);
+  if (formats > 1) return ERROR_HTTP_INVALID_QUERY_REQUEST;
+
+  // The value asked for, as bytes; `indexed` when the index selects among repeated headers.
+  std::string value;
+  bool indexed = false;
+  const DWORD wanted = index != nullptr ? *index : 0;
+  switch (level) {
+    case HTTP_QUERY_RAW_HEADERS:
+    case HTTP_QUERY_RAW_HEADERS_CRLF:
+      if (formats != 0) return ERROR_HTTP_INVALID_QUERY_REQUEST;
+      value = level == HTTP_QUERY_RAW_HEADERS ? block.RawNul() : block.RawCrlf();
+      break;
+    case HTTP_QUERY_STATUS_CODE:
+      if (block.status_code() == 0 || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
+      value = std::to_string(block.status_code());
+      break;
+    case HTTP_QUERY_STATUS_TEXT:
+      if (block.status_code() == 0 || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
+      value = block.status_text();
+      break;
+    case HTTP_QUERY_VERSION:
+      if (block.version().empty() || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
+      value = block.version();
+      break;
+    case HTTP_QUERY_REQUEST_METHOD:
+      if (verb.empty() || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
+      value = std::string(verb);
+      break;
+    default: {
+      std::string name;
+      if (level == HTTP_QUERY_CUSTOM) {
+        // The name arrives in the caller's buffer; read it before anything is written there.
+        if (buffer == nullptr) return ERROR_INVALID_PARAMETER;
+        const auto* text = static_cast<const wchar_t*>(buffer);
+        const std::size_t capacity = *buffer_length / 2;
+        std::size_t n = 0;
+        while (n < capacity && text[n] != L'\0') ++n;
+        if (n == 0 || !WideToLatin1(std::wstring_view(text, n), &name)) {
+          return ERROR_HTTP_HEADER_NOT_FOUND;
+        }
+      } else if (const char* known = HeaderNameForLevel(level)) {
+        name = known;
+      } else if (level > HTTP_QUERY_MAX) {
+        return ERROR_HTTP_INVALID_QUERY_REQUEST;
+      } else {
+        return ERROR_HTTP_HEADER_NOT_FOUND;
+      }
+      const std::string* found = block.Find(name, wanted);
+      if (found == nullptr) return ERROR_HTTP_HEADER_NOT_FOUND;
+      value = *found;
+      indexed = true;
+      break;
+    }
+  }
+
+  DWORD result;
+  if ((modifiers & HTTP_QUERY_FLAG_NUMBER) != 0) {
+    std::uint64_t number = 0;
+    if (!ParseUnsigned(value, std::numeric_limits<DWORD>::max(), &number)) {
+      return ERROR_HTTP_INVALID_HEADER;
+    }
+    result = WriteFixed(static_cast<DWORD>(number), buffer, buffer_length);
+  } else if ((modifiers & HTTP_QUERY_FLAG_NUMBER64) != 0) {
+    std::uint64_t number = 0;
+    if (!ParseUnsigned(value, std::numeric_limits<std::uint64_t>::max(), &number)) {
+      return ERROR_HTTP_INVALID_HEADER;
+    }
+    result = WriteFixed(number, buffer, buffer_length);
+  } else if ((modifiers & HTTP_QUERY_FLAG_SYSTEMTIME) != 0) {
+    SYSTEMTIME time{};
+    if (!ParseHttpDate(value, &time)) return ERROR_HTTP_INVALID_HEADER;
+    result = WriteFixed(time, buffer, buffer_length);
+  } else {
+    result = WriteText(value, buffer, buffer_length);
+  }
+  if (result == ERROR_SUCCESS && indexed && index != nullptr) *index = wanted + 1;
+  return result;
+}
+
+}  // namespace tqplatform

@@ -1,0 +1,71 @@
+// A header block of one HTTP message and WinINet's HttpQueryInfoW rules over it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/wininet.h"
+
+namespace tqplatform {
+
+class HeaderBlock {
+ public:
+  enum class LineResult { kAccepted, kEndOfBlock, kInvalid };
+
+  // Largest header block accepted; a server that sends more is broken or hostile.
+  static constexpr std::size_t kMaxBytes = 256 * 1024;
+
+  void Clear();
+
+  // Feeds one line as it came from the wire (a trailing CR LF or LF is ignored). The first line
+  // is the start line. Refuses a start line that is not an HTTP status line (when `response`),
+  // a header line without a colon or with an empty name, a continuation with no header before
+  // it, and a block larger than kMaxBytes.
+  LineResult AddLine(std::string_view line, bool response = true);
+
+  // Sets the start line and headers of a request, as sent (for HTTP_QUERY_FLAG_REQUEST_HEADERS).
+  void SetRequest(std::string_view start_line, const std::vector<std::string>& header_lines);
+
+  bool empty() const { return start_line_.empty(); }
+  int status_code() const { return status_code_; }
+  const std::string& version() const { return version_; }
+  const std::string& status_text() const { return status_text_; }
+
+  // The value of the index-th (0-based) header with this name (ASCII case-insensitive).
+  const std::string* Find(std::string_view name, std::size_t index = 0) const;
+
+  // Start line and header lines as received, each followed by CR LF, then a final CR LF.
+  std::string RawCrlf() const;
+  // The same lines each followed by a NUL (the list's final NUL is the caller's terminator).
+  std::string RawNul() const;
+
+ private:
+  struct Header {
+    std::string name;
+    std::string value;
+  };
+  std::string start_line_;
+  std::string version_;
+  int status_code_ = 0;
+  std::string status_text_;
+  std::vector<Header> headers_;
+  std::vector<std::string> raw_lines_;
+  std::size_t bytes_ = 0;
+};
+
+// The header name WinINet's level stands for, or null for levels with no header of their own
+// (status, version, raw headers, custom ...) and for unknown levels.
+const char* HeaderNameForLevel(DWORD level);
+
+// HttpQueryInfoW over a header block. Returns ERROR_SUCCESS or the error code; `verb` answers
+// HTTP_QUERY_REQUEST_METHOD. Implements WinINet's buffer rules: lengths in bytes in and out, a
+// UTF-16 character counting 2 bytes whatever the size of wchar_t; ERROR_INSUFFICIENT_BUFFER with
+// the length needed (text: including the terminator); on success the length without the
+// terminator; HTTP_QUERY_CUSTOM reads the header name from the buffer; the index selects the
+// occurrence of a repeated header and is advanced on success.
+DWORD QueryHeaderBlock(const HeaderBlock& block, std::string_view verb, DWORD info_level,
+                       void* buffer, DWORD* buffer_length, DWORD* index);
+
+}  // namespace tqplatform

@@ -1,0 +1,65 @@
+// HINTERNET values and the objects behind them. A handle is an opaque number looked up in a
+// table, never a pointer that is dereferenced: a wrong, stale or closed handle is refused with
+// ERROR_INVALID_HANDLE instead of crashing. Objects are shared: a call in progress keeps its
+// object alive even when another thread closes the handle meanwhile.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "platform/wininet.h"
+
+namespace tqplatform {
+
+enum class HandleKind { kSession, kConnection, kRequest };
+
+class InternetObject {
+ public:
+  explicit InternetObject(HandleKind kind) : kind_(kind) {}
+  virtual ~InternetObject() = default;
+  InternetObject(const InternetObject&) = delete;
+  InternetObject& operator=(const InternetObject&) = delete;
+
+  HandleKind kind() const { return kind_; }
+  HINTERNET handle() const { return handle_; }
+
+  // Records a child handle (a connection of a session, a request of a connection), closed along
+  // with this one as WinINet does. Fails when this handle is already closed.
+  bool AddChild(const std::shared_ptr<InternetObject>& child);
+
+ protected:
+  // Called once, when the handle is closed by its owner or through its parent: stops work in
+  // progress on other threads. The object itself lives on until the last call using it returns.
+  virtual void OnClose() {}
+
+ private:
+  friend HINTERNET RegisterHandle(const std::shared_ptr<InternetObject>& object);
+  friend bool CloseHandleTree(HINTERNET handle);
+
+  const HandleKind kind_;
+  HINTERNET handle_ = nullptr;
+  std::mutex children_mutex_;
+  bool closed_ = false;
+  std::vector<std::weak_ptr<InternetObject>> children_;
+};
+
+// Gives the object a new handle value (never reused in the process's life).
+HINTERNET RegisterHandle(const std::shared_ptr<InternetObject>& object);
+
+// The object of a handle, or null with the last error set: ERROR_INVALID_HANDLE for a null,
+// unknown or closed handle, ERROR_INTERNET_INCORRECT_HANDLE_TYPE for a handle of another kind.
+std::shared_ptr<InternetObject> LookupHandle(HINTERNET handle, HandleKind kind);
+
+template <class T>
+std::shared_ptr<T> Lookup(HINTERNET handle) {
+  return std::static_pointer_cast<T>(LookupHandle(handle, T::kKind));
+}
+
+// The object of a handle of any kind, or null (no error set).
+std::shared_ptr<InternetObject> LookupAnyHandle(HINTERNET handle);
+
+// Removes the handle and, recursively, its children; false for an unknown handle.
+bool CloseHandleTree(HINTERNET handle);
+
+}  // namespace tqplatform

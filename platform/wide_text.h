@@ -1,0 +1,25 @@
+// Conversions between the wide text of the Win32 interface and the bytes libcurl takes.
+// wchar_t is UTF-16 on Windows and UTF-32 on Linux; these work with either.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace tqplatform {
+
+// Length of a NUL-terminated wide text, or 0 for null.
+std::size_t WideLength(const wchar_t* text);
+
+// UTF-8 form of wide text. Unpaired surrogates and invalid code points become U+FFFD.
+std::string WideToUtf8(std::wstring_view text);
+
+// HTTP header bytes are treated as ISO 8859-1: every byte is one character, so any byte
+// sequence survives the round trip. Fails for characters above U+00FF.
+bool WideToLatin1(std::wstring_view text, std::string* out);
+std::wstring Latin1ToWide(std::string_view bytes);
+
+// ASCII case-insensitive equality, as header names are compared.
+bool EqualsIgnoreCase(std::string_view a, std::string_view b);
+
+}  // namespace tqplatform

@@ -1,0 +1,442 @@
+// InternetOpenW, InternetConnectW, InternetSetOptionW and InternetCloseHandle.
+#include "platform/wininet_session.h"
+
+#include <signal.h>
+
+#include <cstring>
+#include <new>
+
+#include "platform/fault_injection.h"
+#include "platform/wide_text.h"
+#include "platform/wininet_request.h"
+
+namespace tqplatform {
+
+void Settings::Inherit(const Settings& parent) {
+  auto fill = [](auto& mine, const auto& theirs) {
+    if (!mine.has_value()) mine = theirs;
+  };
+  fill(max_conns, parent.max_conns);
+  fill(connect_timeout, parent.connect_timeout);
+  fill(send_timeout, parent.send_timeout);
+  fill(receive_timeout, parent.receive_timeout);
+  fill(connect_retries, parent.connect_retries);
+  fill(user, parent.user);
+  fill(password, parent.password);
+  fill(proxy_user, parent.proxy_user);
+  fill(proxy_password, parent.proxy_password);
+  fill(agent, parent.agent);
+}
+
+SettingsHolder& ProcessSettings() {
+  static auto* holder = new SettingsHolder;
+  return *holder;
+}
+
+namespace {
+std::mutex g_ca_mutex;
+std::optional<std::string> g_ca_file;
+}  // namespace
+
+std::optional<std::string> TestCaFile() {
+  std::lock_guard lock(g_ca_mutex);
+  return g_ca_file;
+}
+
+void EnsureCurlInitialised() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    // A peer closing a TLS connection must not kill the process: OpenSSL writes with write(2),
+    // which raises SIGPIPE. Leave a handler the host installed alone.
+    struct sigaction current {};
+    if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
+      signal(SIGPIPE, SIG_IGN);
+    }
+  });
+}
+
+// --- Session ---------------------------------------------------------------------------------
+
+Session::Session(std::string agent, ProxyMode mode, std::string proxy, std::string no_proxy)
+    : InternetObject(kKind), proxy_mode_(mode), proxy_(std::move(proxy)),
+      no_proxy_(std::move(no_proxy)) {
+  settings_.Update([&](Settings& s) { s.agent = std::move(agent); });
+  share_ = curl_share_init();
+  if (share_ != nullptr) {
+    curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, &Session::Lock);
+    curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, &Session::Unlock);
+    curl_share_setopt(share_, CURLSHOPT_USERDATA, this);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  }
+}
+
+Session::~Session() {
+  if (share_ != nullptr) curl_share_cleanup(share_);
+}
+
+void Session::Lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
+  static_cast<Session*>(self)->locks_[data].lock();
+}
+
+void Session::Unlock(CURL*, curl_lock_data data, void* self) {
+  static_cast<Session*>(self)->locks_[data].unlock();
+}
+
+std::string Session::ProxyFor(const std::string& scheme) const {
+  // WinINet's list: entries separated by spaces or semicolons, each "[scheme=]proxy"; an entry
+  // without a scheme serves every scheme.
+  std::string fallback;
+  std::size_t i = 0;
+  while (i < proxy_.size()) {
+    while (i < proxy_.size() && (proxy_[i] == ' ' || proxy_[i] == ';')) ++i;
+    const std::size_t start = i;
+    while (i < proxy_.size() && proxy_[i] != ' ' && proxy_[i] != ';') ++i;
+    const std::string entry = proxy_.substr(start, i - start);
+    if (entry.empty()) continue;
+    const auto eq = entry.find('=');
+    if (eq == std::string::npos) {
+      if (fallback.empty()) fallback = entry;
+    } else if (EqualsIgnoreCase(std::string_view(entry).substr(0, eq), scheme)) {
+      return entry.substr(eq + 1);
+    }
+  }
+  return fallback;
+}
+
+// --- Transfer slots and connections ------------------------------------------------------------
+
+TransferSlot::TransferSlot() : multi(curl_multi_init()), easy(curl_easy_init()) {}
+
+TransferSlot::~TransferSlot() {
+  if (attached) curl_multi_remove_handle(multi, easy);
+  if (easy != nullptr) curl_easy_cleanup(easy);
+  if (multi != nullptr) curl_multi_cleanup(multi);
+}
+
+Connection::Connection(std::shared_ptr<Session> session, std::string host, INTERNET_PORT port)
+    : InternetObject(kKind), session_(std::move(session)), host_(std::move(host)), port_(port) {}
+
+Connection::~Connection() {
+  std::lock_guard lock(slots_mutex_);
+  idle_.clear();
+}
+
+Settings Connection::Effective() const {
+  Settings settings = const_cast<Connection*>(this)->settings_.Get();
+  settings.Inherit(session_->settings().Get());
+  settings.Inherit(ProcessSettings().Get());
+  return settings;
+}
+
+DWORD Connection::MaxConns() const {
+  const Settings settings = Effective();
+  return settings.max_conns.value_or(kDefaultMaxConnsPerServer);
+}
+
+std::unique_ptr<TransferSlot> Connection::Acquire(const std::atomic<bool>& cancelled,
+                                                  std::optional<std::chrono::milliseconds> wait,
+                                                  DWORD* error) {
+  const DWORD max_conns = MaxConns();
+  std::unique_lock lock(slots_mutex_);
+  auto ready = [&] { return cancelled.load() || in_use_ < max_conns; };
+  if (!wait.has_value()) {
+    slots_cv_.wait(lock, ready);
+  } else if (!slots_cv_.wait_for(lock, *wait, ready)) {
+    *error = ERROR_INTERNET_TIMEOUT;
+    return nullptr;
+  }
+  if (cancelled.load()) {
+    *error = ERROR_INTERNET_OPERATION_CANCELLED;
+    return nullptr;
+  }
+  std::unique_ptr<TransferSlot> slot;
+  if (!idle_.empty()) {
+    slot = std::move(idle_.back());
+    idle_.pop_back();
+  } else {
+    slot = std::make_unique<TransferSlot>();
+    if (slot->multi == nullptr || slot->easy == nullptr) {
+      *error = ERROR_NOT_ENOUGH_MEMORY;
+      return nullptr;
+    }
+  }
+  ++in_use_;
+  return slot;
+}
+
+void Connection::Release(std::unique_ptr<TransferSlot> slot) {
+  const DWORD max_conns = MaxConns();
+  std::unique_ptr<TransferSlot> surplus;
+  {
+    std::lock_guard lock(slots_mutex_);
+    --in_use_;
+    // After the bound was lowered, surplus slots close their connections.
+    if (idle_.size() + in_use_ < max_conns) {
+      idle_.push_back(std::move(slot));
+    } else {
+      surplus = std::move(slot);
+    }
+  }
+  slots_cv_.notify_all();
+}
+
+void Connection::WakeWaiters() {
+  { std::lock_guard lock(slots_mutex_); }
+  slots_cv_.notify_all();
+}
+
+namespace {
+
+// Host names are put into URLs; characters that would change the URL's meaning are refused.
+bool ValidHostName(const std::string& host) {
+  if (host.empty()) return false;
+  for (char c : host) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u <= 0x20 || u == 0x7F || std::strchr("/\\?#@%", c) != nullptr) return false;
+  }
+  return true;
+}
+
+std::string ReadWideOption(const void* buffer, DWORD length_in_chars) {
+  const auto* text = static_cast<const wchar_t*>(buffer);
+  std::size_t n = 0;
+  while (n < length_in_chars && text[n] != L'\0') ++n;
+  return WideToUtf8(std::wstring_view(text, n));
+}
+
+// The proxy bypass list in libcurl's form: comma separated, "*.example.com" as "example.com".
+// WinINet's "<local>" (names without a dot) has no libcurl equivalent and is dropped.
+std::string NoProxyList(const std::string& bypass) {
+  std::string out;
+  std::size_t i = 0;
+  while (i < bypass.size()) {
+    while (i < bypass.size() && std::strchr(" ;,", bypass[i]) != nullptr) ++i;
+    const std::size_t start = i;
+    while (i < bypass.size() && std::strchr(" ;,", bypass[i]) == nullptr) ++i;
+    std::string entry = bypass.substr(start, i - start);
+    if (entry.empty() || entry == "<local>") continue;
+    while (!entry.empty() && (entry.front() == '*' || entry.front() == '.')) entry.erase(0, 1);
+    if (entry.empty()) entry = "*";
+    if (!out.empty()) out.push_back(',');
+    out += entry;
+  }
+  return out;
+}
+
+}  // namespace
+
+}  // namespace tqplatform
+
+using namespace tqplatform;
+
+extern "C" {
+
+BOOL TqPlatformSetCaFile(const char* pem_path) {
+  std::lock_guard lock(g_ca_mutex);
+  if (pem_path == nullptr) {
+    g_ca_file.reset();
+  } else {
+    g_ca_file = pem_path;
+  }
+  return TRUE;
+}
+
+HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR proxy_bypass,
+                        DWORD flags) {
+  if (DWORD fault = TakeInjectedFault("InternetOpenW")) {
+    SetLastError(fault);
+    return nullptr;
+  }
+  ProxyMode mode;
+  switch (access_type) {
+    case INTERNET_OPEN_TYPE_PRECONFIG:
+      mode = ProxyMode::kEnvironment;
+      break;
+    case INTERNET_OPEN_TYPE_DIRECT:
+      mode = ProxyMode::kDirect;
+      break;
+    case INTERNET_OPEN_TYPE_PROXY:
+      mode = ProxyMode::kNamed;
+      if (WideLength(proxy) == 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+      }
+      break;
+    default:
+      SetLastError(ERROR_INVALID_PARAMETER);
+      return nullptr;
+  }
+  // Only synchronous use is supported: there is no status callback to complete async calls.
+  if ((flags & INTERNET_FLAG_ASYNC) != 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  EnsureCurlInitialised();
+  std::string proxy_text;
+  std::string bypass_text;
+  if (mode == ProxyMode::kNamed) {
+    proxy_text = WideToUtf8(proxy);
+    bypass_text = NoProxyList(WideToUtf8(proxy_bypass != nullptr ? proxy_bypass : L""));
+  }
+  std::shared_ptr<Session> session;
+  try {
+    session = std::make_shared<Session>(WideToUtf8(agent != nullptr ? agent : L""), mode,
+                                        std::move(proxy_text), std::move(bypass_text));
+  } catch (const std::bad_alloc&) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  if (session->share() == nullptr) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  return RegisterHandle(session);
+}
+
+HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name, INTERNET_PORT server_port,
+                           LPCWSTR user_name, LPCWSTR password, DWORD service, DWORD /*flags*/,
+                           DWORD_PTR /*context*/) {
+  if (DWORD fault = TakeInjectedFault("InternetConnectW")) {
+    SetLastError(fault);
+    return nullptr;
+  }
+  auto session = Lookup<Session>(internet);
+  if (session == nullptr) return nullptr;
+  if (service != INTERNET_SERVICE_HTTP) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  std::string host = WideToUtf8(server_name != nullptr ? server_name : L"");
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
+  if (!ValidHostName(host)) {
+    SetLastError(host.empty() ? ERROR_INVALID_PARAMETER : ERROR_INTERNET_INVALID_URL);
+    return nullptr;
+  }
+  auto connection = std::make_shared<Connection>(session, std::move(host), server_port);
+  connection->settings().Update([&](Settings& s) {
+    if (WideLength(user_name) != 0) s.user = WideToUtf8(user_name);
+    if (WideLength(password) != 0) s.password = WideToUtf8(password);
+  });
+  HINTERNET handle = RegisterHandle(connection);
+  if (!session->AddChild(connection)) {  // the session was closed meanwhile
+    CloseHandleTree(handle);
+    SetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+  }
+  return handle;
+}
+
+BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD buffer_length) {
+  if (DWORD fault = TakeInjectedFault("InternetSetOptionW")) {
+    SetLastError(fault);
+    return FALSE;
+  }
+  SettingsHolder* target = &ProcessSettings();
+  std::shared_ptr<InternetObject> object;
+  if (internet != nullptr) {
+    object = LookupAnyHandle(internet);
+    if (object == nullptr) {
+      SetLastError(ERROR_INVALID_HANDLE);
+      return FALSE;
+    }
+    switch (object->kind()) {
+      case HandleKind::kSession:
+        target = &static_cast<Session*>(object.get())->settings();
+        break;
+      case HandleKind::kConnection:
+        target = &static_cast<Connection*>(object.get())->settings();
+        break;
+      case HandleKind::kRequest:
+        target = &static_cast<Request*>(object.get())->settings();
+        break;
+    }
+  }
+  if (buffer == nullptr) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+
+  auto dword_value = [&](DWORD* out) {
+    if (buffer_length < sizeof(DWORD)) {
+      SetLastError(ERROR_INTERNET_BAD_OPTION_LENGTH);
+      return false;
+    }
+    std::memcpy(out, buffer, sizeof(DWORD));
+    return true;
+  };
+  DWORD value = 0;
+  switch (option) {
+    case INTERNET_OPTION_MAX_CONNS_PER_SERVER:
+      if (object != nullptr && object->kind() == HandleKind::kRequest) {
+        SetLastError(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
+        return FALSE;
+      }
+      if (!dword_value(&value)) return FALSE;
+      if (value == 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+      }
+      target->Update([&](Settings& s) { s.max_conns = value; });
+      if (object != nullptr && object->kind() == HandleKind::kConnection) {
+        static_cast<Connection*>(object.get())->WakeWaiters();
+      }
+      return TRUE;
+    case INTERNET_OPTION_CONNECT_TIMEOUT:
+      if (!dword_value(&value)) return FALSE;
+      target->Update([&](Settings& s) { s.connect_timeout = value; });
+      return TRUE;
+    case INTERNET_OPTION_SEND_TIMEOUT:
+    case INTERNET_OPTION_DATA_SEND_TIMEOUT:
+      if (!dword_value(&value)) return FALSE;
+      target->Update([&](Settings& s) { s.send_timeout = value; });
+      return TRUE;
+    case INTERNET_OPTION_RECEIVE_TIMEOUT:
+    case INTERNET_OPTION_DATA_RECEIVE_TIMEOUT:
+      if (!dword_value(&value)) return FALSE;
+      target->Update([&](Settings& s) { s.receive_timeout = value; });
+      return TRUE;
+    case INTERNET_OPTION_CONNECT_RETRIES:
+      if (!dword_value(&value)) return FALSE;
+      target->Update([&](Settings& s) { s.connect_retries = value; });
+      return TRUE;
+    case INTERNET_OPTION_USERNAME:
+    case INTERNET_OPTION_PASSWORD:
+    case INTERNET_OPTION_PROXY_USERNAME:
+    case INTERNET_OPTION_PROXY_PASSWORD:
+    case INTERNET_OPTION_USER_AGENT: {
+      // String options: the length counts characters, as InternetSetOptionW documents.
+      std::string text = ReadWideOption(buffer, buffer_length);
+      target->Update([&](Settings& s) {
+        switch (option) {
+          case INTERNET_OPTION_USERNAME: s.user = std::move(text); break;
+          case INTERNET_OPTION_PASSWORD: s.password = std::move(text); break;
+          case INTERNET_OPTION_PROXY_USERNAME: s.proxy_user = std::move(text); break;
+          case INTERNET_OPTION_PROXY_PASSWORD: s.proxy_password = std::move(text); break;
+          default: s.agent = std::move(text); break;
+        }
+      });
+      return TRUE;
+    }
+    default:
+      SetLastError(ERROR_INTERNET_INVALID_OPTION);
+      return FALSE;
+  }
+}
+
+BOOL InternetCloseHandle(HINTERNET internet) {
+  if (DWORD fault = TakeInjectedFault("InternetCloseHandle")) {
+    SetLastError(fault);
+    return FALSE;
+  }
+  if (internet == nullptr || !CloseHandleTree(internet)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+}  // extern "C"

@@ -1,0 +1,160 @@
+// Sessions (InternetOpenW) and connections (InternetConnectW) of the WinINet layer.
+//
+// A session owns a libcurl share object for DNS and TLS sessions only: libcurl documents
+// connection sharing between concurrent threads as unsafe. Connections are instead kept in
+// transfer slots: a connection handle owns up to "max connections per server" slots, each a multi
+// handle with one easy handle, whose connection cache keeps the keep-alive connection between
+// requests. A request checks a slot out while its transfer runs, so the number of slots is the
+// per-server bound and sequential requests reuse the warm connection of the last slot returned.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/internet_handle.h"
+
+namespace tqplatform {
+
+// Defaults of the options below; WinINet's own for an HTTP/1.1 server.
+inline constexpr DWORD kDefaultMaxConnsPerServer = 2;
+inline constexpr DWORD kDefaultConnectTimeoutMs = 60'000;
+inline constexpr DWORD kDefaultSendTimeoutMs = 30'000;
+inline constexpr DWORD kDefaultReceiveTimeoutMs = 60'000;
+// A time-out of 0 or 0xFFFFFFFF means "no time-out", as in WinINet.
+inline constexpr DWORD kInfiniteTimeout = 0xFFFFFFFFu;
+
+// Options that InternetSetOptionW can set on a session, a connection or a request. Unset values
+// fall through to the parent handle (request -> connection -> session -> process -> default),
+// looked up when a request is sent, so options set on a connection after its requests were
+// opened still apply to their next send.
+struct Settings {
+  std::optional<DWORD> max_conns;
+  std::optional<DWORD> connect_timeout;
+  std::optional<DWORD> send_timeout;
+  std::optional<DWORD> receive_timeout;
+  std::optional<DWORD> connect_retries;
+  std::optional<std::string> user;
+  std::optional<std::string> password;
+  std::optional<std::string> proxy_user;
+  std::optional<std::string> proxy_password;
+  std::optional<std::string> agent;
+
+  // Fills unset fields from `parent`.
+  void Inherit(const Settings& parent);
+};
+
+class SettingsHolder {
+ public:
+  Settings Get() const {
+    std::lock_guard lock(mutex_);
+    return settings_;
+  }
+  template <class F>
+  void Update(F&& change) {
+    std::lock_guard lock(mutex_);
+    change(settings_);
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  Settings settings_;
+};
+
+// Settings made with a null handle: they apply to every handle of the process.
+SettingsHolder& ProcessSettings();
+
+// Curl's global state and the process's SIGPIPE disposition, set up once.
+void EnsureCurlInitialised();
+
+// A test may point certificate verification at its own CA file (see fault_injection.h).
+std::optional<std::string> TestCaFile();
+
+enum class ProxyMode { kEnvironment, kDirect, kNamed };
+
+class Session : public InternetObject {
+ public:
+  static constexpr HandleKind kKind = HandleKind::kSession;
+
+  Session(std::string agent, ProxyMode mode, std::string proxy, std::string no_proxy);
+  ~Session() override;
+
+  CURLSH* share() const { return share_; }
+  ProxyMode proxy_mode() const { return proxy_mode_; }
+  // The proxy for a scheme ("http" or "https"), in libcurl's form; empty for none.
+  std::string ProxyFor(const std::string& scheme) const;
+  const std::string& no_proxy() const { return no_proxy_; }
+  SettingsHolder& settings() { return settings_; }
+
+ private:
+  static void Lock(CURL*, curl_lock_data data, curl_lock_access, void* self);
+  static void Unlock(CURL*, curl_lock_data data, void* self);
+
+  CURLSH* share_ = nullptr;
+  std::mutex locks_[CURL_LOCK_DATA_LAST];
+  ProxyMode proxy_mode_;
+  std::string proxy_;
+  std::string no_proxy_;
+  SettingsHolder settings_;
+};
+
+// One multi handle with its easy handle; the multi's connection cache keeps connections alive
+// between the transfers of successive requests.
+struct TransferSlot {
+  TransferSlot();
+  ~TransferSlot();
+  TransferSlot(const TransferSlot&) = delete;
+  TransferSlot& operator=(const TransferSlot&) = delete;
+
+  CURLM* multi = nullptr;
+  CURL* easy = nullptr;
+  bool attached = false;  // easy is in multi
+};
+
+class Connection : public InternetObject {
+ public:
+  static constexpr HandleKind kKind = HandleKind::kConnection;
+
+  Connection(std::shared_ptr<Session> session, std::string host, INTERNET_PORT port);
+  ~Connection() override;
+
+  const std::shared_ptr<Session>& session() const { return session_; }
+  const std::string& host() const { return host_; }
+  INTERNET_PORT port() const { return port_; }
+  SettingsHolder& settings() { return settings_; }
+
+  // Settings of this connection with its session's and the process's filled in.
+  Settings Effective() const;
+
+  // Checks a slot out, waiting while all "max connections" slots are in use. Returns null with
+  // `*error` set on time-out (`wait` elapsed; nullopt waits without bound) or when `cancelled`
+  // becomes true (WakeWaiters must then be called).
+  std::unique_ptr<TransferSlot> Acquire(const std::atomic<bool>& cancelled,
+                                        std::optional<std::chrono::milliseconds> wait,
+                                        DWORD* error);
+  // Gives a slot back; its easy handle must no longer be in its multi.
+  void Release(std::unique_ptr<TransferSlot> slot);
+  void WakeWaiters();
+
+ private:
+  DWORD MaxConns() const;
+
+  std::shared_ptr<Session> session_;  // outlives the slots, whose easy handles use its share
+  const std::string host_;
+  const INTERNET_PORT port_;
+  SettingsHolder settings_;
+
+  mutable std::mutex slots_mutex_;
+  std::condition_variable slots_cv_;
+  std::vector<std::unique_ptr<TransferSlot>> idle_;  // most recently used last
+  DWORD in_use_ = 0;
+};
+
+}  // namespace tqplatform
