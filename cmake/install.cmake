@@ -1,0 +1,29 @@
+# cmake --install: the three shared libraries, the public headers, a CMake package
+# (find_package(tqnetwork) gives tqnetwork::tqnetwork, tqnetwork::tqutil, tqnetwork::tqplatform)
+# and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS tqutil tqplatform tqnetwork
+  EXPORT tqnetworkTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+install(DIRECTORY tqutil/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tqutil FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY net/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/net FILES_MATCHING PATTERN "*.h")
+# Only the Windows SDK subset is public in platform/; the rest is its Linux implementation.
+file(GLOB TQ_PLATFORM_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/platform/windows_types.h
+     ${PROJECT_SOURCE_DIR}/platform/wininet.h ${PROJECT_SOURCE_DIR}/platform/urlmon.h)
+install(FILES ${TQ_PLATFORM_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform)
+
+set(TQ_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tqnetwork)
+install(EXPORT tqnetworkTargets NAMESPACE tqnetwork:: DESTINATION ${TQ_CMAKE_DIR})
+configure_package_config_file(cmake/tqnetworkConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/tqnetworkConfig.cmake INSTALL_DESTINATION ${TQ_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tqnetworkConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tqnetworkConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/tqnetworkConfigVersion.cmake DESTINATION ${TQ_CMAKE_DIR})
+
+configure_file(cmake/tqnetwork.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tqnetwork.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tqnetwork.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
