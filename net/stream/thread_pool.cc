@@ -13,6 +13,15 @@ detail::ThreadStartHook& StartHook() {
   return hook;
 }
 
+detail::StopHook& StopHookSlot() {
+  static detail::StopHook hook;
+  return hook;
+}
+
+void RunStopHook() {
+  if (const detail::StopHook& hook = StopHookSlot()) hook();
+}
+
 }  // namespace
 
 thread_pool::joiner::~joiner() {
@@ -44,6 +53,7 @@ thread_pool::thread_pool(std::optional<std::uint32_t> thread_count) {
 thread_pool::~thread_pool() {
   StopQueue();
   m_done = true;
+  RunStopHook();
   // The members go in reverse order: m_joiner joins the workers before the queue (and with it
   // every task that never ran, breaking its promise) is destroyed.
 }
@@ -51,6 +61,7 @@ thread_pool::~thread_pool() {
 void thread_pool::Shutdown() {
   StopQueue();
   m_done = true;
+  RunStopHook();
   for (std::thread& thread : m_threads) {
     if (thread.joinable()) thread.join();
   }
@@ -99,6 +110,10 @@ std::unique_ptr<thread_pool> ExchangeWorkerThreadPool(std::unique_ptr<thread_poo
 namespace detail {
 ThreadStartHook SetThreadStartHookForTesting(ThreadStartHook hook) {
   return std::exchange(StartHook(), std::move(hook));
+}
+
+StopHook SetStopHookForTesting(StopHook hook) {
+  return std::exchange(StopHookSlot(), std::move(hook));
 }
 }  // namespace detail
 

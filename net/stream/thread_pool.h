@@ -117,6 +117,10 @@ namespace detail {
 // being built.
 using ThreadStartHook = std::function<void(std::uint32_t index)>;
 ThreadStartHook SetThreadStartHookForTesting(ThreadStartHook hook);
+// Called by Shutdown and the destructor once the queue is stopped, before the workers are
+// joined: tests use it to let a running task end only after no worker may take a new one.
+using StopHook = std::function<void()>;
+StopHook SetStopHookForTesting(StopHook hook);
 }  // namespace detail
 
 }  // namespace qv::net
