@@ -1,0 +1,332 @@
+#include "net/cache/cache_entry.h"
+
+#include <array>
+#include <cstring>
+#include <system_error>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <gsl/narrow>
+
+#include "net/cache/cache_entry_format.h"
+#include "net/stream/stream_copy.h"
+
+namespace qv::net {
+namespace {
+
+namespace fs = std::filesystem;
+namespace ef = entry_format;
+
+constexpr std::uint32_t kAccessRead = 0;
+constexpr std::uint32_t kAccessWrite = 1;
+constexpr std::uint32_t kShareNone = 0;
+constexpr std::uint32_t kShareRead = 1;
+constexpr std::uint32_t kCreateAlways = 1;
+constexpr std::uint32_t kOpenExistingWrite = 2;
+constexpr std::uint32_t kOpenExisting = 3;
+
+struct FileCloser {
+  void operator()(TqUSysFile::Handle file) const { TqUSysFile::CloseFile(file); }
+};
+using UniqueFile = std::unique_ptr<std::remove_pointer_t<TqUSysFile::Handle>, FileCloser>;
+
+// Shared with other readers: the three opening modes of entry files.
+UniqueFile OpenForReading(const fs::path& path) {
+  return UniqueFile(TqUSysFile::OpenFile(path, kAccessRead, kShareRead, kOpenExisting, 0, 0));
+}
+
+// Reads until `size` bytes or the end; the count read.
+std::size_t ReadFully(TqUSysFile::Handle file, unsigned char* buffer, std::size_t size) {
+  std::size_t done = 0;
+  while (done < size) {
+    std::uint64_t got = 0;
+    if (!TqUSysFile::ReadFile(file, buffer + done, size - done, &got) || got == 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  return done;
+}
+
+// What a header on disk says. Reading goes through one small buffer; every length read from
+// the file is checked against the file's size before anything is allocated for it, so a
+// corrupt or hostile file costs at most one bounded read and is never trusted.
+struct HeaderFields {
+  std::uint16_t header_size = 0;
+  std::int64_t last_used = 0;
+  std::int64_t expiry = 0;
+  std::string etag;
+  std::string key;
+};
+
+class HeaderReader {
+ public:
+  explicit HeaderReader(TqUSysFile::Handle file) : m_file(file) {
+    m_bytes.resize(kFirstRead);
+    m_have = ReadFully(m_file, m_bytes.data(), kFirstRead);
+    m_at_end = m_have < kFirstRead;
+  }
+
+  // Makes the first `size` bytes of the file available; false when the file is shorter.
+  bool Ensure(std::size_t size) {
+    if (size <= m_have) return true;
+    if (m_at_end) return false;
+    const std::int64_t file_size = TqUSysFile::GetFileSize(m_file);
+    if (file_size < 0 || static_cast<std::uint64_t>(file_size) < size) return false;
+    m_bytes.resize(size);
+    m_have += ReadFully(m_file, m_bytes.data() + m_have, size - m_have);
+    return m_have >= size;
+  }
+
+  const unsigned char* At(std::size_t offset) const { return m_bytes.data() + offset; }
+
+ private:
+  // Enough for the headers of nearly every URL in one read.
+  static constexpr std::size_t kFirstRead = 512;
+
+  TqUSysFile::Handle m_file;
+  std::vector<unsigned char> m_bytes;
+  std::size_t m_have = 0;
+  bool m_at_end = false;
+};
+
+// Parses the header at the start of `file`. False when a marker is wrong or cannot be read (a
+// file shorter than its header): then the file is not an entry. Like other readers of the
+// format, the header size is taken as stored, not recomputed from the two lengths.
+bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out) {
+  HeaderReader reader(file);
+  if (!reader.Ensure(ef::kTagOffset)) return false;
+  if (ef::GetU16(reader.At(ef::kStartMarkerOffset)) != ef::kStartMarker) return false;
+  out.header_size = ef::GetU16(reader.At(ef::kHeaderSizeOffset));
+  out.last_used = ef::GetI64(reader.At(ef::kLastUsedOffset));
+  out.expiry = ef::GetI64(reader.At(ef::kExpiryOffset));
+  const std::size_t tag_length = ef::GetU16(reader.At(ef::kTagLengthOffset));
+  const std::size_t key_length_offset = ef::kTagOffset + tag_length;
+  if (!reader.Ensure(key_length_offset + 2)) return false;
+  const std::size_t key_length = ef::GetU16(reader.At(key_length_offset));
+  const std::size_t end_marker_offset = key_length_offset + 2 + key_length;
+  if (!reader.Ensure(end_marker_offset + 2)) return false;
+  if (ef::GetU16(reader.At(end_marker_offset)) != ef::kEndMarker) return false;
+  out.etag.assign(reinterpret_cast<const char*>(reader.At(ef::kTagOffset)), tag_length);
+  out.key.assign(reinterpret_cast<const char*>(reader.At(key_length_offset + 2)), key_length);
+  return true;
+}
+
+// The header size that `etag` and `key` need. An over-long tag or key throws the narrowing
+// error of its own length field; a pair that fits one by one but not together is refused the
+// same way, since the header size field cannot hold it and a truncated size would place the
+// body in the middle of the key.
+std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key) {
+  const auto tag_length = gsl::narrow<std::uint16_t>(etag.size());
+  const auto key_length = gsl::narrow<std::uint16_t>(key.size());
+  const std::size_t size = ef::kHeaderOverhead + tag_length + key_length;
+  if (size > ef::kMaxHeaderSize) throw gsl::narrowing_error();
+  return static_cast<std::uint16_t>(size);
+}
+
+// Deletes a file that `owner` holds open. Where the system lets a locked file be deleted
+// (POSIX), it goes before the lock does, so no other writer can have opened the name in
+// between; where it refuses (Windows), the file is closed first.
+template <class Owner>
+void DeleteHeldFile(Owner& owner, const fs::path& path) {
+  std::error_code ec;
+  fs::remove(path, ec);
+  owner.reset();
+  if (ec) fs::remove(path, ec);
+}
+
+// Renames the file that `owner` holds open over `to`, then closes it. Renaming under the lock
+// keeps a second writer from opening the temporary name, emptying it and having its half-written
+// file renamed into place by us. Windows refuses to rename an open file (and its sharing keeps
+// other writers out instead), so there the rename is tried again once the file is closed.
+template <class Owner>
+bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
+  std::error_code ec;
+  fs::rename(from, to, ec);
+  owner.reset();
+  if (!ec) return true;
+  // Gone (the cache was cleared under us): nothing to rename and nothing of ours to delete.
+  if (ec == std::errc::no_such_file_or_directory) return false;
+  fs::rename(from, to, ec);
+  if (!ec) return true;
+  fs::remove(from, ec);
+  return false;
+}
+
+}  // namespace
+
+invalid_cache_header::invalid_cache_header()
+    : std::runtime_error("Cache entry was invalid or corrupt. It was deleted.") {}
+
+namespace detail {
+bool EntryFileExists(const fs::path& path) {
+  std::error_code ec;
+  const bool exists = fs::exists(path, ec);
+  if (ec) throw fs::filesystem_error("exists", path, ec);
+  return exists;
+}
+}  // namespace detail
+
+CacheEntry::CacheEntry(fs::path path, std::string key)
+    : m_path(std::move(path)),
+      m_key(std::move(key)),
+      m_last_used(TqUSysTime::GetTimeNow()) {}
+
+CacheEntry CacheEntry::Load(const fs::path& path) {
+  CacheEntry entry;
+  entry.m_path = path;
+  HeaderFields fields;
+  bool valid = false;
+  {
+    UniqueFile file = OpenForReading(path);
+    if (!file) {
+      throw std::runtime_error("Cache entry could not be opened. Maybe in use by another process?");
+    }
+    valid = ReadHeader(file.get(), fields);
+  }
+  if (!valid) {
+    if (entry.Remove()) throw invalid_cache_header();
+    throw std::runtime_error(
+        "Cache entry was invalid but unable to delete it. Maybe in use by another process?");
+  }
+  entry.m_header_size = fields.header_size;
+  entry.m_last_used = fields.last_used;
+  entry.m_expiry = fields.expiry;
+  entry.m_etag = std::move(fields.etag);
+  entry.m_key = std::move(fields.key);
+  return entry;
+}
+
+bool CacheEntry::IsValid() const {
+  return detail::EntryFileExists(m_path) && m_header_size != 0;
+}
+
+bool CacheEntry::Remove() {
+  if (!detail::EntryFileExists(m_path)) return true;
+  std::error_code ec;
+  fs::remove(m_path, ec);
+  if (ec) return false;
+  m_header_size = 0;
+  return true;
+}
+
+bool CacheEntry::UpdateETag(const std::optional<std::string>& tag) {
+  if (!tag) return true;
+  const bool changed = *tag != m_etag;
+  m_etag = *tag;
+  return changed;
+}
+
+bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
+  const std::uint16_t size = RequiredHeaderSize(m_etag, m_key);
+  if (m_header_size != 0 && m_header_size != size) return false;
+
+  std::vector<unsigned char> header(ef::BodyOffset(size));
+  ef::PutU16(&header[ef::kHeaderSizeOffset], size);
+  ef::PutU16(&header[ef::kStartMarkerOffset], ef::kStartMarker);
+  ef::PutI64(&header[ef::kLastUsedOffset], m_last_used);
+  ef::PutI64(&header[ef::kExpiryOffset], m_expiry);
+  std::size_t length = ef::kFixedPartSize;
+  if (!fixed_part_only) {
+    const std::size_t tag_length = m_etag.size();
+    ef::PutU16(&header[ef::kTagLengthOffset], static_cast<std::uint16_t>(tag_length));
+    std::memcpy(&header[ef::kTagOffset], m_etag.data(), tag_length);
+    const std::size_t key_length_offset = ef::kTagOffset + tag_length;
+    ef::PutU16(&header[key_length_offset], static_cast<std::uint16_t>(m_key.size()));
+    std::memcpy(&header[key_length_offset + 2], m_key.data(), m_key.size());
+    ef::PutU16(&header[key_length_offset + 2 + m_key.size()], ef::kEndMarker);
+    length = header.size();
+  }
+  // One write for the whole header. A header that did not reach the file must never be
+  // renamed into place, so a failed write is reported (the body's writes are checked by the
+  // copy).
+  std::uint64_t written = 0;
+  if (!TqUSysFile::WriteFile(file, header.data(), length, &written) || written != length) {
+    return false;
+  }
+  if (!fixed_part_only && m_header_size == 0) m_header_size = size;
+  return true;
+}
+
+TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
+  // Checked before the file is opened, so that a refused header leaves an existing file as it
+  // was instead of emptied.
+  RequiredHeaderSize(m_etag, m_key);
+  // A whole new file carries a header of its own, so it starts from a cleared header size:
+  // an entry whose tag changed length is stored anew instead of refused for not fitting in
+  // front of a body that is about to be replaced anyway.
+  const std::uint16_t previous_size = m_header_size;
+  m_header_size = 0;
+  UniqueFile file(TqUSysFile::OpenFile(path, kAccessWrite, kShareNone, kCreateAlways, 0, 0));
+  if (!file) {
+    m_header_size = previous_size;
+    return TqUSysFile::kInvalid;
+  }
+  if (!WriteHeader(file.get(), false)) {
+    DeleteHeldFile(file, path);
+    m_header_size = previous_size;
+    return TqUSysFile::kInvalid;
+  }
+  return file.release();
+}
+
+bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop) {
+  m_last_used = TqUSysTime::GetTimeNow();
+  fs::path temporary = m_path;
+  temporary += ".tmp";
+  const std::uint16_t previous_size = m_header_size;
+  TqUSysFile::Handle handle = CreateEntryFile(temporary);
+  if (handle == TqUSysFile::kInvalid) return false;
+  // The stream owns the handle; it stays alive until the rename so the lock is held throughout.
+  auto target = std::make_unique<qv::io::FileWriteStream>(handle);
+  const CopyStreamResult copy = CopyStream(source, *target, std::move(stop));
+  if (!copy.completed) {
+    DeleteHeldFile(target, temporary);
+    m_header_size = previous_size;
+    return false;
+  }
+  if (!RenameHeldFile(target, temporary, m_path)) {
+    m_header_size = previous_size;
+    return false;
+  }
+  return true;
+}
+
+std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream() {
+  const TqUSysFile::Handle handle = CreateEntryFile(m_path);
+  if (handle == TqUSysFile::kInvalid) return nullptr;
+  auto stream = std::make_unique<qv::io::FileWriteStream>(handle);
+  const std::uint64_t offset = ef::BodyOffset(m_header_size);
+  if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) return nullptr;
+  stream->SetBaseOffset(offset);
+  return stream;
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenReadStream() {
+  m_last_used = TqUSysTime::GetTimeNow();
+  // Record the use. Skipped when the file is in use (readers hold it) and when the name now
+  // holds another file than the one loaded (a store renamed a new one over it): our fixed part
+  // must never be written over a header of a different size.
+  {
+    UniqueFile file(
+        TqUSysFile::OpenFile(m_path, kAccessWrite, kShareNone, kOpenExistingWrite, 0, 0));
+    HeaderFields on_disk;
+    if (file && ReadHeader(file.get(), on_disk) && on_disk.header_size == m_header_size &&
+        on_disk.etag == m_etag && on_disk.key == m_key &&
+        TqUSysFile::SeekFile(file.get(), 0, 0) == 0) {
+      WriteHeader(file.get(), true);
+    }
+  }
+  UniqueFile file = OpenForReading(m_path);
+  if (!file) return nullptr;
+  // The body's offset comes from the file actually opened, not from the earlier look at the
+  // name: a store may have renamed a complete new file with a longer tag over it meanwhile.
+  HeaderFields on_disk;
+  if (!ReadHeader(file.get(), on_disk) || on_disk.key != m_key) return nullptr;
+  const std::uint64_t offset = ef::BodyOffset(on_disk.header_size);
+  if (TqUSysFile::SeekFile(file.get(), static_cast<std::int64_t>(offset), 0) < 0) return nullptr;
+  auto stream = std::make_unique<qv::io::FileReadStream>(file.release());
+  stream->SetBaseOffset(offset);
+  return stream;
+}
+
+}  // namespace qv::net

@@ -1,0 +1,89 @@
+// One disk cache entry file (layout in cache_entry_format.h): reading and validating its header,
+// writing a new one, replacing its body through a ".tmp" file, serving the body, deleting it.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "net/host/tqutil.h"
+
+namespace qv::net {
+
+// A file found in the cache directory did not hold an entry and has been deleted.
+class invalid_cache_header : public std::runtime_error {
+ public:
+  invalid_cache_header();
+};
+
+// The in-memory view of one entry file, made per operation by the disk cache and never shared
+// between threads. Several threads and processes may work on the same file at once: reads share
+// the file, writes are exclusive and refused at once when it is in use, and a store replaces the
+// whole file by rename, so a reader sees the old file or the complete new one.
+class CacheEntry {
+ public:
+  // A new entry for `key`, stale, nothing on disk until it is stored.
+  CacheEntry(std::filesystem::path path, std::string key);
+
+  // Reads and checks the header of an existing file. Throws std::runtime_error when the file
+  // cannot be opened (it is left alone), invalid_cache_header when it is not an entry (it has
+  // been deleted), and std::runtime_error when it is not an entry but cannot be deleted.
+  static CacheEntry Load(const std::filesystem::path& path);
+
+  // The file exists and has a header. Throws std::filesystem::filesystem_error ("exists").
+  bool IsValid() const;
+  // Deletes the file; true when it is gone (or was never there).
+  bool Remove();
+  // Takes a tag the source reported; true when the stored content must be replaced (the tag
+  // differs). An absent tag changes nothing and also means "replace".
+  bool UpdateETag(const std::optional<std::string>& tag);
+
+  // Writes the header at the file's current position (the fixed part only, or all of it).
+  // False when a whole header of the current size would not fit the body already on disk, or
+  // when the write fails. Throws gsl::narrowing_error for a tag, key or header too long for
+  // its 16-bit field.
+  bool WriteHeader(TqUSysFile::Handle file, bool fixed_part_only);
+  // Creates or empties `path` for exclusive writing and writes the whole header; null (and no
+  // file left behind) when it cannot.
+  TqUSysFile::Handle CreateEntryFile(const std::filesystem::path& path);
+
+  // Replaces the file with a header and the bytes of `source`, through `path` + ".tmp" and a
+  // rename. False, with the old file untouched and no ".tmp" left, when the copy is stopped or
+  // fails or the rename fails.
+  bool Store(qv::io::IDataReadStream& source, qv::stop_token stop);
+
+  // A stream over a fresh body written straight into the entry file (no ".tmp"); position 0 is
+  // the first body byte. Null when the file cannot be created.
+  std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream();
+  // Records the use (and any new expiry) in the file's fixed part, then a stream over the body;
+  // null when the file cannot be opened.
+  std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream();
+
+  const std::filesystem::path& Path() const { return m_path; }
+  std::uint16_t HeaderSize() const { return m_header_size; }
+  const std::string& Key() const { return m_key; }
+  const std::string& ETag() const { return m_etag; }
+  std::int64_t LastUsed() const { return m_last_used; }
+  std::int64_t Expiry() const { return m_expiry; }
+  void SetExpiry(std::int64_t expiry) { m_expiry = expiry; }
+
+ private:
+  CacheEntry() = default;
+
+  std::filesystem::path m_path;
+  std::uint16_t m_header_size = 0;  // 0 while no header of ours is on disk
+  std::string m_key;
+  std::string m_etag;
+  std::int64_t m_last_used = 0;
+  std::int64_t m_expiry = 0;
+};
+
+namespace detail {
+// The existence test used throughout the cache: throws filesystem_error named "exists".
+bool EntryFileExists(const std::filesystem::path& path);
+}  // namespace detail
+
+}  // namespace qv::net

@@ -1,0 +1,375 @@
+#include "net/cache/disk_cache.h"
+
+#include <limits>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "net/cache/cache_entry_format.h"
+#include "net/http/http_request.h"
+#include "net/http/http_status.h"
+#include "net/stream/read_stream.h"
+#include "net/stream/stream_copy.h"
+
+namespace qv::net {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A response without "cache-control" but with a "Date" stays fresh this long: 30 days.
+constexpr std::uint64_t kDefaultLifetime = 2592000;
+
+// What the operations build per call and drop before returning.
+struct CacheLookup {
+  std::wstring m_url;
+  int m_flags = 0;
+  std::optional<CacheEntry> m_entry;
+};
+
+enum class RefreshCode { UseEntry, DropEntry, Nothing };
+
+struct RefreshResult {
+  std::unique_ptr<qv::io::IDataSeekableReadStream> stream;
+  RefreshCode code = RefreshCode::Nothing;
+};
+
+struct Freshness {
+  std::optional<std::int64_t> expiry;
+  bool no_store = false;
+};
+
+// `time` + `seconds`, held at the largest time instead of overflowing: a lifetime too long to
+// count (a server's "max-age" of 20 digits) means never expiring, not a time in the past.
+std::int64_t AddSeconds(std::int64_t time, std::uint64_t seconds) {
+  constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+  const std::uint64_t room =
+      static_cast<std::uint64_t>(kMax) - static_cast<std::uint64_t>(time);  // exact, mod 2^64
+  if (seconds > room) return kMax;
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time) + seconds);
+}
+
+std::int64_t OneSecondBefore(std::int64_t time) {
+  return time == std::numeric_limits<std::int64_t>::min() ? time : time - 1;
+}
+
+// The seconds of a "max-age" token, read from its 9th character: white space skipped, then
+// decimal digits up to the first other character; nothing readable is 0. A sign is not a
+// digit, so "max-age=-1" is 0 (stale) instead of wrapping to a lifetime of centuries. Too many
+// digits saturate.
+std::uint64_t MaxAgeSeconds(std::wstring_view token) {
+  std::size_t i = 8;
+  while (i < token.size() && (token[i] == L' ' || (token[i] >= L'\t' && token[i] <= L'\r'))) ++i;
+  std::uint64_t value = 0;
+  for (; i < token.size() && token[i] >= L'0' && token[i] <= L'9'; ++i) {
+    const auto digit = static_cast<std::uint64_t>(token[i] - L'0');
+    if (value > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) {
+      return std::numeric_limits<std::uint64_t>::max();
+    }
+    value = value * 10 + digit;
+  }
+  return value;
+}
+
+Freshness FreshnessOf(const HttpReadStream& response) {
+  Freshness freshness;
+  const std::optional<std::int64_t> date = response.QueryHeaderDateTime(std::wstring(L"Date"));
+  if (!date) return freshness;
+  const std::optional<std::wstring> value = response.QueryHeader(std::wstring(L"cache-control"));
+  if (!value) {
+    freshness.expiry = AddSeconds(TqUSysTime::GetTimeNow(), kDefaultLifetime);
+    return freshness;
+  }
+  TqUWideStringTokeniser tokens(*value, L",");
+  TqUWideStringBuffer token;
+  while (tokens.GetNextToken(&token)) {
+    token.Trim();
+    if (token.View() == L"no-store") {
+      freshness.no_store = true;
+    } else if (token.View() == L"no-cache") {
+      freshness.expiry = OneSecondBefore(*date);
+    } else if (token.HasPrefix(L"max-age")) {
+      freshness.expiry = AddSeconds(*date, MaxAgeSeconds(token.View()));
+    }
+  }
+  return freshness;
+}
+
+std::int64_t ExpiryFor(int flags, const Freshness& freshness) {
+  if (flags & IUrlCache::NeverExpire) return entry_format::kNeverExpires;
+  return freshness.expiry.value_or(0);
+}
+
+// One line of the error log: the message's text, or "Unknown exception" when it has none.
+void LogExceptionText(const std::exception& e) {
+  const char* text = e.what();
+  TqUSysError::LogUTF8String(text != nullptr && *text != '\0' ? text : "Unknown exception");
+}
+
+// The entry file of a key (see ComputeCacheLocation).
+fs::path LocationOfKey(const std::string& key, const fs::path& directory) {
+  std::unique_ptr<TqUSysCryptHash> hash = TqUSysCryptHash::Create(0);
+  if (!hash) throw std::runtime_error("Cache key digest is not available");
+  hash->AddData(key.data(), key.size());
+  const std::size_t size = hash->GetHashSizeInBytes();
+  std::string digest(size, '\0');
+  if (!hash->GenerateAndDestroy(digest.data(), size)) {
+    throw std::runtime_error("Cache key digest failed");
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string name;
+  for (std::size_t i = 0; i < size && i < 5; ++i) {
+    const auto byte = static_cast<unsigned char>(digest[i]);
+    name += kHex[byte >> 4];
+    name += kHex[byte & 0x0F];
+  }
+  return directory / name;
+}
+
+// Throws filesystem_error (a file-system failure of the existence test) and the runtime errors
+// of key and path; the callers catch them.
+CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directory) {
+  CacheLookup lookup;
+  lookup.m_url = std::wstring(url);
+  lookup.m_flags = flags;
+  std::string key = DiskCache::UrlToCache(url);
+  fs::path path = LocationOfKey(key, directory);
+  if (!detail::EntryFileExists(path)) {
+    lookup.m_entry.emplace(std::move(path), std::move(key));
+    return lookup;
+  }
+  try {
+    CacheEntry loaded = CacheEntry::Load(path);
+    // A file of another URL whose name collides is neither used nor overwritten.
+    if (loaded.Key() == key) lookup.m_entry = std::move(loaded);
+  } catch (const invalid_cache_header&) {
+    lookup.m_entry.emplace(std::move(path), std::move(key));
+  } catch (const std::runtime_error&) {
+    // In use by a writer, or bad and undeletable: no entry for this call.
+  }
+  return lookup;
+}
+
+RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
+  CacheEntry& entry = *lookup.m_entry;
+  HttpRequest request(TqUURL(lookup.m_url.c_str(), false), HttpMethod::Get);
+  if (!entry.ETag().empty()) {
+    // A tag taken from a transport that counts its terminator ends at its first NUL here.
+    const std::wstring tag = qv::Utf8ToWide(entry.ETag());
+    request.AddHeader(L"If-None-Match", tag.c_str());
+  }
+  std::unique_ptr<HttpReadStream> response = HttpReadStream::Open(request, stop);
+  if (!response->IsOpen()) {
+    return {nullptr, entry.IsValid() ? RefreshCode::UseEntry : RefreshCode::Nothing};
+  }
+  if (response->Succeeded()) {
+    const Freshness freshness = FreshnessOf(*response);
+    entry.SetExpiry(ExpiryFor(lookup.m_flags, freshness));
+    const bool changed = entry.UpdateETag(response->ETag());
+    if (freshness.no_store) {
+      auto memory = std::make_unique<qv::io::MemoryStream>();
+      const CopyStreamResult copy = CopyStream(*response, *memory, stop);
+      if (!copy.completed) {
+        TqUSysError::LogUTF8String("Failed to read HTTP data into cache system: ");
+        TqUError::LogWideString(lookup.m_url.c_str());
+        TqUSysError::LogUTF8String("\n");
+        return {nullptr, RefreshCode::Nothing};
+      }
+      const std::optional<std::uint64_t> expected = response->ContentSize();
+      if (expected && *expected != copy.bytes_copied) {
+        TqUSysError::LogUTF8String(
+            "Failed to read expected number of bytes from HTTP stream into cache system. "
+            "Expected ");
+        TqUError::LogNat64(*expected);
+        TqUSysError::LogUTF8String(" but read ");
+        TqUError::LogNat64(copy.bytes_copied);
+        TqUSysError::LogUTF8String("\n");
+        return {nullptr, RefreshCode::Nothing};
+      }
+      memory->RSeek(0, qv::io::StreamPosition::Begin);
+      return {std::move(memory), RefreshCode::DropEntry};
+    }
+    if (changed) {
+      return {nullptr, entry.Store(*response, stop) ? RefreshCode::UseEntry
+                                                     : RefreshCode::DropEntry};
+    }
+    // Same tag as stored: the body is not read and the stored one is served.
+    return {nullptr, RefreshCode::UseEntry};
+  }
+  if (response->QueryStatusCode() != HttpStatus::NotModified) {
+    return {nullptr, RefreshCode::DropEntry};
+  }
+  entry.SetExpiry(ExpiryFor(lookup.m_flags, FreshnessOf(*response)));
+  return {nullptr, RefreshCode::UseEntry};
+}
+
+RefreshResult RefreshFromSource(CacheLookup& lookup, const qv::stop_token& stop) {
+  CacheEntry& entry = *lookup.m_entry;
+  std::unique_ptr<qv::io::IDataReadStream> source =
+      TqUFileURL::OpenURLReadStream(lookup.m_url.c_str(), stop);
+  if (!source) return {nullptr, RefreshCode::Nothing};
+  const bool changed = entry.UpdateETag(source->MetaData().etag);
+  // Other sources say nothing about lifetimes: stale at once, asked again on every open.
+  entry.SetExpiry((lookup.m_flags & IUrlCache::NeverExpire) ? entry_format::kNeverExpires : 0);
+  if (changed && !entry.Store(*source, stop)) return {nullptr, RefreshCode::DropEntry};
+  return {nullptr, RefreshCode::UseEntry};
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
+                                                         const qv::stop_token& stop) {
+  RefreshResult result =
+      IsHttpUrl(lookup.m_url) ? RefreshFromHttp(lookup, stop) : RefreshFromSource(lookup, stop);
+  switch (result.code) {
+    case RefreshCode::UseEntry:
+      return lookup.m_entry->OpenReadStream();
+    case RefreshCode::DropEntry:
+      if (lookup.m_entry) {
+        lookup.m_entry->Remove();
+        lookup.m_entry.reset();
+      }
+      return std::move(result.stream);
+    case RefreshCode::Nothing:
+      break;
+  }
+  return nullptr;
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
+                                                            const qv::stop_token& stop) {
+  try {
+    if (!lookup.m_entry) return ReadUrlIntoMemory(lookup.m_url, stop);
+    CacheEntry& entry = *lookup.m_entry;
+    if (entry.IsValid() && entry.Expiry() >= TqUSysTime::GetTimeNow()) {
+      return entry.OpenReadStream();
+    }
+    return Refresh(lookup, stop);
+  } catch (const std::exception& e) {
+    TqUSysError::LogUTF8String("Failed to read resource into cache: ");
+    TqUError::LogWideString(lookup.m_url.c_str());
+    TqUSysError::LogUTF8String(": ");
+    LogExceptionText(e);
+    TqUSysError::LogUTF8String("\n");
+    return nullptr;
+  }
+}
+
+// Wide text as a path, through UTF-8 on every system (the C locale's conversion would refuse
+// non-ASCII characters on POSIX).
+fs::path PathOfWide(std::wstring_view text) {
+  const std::string utf8 = qv::WideToUtf8(text);
+  return fs::path(std::u8string(utf8.begin(), utf8.end()));
+}
+
+std::wstring StoredBodyUrl(std::wstring_view name) {
+  std::wstring url = CachePrefix();
+  url.append(name);
+  return url;
+}
+
+}  // namespace
+
+namespace detail {
+void EnsureCacheDirectory(const fs::path& directory) {
+  if (EntryFileExists(directory)) return;
+  // Remember what this call creates: those directories, and only those, are made private.
+  // Entry files name the URLs the user has opened.
+  std::vector<fs::path> created;
+  std::error_code ec;
+  for (fs::path p = directory; !p.empty(); p = p.parent_path()) {
+    if (fs::exists(p, ec) || ec) break;
+    created.push_back(p);
+    if (p == p.parent_path()) break;
+  }
+  fs::create_directories(directory, ec);
+  if (ec) throw fs::filesystem_error("create_directories", directory, ec);
+  for (const fs::path& p : created) {
+    fs::permissions(p, fs::perms::owner_all, fs::perm_options::replace, ec);
+  }
+}
+}  // namespace detail
+
+DiskCache::DiskCache(const wchar_t* directory) {
+  if (directory != nullptr) {
+    m_directory = PathOfWide(directory);
+  } else {
+    TqUWideStringBuffer app_dir;
+    TqUAppInfo::GetAppDir(0, &app_dir);
+    m_directory = PathOfWide(app_dir.View()) / "DiskCache";
+  }
+  m_directory /= "v1";
+  detail::EnsureCacheDirectory(m_directory);
+}
+
+DiskCache::~DiskCache() = default;
+
+bool DiskCache::QueryFlag() { return false; }
+
+std::string DiskCache::UrlToCache(std::wstring_view url) {
+  TqUURL parsed(std::wstring(url).c_str(), true);
+  parsed.SetQuery(L"");
+  TqUWideStringBuffer full;
+  parsed.GetFullURL(&full);
+  return qv::WideToUtf8(full.View());
+}
+
+fs::path DiskCache::ComputeCacheLocation(std::wstring_view url, const fs::path& directory) {
+  return LocationOfKey(UrlToCache(url), directory);
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenUrl(std::wstring_view url,
+                                                                    int flags,
+                                                                    qv::stop_token stop) {
+  try {
+    CacheLookup lookup = MakeLookup(url, flags, m_directory);
+    return OpenLookup(lookup, stop);
+  } catch (const std::runtime_error&) {
+    return nullptr;
+  }
+}
+
+void DiskCache::Clear() {
+  std::error_code ec;
+  fs::remove_all(m_directory, ec);
+  detail::EnsureCacheDirectory(m_directory);
+}
+
+std::unique_ptr<qv::io::IDataSeekableWriteStream> DiskCache::OpenWriteStream(
+    std::wstring_view name) {
+  try {
+    CacheLookup lookup = MakeLookup(StoredBodyUrl(name), 0, m_directory);
+    if (!lookup.m_entry) return nullptr;
+    return lookup.m_entry->OpenWriteStream();
+  } catch (const std::runtime_error&) {
+    return nullptr;
+  }
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenReadStream(
+    std::wstring_view name) {
+  try {
+    CacheLookup lookup = MakeLookup(StoredBodyUrl(name), 0, m_directory);
+    if (!lookup.m_entry || !lookup.m_entry->IsValid()) return nullptr;
+    return lookup.m_entry->OpenReadStream();
+  } catch (const std::runtime_error&) {
+    return nullptr;
+  }
+}
+
+bool DiskCache::Contains(std::wstring_view url) {
+  try {
+    CacheLookup lookup = MakeLookup(url, 0, m_directory);
+    return lookup.m_entry && lookup.m_entry->IsValid();
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+}
+
+std::int64_t DiskCache::ExpiryTime(std::wstring_view url) {
+  try {
+    CacheLookup lookup = MakeLookup(url, 0, m_directory);
+    return lookup.m_entry ? lookup.m_entry->Expiry() : -1;
+  } catch (const std::runtime_error&) {
+    return -1;
+  }
+}
+
+}  // namespace qv::net

@@ -1,0 +1,84 @@
+// The URL cache kept on disk: one entry file per URL in a cache directory, served while fresh,
+// revalidated with the server (entity tag, "If-None-Match", 304) when stale, and trimmed to the
+// configured size when the host asks (CleanUp).
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "net/cache/cache_entry.h"
+#include "net/cache/url_cache.h"
+#include "net/export.h"
+
+namespace qv::net {
+
+// Holds nothing but its directory: every operation builds what it needs from the entry files
+// and lets it go before returning, so the cache is the directory's contents and survives the
+// process. Operations may run on several threads and in several processes at once; they take no
+// lock and rely on the entry files' sharing rules (cache_entry.h).
+class DiskCache : public IUrlCache {
+ public:
+  // Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1),
+  // created with missing parents and, on POSIX, readable by the owner only. Throws
+  // std::filesystem::filesystem_error when it cannot be tested or created.
+  explicit DiskCache(const wchar_t* directory);
+  ~DiskCache() override;
+  DiskCache(const DiskCache&) = delete;
+  DiskCache& operator=(const DiskCache&) = delete;
+
+  bool QueryFlag() override;
+  std::unique_ptr<qv::io::IDataSeekableReadStream> OpenUrl(std::wstring_view url, int flags,
+                                                           qv::stop_token stop) override;
+  // Removes every entry; throws filesystem_error when the directory cannot be made again.
+  void Clear() override;
+  // Trims the directory below the limit on a worker thread and waits for it; true.
+  bool CleanUp() override;
+  std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(
+      std::wstring_view name) override;
+  std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream(
+      std::wstring_view name) override;
+
+  // A valid entry exists for `url` (taken as it is: no name prefix).
+  virtual bool Contains(std::wstring_view url);
+  // The expiry recorded for `url`: 0 when never cached, -1 when the entry cannot be read.
+  virtual std::int64_t ExpiryTime(std::wstring_view url);
+
+  // The cache key: the URL normalised, without its query, in UTF-8.
+  TQNET_EXPORT static std::string UrlToCache(std::wstring_view url);
+  // The entry file: `directory` joined with 10 hex digits of the key's digest.
+  TQNET_EXPORT static std::filesystem::path ComputeCacheLocation(
+      std::wstring_view url, const std::filesystem::path& directory);
+
+  const std::filesystem::path& Directory() const { return m_directory; }
+
+ private:
+  struct MeasuredFile {
+    std::filesystem::path path;
+    std::uint64_t size = 0;
+  };
+  struct Slot {
+    std::optional<CacheEntry> entry;  // empty once deleted or passed over
+    std::int64_t last_used = 0;       // the entry's, kept beside it for sorting
+    std::uint64_t size = 0;
+  };
+
+  void EnforceSizeLimit();
+  // Loads every measured file that holds an entry. Files that are not entries are deleted by
+  // the load; their bytes are taken off `total`.
+  std::vector<Slot> ListEntries(std::vector<MeasuredFile>& files, std::uint64_t& total);
+
+  std::filesystem::path m_directory;
+};
+
+namespace detail {
+// Creates `directory` and its missing parents (owner-only on POSIX); throws filesystem_error
+// named "exists" or "create_directories".
+void EnsureCacheDirectory(const std::filesystem::path& directory);
+}  // namespace detail
+
+}  // namespace qv::net
