@@ -15,13 +15,14 @@ namespace {
 
 bool IsAsciiAlpha(wchar_t c) { return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z'); }
 
-// UTF-8 URI text with non-ASCII bytes percent-encoded.
+// UTF-8 URI text with non-ASCII bytes, spaces and controls percent-encoded (file URLs are often
+// written with the path as it stands; those characters never occur in a valid URI).
 std::string ToUriText(const wchar_t* text) {
   static constexpr char kHex[] = "0123456789ABCDEF";
   std::string out;
   for (char ch : qv::WideToUtf8(text)) {
     const auto b = static_cast<unsigned char>(ch);
-    if (b < 0x80) {
+    if (b > 0x20 && b < 0x7F) {
       out.push_back(ch);
     } else {
       out += '%';
