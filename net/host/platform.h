@@ -3,4 +3,5 @@
 #pragma once
 
 #include "platform/windows_types.h"
+#include "platform/urlmon.h"
 #include "platform/wininet.h"

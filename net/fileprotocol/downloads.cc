@@ -1,0 +1,80 @@
+#include "net/fileprotocol/downloads.h"
+
+#include "net/fileprotocol/http_file_protocol.h"
+
+namespace qv::net {
+namespace {
+
+// The length the URL Moniker is given for the cached file's path, in characters.
+constexpr DWORD kCachePathChars = 260;
+
+}  // namespace
+
+HRESULT MyBindStatusCallback::QueryInterface(REFIID riid, void** object) {
+  if (object == nullptr) return E_POINTER;
+  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IBindStatusCallback)) {
+    *object = static_cast<IBindStatusCallback*>(this);
+    return S_OK;
+  }
+  *object = nullptr;
+  return E_NOINTERFACE;
+}
+
+ULONG MyBindStatusCallback::AddRef() { return 0; }
+
+ULONG MyBindStatusCallback::Release() { return 0; }
+
+HRESULT MyBindStatusCallback::OnStartBinding(DWORD, IBinding* binding) {
+  m_binding = binding;
+  if (m_binding != nullptr) m_binding->AddRef();
+  Report(0.0);
+  return S_OK;
+}
+
+HRESULT MyBindStatusCallback::GetPriority(LONG*) { return E_NOTIMPL; }
+
+HRESULT MyBindStatusCallback::OnLowResource(DWORD) { return S_OK; }
+
+HRESULT MyBindStatusCallback::OnProgress(ULONG progress, ULONG progress_max, ULONG, LPCWSTR) {
+  Report(progress_max == 0 ? 0.0
+                           : static_cast<double>(progress) / static_cast<double>(progress_max));
+  return S_OK;
+}
+
+HRESULT MyBindStatusCallback::OnStopBinding(HRESULT, LPCWSTR) {
+  if (m_binding != nullptr) m_binding->Release();
+  m_binding = nullptr;
+  Report(1.0);
+  return S_OK;
+}
+
+HRESULT MyBindStatusCallback::GetBindInfo(DWORD*, BINDINFO*) { return S_OK; }
+
+HRESULT MyBindStatusCallback::OnDataAvailable(DWORD, DWORD, FORMATETC*, STGMEDIUM*) {
+  return S_OK;
+}
+
+HRESULT MyBindStatusCallback::OnObjectAvailable(REFIID, IUnknown*) { return S_OK; }
+
+void MyBindStatusCallback::Report(double fraction) {
+  if (m_progress != nullptr) m_progress->SetProgress(fraction);
+}
+
+bool HttpFileProtocol::GetFile(const wchar_t* url, const wchar_t* local_path,
+                               TqUProgress* progress) {
+  MyBindStatusCallback callback(progress);
+  return SUCCEEDED(URLDownloadToFileW(nullptr, url, local_path, 0, &callback));
+}
+
+bool HttpFileProtocol::GetFileToCache(const wchar_t* url, TqUProgress* progress,
+                                      TqUWideStringBuffer* cache_path) {
+  MyBindStatusCallback callback(progress);
+  wchar_t path[kCachePathChars] = {};
+  if (FAILED(URLDownloadToCacheFileW(nullptr, url, path, kCachePathChars, 0, &callback))) {
+    return false;
+  }
+  if (cache_path != nullptr) cache_path->SetString(path);
+  return true;
+}
+
+}  // namespace qv::net

@@ -1,0 +1,43 @@
+// The status callback through which whole-file downloads report progress to the host.
+#pragma once
+
+#include "net/host/platform.h"
+#include "net/host/tqutil.h"
+
+namespace qv::net {
+
+// Lives on the caller's stack for one download and is told about it by the URL Moniker on the
+// calling thread. Does no reference counting and never cancels: every callback returns S_OK.
+// Reports 0.0 when the download starts, the received fraction as it goes, and 1.0 when it ends,
+// whether it succeeded or not. A null progress object is allowed: nothing is reported.
+class MyBindStatusCallback : public IBindStatusCallback {
+ public:
+  explicit MyBindStatusCallback(TqUProgress* progress) : m_progress(progress) {}
+  MyBindStatusCallback(const MyBindStatusCallback&) = delete;
+  MyBindStatusCallback& operator=(const MyBindStatusCallback&) = delete;
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override;
+  ULONG STDMETHODCALLTYPE AddRef() override;
+  ULONG STDMETHODCALLTYPE Release() override;
+  HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD reserved, IBinding* binding) override;
+  HRESULT STDMETHODCALLTYPE GetPriority(LONG* priority) override;
+  HRESULT STDMETHODCALLTYPE OnLowResource(DWORD reserved) override;
+  HRESULT STDMETHODCALLTYPE OnProgress(ULONG progress, ULONG progress_max, ULONG status_code,
+                                       LPCWSTR status_text) override;
+  HRESULT STDMETHODCALLTYPE OnStopBinding(HRESULT result, LPCWSTR error) override;
+  HRESULT STDMETHODCALLTYPE GetBindInfo(DWORD* bind_flags, BINDINFO* bind_info) override;
+  HRESULT STDMETHODCALLTYPE OnDataAvailable(DWORD flags, DWORD size, FORMATETC* format,
+                                            STGMEDIUM* medium) override;
+  HRESULT STDMETHODCALLTYPE OnObjectAvailable(REFIID riid, IUnknown* object) override;
+
+  // The binding of the running download; null before OnStartBinding and after OnStopBinding.
+  IBinding* Binding() const { return m_binding; }
+
+ private:
+  void Report(double fraction);
+
+  IBinding* m_binding = nullptr;
+  TqUProgress* m_progress;
+};
+
+}  // namespace qv::net

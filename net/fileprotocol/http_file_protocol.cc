@@ -1,0 +1,268 @@
+#include "net/fileprotocol/http_file_protocol.h"
+
+#include <cwchar>
+
+#include "net/fileprotocol/protocol_internal.h"
+
+namespace qv::net {
+namespace {
+
+constexpr const wchar_t* kDefaultUserAgent = L"Torvik-Quillstone/23.1";
+
+// Room for 4,095 characters and the terminator: 8,190 bytes of UTF-16 on Windows, the same
+// number of characters where wchar_t is wider.
+constexpr std::size_t kHeaderChars = 4096;
+
+}  // namespace
+
+namespace detail {
+
+void RefuseHandle(const wchar_t* operation) {
+  SetLastError(ERROR_INVALID_HANDLE);
+  TqUError::Post(1, &FileProtocolComponent(), L"HttpFileProtocol::%s invalid handle", operation);
+}
+
+TqUComponent& FileProtocolComponent() {
+  static TqUComponent component;
+  return component;
+}
+
+const wchar_t* VerbOf(HttpMethod method) {
+  switch (method) {
+    case HttpMethod::Head:
+      return L"HEAD";
+    case HttpMethod::Get:
+      return L"GET";
+    default:
+      return L"";
+  }
+}
+
+HINTERNET OpenProtocolRequest(HINTERNET connection, HttpMethod method, const wchar_t* resource,
+                              bool secure) {
+  const wchar_t* accept_types[] = {L"*/*", nullptr};
+  DWORD flags = INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION;
+  if (secure) flags |= INTERNET_FLAG_SECURE;
+  return HttpOpenRequestW(connection, VerbOf(method), resource, nullptr, nullptr, accept_types,
+                          flags, 0);
+}
+
+bool SendProtocolRequest(HINTERNET request, const std::wstring& headers) {
+  return HttpSendRequestW(request, headers.c_str(), static_cast<DWORD>(headers.size()), nullptr,
+                          0) != FALSE;
+}
+
+bool QueryStatusCode(HINTERNET request, DWORD* status) {
+  DWORD length = sizeof(*status);
+  return HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, status, &length,
+                        nullptr) != FALSE;
+}
+
+bool ParseContentRangeLength(const TqUWideString& text, std::uint64_t* length) {
+  if (text.View().substr(0, 6) != L"bytes ") return false;
+  unsigned long long first = 0;
+  unsigned long long last = 0;
+  unsigned long long total = 0;
+  if (std::swscanf(text.GetString(), L"bytes %llu-%llu/%llu", &first, &last, &total) != 3) {
+    return false;
+  }
+  *length = total;
+  return true;
+}
+
+}  // namespace detail
+
+bool QueryHeaderText(HINTERNET request, DWORD info_level, TqUWideString* out) {
+  wchar_t buffer[kHeaderChars] = {};
+  DWORD length = static_cast<DWORD>((kHeaderChars - 1) * sizeof(wchar_t));
+  if (!HttpQueryInfoW(request, info_level, buffer, &length, nullptr)) return false;
+  const std::size_t chars = length / sizeof(wchar_t);
+  buffer[chars < kHeaderChars ? chars : kHeaderChars - 1] = L'\0';
+  out->SetString(buffer);
+  return true;
+}
+
+HttpFileProtocol::HttpFileProtocol() = default;
+
+HttpFileProtocol::~HttpFileProtocol() { CloseInetHandle(); }
+
+bool HttpFileProtocol::SupportsDirectOpen() { return true; }
+bool HttpFileProtocol::SupportsGetPut() { return true; }
+bool HttpFileProtocol::SupportsOwnCache() { return true; }
+bool HttpFileProtocol::IsRemote() { return true; }
+bool HttpFileProtocol::SupportsReadFileToSize() { return true; }
+
+bool HttpFileProtocol::PutFile(const wchar_t*, const wchar_t*, TqUProgress*) { return false; }
+
+bool HttpFileProtocol::WriteFile(TqUFileHandle*, std::uint64_t, std::uint64_t, unsigned char*) {
+  return false;
+}
+
+void HttpFileProtocol::Initialise() {
+  if (!detail::FileProtocolComponent().Initialise(L"HttpFileProtocol")) return;
+  TqUFileProtocolRegistry::Initialise();
+  auto* protocol = new HttpFileProtocol();
+  TqUFileProtocolRegistry::Get()->Register(L"http", protocol);
+  TqUFileProtocolRegistry::Get()->Register(L"https", protocol);
+  m_pre_http_authentication_func = &DefaultPreHTTPAuthentication;
+}
+
+void HttpFileProtocol::Terminate() {
+  if (!detail::FileProtocolComponent().Terminate()) return;
+  // Registered twice, deleted once: through the second registration.
+  TqUFileProtocolRegistry* registry = TqUFileProtocolRegistry::Get();
+  if (registry != nullptr) {
+    registry->Unregister(L"http");
+    delete registry->Unregister(L"https");
+  }
+  TqUFileProtocolRegistry::Terminate();
+}
+
+bool HttpFileProtocol::IsInitialised() { return detail::FileProtocolComponent().IsInitialised(); }
+
+void HttpFileProtocol::SetUserAgentW(const wchar_t* agent) {
+  TqUWideStringBuffer text;
+  text.SetString(agent);
+  std::lock_guard lock(m_internet_mutex);
+  text.ExtractUTF8String(&m_user_agent);
+}
+
+void HttpFileProtocol::SetUserAgentU(const char* agent) {
+  std::lock_guard lock(m_internet_mutex);
+  m_user_agent.SetString(agent);
+}
+
+std::wstring HttpFileProtocol::UserAgentForOpen() const {
+  if (m_user_agent.IsEmpty()) return kDefaultUserAgent;
+  return qv::Utf8ToWide(m_user_agent.View());
+}
+
+bool HttpFileProtocol::OpenInetHandle() {
+  if (m_internet.load(std::memory_order_acquire) != nullptr) return true;
+  // Two threads opening their first file at once must not open two handles (one would leak).
+  std::lock_guard lock(m_internet_mutex);
+  if (m_internet.load(std::memory_order_relaxed) != nullptr) return true;
+  const std::wstring agent = UserAgentForOpen();
+  HINTERNET internet =
+      InternetOpenW(agent.c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0);
+  if (internet == nullptr) {
+    TqUError::Post(1, &detail::FileProtocolComponent(),
+                   L"HttpFileProtocol::OpenInetHandle InternetOpen failed: %d",
+                   static_cast<int>(GetLastError()));
+    return false;
+  }
+  m_internet.store(internet, std::memory_order_release);
+  return true;
+}
+
+void HttpFileProtocol::CloseInetHandle() {
+  std::lock_guard lock(m_internet_mutex);
+  HINTERNET internet = m_internet.exchange(nullptr);
+  if (internet != nullptr) InternetCloseHandle(internet);
+}
+
+bool HttpFileProtocol::SetupOpenFile(const wchar_t* url, TqUWideStringBuffer* resolved, OpenMode) {
+  resolved->SetString(url);
+  return true;
+}
+
+TqUFileHandle* HttpFileProtocol::OpenFile(const wchar_t* url, OpenMode mode) {
+  if (url == nullptr) return nullptr;
+  const TqUURL parsed(url, false);
+  if (!parsed.IsValid()) return nullptr;
+  if (!OpenInetHandle()) return nullptr;
+  TqUWideStringBuffer resolved;
+  if (SetupOpenFile(url, &resolved, mode)) {
+    const TqUURL resolved_url(resolved.GetString(), false);
+    if (!resolved_url.IsValid()) return nullptr;
+    return new HttpFileHandle(url, resolved_url);
+  }
+  return new HttpFileHandle(url, parsed);
+}
+
+bool HttpFileProtocol::CloseFile(TqUFileHandle* file) {
+  if (file == nullptr) return true;
+  HttpFileHandle* record = HttpFileHandle::From(file);
+  if (record == nullptr) {
+    detail::RefuseHandle(L"CloseFile");
+    return false;
+  }
+  delete record;
+  return true;
+}
+
+TqUThreadHandle* HttpFileProtocol::CreateThreadHandle(TqUFileHandle* file) {
+  if (file == nullptr) return nullptr;
+  HttpFileHandle* record = HttpFileHandle::From(file);
+  if (record == nullptr) {
+    detail::RefuseHandle(L"CreateThreadHandle");
+    return nullptr;
+  }
+  const TqUURL& url = record->ParsedUrl();
+  const bool secure = TqUWideString::Equal(url.GetScheme(), L"https");
+  HINTERNET connection =
+      InternetConnectW(m_internet.load(std::memory_order_acquire), url.GetHostName(),
+                       url.GetPort(), url.GetUserNameW(), url.GetPassword(),
+                       INTERNET_SERVICE_HTTP, 0, 0);
+  if (connection == nullptr) {
+    TqUError::Post(1, &detail::FileProtocolComponent(),
+                   L"HttpFileProtocol::CreateThreadHandle InternetConnect for %s failed: %d",
+                   record->UrlText().GetString(), static_cast<int>(GetLastError()));
+    return nullptr;
+  }
+  return new HttpFileThreadHandle(secure, connection);
+}
+
+bool HttpFileProtocol::ReleaseThreadHandle(TqUThreadHandle* thread) {
+  if (thread == nullptr) return true;
+  HttpFileThreadHandle* record = HttpFileThreadHandle::From(thread);
+  if (record == nullptr) {
+    detail::RefuseHandle(L"ReleaseThreadHandle");
+    return false;
+  }
+  delete record;
+  return true;
+}
+
+TqUFileRequestHandle* HttpFileProtocol::SetupReadFile(TqUFileHandle* file, std::uint64_t,
+                                                      std::uint64_t) {
+  if (file == nullptr) return nullptr;
+  HttpFileHandle* record = HttpFileHandle::From(file);
+  if (record == nullptr) {
+    detail::RefuseHandle(L"SetupReadFile");
+    return nullptr;
+  }
+  return new HttpFileRequestHandle(record->ParsedUrl().GetResource());
+}
+
+bool HttpFileProtocol::ReleaseRequestHandle(TqUFileRequestHandle* request) {
+  if (request == nullptr) return true;
+  HttpFileRequestHandle* record = HttpFileRequestHandle::From(request);
+  if (record == nullptr) {
+    detail::RefuseHandle(L"ReleaseRequestHandle");
+    return false;
+  }
+  delete record;
+  return true;
+}
+
+bool HttpFileProtocol::ResolveAbsolute(const wchar_t* path, const wchar_t* base,
+                                       const wchar_t* directory, TqUWideStringBuffer* result) {
+  return TqUFileProtocol::ResolveAbsoluteFileOrURL(path, base, directory, result);
+}
+
+bool HttpFileProtocol::ResolveRelative(const wchar_t* base, const wchar_t* relative,
+                                       TqUWideStringBuffer* result) {
+  if (result == nullptr) return false;
+  const TqUURL base_url(base != nullptr ? base : L"", true);
+  const TqUURL relative_url(relative != nullptr ? relative : L"", true);
+  TqUURL resolved;
+  TqUURL::ResolveRelative(base_url, relative_url, resolved);
+  for (PostUrlResolutionFunc callback : m_post_url_resolution_funcs) {
+    if (callback != nullptr) callback(base_url, relative_url, resolved);
+  }
+  result->SetString(resolved.GetString());
+  return true;
+}
+
+}  // namespace qv::net

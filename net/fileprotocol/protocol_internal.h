@@ -1,0 +1,66 @@
+// Pieces shared by the file protocol's sources: its log component, the WinINet calls that
+// ranged reads and file information make alike, and an owner for WinINet handles.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "net/host/platform.h"
+#include "net/host/tqutil.h"
+#include "net/http/http_request.h"
+
+namespace qv::net {
+
+// Reads a response header as text into `out` (at most 4,095 characters: a longer one counts
+// as absent). False, with `out` unchanged, when the header is not there.
+bool QueryHeaderText(HINTERNET request, DWORD info_level, TqUWideString* out);
+
+namespace detail {
+
+// The component every message of the protocol is posted with ("HttpFileProtocol").
+TqUComponent& FileProtocolComponent();
+
+// Refuses a handle that this protocol did not make: ERROR_INVALID_HANDLE and one message
+// "HttpFileProtocol::<operation> invalid handle".
+void RefuseHandle(const wchar_t* operation);
+
+// Sole owner of one WinINet handle; closes it on every path.
+class InternetHandle {
+ public:
+  InternetHandle() = default;
+  explicit InternetHandle(HINTERNET handle) : m_handle(handle) {}
+  InternetHandle(const InternetHandle&) = delete;
+  InternetHandle& operator=(const InternetHandle&) = delete;
+  ~InternetHandle() { Reset(nullptr); }
+
+  HINTERNET Get() const { return m_handle; }
+  explicit operator bool() const { return m_handle != nullptr; }
+  void Reset(HINTERNET handle) {
+    if (m_handle != nullptr) InternetCloseHandle(m_handle);
+    m_handle = handle;
+  }
+
+ private:
+  HINTERNET m_handle = nullptr;
+};
+
+// "HEAD" for Head, "GET" for Get, "" for any other method.
+const wchar_t* VerbOf(HttpMethod method);
+
+// HttpOpenRequestW on `connection` for `resource`, accepting "*/*", bypassing WinINet's cache
+// and keeping the connection alive; secure adds INTERNET_FLAG_SECURE.
+HINTERNET OpenProtocolRequest(HINTERNET connection, HttpMethod method, const wchar_t* resource,
+                              bool secure);
+
+// Sends `headers` (no body) on `request`.
+bool SendProtocolRequest(HINTERNET request, const std::wstring& headers);
+
+// The response's status as a number.
+bool QueryStatusCode(HINTERNET request, DWORD* status);
+
+// The full length from a "Content-Range" of the form "bytes first-last/length"; false for any
+// other form ("bytes first-last/*" included).
+bool ParseContentRangeLength(const TqUWideString& text, std::uint64_t* length);
+
+}  // namespace detail
+}  // namespace qv::net

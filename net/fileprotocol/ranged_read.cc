@@ -1,0 +1,139 @@
+// Ranged reads: one GET with a "Range" header per read, on the reading thread's connection,
+// its body read straight into the caller's buffer.
+#include <cwchar>
+
+#include "net/fileprotocol/http_file_protocol.h"
+#include "net/fileprotocol/protocol_internal.h"
+#include "net/http/request_handler.h"
+
+namespace qv::net {
+namespace {
+
+constexpr int kMaxSends = 3;
+// Each InternetReadFile asks for at most this much, so that a read of 4 GiB or more is split
+// rather than cut to the low 32 bits of its size.
+constexpr std::uint64_t kMaxReadChunk = 0x80000000u;
+
+void PostReadError(const wchar_t* format, const TqUWideString& url, int value) {
+  TqUError::Post(1, &detail::FileProtocolComponent(), format, url.GetString(), value);
+}
+
+// The full size of the remote file from the answer's headers; false (message posted) when
+// neither a usable "Content-Range" nor a "Content-Length" is there.
+bool QueryTotalSize(HINTERNET request, const TqUWideString& url, std::uint64_t* total_size) {
+  TqUWideString text;
+  std::uint64_t length = 0;
+  if (QueryHeaderText(request, HTTP_QUERY_CONTENT_RANGE, &text) &&
+      detail::ParseContentRangeLength(text, &length)) {
+    *total_size = length;
+    return true;
+  }
+  if (QueryHeaderText(request, HTTP_QUERY_CONTENT_LENGTH, &text)) {
+    *total_size = std::wcstoull(text.GetString(), nullptr, 10);
+    return true;
+  }
+  TqUError::Post(1, &detail::FileProtocolComponent(),
+                 L"HttpFileProtocol::ReadFile HttpQueryInfo Can't find size in headers for %s",
+                 url.GetString());
+  return false;
+}
+
+// Reads the body into `buffer` until `size` bytes, the end of the body or a failed read.
+std::uint64_t ReadBody(HINTERNET request, std::uint64_t size, unsigned char* buffer) {
+  std::uint64_t done = 0;
+  std::uint64_t remaining = size;
+  while (remaining > 0) {
+    const DWORD ask = static_cast<DWORD>(remaining < kMaxReadChunk ? remaining : kMaxReadChunk);
+    DWORD got = 0;
+    if (!InternetReadFile(request, buffer + done, ask, &got) || got == 0) break;
+    done += got;
+    remaining -= got;
+  }
+  return done;
+}
+
+}  // namespace
+
+std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHandle* thread,
+                                              TqUFileRequestHandle* request,
+                                              std::uint64_t offset, std::uint64_t size,
+                                              unsigned char* buffer, std::uint64_t* total_size) {
+  if (size == 0) return total_size != nullptr ? -1 : 0;
+  HttpFileHandle* file_record = HttpFileHandle::From(file);
+  HttpFileThreadHandle* thread_record = HttpFileThreadHandle::From(thread);
+  HttpFileRequestHandle* request_record = HttpFileRequestHandle::From(request);
+  if (file_record == nullptr || thread_record == nullptr || request_record == nullptr) {
+    detail::RefuseHandle(L"ReadFile");
+    return -1;
+  }
+  // The range's last byte must be representable, and the bytes must have somewhere to go.
+  if (buffer == nullptr || size - 1 > UINT64_MAX - offset ||
+      size > static_cast<std::uint64_t>(INT64_MAX)) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    TqUError::Post(1, &detail::FileProtocolComponent(),
+                   L"HttpFileProtocol::ReadFile invalid range for %s",
+                   file_record->UrlText().GetString());
+    return -1;
+  }
+  const TqUWideString& url = file_record->UrlText();
+
+  HttpRequest http_request(url.GetString(), HttpMethod::Get);
+  HttpRequestHandlerManager::HandlePreRequest(http_request);
+  TqUWideStringBuffer range;
+  range.Format(L"bytes=%llu-%llu", static_cast<unsigned long long>(offset),
+               static_cast<unsigned long long>(offset + size - 1));
+  http_request.AddHeader(L"Range", range.GetString());
+
+  detail::InternetHandle handle(detail::OpenProtocolRequest(
+      thread_record->Connection(), http_request.GetMethod(), request_record->Resource().GetString(),
+      thread_record->IsSecure()));
+  if (!handle) {
+    PostReadError(L"HttpFileProtocol::ReadFile HttpOpenRequest for %s failed: %d", url,
+                  static_cast<int>(GetLastError()));
+    return 0;
+  }
+
+  const std::wstring headers = http_request.FormatHeaders();
+  for (int sends = 1;; ++sends) {
+    if (detail::SendProtocolRequest(handle.Get(), headers)) break;
+    const DWORD error = GetLastError();
+    if (error != ERROR_INTERNET_TIMEOUT) {
+      PostReadError(L"HttpFileProtocol::ReadFile HttpSendRequest for %s failed: %d", url,
+                    static_cast<int>(error));
+      return -1;
+    }
+    if (sends == kMaxSends) return -1;
+  }
+
+  if (total_size != nullptr && !QueryTotalSize(handle.Get(), url, total_size)) return -1;
+
+  DWORD status = 0;
+  if (!detail::QueryStatusCode(handle.Get(), &status)) {
+    PostReadError(L"HttpFileProtocol::ReadFile HttpQueryInfo Status Code for %s failed: %d", url,
+                  static_cast<int>(GetLastError()));
+    return -1;
+  }
+  if (status != 200 && status != 206) {
+    PostReadError(L"HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for %s: %d",
+                  url, static_cast<int>(status));
+    return -1;
+  }
+  // A 200 means the server ignored the range: its body is read from the start all the same.
+  return static_cast<std::int64_t>(ReadBody(handle.Get(), size, buffer));
+}
+
+bool HttpFileProtocol::ReadFile(TqUFileHandle* file, TqUThreadHandle* thread,
+                                TqUFileRequestHandle* request, std::uint64_t offset,
+                                std::uint64_t size, unsigned char* buffer) {
+  const std::int64_t read = ReadFileToSize(file, thread, request, offset, size, buffer, nullptr);
+  if (read < 0) return false;
+  if (static_cast<std::uint64_t>(read) == size) return true;
+  const HttpFileHandle* record = HttpFileHandle::From(file);
+  TqUError::Post(1, &detail::FileProtocolComponent(),
+                 L"HttpFileProtocol::ReadFile InternetReadFile partial data for %s: %d",
+                 record != nullptr ? record->UrlText().GetString() : L"",
+                 static_cast<int>(GetLastError()));
+  return false;
+}
+
+}  // namespace qv::net
