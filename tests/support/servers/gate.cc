@@ -1,0 +1,43 @@
+#include "tests/support/servers/gate.h"
+
+namespace tq::test {
+
+void Gate::Open() {
+  {
+    std::lock_guard lock(mutex_);
+    open_ = true;
+  }
+  cv_.notify_all();
+}
+
+void Gate::Close() {
+  std::lock_guard lock(mutex_);
+  open_ = false;
+}
+
+bool Gate::is_open() const {
+  std::lock_guard lock(mutex_);
+  return open_;
+}
+
+bool Gate::Wait(std::chrono::milliseconds bound) {
+  std::unique_lock lock(mutex_);
+  ++waiters_;
+  cv_.notify_all();
+  const bool opened = cv_.wait_for(lock, bound, [&] { return open_; });
+  --waiters_;
+  cv_.notify_all();
+  return opened;
+}
+
+bool Gate::WaitForWaiters(int count, std::chrono::milliseconds bound) {
+  std::unique_lock lock(mutex_);
+  return cv_.wait_for(lock, bound, [&] { return waiters_ >= count; });
+}
+
+int Gate::waiters() const {
+  std::lock_guard lock(mutex_);
+  return waiters_;
+}
+
+}  // namespace tq::test

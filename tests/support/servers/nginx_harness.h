@@ -1,0 +1,59 @@
+// Debian's nginx (/usr/sbin/nginx) as a child process serving a temporary directory on
+// 127.0.0.1 with an ephemeral port: the real-world peer (ETag, 304, Range and 206, HEAD,
+// keep-alive). Everything it writes (configuration, logs, pid, temporary files) stays in its own
+// temporary directory; it is stopped on destruction.
+//
+//   tq::test::NginxHarness nginx;
+//   ASSERT_TRUE(nginx.ok()) << nginx.error();
+//   nginx.WriteFile("a.bin", bytes);
+//   ... GET nginx.Url("/a.bin") ...
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "tests/support/servers/temp_dir.h"
+
+namespace tq::test {
+
+class NginxHarness {
+ public:
+  struct Options {
+    bool master_process = false;
+    // Extra directives inside the server block (e.g. "location /x { return 302 /y; }").
+    std::string server_directives;
+  };
+
+  static constexpr const char* kBinary = "/usr/sbin/nginx";
+  static bool Installed();
+
+  NginxHarness();
+  // Starts nginx and waits (bounded) until it accepts connections.
+  explicit NginxHarness(const Options& options);
+  ~NginxHarness();
+  NginxHarness(const NginxHarness&) = delete;
+  NginxHarness& operator=(const NginxHarness&) = delete;
+
+  bool ok() const { return pid_ > 0; }
+  // Why it did not start (with the tail of nginx's error log).
+  const std::string& error() const { return error_; }
+  int port() const { return port_; }
+  std::string Url(const std::string& path = "/") const;
+  // The document root; files written there are served at once.
+  std::filesystem::path root() const { return dir_.path() / "www"; }
+  std::filesystem::path WriteFile(std::string_view relative, std::string_view contents) const;
+
+ private:
+  bool Start(const Options& options, int port);
+  void Stop();
+
+  TempDir dir_;
+  pid_t pid_ = -1;
+  int port_ = -1;
+  std::string error_;
+};
+
+}  // namespace tq::test

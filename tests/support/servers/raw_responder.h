@@ -1,0 +1,73 @@
+// A raw TCP server on 127.0.0.1 with an ephemeral port, for answers no real server would give:
+// exact bytes, a connection closed or reset half-way, a server that stalls. A script runs for
+// each accepted connection on its own thread.
+//
+//   tq::test::RawResponder responder([](tq::test::RawConnection& c) {
+//     c.ReadRequestHead();
+//     c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nshort");
+//     c.Reset();
+//   });
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace tq::test {
+
+class RawConnection {
+ public:
+  // Reads one request's head, through the blank line, and the body that its Content-Length
+  // announces; returns the head ("" when the peer closed or the responder is stopping).
+  std::string ReadRequestHead();
+  // Sends all bytes; false when the peer is gone.
+  bool Send(std::string_view bytes);
+  // Waits until the responder's Release() or its destruction. Returns true when released.
+  bool Stall();
+  // Closes with a TCP reset (RST) instead of an orderly close.
+  void Reset();
+  // Orderly close (FIN). Also done when the script returns.
+  void Close();
+  // Index of this connection in accept order, from 0.
+  std::size_t index() const { return index_; }
+
+ private:
+  friend class RawResponder;
+  RawConnection(int fd, std::size_t index, void* owner) : fd_(fd), index_(index), owner_(owner) {}
+  int fd_;
+  std::size_t index_;
+  void* owner_;
+  std::string pending_;  // bytes read past the last request
+};
+
+class RawResponder {
+ public:
+  using Script = std::function<void(RawConnection&)>;
+
+  explicit RawResponder(Script script);
+  // For every connection: read each request head and answer it with `response`; after the
+  // answer, close (keep_open false) or go on with the next request.
+  static Script Reply(std::string response, bool keep_open = false);
+
+  // Releases stalls, unblocks reads, closes every connection and joins the threads.
+  ~RawResponder();
+  RawResponder(const RawResponder&) = delete;
+  RawResponder& operator=(const RawResponder&) = delete;
+
+  bool ok() const;
+  int port() const;
+  std::string Url(const std::string& path = "/") const;
+  std::size_t connection_count() const;
+  // Lets connections waiting in Stall() go on.
+  void Release();
+
+ private:
+  struct Impl;
+  friend class RawConnection;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace tq::test
