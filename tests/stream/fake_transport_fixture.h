@@ -20,15 +20,20 @@
 
 namespace tq::test {
 
-// The fake with one more hook: a function run when the status is read, e.g. to request a stop
-// after the retry loop has looked at the token for the last time.
+// The fake with two more hooks, run when the status or a body chunk is read: e.g. to request a
+// stop after the retry loop has looked at the token for the last time, or in mid-copy.
 class HookedFakeHttpApi : public FakeHttpApi {
  public:
   std::function<void()> on_status;
+  std::function<void()> on_read;
 
   std::uint32_t QueryStatusCode(void* request) override {
     if (on_status) on_status();
     return FakeHttpApi::QueryStatusCode(request);
+  }
+  bool Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& bytes_read) override {
+    if (on_read) on_read();
+    return FakeHttpApi::Read(request, buffer, size, bytes_read);
   }
 };
 

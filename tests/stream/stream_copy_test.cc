@@ -1,0 +1,315 @@
+#include "net/stream/stream_copy.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "net/http/http_status.h"
+#include "net/stream/read_stream.h"
+#include "tests/stream/fake_transport_fixture.h"
+
+namespace {
+
+using qv::net::CopyStream;
+using qv::net::CopyStreamResult;
+using qv::net::IsHttpUrl;
+using qv::net::kCopyChunkSize;
+using qv::net::OpenUrlReadStream;
+using qv::net::ReadUrlIntoMemory;
+using tq::test::FakeResponse;
+using ::testing::ElementsAre;
+
+constexpr std::uint64_t kMiB = 1024 * 1024;
+
+// A source of `size` bytes (byte i is i mod 251) that records every read's requested size and
+// may run a hook or throw on the n-th read.
+class PatternSource : public qv::io::IDataReadStream {
+ public:
+  explicit PatternSource(std::uint64_t size) : m_size(size) {}
+
+  std::uint64_t Read(void* buffer, std::uint64_t size) override {
+    m_requests.push_back(size);
+    if (on_read) on_read(m_requests.size());
+    const std::uint64_t n = std::min(size, m_size - m_pos);
+    auto* out = static_cast<std::uint8_t*>(buffer);
+    for (std::uint64_t i = 0; i < n; ++i) out[i] = static_cast<std::uint8_t>((m_pos + i) % 251);
+    m_pos += n;
+    return n;
+  }
+
+  std::function<void(std::size_t read_number)> on_read;
+  std::vector<std::uint64_t> m_requests;
+
+ private:
+  std::uint64_t m_size;
+  std::uint64_t m_pos = 0;
+};
+
+// Keeps the sizes written and checks the pattern as it arrives.
+class CheckingTarget : public qv::io::IDataWriteStream {
+ public:
+  std::uint64_t Write(const void* buffer, std::uint64_t size) override {
+    if (throw_on_write) throw qv::net::http_exception("disk full\n");
+    const auto* in = static_cast<const std::uint8_t*>(buffer);
+    for (std::uint64_t i = 0; i < size; ++i) {
+      if (in[i] != static_cast<std::uint8_t>((m_total + i) % 251)) ++m_mismatches;
+    }
+    m_total += size;
+    m_writes.push_back(size);
+    return size;
+  }
+
+  bool throw_on_write = false;
+  std::vector<std::uint64_t> m_writes;
+  std::uint64_t m_total = 0;
+  std::uint64_t m_mismatches = 0;
+};
+
+class EmptyTextError : public std::runtime_error {
+ public:
+  EmptyTextError() : std::runtime_error("") {}
+};
+
+TEST(IsHttpUrlTest, MatchesOnlyTheExactLowerCaseSchemes) {
+  EXPECT_TRUE(IsHttpUrl(L"http:"));
+  EXPECT_TRUE(IsHttpUrl(L"https:"));
+  EXPECT_TRUE(IsHttpUrl(L"http://example.test/a"));
+  EXPECT_TRUE(IsHttpUrl(L"https://example.test/a"));
+  EXPECT_FALSE(IsHttpUrl(L"https"));
+  EXPECT_FALSE(IsHttpUrl(L"http"));
+  EXPECT_FALSE(IsHttpUrl(L""));
+  EXPECT_FALSE(IsHttpUrl(L"HTTP://example.test/a"));
+  EXPECT_FALSE(IsHttpUrl(L"Https://example.test/a"));
+  EXPECT_FALSE(IsHttpUrl(L" http://example.test/a"));
+  EXPECT_FALSE(IsHttpUrl(L"httpx://example.test/a"));
+  EXPECT_FALSE(IsHttpUrl(L"file:///tmp/a"));
+  // A view that is not NUL-terminated is read only within its bounds.
+  const std::wstring text = L"http:rest";
+  EXPECT_FALSE(IsHttpUrl(std::wstring_view(text).substr(0, 4)));
+}
+
+TEST(CopyStreamTest, CopiesIn8MiBChunksAndEndsOnAZeroRead) {
+  PatternSource source(20 * kMiB);
+  CheckingTarget target;
+  const CopyStreamResult result = CopyStream(source, target, {});
+  EXPECT_EQ(result.bytes_copied, 20971520u);
+  EXPECT_TRUE(result.completed);
+  EXPECT_THAT(target.m_writes, ElementsAre(8 * kMiB, 8 * kMiB, 4 * kMiB));
+  EXPECT_THAT(source.m_requests, ElementsAre(kCopyChunkSize, kCopyChunkSize, kCopyChunkSize,
+                                             kCopyChunkSize));
+  EXPECT_EQ(target.m_mismatches, 0u);
+
+  PatternSource empty(0);
+  CheckingTarget nothing;
+  const CopyStreamResult none = CopyStream(empty, nothing, {});
+  EXPECT_EQ(none.bytes_copied, 0u);
+  EXPECT_TRUE(none.completed);
+  EXPECT_EQ(empty.m_requests.size(), 1u);
+  EXPECT_TRUE(nothing.m_writes.empty());
+}
+
+TEST(CopyStreamTest, StopIsSeenAfterTheChunkIsWrittenEvenOnTheLastChunk) {
+  qv::stop_source source_of_stop;
+  PatternSource source(20 * kMiB);
+  source.on_read = [&](std::size_t n) {
+    if (n == 3) source_of_stop.request_stop();
+  };
+  CheckingTarget target;
+  const CopyStreamResult result = CopyStream(source, target, source_of_stop.get_token());
+  EXPECT_EQ(result.bytes_copied, 20 * kMiB) << "every byte was copied";
+  EXPECT_FALSE(result.completed);
+  EXPECT_THAT(target.m_writes, ElementsAre(8 * kMiB, 8 * kMiB, 4 * kMiB));
+  EXPECT_EQ(source.m_requests.size(), 3u) << "no read after the stop";
+
+  // A stop seen with the end of the source is still not a completed copy.
+  qv::stop_source at_end;
+  PatternSource short_source(10);
+  short_source.on_read = [&](std::size_t n) {
+    if (n == 2) at_end.request_stop();
+  };
+  CheckingTarget short_target;
+  const CopyStreamResult ended = CopyStream(short_source, short_target, at_end.get_token());
+  EXPECT_EQ(ended.bytes_copied, 10u);
+  EXPECT_FALSE(ended.completed);
+}
+
+TEST(CopyStreamTest, RuntimeErrorsAreLoggedAndEndTheCopyOthersPassThrough) {
+  tq::test::LogCapture log;
+  PatternSource failing(20 * kMiB);
+  failing.on_read = [](std::size_t n) {
+    if (n == 2) throw std::runtime_error("connection reset");
+  };
+  CheckingTarget target;
+  const CopyStreamResult read_error = CopyStream(failing, target, {});
+  EXPECT_EQ(read_error.bytes_copied, 8 * kMiB);
+  EXPECT_FALSE(read_error.completed);
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("Failed to read or write stream in CopyStream: connection reset\n"));
+
+  // A failed write still counts the chunk that was read and handed over.
+  log.Clear();
+  PatternSource source(20 * kMiB);
+  CheckingTarget full;
+  full.throw_on_write = true;
+  const CopyStreamResult write_error = CopyStream(source, full, {});
+  EXPECT_EQ(write_error.bytes_copied, 8 * kMiB);
+  EXPECT_FALSE(write_error.completed);
+  EXPECT_EQ(log.Text(), "Failed to read or write stream in CopyStream: disk full\n\n");
+
+  log.Clear();
+  PatternSource silent(1);
+  silent.on_read = [](std::size_t) { throw EmptyTextError(); };
+  EXPECT_FALSE(CopyStream(silent, target, {}).completed);
+  EXPECT_EQ(log.Text(), "Failed to read or write stream in CopyStream: Unknown exception\n");
+
+  PatternSource logic(1);
+  logic.on_read = [](std::size_t) { throw std::logic_error("not a runtime error"); };
+  EXPECT_THROW(CopyStream(logic, target, {}), std::logic_error);
+}
+
+class UrlReadingTest : public tq::test::FakeTransportTest {
+ protected:
+  static FakeResponse Ok(std::string body) {
+    FakeResponse response;
+    response.Header(L"Content-Length", std::to_wstring(body.size())).Body(std::move(body));
+    return response;
+  }
+};
+
+constexpr const wchar_t* kUrl = L"http://example.test/data";
+
+TEST_F(UrlReadingTest, OpenUrlReadStreamRoutesBySchemeAndReturnsUnsuccessfulStreams) {
+  m_api.Queue(Ok("body"));
+  auto http = OpenUrlReadStream(kUrl, {});
+  ASSERT_NE(dynamic_cast<qv::net::HttpReadStream*>(http.get()), nullptr);
+  char buffer[8];
+  EXPECT_EQ(http->Read(buffer, sizeof buffer), 4u);
+  http.reset();
+
+  FakeResponse missing;
+  missing.status = 404;
+  m_api.Queue(missing);
+  auto not_found = OpenUrlReadStream(kUrl, {});
+  ASSERT_NE(not_found, nullptr) << "an unsuccessful stream is still a stream";
+  EXPECT_EQ(not_found->Read(buffer, sizeof buffer), 0u);
+  not_found.reset();
+  m_log.Clear();
+
+  // Other schemes, and HTTP written in capitals, go to the utility library, never the transport.
+  const auto file = std::filesystem::temp_directory_path() / "tq_stream_copy_test.txt";
+  std::ofstream(file) << "file body";
+  auto local = OpenUrlReadStream(L"file://" + file.wstring(), {});
+  ASSERT_NE(local, nullptr);
+  EXPECT_EQ(local->Read(buffer, sizeof buffer), 8u);
+  std::filesystem::remove(file);
+  EXPECT_EQ(OpenUrlReadStream(L"HTTP://example.test/data", {}), nullptr);
+  EXPECT_EQ(OpenUrlReadStream(L"gopher://example.test/data", {}), nullptr);
+  EXPECT_EQ(m_api.CountCalls("Send"), 2);
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+TEST_F(UrlReadingTest, ReadUrlIntoMemoryHoldsTheWholeBodyAtPositionZero) {
+  FakeResponse response = Ok("");
+  response.body_chunks = {"first-", "second-", "third"};
+  response.headers = {{L"Content-Length", L"18"}};
+  m_api.Queue(response);
+  auto memory = ReadUrlIntoMemory(kUrl, {});
+  ASSERT_NE(memory, nullptr);
+  EXPECT_EQ(memory->RTell(), 0u);
+  EXPECT_EQ(memory->Size(), 18u);
+  // Sized from Content-Length, so the body never made the buffer grow.
+  EXPECT_EQ(memory->Sink()->bytes.capacity(), 18u);
+  const auto& bytes = memory->Sink()->bytes;
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "first-second-third");
+  EXPECT_EQ(m_api.OpenRequestHandles(), 0u) << "the source is released before returning";
+
+  // No Content-Length: no size expected, the body still arrives whole.
+  FakeResponse unsized;
+  unsized.body_chunks = {"abc", "def"};
+  m_api.Queue(unsized);
+  auto grown = ReadUrlIntoMemory(kUrl, {});
+  ASSERT_NE(grown, nullptr);
+  EXPECT_EQ(grown->Size(), 6u);
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+TEST_F(UrlReadingTest, ReadUrlIntoMemoryGivesEmptyStreamsForAnswersOtherThan200) {
+  FakeResponse missing;
+  missing.status = 404;
+  missing.Body("<html>not here</html>");
+  m_api.Queue(missing);
+  auto not_found = ReadUrlIntoMemory(kUrl, {});
+  ASSERT_NE(not_found, nullptr);
+  EXPECT_EQ(not_found->Size(), 0u);
+  EXPECT_EQ(not_found->RTell(), 0u);
+  EXPECT_THAT(m_log.Lines(), ElementsAre("Error: HTTP Response 404 for GET http://example.test/data\n"));
+
+  m_log.Clear();
+  FakeResponse unsent;
+  unsent.send_fails = true;
+  m_api.Queue(unsent);
+  auto not_sent = ReadUrlIntoMemory(kUrl, {});
+  ASSERT_NE(not_sent, nullptr);
+  EXPECT_EQ(not_sent->Size(), 0u);
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+TEST_F(UrlReadingTest, ReadUrlIntoMemoryFailuresGiveNullWithTheirLogLines) {
+  // No connection: the stream's exception, then the line's own "\n".
+  m_api.FailNextConnects(1);
+  EXPECT_EQ(ReadUrlIntoMemory(kUrl, {}), nullptr);
+  EXPECT_EQ(m_log.Text(),
+            "Failed to open stream for URL: http://example.test/data: Unable to create HTTP "
+            "connection\n\n");
+
+  // A body cut short.
+  m_log.Clear();
+  FakeResponse cut = Ok("");
+  cut.body_chunks = {"part", "rest"};
+  cut.read_fails_after = 1;
+  m_api.Queue(cut);
+  EXPECT_EQ(ReadUrlIntoMemory(kUrl, {}), nullptr);
+  EXPECT_EQ(m_log.Text(),
+            "Failed to read or write stream in CopyStream: Unable to read HTTP data\n\n");
+
+  // A stop requested while the body is read: null, nothing logged.
+  m_log.Clear();
+  qv::stop_source stop;
+  FakeResponse body;
+  body.body_chunks = {"abc", "def"};
+  m_api.Queue(body);
+  const int reads_before = m_api.CountCalls("Read");
+  m_api.on_read = [&] { stop.request_stop(); };
+  EXPECT_EQ(ReadUrlIntoMemory(kUrl, stop.get_token()), nullptr);
+  m_api.on_read = nullptr;
+  EXPECT_EQ(m_api.CountCalls("Read") - reads_before, 1)
+      << "the copy ends after the chunk it was reading";
+  EXPECT_EQ(m_log.Text(), "");
+
+  // A standard exception that is not a runtime error (a handler's logic error).
+  class ThrowingHandler : public qv::net::HttpRequestHandler {
+   public:
+    void HandlePreRequest(qv::net::HttpRequest&) override { throw std::logic_error("bad hook"); }
+  } thrower;
+  tq::test::ScopedHandler scoped(&thrower);
+  EXPECT_EQ(ReadUrlIntoMemory(kUrl, {}), nullptr);
+  EXPECT_EQ(m_log.Text(), "Failed to read URL: http://example.test/data: bad hook\n");
+}
+
+TEST_F(UrlReadingTest, ABodySizeTooLargeToHoldIsRefusedWithALogLine) {
+  FakeResponse huge;
+  huge.Header(L"Content-Length", L"18446744073709551615").Body("tiny");
+  m_api.Queue(huge);
+  EXPECT_EQ(ReadUrlIntoMemory(kUrl, {}), nullptr);
+  EXPECT_THAT(m_log.Text(), ::testing::StartsWith("Failed to read URL: http://example.test/data: "));
+  EXPECT_EQ(m_api.OpenRequestHandles(), 0u);
+}
+
+}  // namespace
