@@ -9,9 +9,10 @@ namespace {
 
 constexpr const wchar_t* kDefaultUserAgent = L"Torvik-Quillstone/23.1";
 
-// Room for 4,095 characters and the terminator: 8,190 bytes of UTF-16 on Windows, the same
-// number of characters where wchar_t is wider.
+// Room for 4,095 characters and the terminator. Header lengths count 2 bytes per character on
+// every system (UTF-16's size, whatever the width of wchar_t), so 8,190 bytes is 4,095 of them.
 constexpr std::size_t kHeaderChars = 4096;
+constexpr DWORD kBytesPerChar = 2;
 
 }  // namespace
 
@@ -74,9 +75,9 @@ bool ParseContentRangeLength(const TqUWideString& text, std::uint64_t* length) {
 
 bool QueryHeaderText(HINTERNET request, DWORD info_level, TqUWideString* out) {
   wchar_t buffer[kHeaderChars] = {};
-  DWORD length = static_cast<DWORD>((kHeaderChars - 1) * sizeof(wchar_t));
+  DWORD length = static_cast<DWORD>((kHeaderChars - 1) * kBytesPerChar);
   if (!HttpQueryInfoW(request, info_level, buffer, &length, nullptr)) return false;
-  const std::size_t chars = length / sizeof(wchar_t);
+  const std::size_t chars = length / kBytesPerChar;
   buffer[chars < kHeaderChars ? chars : kHeaderChars - 1] = L'\0';
   out->SetString(buffer);
   return true;

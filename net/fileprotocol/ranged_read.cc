@@ -71,7 +71,7 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
       size > static_cast<std::uint64_t>(INT64_MAX)) {
     SetLastError(ERROR_INVALID_PARAMETER);
     TqUError::Post(1, &detail::FileProtocolComponent(),
-                   L"HttpFileProtocol::ReadFile invalid range for %s",
+                   L"HttpFileProtocol::ReadFile invalid buffer or range for %s",
                    file_record->UrlText().GetString());
     return -1;
   }
