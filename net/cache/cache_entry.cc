@@ -292,6 +292,9 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop) {
 }
 
 std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream() {
+  // Writing a body is a store: the last-used time says so, or a clean-up would take a body
+  // just written for one that has not been touched since it was loaded.
+  m_last_used = TqUSysTime::GetTimeNow();
   const TqUSysFile::Handle handle = CreateEntryFile(m_path);
   if (handle == TqUSysFile::kInvalid) return nullptr;
   auto stream = std::make_unique<qv::io::FileWriteStream>(handle);

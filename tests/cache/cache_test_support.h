@@ -1,0 +1,110 @@
+// Helpers shared by the cache tests: a settable clock, entry files built byte by byte, and
+// reading streams whole.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <iterator>
+#include <string>
+
+#include "tqutil/streams.h"
+#include "tqutil/sys_time.h"
+
+namespace tq::test {
+
+// Replaces the cache clock for one scope; tests move time instead of waiting for it.
+class ScopedClock {
+ public:
+  explicit ScopedClock(std::int64_t now) : m_now(now) {
+    TqUSysTime::SetClockForTesting([this] { return m_now.load(); });
+  }
+  ~ScopedClock() { TqUSysTime::SetClockForTesting({}); }
+  ScopedClock(const ScopedClock&) = delete;
+  ScopedClock& operator=(const ScopedClock&) = delete;
+
+  void Set(std::int64_t now) { m_now = now; }
+  void Advance(std::int64_t seconds) { m_now += seconds; }
+  std::int64_t Now() const { return m_now; }
+
+ private:
+  std::atomic<std::int64_t> m_now;
+};
+
+inline std::string Le16(std::uint16_t v) {
+  return std::string{static_cast<char>(v & 0xFF), static_cast<char>(v >> 8)};
+}
+
+inline std::string Le64(std::int64_t v) {
+  std::string out;
+  for (int i = 0; i < 8; ++i) out += static_cast<char>(static_cast<std::uint64_t>(v) >> (8 * i));
+  return out;
+}
+
+// An entry file's bytes written out by hand from the documented layout, independent of the code
+// under test.
+inline std::string EntryBytes(std::int64_t last_used, std::int64_t expiry, const std::string& tag,
+                              const std::string& key, const std::string& body) {
+  const auto header_size = static_cast<std::uint16_t>(24 + tag.size() + key.size());
+  return Le16(header_size) + std::string("\x01\x01", 2) + Le64(last_used) + Le64(expiry) +
+         Le16(static_cast<std::uint16_t>(tag.size())) + tag +
+         Le16(static_cast<std::uint16_t>(key.size())) + key + std::string("\x02\x02", 2) + body;
+}
+
+inline std::string ReadFileBytes(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+template <class Stream>
+std::string ReadAll(Stream& stream, std::size_t chunk = 4096) {
+  std::string body;
+  std::string buffer(chunk, '\0');
+  while (const std::uint64_t n = stream.Read(buffer.data(), buffer.size())) {
+    body.append(buffer.data(), n);
+  }
+  return body;
+}
+
+// A read stream over fixed bytes that can report a tag and fail or request a stop mid-way.
+class BytesSource : public qv::io::IDataReadStream {
+ public:
+  explicit BytesSource(std::string bytes, std::size_t chunk = 1 << 20)
+      : m_bytes(std::move(bytes)), m_chunk(chunk) {}
+  std::uint64_t Read(void* buffer, std::uint64_t size) override {
+    if (m_fail_at && m_pos >= *m_fail_at) throw std::runtime_error("source broke");
+    const std::size_t n = std::min<std::size_t>({static_cast<std::size_t>(size), m_chunk,
+                                                  m_bytes.size() - m_pos});
+    std::copy_n(m_bytes.data() + m_pos, n, static_cast<char*>(buffer));
+    m_pos += n;
+    if (on_read) on_read(m_pos);
+    return n;
+  }
+  qv::io::StreamMetaData MetaData() override {
+    qv::io::StreamMetaData meta;
+    meta.size = m_bytes.size();
+    meta.etag = tag;
+    return meta;
+  }
+  std::optional<std::string> tag;
+  std::function<void(std::size_t)> on_read;
+  void FailAt(std::size_t pos) { m_fail_at = pos; }
+
+ private:
+  std::string m_bytes;
+  std::size_t m_chunk;
+  std::size_t m_pos = 0;
+  std::optional<std::size_t> m_fail_at;
+};
+
+}  // namespace tq::test
