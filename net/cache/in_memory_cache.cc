@@ -10,6 +10,18 @@
 #include "net/stream/stream_copy.h"
 
 namespace qv::net {
+namespace {
+std::function<void()>& WaitHook() {
+  static std::function<void()> hook;
+  return hook;
+}
+}  // namespace
+
+namespace detail {
+void SetInMemoryCacheWaitHookForTesting(std::function<void()> hook) {
+  WaitHook() = std::move(hook);
+}
+}  // namespace detail
 
 class InMemoryCache::Impl : public IUrlCache {
  public:
@@ -32,6 +44,7 @@ class InMemoryCache::Impl : public IUrlCache {
       // downloading). A waiter that is told to stop gives up, so no one waits without bound
       // on its own account.
       if (stop.stop_requested()) return nullptr;
+      if (WaitHook()) WaitHook()();
       if (stop.stop_possible()) {
         m_download_ended.wait_for(lock, std::chrono::milliseconds(20));
       } else {

@@ -2,6 +2,7 @@
 // through it stays in memory for the cache's life, downloaded once and then served from there.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string_view>
 
@@ -36,5 +37,11 @@ class TQNET_EXPORT InMemoryCache : public IUrlCache {
  private:
   std::unique_ptr<Impl> m_impl;
 };
+
+namespace detail {
+// Called each time an OpenUrl starts waiting for another caller's download of the same URL, so
+// tests can tell that callers are waiting without sleeping. Set while no cache is in use.
+void SetInMemoryCacheWaitHookForTesting(std::function<void()> hook);
+}  // namespace detail
 
 }  // namespace qv::net
