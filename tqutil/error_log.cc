@@ -70,9 +70,11 @@ void AppendPiece(std::string_view piece) {
 void TqUError::Post(int severity, const TqUComponent* component, const wchar_t* format, ...) {
   std::va_list args;
   va_start(args, format);
-  std::wstring text = TqUFormatWideV(format, args);
+  TqUWideStringBuffer buffer;
+  const bool formatted = buffer.FormatV(format, args);
   va_end(args);
-  if (text.empty() && format && *format) {
+  std::wstring text(buffer.View());
+  if (!formatted && format) {
     // A format that does not fit its arguments still leaves a trace of what was meant.
     text = std::wstring(L"(bad log format) ") + format;
   }

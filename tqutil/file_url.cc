@@ -1,5 +1,6 @@
 #include "tqutil/file_url.h"
 
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <string>

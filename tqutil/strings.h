@@ -103,7 +103,8 @@ class TQUTIL_API TqUWideStringBuffer {
 };
 
 // Splits a text at any of the delimiter characters; empty tokens between adjacent delimiters
-// are returned as empty tokens.
+// (and before a leading or after a trailing delimiter) are returned as empty tokens. An empty
+// text has no tokens.
 class TQUTIL_API TqUWideStringTokeniser {
  public:
   TqUWideStringTokeniser(std::wstring_view text, std::wstring_view delimiters);

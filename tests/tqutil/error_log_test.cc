@@ -54,6 +54,12 @@ TEST(ErrorLogTest, PostFormatsOneRecordWithSeverityAndComponent) {
   EXPECT_EQ(records[1].component, "");
   EXPECT_EQ(records[1].text, "narrow 5");
   EXPECT_EQ(log.Text(), records[0].text + records[1].text);
+
+  // An empty message is still a message; a broken format leaves a trace instead of nothing.
+  log.Clear();
+  TqUError::Post(2, nullptr, L"%s", L"");
+  TqUError::Post(2, nullptr, L"bad %q");
+  EXPECT_EQ(log.Lines(), (Lines{"", "(bad log format) bad %q"}));
 }
 
 TEST(ErrorLogTest, LinesOfManyThreadsNeverInterleave) {
