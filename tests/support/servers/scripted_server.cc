@@ -142,6 +142,11 @@ ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<
   impl.server->new_task_queue = [accepted] { return new ConnectionThreads(accepted); };
   impl.server->set_keep_alive_max_count(options.keep_alive_max);
   impl.server->set_keep_alive_timeout(1);
+  // httplib writes headers and body separately: without this, Nagle's algorithm and delayed
+  // acknowledgements add 40 ms to every answer.
+  impl.server->set_tcp_nodelay(true);
+  // The accept loop then looks at its socket every 50 ms, so stop() cannot miss it.
+  impl.server->set_idle_interval(0, 50000);
   const auto handler = [&impl](const httplib::Request& req, httplib::Response& res) {
     impl.Serve(req, res);
   };
@@ -154,6 +159,11 @@ ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<
   impl.port = impl.server->bind_to_any_port("127.0.0.1");
   if (impl.port <= 0) return;
   impl.thread = std::thread([&impl] { impl.server->listen_after_bind(); });
+  // stop() does nothing to a server that has not started running yet.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!impl.server->is_running() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
 }
 
 ScriptedServer::~ScriptedServer() {

@@ -23,6 +23,23 @@
 namespace tq::test {
 
 struct ScriptedResponse {
+  ScriptedResponse() = default;
+  explicit ScriptedResponse(int status_code, std::string body_bytes = {})
+      : status(status_code), body(std::move(body_bytes)) {}
+  // Chainable setters: ScriptedResponse(302).Header("Location", "/b").Hold(&gate).
+  ScriptedResponse& Header(std::string name, std::string value) {
+    headers.emplace_back(std::move(name), std::move(value));
+    return *this;
+  }
+  ScriptedResponse& Chunked(std::size_t piece) {
+    chunk_size = piece;
+    return *this;
+  }
+  ScriptedResponse& Hold(Gate* gate) {
+    hold = gate;
+    return *this;
+  }
+
   int status = 200;
   // Sent in this order; a repeated name is sent repeatedly.
   std::vector<std::pair<std::string, std::string>> headers;
