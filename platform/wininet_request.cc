@@ -281,6 +281,8 @@ void Request::CollectDone() {
 
 DWORD Request::TransferError() const {
   if (header_error_ != 0) return header_error_;
+  // libcurl reports a header line over its limit as running out of memory.
+  if (result_ == CURLE_OUT_OF_MEMORY && !headers_final_) return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   return WinInetErrorFromCurl(result_, slot_ != nullptr ? slot_->easy : nullptr);
 }
 
@@ -554,8 +556,12 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
     }
     if (done_ && result_ != CURLE_OK) {
       const DWORD error = TransferError();
+      const bool body_failed = headers_final_ && header_error_ == 0 && !response_.empty();
       ReleaseSlot();
-      return error;
+      if (!body_failed) return error;
+      // The answer's headers were fine and only its body broke: the send succeeds and the
+      // reads report the failure, as they would had it come later.
+      error_ = error;
     }
     if (response_.empty() || (!headers_final_ && !done_)) {
       ReleaseSlot();
@@ -563,13 +569,17 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
     }
     headers_final_ = true;
     if (done_) ReleaseSlot();
+    const DWORD body_error = error_;
 
     bool follow = false;
     if (DWORD error = NextHop(hop, &url, &method, &same_origin, &follow)) {
       FinishTransfer(milliseconds(0));
       return error;
     }
-    if (!follow) break;
+    if (!follow) {
+      error_ = body_error;
+      break;
+    }
     // The redirect's own body is dropped; a small one keeps its connection for the next hop.
     if (slot_ != nullptr) {
       FinishTransfer(kDrainWait);
