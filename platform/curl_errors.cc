@@ -16,6 +16,7 @@ constexpr long kUnableToVerifyLeaf = 21;
 constexpr long kCertRevoked = 23;
 constexpr long kCertUntrusted = 27;
 constexpr long kHostnameMismatch = 62;
+constexpr long kIpAddressMismatch = 64;
 
 DWORD CertificateError(CURL* easy) {
   long verify = 0;
@@ -33,7 +34,11 @@ DWORD CertificateError(CURL* easy) {
     case kCertRevoked:
       return ERROR_INTERNET_SEC_CERT_REVOKED;
     case kHostnameMismatch:
-    case 0:  // the chain was fine, so libcurl's own host name check refused it
+    case kIpAddressMismatch:
+    // libcurl checks the host name itself before it reads the chain's result, and then still
+    // reports its initial "not OK" value (1): the chain was not the problem.
+    case 0:
+    case 1:
       return ERROR_INTERNET_SEC_CERT_CN_INVALID;
     default:
       return ERROR_INTERNET_SEC_INVALID_CERT;

@@ -1,0 +1,101 @@
+// The basics once against a real server: nginx.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/nginx_harness.h"
+
+namespace {
+
+using namespace tq::test;
+
+class NginxTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
+    // $connection numbers the connections nginx accepted: equal numbers mean reuse.
+    nginx_ = std::make_unique<NginxHarness>(
+        NginxHarness::Options{.server_directives = "add_header X-Connection $connection always;"});
+    ASSERT_TRUE(nginx_->ok()) << nginx_->error();
+    std::mt19937 rng(11);
+    data_.resize(1000);
+    for (auto& c : data_) c = static_cast<char>(rng());
+    nginx_->WriteFile("data.bin", data_);
+    session_ = OpenSession();
+    connection_ = Connect(session_, nginx_->port());
+    ASSERT_TRUE(connection_);
+  }
+  void TearDown() override {
+    connection_.Reset();
+    session_.Reset();
+  }
+
+  Handle Request(const wchar_t* verb, const std::wstring& headers = L"") {
+    Handle request = OpenRequest(connection_, L"/data.bin", verb);
+    EXPECT_TRUE(Send(request, headers)) << GetLastError();
+    return request;
+  }
+
+  std::unique_ptr<NginxHarness> nginx_;
+  std::string data_;
+  Handle session_;
+  Handle connection_;
+};
+
+TEST_F(NginxTest, KeepAliveAcrossRequests) {
+  std::string first_connection;
+  for (int i = 0; i < 20; ++i) {
+    Handle request = Request(L"GET");
+    std::string body;
+    ASSERT_TRUE(ReadAll(request, &body));
+    ASSERT_EQ(body, data_);
+    const std::string connection = CustomHeader(request, L"X-Connection");
+    if (i == 0) first_connection = connection;
+    EXPECT_EQ(connection, first_connection);
+  }
+}
+
+TEST_F(NginxTest, RangeGives206WithContentRange) {
+  Handle request = Request(L"GET", L"Range: bytes=10-19\r\n");
+  EXPECT_EQ(StatusCode(request), 206u);
+  EXPECT_EQ(QueryText(request, HTTP_QUERY_CONTENT_RANGE), "bytes 10-19/1000");
+  std::string body;
+  ASSERT_TRUE(ReadAll(request, &body));
+  EXPECT_EQ(body, data_.substr(10, 10));
+}
+
+TEST_F(NginxTest, HeadGivesLengthAndNoBody) {
+  Handle request = Request(L"HEAD");
+  EXPECT_EQ(StatusCode(request), 200u);
+  DWORD length_value = 0;
+  DWORD length = sizeof length_value;
+  ASSERT_TRUE(HttpQueryInfoW(request.get(), HTTP_QUERY_CONTENT_LENGTH | HTTP_QUERY_FLAG_NUMBER,
+                             &length_value, &length, nullptr));
+  EXPECT_EQ(length_value, 1000u);
+  SYSTEMTIME modified{};
+  length = sizeof modified;
+  ASSERT_TRUE(HttpQueryInfoW(request.get(), HTTP_QUERY_LAST_MODIFIED | HTTP_QUERY_FLAG_SYSTEMTIME,
+                             &modified, &length, nullptr));
+  EXPECT_GE(modified.wYear, 2024);
+  std::string body;
+  ASSERT_TRUE(ReadAll(request, &body));
+  EXPECT_TRUE(body.empty());
+}
+
+TEST_F(NginxTest, EtagRevalidatesTo304) {
+  Handle first = Request(L"GET");
+  const std::string etag = QueryText(first, HTTP_QUERY_ETAG);
+  ASSERT_EQ(etag.front(), '"') << etag;
+  std::string body;
+  ASSERT_TRUE(ReadAll(first, &body));
+  Handle second = Request(L"GET", L"If-None-Match: " + Wide(etag) + L"\r\n");
+  EXPECT_EQ(StatusCode(second), 304u);
+  ASSERT_TRUE(ReadAll(second, &body));
+  EXPECT_TRUE(body.empty());
+  Handle missing = OpenRequest(connection_, L"/nothing-here");
+  ASSERT_TRUE(Send(missing));
+  EXPECT_EQ(StatusCode(missing), 404u);
+}
+
+}  // namespace
