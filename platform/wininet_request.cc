@@ -168,6 +168,7 @@ void Request::ReleaseSlot() {
   }
   // No option of this request (callbacks, header list) may outlive it in the handle.
   curl_easy_reset(slot_->easy);
+  slot_->clean = true;
   paused_ = false;
   connection_->Release(std::move(slot_));
 }
@@ -251,6 +252,13 @@ size_t Request::OnBody(const char* data, size_t size) {
     return size;
   }
   const std::size_t room = target_ != nullptr ? target_len_ - target_filled_ : 0;
+  if (target_ == nullptr && spill_.empty()) {
+    // Nobody reads yet (the send is returning): keep this one chunk rather than pause, so that
+    // a small body completes, and frees its connection, without a pause and resume.
+    spill_.assign(data, size);
+    spill_pos_ = 0;
+    return size;
+  }
   if (room == 0) {
     // Nobody is reading: stop the transfer; libcurl delivers this chunk again when it resumes.
     paused_ = true;
@@ -354,7 +362,9 @@ void Request::FinishTransfer(milliseconds wait) {
 DWORD Request::Configure(const std::string& url, const std::string& method,
                          bool send_credentials, const Settings& settings) {
   CURL* easy = slot_->easy;
-  curl_easy_reset(easy);
+  // Slots come back reset; only a redirect reconfigures a used one.
+  if (!slot_->clean) curl_easy_reset(easy);
+  slot_->clean = false;
   const auto& session = connection_->session();
   curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
   curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
@@ -452,26 +462,11 @@ DWORD Request::Configure(const std::string& url, const std::string& method,
   }
   if (const auto ca_file = TestCaFile()) curl_easy_setopt(easy, CURLOPT_CAINFO, ca_file->c_str());
 
-  // What HTTP_QUERY_FLAG_REQUEST_HEADERS reports.
-  std::vector<std::string> sent_lines;
-  {
-    CURLU* parsed = curl_url();
-    UrlParts parts;
-    if (parsed != nullptr && curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
-        ParseUrl(parsed, &parts)) {
-      sent_lines.push_back("Host: " + parts.host);
-    }
-    curl_url_cleanup(parsed);
-  }
-  if (settings.agent.has_value() && !settings.agent->empty()) {
-    sent_lines.push_back("User-Agent: " + *settings.agent);
-  }
-  sent_lines.insert(sent_lines.end(), lines.begin(), lines.end());
-  const auto path_start = url.find('/', url.find("//") + 2);
-  request_block_.SetRequest(
-      method + " " + (path_start == std::string::npos ? "/" : url.substr(path_start)) +
-          (http10_ ? " HTTP/1.0" : " HTTP/1.1"),
-      sent_lines);
+  // What HTTP_QUERY_FLAG_REQUEST_HEADERS reports, put together only when asked for.
+  sent_url_ = url;
+  sent_agent_ = settings.agent.value_or("");
+  sent_lines_ = std::move(lines);
+  request_block_.Clear();
 
   if (curl_multi_add_handle(slot_->multi, easy) != CURLM_OK) return ERROR_INTERNET_INTERNAL_ERROR;
   slot_->attached = true;
@@ -640,7 +635,19 @@ DWORD Request::Read(void* buffer, DWORD size, DWORD* bytes_read) {
 DWORD Request::Query(DWORD level, void* buffer, DWORD* buffer_length, DWORD* index) {
   std::lock_guard op(op_mutex_);
   if ((level & HTTP_QUERY_FLAG_REQUEST_HEADERS) != 0) {
-    if (request_block_.empty()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+    if (sent_url_.empty()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+    if (request_block_.empty()) {
+      const auto authority_start = sent_url_.find("//") + 2;
+      const auto path_start = sent_url_.find('/', authority_start);
+      std::vector<std::string> lines;
+      lines.push_back("Host: " + sent_url_.substr(authority_start, path_start - authority_start));
+      if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
+      lines.insert(lines.end(), sent_lines_.begin(), sent_lines_.end());
+      request_block_.SetRequest(current_method_ + " " +
+                                    (path_start == std::string::npos ? "/" : sent_url_.substr(path_start)) +
+                                    (http10_ ? " HTTP/1.0" : " HTTP/1.1"),
+                                lines);
+    }
     return QueryHeaderBlock(request_block_, current_method_,
                             level & ~HTTP_QUERY_FLAG_REQUEST_HEADERS, buffer, buffer_length, index);
   }

@@ -87,7 +87,10 @@ class Request : public InternetObject {
   std::vector<std::string> header_lines_;
   std::string body_;
   curl_slist* curl_headers_ = nullptr;
-  HeaderBlock request_block_;
+  HeaderBlock request_block_;  // built from the three below when queried
+  std::string sent_url_;
+  std::string sent_agent_;
+  std::vector<std::string> sent_lines_;
   std::string current_method_;
 
   bool sent_ = false;

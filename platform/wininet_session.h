@@ -116,6 +116,7 @@ struct TransferSlot {
   CURLM* multi = nullptr;
   CURL* easy = nullptr;
   bool attached = false;  // easy is in multi
+  bool clean = true;      // easy has no options set since its last reset
 };
 
 class Connection : public InternetObject {
