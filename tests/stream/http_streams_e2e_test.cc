@@ -1,0 +1,344 @@
+// The stream layer end to end: the WinINet backend over the platform layer, against nginx, the
+// scriptable server and the raw responder on 127.0.0.1. Retry waits go through the recording
+// sleep; nothing here waits through a real retry delay.
+#include "net/stream/read_stream.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <latch>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "net/host/platform.h"
+#include "net/http/connection_pool.h"
+#include "net/http/http_api.h"
+#include "net/http/wininet_api.h"
+#include "net/stream/open_file_or_url.h"
+#include "net/stream/stream_copy.h"
+#include "net/stream/thread_pool.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/servers/gate.h"
+#include "tests/support/servers/nginx_harness.h"
+#include "tests/support/servers/raw_responder.h"
+#include "tests/support/servers/scripted_server.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using qv::net::HttpReadStream;
+using qv::net::HttpStatus;
+using ::testing::ElementsAre;
+
+std::wstring Wide(const std::string& text) { return qv::Utf8ToWide(text); }
+
+std::string Pattern(std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 7 + i / 251) % 256);
+  return bytes;
+}
+
+std::string ReadAll(qv::io::IDataReadStream& stream) {
+  std::string text;
+  std::vector<char> buffer(64 * 1024);
+  while (const std::uint64_t n = stream.Read(buffer.data(), buffer.size())) {
+    text.append(buffer.data(), n);
+  }
+  return text;
+}
+
+std::string Contents(const qv::io::MemoryStream& memory) {
+  const auto& bytes = memory.Sink()->bytes;
+  return std::string(bytes.begin(), bytes.end());
+}
+
+// A write stream that tells the test about its first write.
+class SignallingTarget : public qv::io::IDataWriteStream {
+ public:
+  std::uint64_t Write(const void* buffer, std::uint64_t size) override {
+    m_bytes.append(static_cast<const char*>(buffer), size);
+    if (!m_signalled) {
+      m_signalled = true;
+      m_first_write.count_down();
+    }
+    return size;
+  }
+  std::latch m_first_write{1};
+  std::string m_bytes;
+
+ private:
+  bool m_signalled = false;
+};
+
+class HttpStreamsEndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_previous_api = qv::net::SetHttpApi(new qv::net::WinInet());
+    m_previous_sleep =
+        qv::net::detail::SetRetrySleepForTesting([this](std::chrono::milliseconds wait) {
+          std::lock_guard lock(m_mutex);
+          m_sleeps.push_back(wait);
+        });
+  }
+  void TearDown() override {
+    qv::net::ExchangeWorkerThreadPool(nullptr).reset();
+    qv::net::HttpConnectionPool::Terminate();
+    delete qv::net::SetHttpApi(m_previous_api);
+    qv::net::detail::SetRetrySleepForTesting(std::move(m_previous_sleep));
+  }
+  std::vector<std::chrono::milliseconds> Sleeps() {
+    std::lock_guard lock(m_mutex);
+    return m_sleeps;
+  }
+
+  tq::test::LogCapture m_log;
+
+ private:
+  qv::net::IHttpApi* m_previous_api = nullptr;
+  qv::net::detail::RetrySleepFunction m_previous_sleep;
+  std::mutex m_mutex;
+  std::vector<std::chrono::milliseconds> m_sleeps;
+};
+
+TEST_F(HttpStreamsEndToEndTest, NginxServesAFileWholeA404AndAHeadFirstOpen) {
+  if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
+  tq::test::NginxHarness nginx;
+  ASSERT_TRUE(nginx.ok()) << nginx.error();
+  const std::string body = Pattern(3 * 1024 * 1024 + 17);
+  nginx.WriteFile("data.bin", body);
+  const std::wstring url = Wide(nginx.Url("/data.bin"));
+
+  auto memory = qv::net::ReadUrlIntoMemory(url, {});
+  ASSERT_NE(memory, nullptr);
+  EXPECT_EQ(memory->Size(), body.size());
+  EXPECT_TRUE(Contents(*memory) == body);
+  EXPECT_EQ(memory->Sink()->bytes.capacity(), body.size()) << "sized from Content-Length";
+
+  auto head_first = HttpReadStream::Open(url, HttpReadStream::FlagMakeHeadRequest, {});
+  EXPECT_TRUE(head_first->Succeeded());
+  EXPECT_EQ(head_first->ContentSize(), body.size());
+  ASSERT_TRUE(head_first->ETag().has_value());
+  EXPECT_THAT(*head_first->ETag(), ::testing::MatchesRegex("\"[0-9a-f]+-[0-9a-f]+\".*"));
+  EXPECT_TRUE(ReadAll(*head_first) == body);
+  const std::string etag = *head_first->ETag();
+  head_first.reset();
+
+  // The tag nginx gave makes a conditional request answer 304.
+  {
+    qv::net::HttpRequest conditional(url.c_str(), qv::net::HttpMethod::Get);
+    const std::wstring tag = Wide(etag.c_str());  // without the NUL the transport kept
+    conditional.AddHeader(L"If-None-Match", tag.c_str());
+    auto not_modified = HttpReadStream::Open(conditional, {});
+    EXPECT_EQ(not_modified->QueryStatusCode(), HttpStatus::NotModified);
+    EXPECT_FALSE(not_modified->Succeeded());
+    EXPECT_TRUE(not_modified->IsOpen());
+  }
+  EXPECT_EQ(m_log.Text(), "");
+
+  const std::wstring missing = Wide(nginx.Url("/missing.bin"));
+  auto empty = qv::net::OpenFileOrUrl(missing, 0, {});
+  ASSERT_NE(empty, nullptr) << "a 404 is an empty stream";
+  EXPECT_EQ(ReadAll(*empty), "");
+  EXPECT_THAT(m_log.Lines(), ElementsAre("Error: HTTP Response 404 for GET " +
+                                         nginx.Url("/missing.bin") + "\n"));
+  EXPECT_TRUE(Sleeps().empty());
+}
+
+TEST_F(HttpStreamsEndToEndTest, ScriptedServerTooManyRequestsAndBadGatewayStorms) {
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  std::atomic<int> calls{0};
+  server.Route("/busy", [&](const tq::test::RecordedRequest&) {
+    tq::test::ScriptedResponse response;
+    if (calls++ == 0) {
+      response.status = 429;
+      response.headers = {{"Retry-After", "2"}};
+    } else {
+      response.body = "finally";
+    }
+    return response;
+  });
+  tq::test::ScriptedResponse refuse;
+  refuse.status = 429;
+  refuse.headers = {{"Retry-After", "31"}};
+  server.Route("/refuse", refuse);
+  tq::test::ScriptedResponse storm_answer;
+  storm_answer.status = 502;
+  storm_answer.body = "bad gateway";
+  server.Route("/storm", storm_answer);
+
+  auto busy = HttpReadStream::Open(Wide(server.Url("/busy")), 0, {});
+  EXPECT_TRUE(busy->Succeeded());
+  EXPECT_EQ(ReadAll(*busy), "finally");
+  EXPECT_THAT(Sleeps(), ElementsAre(2s));
+  busy.reset();
+
+  auto refused = HttpReadStream::Open(Wide(server.Url("/refuse")), 0, {});
+  EXPECT_EQ(refused->QueryStatusCode(), HttpStatus::TooManyRequests);
+  EXPECT_THAT(Sleeps(), ElementsAre(2s)) << "31 s is not waited";
+  refused.reset();
+
+  auto storm = HttpReadStream::Open(Wide(server.Url("/storm")), 0, {});
+  EXPECT_EQ(storm->QueryStatusCode(), HttpStatus::BadGateway);
+  EXPECT_FALSE(storm->Succeeded());
+  storm.reset();
+  EXPECT_THAT(Sleeps(), ElementsAre(2s, 50ms, 100ms, 150ms, 200ms, 250ms));
+
+  std::size_t storm_requests = 0;
+  for (const auto& request : server.requests()) storm_requests += request.path == "/storm";
+  EXPECT_EQ(storm_requests, 6u);
+  EXPECT_EQ(server.request_count(), 2u + 1u + 6u);
+  EXPECT_THAT(m_log.Lines(),
+              ElementsAre("Error: HTTP Response 429 for GET " + server.Url("/refuse") + "\n",
+                          "Error: HTTP Response 502 for GET " + server.Url("/storm") + "\n"));
+  // Our keep-alive connections go first, so that the server stops without waiting for them.
+  qv::net::HttpConnectionPool::Terminate();
+}
+
+TEST_F(HttpStreamsEndToEndTest, ScriptedServerAnswersAConditionalRequestWith304) {
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  server.Route("/entry", [](const tq::test::RecordedRequest& request) {
+    tq::test::ScriptedResponse response;
+    if (request.Header("If-None-Match") == "\"v1\"") {
+      response.status = 304;
+    } else {
+      response.headers = {{"ETag", "\"v1\""}};
+      response.body = "entry body";
+    }
+    return response;
+  });
+  qv::net::HttpRequest request(Wide(server.Url("/entry")).c_str(), qv::net::HttpMethod::Get);
+  request.AddHeader(L"If-None-Match", L"\"v1\"");
+  auto stream = HttpReadStream::Open(request, {});
+  EXPECT_TRUE(stream->IsOpen());
+  EXPECT_FALSE(stream->Succeeded());
+  EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::NotModified);
+  char buffer[8];
+  EXPECT_EQ(stream->Read(buffer, sizeof buffer), 0u);
+  stream.reset();
+
+  // HEAD first against the same server: the HEAD is really sent, and its size is learnt.
+  auto fresh = HttpReadStream::Open(Wide(server.Url("/entry")),
+                                    HttpReadStream::FlagMakeHeadRequest, {});
+  EXPECT_TRUE(fresh->Succeeded());
+  EXPECT_EQ(fresh->ContentSize(), 10u);
+  EXPECT_EQ(ReadAll(*fresh), "entry body");
+  std::vector<std::string> methods;
+  for (const auto& recorded : server.requests()) methods.push_back(recorded.method);
+  EXPECT_THAT(methods, ElementsAre("GET", "HEAD", "GET"));
+  EXPECT_EQ(m_log.Text(), "");
+  qv::net::HttpConnectionPool::Terminate();
+}
+
+TEST_F(HttpStreamsEndToEndTest, ABodyCutShortFailsTheCopyWithItsLogLine) {
+  tq::test::RawResponder responder([](tq::test::RawConnection& connection) {
+    connection.ReadRequestHead();
+    connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\nonly this much");
+    connection.Close();
+  });
+  ASSERT_TRUE(responder.ok());
+  EXPECT_EQ(qv::net::ReadUrlIntoMemory(Wide(responder.Url("/cut")), {}), nullptr);
+  EXPECT_EQ(m_log.Text(),
+            "Failed to read or write stream in CopyStream: Unable to read HTTP data\n\n");
+}
+
+TEST_F(HttpStreamsEndToEndTest, AStopFromAnotherThreadEndsACopyBetweenChunks) {
+  tq::test::RawResponder responder([](tq::test::RawConnection& connection) {
+    connection.ReadRequestHead();
+    connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 2000\r\n\r\n" + std::string(1000, 'a'));
+    connection.Stall();
+    connection.Send(std::string(1000, 'b'));
+  });
+  ASSERT_TRUE(responder.ok());
+  auto source = HttpReadStream::Open(Wide(responder.Url("/slow")), 0, {});
+  ASSERT_TRUE(source->Succeeded());
+
+  qv::stop_source stop;
+  SignallingTarget target;
+  qv::net::CopyStreamResult result;
+  std::thread copier([&] { result = qv::net::CopyStream(*source, target, stop.get_token()); });
+  target.m_first_write.wait();  // the copy is now waiting for bytes the server holds back
+  stop.request_stop();
+  responder.Release();
+  copier.join();
+  EXPECT_FALSE(result.completed);
+  EXPECT_EQ(result.bytes_copied, target.m_bytes.size());
+  EXPECT_GE(result.bytes_copied, 1000u);
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+TEST_F(HttpStreamsEndToEndTest, AStallingServerEndsInTheDocumentedResultsWithinItsTimeOut) {
+  // Headers never come: the send times out and the stream is unsuccessful (an empty stream).
+  tq::test::RawResponder silent([](tq::test::RawConnection& connection) {
+    connection.ReadRequestHead();
+    connection.Stall();
+  });
+  // Headers come, then the body stalls: the read fails and the copy is logged.
+  tq::test::RawResponder stalling([](tq::test::RawConnection& connection) {
+    connection.ReadRequestHead();
+    connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nabc");
+    connection.Stall();
+  });
+  ASSERT_TRUE(silent.ok() && stalling.ok());
+  for (const auto* responder : {&silent, &stalling}) {
+    TqUURL url(Wide(responder->Url("/")).c_str(), false);
+    void* connection = qv::net::HttpConnectionPool::CreateConnection(url);
+    ASSERT_NE(connection, nullptr);
+    DWORD timeout_ms = 200;
+    ASSERT_TRUE(InternetSetOptionW(connection, INTERNET_OPTION_RECEIVE_TIMEOUT, &timeout_ms,
+                                   sizeof timeout_ms));
+  }
+
+  auto unanswered = qv::net::ReadUrlIntoMemory(Wide(silent.Url("/never")), {});
+  ASSERT_NE(unanswered, nullptr);
+  EXPECT_EQ(unanswered->Size(), 0u);
+  EXPECT_EQ(m_log.Text(), "");
+
+  EXPECT_EQ(qv::net::ReadUrlIntoMemory(Wide(stalling.Url("/stalls")), {}), nullptr);
+  EXPECT_EQ(m_log.Text(),
+            "Failed to read or write stream in CopyStream: Unable to read HTTP data\n\n");
+}
+
+TEST_F(HttpStreamsEndToEndTest, BadInputEndsInNullOrEmptyNeverACrash) {
+  const std::vector<std::wstring> unusable = {
+      L"http://",         L"http:",          L"http://[::1/x",  L"http://exa mple.test/",
+      L"https://:0/x",    L"gopher://example.test/x",           L"HTTP://127.0.0.1:1/x",
+      L"/no/such/dir/tq_missing_file.bin",   L"file:///no/such/dir/tq_missing_file.bin"};
+  for (const std::wstring& name : unusable) {
+    EXPECT_EQ(qv::net::OpenFileOrUrl(name, 0, {}), nullptr) << qv::WideToUtf8(name);
+  }
+  // A port nothing listens on: the connection is made lazily, so the send fails and the answer
+  // is an empty stream.
+  auto refused = qv::net::OpenFileOrUrl(L"http://127.0.0.1:1/x", 0, {});
+  ASSERT_NE(refused, nullptr);
+  EXPECT_EQ(ReadAll(*refused), "");
+  EXPECT_EQ(qv::net::OpenUrlReadStream(L"gopher://example.test/x", {}), nullptr);
+}
+
+TEST_F(HttpStreamsEndToEndTest, AsyncOpensOnTheWorkerPoolAgainstNginx) {
+  if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
+  tq::test::NginxHarness nginx;
+  ASSERT_TRUE(nginx.ok()) << nginx.error();
+  qv::net::ExchangeWorkerThreadPool(std::make_unique<qv::net::thread_pool>(4u));
+  std::vector<std::string> bodies;
+  std::vector<std::future<std::unique_ptr<qv::io::IDataSeekableReadStream>>> futures;
+  for (int i = 0; i < 16; ++i) {
+    bodies.push_back(Pattern(10000 + i));
+    nginx.WriteFile("f" + std::to_string(i), bodies.back());
+    futures.push_back(
+        qv::net::OpenFileOrUrlAsync(Wide(nginx.Url("/f" + std::to_string(i))), 0, {}));
+  }
+  for (int i = 0; i < 16; ++i) {
+    auto stream = futures[i].get();
+    ASSERT_NE(stream, nullptr);
+    EXPECT_TRUE(ReadAll(*stream) == bodies[i]) << i;
+  }
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+}  // namespace
