@@ -508,7 +508,7 @@ HRESULT Download(CURLU* url, const std::string& destination, IBindStatusCallback
   transfer.Report(BINDSTATUS_CONNECTING, 0);
   HRESULT result = transfer.Stop() ? E_ABORT : RunTransfer(h, &transfer);
   if (SUCCEEDED(result)) result = file.Commit(destination);
-  if (SUCCEEDED(result)) transfer.Report(BINDSTATUS_ENDDOWNLOADDATA, transfer.received);
+  if (SUCCEEDED(result)) transfer.Report(BINDSTATUS_ENDDOWNLOADDATA, transfer.ExpectedSize());
   return finish(result, FAILED(result) ? error_text : nullptr);
 }
 
