@@ -1,0 +1,178 @@
+// The file protocol against nginx, the real-world peer: ranged reads on several threads, file
+// information and whole-file downloads, byte for byte.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "net/fileprotocol/http_file_protocol.h"
+#include "tests/fileprotocol/protocol_fixture.h"
+#include "tests/support/servers/nginx_harness.h"
+#include "tests/support/servers/temp_dir.h"
+
+namespace tq::test {
+namespace {
+
+using ::testing::IsEmpty;
+
+constexpr std::uint64_t kFileSize = 64ull << 20;
+
+class NginxFileProtocolTest : public ProtocolTest {
+ protected:
+  static void SetUpTestSuite() {
+    if (!NginxHarness::Installed()) return;
+    nginx_ = new NginxHarness();
+    content_ = new std::string(kFileSize, '\0');
+    std::mt19937_64 random(42);
+    for (std::size_t i = 0; i + 8 <= content_->size(); i += 8) {
+      const std::uint64_t v = random();
+      content_->replace(i, 8, reinterpret_cast<const char*>(&v), 8);
+    }
+    if (nginx_->ok()) nginx_->WriteFile("data/file.bin", *content_);
+  }
+  static void TearDownTestSuite() {
+    delete nginx_;
+    delete content_;
+    nginx_ = nullptr;
+    content_ = nullptr;
+  }
+  void SetUp() override {
+    if (nginx_ == nullptr) GTEST_SKIP() << "nginx is not installed";
+    ASSERT_TRUE(nginx_->ok()) << nginx_->error();
+    ProtocolTest::SetUp();
+  }
+
+  static NginxHarness* nginx_;
+  static std::string* content_;
+};
+
+NginxHarness* NginxFileProtocolTest::nginx_ = nullptr;
+std::string* NginxFileProtocolTest::content_ = nullptr;
+
+TEST_F(NginxFileProtocolTest, RandomRangesOnFourThreadsReturnExactlyTheFilesBytes) {
+  constexpr int kThreads = 4;
+  constexpr int kReadsPerThread = 250;
+  constexpr std::uint64_t kMaxRead = 256 * 1024;
+  const std::string url = nginx_->Url("/data/file.bin");
+  TqUFileHandle* file = protocol_->OpenFile(W(url).c_str(), TqUFileProtocol::OpenRead);
+  ASSERT_NE(file, nullptr);
+
+  struct Outcome {
+    int mismatches = 0;
+    int wrong_totals = 0;
+    int wrong_counts = 0;
+    std::string first_problem;
+  };
+  std::vector<Outcome> outcomes(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      Outcome& out = outcomes[t];
+      TqUThreadHandle* thread = protocol_->CreateThreadHandle(file);
+      if (thread == nullptr) {
+        out.first_problem = "no thread handle";
+        return;
+      }
+      std::mt19937_64 random(1000 + t);
+      std::vector<unsigned char> buffer(kMaxRead);
+      for (int i = 0; i < kReadsPerThread; ++i) {
+        std::uint64_t offset = random() % kFileSize;
+        std::uint64_t size = 1 + random() % kMaxRead;
+        // Every thread starts with the edges: the first byte, the last byte, across the end.
+        if (i == 0) offset = 0, size = 1;
+        if (i == 1) offset = kFileSize - 1, size = 1;
+        if (i == 2) offset = kFileSize - 100, size = 1000;
+        const std::uint64_t expected = std::min(size, kFileSize - offset);
+        TqUFileRequestHandle* request = protocol_->SetupReadFile(file, offset, size);
+        std::uint64_t total = 0;
+        const std::int64_t n = protocol_->ReadFileToSize(file, thread, request, offset, size,
+                                                         buffer.data(), &total);
+        protocol_->ReleaseRequestHandle(request);
+        if (n != static_cast<std::int64_t>(expected)) {
+          if (out.wrong_counts++ == 0) {
+            out.first_problem = "count " + std::to_string(n) + " at " + std::to_string(offset);
+          }
+          continue;
+        }
+        if (total != kFileSize) ++out.wrong_totals;
+        if (content_->compare(offset, expected, reinterpret_cast<const char*>(buffer.data()),
+                              expected) != 0) {
+          if (out.mismatches++ == 0) out.first_problem = "bytes at " + std::to_string(offset);
+        }
+      }
+      protocol_->ReleaseThreadHandle(thread);
+    });
+  }
+  for (auto& t : threads) t.join();
+  protocol_->CloseFile(file);
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(outcomes[t].wrong_counts, 0) << "thread " << t << ": " << outcomes[t].first_problem;
+    EXPECT_EQ(outcomes[t].mismatches, 0) << "thread " << t << ": " << outcomes[t].first_problem;
+    EXPECT_EQ(outcomes[t].wrong_totals, 0) << "thread " << t;
+  }
+  EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(NginxFileProtocolTest, FileInformationIsWhatNginxServes) {
+  struct stat st {};
+  ASSERT_EQ(stat((nginx_->root() / "data" / "file.bin").c_str(), &st), 0);
+  char etag[64];
+  std::snprintf(etag, sizeof etag, "\"%llx-%llx\"", static_cast<unsigned long long>(st.st_mtime),
+                static_cast<unsigned long long>(st.st_size));
+
+  TqUFileInfo info;
+  ASSERT_TRUE(protocol_->GetFileInfo(W(nginx_->Url("/data/file.bin")).c_str(), &info));
+  EXPECT_EQ(info.GetFileSize(), kFileSize);
+  EXPECT_EQ(info.GetFileRevisionId(), W(etag));
+  EXPECT_EQ(info.GetFileModificationTime(), static_cast<std::int64_t>(st.st_mtime));
+
+  // A missing file is nginx's 404: an unhandled status.
+  const std::string missing = nginx_->Url("/data/none.bin");
+  EXPECT_FALSE(protocol_->GetFileInfo(W(missing).c_str(), &info));
+  EXPECT_EQ(Log(), (std::vector<Posted>{{5, "HttpFileProtocol::GetFileInfo HttpQueryInfo "
+                                            "Unhandled Status Code for " + missing + ": 404"}}));
+}
+
+class Fractions : public TqUProgress {
+ public:
+  bool SetProgress(double fraction) override {
+    values.push_back(fraction);
+    return true;
+  }
+  std::vector<double> values;
+};
+
+TEST_F(NginxFileProtocolTest, GetFileWritesAnIdenticalFile) {
+  TempDir dir;
+  const auto target = dir.path() / "copy.bin";
+  Fractions progress;
+  ASSERT_TRUE(protocol_->GetFile(W(nginx_->Url("/data/file.bin")).c_str(),
+                                 W(target.string()).c_str(), &progress));
+  std::ifstream in(target, std::ios::binary);
+  const std::string copy((std::istreambuf_iterator<char>(in)), {});
+  EXPECT_EQ(copy.size(), kFileSize);
+  EXPECT_TRUE(copy == *content_);
+  ASSERT_GE(progress.values.size(), 3u);
+  EXPECT_EQ(progress.values.front(), 0.0);
+  EXPECT_EQ(progress.values.back(), 1.0);
+  bool rising = true;
+  for (std::size_t i = 1; i < progress.values.size(); ++i) {
+    rising = rising && progress.values[i] >= progress.values[i - 1];
+  }
+  EXPECT_TRUE(rising);
+  // Some report lies strictly between the two ends.
+  EXPECT_NE(std::find_if(progress.values.begin(), progress.values.end(),
+                         [](double f) { return f > 0.0 && f < 1.0; }),
+            progress.values.end());
+}
+
+}  // namespace
+}  // namespace tq::test
