@@ -8,7 +8,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev
   libboost-url1.81-dev libmsgsl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libcpp-httplib-dev nginx curl
+  libcpp-httplib-dev nginx curl openssl ca-certificates
   clang libclang-rt-14-dev
 )
 
