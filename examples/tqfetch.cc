@@ -1,48 +1,400 @@
 // tqfetch: a small host program that shows what tqnetwork does.
-#include <cstdio>
-#include <string>
-#include <system_error>
+//
+//   tqfetch                         a tour on a local server it starts itself (no network needed)
+//   tqfetch fetch URL [-o FILE]     the URL through the disk cache, to stdout or FILE
+//   tqfetch info URL                size, modification time and revision of a remote file
+//   tqfetch range URL OFFSET SIZE   SIZE bytes from OFFSET, through the file protocol
+//   tqfetch download URL FILE       the whole file, with a progress bar on a terminal
+//   tqfetch cache clear|clean       empties the disk cache, or trims it to its size limit
+//
+// Errors are one line on stderr and a non-zero exit status.
+#include <httplib.h>
+#include <unistd.h>
 
-#include "net/http/http_request.h"
-#include "net/http/http_status.h"
-#include "net/http/request_handler.h"
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "net/cache/cache_init.h"
+#include "net/cache/disk_cache.h"
+#include "net/cache/url_cache.h"
+#include "net/http/connection_pool.h"
+#include "net/http/http_init.h"
+#include "net/stream/open_file_or_url.h"
 
 namespace {
 
-// A host-side hook: every request the library sends carries the host's client id.
-class ClientIdHandler : public qv::net::HttpRequestHandler {
+namespace fs = std::filesystem;
+using qv::net::CacheSystem;
+
+// A failure the program reports in one line.
+struct Failure {
+  std::string message;
+};
+
+// The library's log goes to one place: the last line is kept, and added to an error message,
+// so that a failure is reported in one line.
+std::mutex g_log_mutex;
+std::string g_last_log;
+
+void KeepLastLogLine(const TqULogRecord& record) {
+  std::string text = record.text;
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  if (text.empty()) return;
+  std::lock_guard lock(g_log_mutex);
+  g_last_log = text;
+}
+
+Failure Failed(const std::string& what) {
+  std::lock_guard lock(g_log_mutex);
+  return Failure{g_last_log.empty() ? what : what + ": " + g_last_log};
+}
+
+std::wstring Wide(const std::string& text) { return qv::Utf8ToWide(text); }
+
+// Progress as a bar on a terminal; nothing when stdout is a file or a pipe.
+class ProgressBar : public TqUProgress {
  public:
-  void HandlePreRequest(qv::net::HttpRequest& request) override {
-    request.AddHeader(L"X-Client-Id", L"tqfetch-demo");
+  explicit ProgressBar(std::string label) : m_label(std::move(label)), m_tty(isatty(1) != 0) {}
+  ~ProgressBar() override {
+    if (m_tty && m_shown) std::printf("\n");
+  }
+  bool SetProgress(double fraction) override {
+    m_last = fraction;
+    if (!m_tty) return true;
+    const int width = 40;
+    const int filled = static_cast<int>(fraction * width + 0.5);
+    std::printf("\r  %s [%s%s] %3d%%", m_label.c_str(), std::string(filled, '#').c_str(),
+                std::string(width - filled, ' ').c_str(), static_cast<int>(fraction * 100 + 0.5));
+    std::fflush(stdout);
+    m_shown = true;
+    return true;
+  }
+  double last() const { return m_last; }
+
+ private:
+  std::string m_label;
+  bool m_tty;
+  bool m_shown = false;
+  double m_last = -1;
+};
+
+// Brings the library up for the program's life, in the host's order, and down again.
+class Library {
+ public:
+  explicit Library(const wchar_t* cache_directory) {
+    qv::net::InitialiseHttp();
+    qv::net::InitialiseCache(cache_directory);
+  }
+  ~Library() {
+    qv::net::HttpConnectionPool::Terminate();
+    qv::net::TerminateHttp();
+    qv::net::TerminateCache();
+  }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+
+  static TqUFileProtocol& Protocol(const std::string& url) {
+    TqUFileProtocolRegistry* registry = TqUFileProtocolRegistry::Get();
+    const std::string scheme = url.substr(0, url.find(':'));
+    TqUFileProtocol* protocol = registry ? registry->Lookup(Wide(scheme).c_str()) : nullptr;
+    if (protocol == nullptr) throw Failure{"no file protocol for \"" + scheme + "\""};
+    return *protocol;
   }
 };
 
+std::string ReadAll(qv::io::IDataReadStream& stream) {
+  std::string body;
+  char buffer[65536];
+  while (std::uint64_t n = stream.Read(buffer, sizeof buffer)) body.append(buffer, n);
+  return body;
+}
+
+std::string FetchThroughCache(const std::string& url) {
+  auto stream = qv::net::OpenFileOrUrl(Wide(url), 0, {});
+  if (!stream) throw Failed("could not open " + url);
+  return ReadAll(*stream);
+}
+
+std::string FormatTime(std::int64_t seconds) {
+  const std::time_t t = static_cast<std::time_t>(seconds);
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", std::gmtime(&t));
+  return text;
+}
+
+void PrintInfo(const std::string& url) {
+  TqUFileInfo info;
+  if (!Library::Protocol(url).GetFileInfo(Wide(url).c_str(), &info)) {
+    throw Failed("no file information for " + url);
+  }
+  if (auto size = info.GetFileSize()) std::printf("  size      %" PRIu64 " bytes\n", *size);
+  if (auto time = info.GetFileModificationTime()) {
+    std::printf("  modified  %s\n", FormatTime(*time).c_str());
+  }
+  if (auto tag = info.GetFileRevisionId()) {
+    std::printf("  revision  %s\n", qv::WideToUtf8(*tag).c_str());
+  }
+}
+
+// Reads one range through the file protocol's handles, as the host's file layer does.
+std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
+                      std::uint64_t* total) {
+  TqUFileProtocol& protocol = Library::Protocol(url);
+  TqUFileHandle* file = protocol.OpenFile(Wide(url).c_str(), TqUFileProtocol::OpenRead);
+  if (file == nullptr) throw Failed("cannot open " + url);
+  TqUThreadHandle* thread = protocol.CreateThreadHandle(file);
+  TqUFileRequestHandle* request = protocol.SetupReadFile(file, offset, size);
+  std::string bytes(size, '\0');
+  const std::int64_t got =
+      thread && request ? protocol.ReadFileToSize(file, thread, request, offset, size,
+                                                  reinterpret_cast<unsigned char*>(bytes.data()),
+                                                  total)
+                        : -1;
+  protocol.ReleaseRequestHandle(request);
+  protocol.ReleaseThreadHandle(thread);
+  protocol.CloseFile(file);
+  if (got < 0) {
+    throw Failed("cannot read bytes " + std::to_string(offset) + "+" + std::to_string(size) +
+                 " of " + url);
+  }
+  bytes.resize(static_cast<std::size_t>(got));
+  return bytes;
+}
+
+void Download(const std::string& url, const std::string& path) {
+  ProgressBar bar("download");
+  if (!Library::Protocol(url).GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
+    throw Failed("download of " + url + " to " + path + " failed");
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The tour: a local server with a few files, and what the library does with them.
+
+std::string HttpDate(std::time_t t) {
+  char text[64];
+  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", std::gmtime(&t));
+  return text;
+}
+
+class TourServer {
+ public:
+  TourServer() {
+    m_files["/report.txt"] = {"\"r1\"", "Quarterly report, first draft.\n"};
+    m_files["/big.bin"] = {"\"b1\"", MakeBig()};
+    m_server.Get(R"(/.*)", [this](const httplib::Request& req, httplib::Response& res) {
+      std::lock_guard lock(m_mutex);
+      ++m_requests[req.path];
+      auto it = m_files.find(req.path);
+      if (it == m_files.end()) {
+        res.status = 404;
+        return;
+      }
+      const auto& [etag, body] = it->second;
+      res.set_header("ETag", etag);
+      res.set_header("Date", HttpDate(std::time(nullptr)));  // freshness counts from it
+      res.set_header("Cache-Control", "max-age=600");
+      res.set_header("Last-Modified", "Mon, 02 Nov 2026 10:00:00 GMT");
+      if (req.get_header_value("If-None-Match") == etag) {
+        res.status = 304;
+        return;
+      }
+      res.set_content(body, "application/octet-stream");  // httplib answers Range itself
+    });
+    m_port = m_server.bind_to_any_port("127.0.0.1");
+    m_thread = std::thread([this] { m_server.listen_after_bind(); });
+    // bind_to_any_port already listens: connections queue until the accept loop runs.
+  }
+  ~TourServer() {
+    m_server.stop();
+    m_thread.join();
+  }
+  std::string Url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(m_port) + path;
+  }
+  int Requests(const std::string& path) {
+    std::lock_guard lock(m_mutex);
+    return m_requests[path];
+  }
+  void Change(const std::string& path, std::string etag, std::string body) {
+    std::lock_guard lock(m_mutex);
+    m_files[path] = {std::move(etag), std::move(body)};
+  }
+  const std::string& Body(const std::string& path) { return m_files.at(path).second; }
+
+ private:
+  static std::string MakeBig() {
+    std::string big(8 << 20, '\0');
+    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + i % 26);
+    return big;
+  }
+  httplib::Server m_server;
+  std::thread m_thread;
+  int m_port = 0;
+  std::mutex m_mutex;
+  std::map<std::string, std::pair<std::string, std::string>> m_files;
+  std::map<std::string, int> m_requests;
+};
+
+void Step(const char* title) { std::printf("\n== %s\n", title); }
+
+void Tour() {
+  const fs::path work = fs::temp_directory_path() / ("tqfetch-tour-" + std::to_string(getpid()));
+  fs::create_directories(work);
+  TourServer server;
+  std::printf("A local server is up at %s\n", server.Url("/").c_str());
+  std::printf("The disk cache lives in %s\n", (work / "cache" / "v1").c_str());
+  Library library((work / "cache").wstring().c_str());
+
+  const std::string report = server.Url("/report.txt");
+  const fs::path entry =
+      qv::net::DiskCache::ComputeCacheLocation(Wide(report), work / "cache" / "v1");
+
+  Step("1. A URL opened through the disk cache: downloaded and stored");
+  std::string body = FetchThroughCache(report);
+  std::printf("  read %zu bytes: %s", body.size(), body.c_str());
+  std::printf("  entry file %s (%ju bytes), server requests so far: %d\n",
+              entry.filename().c_str(), static_cast<std::uintmax_t>(fs::file_size(entry)),
+              server.Requests("/report.txt"));
+
+  Step("2. Opened again while fresh: served from the entry, no request");
+  body = FetchThroughCache(report);
+  std::printf("  read %zu bytes, server requests so far: %d\n", body.size(),
+              server.Requests("/report.txt"));
+
+  Step("3. Made stale (the cache's clock moves 1 hour on): revalidated, 304 keeps the body");
+  const std::int64_t real_now = TqUSysTime::GetTimeNow();
+  TqUSysTime::SetClockForTesting([real_now] { return real_now + 3600; });
+  body = FetchThroughCache(report);
+  std::printf("  read %zu bytes, server requests so far: %d (If-None-Match answered 304)\n",
+              body.size(), server.Requests("/report.txt"));
+
+  Step("4. Changed on the server: new tag, stored anew");
+  server.Change("/report.txt", "\"r2\"", "Quarterly report, final version.\n");
+  TqUSysTime::SetClockForTesting([real_now] { return real_now + 7200; });
+  body = FetchThroughCache(report);
+  std::printf("  read %zu bytes: %s", body.size(), body.c_str());
+  std::printf("  server requests so far: %d\n", server.Requests("/report.txt"));
+  TqUSysTime::SetClockForTesting({});
+
+  const std::string big = server.Url("/big.bin");
+  Step("5. A file opened through the file protocol and read in ranges");
+  std::uint64_t total = 0;
+  for (std::uint64_t offset : {0ull, 1000000ull, (8ull << 20) - 10}) {
+    const std::string bytes = ReadRange(big, offset, 16, &total);
+    std::printf("  bytes %8" PRIu64 "..%-8" PRIu64 " %-16s %s\n", offset, offset + 15,
+                bytes.c_str(),
+                bytes == server.Body("/big.bin").substr(offset, 16) ? "(matches)" : "(WRONG)");
+  }
+  std::printf("  total size from Content-Range: %" PRIu64 " bytes\n", total);
+
+  Step("6. Its file information (a HEAD request)");
+  PrintInfo(big);
+
+  Step("7. A whole-file download with progress");
+  const fs::path copy = work / "big-copy.bin";
+  Download(big, copy.string());
+  std::ifstream in(copy, std::ios::binary);
+  const std::string downloaded((std::istreambuf_iterator<char>(in)), {});
+  std::printf("  %s: %zu bytes, %s\n", copy.filename().c_str(), downloaded.size(),
+              downloaded == server.Body("/big.bin") ? "identical" : "DIFFERENT");
+
+  Step("8. The cache trimmed by CleanUp (limit set to 0 MiB)");
+  FetchThroughCache(big);
+  std::size_t before = 0, after = 0;
+  for (auto& e : fs::directory_iterator(work / "cache" / "v1")) before += e.is_regular_file();
+  TqUOption::SetInt32("general.localcache.max_size", 0);
+  CacheSystem()->CleanUp();
+  TqUOption::Unset("general.localcache.max_size");
+  for (auto& e : fs::directory_iterator(work / "cache" / "v1")) after += e.is_regular_file();
+  std::printf("  entry files before: %zu, after: %zu\n", before, after);
+
+  std::error_code ignored;
+  fs::remove_all(work, ignored);
+  std::printf("\nDone. Try: tqfetch info <url>, tqfetch fetch <url>, tqfetch download <url> <file>\n");
+}
+
+int Usage() {
+  std::fprintf(stderr,
+               "usage: tqfetch [fetch URL [-o FILE] | info URL | range URL OFFSET SIZE |\n"
+               "                download URL FILE | cache clear | cache clean]\n");
+  return 2;
+}
+
+std::uint64_t Number(const std::string& text) {
+  char* end = nullptr;
+  const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0') throw Failure{"not a number: " + text};
+  return value;
+}
+
+int Run(const std::vector<std::string>& args) {
+  if (args.empty()) {
+    Tour();
+    return 0;
+  }
+  const std::string& command = args[0];
+  if (command == "fetch" && (args.size() == 2 || (args.size() == 4 && args[2] == "-o"))) {
+    Library library(nullptr);
+    const std::string body = FetchThroughCache(args[1]);
+    if (args.size() == 4) {
+      std::ofstream out(args[3], std::ios::binary);
+      out.write(body.data(), static_cast<std::streamsize>(body.size()));
+      if (!out) throw Failure{"cannot write " + args[3]};
+    } else {
+      std::fwrite(body.data(), 1, body.size(), stdout);
+    }
+    return 0;
+  }
+  if (command == "info" && args.size() == 2) {
+    Library library(nullptr);
+    PrintInfo(args[1]);
+    return 0;
+  }
+  if (command == "range" && args.size() == 4) {
+    Library library(nullptr);
+    std::uint64_t total = 0;
+    const std::string bytes = ReadRange(args[1], Number(args[2]), Number(args[3]), &total);
+    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+    return 0;
+  }
+  if (command == "download" && args.size() == 3) {
+    Library library(nullptr);
+    Download(args[1], args[2]);
+    return 0;
+  }
+  if (command == "cache" && args.size() == 2 && (args[1] == "clear" || args[1] == "clean")) {
+    Library library(nullptr);
+    if (args[1] == "clear") {
+      CacheSystem()->Clear();
+    } else {
+      CacheSystem()->CleanUp();
+    }
+    return 0;
+  }
+  return Usage();
+}
+
 }  // namespace
 
-int main() {
-  using namespace qv::net;
-
-  ClientIdHandler handler;
-  HttpRequestHandlerManager::RegisterHandler(&handler);
-
-  HttpRequest request(L"https://example.com/files/report.pdf?rev=3", HttpMethod::Get);
-  request.AddHeader(L"Range", L"bytes=0-1023");
-  request.AddHeader(L"If-None-Match", L"\"v3\"");
-  HttpRequestHandlerManager::HandlePreRequest(request);
-
-  std::printf("%s %s\n", qv::WideToUtf8(request.GetMethodStr()).c_str(),
-              qv::WideToUtf8(request.GetRawUrl()).c_str());
-  std::printf("  host %s, port %u, resource %s, secure %s\n",
-              qv::WideToUtf8(request.GetUrl().GetHostName()).c_str(), request.GetUrl().GetPort(),
-              qv::WideToUtf8(request.GetUrl().GetResource()).c_str(),
-              request.IsSecure() ? "yes" : "no");
-  std::printf("headers as sent:\n%s\n\n", qv::WideToUtf8(request.FormatHeaders()).c_str());
-
-  for (int code : {200, 206, 304, 404, 418, 429, 502, 509}) {
-    const std::error_code status(code, HttpCategory());
-    std::printf("status %d: %s\n", code, status.message().c_str());
+int main(int argc, char** argv) {
+  TqUError::SetSink(KeepLastLogLine);
+  try {
+    return Run(std::vector<std::string>(argv + 1, argv + argc));
+  } catch (const Failure& failure) {
+    std::fprintf(stderr, "tqfetch: %s\n", failure.message.c_str());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "tqfetch: %s\n", error.what());
   }
-
-  HttpRequestHandlerManager::UnregisterHandler(&handler);
-  return 0;
+  return 1;
 }
