@@ -2,6 +2,13 @@
 
 namespace tq::test {
 
+Gate::~Gate() {
+  std::unique_lock lock(mutex_);
+  open_ = true;
+  cv_.notify_all();
+  cv_.wait(lock, [&] { return waiters_ == 0; });
+}
+
 void Gate::Open() {
   {
     std::lock_guard lock(mutex_);

@@ -10,6 +10,13 @@ namespace tq::test {
 
 class Gate {
  public:
+  Gate() = default;
+  // Opens the gate and waits until every thread waiting at it has left, so a test may let a
+  // gate go out of scope while server threads still wait at it.
+  ~Gate();
+  Gate(const Gate&) = delete;
+  Gate& operator=(const Gate&) = delete;
+
   // Threads wait at most this long, so that a failing test cannot hang its servers for ever.
   static constexpr std::chrono::seconds kMaxHold{30};
 

@@ -141,7 +141,7 @@ ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<
   auto* accepted = &impl.accepted;
   impl.server->new_task_queue = [accepted] { return new ConnectionThreads(accepted); };
   impl.server->set_keep_alive_max_count(options.keep_alive_max);
-  impl.server->set_keep_alive_timeout(1);
+  impl.server->set_keep_alive_timeout(options.keep_alive_seconds);
   // httplib writes headers and body separately: without this, Nagle's algorithm and delayed
   // acknowledgements add 40 ms to every answer.
   impl.server->set_tcp_nodelay(true);

@@ -73,12 +73,14 @@ class ScriptedServer {
     std::string key_file;
     // Requests served on one connection before the server closes it.
     std::size_t keep_alive_max = 100000;
+    // How long an idle connection is kept open waiting for the next request.
+    int keep_alive_seconds = 5;
   };
 
   ScriptedServer();
   explicit ScriptedServer(const Options& options);
   // Stops the server and waits for its threads. Clients should close their connections first:
-  // an idle keep-alive connection is only noticed after a second.
+  // a thread serving an idle keep-alive connection only ends after keep_alive_seconds.
   ~ScriptedServer();
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
