@@ -26,10 +26,7 @@ constexpr std::uint32_t kCreateAlways = 1;
 constexpr std::uint32_t kOpenExistingWrite = 2;
 constexpr std::uint32_t kOpenExisting = 3;
 
-struct FileCloser {
-  void operator()(TqUSysFile::Handle file) const { TqUSysFile::CloseFile(file); }
-};
-using UniqueFile = std::unique_ptr<std::remove_pointer_t<TqUSysFile::Handle>, FileCloser>;
+using UniqueFile = EntryFile;
 
 // Shared with other readers: the three opening modes of entry files.
 UniqueFile OpenForReading(const fs::path& path) {
@@ -171,7 +168,9 @@ CacheEntry::CacheEntry(fs::path path, std::string key)
       m_key(std::move(key)),
       m_last_used(TqUSysTime::GetTimeNow()) {}
 
-CacheEntry CacheEntry::Load(const fs::path& path) {
+CacheEntry CacheEntry::Load(const fs::path& path) { return Load(path, nullptr); }
+
+CacheEntry CacheEntry::Load(const fs::path& path, EntryFile* keep_open) {
   CacheEntry entry;
   entry.m_path = path;
   HeaderFields fields;
@@ -182,6 +181,7 @@ CacheEntry CacheEntry::Load(const fs::path& path) {
       throw std::runtime_error("Cache entry could not be opened. Maybe in use by another process?");
     }
     valid = ReadHeader(file.get(), fields);
+    if (valid && keep_open != nullptr) *keep_open = std::move(file);
   }
   if (!valid) {
     if (entry.Remove()) throw invalid_cache_header();
@@ -289,6 +289,15 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop) {
     return false;
   }
   return true;
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenLoadedBody(
+    EntryFile file) const {
+  const std::uint64_t offset = ef::BodyOffset(m_header_size);
+  if (TqUSysFile::SeekFile(file.get(), static_cast<std::int64_t>(offset), 0) < 0) return nullptr;
+  auto stream = std::make_unique<qv::io::FileReadStream>(file.release());
+  stream->SetBaseOffset(offset);
+  return stream;
 }
 
 std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream() {

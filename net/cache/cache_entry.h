@@ -8,10 +8,20 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 
 #include "net/host/tqutil.h"
 
 namespace qv::net {
+
+namespace detail {
+struct EntryFileCloser {
+  void operator()(TqUSysFile::Handle file) const { TqUSysFile::CloseFile(file); }
+};
+}  // namespace detail
+
+// An open entry file, closed when it goes.
+using EntryFile = std::unique_ptr<std::remove_pointer_t<TqUSysFile::Handle>, detail::EntryFileCloser>;
 
 // A file found in the cache directory did not hold an entry and has been deleted.
 class invalid_cache_header : public std::runtime_error {
@@ -32,6 +42,8 @@ class CacheEntry {
   // cannot be opened (it is left alone), invalid_cache_header when it is not an entry (it has
   // been deleted), and std::runtime_error when it is not an entry but cannot be deleted.
   static CacheEntry Load(const std::filesystem::path& path);
+  // The same, handing the file, still open for reading, to `*keep_open` when it loads.
+  static CacheEntry Load(const std::filesystem::path& path, EntryFile* keep_open);
 
   // The file exists and has a header. Throws std::filesystem::filesystem_error ("exists").
   bool IsValid() const;
@@ -61,6 +73,9 @@ class CacheEntry {
   // Records the use (and any new expiry) in the file's fixed part, then a stream over the body;
   // null when the file cannot be opened.
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream();
+  // A stream over the body of `file`, kept open by Load, recording nothing: for a use that
+  // would write exactly what the file holds already. Null when it cannot seek.
+  std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLoadedBody(EntryFile file) const;
 
   const std::filesystem::path& Path() const { return m_path; }
   std::uint16_t HeaderSize() const { return m_header_size; }

@@ -24,6 +24,9 @@ struct CacheLookup {
   std::wstring m_url;
   int m_flags = 0;
   std::optional<CacheEntry> m_entry;
+  // The entry file as the load left it, open for reading (OpenUrl only): a fresh entry whose
+  // use is already recorded is served from it without opening the file again.
+  EntryFile m_loaded_file;
 };
 
 enum class RefreshCode { UseEntry, DropEntry, Nothing };
@@ -127,24 +130,28 @@ fs::path LocationOfKey(const std::string& key, const fs::path& directory) {
 
 // Throws filesystem_error (a file-system failure of the existence test) and the runtime errors
 // of key and path; the callers catch them.
-CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directory) {
+CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directory,
+                       bool keep_file_open = false) {
   CacheLookup lookup;
   lookup.m_url = std::wstring(url);
   lookup.m_flags = flags;
   std::string key = DiskCache::UrlToCache(url);
   fs::path path = LocationOfKey(key, directory);
-  if (!detail::EntryFileExists(path)) {
-    lookup.m_entry.emplace(std::move(path), std::move(key));
-    return lookup;
-  }
+  // The load comes first and the existence test only when it fails, which gives the same
+  // answers with one look at the file fewer on the common path.
   try {
-    CacheEntry loaded = CacheEntry::Load(path);
+    CacheEntry loaded = CacheEntry::Load(path, keep_file_open ? &lookup.m_loaded_file : nullptr);
     // A file of another URL whose name collides is neither used nor overwritten.
-    if (loaded.Key() == key) lookup.m_entry = std::move(loaded);
+    if (loaded.Key() == key) {
+      lookup.m_entry = std::move(loaded);
+    } else {
+      lookup.m_loaded_file.reset();
+    }
   } catch (const invalid_cache_header&) {
     lookup.m_entry.emplace(std::move(path), std::move(key));
   } catch (const std::runtime_error&) {
-    // In use by a writer, or bad and undeletable: no entry for this call.
+    // No file: a new entry. In use by a writer, or bad and undeletable: none for this call.
+    if (!detail::EntryFileExists(path)) lookup.m_entry.emplace(std::move(path), std::move(key));
   }
   return lookup;
 }
@@ -238,9 +245,15 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
   try {
     if (!lookup.m_entry) return ReadUrlIntoMemory(lookup.m_url, stop);
     CacheEntry& entry = *lookup.m_entry;
-    if (entry.IsValid() && entry.Expiry() >= TqUSysTime::GetTimeNow()) {
-      return entry.OpenReadStream();
+    const std::int64_t now = TqUSysTime::GetTimeNow();
+    // Fresh, and its use already recorded this very second: recording it again would write
+    // the bytes the file holds, so the file the load opened serves the body.
+    if (lookup.m_loaded_file && entry.HeaderSize() != 0 && entry.Expiry() >= now &&
+        entry.LastUsed() == now) {
+      if (auto stream = entry.OpenLoadedBody(std::move(lookup.m_loaded_file))) return stream;
     }
+    lookup.m_loaded_file.reset();
+    if (entry.IsValid() && entry.Expiry() >= now) return entry.OpenReadStream();
     return Refresh(lookup, stop);
   } catch (const std::exception& e) {
     TqUSysError::LogUTF8String("Failed to read resource into cache: ");
@@ -319,7 +332,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenUrl(std::wstring
                                                                     int flags,
                                                                     qv::stop_token stop) {
   try {
-    CacheLookup lookup = MakeLookup(url, flags, m_directory);
+    CacheLookup lookup = MakeLookup(url, flags, m_directory, true);
     return OpenLookup(lookup, stop);
   } catch (const std::runtime_error&) {
     return nullptr;

@@ -99,6 +99,14 @@ TEST_F(DiskCacheTest, AFreshEntryIsServedFromItsFileWithoutARequestAndItsUseIsRe
   EXPECT_EQ(Open(), "first body");
   EXPECT_EQ(SendCount(), 1u);
   EXPECT_EQ(CacheEntry::Load(EntryPath()).LastUsed(), kDate + 60);
+  // Again within the same second: the use is on record already; the body is served as is.
+  const std::string recorded = ReadFileBytes(EntryPath());
+  auto twice = m_cache.OpenUrl(kUrl, 0, {});
+  ASSERT_NE(twice, nullptr);
+  EXPECT_EQ(twice->MetaData().size, 10u);
+  twice->RSeek(6, qv::io::StreamPosition::Begin);
+  EXPECT_EQ(ReadAll(*twice), "body");
+  EXPECT_EQ(ReadFileBytes(EntryPath()), recorded);
   EXPECT_THAT(Lines(), IsEmpty());
 }
 
