@@ -138,7 +138,7 @@ void Request::OnClose() {
 }
 
 Settings Request::Effective() const {
-  Settings settings = const_cast<Request*>(this)->settings_.Get();
+  Settings settings = settings_.Get();
   settings.Inherit(connection_->Effective());
   return settings;
 }

@@ -124,7 +124,7 @@ Connection::~Connection() {
 }
 
 Settings Connection::Effective() const {
-  Settings settings = const_cast<Connection*>(this)->settings_.Get();
+  Settings settings = settings_.Get();
   settings.Inherit(session_->settings().Get());
   settings.Inherit(ProcessSettings().Get());
   return settings;
