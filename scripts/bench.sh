@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Runs every benchmark scenario in bench/ and prints one table: scenario, our figure, the
+# reference's figure (measured in the same run), the ratio and the goal.
+# Usage: scripts/bench.sh [--quick]   (--quick: small sizes, for a smoke run)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build="$root/build-bench"
+quick=${1:-}
+
+"$root/scripts/setup.sh"
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DTQ_BUILD_TESTS=OFF \
+  -DTQ_BUILD_BENCH=ON >/dev/null
+cmake --build "$build" -j"$(nproc)" >/dev/null
+
+results=$(mktemp)
+trap 'rm -f "$results"' EXIT
+for program in "$build"/bench/*/*_bench; do
+  echo "running $(basename "$program")..." >&2
+  args=()
+  [ "$quick" = "--quick" ] && args=(--quick)
+  if ! "$program" "${args[@]}" > "$results.out" 2> "$results.err"; then
+    echo "$(basename "$program") failed:" >&2
+    cat "$results.err" >&2
+    exit 1
+  fi
+  grep '^BENCH' "$results.out" >> "$results" || true
+done
+
+printf '\n| scenario | ours | reference | ratio | goal | |\n|---|---|---|---|---|---|\n'
+awk -F'\t' '{ printf "| %s | %s | %s | %s | %s | %s |\n", $2, $3, $4, $5, $6, $7 }' "$results"
