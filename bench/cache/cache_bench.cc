@@ -1,0 +1,243 @@
+// The disk cache against references measured in the same run:
+//   open     a fresh 4 KiB entry through DiskCache::OpenUrl and read whole, vs open + read +
+//            close of the same entry file directly (goal: at most 3x);
+//   cleanup  CleanUp over 10,000 and 100,000 entry files of 1 KiB, 10 % over the limit (goal:
+//            the 100,000 run at most 12x the 10,000 run, and under 2 s);
+//   store    a body from nginx stored through the cache by OpenFileOrUrl and read back, in a
+//            child process whose peak resident memory is reported (goal: below 64 MiB), vs
+//            `curl -s -o FILE URL` for the same body.
+// Usage: cache_bench [store MiB (default 1024)] [open iterations (default 20000)]
+//        (or TQ_BENCH_STORE_MIB / TQ_BENCH_OPEN_ITERATIONS; CI runs it small)
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "net/cache/cache_entry.h"
+#include "net/cache/cache_entry_format.h"
+#include "net/cache/cache_init.h"
+#include "net/cache/disk_cache.h"
+#include "net/http/connection_pool.h"
+#include "net/http/http_api.h"
+#include "net/http/wininet_api.h"
+#include "net/stream/open_file_or_url.h"
+#include "tests/support/servers/nginx_harness.h"
+#include "tests/support/servers/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+constexpr int kRounds = 3;
+
+double Seconds(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+unsigned long Setting(int argc, char** argv, int position, const char* env,
+                      unsigned long fallback) {
+  if (argc > position) return std::strtoul(argv[position], nullptr, 10);
+  if (const char* value = std::getenv(env)) return std::strtoul(value, nullptr, 10);
+  return fallback;
+}
+
+std::wstring Wide(const fs::path& path) { return qv::Utf8ToWide(path.string()); }
+
+// An entry file written straight from the layout (quicker to set up in bulk than stores).
+void WriteEntry(const fs::path& path, const std::string& key, std::int64_t last_used,
+                std::size_t body_size) {
+  namespace ef = qv::net::entry_format;
+  const std::size_t header_size = ef::kHeaderOverhead + key.size();
+  std::string bytes(ef::BodyOffset(static_cast<std::uint16_t>(header_size)) + body_size, 'b');
+  auto* p = reinterpret_cast<unsigned char*>(bytes.data());
+  ef::PutU16(p, static_cast<std::uint16_t>(header_size));
+  ef::PutU16(p + ef::kStartMarkerOffset, ef::kStartMarker);
+  ef::PutI64(p + ef::kLastUsedOffset, last_used);
+  ef::PutI64(p + ef::kExpiryOffset, ef::kNeverExpires);
+  ef::PutU16(p + ef::kTagLengthOffset, 0);
+  ef::PutU16(p + ef::kTagOffset, static_cast<std::uint16_t>(key.size()));
+  std::copy(key.begin(), key.end(), bytes.begin() + ef::kTagOffset + 2);
+  ef::PutU16(p + ef::kTagOffset + 2 + key.size(), ef::kEndMarker);
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0 || ::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+    std::fprintf(stderr, "cannot write %s\n", path.c_str());
+    std::exit(1);
+  }
+  ::close(fd);
+}
+
+int OpenBench(unsigned long iterations) {
+  tq::test::TempDir dir;
+  qv::net::DiskCache cache(Wide(dir.path()).c_str());
+  const std::wstring url = L"http://bench.test/fresh-4k.bin";
+  const fs::path path = qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory());
+  WriteEntry(path, qv::net::DiskCache::UrlToCache(url), 1, 4096);
+
+  std::vector<char> buffer(65536);
+  double ours = 1e300, recording = 1e300, direct = 1e300;
+  std::uint64_t check = 0;
+  auto open_all = [&] {
+    for (unsigned long i = 0; i < iterations; ++i) {
+      auto stream = cache.OpenUrl(url, 0, {});
+      if (!stream) return false;
+      while (const auto n = stream->Read(buffer.data(), buffer.size())) check += n;
+    }
+    return true;
+  };
+  for (int round = 0; round < kRounds; ++round) {
+    auto start = Clock::now();
+    if (!open_all()) return std::fprintf(stderr, "open failed\n"), 1;
+    ours = std::min(ours, Seconds(start));
+    // Every open a second after the last: each one rewrites the entry's last-used time.
+    std::int64_t now = 2'000'000'000;
+    TqUSysTime::SetClockForTesting([&now] { return now++; });
+    start = Clock::now();
+    if (!open_all()) return std::fprintf(stderr, "open failed\n"), 1;
+    recording = std::min(recording, Seconds(start));
+    TqUSysTime::SetClockForTesting({});
+    start = Clock::now();
+    for (unsigned long i = 0; i < iterations; ++i) {
+      const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0) return std::fprintf(stderr, "direct open failed\n"), 1;
+      ssize_t n;
+      while ((n = ::read(fd, buffer.data(), buffer.size())) > 0) check += static_cast<std::uint64_t>(n);
+      ::close(fd);
+    }
+    direct = std::min(direct, Seconds(start));
+  }
+  std::printf("open   fresh 4 KiB entry x%lu: DiskCache::OpenUrl %.1f us, open+read+close %.1f us, "
+              "ratio %.2f (goal <= 3); with the last-used time rewritten on every open %.1f us, "
+              "ratio %.2f  [%llu bytes]\n",
+              iterations, ours / iterations * 1e6, direct / iterations * 1e6, ours / direct,
+              recording / iterations * 1e6, recording / direct,
+              static_cast<unsigned long long>(check));
+  return 0;
+}
+
+// Seconds of one CleanUp over `count` 1 KiB entries whose total is 10 % over the limit.
+double CleanUpSeconds(std::size_t count, std::size_t* remaining) {
+  tq::test::TempDir dir;  // under $TMPDIR
+  qv::net::DiskCache cache(Wide(dir.path()).c_str());
+  std::mt19937_64 random(count);
+  constexpr std::size_t kFileSize = 1024;
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string key = "http://bench.test/" + std::to_string(i);
+    const std::int64_t last_used = 1'700'000'000 + static_cast<std::int64_t>(random() % 864000);
+    const std::size_t header = 26 + key.size();
+    WriteEntry(cache.Directory() / ("e" + std::to_string(i)), key, last_used, kFileSize - header);
+  }
+  const auto limit_mib =
+      static_cast<std::int32_t>(static_cast<double>(count * kFileSize) / 1.1 / 1048576);
+  TqUOption::SetInt32("general.localcache.max_size", std::max(limit_mib, 1));
+  ::sync();  // the files' creation is not the clean-up's cost
+  const auto start = Clock::now();
+  cache.CleanUp();
+  const double seconds = Seconds(start);
+  TqUOption::Unset("general.localcache.max_size");
+  *remaining = static_cast<std::size_t>(
+      std::distance(fs::directory_iterator(cache.Directory()), fs::directory_iterator()));
+  return seconds;
+}
+
+int CleanUpBench() {
+  std::size_t left_small = 0, left_large = 0;
+  double small = 1e300;
+  for (int round = 0; round < kRounds; ++round) small = std::min(small, CleanUpSeconds(10000, &left_small));
+  const double large = CleanUpSeconds(100000, &left_large);
+  std::printf("clean  10,000 entries %.3f s (%zu left), 100,000 entries %.3f s (%zu left), "
+              "ratio %.1f (goal <= 12, and < 2 s)\n",
+              small, left_small, large, left_large, large / small);
+  return 0;
+}
+
+double CurlSeconds(const std::string& url, const fs::path& out) {
+  const auto start = Clock::now();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    execlp("curl", "curl", "-s", "-o", out.c_str(), url.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? Seconds(start) : -1;
+}
+
+int StoreBench(unsigned long mebibytes) {
+  tq::test::NginxHarness nginx;
+  if (!nginx.ok()) return std::fprintf(stderr, "nginx: %s\n", nginx.error().c_str()), 1;
+  const std::uint64_t size = static_cast<std::uint64_t>(mebibytes) << 20;
+  {
+    std::ofstream out(nginx.root() / "big.bin", std::ios::binary);
+  }
+  fs::resize_file(nginx.root() / "big.bin", size);
+  const std::string url = nginx.Url("/big.bin");
+  tq::test::TempDir cache_dir;
+
+  // The store runs in a child, so that its peak resident memory is its own.
+  int report[2];
+  if (pipe(report) != 0) return 1;
+  const auto start = Clock::now();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(report[0]);
+    qv::net::WinInet api;
+    qv::net::SetHttpApi(&api);
+    qv::net::InitialiseCache(Wide(cache_dir.path()).c_str());
+    std::uint64_t read = 0;
+    {
+      auto stream = qv::net::OpenFileOrUrl(qv::Utf8ToWide(url), 0, {});
+      std::vector<char> buffer(1 << 20);
+      while (stream) {
+        const auto n = stream->Read(buffer.data(), buffer.size());
+        if (n == 0) break;
+        read += n;
+      }
+    }
+    qv::net::TerminateCache();
+    qv::net::HttpConnectionPool::Terminate();
+    qv::net::SetHttpApi(nullptr);
+    if (write(report[1], &read, sizeof read) != sizeof read) _exit(2);
+    _exit(0);
+  }
+  close(report[1]);
+  std::uint64_t read = 0;
+  const bool reported = ::read(report[0], &read, sizeof read) == sizeof read;
+  close(report[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  const double ours = Seconds(start);
+  rusage usage{};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  if (!reported || read != size) {
+    std::fprintf(stderr, "store: read %llu of %llu bytes\n", static_cast<unsigned long long>(read),
+                 static_cast<unsigned long long>(size));
+    return 1;
+  }
+  const double curl = CurlSeconds(url, cache_dir.path() / "curl.out");
+  std::printf("store  %lu MiB from nginx through the cache (stored, then read back): %.2f s, "
+              "peak RSS %.1f MiB (goal < 64); curl -o %.2f s, ratio %.2f\n",
+              mebibytes, ours, usage.ru_maxrss / 1024.0, curl, curl > 0 ? ours / curl : 0.0);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const unsigned long store_mib = Setting(argc, argv, 1, "TQ_BENCH_STORE_MIB", 1024);
+  const unsigned long iterations = Setting(argc, argv, 2, "TQ_BENCH_OPEN_ITERATIONS", 20000);
+  // The store goes first: its child is forked before this process has threads.
+  if (int rc = StoreBench(store_mib)) return rc;
+  if (int rc = OpenBench(iterations)) return rc;
+  return CleanUpBench();
+}
