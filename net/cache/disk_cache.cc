@@ -82,7 +82,9 @@ Freshness FreshnessOf(const HttpReadStream& response) {
     freshness.expiry = AddSeconds(TqUSysTime::GetTimeNow(), kDefaultLifetime);
     return freshness;
   }
-  TqUWideStringTokeniser tokens(*value, L",");
+  // The WinINet transport's text keeps its terminating NUL as its last code unit; the
+  // directives end there, or the last one ("no-store" alone) would never compare equal.
+  TqUWideStringTokeniser tokens(std::wstring_view(value->c_str()), L",");
   TqUWideStringBuffer token;
   while (tokens.GetNextToken(&token)) {
     token.Trim();
