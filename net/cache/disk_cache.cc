@@ -84,18 +84,9 @@ Freshness FreshnessOf(const HttpReadStream& response) {
   }
   // The WinINet transport's text keeps its terminating NUL as its last code unit; the
   // directives end there, or the last one ("no-store" alone) would never compare equal.
-  TqUWideStringTokeniser tokens(std::wstring_view(value->c_str()), L",");
-  TqUWideStringBuffer token;
-  while (tokens.GetNextToken(&token)) {
-    token.Trim();
-    if (token.View() == L"no-store") {
-      freshness.no_store = true;
-    } else if (token.View() == L"no-cache") {
-      freshness.expiry = OneSecondBefore(*date);
-    } else if (token.HasPrefix(L"max-age")) {
-      freshness.expiry = AddSeconds(*date, MaxAgeSeconds(token.View()));
-    }
-  }
+  const detail::CacheControl parsed = detail::ParseCacheControl(value->c_str(), *date);
+  freshness.expiry = parsed.expiry;
+  freshness.no_store = parsed.no_store;
   return freshness;
 }
 
@@ -283,6 +274,23 @@ std::wstring StoredBodyUrl(std::wstring_view name) {
 }  // namespace
 
 namespace detail {
+CacheControl ParseCacheControl(std::wstring_view value, std::int64_t date) {
+  CacheControl result;
+  TqUWideStringTokeniser tokens(value, L",");
+  TqUWideStringBuffer token;
+  while (tokens.GetNextToken(&token)) {
+    token.Trim();
+    if (token.View() == L"no-store") {
+      result.no_store = true;
+    } else if (token.View() == L"no-cache") {
+      result.expiry = OneSecondBefore(date);
+    } else if (token.HasPrefix(L"max-age")) {
+      result.expiry = AddSeconds(date, MaxAgeSeconds(token.View()));
+    }
+  }
+  return result;
+}
+
 void EnsureCacheDirectory(const fs::path& directory) {
   if (EntryFileExists(directory)) return;
   // Remember what this call creates: those directories, and only those, are made private.
