@@ -1,6 +1,7 @@
 #include "net/stream/thread_pool.h"
 
 #include <algorithm>
+#include <system_error>
 
 namespace qv::net {
 namespace {
@@ -59,6 +60,14 @@ thread_pool::~thread_pool() {
 }
 
 void thread_pool::Shutdown() {
+  // Refused before anything is stopped: a task cannot wait for its own thread to end.
+  const std::thread::id self = std::this_thread::get_id();
+  for (const std::thread& thread : m_threads) {
+    if (thread.get_id() == self) {
+      throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
+                              "thread_pool::Shutdown from one of its own tasks");
+    }
+  }
   StopQueue();
   m_done = true;
   RunStopHook();

@@ -76,7 +76,8 @@ class thread_pool {
 
   // Stops taking tasks and waits for the running ones to end; returns when every worker has
   // ended. Queued tasks stay queued (never run) until the pool is destroyed. Idempotent; call
-  // from one thread, never from one of the pool's own tasks (std::system_error, deadlock).
+  // from one thread. Called from one of the pool's own tasks it throws std::system_error
+  // (resource_deadlock_would_occur) and stops nothing.
   // TerminateHttp calls it before it releases the transport, so that no task outlives it.
   void Shutdown();
 
