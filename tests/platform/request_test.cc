@@ -410,6 +410,9 @@ TEST_F(RequestTest, StalledServerEndsInTimeout) {
   Handle request = OpenRequest(connection_, L"/stall");
   EXPECT_FALSE(Send(request));
   EXPECT_EQ(GetLastError(), ERROR_INTERNET_TIMEOUT);
+  // The held answer must be waiting before the gate opens and goes out of scope: on a loaded
+  // machine the server may take the request up only after the client gave up on it.
+  ASSERT_TRUE(gate.WaitForWaiters(1));
   gate.Open();
 }
 
