@@ -1,0 +1,138 @@
+// A server's response head, byte for byte as it comes off the wire, fed line by line to the
+// header block the transport keeps, then queried through HttpQueryInfoW's rules at every level
+// with every modifier and awkward buffer sizes. Parsing must never crash, and every answer must
+// keep the buffer rules: a success fits the buffer it was given and is terminated, a refusal for
+// want of room names a length that then succeeds, fixed-size answers have their size, and the
+// index of a repeated header only moves forward on success.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/http_headers.h"
+
+namespace {
+
+using tqplatform::HeaderBlock;
+using tqplatform::QueryHeaderBlock;
+
+void Check(bool condition) {
+  if (!condition) std::abort();
+}
+
+// Bytes of a fixed-size answer for a modifier; 0 for text.
+DWORD FixedSize(DWORD modifiers) {
+  if (modifiers & HTTP_QUERY_FLAG_NUMBER) return sizeof(DWORD);
+  if (modifiers & HTTP_QUERY_FLAG_NUMBER64) return sizeof(std::uint64_t);
+  if (modifiers & HTTP_QUERY_FLAG_SYSTEMTIME) return sizeof(SYSTEMTIME);
+  return 0;
+}
+
+// A buffer of exactly `length` bytes as the caller promises it (a UTF-16 character counts 2
+// bytes, so `length` / 2 characters, rounded up), filled with a marker so that a terminator
+// written by the query is seen.
+std::vector<wchar_t> BufferFor(DWORD length) {
+  const std::size_t units = (static_cast<std::size_t>(length) + 1) / 2;
+  const std::size_t fixed = (static_cast<std::size_t>(length) + sizeof(wchar_t) - 1) / sizeof(wchar_t);
+  return std::vector<wchar_t>(std::max<std::size_t>({units, fixed, std::size_t{1}}), L'\x7f');
+}
+
+// One query with the name (for HTTP_QUERY_CUSTOM) in the buffer; checks the rules for the
+// length given and, after a refusal for room, for the length asked for.
+void Query(const HeaderBlock& block, DWORD level, const std::wstring& name, DWORD length,
+           DWORD index_in) {
+  const DWORD modifiers = level & HTTP_QUERY_MODIFIER_FLAGS_MASK;
+  const bool custom = (level & HTTP_QUERY_HEADER_MASK) == HTTP_QUERY_CUSTOM;
+  if (custom) length = std::max<DWORD>(length, static_cast<DWORD>((name.size() + 1) * 2));
+  std::vector<wchar_t> buffer = BufferFor(length);
+  if (custom) {
+    std::copy(name.begin(), name.end(), buffer.begin());
+    buffer[name.size()] = L'\0';
+  }
+  DWORD given = length;
+  DWORD index = index_in;
+  const DWORD error = QueryHeaderBlock(block, "GET", level, buffer.data(), &given, &index);
+  const DWORD fixed = FixedSize(modifiers);
+  if (error == ERROR_SUCCESS) {
+    Check(index == index_in || index == index_in + 1);
+    if (fixed != 0) {
+      Check(given == fixed);
+      Check(length >= fixed);
+    } else {
+      // Without the terminator, which is there and fits.
+      Check(given % 2 == 0);
+      Check(static_cast<std::uint64_t>(given) + 2 <= length);
+      Check(buffer[given / 2] == L'\0');
+    }
+  } else if (error == ERROR_INSUFFICIENT_BUFFER) {
+    Check(index == index_in);
+    Check(given > length);
+    if (fixed != 0) Check(given == fixed);
+    // The length asked for is enough, and exactly what the text needs.
+    std::vector<wchar_t> room = BufferFor(given);
+    if (custom) {
+      std::copy(name.begin(), name.end(), room.begin());
+      room[name.size()] = L'\0';
+    }
+    DWORD again = given;
+    DWORD index2 = index_in;
+    Check(QueryHeaderBlock(block, "GET", level, room.data(), &again, &index2) == ERROR_SUCCESS);
+    if (fixed == 0) Check(static_cast<std::uint64_t>(again) + 2 == given);
+  } else {
+    Check(index == index_in);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size > 64 * 1024) return 0;
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+
+  HeaderBlock block;
+  std::vector<std::wstring> names;
+  std::size_t start = 0;
+  while (start < bytes.size()) {
+    std::size_t end = bytes.find('\n', start);
+    end = end == std::string_view::npos ? bytes.size() : end + 1;
+    const std::string_view line = bytes.substr(start, end - start);
+    start = end;
+    const HeaderBlock::LineResult result = block.AddLine(line);
+    if (result != HeaderBlock::LineResult::kAccepted) break;
+    const std::size_t colon = line.find(':');
+    if (colon != std::string_view::npos && colon > 0 && names.size() < 8) {
+      std::wstring name;
+      for (const char c : line.substr(0, colon)) name += static_cast<wchar_t>(static_cast<unsigned char>(c));
+      names.push_back(name);
+    }
+  }
+  names.push_back(L"content-range");
+  (void)block.RawCrlf();
+  (void)block.RawNul();
+
+  static constexpr DWORD kModifiers[] = {0, HTTP_QUERY_FLAG_NUMBER, HTTP_QUERY_FLAG_NUMBER64,
+                                         HTTP_QUERY_FLAG_SYSTEMTIME,
+                                         HTTP_QUERY_FLAG_NUMBER | HTTP_QUERY_FLAG_SYSTEMTIME};
+  static constexpr DWORD kLengths[] = {0, 1, 2, 3, 4, 7, 8, 15, 16, 17, 64, 4096};
+  const DWORD odd = size > 0 ? data[size - 1] : 5;
+  for (const DWORD modifier : kModifiers) {
+    for (DWORD level = 0; level <= HTTP_QUERY_MAX + 1; ++level) {
+      // Most levels name no header of this block: a few sizes keep the run fast.
+      for (const DWORD length : {DWORD{0}, DWORD{3}, DWORD{16}, odd}) {
+        Query(block, level | modifier, L"", length, 0);
+      }
+    }
+    for (const std::wstring& name : names) {
+      for (const DWORD length : kLengths) {
+        // Every occurrence of a repeated header, then one past the last.
+        for (DWORD index = 0; index < 4; ++index) {
+          Query(block, HTTP_QUERY_CUSTOM | modifier, name, length, index);
+        }
+      }
+    }
+  }
+  return 0;
+}
