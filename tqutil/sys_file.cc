@@ -143,6 +143,16 @@ TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::
     ::close(fd);
     return kInvalid;
   }
+  if (write) {
+    // Between our open and our lock another writer may have renamed a new file over the path:
+    // the file we locked is then no longer the path's, and writing it would change a file
+    // that others reach by another name (or by none). Such an open is refused like any other.
+    struct stat now = {};
+    if (::stat(path.c_str(), &now) != 0 || now.st_dev != st.st_dev || now.st_ino != st.st_ino) {
+      ::close(fd);
+      return kInvalid;
+    }
+  }
   if (creation == kCreateAlways && ::ftruncate(fd, 0) != 0) {
     ::close(fd);
     return kInvalid;
