@@ -14,10 +14,6 @@
 namespace qv::net {
 namespace {
 
-struct FreeDeleter {
-  void operator()(void* p) const noexcept { std::free(p); }
-};
-
 // The log takes NUL-terminated pieces; an exception without text is named as such.
 const char* ExceptionText(const std::exception& e) {
   const char* text = e.what();
@@ -43,12 +39,10 @@ bool IsHttpUrl(std::wstring_view url) {
 
 CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
                             qv::stop_token stop) {
-  // One zero-filled buffer per call, released when the call ends. calloc rather than a
-  // value-initialised array: fresh pages are zero already, so a small body touches only the
-  // pages it fills instead of writing all 8 MiB first (a copy per URL opened adds up).
-  const std::unique_ptr<std::uint8_t, FreeDeleter> buffer(
-      static_cast<std::uint8_t*>(std::calloc(kCopyChunkSize, 1)));
-  if (!buffer) throw std::bad_alloc();
+  // One zero-filled buffer per call, released when the call ends. It comes zeroed from the
+  // system, so a small body touches only the pages it fills instead of clearing all 8 MiB
+  // first (a copy per URL opened adds up).
+  const qv::ZeroedMemory buffer = qv::AllocateZeroed(kCopyChunkSize);
   CopyStreamResult result;
   try {
     for (;;) {
