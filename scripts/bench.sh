@@ -17,7 +17,9 @@ cmake --build "$build" -j"$(nproc)" --target $targets >/dev/null
 
 if [ "$quick" = "--quick" ]; then
   # Small sizes: a smoke run that every scenario still works, not figures to quote.
-  export TQ_BENCH_STREAM_MIB=64 TQ_BENCH_SMALL_REQUESTS=200
+  export TQ_BENCH_STREAM_MIB=64 TQ_BENCH_SMALL_REQUESTS=200 TQ_BENCH_COPY_MIB=64 \
+    TQ_BENCH_ASYNC_FILES=40 TQ_BENCH_STORE_MIB=64 TQ_BENCH_OPEN_ITERATIONS=2000 \
+    TQ_BENCH_CLEANUP_ENTRIES=5000 TQ_BENCH_FILE_MIB=64 TQ_BENCH_READS=100
 fi
 
 results=$(mktemp)

@@ -24,6 +24,7 @@
 #include "net/stream/read_stream.h"
 #include "net/stream/stream_copy.h"
 #include "net/stream/thread_pool.h"
+#include "bench/bench_report.h"
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/temp_dir.h"
 
@@ -188,5 +189,18 @@ int main(int argc, char** argv) {
   PrintRow("OpenFileOrUrlAsync " + std::to_string(async_files) +
                " x 256 KiB, 4 workers vs curl --parallel-max 4",
            async_files / ours_async, async_files / curl_async, "fil/s", ">=0.80");
+
+  using tq::bench::Figure;
+  const double copy_ratio = curl_copy / ours_copy;
+  tq::bench::Report("CopyStream from HttpReadStream into a file, " + std::to_string(copy_mib) +
+                        " MiB, vs curl -s -o FILE",
+                    Figure("%.0f MiB/s", mib / ours_copy), Figure("%.0f MiB/s", mib / curl_copy),
+                    copy_ratio, ">= 0.90", copy_ratio >= 0.9);
+  const double async_ratio = curl_async / ours_async;
+  tq::bench::Report("OpenFileOrUrlAsync " + std::to_string(async_files) +
+                        " x 256 KiB, no cache, vs curl --parallel --parallel-max 4",
+                    Figure("%.0f files/s", async_files / ours_async),
+                    Figure("%.0f files/s", async_files / curl_async), async_ratio, ">= 0.80",
+                    async_ratio >= 0.8);
   return 0;
 }
