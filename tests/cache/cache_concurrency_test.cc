@@ -16,7 +16,7 @@
 
 #include "tests/cache/cache_churn.h"
 #include "tests/cache/cache_test_support.h"
-#include "tests/stream/fake_transport_fixture.h"
+#include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/temp_dir.h"
 
 extern char** environ;

@@ -13,7 +13,7 @@
 #include "net/cache/cache_init.h"
 #include "net/cache/disk_cache.h"
 #include "tests/cache/cache_test_support.h"
-#include "tests/stream/fake_transport_fixture.h"
+#include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/temp_dir.h"
 
 namespace {

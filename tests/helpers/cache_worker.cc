@@ -16,7 +16,7 @@
 #include "net/http/connection_pool.h"
 #include "net/http/http_api.h"
 #include "tests/cache/cache_churn.h"
-#include "tests/stream/fake_transport_fixture.h"
+#include "tests/support/fake_transport_fixture.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 
 #include "net/cache/url_cache.h"
 #include "net/stream/thread_pool.h"
-#include "tests/stream/fake_transport_fixture.h"
+#include "tests/support/fake_transport_fixture.h"
 
 namespace {
 

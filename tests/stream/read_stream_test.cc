@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "net/http/http_status.h"
-#include "tests/stream/fake_transport_fixture.h"
+#include "tests/support/fake_transport_fixture.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include "net/http/http_status.h"
 #include "net/stream/read_stream.h"
-#include "tests/stream/fake_transport_fixture.h"
+#include "tests/support/fake_transport_fixture.h"
 
 namespace {
 
