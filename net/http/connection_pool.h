@@ -21,7 +21,9 @@ class TQNET_EXPORT HttpConnectionPool {
   // never close it.
   static void* CreateConnection(const TqUURL& url);
   // Closes every pooled connection and the internet handle through the installed transport,
-  // which must be the one that opened them. Call when no stream is open.
+  // which must be the one that opened them. Call when no stream is open: a stream still
+  // reading (say, a task of OpenFileOrUrlAsync the host did not wait for) then fails its reads,
+  // since the WinINet layer cancels the requests of a closed connection.
   static void Terminate();
 
   struct Impl;
