@@ -25,5 +25,6 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tqnetworkConfigVers
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tqnetworkConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/tqnetworkConfigVersion.cmake DESTINATION ${TQ_CMAKE_DIR})
 
+file(RELATIVE_PATH TQ_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(cmake/tqnetwork.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tqnetwork.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tqnetwork.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
