@@ -196,9 +196,15 @@ class Binding final : public IBinding {
     return left;
   }
   HRESULT STDMETHODCALLTYPE Abort() override {
+    // The download may end, and drop its references, as soon as it sees the flag: hold one of
+    // our own until Abort is done with the object.
+    AddRef();
     m_aborted.store(true);
-    std::lock_guard lock(m_mutex);
-    if (m_multi != nullptr) curl_multi_wakeup(m_multi);
+    {
+      std::lock_guard lock(m_mutex);
+      if (m_multi != nullptr) curl_multi_wakeup(m_multi);
+    }
+    Release();
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE Suspend() override { return E_NOTIMPL; }
