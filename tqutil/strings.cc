@@ -81,7 +81,7 @@ char32_t DecodeUtf8(std::string_view s, std::size_t& i) {
 
 // ---- formatting with the Windows wide convention ----
 
-struct Spec {
+struct Conversion {
   std::string flags;
   int width = -1;
   int precision = -1;
@@ -89,13 +89,13 @@ struct Spec {
   char conv = 0;
 };
 
-std::wstring Pad(std::wstring text, const Spec& spec) {
-  if (spec.precision >= 0 && text.size() > static_cast<std::size_t>(spec.precision)) {
-    text.resize(static_cast<std::size_t>(spec.precision));
+std::wstring Pad(std::wstring text, const Conversion& conversion) {
+  if (conversion.precision >= 0 && text.size() > static_cast<std::size_t>(conversion.precision)) {
+    text.resize(static_cast<std::size_t>(conversion.precision));
   }
-  if (spec.width > 0 && text.size() < static_cast<std::size_t>(spec.width)) {
-    const std::size_t fill = static_cast<std::size_t>(spec.width) - text.size();
-    if (spec.flags.find('-') != std::string::npos) {
+  if (conversion.width > 0 && text.size() < static_cast<std::size_t>(conversion.width)) {
+    const std::size_t fill = static_cast<std::size_t>(conversion.width) - text.size();
+    if (conversion.flags.find('-') != std::string::npos) {
       text.append(fill, L' ');
     } else {
       text.insert(0, fill, L' ');
@@ -107,12 +107,12 @@ std::wstring Pad(std::wstring text, const Spec& spec) {
 // Formats one numeric conversion through the narrow printf, whose numeric conversions are the
 // same on every system and which reports the length it needs.
 template <typename T>
-bool FormatNumber(std::wstring& out, const Spec& spec, const char* length, T value) {
-  std::string f = "%" + spec.flags;
-  if (spec.width >= 0) f += std::to_string(spec.width);
-  if (spec.precision >= 0) f += "." + std::to_string(spec.precision);
+bool FormatNumber(std::wstring& out, const Conversion& conversion, const char* length, T value) {
+  std::string f = "%" + conversion.flags;
+  if (conversion.width >= 0) f += std::to_string(conversion.width);
+  if (conversion.precision >= 0) f += "." + std::to_string(conversion.precision);
   f += length;
-  f += spec.conv;
+  f += conversion.conv;
   char small[128];
 #if defined(__GNUC__)
 #pragma GCC diagnostic push
@@ -136,55 +136,55 @@ bool FormatNumber(std::wstring& out, const Spec& spec, const char* length, T val
   return true;
 }
 
-bool ParseSpec(const wchar_t*& p, Spec& spec, std::va_list& args) {
-  while (*p && std::wcschr(L"-+ #0", *p)) spec.flags.push_back(static_cast<char>(*p++));
+bool ParseSpec(const wchar_t*& p, Conversion& conversion, std::va_list& args) {
+  while (*p && std::wcschr(L"-+ #0", *p)) conversion.flags.push_back(static_cast<char>(*p++));
   if (*p == L'*') {
     ++p;
-    spec.width = va_arg(args, int);
-    if (spec.width < 0) {
-      spec.flags.push_back('-');
-      spec.width = spec.width == INT32_MIN ? INT32_MAX : -spec.width;
+    conversion.width = va_arg(args, int);
+    if (conversion.width < 0) {
+      conversion.flags.push_back('-');
+      conversion.width = conversion.width == INT32_MIN ? INT32_MAX : -conversion.width;
     }
   } else {
     while (*p >= L'0' && *p <= L'9') {
-      if (spec.width < 0) spec.width = 0;
-      if (spec.width > 100000000) return false;
-      spec.width = spec.width * 10 + (*p++ - L'0');
+      if (conversion.width < 0) conversion.width = 0;
+      if (conversion.width > 100000000) return false;
+      conversion.width = conversion.width * 10 + (*p++ - L'0');
     }
   }
   if (*p == L'.') {
     ++p;
-    spec.precision = 0;
+    conversion.precision = 0;
     if (*p == L'*') {
       ++p;
-      spec.precision = va_arg(args, int);
-      if (spec.precision < 0) spec.precision = -1;
+      conversion.precision = va_arg(args, int);
+      if (conversion.precision < 0) conversion.precision = -1;
     } else {
       while (*p >= L'0' && *p <= L'9') {
-        if (spec.precision > 100000000) return false;
-        spec.precision = spec.precision * 10 + (*p++ - L'0');
+        if (conversion.precision > 100000000) return false;
+        conversion.precision = conversion.precision * 10 + (*p++ - L'0');
       }
     }
   }
   if (p[0] == L'h' && p[1] == L'h') {
-    spec.length = "hh", p += 2;
+    conversion.length = "hh", p += 2;
   } else if (p[0] == L'l' && p[1] == L'l') {
-    spec.length = "ll", p += 2;
+    conversion.length = "ll", p += 2;
   } else if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
-    spec.length = "ll", p += 3;
+    conversion.length = "ll", p += 3;
   } else if (p[0] == L'I' && p[1] == L'3' && p[2] == L'2') {
     p += 3;
   } else if (*p == L'I') {
-    spec.length = "z", ++p;
+    conversion.length = "z", ++p;
   } else if (*p && std::wcschr(L"hlzjtLw", *p)) {
-    spec.length = std::string(1, static_cast<char>(*p++));
+    conversion.length = std::string(1, static_cast<char>(*p++));
   }
   if (!*p) return false;
-  spec.conv = static_cast<char>(*p++);
+  conversion.conv = static_cast<char>(*p++);
   return true;
 }
 
-bool FormatSigned(std::wstring& out, const Spec& s, std::va_list& args) {
+bool FormatSigned(std::wstring& out, const Conversion& s, std::va_list& args) {
   const std::string& l = s.length;
   if (l == "ll") return FormatNumber(out, s, "ll", va_arg(args, long long));
   if (l == "l") return FormatNumber(out, s, "l", va_arg(args, long));
@@ -197,7 +197,7 @@ bool FormatSigned(std::wstring& out, const Spec& s, std::va_list& args) {
   return FormatNumber(out, s, "", v);
 }
 
-bool FormatUnsigned(std::wstring& out, const Spec& s, std::va_list& args) {
+bool FormatUnsigned(std::wstring& out, const Conversion& s, std::va_list& args) {
   const std::string& l = s.length;
   if (l == "ll") return FormatNumber(out, s, "ll", va_arg(args, unsigned long long));
   if (l == "l") return FormatNumber(out, s, "l", va_arg(args, unsigned long));
@@ -210,7 +210,7 @@ bool FormatUnsigned(std::wstring& out, const Spec& s, std::va_list& args) {
   return FormatNumber(out, s, "", v);
 }
 
-bool FormatOne(std::wstring& out, const Spec& s, std::va_list& args) {
+bool FormatOne(std::wstring& out, const Conversion& s, std::va_list& args) {
   switch (s.conv) {
     case 'd':
     case 'i':
@@ -231,7 +231,7 @@ bool FormatOne(std::wstring& out, const Spec& s, std::va_list& args) {
       if (s.length == "L") return FormatNumber(out, s, "L", va_arg(args, long double));
       return FormatNumber(out, s, "", va_arg(args, double));
     case 'p': {
-      Spec p = s;
+      Conversion p = s;
       p.length.clear();
       return FormatNumber(out, p, "", va_arg(args, void*));
     }
@@ -252,7 +252,7 @@ bool FormatOne(std::wstring& out, const Spec& s, std::va_list& args) {
     case 'C': {
       const bool narrow = s.length == "h" || (s.conv == 'C' && s.length != "l" && s.length != "w");
       const int v = va_arg(args, int);
-      Spec c = s;
+      Conversion c = s;
       c.precision = -1;
       if (narrow) {
         const char ch = static_cast<char>(v);
@@ -284,8 +284,8 @@ bool FormatWide(std::wstring& out, const wchar_t* format, std::va_list args) {
       ++p;
       continue;
     }
-    Spec spec;
-    ok = ParseSpec(p, spec, ap) && FormatOne(out, spec, ap);
+    Conversion conversion;
+    ok = ParseSpec(p, conversion, ap) && FormatOne(out, conversion, ap);
   }
   va_end(ap);
   if (!ok) out.clear();
