@@ -15,4 +15,4 @@
 #include "tqutil/sys_file.h"
 #include "tqutil/sys_time.h"
 #include "tqutil/url.h"
-#include "tqutil/zeroed_memory.h"
+#include "tqutil/memory_pages.h"

@@ -1,5 +1,7 @@
 #include "net/stream/stream_copy.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <limits>
@@ -29,6 +31,38 @@ void LogUrlFailure(const char* prefix, const std::wstring& url, const std::excep
   TqUSysError::LogUTF8String("\n");
 }
 
+// The 8 MiB buffer of one copy, zero when the copy starts. A thread keeps the buffer of its last
+// copy for the next one, cleared: the worker pool copies one small body after another, and a
+// fresh mapping each time costs its page faults and its unmapping, several times the copy
+// itself. A buffer that may hold bytes the copy did not account for (a read or write threw) is
+// released instead of kept.
+class CopyBuffer {
+ public:
+  CopyBuffer() : m_memory(std::move(t_kept)) {
+    if (!m_memory) m_memory = qv::AllocateZeroed(kCopyChunkSize);
+  }
+  CopyBuffer(const CopyBuffer&) = delete;
+  CopyBuffer& operator=(const CopyBuffer&) = delete;
+
+  std::uint8_t* get() const { return m_memory.get(); }
+  // A read placed `n` bytes at the start of the buffer.
+  void Used(std::uint64_t n) { m_used = std::max(m_used, static_cast<std::size_t>(n)); }
+  // The copy ended without an exception: the buffer is cleared and kept for the thread's next
+  // copy (a copy nested in this one may have kept its own meanwhile; one is enough).
+  void GiveBack() noexcept {
+    if (t_kept) return;
+    qv::RezeroMemory(m_memory, m_used);
+    t_kept = std::move(m_memory);
+  }
+
+ private:
+  static thread_local qv::ZeroedMemory t_kept;
+  qv::ZeroedMemory m_memory;
+  std::size_t m_used = 0;
+};
+
+thread_local qv::ZeroedMemory CopyBuffer::t_kept;
+
 }  // namespace
 
 bool IsHttpUrl(std::wstring_view url) {
@@ -39,21 +73,23 @@ bool IsHttpUrl(std::wstring_view url) {
 
 CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
                             qv::stop_token stop) {
-  // One zero-filled buffer per call, released when the call ends. It comes zeroed from the
-  // system, so a small body touches only the pages it fills instead of clearing all 8 MiB
-  // first (a copy per URL opened adds up).
-  const qv::ZeroedMemory buffer = qv::AllocateZeroed(kCopyChunkSize);
+  CopyBuffer buffer;
   CopyStreamResult result;
   try {
     for (;;) {
       const std::uint64_t n = source.Read(buffer.get(), kCopyChunkSize);
       if (n != 0) {
+        buffer.Used(n);
         result.bytes_copied += n;
         target.Write(buffer.get(), n);
       }
       // Looked at only between chunks, so a stop never cuts a chunk in half.
-      if (stop.stop_requested()) return result;
+      if (stop.stop_requested()) {
+        buffer.GiveBack();
+        return result;
+      }
       if (n == 0) {
+        buffer.GiveBack();
         result.completed = true;
         return result;
       }

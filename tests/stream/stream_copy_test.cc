@@ -30,12 +30,20 @@ constexpr std::uint64_t kMiB = 1024 * 1024;
 
 // A source of `size` bytes (byte i is i mod 251) that records every read's requested size and
 // may run a hook or throw on the n-th read.
+bool AllZero(const void* buffer, std::uint64_t size) {
+  const auto* bytes = static_cast<const std::uint8_t*>(buffer);
+  return size == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0);
+}
+
 class PatternSource : public qv::io::IDataReadStream {
  public:
   explicit PatternSource(std::uint64_t size) : m_size(size) {}
 
   std::uint64_t Read(void* buffer, std::uint64_t size) override {
     m_requests.push_back(size);
+    if (check_first_buffer != nullptr && m_requests.size() == 1 && !AllZero(buffer, size)) {
+      ++*check_first_buffer;
+    }
     if (on_read) on_read(m_requests.size());
     const std::uint64_t n = std::min(size, m_size - m_pos);
     auto* out = static_cast<std::uint8_t*>(buffer);
@@ -46,6 +54,8 @@ class PatternSource : public qv::io::IDataReadStream {
 
   std::function<void(std::size_t read_number)> on_read;
   std::vector<std::uint64_t> m_requests;
+  // When set, counts a first read handed a buffer that is not all zero.
+  std::uint64_t* check_first_buffer = nullptr;
 
  private:
   std::uint64_t m_size;
@@ -172,6 +182,46 @@ TEST(CopyStreamTest, RuntimeErrorsAreLoggedAndEndTheCopyOthersPassThrough) {
   PatternSource logic(1);
   logic.on_read = [](std::size_t) { throw std::logic_error("not a runtime error"); };
   EXPECT_THROW(CopyStream(logic, target, {}), std::logic_error);
+}
+
+// Regression: a thread keeps its copy buffer between copies, and a copy must still start with
+// the whole buffer zero, whether the thread's previous copy dirtied a little of it, more than
+// the part cleared in place, all of it, or ended in an exception or a stop.
+TEST(CopyStreamTest, EveryCopyStartsWithAZeroBufferWhateverTheLastCopyLeftInIt) {
+  std::uint64_t dirty_starts = 0;
+  auto copy = [&](std::uint64_t size, std::function<void(std::size_t)> hook,
+                  qv::stop_token stop = {}) {
+    PatternSource source(size);
+    source.on_read = std::move(hook);
+    source.check_first_buffer = &dirty_starts;
+    CheckingTarget target;
+    try {
+      return CopyStream(source, target, stop);
+    } catch (const std::logic_error&) {
+      return CopyStreamResult{};
+    }
+  };
+  for (const std::uint64_t size : {std::uint64_t{100}, 3 * kMiB, 8 * kMiB, 20 * kMiB}) {
+    EXPECT_TRUE(copy(size, {}).completed) << size;
+    EXPECT_TRUE(copy(1, {}).completed) << "after a copy of " << size;
+  }
+  // A read that fails after filling the buffer: the next copy must not see its bytes.
+  copy(8 * kMiB, [](std::size_t n) {
+    if (n == 2) throw std::logic_error("gone");
+  });
+  EXPECT_TRUE(copy(1, {}).completed);
+  {
+    tq::test::LogCapture log;
+    copy(8 * kMiB, [](std::size_t n) {
+      if (n == 2) throw std::runtime_error("reset");
+    });
+  }
+  EXPECT_TRUE(copy(1, {}).completed);
+  qv::stop_source stopped;
+  stopped.request_stop();
+  EXPECT_FALSE(copy(5 * kMiB, {}, stopped.get_token()).completed);
+  EXPECT_TRUE(copy(1, {}).completed);
+  EXPECT_EQ(dirty_starts, 0u);
 }
 
 class UrlReadingTest : public tq::test::FakeTransportTest {

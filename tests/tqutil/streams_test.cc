@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tqutil/zeroed_memory.h"
 
 namespace {
 
@@ -68,14 +67,3 @@ TEST(MemoryStreamTest, StreamsOverOneSinkKeepTheirOwnPositions) {
 }
 
 }  // namespace
-
-TEST(ZeroedMemoryTest, BuffersAreZeroAndWritable) {
-  for (std::size_t size : {std::size_t{1}, std::size_t{4096}, std::size_t{8388608}}) {
-    qv::ZeroedMemory memory = qv::AllocateZeroed(size);
-    ASSERT_NE(memory.get(), nullptr);
-    EXPECT_EQ(memory[0], 0);
-    EXPECT_EQ(memory[size - 1], 0);
-    memory[size - 1] = 0xAB;  // writable to its last byte
-    EXPECT_EQ(memory[size - 1], 0xAB);
-  }
-}

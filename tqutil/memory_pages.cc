@@ -1,0 +1,95 @@
+#include "tqutil/memory_pages.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
+namespace qv {
+namespace {
+
+// Cleared in place when a buffer is rezeroed; a multiple of every page size in use.
+constexpr std::size_t kClearInPlace = std::size_t{1} << 20;
+
+std::size_t PageSize() {
+#if defined(_WIN32)
+  SYSTEM_INFO info;
+  ::GetSystemInfo(&info);
+  return info.dwPageSize;
+#else
+  static const std::size_t size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  return size;
+#endif
+}
+
+// Gives whole pages back to the system; they read as zero afterwards. False when it did not.
+bool DiscardPages(std::uint8_t* pages, std::size_t size) {
+#if defined(_WIN32)
+  return ::VirtualFree(pages, size, MEM_DECOMMIT) &&
+         ::VirtualAlloc(pages, size, MEM_COMMIT, PAGE_READWRITE) != nullptr;
+#else
+  // Private anonymous pages come back zero-filled after MADV_DONTNEED.
+  return ::madvise(pages, size, MADV_DONTNEED) == 0;
+#endif
+}
+
+}  // namespace
+
+void ZeroedMemoryDeleter::operator()(std::uint8_t* memory) const noexcept {
+  if (memory == nullptr) return;
+#if defined(_WIN32)
+  ::VirtualFree(memory, 0, MEM_RELEASE);
+#else
+  ::munmap(memory, size);
+#endif
+}
+
+ZeroedMemory AllocateZeroed(std::size_t size) {
+  if (size == 0) size = 1;
+#if defined(_WIN32)
+  void* memory = ::VirtualAlloc(nullptr, size, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+  if (memory == nullptr) throw std::bad_alloc();
+#else
+  void* memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::bad_alloc();
+#endif
+  return ZeroedMemory(static_cast<std::uint8_t*>(memory), ZeroedMemoryDeleter{size});
+}
+
+void RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept {
+  const std::size_t size = memory.get_deleter().size;
+  used = std::min(used, size);
+  const std::size_t in_place = std::min(used, kClearInPlace);
+  std::memset(memory.get(), 0, in_place);
+  if (used == in_place) return;
+  // The rest starts on a page boundary (the buffer does, and kClearInPlace is whole pages) and
+  // is rounded up to whole pages, which the mapping holds even past `size`.
+  const std::size_t page = PageSize();
+  const std::size_t rest = (used - in_place + page - 1) / page * page;
+  if (!DiscardPages(memory.get() + in_place, rest)) {
+    std::memset(memory.get() + in_place, 0, used - in_place);
+  }
+}
+
+void PrepareForWrite(void* memory, std::size_t size) noexcept {
+#if defined(MADV_POPULATE_WRITE)
+  // Only the whole pages inside the range: the hint must not touch bytes outside it.
+  const std::size_t page = PageSize();
+  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
+  const std::uintptr_t first = (begin + page - 1) / page * page;
+  const std::uintptr_t last = (begin + size) / page * page;
+  // Older kernels refuse the advice; the writes then fault the pages in as usual.
+  if (last > first) (void)::madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE);
+#else
+  (void)memory;
+  (void)size;
+#endif
+}
+
+}  // namespace qv
