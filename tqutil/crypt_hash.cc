@@ -9,6 +9,20 @@ struct TqUSysCryptHash::Impl {
   ~Impl() { EVP_MD_CTX_free(ctx); }
 };
 
+namespace {
+
+// SHA-256 fetched once: initialising with EVP_sha256() looks the algorithm up again on every
+// hash, which costs about as much as hashing a short key. Kept for the life of the process.
+const EVP_MD* Sha256() {
+  static const EVP_MD* const md = [] {
+    const EVP_MD* fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return fetched != nullptr ? fetched : EVP_sha256();
+  }();
+  return md;
+}
+
+}  // namespace
+
 TqUSysCryptHash::TqUSysCryptHash(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
 TqUSysCryptHash::~TqUSysCryptHash() = default;
 
@@ -16,7 +30,7 @@ std::unique_ptr<TqUSysCryptHash> TqUSysCryptHash::Create(int type) {
   if (type != 0) return nullptr;
   auto impl = std::make_unique<Impl>();
   impl->ctx = EVP_MD_CTX_new();
-  if (!impl->ctx || EVP_DigestInit_ex(impl->ctx, EVP_sha256(), nullptr) != 1) return nullptr;
+  if (!impl->ctx || EVP_DigestInit_ex(impl->ctx, Sha256(), nullptr) != 1) return nullptr;
   return std::unique_ptr<TqUSysCryptHash>(new TqUSysCryptHash(std::move(impl)));
 }
 

@@ -76,13 +76,24 @@ std::unique_ptr<FileReadStream> FileReadStream::Create(const std::filesystem::pa
   return std::make_unique<FileReadStream>(file);
 }
 
+std::uint64_t FileReadStream::Position(const char* what) {
+  if (m_file_pos && *m_file_pos >= m_base) return *m_file_pos - m_base;
+  m_file_pos.reset();
+  const std::uint64_t pos = Tell(m_file, m_base, what);
+  m_file_pos = m_base + pos;
+  return pos;
+}
+
 std::uint64_t FileReadStream::Read(void* buffer, std::uint64_t size) {
   if (size == 0) return 0;
-  Tell(m_file, m_base, "FileReadStream: cannot read the file");
+  Position("FileReadStream: cannot read the file");
   std::uint64_t got = 0;
   if (!TqUSysFile::ReadFile(m_file, buffer, size, &got)) {
+    // A failed read may have moved the file: ask again next time.
+    m_file_pos.reset();
     Fail("FileReadStream: cannot read the file");
   }
+  *m_file_pos += got;
   return got;
 }
 
@@ -94,11 +105,14 @@ StreamMetaData FileReadStream::MetaData() {
 }
 
 std::uint64_t FileReadStream::RSeek(std::int64_t offset, StreamPosition origin) {
-  return Seek(m_file, m_base, offset, origin, "FileReadStream: cannot seek");
+  m_file_pos.reset();
+  const std::uint64_t pos = Seek(m_file, m_base, offset, origin, "FileReadStream: cannot seek");
+  m_file_pos = m_base + pos;
+  return pos;
 }
 
 std::uint64_t FileReadStream::RTell() {
-  return Tell(m_file, m_base, "FileReadStream: cannot tell the position");
+  return Position("FileReadStream: cannot tell the position");
 }
 
 FileWriteStream::FileWriteStream(TqUSysFile::Handle file) : m_file(file) {}

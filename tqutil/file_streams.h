@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 
 #include "tqutil/streams.h"
 #include "tqutil/sys_file.h"
@@ -31,8 +32,14 @@ class TQUTIL_API FileReadStream : public IDataSeekableReadStream {
   std::uint64_t RTell() override;
 
  private:
+  // The stream position, asking the file only while its position is not known.
+  std::uint64_t Position(const char* what);
+
   TqUSysFile::Handle m_file;
   std::uint64_t m_base = 0;
+  // The file's position once this stream has asked for it or moved it: the handle is the
+  // stream's alone, so nothing else moves it, and reads need no system call to find it.
+  std::optional<std::uint64_t> m_file_pos;
 };
 
 // A seekable write stream over a file, with the same base-offset rule.

@@ -33,6 +33,20 @@ UniqueFile OpenForReading(const fs::path& path) {
   return UniqueFile(TqUSysFile::OpenFile(path, kAccessRead, kShareRead, kOpenExisting, 0, 0));
 }
 
+// A stream over the body of `file`, which starts at `offset`; null when the file cannot seek.
+std::unique_ptr<qv::io::IDataSeekableReadStream> BodyStream(UniqueFile file,
+                                                            std::uint64_t offset) {
+  auto stream = std::make_unique<qv::io::FileReadStream>(file.release());
+  stream->SetBaseOffset(offset);
+  // Moved by the stream itself, which then knows where the file stands without asking again.
+  try {
+    stream->RSeek(0, qv::io::StreamPosition::Begin);
+  } catch (const std::runtime_error&) {
+    return nullptr;
+  }
+  return stream;
+}
+
 // Reads until `size` bytes or the end; the count read.
 std::size_t ReadFully(TqUSysFile::Handle file, unsigned char* buffer, std::size_t size) {
   std::size_t done = 0;
@@ -293,11 +307,7 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop) {
 
 std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenLoadedBody(
     EntryFile file) const {
-  const std::uint64_t offset = ef::BodyOffset(m_header_size);
-  if (TqUSysFile::SeekFile(file.get(), static_cast<std::int64_t>(offset), 0) < 0) return nullptr;
-  auto stream = std::make_unique<qv::io::FileReadStream>(file.release());
-  stream->SetBaseOffset(offset);
-  return stream;
+  return BodyStream(std::move(file), ef::BodyOffset(m_header_size));
 }
 
 std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream() {
@@ -334,11 +344,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenReadStream() {
   // name: a store may have renamed a complete new file with a longer tag over it meanwhile.
   HeaderFields on_disk;
   if (!ReadHeader(file.get(), on_disk) || on_disk.key != m_key) return nullptr;
-  const std::uint64_t offset = ef::BodyOffset(on_disk.header_size);
-  if (TqUSysFile::SeekFile(file.get(), static_cast<std::int64_t>(offset), 0) < 0) return nullptr;
-  auto stream = std::make_unique<qv::io::FileReadStream>(file.release());
-  stream->SetBaseOffset(offset);
-  return stream;
+  return BodyStream(std::move(file), ef::BodyOffset(on_disk.header_size));
 }
 
 }  // namespace qv::net

@@ -61,6 +61,9 @@ TEST(FileReadStreamTest, BaseOffsetMakesPositionZeroThatByte) {
     EXPECT_EQ(ReadAll(*s, chunk), " bytes");
     EXPECT_THROW(s->RSeek(-1, StreamPosition::Begin), std::runtime_error);
     EXPECT_THROW(s->RSeek(-11, StreamPosition::End), std::runtime_error);
+    EXPECT_EQ(s->RTell(), 10u) << "a refused seek leaves the position";
+    EXPECT_EQ(s->RSeek(2, StreamPosition::Begin), 2u);
+    EXPECT_EQ(ReadAll(*s, chunk), "dy bytes");
   }
   auto s = FileReadStream::Create(dir / "f");
   s->SetBaseOffset(100);
