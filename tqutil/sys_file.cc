@@ -1,7 +1,10 @@
 #include "tqutil/sys_file.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <unordered_set>
 
@@ -9,6 +12,7 @@
 #include <windows.h>
 #else
 #include <cerrno>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -68,10 +72,10 @@ bool ValidArguments(std::uint32_t access, std::uint32_t share, std::uint32_t cre
 #if !defined(_WIN32)
 static_assert(sizeof(off_t) == 8, "64-bit file offsets are required");
 
-int RetryOpen(const char* path, int flags) {
+int RetryOpen(int dir, const char* name, int flags) {
   int fd;
   do {
-    fd = ::open(path, flags, 0666);
+    fd = ::openat(dir, name, flags, 0666);
   } while (fd < 0 && errno == EINTR);
   return fd;
 }
@@ -103,6 +107,57 @@ bool Lock(int fd, bool exclusive) {
 
 }  // namespace
 
+#if !defined(_WIN32)
+namespace {
+
+// OpenFile's POSIX body for `name` relative to `dir` (AT_FDCWD: as a path).
+TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::uint32_t share,
+                          std::uint32_t creation) {
+  const bool write = access == TqUSysFile::kAccessWrite;
+  // An exclusive lock needs a descriptor open for writing, so an exclusive reader asks for
+  // write access too; when it may not write, nobody of its kind can write either, and a
+  // shared lock is enough to keep out writers.
+  const bool exclusive = write || share == TqUSysFile::kShareNone;
+  int flags = O_CLOEXEC | (write || exclusive ? O_RDWR : O_RDONLY);
+  if (creation == TqUSysFile::kCreateAlways || creation == TqUSysFile::kOpenAlways) {
+    flags |= O_CREAT;
+  }
+  // Never O_TRUNC here: the file is emptied only once the lock is ours.
+  int fd = RetryOpen(dir, name, flags);
+  bool locked_exclusive = exclusive;
+  if (fd < 0 && !write && exclusive && (errno == EACCES || errno == EROFS || errno == EISDIR)) {
+    fd = RetryOpen(dir, name, O_CLOEXEC | O_RDONLY);
+    locked_exclusive = false;
+  }
+  if (fd < 0) return TqUSysFile::kInvalid;
+  struct stat st = {};
+  if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode) || !Lock(fd, locked_exclusive)) {
+    ::close(fd);
+    return TqUSysFile::kInvalid;
+  }
+  if (write) {
+    // Between our open and our lock another writer may have renamed a new file over the path:
+    // the file we locked is then no longer the path's, and writing it would change a file
+    // that others reach by another name (or by none). Such an open is refused like any other.
+    struct stat now = {};
+    if (::fstatat(dir, name, &now, 0) != 0 || now.st_dev != st.st_dev ||
+        now.st_ino != st.st_ino) {
+      ::close(fd);
+      return TqUSysFile::kInvalid;
+    }
+  }
+  if (creation == TqUSysFile::kCreateAlways && ::ftruncate(fd, 0) != 0) {
+    ::close(fd);
+    return TqUSysFile::kInvalid;
+  }
+  auto* record = new TqUSysFileHandleTag();
+  record->fd = fd;
+  return Adopt(record);
+}
+
+}  // namespace
+#endif
+
 TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::uint32_t access,
                                         std::uint32_t share, std::uint32_t creation,
                                         std::uint32_t reserved1, std::uint32_t reserved2) {
@@ -123,43 +178,7 @@ TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::
   record->file = h;
   return Adopt(record);
 #else
-  const bool write = access == kAccessWrite;
-  // An exclusive lock needs a descriptor open for writing, so an exclusive reader asks for
-  // write access too; when it may not write, nobody of its kind can write either, and a
-  // shared lock is enough to keep out writers.
-  const bool exclusive = write || share == kShareNone;
-  int flags = O_CLOEXEC | (write || exclusive ? O_RDWR : O_RDONLY);
-  if (creation == kCreateAlways || creation == kOpenAlways) flags |= O_CREAT;
-  // Never O_TRUNC here: the file is emptied only once the lock is ours.
-  int fd = RetryOpen(path.c_str(), flags);
-  bool locked_exclusive = exclusive;
-  if (fd < 0 && !write && exclusive && (errno == EACCES || errno == EROFS || errno == EISDIR)) {
-    fd = RetryOpen(path.c_str(), O_CLOEXEC | O_RDONLY);
-    locked_exclusive = false;
-  }
-  if (fd < 0) return kInvalid;
-  struct stat st = {};
-  if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode) || !Lock(fd, locked_exclusive)) {
-    ::close(fd);
-    return kInvalid;
-  }
-  if (write) {
-    // Between our open and our lock another writer may have renamed a new file over the path:
-    // the file we locked is then no longer the path's, and writing it would change a file
-    // that others reach by another name (or by none). Such an open is refused like any other.
-    struct stat now = {};
-    if (::stat(path.c_str(), &now) != 0 || now.st_dev != st.st_dev || now.st_ino != st.st_ino) {
-      ::close(fd);
-      return kInvalid;
-    }
-  }
-  if (creation == kCreateAlways && ::ftruncate(fd, 0) != 0) {
-    ::close(fd);
-    return kInvalid;
-  }
-  auto* record = new TqUSysFileHandleTag();
-  record->fd = fd;
-  return Adopt(record);
+  return OpenAt(AT_FDCWD, path.c_str(), access, share, creation);
 #endif
 }
 
@@ -253,3 +272,230 @@ bool TqUSysFile::CloseFile(Handle file) {
   delete file;
   return ok;
 }
+
+namespace {
+
+using RefuseRemoval = std::function<bool(const TqUSysDirectory::Char*)>;
+
+struct RemoveFault {
+  std::mutex mutex;
+  std::atomic<bool> set{false};
+  std::shared_ptr<const RefuseRemoval> refuse;
+};
+
+RemoveFault& TheRemoveFault() {
+  static RemoveFault* const fault = new RemoveFault();
+  return *fault;
+}
+
+// Whether the test seam refuses to remove `name`. Called without the lock held, so that a seam
+// may wait for other removals to arrive.
+bool RemovalRefused(const TqUSysDirectory::Char* name) {
+  RemoveFault& f = TheRemoveFault();
+  if (!f.set.load(std::memory_order_acquire)) return false;
+  std::shared_ptr<const RefuseRemoval> refuse;
+  {
+    std::lock_guard lock(f.mutex);
+    refuse = f.refuse;
+  }
+  return refuse && *refuse && (*refuse)(name);
+}
+
+#if defined(_WIN32)
+std::error_code LastError() {
+  return std::error_code(static_cast<int>(::GetLastError()), std::system_category());
+}
+#else
+std::error_code Errno() { return std::error_code(errno, std::generic_category()); }
+#endif
+
+}  // namespace
+
+void TqUSysDirectory::SetRemoveFaultForTesting(std::function<bool(const Char* name)> refuse) {
+  RemoveFault& f = TheRemoveFault();
+  std::lock_guard lock(f.mutex);
+  if (refuse) {
+    f.refuse = std::make_shared<const RefuseRemoval>(std::move(refuse));
+    f.set.store(true, std::memory_order_release);
+  } else {
+    f.refuse.reset();
+    f.set.store(false, std::memory_order_release);
+  }
+}
+
+#if defined(_WIN32)
+
+TqUSysDirectory::TqUSysDirectory(const std::filesystem::path& path) : m_path(path) {
+  const DWORD attributes = ::GetFileAttributesW(path.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    m_error = LastError();
+  } else if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    m_error = std::make_error_code(std::errc::not_a_directory);
+  }
+}
+
+TqUSysDirectory::~TqUSysDirectory() = default;
+
+std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& visit) const {
+  if (m_error) return m_error;
+  WIN32_FIND_DATAW data;
+  const std::filesystem::path pattern = m_path / L"*";
+  HANDLE find = ::FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data,
+                                   FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH);
+  if (find == INVALID_HANDLE_VALUE) {
+    const std::error_code ec = LastError();
+    return ::GetLastError() == ERROR_FILE_NOT_FOUND ? std::error_code() : ec;
+  }
+  std::error_code result;
+  for (;;) {
+    const wchar_t* name = data.cFileName;
+    if (std::wcscmp(name, L".") != 0 && std::wcscmp(name, L"..") != 0) {
+      Item item;
+      item.name = name;
+      item.length = std::wcslen(name);
+      if (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) {
+        // A link: what it leads to decides.
+        std::error_code ec;
+        const std::filesystem::path target = m_path / name;
+        item.regular = std::filesystem::is_regular_file(target, ec);
+        if (item.regular) {
+          const std::uintmax_t size = std::filesystem::file_size(target, ec);
+          item.size = ec ? -1 : static_cast<std::int64_t>(size);
+        }
+      } else if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+        item.regular = true;
+        item.size = static_cast<std::int64_t>((static_cast<std::uint64_t>(data.nFileSizeHigh)
+                                               << 32) | data.nFileSizeLow);
+      }
+      visit(item);
+    }
+    if (!::FindNextFileW(find, &data)) {
+      if (::GetLastError() != ERROR_NO_MORE_FILES) result = LastError();
+      break;
+    }
+  }
+  ::FindClose(find);
+  return result;
+}
+
+TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t access,
+                                             std::uint32_t share, std::uint32_t creation,
+                                             std::uint32_t reserved1,
+                                             std::uint32_t reserved2) const {
+  if (m_error) return TqUSysFile::kInvalid;
+  return TqUSysFile::OpenFile(m_path / name, access, share, creation, reserved1, reserved2);
+}
+
+bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
+  return std::filesystem::exists(m_path / name, ec);
+}
+
+bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
+  ec.clear();
+  if (RemovalRefused(name)) {
+    ec = std::make_error_code(std::errc::permission_denied);
+    return false;
+  }
+  const std::filesystem::path path = m_path / name;
+  if (::DeleteFileW(path.c_str())) return true;
+  const DWORD error = ::GetLastError();
+  if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return false;
+  ec = std::error_code(static_cast<int>(error), std::system_category());
+  return false;
+}
+
+#else
+
+TqUSysDirectory::TqUSysDirectory(const std::filesystem::path& path) : m_path(path) {
+  do {
+    m_fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  } while (m_fd < 0 && errno == EINTR);
+  if (m_fd < 0) m_error = Errno();
+}
+
+TqUSysDirectory::~TqUSysDirectory() {
+  if (m_fd >= 0) ::close(m_fd);
+}
+
+std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& visit) const {
+  if (m_error) return m_error;
+  // A descriptor of its own, so that every listing starts at the beginning and several may
+  // run at once.
+  const int fd = RetryOpen(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return Errno();
+  DIR* const dir = ::fdopendir(fd);
+  if (dir == nullptr) {
+    const std::error_code ec = Errno();
+    ::close(fd);
+    return ec;
+  }
+  std::error_code result;
+  for (;;) {
+    errno = 0;
+    const dirent* const entry = ::readdir(dir);
+    if (entry == nullptr) {
+      if (errno != 0) result = Errno();
+      break;
+    }
+    const char* const name = entry->d_name;
+    if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0))) continue;
+    Item item;
+    item.name = name;
+    item.length = std::strlen(name);
+    // The listing tells the kind of most entries; only links and unknown kinds need a look at
+    // what they are, and regular files one for their size.
+    const unsigned char type = entry->d_type;
+    if (type == DT_REG || type == DT_LNK || type == DT_UNKNOWN) {
+      struct stat st = {};
+      if (::fstatat(m_fd, name, &st, 0) == 0) {
+        item.regular = S_ISREG(st.st_mode);
+        if (item.regular) item.size = static_cast<std::int64_t>(st.st_size);
+      } else {
+        item.regular = type == DT_REG;  // gone meanwhile: still listed as what it was
+      }
+    }
+    visit(item);
+  }
+  ::closedir(dir);
+  return result;
+}
+
+TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t access,
+                                             std::uint32_t share, std::uint32_t creation,
+                                             std::uint32_t reserved1,
+                                             std::uint32_t reserved2) const {
+  if (m_fd < 0 || name == nullptr || name[0] == 0 ||
+      !ValidArguments(access, share, creation, reserved1, reserved2)) {
+    return TqUSysFile::kInvalid;
+  }
+  return OpenAt(m_fd, name, access, share, creation);
+}
+
+bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
+  ec.clear();
+  if (m_fd < 0) {
+    ec = m_error;
+    return false;
+  }
+  struct stat st = {};
+  if (::fstatat(m_fd, name, &st, 0) == 0) return true;
+  if (errno != ENOENT && errno != ENOTDIR) ec = Errno();
+  return false;
+}
+
+bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
+  ec.clear();
+  if (m_fd < 0) {
+    ec = m_error;
+    return false;
+  }
+  if (RemovalRefused(name)) {
+    ec = std::make_error_code(std::errc::permission_denied);
+    return false;
+  }
+  if (::unlinkat(m_fd, name, 0) == 0) return true;
+  if (errno != ENOENT) ec = Errno();
+  return false;
+}
+
+#endif

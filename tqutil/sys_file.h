@@ -6,8 +6,11 @@
 // before a file is emptied, so a refused writer never truncates another writer's file.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <system_error>
 
 #include "tqutil/export.h"
 
@@ -43,4 +46,55 @@ class TQUTIL_API TqUSysFile {
   static std::int64_t SeekFile(Handle file, std::int64_t offset, int origin);
   static std::int64_t GetFileSize(Handle file);  // -1 on error
   static bool CloseFile(Handle file);
+};
+
+// A directory whose files are listed, opened and removed by name relative to one open handle,
+// so that working through many files does not resolve the directory's own path again for each
+// (POSIX: one descriptor and the *at calls; Windows: the path, joined per call). Once opened it
+// may be used from several threads at once.
+class TQUTIL_API TqUSysDirectory {
+ public:
+  using Char = std::filesystem::path::value_type;
+
+  struct Item {
+    const Char* name = nullptr;  // NUL-terminated; valid during the visit only
+    std::size_t length = 0;
+    bool regular = false;        // a regular file, following symbolic links
+    std::int64_t size = -1;      // the regular file's size; -1 when it could not be read
+  };
+
+  // Never throws: Error() tells whether it opened.
+  explicit TqUSysDirectory(const std::filesystem::path& path);
+  ~TqUSysDirectory();
+  TqUSysDirectory(const TqUSysDirectory&) = delete;
+  TqUSysDirectory& operator=(const TqUSysDirectory&) = delete;
+
+  // Why the directory could not be opened; clear when it is open.
+  const std::error_code& Error() const { return m_error; }
+  const std::filesystem::path& Path() const { return m_path; }
+
+  // Visits every entry but "." and "..", in directory order, with the size of each regular
+  // file. Returns the error that ended the reading early, if any.
+  std::error_code List(const std::function<void(const Item&)>& visit) const;
+  // TqUSysFile::OpenFile for the file `name` of this directory, with the same rules.
+  TqUSysFile::Handle OpenFile(const Char* name, std::uint32_t access, std::uint32_t share,
+                              std::uint32_t creation, std::uint32_t reserved1,
+                              std::uint32_t reserved2) const;
+  // Whether `name` exists, following symbolic links; false with `ec` set when it cannot tell.
+  bool Exists(const Char* name, std::error_code& ec) const;
+  // Removes the file (or link) `name`: true when removed; false with `ec` clear when nothing
+  // was there; false with `ec` set when it could not be removed.
+  bool RemoveFile(const Char* name, std::error_code& ec) const;
+
+  // Makes RemoveFile refuse (permission denied, the file left in place) every name for which
+  // `refuse` returns true; an empty function ends it. `refuse` is called from whichever
+  // threads remove files, possibly at once.
+  static void SetRemoveFaultForTesting(std::function<bool(const Char* name)> refuse);
+
+ private:
+  std::filesystem::path m_path;
+  std::error_code m_error;
+#if !defined(_WIN32)
+  int m_fd = -1;
+#endif
 };

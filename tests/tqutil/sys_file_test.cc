@@ -2,7 +2,9 @@
 
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -221,6 +223,71 @@ TEST(SysFileTest, ReadSeekLargeOffsetsAndFullDisk) {
     EXPECT_FALSE(F::WriteFile(full.h, "data", 4, &n)) << "a full disk fails the write";
     EXPECT_EQ(n, 0u);
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Lists, opens and removes by name relative to the directory, with the rules of OpenFile.
+TEST(SysFileTest, DirectoryListsOpensAndRemovesByName) {
+  tq::test::TempDir dir;
+  WriteText(dir / "file", "12345");
+  std::filesystem::create_symlink(dir / "file", dir / "link");
+  std::filesystem::create_symlink(dir / "missing", dir / "dangling");
+  std::filesystem::create_directory(dir / "sub");
+
+  const TqUSysDirectory directory(dir.Path());
+  ASSERT_FALSE(directory.Error());
+  std::map<std::string, std::pair<bool, std::int64_t>> items;  // regular, size
+  EXPECT_FALSE(directory.List([&](const TqUSysDirectory::Item& item) {
+    items[std::string(item.name, item.length)] = {item.regular, item.size};
+  }));
+  using Item = std::pair<bool, std::int64_t>;
+  EXPECT_EQ(items, (std::map<std::string, Item>{{"file", {true, 5}},
+                                                {"link", {true, 5}},  // followed
+                                                {"dangling", {false, -1}},
+                                                {"sub", {false, -1}}}));
+
+  {
+    Open writer = Rewriter(dir / "file");
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(directory.OpenFile("file", F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0),
+              nullptr)
+        << "the sharing rules hold by name too";
+  }
+  F::Handle reader =
+      directory.OpenFile("file", F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0);
+  ASSERT_NE(reader, nullptr);
+  char text[8] = {};
+  std::uint64_t got = 0;
+  EXPECT_TRUE(F::ReadFile(reader, text, sizeof text, &got));
+  EXPECT_EQ(std::string(text, got), "12345");
+  F::CloseFile(reader);
+  EXPECT_EQ(directory.OpenFile("sub", F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0),
+            nullptr);
+
+  std::error_code ec;
+  EXPECT_TRUE(directory.Exists("link", ec));
+  EXPECT_FALSE(directory.Exists("dangling", ec));
+  EXPECT_FALSE(ec);
+  TqUSysDirectory::SetRemoveFaultForTesting(
+      [](const TqUSysDirectory::Char* name) { return std::strcmp(name, "file") == 0; });
+  EXPECT_FALSE(directory.RemoveFile("file", ec));
+  EXPECT_EQ(ec, std::errc::permission_denied);
+  TqUSysDirectory::SetRemoveFaultForTesting({});
+  EXPECT_TRUE(std::filesystem::exists(dir / "file"));
+  EXPECT_TRUE(directory.RemoveFile("link", ec));  // the link, not what it leads to
+  EXPECT_TRUE(std::filesystem::exists(dir / "file"));
+  EXPECT_TRUE(directory.RemoveFile("file", ec));
+  EXPECT_FALSE(directory.RemoveFile("file", ec)) << "nothing there";
+  EXPECT_FALSE(ec);
+  EXPECT_FALSE(directory.RemoveFile("sub", ec)) << "not a directory";
+  EXPECT_TRUE(ec);
+
+  const TqUSysDirectory gone(dir / "none");
+  EXPECT_EQ(gone.Error(), std::errc::no_such_file_or_directory);
+  EXPECT_EQ(gone.List([](const TqUSysDirectory::Item&) {}), std::errc::no_such_file_or_directory);
 }
 
 }  // namespace
