@@ -72,8 +72,7 @@ struct HeaderFields {
 class HeaderReader {
  public:
   explicit HeaderReader(TqUSysFile::Handle file) : m_file(file) {
-    m_bytes.resize(kFirstRead);
-    m_have = ReadFully(m_file, m_bytes.data(), kFirstRead);
+    m_have = ReadFully(m_file, m_first.data(), kFirstRead);
     m_at_end = m_have < kFirstRead;
   }
 
@@ -83,27 +82,33 @@ class HeaderReader {
     if (m_at_end) return false;
     const std::int64_t file_size = TqUSysFile::GetFileSize(m_file);
     if (file_size < 0 || static_cast<std::uint64_t>(file_size) < size) return false;
-    m_bytes.resize(size);
-    m_have += ReadFully(m_file, m_bytes.data() + m_have, size - m_have);
+    if (m_more.empty()) m_more.assign(m_first.begin(), m_first.begin() + m_have);
+    m_more.resize(size);
+    m_have += ReadFully(m_file, m_more.data() + m_have, size - m_have);
     return m_have >= size;
   }
 
-  const unsigned char* At(std::size_t offset) const { return m_bytes.data() + offset; }
+  const unsigned char* At(std::size_t offset) const {
+    return (m_more.empty() ? m_first.data() : m_more.data()) + offset;
+  }
 
  private:
-  // Enough for the headers of nearly every URL in one read.
+  // Enough for the headers of nearly every URL in one read, without touching the heap (the
+  // clean-up reads many thousands of headers in a row).
   static constexpr std::size_t kFirstRead = 512;
 
   TqUSysFile::Handle m_file;
-  std::vector<unsigned char> m_bytes;
+  std::array<unsigned char, kFirstRead> m_first;
+  std::vector<unsigned char> m_more;  // the whole header, once it outgrows the first read
   std::size_t m_have = 0;
   bool m_at_end = false;
 };
 
 // Parses the header at the start of `file`. False when a marker is wrong or cannot be read (a
 // file shorter than its header): then the file is not an entry. Like other readers of the
-// format, the header size is taken as stored, not recomputed from the two lengths.
-bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out) {
+// format, the header size is taken as stored, not recomputed from the two lengths. Without
+// `with_strings` the tag and key are checked for their length only and not copied.
+bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = true) {
   HeaderReader reader(file);
   if (!reader.Ensure(ef::kTagOffset)) return false;
   if (ef::GetU16(reader.At(ef::kStartMarkerOffset)) != ef::kStartMarker) return false;
@@ -117,6 +122,7 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out) {
   const std::size_t end_marker_offset = key_length_offset + 2 + key_length;
   if (!reader.Ensure(end_marker_offset + 2)) return false;
   if (ef::GetU16(reader.At(end_marker_offset)) != ef::kEndMarker) return false;
+  if (!with_strings) return true;
   out.etag.assign(reinterpret_cast<const char*>(reader.At(ef::kTagOffset)), tag_length);
   out.key.assign(reinterpret_cast<const char*>(reader.At(key_length_offset + 2)), key_length);
   return true;
@@ -208,6 +214,28 @@ CacheEntry CacheEntry::Load(const fs::path& path, EntryFile* keep_open) {
   entry.m_etag = std::move(fields.etag);
   entry.m_key = std::move(fields.key);
   return entry;
+}
+
+CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
+                                         const TqUSysDirectory::Char* name,
+                                         std::int64_t* last_used, std::int64_t* expiry) {
+  HeaderFields fields;
+  bool valid = false;
+  {
+    UniqueFile file(directory.OpenFile(name, kAccessRead, kShareRead, kOpenExisting, 0, 0));
+    if (!file) return Probe::kUnusable;
+    valid = ReadHeader(file.get(), fields, false);
+  }
+  if (valid) {
+    *last_used = fields.last_used;
+    *expiry = fields.expiry;
+    return Probe::kEntry;
+  }
+  // Not an entry: deleted as Remove would (gone already counts as deleted).
+  std::error_code ec;
+  if (!directory.Exists(name, ec)) return ec ? Probe::kUnusable : Probe::kDeleted;
+  directory.RemoveFile(name, ec);
+  return ec ? Probe::kUnusable : Probe::kDeleted;
 }
 
 bool CacheEntry::IsValid() const {

@@ -45,6 +45,16 @@ class CacheEntry {
   // The same, handing the file, still open for reading, to `*keep_open` when it loads.
   static CacheEntry Load(const std::filesystem::path& path, EntryFile* keep_open);
 
+  // What the clean-up reads of the file `name` in `directory`: its times, read and checked as
+  // Load reads and checks a file, without building an entry (no path, key or tag is kept).
+  enum class Probe {
+    kEntry,     // an entry: *last_used and *expiry are set
+    kDeleted,   // not an entry, and deleted (where Load throws invalid_cache_header)
+    kUnusable,  // cannot be opened, or not an entry and cannot be deleted (Load's other errors)
+  };
+  static Probe ProbeTimes(const TqUSysDirectory& directory, const TqUSysDirectory::Char* name,
+                          std::int64_t* last_used, std::int64_t* expiry);
+
   // The file exists and has a header. Throws std::filesystem::filesystem_error ("exists").
   bool IsValid() const;
   // Deletes the file; true when it is gone (or was never there).
