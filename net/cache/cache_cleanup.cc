@@ -1,7 +1,14 @@
 // Trimming the disk cache to its configured size: DiskCache::CleanUp and what it runs.
 #include <algorithm>
+#include <atomic>
+#include <exception>
 #include <future>
+#include <limits>
+#include <mutex>
+#include <string>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include "net/cache/disk_cache.h"
 
@@ -10,12 +17,191 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// The regular files of the cache directory as measured.
+struct Listing {
+  struct File {
+    std::size_t name = 0;  // offset of its name in `names`
+    std::uint64_t size = 0;
+  };
+  std::basic_string<TqUSysDirectory::Char> names;  // every file's name, each ended by a NUL
+  std::vector<File> files;
+  std::uint64_t total = 0;
+
+  const TqUSysDirectory::Char* Name(std::size_t offset) const { return names.c_str() + offset; }
+};
+
+// An entry file that may be deleted.
+struct Candidate {
+  std::int64_t last_used = 0;
+  std::int64_t expiry = 0;
+  std::uint64_t size = 0;
+  std::size_t name = 0;  // as in Listing::File
+};
+
 // Within one span of last-use times, counted from the oldest entry still left, expired entries
 // go before the rest.
 constexpr std::uint64_t kSpanSeconds = 3600;
 
 // The run trims to 80 % of the limit, so that it is not needed again after the next few stores.
 constexpr double kTargetFraction = 0.8;
+
+// Threads of one run, for reading headers and for removing files. Both wait on the device more
+// than on the CPU: a header not in memory is a disk read, and where the file system discards
+// freed blocks as it frees them, each removal waits about 0.2 ms for the disk; only many in
+// flight at once keep the disk busy. Past about 32 the disk's own queue sets the pace. With
+// everything in memory the extra threads cost next to nothing: they only take turns.
+constexpr std::size_t kMaxThreads = 32;
+
+// Runs job(i) for every i below `count` on the calling thread and up to `threads` - 1 more,
+// and returns once all are done. A thread that cannot be started leaves its share to the
+// others (at worst the calling thread does everything). The first exception of a job stops
+// the handing out of work and is thrown here, after every thread has been joined.
+template <class Job>
+void RunInParallel(std::size_t count, std::size_t threads, const Job& job) {
+  std::atomic<std::size_t> next{0};
+  std::atomic<bool> failed{false};
+  std::mutex error_mutex;
+  std::exception_ptr error;
+  auto work = [&]() noexcept {
+    try {
+      for (std::size_t i = next++; i < count && !failed.load(std::memory_order_relaxed);
+           i = next++) {
+        job(i);
+      }
+    } catch (...) {
+      std::lock_guard lock(error_mutex);
+      if (!error) error = std::current_exception();
+      failed = true;
+    }
+  };
+  {
+    std::vector<std::thread> helpers;
+    struct JoinAll {
+      std::vector<std::thread>& threads;
+      ~JoinAll() {
+        for (std::thread& thread : threads) thread.join();
+      }
+    } join_all{helpers};
+    const std::size_t wanted = std::min(threads, count);
+    try {
+      helpers.reserve(wanted > 0 ? wanted - 1 : 0);
+      while (helpers.size() + 1 < wanted) helpers.emplace_back(work);
+    } catch (const std::exception&) {
+      // No more threads to be had (system_error) or no room to keep one (bad_alloc): the
+      // ones running and this one share the work.
+    }
+    work();
+  }
+  if (error) std::rethrow_exception(error);
+}
+
+// The order in which the run visits the candidates, sorted oldest first: cycles over hour-wide
+// spans of last-use times, each span counted from the oldest candidate left, its expired
+// candidates first and then all of it by age; a pass ends at the span's end, the list's end or
+// a candidate visited already. A visit takes the candidate out of the list whether or not its
+// file then goes, so the order does not depend on how the removals turn out: it can be decided
+// before they are made.
+class VisitOrder {
+ public:
+  static constexpr std::size_t kEnd = std::numeric_limits<std::size_t>::max();
+
+  VisitOrder(const std::vector<Candidate>& candidates, std::int64_t now)
+      : m_candidates(candidates), m_left(candidates.size(), 1), m_now(now) {}
+
+  // The next candidate to delete, or kEnd when the run has visited all it will.
+  std::size_t Next() {
+    const std::size_t count = m_candidates.size();
+    for (;;) {
+      switch (m_pass) {
+        case Pass::kNewCycle:
+          while (m_first < count && !m_left[m_first]) ++m_first;
+          if (m_first == count) return kEnd;
+          m_span_start = static_cast<std::uint64_t>(m_candidates[m_first].last_used);
+          m_at = m_first;
+          m_pass = Pass::kExpired;
+          break;
+        case Pass::kExpired:
+          while (m_at < count && InSpan(m_at)) {
+            const std::size_t i = m_at++;
+            if (m_candidates[i].expiry < m_now) return Take(i);
+          }
+          m_at = m_first;
+          m_pass = Pass::kOldest;
+          break;
+        case Pass::kOldest:
+          if (m_at < count && InSpan(m_at)) return Take(m_at++);
+          // Having reached the end of the list, the run is over; otherwise the next span
+          // starts at the oldest candidate left.
+          m_pass = m_at == count ? Pass::kDone : Pass::kNewCycle;
+          break;
+        case Pass::kDone:
+          return kEnd;
+      }
+    }
+  }
+
+ private:
+  enum class Pass { kNewCycle, kExpired, kOldest, kDone };
+
+  // Measured as a distance from the span's first candidate, so that a candidate last used at
+  // the end of time (a corrupt file) cannot overflow the span's end and stall the run.
+  bool InSpan(std::size_t i) const {
+    return m_left[i] &&
+           static_cast<std::uint64_t>(m_candidates[i].last_used) - m_span_start < kSpanSeconds;
+  }
+
+  std::size_t Take(std::size_t i) {
+    m_left[i] = 0;
+    return i;
+  }
+
+  const std::vector<Candidate>& m_candidates;
+  std::vector<unsigned char> m_left;
+  const std::int64_t m_now;
+  Pass m_pass = Pass::kNewCycle;
+  std::size_t m_first = 0;
+  std::size_t m_at = 0;
+  std::uint64_t m_span_start = 0;
+};
+
+void Subtract(std::uint64_t& total, std::uint64_t size) { total -= std::min(total, size); }
+
+// Reads the header of every listed file, on up to `threads` threads. Files that are not entries
+// are deleted by the reading and their bytes taken off the listing's total; files that cannot
+// be read (a writer holds them) are not candidates.
+std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, Listing& listing,
+                                   std::size_t threads) {
+  struct Read {
+    CacheEntry::Probe probe = CacheEntry::Probe::kUnusable;
+    std::int64_t last_used = 0;
+    std::int64_t expiry = 0;
+  };
+  std::vector<Read> reads(listing.files.size());
+  RunInParallel(reads.size(), threads, [&](std::size_t i) {
+    Read& read = reads[i];
+    read.probe = CacheEntry::ProbeTimes(directory, listing.Name(listing.files[i].name),
+                                        &read.last_used, &read.expiry);
+  });
+
+  std::vector<Candidate> candidates;
+  candidates.reserve(reads.size());
+  for (std::size_t i = 0; i < reads.size(); ++i) {
+    const Listing::File& file = listing.files[i];
+    switch (reads[i].probe) {
+      case CacheEntry::Probe::kEntry:
+        candidates.push_back({reads[i].last_used, reads[i].expiry, file.size, file.name});
+        break;
+      case CacheEntry::Probe::kDeleted:
+        // Not an entry, and the reading has deleted it: its bytes are gone from the directory.
+        Subtract(listing.total, file.size);
+        break;
+      case CacheEntry::Probe::kUnusable:
+        // Held by a writer (a store in progress) or undeletable: not a candidate.
+        break;
+    }
+  }
+  return candidates;
+}
 
 }  // namespace
 
@@ -35,80 +221,62 @@ bool DiskCache::CleanUp() {
 }
 
 void DiskCache::EnforceSizeLimit() {
-  // One pass over the directory measures it and remembers each file's size, so that the
-  // deletions below need no second look at the file (large directories are the slow case).
-  std::vector<MeasuredFile> files;
-  std::uint64_t total = 0;
-  for (const fs::directory_entry& item : fs::directory_iterator(m_directory)) {
-    std::error_code ec;
-    if (!item.is_regular_file(ec)) continue;  // follows symbolic links
-    // A file whose size cannot be read (gone meanwhile) counts as empty.
-    const std::uintmax_t size = item.file_size(ec);
-    MeasuredFile file{item.path(), ec ? 0 : static_cast<std::uint64_t>(size)};
-    total += file.size;
-    files.push_back(std::move(file));
+  // One pass over the directory measures it and remembers each file's name and size, so that
+  // the steps below need no second look at it (large directories are the slow case).
+  const TqUSysDirectory directory(m_directory);
+  if (directory.Error()) {
+    throw fs::filesystem_error("directory iterator", m_directory, directory.Error());
   }
+  Listing listing;
+  const std::error_code listed = directory.List([&listing](const TqUSysDirectory::Item& item) {
+    if (!item.regular) return;
+    // A file whose size cannot be read (gone meanwhile) counts as empty.
+    const std::uint64_t size = item.size < 0 ? 0 : static_cast<std::uint64_t>(item.size);
+    listing.files.push_back({listing.names.size(), size});
+    listing.names.append(item.name, item.length);
+    listing.names.push_back(TqUSysDirectory::Char{});
+    listing.total += size;
+  });
+  if (listed) throw fs::filesystem_error("directory iterator", m_directory, listed);
 
   const std::int32_t megabytes = TqUOption::GetInt32("general.localcache.max_size");
   // A negative value wraps to a limit near 2^64: nothing is ever deleted.
   const auto limit = static_cast<std::uint64_t>(static_cast<std::int64_t>(megabytes) * 1048576);
   const auto target = static_cast<std::uint64_t>(static_cast<double>(limit) * kTargetFraction);
-  if (total <= limit) return;
+  if (listing.total <= limit) return;
 
   const std::int64_t now = TqUSysTime::GetTimeNow();
-  std::vector<Slot> slots = ListEntries(files, total);
+  std::vector<Candidate> candidates = ListEntries(directory, listing, kMaxThreads);
+  std::uint64_t& total = listing.total;
   if (total < target) return;
-  std::sort(slots.begin(), slots.end(),
-            [](const Slot& a, const Slot& b) { return a.last_used < b.last_used; });
+  std::sort(candidates.begin(), candidates.end(),
+            [](const Candidate& a, const Candidate& b) { return a.last_used < b.last_used; });
 
-  // Deletes one candidate; true when the run has reached its target.
-  auto remove = [&](Slot& slot) {
-    std::error_code ec;
-    if (fs::remove(slot.entry->Path(), ec) && !ec) total -= std::min(total, slot.size);
-    slot.entry.reset();
-    return total < target;
-  };
-
-  const std::size_t count = slots.size();
-  std::size_t first = 0;
-  for (;;) {
-    while (first < count && !slots[first].entry) ++first;
-    if (first == count) return;
-    // Measured as a distance from the span's first entry, so that an entry last used at the
-    // end of time (a corrupt file) cannot overflow the span's end and stall the run.
-    const auto span_start = static_cast<std::uint64_t>(slots[first].last_used);
-    auto in_span = [&](std::size_t i) {
-      return slots[i].entry &&
-             static_cast<std::uint64_t>(slots[i].last_used) - span_start < kSpanSeconds;
-    };
-    for (std::size_t i = first; i < count && in_span(i); ++i) {
-      if (slots[i].entry->Expiry() < now && remove(slots[i])) return;
+  // The victims are chosen in the run's order as if every removal succeeds, just enough of them
+  // to reach the target, and removed all at once. Removals that failed leave their bytes in the
+  // total, and the choosing goes on in the same order until the target is reached or nothing
+  // is left: the files that go are the same as if they went one by one.
+  VisitOrder order(candidates, now);
+  std::vector<std::size_t> victims;
+  std::vector<unsigned char> removed;
+  while (total >= target) {
+    victims.clear();
+    for (std::uint64_t expected = total; expected >= target;) {
+      const std::size_t next = order.Next();
+      if (next == VisitOrder::kEnd) break;
+      victims.push_back(next);
+      Subtract(expected, candidates[next].size);
     }
-    std::size_t i = first;
-    for (; i < count && in_span(i); ++i) {
-      if (remove(slots[i])) return;
-    }
-    if (i == count) return;
-  }
-}
-
-std::vector<DiskCache::Slot> DiskCache::ListEntries(std::vector<MeasuredFile>& files,
-                                                    std::uint64_t& total) {
-  std::vector<Slot> slots;
-  slots.reserve(files.size());
-  for (MeasuredFile& file : files) {
-    try {
-      CacheEntry entry = CacheEntry::Load(file.path);
-      const std::int64_t last_used = entry.LastUsed();
-      slots.push_back(Slot{std::move(entry), last_used, file.size});
-    } catch (const invalid_cache_header&) {
-      // Not an entry, and the load has deleted it: its bytes are gone from the directory.
-      total -= std::min(total, file.size);
-    } catch (const std::runtime_error&) {
-      // Held by a writer (a store in progress) or undeletable: not a candidate.
+    if (victims.empty()) return;
+    removed.assign(victims.size(), 0);
+    RunInParallel(victims.size(), kMaxThreads, [&](std::size_t i) {
+      std::error_code ec;
+      removed[i] = directory.RemoveFile(listing.Name(candidates[victims[i]].name), ec) ? 1 : 0;
+    });
+    for (std::size_t i = 0; i < victims.size(); ++i) {
+      if (removed[i]) Subtract(total, candidates[victims[i]].size);
     }
   }
-  return slots;
 }
 
 }  // namespace qv::net

@@ -3,6 +3,7 @@
 // configured size when the host asks (CleanUp).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -57,20 +58,9 @@ class DiskCache : public IUrlCache {
   const std::filesystem::path& Directory() const { return m_directory; }
 
  private:
-  struct MeasuredFile {
-    std::filesystem::path path;
-    std::uint64_t size = 0;
-  };
-  struct Slot {
-    std::optional<CacheEntry> entry;  // empty once deleted or passed over
-    std::int64_t last_used = 0;       // the entry's, kept beside it for sorting
-    std::uint64_t size = 0;
-  };
-
+  // Measures the directory and, when it is over the limit, deletes entries until it is below
+  // the target; the listing, reading and deleting are in cache_cleanup.cc.
   void EnforceSizeLimit();
-  // Loads every measured file that holds an entry. Files that are not entries are deleted by
-  // the load; their bytes are taken off `total`.
-  std::vector<Slot> ListEntries(std::vector<MeasuredFile>& files, std::uint64_t& total);
 
   std::filesystem::path m_directory;
 };

@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <cstdio>
 #include <filesystem>
 #include <limits>
+#include <mutex>
 #include <set>
 #include <string>
 
@@ -137,6 +140,64 @@ TEST_F(CacheCleanUpTest, EntriesLastUsedAtTheEndsOfTimeDoNotStallTheRun) {
   Entry("min", std::numeric_limits<std::int64_t>::min(), 0, 100);
   EXPECT_TRUE(m_cache.CleanUp());
   EXPECT_TRUE(Remaining().empty());
+}
+
+// Removals run side by side. The victims are still the oldest entries, and a removal that fails
+// (here refused through the removal seam: a POSIX directory cannot protect single files) leaves
+// its bytes in the total, so the run goes on to the next-oldest until it is below the target.
+TEST_F(CacheCleanUpTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims) {
+  constexpr int kEntries = 2000;
+  constexpr std::size_t kSize = 1024;
+  auto name = [](int i) {
+    char text[8];
+    std::snprintf(text, sizeof text, "e%04d", i);
+    return std::string(text);
+  };
+  // Every tenth entry cannot be removed.
+  auto refused = [](const std::string& file) { return std::stoi(file.substr(1)) % 10 == 3; };
+  for (int i = 0; i < kEntries; ++i) Entry(name(i), kNow - 2 * kEntries + i, kNever, kSize);
+
+  // One by one, oldest first: the refused stay, the others go until under 838,860 bytes.
+  std::set<std::string> expected;
+  std::uint64_t total = kEntries * kSize;
+  int i = 0;
+  for (; i < kEntries && total >= static_cast<std::uint64_t>(0.8 * kMiB); ++i) {
+    if (refused(name(i))) {
+      expected.insert(name(i));
+    } else {
+      total -= kSize;
+    }
+  }
+  for (; i < kEntries; ++i) expected.insert(name(i));
+
+  // The first removal waits until a second one is under way: the run only ends if removals
+  // overlap.
+  std::mutex mutex;
+  std::condition_variable second_arrived;
+  int arrived = 0;
+  struct RestoreSeam {
+    ~RestoreSeam() { TqUSysDirectory::SetRemoveFaultForTesting({}); }
+  } restore;
+  TqUSysDirectory::SetRemoveFaultForTesting([&](const TqUSysDirectory::Char* file) {
+    {
+      std::unique_lock lock(mutex);
+      if (++arrived == 2) second_arrived.notify_all();
+      second_arrived.wait(lock, [&] { return arrived >= 2; });
+    }
+    return refused(fs::path(file).string());
+  });
+  Limit(1);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), expected);
+  EXPECT_LT(Total(), static_cast<std::uint64_t>(0.8 * kMiB));
+  // Had every removal succeeded, 819 entries would be left, the oldest of them this one.
+  EXPECT_EQ(Remaining().count(name(kEntries - 819)), 0u);
+
+  // When nothing can be removed, the run still ends, with every file in place.
+  TqUSysDirectory::SetRemoveFaultForTesting([](const TqUSysDirectory::Char*) { return true; });
+  Limit(0);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), expected);
 }
 
 TEST_F(CacheCleanUpTest, AMissingDirectoryEndsTheRunButCleanUpStillSucceeds) {
