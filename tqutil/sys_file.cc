@@ -336,7 +336,8 @@ TqUSysDirectory::TqUSysDirectory(const std::filesystem::path& path) : m_path(pat
 
 TqUSysDirectory::~TqUSysDirectory() = default;
 
-std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& visit) const {
+std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& visit,
+                                      bool /*sizes: the listing carries them*/) const {
   if (m_error) return m_error;
   WIN32_FIND_DATAW data;
   const std::filesystem::path pattern = m_path / L"*";
@@ -378,6 +379,14 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
   return result;
 }
 
+std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
+  std::error_code ec;
+  const std::filesystem::path path = m_path / name;
+  if (!std::filesystem::is_regular_file(path, ec)) return -1;
+  const std::uintmax_t size = std::filesystem::file_size(path, ec);
+  return ec ? -1 : static_cast<std::int64_t>(size);
+}
+
 TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t access,
                                              std::uint32_t share, std::uint32_t creation,
                                              std::uint32_t reserved1,
@@ -417,7 +426,8 @@ TqUSysDirectory::~TqUSysDirectory() {
   if (m_fd >= 0) ::close(m_fd);
 }
 
-std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& visit) const {
+std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& visit,
+                                      bool sizes) const {
   if (m_error) return m_error;
   // A descriptor of its own, so that every listing starts at the beginning and several may
   // run at once.
@@ -443,9 +453,11 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
     item.name = name;
     item.length = std::strlen(name);
     // The listing tells the kind of most entries; only links and unknown kinds need a look at
-    // what they are, and regular files one for their size.
+    // what they are, and regular files one for their size when it is asked for.
     const unsigned char type = entry->d_type;
-    if (type == DT_REG || type == DT_LNK || type == DT_UNKNOWN) {
+    if (type == DT_REG && !sizes) {
+      item.regular = true;
+    } else if (type == DT_REG || type == DT_LNK || type == DT_UNKNOWN) {
       struct stat st = {};
       if (::fstatat(m_fd, name, &st, 0) == 0) {
         item.regular = S_ISREG(st.st_mode);
@@ -469,6 +481,12 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
     return TqUSysFile::kInvalid;
   }
   return OpenAt(m_fd, name, access, share, creation);
+}
+
+std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
+  struct stat st = {};
+  if (m_fd < 0 || ::fstatat(m_fd, name, &st, 0) != 0 || !S_ISREG(st.st_mode)) return -1;
+  return static_cast<std::int64_t>(st.st_size);
 }
 
 bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {

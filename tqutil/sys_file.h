@@ -74,8 +74,12 @@ class TQUTIL_API TqUSysDirectory {
   const std::filesystem::path& Path() const { return m_path; }
 
   // Visits every entry but "." and "..", in directory order, with the size of each regular
-  // file. Returns the error that ended the reading early, if any.
-  std::error_code List(const std::function<void(const Item&)>& visit) const;
+  // file. Without `sizes`, a regular file whose size the directory itself does not tell (POSIX)
+  // comes with size -1, for FileSize to read, on several threads if many. Returns the error
+  // that ended the reading early, if any.
+  std::error_code List(const std::function<void(const Item&)>& visit, bool sizes = true) const;
+  // The size of the regular file `name`, following links; -1 when it is none or cannot be read.
+  std::int64_t FileSize(const Char* name) const;
   // TqUSysFile::OpenFile for the file `name` of this directory, with the same rules.
   TqUSysFile::Handle OpenFile(const Char* name, std::uint32_t access, std::uint32_t share,
                               std::uint32_t creation, std::uint32_t reserved1,

@@ -20,8 +20,8 @@ namespace fs = std::filesystem;
 // The regular files of the cache directory as measured.
 struct Listing {
   struct File {
-    std::size_t name = 0;  // offset of its name in `names`
-    std::uint64_t size = 0;
+    std::size_t name = 0;    // offset of its name in `names`
+    std::int64_t size = -1;  // -1 until read, and when it cannot be read
   };
   std::basic_string<TqUSysDirectory::Char> names;  // every file's name, each ended by a NUL
   std::vector<File> files;
@@ -45,19 +45,27 @@ constexpr std::uint64_t kSpanSeconds = 3600;
 // The run trims to 80 % of the limit, so that it is not needed again after the next few stores.
 constexpr double kTargetFraction = 0.8;
 
-// Threads of one run, for reading headers and for removing files. Both wait on the device more
-// than on the CPU: a header not in memory is a disk read, and where the file system discards
-// freed blocks as it frees them, each removal waits about 0.2 ms for the disk; only many in
-// flight at once keep the disk busy. Past about 32 the disk's own queue sets the pace. With
-// everything in memory the extra threads cost next to nothing: they only take turns.
+// Threads of one run, for reading sizes and headers and for removing files. All of these wait
+// on the device more than on the CPU: a size or header not in memory is a disk read, and where
+// the file system discards freed blocks as it frees them, each removal waits about 0.2 ms for
+// the disk; only many in flight at once keep the disk busy. Past about 32 the disk's own queue
+// sets the pace. With everything in memory the extra threads cost next to nothing.
 constexpr std::size_t kMaxThreads = 32;
 
-// Runs job(i) for every i below `count` on the calling thread and up to `threads` - 1 more,
-// and returns once all are done. A thread that cannot be started leaves its share to the
-// others (at worst the calling thread does everything). The first exception of a job stops
-// the handing out of work and is thrown here, after every thread has been joined.
+// Jobs that one more thread must have before it is started: starting a thread costs about as
+// much as some dozens of stats or header reads from memory, and a directory within its limit
+// (the usual case) is then measured on the calling thread alone. A removal may wait on the
+// disk, so each one is worth a thread.
+constexpr std::size_t kReadsPerThread = 64;
+constexpr std::size_t kRemovalsPerThread = 1;
+
+// Runs job(i) for every i below `count` on the calling thread and on more threads, one for
+// every `per_thread` jobs, up to kMaxThreads in all; returns once all are done. A thread that
+// cannot be started leaves its share to the others (at worst the calling thread does
+// everything). The first exception of a job stops the handing out of work and is thrown here,
+// after every thread has been joined.
 template <class Job>
-void RunInParallel(std::size_t count, std::size_t threads, const Job& job) {
+void RunInParallel(std::size_t count, std::size_t per_thread, const Job& job) {
   std::atomic<std::size_t> next{0};
   std::atomic<bool> failed{false};
   std::mutex error_mutex;
@@ -82,7 +90,7 @@ void RunInParallel(std::size_t count, std::size_t threads, const Job& job) {
         for (std::thread& thread : threads) thread.join();
       }
     } join_all{helpers};
-    const std::size_t wanted = std::min(threads, count);
+    const std::size_t wanted = std::min(kMaxThreads, count / per_thread);
     try {
       helpers.reserve(wanted > 0 ? wanted - 1 : 0);
       while (helpers.size() + 1 < wanted) helpers.emplace_back(work);
@@ -166,18 +174,21 @@ class VisitOrder {
 
 void Subtract(std::uint64_t& total, std::uint64_t size) { total -= std::min(total, size); }
 
-// Reads the header of every listed file, on up to `threads` threads. Files that are not entries
+std::uint64_t Size(const Listing::File& file) {
+  return file.size < 0 ? 0 : static_cast<std::uint64_t>(file.size);
+}
+
+// Reads the header of every listed file, side by side. Files that are not entries
 // are deleted by the reading and their bytes taken off the listing's total; files that cannot
 // be read (a writer holds them) are not candidates.
-std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, Listing& listing,
-                                   std::size_t threads) {
+std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, Listing& listing) {
   struct Read {
     CacheEntry::Probe probe = CacheEntry::Probe::kUnusable;
     std::int64_t last_used = 0;
     std::int64_t expiry = 0;
   };
   std::vector<Read> reads(listing.files.size());
-  RunInParallel(reads.size(), threads, [&](std::size_t i) {
+  RunInParallel(reads.size(), kReadsPerThread, [&](std::size_t i) {
     Read& read = reads[i];
     read.probe = CacheEntry::ProbeTimes(directory, listing.Name(listing.files[i].name),
                                         &read.last_used, &read.expiry);
@@ -189,11 +200,11 @@ std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, Listing& li
     const Listing::File& file = listing.files[i];
     switch (reads[i].probe) {
       case CacheEntry::Probe::kEntry:
-        candidates.push_back({reads[i].last_used, reads[i].expiry, file.size, file.name});
+        candidates.push_back({reads[i].last_used, reads[i].expiry, Size(file), file.name});
         break;
       case CacheEntry::Probe::kDeleted:
         // Not an entry, and the reading has deleted it: its bytes are gone from the directory.
-        Subtract(listing.total, file.size);
+        Subtract(listing.total, Size(file));
         break;
       case CacheEntry::Probe::kUnusable:
         // Held by a writer (a store in progress) or undeletable: not a candidate.
@@ -228,16 +239,24 @@ void DiskCache::EnforceSizeLimit() {
     throw fs::filesystem_error("directory iterator", m_directory, directory.Error());
   }
   Listing listing;
-  const std::error_code listed = directory.List([&listing](const TqUSysDirectory::Item& item) {
-    if (!item.regular) return;
-    // A file whose size cannot be read (gone meanwhile) counts as empty.
-    const std::uint64_t size = item.size < 0 ? 0 : static_cast<std::uint64_t>(item.size);
-    listing.files.push_back({listing.names.size(), size});
-    listing.names.append(item.name, item.length);
-    listing.names.push_back(TqUSysDirectory::Char{});
-    listing.total += size;
-  });
+  const std::error_code listed = directory.List(
+      [&listing](const TqUSysDirectory::Item& item) {
+        if (!item.regular) return;
+        listing.files.push_back({listing.names.size(), item.size});
+        listing.names.append(item.name, item.length);
+        listing.names.push_back(TqUSysDirectory::Char{});
+      },
+      false);
   if (listed) throw fs::filesystem_error("directory iterator", m_directory, listed);
+  // The sizes the listing did not carry, read side by side (one stat each on POSIX).
+  RunInParallel(listing.files.size(), kReadsPerThread, [&](std::size_t i) {
+    Listing::File& file = listing.files[i];
+    if (file.size < 0) file.size = directory.FileSize(listing.Name(file.name));
+  });
+  for (const Listing::File& file : listing.files) {
+    // A file whose size cannot be read (gone meanwhile) counts as empty.
+    if (file.size > 0) listing.total += static_cast<std::uint64_t>(file.size);
+  }
 
   const std::int32_t megabytes = TqUOption::GetInt32("general.localcache.max_size");
   // A negative value wraps to a limit near 2^64: nothing is ever deleted.
@@ -246,7 +265,7 @@ void DiskCache::EnforceSizeLimit() {
   if (listing.total <= limit) return;
 
   const std::int64_t now = TqUSysTime::GetTimeNow();
-  std::vector<Candidate> candidates = ListEntries(directory, listing, kMaxThreads);
+  std::vector<Candidate> candidates = ListEntries(directory, listing);
   std::uint64_t& total = listing.total;
   if (total < target) return;
   std::sort(candidates.begin(), candidates.end(),
@@ -269,7 +288,7 @@ void DiskCache::EnforceSizeLimit() {
     }
     if (victims.empty()) return;
     removed.assign(victims.size(), 0);
-    RunInParallel(victims.size(), kMaxThreads, [&](std::size_t i) {
+    RunInParallel(victims.size(), kRemovalsPerThread, [&](std::size_t i) {
       std::error_code ec;
       removed[i] = directory.RemoveFile(listing.Name(candidates[victims[i]].name), ec) ? 1 : 0;
     });

@@ -248,6 +248,19 @@ TEST(SysFileTest, DirectoryListsOpensAndRemovesByName) {
                                                 {"link", {true, 5}},  // followed
                                                 {"dangling", {false, -1}},
                                                 {"sub", {false, -1}}}));
+  // Without sizes the listing leaves them to FileSize (a stat each, which may run in parallel).
+  items.clear();
+  EXPECT_FALSE(directory.List(
+      [&](const TqUSysDirectory::Item& item) {
+        items[std::string(item.name, item.length)] = {item.regular, item.size};
+      },
+      false));
+  EXPECT_EQ(items["file"], Item(true, -1));
+  EXPECT_EQ(items["link"], Item(true, 5));  // a link is looked at anyway, for what it leads to
+  EXPECT_EQ(directory.FileSize("file"), 5);
+  EXPECT_EQ(directory.FileSize("link"), 5);
+  EXPECT_EQ(directory.FileSize("sub"), -1);
+  EXPECT_EQ(directory.FileSize("dangling"), -1);
 
   {
     Open writer = Rewriter(dir / "file");
