@@ -34,25 +34,17 @@
 #include "net/http/wininet_api.h"
 #include "net/stream/open_file_or_url.h"
 #include "bench/bench_report.h"
+#include "bench/bench_support.h"
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/temp_dir.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using tq::bench::Clock;
+using tq::bench::Seconds;
+using tq::bench::Setting;
 constexpr int kRounds = 3;
-
-double Seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-unsigned long Setting(int argc, char** argv, int position, const char* env,
-                      unsigned long fallback) {
-  if (argc > position) return std::strtoul(argv[position], nullptr, 10);
-  if (const char* value = std::getenv(env)) return std::strtoul(value, nullptr, 10);
-  return fallback;
-}
 
 std::wstring Wide(const fs::path& path) { return qv::Utf8ToWide(path.string()); }
 
@@ -139,10 +131,12 @@ double CleanUpSeconds(std::size_t count, std::size_t* remaining) {
   std::mt19937_64 random(count);
   constexpr std::size_t kFileSize = 1024;
   for (std::size_t i = 0; i < count; ++i) {
-    const std::string key = "http://bench.test/" + std::to_string(i);
+    const std::string number = std::to_string(i);
+    const std::string key = std::string("http://bench.test/").append(number);
     const std::int64_t last_used = 1'700'000'000 + static_cast<std::int64_t>(random() % 864000);
     const std::size_t header = 26 + key.size();
-    WriteEntry(cache.Directory() / ("e" + std::to_string(i)), key, last_used, kFileSize - header);
+    WriteEntry(cache.Directory() / std::string("e").append(number), key, last_used,
+               kFileSize - header);
   }
   const auto limit_mib =
       static_cast<std::int32_t>(static_cast<double>(count * kFileSize) / 1.1 / 1048576);
@@ -172,18 +166,6 @@ int CleanUpBench(unsigned long small_count) {
                     tq::bench::Figure("%.2f s / %.2f s", small, large), "-", large / small,
                     "<= 12 (growth), large < 2 s", large / small <= 12.0 && large < 2.0);
   return 0;
-}
-
-double CurlSeconds(const std::string& url, const fs::path& out) {
-  const auto start = Clock::now();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    execlp("curl", "curl", "-s", "-o", out.c_str(), url.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? Seconds(start) : -1;
 }
 
 int StoreBench(unsigned long mebibytes) {
@@ -237,7 +219,8 @@ int StoreBench(unsigned long mebibytes) {
                  static_cast<unsigned long long>(size));
     return 1;
   }
-  const double curl = CurlSeconds(url, cache_dir.path() / "curl.out");
+  const double curl =
+      tq::bench::CurlSeconds({"-s", "-o", (cache_dir.path() / "curl.out").string(), url});
   std::printf("store  %lu MiB from nginx through the cache (stored, then read back): %.2f s, "
               "peak RSS %.1f MiB (goal < 64); curl -o %.2f s, ratio %.2f\n",
               mebibytes, ours, usage.ru_maxrss / 1024.0, curl, curl > 0 ? ours / curl : 0.0);

@@ -18,18 +18,14 @@
 #include <vector>
 
 #include "bench/bench_report.h"
+#include "bench/bench_support.h"
 #include "net/fileprotocol/http_file_protocol.h"
 #include "tests/support/servers/nginx_harness.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-unsigned long Setting(int argc, char** argv, int position, const char* env, unsigned long fallback) {
-  if (argc > position) return std::strtoul(argv[position], nullptr, 10);
-  if (const char* value = std::getenv(env)) return std::strtoul(value, nullptr, 10);
-  return fallback;
-}
+using tq::bench::Clock;
+using tq::bench::Setting;
 
 struct Plan {
   std::uint64_t file_size;
@@ -67,7 +63,7 @@ double RunThreads(unsigned threads, Work work) {
   const auto start = Clock::now();
   go = true;
   for (auto& t : pool) t.join();
-  return std::chrono::duration<double>(Clock::now() - start).count();
+  return tq::bench::Seconds(start);
 }
 
 std::atomic<long> g_failures{0};

@@ -19,21 +19,14 @@
 
 #include "platform/wininet.h"
 #include "bench/bench_report.h"
+#include "bench/bench_support.h"
 #include "tests/support/servers/nginx_harness.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double Seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-unsigned long Setting(int argc, char** argv, int position, const char* env, unsigned long fallback) {
-  if (argc > position) return std::strtoul(argv[position], nullptr, 10);
-  if (const char* value = std::getenv(env)) return std::strtoul(value, nullptr, 10);
-  return fallback;
-}
+using tq::bench::Clock;
+using tq::bench::Seconds;
+using tq::bench::Setting;
 
 // Peak resident set of this process, in KiB.
 long PeakRssKiB() {
@@ -81,19 +74,6 @@ struct Layer {
   }
 };
 
-double CurlToolSeconds(const std::string& url) {
-  const auto start = Clock::now();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    execlp("curl", "curl", "-s", "-o", "/dev/null", url.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
-  return Seconds(start);
-}
-
 size_t Discard(char*, size_t size, size_t count, void*) { return size * count; }
 
 }  // namespace
@@ -133,7 +113,7 @@ int main(int argc, char** argv) {
         return 1;
       }
       ours_best = std::min(ours_best, ours);
-      const double theirs = CurlToolSeconds(big_url);
+      const double theirs = tq::bench::CurlSeconds({"-s", "-o", "/dev/null", big_url});
       if (theirs < 0) {
         std::fprintf(stderr, "curl failed\n");
         return 1;

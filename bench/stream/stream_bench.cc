@@ -25,45 +25,18 @@
 #include "net/stream/stream_copy.h"
 #include "net/stream/thread_pool.h"
 #include "bench/bench_report.h"
+#include "bench/bench_support.h"
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/temp_dir.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using tq::bench::Clock;
+using tq::bench::CurlSeconds;
+using tq::bench::Seconds;
+using tq::bench::Setting;
 constexpr int kRounds = 3;
 constexpr std::size_t kAsyncFileSize = 256 * 1024;
-
-double Seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-unsigned long Setting(int argc, char** argv, int position, const char* env,
-                      unsigned long fallback) {
-  if (argc > position) return std::strtoul(argv[position], nullptr, 10);
-  if (const char* value = std::getenv(env)) return std::strtoul(value, nullptr, 10);
-  return fallback;
-}
-
-// Runs curl with `args` and returns its wall time, or -1 when it fails.
-double CurlSeconds(const std::vector<std::string>& args) {
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>("curl"));
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  const auto start = Clock::now();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    // curl --parallel draws its progress meter even with -s; keep the table readable.
-    if (FILE* null = std::freopen("/dev/null", "w", stderr)) (void)null;
-    execvp("curl", argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
-  return Seconds(start);
-}
 
 // CopyStream from the URL into `target`; the bytes copied, or -1.
 long long CopyUrlToFile(const std::wstring& url, const std::filesystem::path& target) {
