@@ -149,6 +149,11 @@ DWORD Request::AcquireSlot(const Settings& settings) {
   slot_ = connection_->Acquire(cancelled_, TimeoutOf(settings.receive_timeout,
                                                      kDefaultReceiveTimeoutMs), &error);
   if (slot_ == nullptr) return error;
+  if (spill_pos_ >= spill_.size()) {
+    spill_.swap(slot_->spill);
+    spill_.clear();
+    spill_pos_ = 0;
+  }
   std::lock_guard lock(live_mutex_);
   live_multi_ = slot_->multi;
   return ERROR_SUCCESS;
@@ -169,6 +174,12 @@ void Request::ReleaseSlot() {
   // No option of this request (callbacks, header list) may outlive it in the handle.
   curl_easy_reset(slot_->easy);
   slot_->clean = true;
+  // The spill buffer goes back with the slot unless it still holds bytes for the next read.
+  if (spill_pos_ >= spill_.size() && slot_->spill.capacity() < spill_.capacity()) {
+    spill_.clear();
+    spill_pos_ = 0;
+    slot_->spill.swap(spill_);
+  }
   paused_ = false;
   connection_->Release(std::move(slot_));
 }

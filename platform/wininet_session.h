@@ -117,6 +117,10 @@ struct TransferSlot {
   CURL* easy = nullptr;
   bool attached = false;  // easy is in multi
   bool clean = true;      // easy has no options set since its last reset
+  // Room for the body bytes that arrive before anyone reads, lent to each request that holds
+  // the slot: a request then allocates (and faults in) no buffer of its own. At most one
+  // libcurl buffer long.
+  std::string spill;
 };
 
 class Connection : public InternetObject {
