@@ -47,6 +47,13 @@ std::uint16_t DefaultPort(std::wstring_view scheme) {
 
 // RFC 3986 remove_dot_segments drops ".." segments that would climb above the root
 // ("http://a/../g" is "http://a/g"); this parser keeps them, so they are dropped here.
+// Boost.URL 1.81's normalize() and resolve() can leave their count of path segments out of step
+// with the text (a "./" kept before an empty segment, as in ".//a"), and the next edit or resolve
+// then reads past the end of the path. Parsing the text again makes the URL what its text says.
+void Reparse(urls::url& u) {
+  if (auto reparsed = urls::parse_uri_reference(u.buffer())) u = *reparsed;
+}
+
 void DropLeadingDotDots(urls::url& u) {
   std::string_view path = u.encoded_path();
   if (path.substr(0, 3) != "/.." || (path.size() > 3 && path[3] != '/')) return;
@@ -161,6 +168,7 @@ bool TqUURL::Normalize() {
   if (!m_impl || !m_impl->url) return false;
   try {
     m_impl->url->normalize();
+    Reparse(*m_impl->url);
     DropLeadingDotDots(*m_impl->url);
   } catch (const std::exception&) {
     return false;
@@ -235,6 +243,7 @@ bool TqUURL::ResolveRelative(const TqUURL& base, const TqUURL& relative, TqUURL&
   try {
     urls::url dest;
     if (!urls::resolve(*b.url, *r.url, dest)) return false;
+    Reparse(dest);
     DropLeadingDotDots(dest);
     auto impl = std::make_unique<Impl>();
     impl->url.emplace(std::move(dest));

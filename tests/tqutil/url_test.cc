@@ -182,6 +182,25 @@ TEST(UrlTest, ResolvesTheReferenceExamples) {
   EXPECT_STREQ(result.GetString(), L"http://kept/");
 }
 
+// Regression, found by the URL fuzzer: the URL library's normalisation kept "./" before an empty
+// segment with a wrong count of segments, and resolving against such a reference read past the
+// end of its path (garbage in the result, or a crash).
+TEST(UrlTest, NormalisedDotSlashSlashReferencesResolveToWhatTheirTextSays) {
+  auto resolve_normalised = [](const wchar_t* base, const wchar_t* relative) {
+    TqUURL result;
+    if (!TqUURL::ResolveRelative(TqUURL(base, true), TqUURL(relative, true), result)) {
+      return std::wstring(L"<fail>");
+    }
+    return std::wstring(result.GetString());
+  };
+  EXPECT_STREQ(TqUURL(L".//c", true).GetString(), L".//c");
+  EXPECT_EQ(resolve_normalised(L"x:a/b", L".//c"), L"x:a//c");
+  EXPECT_EQ(resolve_normalised(L"x:/a//b", L".//c"), L"x:/a///c");
+  EXPECT_EQ(resolve_normalised(L"x:a", L".//c"), L"x:/c");
+  EXPECT_EQ(resolve_normalised(L"httpm:80\xFFFD" L"0.//b", L".//ac?q1=1#drjg"),
+            L"httpm:80%EF%BF%BD0.///ac?q1=1#drjg");
+}
+
 TEST(UrlTest, InvalidTextsAreNotValidAndNeverThrow) {
   for (const wchar_t* text : {L"", L"relative/path", L"/abs/path", L"http:", L"http://",
                               L"http:///x", L"https://:80/", L"http://a b/", L"http://h:99999/",
