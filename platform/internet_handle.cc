@@ -49,14 +49,8 @@ std::shared_ptr<InternetObject> LookupAnyHandle(HINTERNET handle) {
 
 std::shared_ptr<InternetObject> LookupHandle(HINTERNET handle, HandleKind kind) {
   auto object = LookupAnyHandle(handle);
-  if (object == nullptr) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
-  }
-  if (object->kind() != kind) {
-    SetLastError(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
-    return nullptr;
-  }
+  if (object == nullptr) return FailNull(ERROR_INVALID_HANDLE);
+  if (object->kind() != kind) return FailNull(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
   return object;
 }
 

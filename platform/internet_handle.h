@@ -4,6 +4,7 @@
 // object alive even when another thread closes the handle meanwhile.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -43,6 +44,17 @@ class InternetObject {
   bool closed_ = false;
   std::vector<std::weak_ptr<InternetObject>> children_;
 };
+
+// An entry point's refusal in one statement: sets the calling thread's last error and gives the
+// failure value, FALSE or a null handle.
+inline BOOL Fail(DWORD error) {
+  SetLastError(error);
+  return FALSE;
+}
+inline std::nullptr_t FailNull(DWORD error) {
+  SetLastError(error);
+  return nullptr;
+}
 
 // Gives the object a new handle value (never reused in the process's life).
 HINTERNET RegisterHandle(const std::shared_ptr<InternetObject>& object);

@@ -675,26 +675,19 @@ extern "C" {
 HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name, LPCWSTR version,
                            LPCWSTR referrer, LPCWSTR* accept_types, DWORD flags,
                            DWORD_PTR /*context*/) {
-  if (DWORD fault = TakeInjectedFault("HttpOpenRequestW")) {
-    SetLastError(fault);
-    return nullptr;
-  }
+  if (DWORD fault = TakeInjectedFault("HttpOpenRequestW")) return FailNull(fault);
   auto connection = Lookup<Connection>(connect);
   if (connection == nullptr) return nullptr;
   std::string method = WideToUtf8(verb != nullptr ? verb : L"");
   if (method.empty()) method = "GET";
-  if (!IsToken(method)) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return nullptr;
-  }
+  if (!IsToken(method)) return FailNull(ERROR_INVALID_PARAMETER);
   bool http10 = false;
   if (version != nullptr && WideLength(version) != 0) {
     const std::string v = WideToUtf8(version);
     if (v == "HTTP/1.0") {
       http10 = true;
     } else if (v != "HTTP/1.1") {
-      SetLastError(ERROR_INVALID_PARAMETER);
-      return nullptr;
+      return FailNull(ERROR_INVALID_PARAMETER);
     }
   }
   std::vector<std::string> fixed;
@@ -703,8 +696,7 @@ HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
     for (LPCWSTR* type = accept_types; *type != nullptr; ++type) {
       std::string text;
       if (!WideToLatin1(*type, &text) || text.find_first_of("\r\n") != std::string::npos) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
+        return FailNull(ERROR_INVALID_PARAMETER);
       }
       if (text.empty()) continue;
       if (!accept.empty()) accept += ", ";
@@ -715,8 +707,7 @@ HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
   if (WideLength(referrer) != 0) {
     std::string text;
     if (!WideToLatin1(referrer, &text) || text.find_first_of("\r\n") != std::string::npos) {
-      SetLastError(ERROR_INVALID_PARAMETER);
-      return nullptr;
+      return FailNull(ERROR_INVALID_PARAMETER);
     }
     fixed.push_back("Referer: " + text);
   }
@@ -727,79 +718,52 @@ HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
   HINTERNET handle = RegisterHandle(request);
   if (!connection->AddChild(request)) {  // the connection was closed meanwhile
     CloseHandleTree(handle);
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
+    return FailNull(ERROR_INVALID_HANDLE);
   }
   return handle;
 }
 
 BOOL HttpSendRequestW(HINTERNET request_handle, LPCWSTR headers, DWORD headers_length,
                       LPVOID optional, DWORD optional_length) {
-  if (DWORD fault = TakeInjectedFault("HttpSendRequestW")) {
-    SetLastError(fault);
-    return FALSE;
-  }
+  if (DWORD fault = TakeInjectedFault("HttpSendRequestW")) return Fail(fault);
   auto request = Lookup<Request>(request_handle);
   if (request == nullptr) return FALSE;
-  if (optional == nullptr && optional_length != 0) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
+  if (optional == nullptr && optional_length != 0) return Fail(ERROR_INVALID_PARAMETER);
   std::vector<std::string> lines;
   if (headers != nullptr) {
     // A length of -1 means the text ends at its terminator.
     const std::size_t length = headers_length == 0xFFFFFFFFu ? WideLength(headers) : headers_length;
     std::wstring_view text(headers, length);
     if (const auto nul = text.find(L'\0'); nul != std::wstring_view::npos) text = text.substr(0, nul);
-    if (DWORD error = SplitHeaders(text, &lines)) {
-      SetLastError(error);
-      return FALSE;
-    }
+    if (DWORD error = SplitHeaders(text, &lines)) return Fail(error);
   }
   std::string body;
   if (optional_length != 0) body.assign(static_cast<const char*>(optional), optional_length);
-  if (DWORD error = request->Send(std::move(lines), std::move(body))) {
-    SetLastError(error);
-    return FALSE;
-  }
+  if (DWORD error = request->Send(std::move(lines), std::move(body))) return Fail(error);
   return TRUE;
 }
 
 BOOL InternetReadFile(HINTERNET file, LPVOID buffer, DWORD bytes_to_read, LPDWORD bytes_read) {
   if (DWORD fault = TakeInjectedFault("InternetReadFile")) {
     if (bytes_read != nullptr) *bytes_read = 0;
-    SetLastError(fault);
-    return FALSE;
+    return Fail(fault);
   }
   auto request = Lookup<Request>(file);
   if (request == nullptr) return FALSE;
   if (bytes_read == nullptr || (buffer == nullptr && bytes_to_read != 0)) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
+    return Fail(ERROR_INVALID_PARAMETER);
   }
-  if (DWORD error = request->Read(buffer, bytes_to_read, bytes_read)) {
-    SetLastError(error);
-    return FALSE;
-  }
+  if (DWORD error = request->Read(buffer, bytes_to_read, bytes_read)) return Fail(error);
   return TRUE;
 }
 
 BOOL HttpQueryInfoW(HINTERNET request_handle, DWORD info_level, LPVOID buffer,
                     LPDWORD buffer_length, LPDWORD index) {
-  if (DWORD fault = TakeInjectedFault("HttpQueryInfoW")) {
-    SetLastError(fault);
-    return FALSE;
-  }
+  if (DWORD fault = TakeInjectedFault("HttpQueryInfoW")) return Fail(fault);
   auto request = Lookup<Request>(request_handle);
   if (request == nullptr) return FALSE;
-  if (buffer_length == nullptr) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
-  if (DWORD error = request->Query(info_level, buffer, buffer_length, index)) {
-    SetLastError(error);
-    return FALSE;
-  }
+  if (buffer_length == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+  if (DWORD error = request->Query(info_level, buffer, buffer_length, index)) return Fail(error);
   return TRUE;
 }
 

@@ -245,10 +245,7 @@ BOOL TqPlatformSetCaFile(const char* pem_path) {
 
 HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR proxy_bypass,
                         DWORD flags) {
-  if (DWORD fault = TakeInjectedFault("InternetOpenW")) {
-    SetLastError(fault);
-    return nullptr;
-  }
+  if (DWORD fault = TakeInjectedFault("InternetOpenW")) return FailNull(fault);
   ProxyMode mode;
   switch (access_type) {
     case INTERNET_OPEN_TYPE_PRECONFIG:
@@ -259,20 +256,13 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
       break;
     case INTERNET_OPEN_TYPE_PROXY:
       mode = ProxyMode::kNamed;
-      if (WideLength(proxy) == 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-      }
+      if (WideLength(proxy) == 0) return FailNull(ERROR_INVALID_PARAMETER);
       break;
     default:
-      SetLastError(ERROR_INVALID_PARAMETER);
-      return nullptr;
+      return FailNull(ERROR_INVALID_PARAMETER);
   }
   // Only synchronous use is supported: there is no status callback to complete async calls.
-  if ((flags & INTERNET_FLAG_ASYNC) != 0) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return nullptr;
-  }
+  if ((flags & INTERNET_FLAG_ASYNC) != 0) return FailNull(ERROR_INVALID_PARAMETER);
   EnsureCurlInitialised();
   std::string proxy_text;
   std::string bypass_text;
@@ -285,36 +275,25 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
     session = std::make_shared<Session>(WideToUtf8(agent != nullptr ? agent : L""), mode,
                                         std::move(proxy_text), std::move(bypass_text));
   } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
+    return FailNull(ERROR_NOT_ENOUGH_MEMORY);
   }
-  if (session->share() == nullptr) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
-  }
+  if (session->share() == nullptr) return FailNull(ERROR_NOT_ENOUGH_MEMORY);
   return RegisterHandle(session);
 }
 
 HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name, INTERNET_PORT server_port,
                            LPCWSTR user_name, LPCWSTR password, DWORD service, DWORD /*flags*/,
                            DWORD_PTR /*context*/) {
-  if (DWORD fault = TakeInjectedFault("InternetConnectW")) {
-    SetLastError(fault);
-    return nullptr;
-  }
+  if (DWORD fault = TakeInjectedFault("InternetConnectW")) return FailNull(fault);
   auto session = Lookup<Session>(internet);
   if (session == nullptr) return nullptr;
-  if (service != INTERNET_SERVICE_HTTP) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return nullptr;
-  }
+  if (service != INTERNET_SERVICE_HTTP) return FailNull(ERROR_INVALID_PARAMETER);
   std::string host = WideToUtf8(server_name != nullptr ? server_name : L"");
   if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
     host = host.substr(1, host.size() - 2);
   }
   if (!ValidHostName(host)) {
-    SetLastError(host.empty() ? ERROR_INVALID_PARAMETER : ERROR_INTERNET_INVALID_URL);
-    return nullptr;
+    return FailNull(host.empty() ? ERROR_INVALID_PARAMETER : ERROR_INTERNET_INVALID_URL);
   }
   auto connection = std::make_shared<Connection>(session, std::move(host), server_port);
   connection->settings().Update([&](Settings& s) {
@@ -324,25 +303,18 @@ HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name, INTERNET_POR
   HINTERNET handle = RegisterHandle(connection);
   if (!session->AddChild(connection)) {  // the session was closed meanwhile
     CloseHandleTree(handle);
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
+    return FailNull(ERROR_INVALID_HANDLE);
   }
   return handle;
 }
 
 BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD buffer_length) {
-  if (DWORD fault = TakeInjectedFault("InternetSetOptionW")) {
-    SetLastError(fault);
-    return FALSE;
-  }
+  if (DWORD fault = TakeInjectedFault("InternetSetOptionW")) return Fail(fault);
   SettingsHolder* target = &ProcessSettings();
   std::shared_ptr<InternetObject> object;
   if (internet != nullptr) {
     object = LookupAnyHandle(internet);
-    if (object == nullptr) {
-      SetLastError(ERROR_INVALID_HANDLE);
-      return FALSE;
-    }
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
     switch (object->kind()) {
       case HandleKind::kSession:
         target = &static_cast<Session*>(object.get())->settings();
@@ -355,31 +327,21 @@ BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD b
         break;
     }
   }
-  if (buffer == nullptr) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
+  if (buffer == nullptr) return Fail(ERROR_INVALID_PARAMETER);
 
-  auto dword_value = [&](DWORD* out) {
-    if (buffer_length < sizeof(DWORD)) {
-      SetLastError(ERROR_INTERNET_BAD_OPTION_LENGTH);
-      return false;
-    }
+  auto dword_value = [&](DWORD* out) -> BOOL {
+    if (buffer_length < sizeof(DWORD)) return Fail(ERROR_INTERNET_BAD_OPTION_LENGTH);
     std::memcpy(out, buffer, sizeof(DWORD));
-    return true;
+    return TRUE;
   };
   DWORD value = 0;
   switch (option) {
     case INTERNET_OPTION_MAX_CONNS_PER_SERVER:
       if (object != nullptr && object->kind() == HandleKind::kRequest) {
-        SetLastError(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
-        return FALSE;
+        return Fail(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
       }
       if (!dword_value(&value)) return FALSE;
-      if (value == 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-      }
+      if (value == 0) return Fail(ERROR_INVALID_PARAMETER);
       target->Update([&](Settings& s) { s.max_conns = value; });
       if (object != nullptr && object->kind() == HandleKind::kConnection) {
         static_cast<Connection*>(object.get())->WakeWaiters();
@@ -422,20 +384,13 @@ BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD b
       return TRUE;
     }
     default:
-      SetLastError(ERROR_INTERNET_INVALID_OPTION);
-      return FALSE;
+      return Fail(ERROR_INTERNET_INVALID_OPTION);
   }
 }
 
 BOOL InternetCloseHandle(HINTERNET internet) {
-  if (DWORD fault = TakeInjectedFault("InternetCloseHandle")) {
-    SetLastError(fault);
-    return FALSE;
-  }
-  if (internet == nullptr || !CloseHandleTree(internet)) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return FALSE;
-  }
+  if (DWORD fault = TakeInjectedFault("InternetCloseHandle")) return Fail(fault);
+  if (internet == nullptr || !CloseHandleTree(internet)) return Fail(ERROR_INVALID_HANDLE);
   return TRUE;
 }
 
