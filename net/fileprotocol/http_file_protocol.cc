@@ -14,6 +14,20 @@ constexpr const wchar_t* kDefaultUserAgent = L"Torvik-Quillstone/23.1";
 constexpr std::size_t kHeaderChars = 4096;
 constexpr DWORD kBytesPerChar = 2;
 
+// Deletes a record this protocol made. Null is nothing to release; any other foreign pointer is
+// refused rather than deleted.
+template <typename Record, typename Handle>
+bool DeleteRecord(Handle* handle, const wchar_t* operation) {
+  if (handle == nullptr) return true;
+  Record* record = Record::From(handle);
+  if (record == nullptr) {
+    detail::RefuseHandle(operation);
+    return false;
+  }
+  delete record;
+  return true;
+}
+
 }  // namespace
 
 namespace detail {
@@ -182,14 +196,7 @@ TqUFileHandle* HttpFileProtocol::OpenFile(const wchar_t* url, OpenMode mode) {
 }
 
 bool HttpFileProtocol::CloseFile(TqUFileHandle* file) {
-  if (file == nullptr) return true;
-  HttpFileHandle* record = HttpFileHandle::From(file);
-  if (record == nullptr) {
-    detail::RefuseHandle(L"CloseFile");
-    return false;
-  }
-  delete record;
-  return true;
+  return DeleteRecord<HttpFileHandle>(file, L"CloseFile");
 }
 
 TqUThreadHandle* HttpFileProtocol::CreateThreadHandle(TqUFileHandle* file) {
@@ -215,14 +222,7 @@ TqUThreadHandle* HttpFileProtocol::CreateThreadHandle(TqUFileHandle* file) {
 }
 
 bool HttpFileProtocol::ReleaseThreadHandle(TqUThreadHandle* thread) {
-  if (thread == nullptr) return true;
-  HttpFileThreadHandle* record = HttpFileThreadHandle::From(thread);
-  if (record == nullptr) {
-    detail::RefuseHandle(L"ReleaseThreadHandle");
-    return false;
-  }
-  delete record;
-  return true;
+  return DeleteRecord<HttpFileThreadHandle>(thread, L"ReleaseThreadHandle");
 }
 
 TqUFileRequestHandle* HttpFileProtocol::SetupReadFile(TqUFileHandle* file, std::uint64_t,
@@ -237,14 +237,7 @@ TqUFileRequestHandle* HttpFileProtocol::SetupReadFile(TqUFileHandle* file, std::
 }
 
 bool HttpFileProtocol::ReleaseRequestHandle(TqUFileRequestHandle* request) {
-  if (request == nullptr) return true;
-  HttpFileRequestHandle* record = HttpFileRequestHandle::From(request);
-  if (record == nullptr) {
-    detail::RefuseHandle(L"ReleaseRequestHandle");
-    return false;
-  }
-  delete record;
-  return true;
+  return DeleteRecord<HttpFileRequestHandle>(request, L"ReleaseRequestHandle");
 }
 
 bool HttpFileProtocol::ResolveAbsolute(const wchar_t* path, const wchar_t* base,
