@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <string>
@@ -238,25 +239,16 @@ struct BindingRef {
   ~BindingRef() { binding->Release(); }
 };
 
-struct CurlEasy {
-  CURL* handle = curl_easy_init();
-  CurlEasy() = default;
-  CurlEasy(const CurlEasy&) = delete;
-  CurlEasy& operator=(const CurlEasy&) = delete;
-  ~CurlEasy() {
-    if (handle) curl_easy_cleanup(handle);
+// libcurl objects owned for one scope, released with their own clean-up call.
+template <auto Cleanup>
+struct CurlFree {
+  template <typename T>
+  void operator()(T* object) const {
+    Cleanup(object);
   }
 };
-
-struct CurlUrl {
-  CURLU* handle = curl_url();
-  CurlUrl() = default;
-  CurlUrl(const CurlUrl&) = delete;
-  CurlUrl& operator=(const CurlUrl&) = delete;
-  ~CurlUrl() {
-    if (handle) curl_url_cleanup(handle);
-  }
-};
+using CurlEasy = std::unique_ptr<CURL, CurlFree<curl_easy_cleanup>>;
+using CurlUrl = std::unique_ptr<CURLU, CurlFree<curl_url_cleanup>>;
 
 // The temporary file beside the destination: removed unless Commit renamed it into place.
 class TempFile {
@@ -479,17 +471,17 @@ HRESULT Download(CURLU* url, const std::string& destination, IBindStatusCallback
 
   TempFile file;
   if (HRESULT hr = file.Create(destination); FAILED(hr)) return finish(hr, nullptr);
-  CurlEasy easy;
-  if (easy.handle == nullptr) return finish(E_OUTOFMEMORY, nullptr);
+  CurlEasy easy(curl_easy_init());
+  if (easy == nullptr) return finish(E_OUTOFMEMORY, nullptr);
 
   Transfer transfer;
   transfer.callback = callback;
   transfer.binding = binding.binding;
   transfer.file = &file;
-  transfer.easy = easy.handle;
+  transfer.easy = easy.get();
   char error_text[CURL_ERROR_SIZE] = {};
 
-  CURL* h = easy.handle;
+  CURL* h = easy.get();
   curl_easy_setopt(h, CURLOPT_CURLU, url);
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_ERRORBUFFER, error_text);
@@ -579,18 +571,18 @@ extern "C" {
 
 HRESULT URLDownloadToFileW(LPUNKNOWN, LPCWSTR url, LPCWSTR file_name, DWORD,
                            LPBINDSTATUSCALLBACK callback) {
-  tqplatform::CurlUrl parsed;
+  tqplatform::CurlUrl parsed(curl_url());
   std::string utf8_url;
-  if (HRESULT hr = tqplatform::ParseUrl(url, parsed.handle, &utf8_url); FAILED(hr)) return hr;
+  if (HRESULT hr = tqplatform::ParseUrl(url, parsed.get(), &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || *file_name == L'\0') return E_INVALIDARG;
-  return tqplatform::Download(parsed.handle, tqplatform::DestinationPath(file_name), callback, {});
+  return tqplatform::Download(parsed.get(), tqplatform::DestinationPath(file_name), callback, {});
 }
 
 HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD file_name_length,
                                 DWORD, LPBINDSTATUSCALLBACK callback) {
-  tqplatform::CurlUrl parsed;
+  tqplatform::CurlUrl parsed(curl_url());
   std::string utf8_url;
-  if (HRESULT hr = tqplatform::ParseUrl(url, parsed.handle, &utf8_url); FAILED(hr)) return hr;
+  if (HRESULT hr = tqplatform::ParseUrl(url, parsed.get(), &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || file_name_length == 0) return E_INVALIDARG;
 
   const std::string directory = tqplatform::UrlDownloadCacheDirectory();
@@ -604,7 +596,7 @@ HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD 
   std::filesystem::create_directories(directory, error);
   if (error) return tqplatform::HResultFromErrno(error.value());
 
-  const HRESULT result = tqplatform::Download(parsed.handle, path, callback, wide_path);
+  const HRESULT result = tqplatform::Download(parsed.get(), path, callback, wide_path);
   if (SUCCEEDED(result)) {
     std::copy(wide_path.begin(), wide_path.end(), file_name);
     file_name[wide_path.size()] = L'\0';
