@@ -2,15 +2,15 @@
 // reading streams whole.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
-#include <algorithm>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
-#include <iterator>
 #include <string>
 
 #include "tqutil/streams.h"
@@ -27,7 +27,6 @@ class ScopedClock {
   ~ScopedClock() { TqUSysTime::SetClockForTesting({}); }
   ScopedClock(const ScopedClock&) = delete;
   ScopedClock& operator=(const ScopedClock&) = delete;
-
   void Set(std::int64_t now) { m_now = now; }
   void Advance(std::int64_t seconds) { m_now += seconds; }
   std::int64_t Now() const { return m_now; }
