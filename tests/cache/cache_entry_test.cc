@@ -63,10 +63,12 @@ TEST_F(CacheEntryTest, StoreAndLoadFollowTheEntryLayoutByteForByte) {
   EXPECT_EQ(loaded.Expiry(), 9000);
   EXPECT_EQ(loaded.ETag(), "\"abc\"");
   EXPECT_EQ(loaded.Key(), kKey);
+  EXPECT_TRUE(loaded.IsValid());
   m_clock.Set(1234);
   loaded.SetExpiry(4321);
   auto stream = loaded.OpenReadStream();
   ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(stream->RTell(), 0u);
   EXPECT_EQ(stream->MetaData().size, 8u);
   EXPECT_EQ(ReadAll(*stream, 3), "the body");
   stream->RSeek(4, qv::io::StreamPosition::Begin);

@@ -100,6 +100,12 @@ TEST_F(DiskCacheTest, AFreshEntryIsServedWithoutARequestAndAStaleOneIsRevalidate
   EXPECT_EQ(m_api.Sent()[1].headers, L"If-None-Match: \"v1\"");
   EXPECT_EQ(m_cache.ExpiryTime(kUrl), kDate + 160);
   EXPECT_EQ(CacheEntry::Load(EntryPath()).ETag(), "\"v1\"");
+
+  // A tag of another length: the header grows, and the store still succeeds.
+  m_clock.Set(kDate + 161);
+  m_api.Queue(Ok("replaced body", L"max-age=60", L"\"a-much-longer-tag\""));
+  EXPECT_EQ(Open(), "replaced body");
+  EXPECT_EQ(CacheEntry::Load(EntryPath()).ETag(), "\"a-much-longer-tag\"");
   EXPECT_THAT(m_log.Lines(), IsEmpty());
 }
 
@@ -143,6 +149,7 @@ TEST_F(DiskCacheTest, ExpiryFollowsDateAndCacheControl) {
 TEST_F(DiskCacheTest, NoStoreIsServedFromMemoryAndDropsTheStoredEntry) {
   m_api.Queue(Ok("stored", L"max-age=0", L"\"a\""));
   ASSERT_EQ(Open(), "stored");
+  ASSERT_TRUE(fs::exists(EntryPath()));
   m_clock.Advance(1);
   m_api.Queue(Ok("private", L"no-store", L"\"b\""));
   EXPECT_EQ(Open(), "private");
@@ -229,6 +236,7 @@ TEST_F(DiskCacheTest, StoredBodiesLiveUnderThePrefixedNameAndClearEmptiesTheDire
     auto out = m_cache.OpenWriteStream(L"settings/layout");
     ASSERT_NE(out, nullptr);
     out->Write(body.data(), body.size());
+    EXPECT_EQ(out->WTell(), body.size());
     EXPECT_EQ(m_cache.OpenReadStream(L"settings/layout"), nullptr);  // nobody reads it half-written
   }
   EXPECT_EQ(ReadFileBytes(EntryPath(L"qvcache://settings/layout")),
@@ -293,6 +301,7 @@ TEST(DiskCacheDirectoryTest, TheDirectoryIsAPrivateV1BelowTheGivenOrDefaultOne) 
   ::setenv("XDG_CACHE_HOME", (dir.path() / "xdg").c_str(), 1);
   DiskCache by_default(nullptr);
   if (previous) ::setenv("XDG_CACHE_HOME", saved.c_str(), 1); else ::unsetenv("XDG_CACHE_HOME");
+  EXPECT_EQ(by_default.Directory().filename(), "v1");
   EXPECT_EQ(by_default.Directory().parent_path().filename(), "DiskCache");
   EXPECT_EQ(by_default.Directory().parent_path().parent_path().parent_path(), dir.path() / "xdg");
   EXPECT_TRUE(fs::is_directory(by_default.Directory()));

@@ -49,6 +49,7 @@ TEST_F(InMemoryCacheTest, EachUrlTextIsDownloadedOnceFailuresAgainAndClearForget
   ASSERT_TRUE(first && second);
   // Each stream has its own position over the same bytes.
   EXPECT_EQ(ReadAll(*first), "bytes of a");
+  EXPECT_EQ(second->RTell(), 0u);
   EXPECT_EQ(ReadAll(*second), "bytes of a");
   m_api.Queue(Body(200, "bytes of A"));  // another text of the same resource: another entry
   EXPECT_EQ(Open(L"http://EXAMPLE.test/a"), "bytes of A");
