@@ -100,19 +100,6 @@ class CacheConcurrencyTest : public tq::test::FakeTransportTest {
     FakeTransportTest::TearDown();
   }
 
-  // Churns on `threads` threads of this process; every thread trims now and then.
-  std::vector<ChurnResult> ChurnOnThreads(int threads, int iterations) {
-    std::vector<std::future<ChurnResult>> runs;
-    for (int t = 0; t < threads; ++t) {
-      runs.push_back(std::async(std::launch::async, [&, t] {
-        return tq::test::RunChurn(m_cache, iterations, 10 + t);
-      }));
-    }
-    std::vector<ChurnResult> results;
-    for (auto& run : runs) results.push_back(run.get());
-    return results;
-  }
-
   tq::test::TempDir m_dir;
   DiskCache m_cache{qv::Utf8ToWide(m_dir.path().string()).c_str()};
 };
@@ -122,8 +109,15 @@ TEST_F(CacheConcurrencyTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBo
   Child first({"churn", directory, "150"});
   Child second({"churn", directory, "150"});
   ASSERT_TRUE(first.pid > 0 && second.pid > 0) << "no helper at " << Helper();
+  // Four threads of this process churn beside them, each trimming now and then.
+  std::vector<std::future<ChurnResult>> runs;
+  for (int t = 0; t < 4; ++t) {
+    runs.push_back(std::async(std::launch::async,
+                              [this, t] { return tq::test::RunChurn(m_cache, 150, 10 + t); }));
+  }
   int served = 0;
-  for (const ChurnResult& r : ChurnOnThreads(4, 150)) {
+  for (auto& run : runs) {
+    const ChurnResult r = run.get();
     EXPECT_EQ(r.torn, 0) << r.example;
     served += r.served;
   }
