@@ -88,9 +88,12 @@ inline DWORD StatusCode(const Handle& request) {
   return status;
 }
 
-// The header's text as a narrow string (ASCII tests), or "<absent>" / "<error N>".
-inline std::string QueryText(const Handle& request, DWORD level, DWORD* index = nullptr) {
+// The header's text as a narrow string (ASCII tests), or "<absent>" / "<error N>". `name` is
+// the header's name for HTTP_QUERY_CUSTOM.
+inline std::string QueryText(const Handle& request, DWORD level, DWORD* index = nullptr,
+                             const std::wstring& name = L"") {
   wchar_t buffer[4096] = {};
+  name.copy(buffer, name.size());
   DWORD length = sizeof buffer / sizeof buffer[0] * 2;
   if (!HttpQueryInfoW(request.get(), level, buffer, &length, index)) {
     const DWORD error = GetLastError();
@@ -101,18 +104,8 @@ inline std::string QueryText(const Handle& request, DWORD level, DWORD* index = 
   return out;
 }
 
-inline std::string CustomHeader(const Handle& request, const std::wstring& name,
-                                DWORD* index = nullptr) {
-  wchar_t buffer[4096] = {};
-  name.copy(buffer, name.size());
-  DWORD length = sizeof buffer / sizeof buffer[0] * 2;
-  if (!HttpQueryInfoW(request.get(), HTTP_QUERY_CUSTOM, buffer, &length, index)) {
-    const DWORD error = GetLastError();
-    return error == ERROR_HTTP_HEADER_NOT_FOUND ? "<absent>" : "<error " + std::to_string(error) + ">";
-  }
-  std::string out;
-  for (DWORD i = 0; i < length / 2; ++i) out.push_back(static_cast<char>(buffer[i]));
-  return out;
+inline std::string CustomHeader(const Handle& request, const std::wstring& name) {
+  return QueryText(request, HTTP_QUERY_CUSTOM, nullptr, name);
 }
 
 }  // namespace tq::test
