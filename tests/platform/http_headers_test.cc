@@ -49,7 +49,11 @@ std::wstring Render(DWORD level, const wchar_t* buffer) {
   return buffer;
 }
 
-constexpr DWORD kUnchecked = 0xFFFFFFFFu;
+// Short names for the table below.
+constexpr DWORD kNum = HTTP_QUERY_FLAG_NUMBER, kTime = HTTP_QUERY_FLAG_SYSTEMTIME;
+constexpr DWORD kCustom = HTTP_QUERY_CUSTOM, kOk = ERROR_SUCCESS, kShort = ERROR_INSUFFICIENT_BUFFER;
+constexpr DWORD kAbsent = ERROR_HTTP_HEADER_NOT_FOUND, kNotOfKind = ERROR_HTTP_INVALID_HEADER;
+constexpr DWORD kBadQuery = ERROR_HTTP_INVALID_QUERY_REQUEST, kAny = 0xFFFFFFFFu;
 
 TEST(QueryRulesTest, LengthsErrorsAndValuesForEachKindOfQuery) {
   struct Case {
@@ -57,54 +61,45 @@ TEST(QueryRulesTest, LengthsErrorsAndValuesForEachKindOfQuery) {
     const wchar_t* name;  // HTTP_QUERY_CUSTOM reads it from the buffer, within `length`
     DWORD length;         // bytes, two per character
     DWORD error;
-    DWORD length_after;   // or kUnchecked
+    DWORD length_after;   // or kAny
     const wchar_t* text;  // the buffer afterwards, or null
   } cases[] = {
       // Text: the length needed counts the terminator, the length on success does not.
-      {HTTP_QUERY_ETAG, nullptr, 8, ERROR_INSUFFICIENT_BUFFER, 22, nullptr},
-      {HTTP_QUERY_ETAG, nullptr, 21, ERROR_INSUFFICIENT_BUFFER, 22, nullptr},
-      {HTTP_QUERY_ETAG, nullptr, 22, ERROR_SUCCESS, 20, L"\"abcdefgh\""},
+      {HTTP_QUERY_ETAG, nullptr, 8, kShort, 22, nullptr},
+      {HTTP_QUERY_ETAG, nullptr, 21, kShort, 22, nullptr},
+      {HTTP_QUERY_ETAG, nullptr, 22, kOk, 20, L"\"abcdefgh\""},
       // Absent is absent whatever the buffer.
-      {HTTP_QUERY_LOCATION, nullptr, 0, ERROR_HTTP_HEADER_NOT_FOUND, kUnchecked, nullptr},
-      {HTTP_QUERY_LOCATION, nullptr, 8, ERROR_HTTP_HEADER_NOT_FOUND, kUnchecked, nullptr},
-      {HTTP_QUERY_MIME_VERSION, nullptr, 8, ERROR_HTTP_HEADER_NOT_FOUND, kUnchecked, nullptr},
+      {HTTP_QUERY_LOCATION, nullptr, 0, kAbsent, kAny, nullptr},
+      {HTTP_QUERY_LOCATION, nullptr, 8, kAbsent, kAny, nullptr},
+      {HTTP_QUERY_MIME_VERSION, nullptr, 8, kAbsent, kAny, nullptr},
       // Custom names: case-insensitive, cut at the stated length, untouched on failure.
-      {HTTP_QUERY_CUSTOM, L"x-empty", 32, ERROR_SUCCESS, 0, L""},
-      {HTTP_QUERY_CUSTOM, L"CONTENT-range", 128, ERROR_SUCCESS, 28, L"bytes 0-1/5000"},
-      {HTTP_QUERY_CUSTOM, L"Content-Range", 28, ERROR_INSUFFICIENT_BUFFER, 30, L"Content-Range"},
-      {HTTP_QUERY_CUSTOM, L"Content-Length", 10, ERROR_HTTP_HEADER_NOT_FOUND, kUnchecked, nullptr},
-      {HTTP_QUERY_CUSTOM, L"folded", 64, ERROR_SUCCESS, kUnchecked, L"one two"},
-      {HTTP_QUERY_CUSTOM, L"x-name", 64, ERROR_SUCCESS, kUnchecked, L"caf\u00e9"},  // Latin-1
+      {kCustom, L"x-empty", 32, kOk, 0, L""},
+      {kCustom, L"CONTENT-range", 128, kOk, 28, L"bytes 0-1/5000"},
+      {kCustom, L"Content-Range", 28, kShort, 30, L"Content-Range"},
+      {kCustom, L"Content-Length", 10, kAbsent, kAny, nullptr},
+      {kCustom, L"folded", 64, kOk, kAny, L"one two"},
+      {kCustom, L"x-name", 64, kOk, kAny, L"caf\u00e9"},  // bytes above 127 are Latin-1
       // Numbers are four-byte values.
-      {HTTP_QUERY_CONTENT_LENGTH | HTTP_QUERY_FLAG_NUMBER, nullptr, 4, ERROR_SUCCESS, 4, L"1234"},
-      {HTTP_QUERY_CONTENT_LENGTH | HTTP_QUERY_FLAG_NUMBER, nullptr, 3, ERROR_INSUFFICIENT_BUFFER, 4,
-       nullptr},
-      {HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, nullptr, 4, ERROR_SUCCESS, kUnchecked,
-       L"206"},
-      {HTTP_QUERY_ETAG | HTTP_QUERY_FLAG_NUMBER, nullptr, 4, ERROR_HTTP_INVALID_HEADER, kUnchecked,
-       nullptr},
-      {HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_NUMBER, L"Content-Length", 32, ERROR_SUCCESS, 4, L"1234"},
-      // Dates: a SYSTEMTIME of 16 bytes; the day of the week comes from the date. The backend asks
-      // by name with a buffer holding just the name.
-      {HTTP_QUERY_LAST_MODIFIED | HTTP_QUERY_FLAG_SYSTEMTIME, nullptr, 16, ERROR_SUCCESS, 16,
-       L"1994-11-06 08:49:37.0 dow 0"},
-      {HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_SYSTEMTIME, L"Last", 10, ERROR_HTTP_HEADER_NOT_FOUND,
-       kUnchecked, nullptr},
-      {HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_SYSTEMTIME, L"ETag", 10, ERROR_HTTP_INVALID_HEADER,
-       kUnchecked, nullptr},
-      {HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_SYSTEMTIME, L"Date", 10, ERROR_INSUFFICIENT_BUFFER, 16,
-       nullptr},
-      {HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_SYSTEMTIME, L"Date", 16, ERROR_SUCCESS, kUnchecked,
-       L"1994-11-15 08:12:31.0 dow 2"},
+      {HTTP_QUERY_CONTENT_LENGTH | kNum, nullptr, 4, kOk, 4, L"1234"},
+      {HTTP_QUERY_CONTENT_LENGTH | kNum, nullptr, 3, kShort, 4, nullptr},
+      {HTTP_QUERY_STATUS_CODE | kNum, nullptr, 4, kOk, kAny, L"206"},
+      {HTTP_QUERY_ETAG | kNum, nullptr, 4, kNotOfKind, kAny, nullptr},
+      {kCustom | kNum, L"Content-Length", 32, kOk, 4, L"1234"},
+      // Dates: a 16-byte SYSTEMTIME, the day of the week from the date. The backend asks by
+      // name with a buffer holding just the name.
+      {HTTP_QUERY_LAST_MODIFIED | kTime, nullptr, 16, kOk, 16, L"1994-11-06 08:49:37.0 dow 0"},
+      {kCustom | kTime, L"Last", 10, kAbsent, kAny, nullptr},
+      {kCustom | kTime, L"ETag", 10, kNotOfKind, kAny, nullptr},
+      {kCustom | kTime, L"Date", 10, kShort, 16, nullptr},
+      {kCustom | kTime, L"Date", 16, kOk, kAny, L"1994-11-15 08:12:31.0 dow 2"},
       // The status line's parts, and the request's method.
-      {HTTP_QUERY_STATUS_CODE, nullptr, 128, ERROR_SUCCESS, 6, L"206"},
-      {HTTP_QUERY_STATUS_TEXT, nullptr, 128, ERROR_SUCCESS, kUnchecked, L"Partial Content"},
-      {HTTP_QUERY_VERSION, nullptr, 128, ERROR_SUCCESS, kUnchecked, L"HTTP/1.1"},
-      {HTTP_QUERY_REQUEST_METHOD, nullptr, 128, ERROR_SUCCESS, kUnchecked, L"GET"},
+      {HTTP_QUERY_STATUS_CODE, nullptr, 128, kOk, 6, L"206"},
+      {HTTP_QUERY_STATUS_TEXT, nullptr, 128, kOk, kAny, L"Partial Content"},
+      {HTTP_QUERY_VERSION, nullptr, 128, kOk, kAny, L"HTTP/1.1"},
+      {HTTP_QUERY_REQUEST_METHOD, nullptr, 128, kOk, kAny, L"GET"},
       // Unknown levels and conflicting flags.
-      {HTTP_QUERY_MAX + 5, nullptr, 64, ERROR_HTTP_INVALID_QUERY_REQUEST, kUnchecked, nullptr},
-      {HTTP_QUERY_CONTENT_LENGTH | HTTP_QUERY_FLAG_NUMBER | HTTP_QUERY_FLAG_SYSTEMTIME, nullptr, 64,
-       ERROR_HTTP_INVALID_QUERY_REQUEST, kUnchecked, nullptr},
+      {HTTP_QUERY_MAX + 5, nullptr, 64, kBadQuery, kAny, nullptr},
+      {HTTP_QUERY_CONTENT_LENGTH | kNum | kTime, nullptr, 64, kBadQuery, kAny, nullptr},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "level " << std::hex << c.level << std::dec << " length "
@@ -114,7 +109,7 @@ TEST(QueryRulesTest, LengthsErrorsAndValuesForEachKindOfQuery) {
     DWORD length = c.length;
     const DWORD error = QueryHeaderBlock(Sample(), "GET", c.level, buffer, &length, nullptr);
     EXPECT_EQ(error, c.error);
-    if (c.length_after != kUnchecked) EXPECT_EQ(length, c.length_after);
+    if (c.length_after != kAny) EXPECT_EQ(length, c.length_after);
     if (c.text != nullptr) {
       EXPECT_EQ(error == ERROR_SUCCESS ? Render(c.level, buffer) : std::wstring(buffer), c.text);
     }

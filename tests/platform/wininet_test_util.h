@@ -2,37 +2,25 @@
 // the calls tests repeat.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <type_traits>
 
 #include "platform/wininet.h"
 
 namespace tq::test {
 
-class Handle {
- public:
-  Handle() = default;
-  explicit Handle(HINTERNET handle) : handle_(handle) {}
-  ~Handle() { Reset(); }
-  Handle(Handle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
-  Handle& operator=(Handle&& other) noexcept {
-    if (this != &other) {
-      Reset();
-      handle_ = std::exchange(other.handle_, nullptr);
-    }
-    return *this;
-  }
-  HINTERNET get() const { return handle_; }
-  explicit operator bool() const { return handle_ != nullptr; }
-  void Reset() {
-    if (handle_ != nullptr) InternetCloseHandle(handle_);
-    handle_ = nullptr;
-  }
-  HINTERNET Release() { return std::exchange(handle_, nullptr); }
+struct CloseInternetHandle {
+  void operator()(HINTERNET handle) const { InternetCloseHandle(handle); }
+};
 
- private:
-  HINTERNET handle_ = nullptr;
+// An HINTERNET closed when it goes out of scope.
+class Handle : public std::unique_ptr<std::remove_pointer_t<HINTERNET>, CloseInternetHandle> {
+ public:
+  using unique_ptr::unique_ptr;
+  void Reset() { reset(); }
+  HINTERNET Release() { return release(); }
 };
 
 inline Handle OpenSession() {
