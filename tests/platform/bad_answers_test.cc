@@ -43,7 +43,8 @@ void Reset(RawConnection& c) { c.Reset(); }
 
 TEST_F(BadAnswersTest, BrokenHeadsFailTheSend) {
   std::string many = "HTTP/1.1 200 OK\r\n";  // headers each fine, too much together
-  for (int i = 0; i < 5000; ++i) many += "X-H" + std::to_string(i) + ": " + std::string(60, 'v') + "\r\n";
+  for (int i = 0; i < 5000; ++i)
+    many += "X-H" + std::to_string(i) + ": " + std::string(60, 'v') + "\r\n";
   const struct {
     const char* what;
     Script script;

@@ -7,11 +7,11 @@
 #include "tests/platform/wininet_test_util.h"
 
 // Expects `call` to fail (FALSE or null) and to leave `error` as the thread's last error.
-#define EXPECT_FAILS_WITH(call, error)                      \
-  do {                                                      \
-    SetLastError(0);                                        \
-    EXPECT_FALSE(call);                                     \
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(error));   \
+#define EXPECT_FAILS_WITH(call, error)                    \
+  do {                                                    \
+    SetLastError(0);                                      \
+    EXPECT_FALSE(call);                                   \
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(error)); \
   } while (0)
 
 namespace {
@@ -64,9 +64,9 @@ TEST_F(HandlesTest, HandleOfAnotherKindIsRefused) {
                     ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
   EXPECT_FAILS_WITH(InternetReadFile(connection_.get(), buffer, sizeof buffer, &got),
                     ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
-  EXPECT_FAILS_WITH(InternetConnectW(connection_.get(), L"x", 80, nullptr, nullptr,
-                                     INTERNET_SERVICE_HTTP, 0, 0),
-                    ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
+  EXPECT_FAILS_WITH(
+      InternetConnectW(connection_.get(), L"x", 80, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0),
+      ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
 }
 
 TEST_F(HandlesTest, RequestUseBeforeSendIsAStateError) {
@@ -76,8 +76,9 @@ TEST_F(HandlesTest, RequestUseBeforeSendIsAStateError) {
                     ERROR_INTERNET_INCORRECT_HANDLE_STATE);
   EXPECT_EQ(got, 0u);
   DWORD length = sizeof buffer;
-  EXPECT_FAILS_WITH(HttpQueryInfoW(request_.get(), HTTP_QUERY_STATUS_CODE, buffer, &length, nullptr),
-                    ERROR_INTERNET_INCORRECT_HANDLE_STATE);
+  EXPECT_FAILS_WITH(
+      HttpQueryInfoW(request_.get(), HTTP_QUERY_STATUS_CODE, buffer, &length, nullptr),
+      ERROR_INTERNET_INCORRECT_HANDLE_STATE);
   EXPECT_FAILS_WITH(InternetReadFile(request_.get(), buffer, sizeof buffer, nullptr),
                     ERROR_INVALID_PARAMETER);
 }
@@ -149,12 +150,14 @@ TEST_F(HandlesTest, InjectedFaultsCoverEveryEntryPoint) {
   DWORD got = 3;
   DWORD length = sizeof buffer;
   EXPECT_FAILS_WITH(OpenRequest(connection_, L"/"), ERROR_INTERNET_TIMEOUT);
-  EXPECT_FAILS_WITH(HttpSendRequestW(request_.get(), nullptr, 0, nullptr, 0), ERROR_INTERNET_TIMEOUT);
+  EXPECT_FAILS_WITH(HttpSendRequestW(request_.get(), nullptr, 0, nullptr, 0),
+                    ERROR_INTERNET_TIMEOUT);
   EXPECT_FAILS_WITH(InternetReadFile(request_.get(), buffer, sizeof buffer, &got),
                     ERROR_INTERNET_TIMEOUT);
   EXPECT_EQ(got, 0u);
-  EXPECT_FAILS_WITH(HttpQueryInfoW(request_.get(), HTTP_QUERY_STATUS_CODE, buffer, &length, nullptr),
-                    ERROR_INTERNET_TIMEOUT);
+  EXPECT_FAILS_WITH(
+      HttpQueryInfoW(request_.get(), HTTP_QUERY_STATUS_CODE, buffer, &length, nullptr),
+      ERROR_INTERNET_TIMEOUT);
   EXPECT_FAILS_WITH(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 4),
                     ERROR_INTERNET_TIMEOUT);
   // A failed close leaves the handle open: the next close works.

@@ -23,11 +23,11 @@ HeaderBlock Block(std::initializer_list<const char*> lines) {
 }
 
 const HeaderBlock& Sample() {
-  static const HeaderBlock block = Block(
-      {"HTTP/1.1 206 Partial Content", "Content-Length: 1234", "ETag: \"abcdefgh\"",
-       "Set-Cookie: a=1", "set-cookie: b=2", "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT",
-       "Date: Tue, 15 Nov 1994 08:12:31 GMT", "X-Empty:", "Content-Range: bytes 0-1/5000",
-       "X-Name: caf\xe9", "Folded: one", "  two"});
+  static const HeaderBlock block =
+      Block({"HTTP/1.1 206 Partial Content", "Content-Length: 1234", "ETag: \"abcdefgh\"",
+             "Set-Cookie: a=1", "set-cookie: b=2", "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT",
+             "Date: Tue, 15 Nov 1994 08:12:31 GMT", "X-Empty:", "Content-Range: bytes 0-1/5000",
+             "X-Name: caf\xe9", "Folded: one", "  two"});
   return block;
 }
 
@@ -51,7 +51,8 @@ std::wstring Render(DWORD level, const wchar_t* buffer) {
 
 // Short names for the table below.
 constexpr DWORD kNum = HTTP_QUERY_FLAG_NUMBER, kTime = HTTP_QUERY_FLAG_SYSTEMTIME;
-constexpr DWORD kCustom = HTTP_QUERY_CUSTOM, kOk = ERROR_SUCCESS, kShort = ERROR_INSUFFICIENT_BUFFER;
+constexpr DWORD kCustom = HTTP_QUERY_CUSTOM, kOk = ERROR_SUCCESS,
+                kShort = ERROR_INSUFFICIENT_BUFFER;
 constexpr DWORD kAbsent = ERROR_HTTP_HEADER_NOT_FOUND, kNotOfKind = ERROR_HTTP_INVALID_HEADER;
 constexpr DWORD kBadQuery = ERROR_HTTP_INVALID_QUERY_REQUEST, kAny = 0xFFFFFFFFu;
 
@@ -166,9 +167,12 @@ TEST(HeaderBlockTest, RefusesMalformedLines) {
   const struct {
     const char* status;  // null: the bad line is the status line itself
     std::string line;
-  } cases[] = {{nullptr, "HTTP/1.1 OK"},        {nullptr, "ICY 200 OK"},
-               {"HTTP/1.1 200 OK", "no colon here"}, {"HTTP/1.1 200 OK", ": empty name"},
-               {"HTTP/1.1 200 OK", " continuation first"}, {"HTTP/1.1 200 OK", huge}};
+  } cases[] = {{nullptr, "HTTP/1.1 OK"},
+               {nullptr, "ICY 200 OK"},
+               {"HTTP/1.1 200 OK", "no colon here"},
+               {"HTTP/1.1 200 OK", ": empty name"},
+               {"HTTP/1.1 200 OK", " continuation first"},
+               {"HTTP/1.1 200 OK", huge}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line.substr(0, 40));
     HeaderBlock block;

@@ -202,7 +202,8 @@ TEST_F(RequestTest, WhatIsSentArrives) {
 
   // A header length of -1 means the text is terminated.
   Handle terminated = OpenRequest(connection_, L"/echo");
-  ASSERT_TRUE(HttpSendRequestW(terminated.get(), L"X-Terminated: yes\r\n", 0xFFFFFFFFu, nullptr, 0));
+  ASSERT_TRUE(
+      HttpSendRequestW(terminated.get(), L"X-Terminated: yes\r\n", 0xFFFFFFFFu, nullptr, 0));
   EXPECT_EQ(server_.requests().at(1).Header("X-Terminated"), "yes");
 }
 
@@ -211,11 +212,14 @@ TEST_F(RequestTest, RedirectsAreFollowedAsWinInetDoes) {
     return ScriptedResponse(200, r.method + ":" + r.body);
   });
   const std::pair<const char*, std::string> redirects[] = {
-      {"/301", "/final"}, {"/302", server_.Url("/final")}, {"/303", "final"}, {"/307", "/final"},
-      {"/308", "/final"}, {"/chain", "/302"}, {"/loop", "/loop"}, {"/ftp", "ftp://127.0.0.1/file"}};
+      {"/301", "/final"}, {"/302", server_.Url("/final")},
+      {"/303", "final"},  {"/307", "/final"},
+      {"/308", "/final"}, {"/chain", "/302"},
+      {"/loop", "/loop"}, {"/ftp", "ftp://127.0.0.1/file"}};
   for (const auto& [path, location] : redirects) {
     const int status = path[1] == '3' ? std::stoi(path + 1) : 302;
-    server_.Route(path, ScriptedResponse(status, status == 301 ? "moved" : "").Header("Location", location));
+    server_.Route(
+        path, ScriptedResponse(status, status == 301 ? "moved" : "").Header("Location", location));
   }
   server_.Route("/304", ScriptedResponse(304));
 
@@ -224,14 +228,15 @@ TEST_F(RequestTest, RedirectsAreFollowedAsWinInetDoes) {
     const wchar_t* verb;
     const char* expected;
   } cases[] = {
-      {L"/301", L"GET", "GET:"},       {L"/302", L"GET", "GET:"},       {L"/303", L"POST", "GET:"},
-      {L"/301", L"POST", "GET:"},      {L"/302", L"POST", "GET:"},      {L"/307", L"POST", "POST:data"},
+      {L"/301", L"GET", "GET:"},       {L"/302", L"GET", "GET:"},   {L"/303", L"POST", "GET:"},
+      {L"/301", L"POST", "GET:"},      {L"/302", L"POST", "GET:"},  {L"/307", L"POST", "POST:data"},
       {L"/308", L"POST", "POST:data"}, {L"/chain", L"GET", "GET:"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.verb << " " << c.path);
     Handle request = OpenRequest(connection_, c.path, c.verb);
-    ASSERT_TRUE(Send(request, L"", c.verb == std::wstring(L"POST") ? "data" : "")) << GetLastError();
+    ASSERT_TRUE(Send(request, L"", c.verb == std::wstring(L"POST") ? "data" : ""))
+        << GetLastError();
     EXPECT_EQ(StatusCode(request), 200u);
     std::string body;
     ASSERT_TRUE(ReadAll(request, &body));

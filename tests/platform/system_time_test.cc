@@ -23,7 +23,7 @@ std::uint64_t Ticks(WORD year, WORD month, WORD day, WORD hour = 0, WORD minute 
 TEST(SystemTimeToFileTimeTest, KnownInstantsLeapYearsAndTheDayOfWeekIgnored) {
   EXPECT_EQ(Ticks(1601, 1, 1), 0u);
   EXPECT_EQ(Ticks(1601, 1, 1, 0, 0, 0, 1), 10000u);
-  EXPECT_EQ(Ticks(1970, 1, 1), 116444736000000000u);  // the Unix epoch
+  EXPECT_EQ(Ticks(1970, 1, 1), 116444736000000000u);                      // the Unix epoch
   EXPECT_EQ(Ticks(2000, 3, 1) - Ticks(2000, 2, 28), 2u * 864000000000u);  // 2000 is leap
   EXPECT_EQ(Ticks(1900, 3, 1) - Ticks(1900, 2, 28), 1u * 864000000000u);  // 1900 is not
   EXPECT_EQ(Ticks(1994, 11, 6, 8, 49, 37), 116444736000000000u + 784111777ull * 10000000u);
@@ -33,9 +33,9 @@ TEST(SystemTimeToFileTimeTest, KnownInstantsLeapYearsAndTheDayOfWeekIgnored) {
 
 TEST(SystemTimeToFileTimeTest, RefusesFieldsOutOfRange) {
   const SYSTEMTIME bad[] = {
-      {1600, 12, 0, 31, 0, 0, 0, 0}, {30828, 1, 0, 1, 0, 0, 0, 0}, {2001, 0, 0, 1, 0, 0, 0, 0},
-      {2001, 13, 0, 1, 0, 0, 0, 0},  {2001, 2, 0, 29, 0, 0, 0, 0}, {2001, 4, 0, 31, 0, 0, 0, 0},
-      {2001, 1, 0, 0, 0, 0, 0, 0},   {2001, 1, 0, 1, 24, 0, 0, 0}, {2001, 1, 0, 1, 0, 60, 0, 0},
+      {1600, 12, 0, 31, 0, 0, 0, 0}, {30828, 1, 0, 1, 0, 0, 0, 0},   {2001, 0, 0, 1, 0, 0, 0, 0},
+      {2001, 13, 0, 1, 0, 0, 0, 0},  {2001, 2, 0, 29, 0, 0, 0, 0},   {2001, 4, 0, 31, 0, 0, 0, 0},
+      {2001, 1, 0, 0, 0, 0, 0, 0},   {2001, 1, 0, 1, 24, 0, 0, 0},   {2001, 1, 0, 1, 0, 60, 0, 0},
       {2001, 1, 0, 1, 0, 0, 60, 0},  {2001, 1, 0, 1, 0, 0, 0, 1000},
   };
   for (const auto& st : bad) {
@@ -85,8 +85,8 @@ TEST(HttpDateTest, ThreeFormsOfHttpAndTheDayOfWeekFromTheDate) {
   SYSTEMTIME st{};
   for (const char* text :
        {"", "yesterday", "Sun, 31 Feb 2024 00:00:00 GMT", "Sun, 06 Nov 1994 25:00:00 GMT",
-        "Sun, 06 Foo 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 +0200",
-        "Sun, 06 Nov 1994 GMT", "0", "Sun, 06 Nov 1994 08:49:37 GMT extra"}) {
+        "Sun, 06 Foo 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 +0200", "Sun, 06 Nov 1994 GMT",
+        "0", "Sun, 06 Nov 1994 08:49:37 GMT extra"}) {
     EXPECT_FALSE(tqplatform::ParseHttpDate(text, &st)) << text;
   }
 }

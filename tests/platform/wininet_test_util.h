@@ -85,7 +85,8 @@ inline std::string QueryText(const Handle& request, DWORD level, DWORD* index = 
   DWORD length = sizeof buffer / sizeof buffer[0] * 2;
   if (!HttpQueryInfoW(request.get(), level, buffer, &length, index)) {
     const DWORD error = GetLastError();
-    return error == ERROR_HTTP_HEADER_NOT_FOUND ? "<absent>" : "<error " + std::to_string(error) + ">";
+    return error == ERROR_HTTP_HEADER_NOT_FOUND ? "<absent>"
+                                                : "<error " + std::to_string(error) + ">";
   }
   std::string out;
   for (DWORD i = 0; i < length / 2; ++i) out.push_back(static_cast<char>(buffer[i]));
