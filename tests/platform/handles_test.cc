@@ -20,6 +20,7 @@ using namespace tq::test;
 
 class HandlesTest : public ::testing::Test {
  protected:
+  void SetUp() override { ASSERT_TRUE(request_); }
   void TearDown() override { TqPlatformClearFaults(); }
 
   // Nothing listens on port 1; none of these tests sends.
