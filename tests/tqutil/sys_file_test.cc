@@ -1,80 +1,71 @@
 #include "tqutil/sys_file.h"
 
-#include <cstring>
-#include <fstream>
-#include <map>
-#include <string>
-#include <utility>
-
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <map>
+#include <string>
+
+#include <gtest/gtest.h>
 
 #include "tests/tqutil/temp_dir.h"
 
 namespace {
 
 using F = TqUSysFile;
+using Path = std::filesystem::path;
 
 // A file handle closed at the end of the scope.
 struct Open {
   F::Handle h;
-  Open(const std::filesystem::path& p, std::uint32_t access, std::uint32_t share,
-       std::uint32_t creation)
+  Open(const Path& p, std::uint32_t access, std::uint32_t share, std::uint32_t creation)
       : h(F::OpenFile(p, access, share, creation, 0, 0)) {}
-  ~Open() {
-    if (h) F::CloseFile(h);
-  }
+  ~Open() { F::CloseFile(h); }
   Open(const Open&) = delete;
-  Open& operator=(const Open&) = delete;
   explicit operator bool() const { return h != nullptr; }
 };
+Open Reader(const Path& p) { return {p, F::kAccessRead, F::kShareRead, F::kOpenExisting}; }
+Open Creator(const Path& p) { return {p, F::kAccessWrite, F::kShareNone, F::kCreateAlways}; }
+Open Rewriter(const Path& p) { return {p, F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite}; }
 
-Open Reader(const std::filesystem::path& p) { return {p, F::kAccessRead, F::kShareRead, F::kOpenExisting}; }
-Open Creator(const std::filesystem::path& p) { return {p, F::kAccessWrite, F::kShareNone, F::kCreateAlways}; }
-Open Rewriter(const std::filesystem::path& p) {
-  return {p, F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite};
-}
-
-void WriteText(const std::filesystem::path& p, const std::string& text) {
-  std::ofstream(p, std::ios::binary) << text;
-}
-
-std::string ReadText(const std::filesystem::path& p) {
+void WriteText(const Path& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
+std::string ReadText(const Path& p) {
   std::ifstream in(p, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// A child process that holds a file open until told to let go. Pipes, not sleeps, order the two
-// processes.
+// A child process that holds a file open until released. Pipes, not sleeps, order the two.
 class Holder {
  public:
-  Holder(const std::filesystem::path& path, std::uint32_t access, std::uint32_t share,
-         std::uint32_t creation, const std::string& write) {
+  Holder(const Path& path, std::uint32_t access, std::uint32_t share, std::uint32_t creation,
+         const std::string& write = "") {
     int ready[2], release[2];
-    if (::pipe(ready) != 0 || ::pipe(release) != 0) throw std::runtime_error("pipe");
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::close(ready[0]);
+    if (::pipe(ready) != 0 || ::pipe(release) != 0) return;
+    if ((m_pid = ::fork()) == 0) {
       ::close(release[1]);
       F::Handle h = F::OpenFile(path, access, share, creation, 0, 0);
-      char ok = h ? '1' : '0';
-      if (h && !write.empty()) {
-        std::uint64_t n = 0;
-        if (!F::WriteFile(h, write.data(), write.size(), &n)) ok = '0';
-      }
-      if (::write(ready[1], &ok, 1) != 1) ::_exit(2);
+      std::uint64_t n = 0;
+      const char ok = h && (write.empty() || F::WriteFile(h, write.data(), write.size(), &n));
       char c;
-      while (::read(release[0], &c, 1) < 0) {
+      if (::write(ready[1], &ok, 1) == 1) {
+        while (::read(release[0], &c, 1) < 0) {
+        }
       }
-      if (h) F::CloseFile(h);
       ::_exit(0);
     }
     ::close(ready[1]);
     ::close(release[0]);
     m_release = release[1];
     char ok = 0;
-    m_opened = ::read(ready[0], &ok, 1) == 1 && ok == '1';
+    m_opened = ::read(ready[0], &ok, 1) == 1 && ok;
     ::close(ready[0]);
   }
   ~Holder() { Release(); }
@@ -82,8 +73,7 @@ class Holder {
   void Release() {
     if (m_pid <= 0) return;
     ::close(m_release);
-    int status = 0;
-    ::waitpid(m_pid, &status, 0);
+    ::waitpid(m_pid, nullptr, 0);
     m_pid = -1;
   }
 
@@ -98,8 +88,7 @@ TEST(SysFileTest, SharingWithinOneProcess) {
   const auto path = dir / "entry";
   WriteText(path, "body");
   {
-    Open r1 = Reader(path);
-    Open r2 = Reader(path);
+    Open r1 = Reader(path), r2 = Reader(path);
     ASSERT_TRUE(r1);
     EXPECT_TRUE(r2) << "readers coexist";
     EXPECT_FALSE(Rewriter(path)) << "a writer is refused while readers hold the file";
@@ -111,13 +100,12 @@ TEST(SysFileTest, SharingWithinOneProcess) {
     ASSERT_TRUE(w);
     EXPECT_FALSE(Reader(path)) << "a reader is refused while a writer holds the file";
     EXPECT_FALSE(Rewriter(path));
-    Open exclusive_reader(path, F::kAccessRead, F::kShareNone, F::kOpenExisting);
-    EXPECT_FALSE(exclusive_reader);
+    EXPECT_FALSE(Open(path, F::kAccessRead, F::kShareNone, F::kOpenExisting));
   }
   Open after = Reader(path);
   EXPECT_TRUE(after) << "closing releases the lock";
-  Open exclusive_reader(path, F::kAccessRead, F::kShareNone, F::kOpenExisting);
-  EXPECT_FALSE(exclusive_reader) << "an exclusive reader is refused while another reads";
+  EXPECT_FALSE(Open(path, F::kAccessRead, F::kShareNone, F::kOpenExisting))
+      << "an exclusive reader is refused while another reads";
 }
 
 TEST(SysFileTest, SharingBetweenProcesses) {
@@ -132,11 +120,10 @@ TEST(SysFileTest, SharingBetweenProcesses) {
     EXPECT_FALSE(Creator(path));
     EXPECT_EQ(ReadText(path), "winner's body");
     writer.Release();
-    Open reader = Reader(path);
-    EXPECT_TRUE(reader);
+    EXPECT_TRUE(Reader(path));
   }
   {
-    Holder reader(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, "");
+    Holder reader(path, F::kAccessRead, F::kShareRead, F::kOpenExisting);
     ASSERT_TRUE(reader.Opened());
     EXPECT_TRUE(Reader(path)) << "readers in two processes coexist";
     EXPECT_FALSE(Rewriter(path)) << "a reader in another process excludes writers";
@@ -148,6 +135,40 @@ TEST(SysFileTest, SharingBetweenProcesses) {
   EXPECT_EQ(F::GetFileSize(creator.h), 0) << "create-always empties the file once it holds it";
 }
 
+// The window between a writer's open and its lock, held open on purpose: a read lease makes the
+// open wait in the kernel until the holder lets go, and the holder first renames a new file over
+// the path (or not, to show that the rename is what makes the open fail).
+TEST(SysFileTest, AWriterIsRefusedWhenAFileIsRenamedOverThePathDuringItsOpen) {
+  tq::test::TempDir dir;
+  const auto path = dir / "entry";
+  const int signal = SIGRTMIN + 1;  // stays blocked on this thread: only sigtimedwait takes it
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, signal);
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &set, nullptr), 0);
+  for (const bool rename : {true, false}) {
+    SCOPED_TRACE(rename ? "renamed" : "not renamed");
+    WriteText(path, "old");
+    WriteText(dir / "new", "new");
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const f_owner_ex self{F_OWNER_TID, static_cast<pid_t>(::syscall(SYS_gettid))};
+    if (fd < 0 || ::fcntl(fd, F_SETSIG, signal) != 0 || ::fcntl(fd, F_SETOWN_EX, &self) != 0 ||
+        ::fcntl(fd, F_SETLEASE, F_RDLCK) != 0) {
+      GTEST_SKIP() << "no file leases here: " << std::strerror(errno);
+    }
+    auto writer = std::async(std::launch::async, [&] { return bool(Rewriter(path)); });
+    const timespec limit{60, 0};
+    const int got = ::sigtimedwait(&set, nullptr, &limit);  // the writer is inside its open
+    const bool renamed =
+        got == signal && rename && std::rename((dir / "new").c_str(), path.c_str()) == 0;
+    ::fcntl(fd, F_SETLEASE, F_UNLCK);
+    ::close(fd);
+    ASSERT_EQ(got, signal);
+    EXPECT_EQ(renamed, rename);
+    EXPECT_EQ(writer.get(), !rename);
+  }
+}
+
 TEST(SysFileTest, CreationModesAndBadArguments) {
   tq::test::TempDir dir;
   const auto path = dir / "f";
@@ -156,10 +177,10 @@ TEST(SysFileTest, CreationModesAndBadArguments) {
   EXPECT_FALSE(Reader(dir.Path())) << "a directory is not a file";
   EXPECT_FALSE(Rewriter(dir.Path()));
   EXPECT_FALSE(Open(dir / "no" / "such", F::kAccessWrite, F::kShareNone, F::kCreateAlways));
+  std::uint64_t n = 0;
   {
     Open a(path, F::kAccessWrite, F::kShareNone, F::kOpenAlways);
     ASSERT_TRUE(a);
-    std::uint64_t n = 0;
     ASSERT_TRUE(F::WriteFile(a.h, "hello", 5, &n));
     EXPECT_EQ(n, 5u);
   }
@@ -170,18 +191,16 @@ TEST(SysFileTest, CreationModesAndBadArguments) {
   {
     Open rewrite = Rewriter(path);
     ASSERT_TRUE(rewrite);
-    std::uint64_t n = 0;
     ASSERT_TRUE(F::WriteFile(rewrite.h, "J", 1, &n));
   }
   EXPECT_EQ(ReadText(path), "Jello");
-  EXPECT_EQ(F::OpenFile(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, 1, 0), nullptr);
-  EXPECT_EQ(F::OpenFile(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 1), nullptr);
-  EXPECT_EQ(F::OpenFile(path, F::kAccessRead, F::kShareRead, 0, 0, 0), nullptr);
-  EXPECT_EQ(F::OpenFile(path, 7, F::kShareRead, F::kOpenExisting, 0, 0), nullptr);
+  // Access, share, creation, reserved1, reserved2: reserved values, no creation, unknown access.
+  const std::uint32_t bad[][5] = {{0, 1, 3, 1, 0}, {0, 1, 3, 0, 1}, {0, 1, 0, 0, 0}, {7, 1, 3, 0, 0}};
+  for (const auto& a : bad) EXPECT_EQ(F::OpenFile(path, a[0], a[1], a[2], a[3], a[4]), nullptr);
 
-  // Null and foreign handles are refused, not followed.
+  // Null, foreign and closed handles are refused, not followed.
   char buffer[4];
-  std::uint64_t n = 99;
+  n = 99;
   auto* foreign = reinterpret_cast<F::Handle>(buffer);
   EXPECT_FALSE(F::ReadFile(nullptr, buffer, 4, &n));
   EXPECT_EQ(n, 0u);
@@ -193,13 +212,12 @@ TEST(SysFileTest, CreationModesAndBadArguments) {
   F::Handle h = F::OpenFile(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0);
   ASSERT_TRUE(h);
   EXPECT_TRUE(F::CloseFile(h));
-  EXPECT_FALSE(F::CloseFile(h)) << "a closed handle is refused";
+  EXPECT_FALSE(F::CloseFile(h));
 }
 
 TEST(SysFileTest, ReadSeekLargeOffsetsAndFullDisk) {
   tq::test::TempDir dir;
-  const auto path = dir / "big";
-  Open w = Creator(path);
+  Open w = Creator(dir / "big");
   ASSERT_TRUE(w);
   const std::int64_t far = (std::int64_t{1} << 32) + 10;  // beyond 32-bit offsets (sparse)
   ASSERT_EQ(F::SeekFile(w.h, far, 0), far);
@@ -209,14 +227,12 @@ TEST(SysFileTest, ReadSeekLargeOffsetsAndFullDisk) {
   EXPECT_EQ(F::SeekFile(w.h, -3, 2), far);
   char buffer[8] = {};
   ASSERT_TRUE(F::ReadFile(w.h, buffer, sizeof buffer, &n));
-  EXPECT_EQ(n, 3u);
-  EXPECT_EQ(std::string(buffer, 3), "xyz");
+  EXPECT_EQ(std::string(buffer, n), "xyz");
   ASSERT_TRUE(F::ReadFile(w.h, buffer, sizeof buffer, &n));
   EXPECT_EQ(n, 0u) << "0 bytes at the end";
   EXPECT_EQ(F::SeekFile(w.h, 1, 1), far + 4);
   EXPECT_EQ(F::SeekFile(w.h, -1, 0), -1);
   EXPECT_EQ(F::SeekFile(w.h, 0, 3), -1);
-
   if (std::filesystem::exists("/dev/full")) {
     Open full("/dev/full", F::kAccessWrite, F::kShareRead, F::kOpenExistingWrite);
     ASSERT_TRUE(full);
@@ -225,11 +241,6 @@ TEST(SysFileTest, ReadSeekLargeOffsetsAndFullDisk) {
   }
 }
 
-}  // namespace
-
-namespace {
-
-// Lists, opens and removes by name relative to the directory, with the rules of OpenFile.
 TEST(SysFileTest, DirectoryListsOpensAndRemovesByName) {
   tq::test::TempDir dir;
   WriteText(dir / "file", "12345");
@@ -239,46 +250,41 @@ TEST(SysFileTest, DirectoryListsOpensAndRemovesByName) {
 
   const TqUSysDirectory directory(dir.Path());
   ASSERT_FALSE(directory.Error());
-  std::map<std::string, std::pair<bool, std::int64_t>> items;  // regular, size
-  EXPECT_FALSE(directory.List([&](const TqUSysDirectory::Item& item) {
-    items[std::string(item.name, item.length)] = {item.regular, item.size};
-  }));
-  using Item = std::pair<bool, std::int64_t>;
-  EXPECT_EQ(items, (std::map<std::string, Item>{{"file", {true, 5}},
-                                                {"link", {true, 5}},  // followed
-                                                {"dangling", {false, -1}},
-                                                {"sub", {false, -1}}}));
-  // Without sizes the listing leaves them to FileSize (a stat each, which may run in parallel).
+  using Item = std::pair<bool, std::int64_t>;  // regular, size
+  std::map<std::string, Item> items;
+  const auto collect = [&](const TqUSysDirectory::Item& i) {
+    items[std::string(i.name, i.length)] = {i.regular, i.size};
+  };
+  EXPECT_FALSE(directory.List(collect));
+  EXPECT_EQ(items, (std::map<std::string, Item>{
+                       {"file", {true, 5}}, {"link", {true, 5}},  // a link is followed
+                       {"dangling", {false, -1}}, {"sub", {false, -1}}}));
+  // Without sizes the listing leaves them to FileSize, but a link is looked at anyway.
   items.clear();
-  EXPECT_FALSE(directory.List(
-      [&](const TqUSysDirectory::Item& item) {
-        items[std::string(item.name, item.length)] = {item.regular, item.size};
-      },
-      false));
+  EXPECT_FALSE(directory.List(collect, false));
   EXPECT_EQ(items["file"], Item(true, -1));
-  EXPECT_EQ(items["link"], Item(true, 5));  // a link is looked at anyway, for what it leads to
-  EXPECT_EQ(directory.FileSize("file"), 5);
-  EXPECT_EQ(directory.FileSize("link"), 5);
-  EXPECT_EQ(directory.FileSize("sub"), -1);
-  EXPECT_EQ(directory.FileSize("dangling"), -1);
+  EXPECT_EQ(items["link"], Item(true, 5));
+  for (const auto& [name, size] : std::map<std::string, std::int64_t>{
+           {"file", 5}, {"link", 5}, {"sub", -1}, {"dangling", -1}}) {
+    EXPECT_EQ(directory.FileSize(name.c_str()), size) << name;
+  }
 
+  const auto open_reader = [&](const char* name) {
+    return directory.OpenFile(name, F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0);
+  };
   {
     Open writer = Rewriter(dir / "file");
     ASSERT_TRUE(writer);
-    EXPECT_EQ(directory.OpenFile("file", F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0),
-              nullptr)
-        << "the sharing rules hold by name too";
+    EXPECT_EQ(open_reader("file"), nullptr) << "the sharing rules hold by name too";
   }
-  F::Handle reader =
-      directory.OpenFile("file", F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0);
+  F::Handle reader = open_reader("file");
   ASSERT_NE(reader, nullptr);
   char text[8] = {};
   std::uint64_t got = 0;
   EXPECT_TRUE(F::ReadFile(reader, text, sizeof text, &got));
   EXPECT_EQ(std::string(text, got), "12345");
   F::CloseFile(reader);
-  EXPECT_EQ(directory.OpenFile("sub", F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0),
-            nullptr);
+  EXPECT_EQ(open_reader("sub"), nullptr);
 
   std::error_code ec;
   EXPECT_TRUE(directory.Exists("link", ec));
