@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -36,7 +37,7 @@ Open Reader(const Path& p) { return {p, F::kAccessRead, F::kShareRead, F::kOpenE
 Open Creator(const Path& p) { return {p, F::kAccessWrite, F::kShareNone, F::kCreateAlways}; }
 Open Rewriter(const Path& p) { return {p, F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite}; }
 
-void WriteText(const Path& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
+void WriteText(const Path& p, const std::string& s) { std::ofstream(p, std::ios::binary) << s; }
 std::string ReadText(const Path& p) {
   std::ifstream in(p, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -195,8 +196,10 @@ TEST(SysFileTest, CreationModesAndBadArguments) {
   }
   EXPECT_EQ(ReadText(path), "Jello");
   // Access, share, creation, reserved1, reserved2: reserved values, no creation, unknown access.
-  const std::uint32_t bad[][5] = {{0, 1, 3, 1, 0}, {0, 1, 3, 0, 1}, {0, 1, 0, 0, 0}, {7, 1, 3, 0, 0}};
-  for (const auto& a : bad) EXPECT_EQ(F::OpenFile(path, a[0], a[1], a[2], a[3], a[4]), nullptr);
+  for (const auto& a : {std::array<std::uint32_t, 5>{0, 1, 3, 1, 0}, {0, 1, 3, 0, 1},
+                        {0, 1, 0, 0, 0}, {7, 1, 3, 0, 0}}) {
+    EXPECT_EQ(F::OpenFile(path, a[0], a[1], a[2], a[3], a[4]), nullptr);
+  }
 
   // Null, foreign and closed handles are refused, not followed.
   char buffer[4];
