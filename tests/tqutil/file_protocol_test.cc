@@ -1,5 +1,7 @@
 #include "tqutil/file_protocol.h"
 
+#include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,39 +34,11 @@ TEST(FileProtocolTest, ResolveAbsoluteFileOrUrl) {
   EXPECT_EQ(Absolute(L"a b", L"http://h/", nullptr), L"<fail>");
 }
 
-TEST(FileProtocolTest, BaseClassSupportsNothing) {
-  struct Remote : TqUFileProtocol {
-    using TqUFileProtocol::IsRemote;
-    bool IsRemote() override { return true; }
-  };
-  TqUFileProtocol base;
-  Remote remote;
-  EXPECT_FALSE(base.SupportsDirectOpen());
-  EXPECT_FALSE(base.SupportsGetPut());
-  EXPECT_FALSE(base.SupportsOwnCache());
-  EXPECT_FALSE(base.IsRemote(L"x"));
-  EXPECT_TRUE(remote.IsRemote(L"x")) << "the path form asks the protocol-wide one";
-  TqUFileInfo info;
-  EXPECT_FALSE(base.GetFileInfo(L"u", &info));
-  EXPECT_FALSE(base.GetFile(L"u", L"p", nullptr));
-  EXPECT_FALSE(base.PutFile(L"p", L"u", nullptr));
-  EXPECT_EQ(base.OpenFile(L"u", TqUFileProtocol::OpenRead), nullptr);
-  EXPECT_FALSE(base.ReadFile(nullptr, nullptr, nullptr, 0, 1, nullptr));
-  EXPECT_TRUE(base.CloseFile(nullptr));
-  unsigned first = 3, count = 4;
-  base.ExtendBlockDownload(nullptr, 512, first, count);
-  EXPECT_EQ(first, 3u);
-  EXPECT_EQ(count, 4u);
-  EXPECT_EQ(base.ReadFileToSize(nullptr, nullptr, nullptr, 0, 1, nullptr, nullptr), -1);
-  EXPECT_TRUE(base.ReleaseThreadHandle(nullptr));
-  TqUWideStringBuffer out;
-  EXPECT_FALSE(base.SetupOpenFile(L"http://h/x", &out, TqUFileProtocol::OpenRead));
-  EXPECT_EQ(out.View(), L"http://h/x");
-  base.GetVerboseDisplayName(L"name", &out);
-  EXPECT_EQ(out.View(), L"name");
-  EXPECT_TRUE(base.ResolveAbsolute(L"g", L"http://a/b/c", nullptr, &out));
-  EXPECT_EQ(out.View(), L"http://a/b/g");
-  EXPECT_FALSE(base.ResolveRelative(L"http://a/", L"g", &out));
+// Run from several threads too: the registry and the cache are shared by every open.
+void OnThreads(int threads, const std::function<void(int)>& run) {
+  std::vector<std::thread> started;
+  for (int t = 0; t < threads; ++t) started.emplace_back(run, t);
+  for (auto& th : started) th.join();
 }
 
 TEST(FileProtocolRegistryTest, CountedLifetimeAndCaseInsensitiveSchemes) {
@@ -82,17 +56,12 @@ TEST(FileProtocolRegistryTest, CountedLifetimeAndCaseInsensitiveSchemes) {
   EXPECT_EQ(registry->Unregister(L"hTTp"), &http);
   EXPECT_EQ(registry->Unregister(L"http"), nullptr);
 
-  // Registrations from several threads at once.
-  std::vector<std::wstring> schemes;
-  for (int i = 0; i < 64; ++i) schemes.push_back(L"s" + std::to_wstring(i));
-  std::vector<std::thread> threads;
-  std::atomic<int> registered{0};
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (const auto& s : schemes) registered += registry->Register(s.c_str(), &other);
-    });
-  }
-  for (auto& th : threads) th.join();
+  std::atomic<int> registered{0};  // each of 64 schemes registered once by 4 threads at once
+  OnThreads(4, [&](int) {
+    for (int i = 0; i < 64; ++i) {
+      registered += registry->Register((L"s" + std::to_wstring(i)).c_str(), &other);
+    }
+  });
   EXPECT_EQ(registered, 64);
 
   TqUFileProtocolRegistry::Terminate();
@@ -120,32 +89,25 @@ TEST(FileInfoCacheTest, ForgetsTheLeastRecentlyUsed) {
   ASSERT_TRUE(cache.Lookup(L"c", &out));
   EXPECT_EQ(out.GetFileRevisionId(), L"rev");
   EXPECT_TRUE(cache.Lookup(L"a", nullptr));
-
   cache.Add(L"c", a);  // replacing refreshes without growing
   EXPECT_EQ(cache.Size(), 2u);
   ASSERT_TRUE(cache.Lookup(L"c", &out));
   EXPECT_EQ(out.GetFileSize(), 1u);
   EXPECT_FALSE(cache.Lookup(nullptr, &out));
-
   TqUFileInfoCache none(0);
   none.Add(L"a", a);
   EXPECT_EQ(none.Size(), 0u);
 
-  // Concurrent use keeps the bound.
-  TqUFileInfoCache shared(30);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      TqUFileInfo info, got;
-      for (int i = 0; i < 500; ++i) {
-        const std::wstring name = std::to_wstring((i * 7 + t) % 50);
-        info.SetFileSize(static_cast<std::uint64_t>(i));
-        shared.Add(name.c_str(), info);
-        shared.Lookup(name.c_str(), &got);
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
+  TqUFileInfoCache shared(30);  // concurrent use keeps the bound
+  OnThreads(4, [&](int t) {
+    TqUFileInfo info, got;
+    for (int i = 0; i < 500; ++i) {
+      const std::wstring name = std::to_wstring((i * 7 + t) % 50);
+      info.SetFileSize(static_cast<std::uint64_t>(i));
+      shared.Add(name.c_str(), info);
+      shared.Lookup(name.c_str(), &got);
+    }
+  });
   EXPECT_EQ(shared.Size(), 30u);
 }
 

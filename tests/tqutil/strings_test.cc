@@ -12,40 +12,23 @@ using qv::WideToUtf8;
 
 // Wide text of one code point, as the platform's wchar_t encodes it.
 std::wstring Wide(char32_t c) {
-  std::wstring s;
-  if (sizeof(wchar_t) == 2 && c >= 0x10000) {
-    s.push_back(static_cast<wchar_t>(0xD800 + ((c - 0x10000) >> 10)));
-    s.push_back(static_cast<wchar_t>(0xDC00 + ((c - 0x10000) & 0x3FF)));
-  } else {
-    s.push_back(static_cast<wchar_t>(c));
-  }
-  return s;
+  if (sizeof(wchar_t) == 4 || c < 0x10000) return std::wstring(1, static_cast<wchar_t>(c));
+  return {static_cast<wchar_t>(0xD800 + ((c - 0x10000) >> 10)),
+          static_cast<wchar_t>(0xDC00 + ((c - 0x10000) & 0x3FF))};
 }
 
 TEST(Utf8Test, RoundTripsEveryKindOfCodePoint) {
-  const struct {
-    char32_t code;
-    const char* utf8;
-  } cases[] = {
-      {0x41, "A"},
-      {0x7F, "\x7F"},
-      {0x80, "\xC2\x80"},
-      {0xE9, "\xC3\xA9"},
-      {0x7FF, "\xDF\xBF"},
-      {0x800, "\xE0\xA0\x80"},
-      {0x20AC, "\xE2\x82\xAC"},
-      {0xD7FF, "\xED\x9F\xBF"},
-      {0xE000, "\xEE\x80\x80"},
-      {0xFFFD, "\xEF\xBF\xBD"},
-      {0xFFFF, "\xEF\xBF\xBF"},
-      {0x10000, "\xF0\x90\x80\x80"},
-      {0x1F600, "\xF0\x9F\x98\x80"},
-      {0x10FFFF, "\xF4\x8F\xBF\xBF"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(static_cast<std::uint32_t>(c.code));
-    EXPECT_EQ(WideToUtf8(Wide(c.code)), c.utf8);
-    EXPECT_EQ(Utf8ToWide(c.utf8), Wide(c.code));
+  // Each length's first and last code point, the surrogate gap's edges and non-BMP text.
+  const std::pair<char32_t, const char*> cases[] = {
+      {0x41, "A"}, {0x7F, "\x7F"}, {0x80, "\xC2\x80"}, {0xE9, "\xC3\xA9"}, {0x7FF, "\xDF\xBF"},
+      {0x800, "\xE0\xA0\x80"}, {0x20AC, "\xE2\x82\xAC"}, {0xD7FF, "\xED\x9F\xBF"},
+      {0xE000, "\xEE\x80\x80"}, {0xFFFD, "\xEF\xBF\xBD"}, {0xFFFF, "\xEF\xBF\xBF"},
+      {0x10000, "\xF0\x90\x80\x80"}, {0x1F600, "\xF0\x9F\x98\x80"},
+      {0x10FFFF, "\xF4\x8F\xBF\xBF"}};
+  for (const auto& [code, utf8] : cases) {
+    SCOPED_TRACE(static_cast<std::uint32_t>(code));
+    EXPECT_EQ(WideToUtf8(Wide(code)), utf8);
+    EXPECT_EQ(Utf8ToWide(utf8), Wide(code));
   }
   // An embedded NUL (a transport's header text ends with one) converts like any code point.
   const std::wstring with_nul(L"ab\0", 3);
