@@ -8,26 +8,17 @@
 
 namespace {
 
-// Sets an environment variable for one scope.
+// Sets (or, with null, unsets) an environment variable for one scope.
 class ScopedEnv {
  public:
   ScopedEnv(const char* name, const char* value) : m_name(name) {
     if (const char* old = std::getenv(name)) m_old = old;
-    if (value) {
-      ::setenv(name, value, 1);
-    } else {
-      ::unsetenv(name);
-    }
+    Set(value);
   }
-  ~ScopedEnv() {
-    if (m_old) {
-      ::setenv(m_name, m_old->c_str(), 1);
-    } else {
-      ::unsetenv(m_name);
-    }
-  }
+  ~ScopedEnv() { Set(m_old ? m_old->c_str() : nullptr); }
 
  private:
+  void Set(const char* value) { value ? ::setenv(m_name, value, 1) : ::unsetenv(m_name); }
   const char* m_name;
   std::optional<std::string> m_old;
 };

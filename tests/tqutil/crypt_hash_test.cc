@@ -1,6 +1,5 @@
 #include "tqutil/crypt_hash.h"
 
-#include <cstdio>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -9,10 +8,9 @@ namespace {
 
 std::string Hex(const unsigned char* d, std::size_t n) {
   std::string s;
-  char b[3];
   for (std::size_t i = 0; i < n; ++i) {
-    std::snprintf(b, sizeof b, "%02x", d[i]);
-    s += b;
+    s += "0123456789abcdef"[d[i] >> 4];
+    s += "0123456789abcdef"[d[i] & 15];
   }
   return s;
 }
@@ -21,7 +19,6 @@ TEST(CryptHashTest, Sha256KnownVectors) {
   EXPECT_EQ(TqUSysCryptHash::Create(1), nullptr);
   auto h = TqUSysCryptHash::Create(0);
   ASSERT_TRUE(h);
-  EXPECT_EQ(h->GetHashSizeInBytes(), 32u);
   ASSERT_TRUE(h->AddData("a", 1));
   ASSERT_TRUE(h->AddData("bc", 2));
   ASSERT_TRUE(h->AddData(nullptr, 0));
