@@ -181,22 +181,7 @@ TEST(UrlTest, InvalidTextsAreNotValidAndNeverThrow) {
   EXPECT_FALSE(TqUURL(nullptr, false).IsValid());
   EXPECT_STREQ(TqUURL(L"http://a b/", false).GetString(), L"http://a b/");
 
-  // Grind: every short text made of URL-ish characters, and odd code units, must be safe.
-  const std::wstring alphabet = L"h:/?#[]@%1.a \\\u00E9";
-  std::wstring text;
-  for (wchar_t a : alphabet) {
-    for (wchar_t b : alphabet) {
-      for (wchar_t c : alphabet) {
-        text = std::wstring(L"http://") + a + b + c + L"/x";
-        TqUURL u(text.c_str(), true);
-        TqUURL copy = u;
-        TqUURL resolved;
-        TqUURL::ResolveRelative(TqUURL(L"http://base/d/", false), copy, resolved);
-        copy.SetQuery(text.c_str());
-        (void)copy.IsValid();
-      }
-    }
-  }
+  // Crash-safety on arbitrary text is the URL fuzzer's; lone surrogates and non-characters stay.
   std::wstring odd = L"http://h/";
   odd.push_back(static_cast<wchar_t>(0xD800));
   odd.push_back(static_cast<wchar_t>(0xFFFF));
