@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(ComponentTest, OnlyTheOuterInitialiseAndTerminateDoTheWork) {
+TEST(ComponentTest, OnlyTheOuterCallsDoTheWorkOnOneThreadOrMany) {
   TqUComponent c;
   EXPECT_FALSE(c.Terminate());  // not initialised, and no debt for later
   EXPECT_TRUE(c.Initialise(L"First"));
@@ -20,10 +20,9 @@ TEST(ComponentTest, OnlyTheOuterInitialiseAndTerminateDoTheWork) {
   EXPECT_FALSE(c.IsInitialised());
   EXPECT_TRUE(c.Initialise(nullptr));
   EXPECT_EQ(c.GetName(), L"");
-}
+  EXPECT_TRUE(c.Terminate());
 
-TEST(ComponentTest, ExactlyOneThreadDoesTheWork) {
-  TqUComponent c;
+  // Exactly one of many threads does each.
   std::atomic<int> inits{0}, terms{0};
   const auto on_threads = [&](std::atomic<int>& count, bool initialise) {
     std::vector<std::thread> threads;

@@ -22,21 +22,14 @@ std::string ReadAll(qv::io::IDataReadStream& s, std::uint64_t chunk) {
 }
 
 // Create is OpenFile for a sharing reader, whose refusals the TqUSysFile tests cover.
-TEST(FileReadStreamTest, CreateOpensTheFileShared) {
-  tq::test::TempDir dir;
-  std::ofstream(dir / "f", std::ios::binary) << "0123456789";
-  auto a = FileReadStream::Create(dir / "f");
-  auto b = FileReadStream::Create(dir / "f");
-  ASSERT_TRUE(a);
-  ASSERT_TRUE(b) << "readers share the file";
-  EXPECT_EQ(ReadAll(*a, 3), "0123456789");
-  EXPECT_EQ(*b->MetaData().size, 10u);
-  EXPECT_FALSE(FileReadStream::Create(dir / "missing"));
-}
-
-TEST(FileReadStreamTest, BaseOffsetMakesPositionZeroThatByte) {
+TEST(FileReadStreamTest, ReadersShareTheFileAndTheBaseOffsetIsPositionZero) {
   tq::test::TempDir dir;
   std::ofstream(dir / "f", std::ios::binary) << "HEADER|body bytes";
+  EXPECT_FALSE(FileReadStream::Create(dir / "missing"));
+  auto whole = FileReadStream::Create(dir / "f");  // open throughout: the others share the file
+  ASSERT_TRUE(whole);
+  EXPECT_EQ(*whole->MetaData().size, 17u);
+  EXPECT_EQ(ReadAll(*whole, 3), "HEADER|body bytes");
   for (std::uint64_t chunk : {1u, 2u, 5u, 64u}) {
     auto s = FileReadStream::Create(dir / "f");
     ASSERT_TRUE(s);

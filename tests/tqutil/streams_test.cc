@@ -20,7 +20,6 @@ std::string ReadAll(qv::io::IDataReadStream& s, std::uint64_t chunk) {
 
 TEST(MemoryStreamTest, WriteThenReadAndSeekAtEveryChunkSize) {
   MemoryStream s(1024);
-  EXPECT_GE(s.Sink()->bytes.capacity(), 1024u);
   EXPECT_EQ(s.Size(), 0u);
   EXPECT_EQ(s.Write("hello ", 6), 6u);
   EXPECT_EQ(s.Write("world", 5), 5u);
