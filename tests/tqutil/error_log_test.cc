@@ -53,7 +53,6 @@ TEST(ErrorLogTest, PostFormatsOneRecordWithSeverityAndComponent) {
   EXPECT_EQ(records[1].severity, 5);
   EXPECT_EQ(records[1].component, "");
   EXPECT_EQ(records[1].text, "narrow 5");
-  EXPECT_EQ(log.Text(), records[0].text + records[1].text);
 
   // An empty message is still a message; a broken format leaves a trace instead of nothing.
   log.Clear();

@@ -1,6 +1,5 @@
 #include "tqutil/option.h"
 
-
 #include <gtest/gtest.h>
 
 namespace {

@@ -155,7 +155,9 @@ TEST(SysFileTest, AWriterIsRefusedWhenAFileIsRenamedOverThePathDuringItsOpen) {
     const f_owner_ex self{F_OWNER_TID, static_cast<pid_t>(::syscall(SYS_gettid))};
     if (fd < 0 || ::fcntl(fd, F_SETSIG, signal) != 0 || ::fcntl(fd, F_SETOWN_EX, &self) != 0 ||
         ::fcntl(fd, F_SETLEASE, F_RDLCK) != 0) {
-      GTEST_SKIP() << "no file leases here: " << std::strerror(errno);
+      const std::string why = std::strerror(errno);
+      if (fd >= 0) ::close(fd);
+      GTEST_SKIP() << "no file leases here: " << why;
     }
     auto writer = std::async(std::launch::async, [&] { return bool(Rewriter(path)); });
     const timespec limit{60, 0};
