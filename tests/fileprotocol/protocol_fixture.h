@@ -52,6 +52,12 @@ class ProtocolTest : public ::testing::Test {
     }
     return out;
   }
+  // The same, and a fresh capture for the next step.
+  std::vector<Posted> TakeLog() {
+    std::vector<Posted> out = Log();
+    log_.Clear();
+    return out;
+  }
 
   LogCapture log_;
   qv::net::HttpFileProtocol* protocol_ = nullptr;
