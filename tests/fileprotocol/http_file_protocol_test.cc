@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "net/fileprotocol/auth_hooks.h"
 #include "tests/fileprotocol/protocol_fixture.h"
 #include "tests/support/servers/scripted_server.h"
 
@@ -50,42 +51,54 @@ TEST(HttpFileProtocolLifecycle, RegistersOneObjectUnderBothSchemesOnce) {
   EXPECT_FALSE(HttpFileProtocol::IsInitialised());
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), nullptr);
   HttpFileProtocol::Terminate();  // not initialised: nothing happens
+
+  // With no hook at all the request goes on, and no credentials are filled in.
   HttpFileProtocol::SetPreHTTPAuthenticationFunc(nullptr);
+  HttpCredentials none;
+  EXPECT_EQ(HttpFileProtocol::PreHTTPAuthentication(L"http://u:p@h/", &none),
+            HttpFileProtocol::CredentialsSupplied);
+  EXPECT_STREQ(none.GetUsername(), L"");
+  EXPECT_STREQ(none.GetPassword(), L"");
+}
+
+TEST(AuthHooks, DefaultHookTakesBothCredentialsFromTheUrlOrNothing) {
+  HttpCredentials credentials;
+  EXPECT_EQ(HttpFileProtocol::DefaultPreHTTPAuthentication(L"http://al%40ice:p%3Aw@h/f",
+                                                           &credentials),
+            HttpFileProtocol::CredentialsSupplied);
+  EXPECT_STREQ(credentials.GetUsername(), L"al@ice");
+  EXPECT_STREQ(credentials.GetPassword(), L"p:w");
+
+  HttpCredentials untouched(L"keep", L"these");
+  for (const wchar_t* url : {L"http://user@h/f", L"http://user:@h/f", L"http://:pw@h/f",
+                             L"http://h/f", L"not a url"}) {
+    EXPECT_EQ(HttpFileProtocol::DefaultPreHTTPAuthentication(url, &untouched),
+              HttpFileProtocol::NoCredentials)
+        << qv::WideToUtf8(url);
+    EXPECT_STREQ(untouched.GetUsername(), L"keep");
+    EXPECT_STREQ(untouched.GetPassword(), L"these");
+  }
 }
 
 using HttpFileProtocolTest = ProtocolTest;
 
-TEST_F(HttpFileProtocolTest, FixedAnswers) {
-  EXPECT_TRUE(protocol_->SupportsDirectOpen());
-  EXPECT_TRUE(protocol_->SupportsGetPut());
-  EXPECT_TRUE(protocol_->SupportsOwnCache());
-  EXPECT_TRUE(protocol_->IsRemote());
-  EXPECT_TRUE(protocol_->SupportsReadFileToSize());
-  unsigned char byte = 0;
-  EXPECT_FALSE(protocol_->PutFile(L"/tmp/x", L"http://127.0.0.1:1/x", nullptr));
-  EXPECT_FALSE(protocol_->WriteFile(nullptr, 0, 1, &byte));
-}
-
-TEST_F(HttpFileProtocolTest, OpenFileChecksTheUrlAndSendsNothing) {
+TEST_F(HttpFileProtocolTest, InvalidUrlsAreRefusedAndOpeningSendsNothing) {
   ScriptedServer server;
   ASSERT_TRUE(server.ok());
-  EXPECT_EQ(protocol_->OpenFile(L"not a url", TqUFileProtocol::OpenRead), nullptr);
-  EXPECT_EQ(protocol_->OpenFile(L"http://", TqUFileProtocol::OpenRead), nullptr);
-  EXPECT_EQ(protocol_->OpenFile(nullptr, TqUFileProtocol::OpenRead), nullptr);
+  TqUFileInfo info;
+  for (const wchar_t* url : {L"not a url", L"http://", static_cast<const wchar_t*>(nullptr)}) {
+    EXPECT_EQ(protocol_->OpenFile(url, TqUFileProtocol::OpenRead), nullptr);
+    EXPECT_FALSE(protocol_->GetFileInfo(url, &info));
+  }
+  EXPECT_FALSE(protocol_->GetFileInfo(W(server.Url("/f")).c_str(), nullptr));
 
   const std::wstring url = W(server.Url("/missing/file.bin?q=1"));
   TqUFileHandle* file = protocol_->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
   ASSERT_NE(file, nullptr);
-  auto* record = qv::net::HttpFileHandle::From(file);
-  ASSERT_NE(record, nullptr);
-  EXPECT_EQ(record->UrlText().View(), url);
   TqUFileRequestHandle* request = protocol_->SetupReadFile(file, 5, 10);
   ASSERT_NE(request, nullptr);
-  EXPECT_EQ(qv::net::HttpFileRequestHandle::From(request)->Resource().View(),
-            L"/missing/file.bin?q=1");
   TqUThreadHandle* thread = protocol_->CreateThreadHandle(file);
   ASSERT_NE(thread, nullptr);
-  EXPECT_FALSE(qv::net::HttpFileThreadHandle::From(thread)->IsSecure());
   EXPECT_TRUE(protocol_->ReleaseRequestHandle(request));
   EXPECT_TRUE(protocol_->ReleaseThreadHandle(thread));
   EXPECT_TRUE(protocol_->CloseFile(file));
@@ -165,24 +178,18 @@ TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstUseReplacesTheDefault) {
   ASSERT_TRUE(server.ok());
   server.Route("/f", ScriptedResponse(200, "abcd"));
   std::vector<unsigned char> buffer(4);
-  {
-    OpenedFile f(protocol_, server.Url("/f"));
+  auto read_once = [&](HttpFileProtocol* protocol) {
+    OpenedFile f(protocol, server.Url("/f"));
     ASSERT_TRUE(f.ok());
     EXPECT_TRUE(f.ReadExact(0, 4, buffer.data()));
-  }
-  // The handle keeps the agent it was opened with.
+  };
+  read_once(protocol_);
+  // The internet handle keeps the agent it was opened with.
   protocol_->SetUserAgentU("Later/1.0");
-  {
-    OpenedFile f(protocol_, server.Url("/f"));
-    EXPECT_TRUE(f.ReadExact(0, 4, buffer.data()));
-  }
+  read_once(protocol_);
   HttpFileProtocol fresh;
   fresh.SetUserAgentW(L"Host-\u00e9/2.0");
-  {
-    OpenedFile f(&fresh, server.Url("/f"));
-    ASSERT_TRUE(f.ok());
-    EXPECT_TRUE(f.ReadExact(0, 4, buffer.data()));
-  }
+  read_once(&fresh);
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), 3u);
   EXPECT_EQ(requests[0].Header("User-Agent"), "Torvik-Quillstone/23.1");
@@ -190,45 +197,41 @@ TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstUseReplacesTheDefault) {
   EXPECT_EQ(requests[2].Header("User-Agent"), "Host-\xc3\xa9/2.0");
 }
 
-void AppendX(const TqUURL&, const TqUURL&, TqUURL& resolved) { resolved.SetQuery(L"x"); }
-
-void AddFromCallback(const TqUURL&, const TqUURL&, TqUURL& resolved) {
-  // Sees what the callback before it left.
-  std::wstring text = resolved.GetString();
+// Appends its letter to the query the callbacks before it left.
+template <wchar_t kLetter>
+void Append(const TqUURL&, const TqUURL&, TqUURL& resolved) {
+  const std::wstring text = resolved.GetString();
   const auto q = text.find(L'?');
-  resolved.SetQuery((q == std::wstring::npos ? L"none" : text.substr(q + 1) + L"y").c_str());
+  resolved.SetQuery(((q == std::wstring::npos ? L"" : text.substr(q + 1)) + kLetter).c_str());
 }
 
-TEST_F(HttpFileProtocolTest, ResolveRelativeRunsTheCallbacksInOrderAndSkipsNull) {
+TEST_F(HttpFileProtocolTest, ResolveRelativeRunsTheCallbacksInOrder) {
   TqUWideStringBuffer result;
   ASSERT_TRUE(protocol_->ResolveRelative(L"http://h/a/b/c.txt", L"../d.txt", &result));
-  TqUURL base(L"http://h/a/b/c.txt", true);
-  TqUURL relative(L"../d.txt", true);
-  TqUURL expected;
-  ASSERT_TRUE(TqUURL::ResolveRelative(base, relative, expected));
-  EXPECT_EQ(result.View(), std::wstring(expected.GetString()));
   EXPECT_EQ(result.View(), L"http://h/a/d.txt");
 
-  HttpFileProtocol::AddPostUrlResolutionCallback(&AppendX);
+  // Null is skipped; a callback added twice runs twice and is removed everywhere at once.
+  HttpFileProtocol::AddPostUrlResolutionCallback(&Append<L'x'>);
   HttpFileProtocol::AddPostUrlResolutionCallback(nullptr);
-  HttpFileProtocol::AddPostUrlResolutionCallback(&AddFromCallback);
+  HttpFileProtocol::AddPostUrlResolutionCallback(&Append<L'y'>);
+  HttpFileProtocol::AddPostUrlResolutionCallback(&Append<L'x'>);
   EXPECT_TRUE(protocol_->ResolveRelative(L"http://h/a/b/c.txt", L"../d.txt", &result));
-  EXPECT_EQ(result.View(), L"http://h/a/d.txt?xy");
-
-  HttpFileProtocol::RemovePostUrlResolutionCallback(&AppendX);
+  EXPECT_EQ(result.View(), L"http://h/a/d.txt?xyx");
+  HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'x'>);
+  HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'x'>);  // not there: no change
   HttpFileProtocol::RemovePostUrlResolutionCallback(nullptr);
-  HttpFileProtocol::RemovePostUrlResolutionCallback(&AddFromCallback);
   EXPECT_TRUE(protocol_->ResolveRelative(L"http://h/a/b/c.txt", L"e", &result));
-  EXPECT_EQ(result.View(), L"http://h/a/b/e");
+  EXPECT_EQ(result.View(), L"http://h/a/b/e?y");
 
   // ResolveAbsolute is the framework's resolution and runs no callback.
-  HttpFileProtocol::AddPostUrlResolutionCallback(&AppendX);
   TqUWideStringBuffer absolute;
   EXPECT_EQ(protocol_->ResolveAbsolute(L"e", L"http://h/a/b/c.txt", nullptr, &absolute),
             TqUFileProtocol::ResolveAbsoluteFileOrURL(L"e", L"http://h/a/b/c.txt", nullptr,
                                                       &result));
   EXPECT_EQ(absolute.View(), result.View());
-  HttpFileProtocol::RemovePostUrlResolutionCallback(&AppendX);
+  HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'y'>);
+  EXPECT_TRUE(protocol_->ResolveRelative(L"http://h/a/b/c.txt", L"e", &result));
+  EXPECT_EQ(result.View(), L"http://h/a/b/e");
   EXPECT_FALSE(protocol_->ResolveRelative(L"http://h/", L"x", nullptr));
 }
 
