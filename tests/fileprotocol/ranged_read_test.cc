@@ -166,37 +166,16 @@ TEST_F(RangedReadTest, RangePastTheEndIsRefusedBy416AndOneCrossingTheEndIsCut) {
   EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + 5), content.substr(895));
 }
 
-TEST_F(RangedReadTest, ServerClosingMidRangeGivesAShortCount) {
-  RawResponder server([](RawConnection& c) {
-    c.ReadRequestHead();
-    c.Send("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-99/100\r\n"
-           "Content-Length: 100\r\n\r\n" + std::string(40, 'x'));
-  });
-  OpenedFile f(protocol_, server.Url("/f"));
-  ASSERT_TRUE(f.ok());
-  std::vector<unsigned char> buffer(100);
-  EXPECT_EQ(f.Read(0, 100, buffer.data()), 40);
-  EXPECT_THAT(TakeLog(), IsEmpty());
-  EXPECT_FALSE(f.ReadExact(0, 100, buffer.data()));
-  const DWORD error = GetLastError();
-  EXPECT_THAT(Log(), ElementsAre(Posted{1, Message("InternetReadFile partial data", f,
-                                                   ": " + std::to_string(error))}));
-}
-
 TEST_F(RangedReadTest, PlatformFailuresEndTheReadAsDocumented) {
   Server server(k206Abcd);
   OpenedFile f(protocol_, server.Url("/f"));
   ASSERT_TRUE(f.ok());
   std::vector<unsigned char> buffer(4);
 
-  // Two send time-outs are retried; a third ends the read without a message.
+  // Two send time-outs are retried (a third ends the read: tests/faults, stall before head).
   ASSERT_TRUE(TqPlatformInjectFault("HttpSendRequestW", ERROR_INTERNET_TIMEOUT, 2, 0));
   EXPECT_EQ(f.Read(0, 4, buffer.data()), 4);
   EXPECT_EQ(TqPlatformInjectedFailures("HttpSendRequestW"), 2u);
-  TqPlatformClearFaults();
-  ASSERT_TRUE(TqPlatformInjectFault("HttpSendRequestW", ERROR_INTERNET_TIMEOUT, 3, 0));
-  EXPECT_EQ(f.Read(0, 4, buffer.data()), -1);
-  EXPECT_EQ(TqPlatformInjectedFailures("HttpSendRequestW"), 3u);
   EXPECT_EQ(server.heads().size(), 1u);
   EXPECT_THAT(TakeLog(), IsEmpty());
 
@@ -284,16 +263,16 @@ TEST_F(RangedReadTest, ReadOf4GiBOrMoreAsksForEveryByte) {
   EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=0-4294967311\r\n"));
 }
 
-class AddHeaderHandler : public qv::net::HttpRequestHandler {
+class Handler : public qv::net::HttpRequestHandler {
  public:
+  explicit Handler(bool throws) : throws_(throws) {}
   void HandlePreRequest(qv::net::HttpRequest& request) override {
+    if (throws_) throw std::runtime_error("refused");
     request.AddHeader(L"X-Host", L"yes");
   }
-};
 
-class ThrowingHandler : public qv::net::HttpRequestHandler {
- public:
-  void HandlePreRequest(qv::net::HttpRequest&) override { throw std::runtime_error("refused"); }
+ private:
+  bool throws_;
 };
 
 TEST_F(RangedReadTest, PreRequestHandlersAmendTheRequestBeforeTheRange) {
@@ -301,7 +280,7 @@ TEST_F(RangedReadTest, PreRequestHandlersAmendTheRequestBeforeTheRange) {
   OpenedFile f(protocol_, server.Url("/f"));
   ASSERT_TRUE(f.ok());
   std::vector<unsigned char> buffer(4);
-  AddHeaderHandler handler;
+  Handler handler(false);
   qv::net::HttpRequestHandlerManager::RegisterHandler(&handler);
   EXPECT_EQ(f.Read(0, 4, buffer.data()), 4);
   qv::net::HttpRequestHandlerManager::UnregisterHandler(&handler);
@@ -309,7 +288,7 @@ TEST_F(RangedReadTest, PreRequestHandlersAmendTheRequestBeforeTheRange) {
   EXPECT_THAT(server.heads()[0], HasSubstr("\r\nX-Host: yes\r\nRange: bytes=0-3\r\n"));
 
   // A handler's exception reaches the caller before anything is sent.
-  ThrowingHandler thrower;
+  Handler thrower(true);
   qv::net::HttpRequestHandlerManager::RegisterHandler(&thrower);
   EXPECT_THROW(f.Read(0, 4, buffer.data()), std::runtime_error);
   qv::net::HttpRequestHandlerManager::UnregisterHandler(&thrower);
