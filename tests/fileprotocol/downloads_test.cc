@@ -10,7 +10,6 @@
 #include <fstream>
 #include <future>
 #include <iterator>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -41,31 +40,6 @@ std::string Bytes(std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 7 + i / 251) & 0xFF);
   return s;
 }
-
-class RecordingProgress : public TqUProgress {
- public:
-  bool SetProgress(double fraction) override {
-    std::lock_guard lock(mutex_);
-    fractions_.push_back(fraction);
-    return true;
-  }
-  std::vector<double> Fractions() const {
-    std::lock_guard lock(mutex_);
-    return fractions_;
-  }
-  // 0.0 at every report but the last, which is 1.0.
-  bool ZeroUntilTheEnd() const {
-    const auto f = Fractions();
-    for (std::size_t i = 0; i + 1 < f.size(); ++i) {
-      if (f[i] != 0.0) return false;
-    }
-    return f.size() >= 2 && f.back() == 1.0;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<double> fractions_;
-};
 
 // Records the URL Moniker's callbacks; can abort through the binding at the first data. The
 // protocol's callback underneath holds the binding (ASan sees a reference too many or too few).
@@ -107,12 +81,17 @@ TEST(UrlDownloadCacheName, IsStableAndSafe) {
             UrlDownloadCacheFileName("http://h/a/b.txt?q"));
   EXPECT_NE(UrlDownloadCacheFileName("http://h/a/b.txt?q"),
             UrlDownloadCacheFileName("http://h/a/b.txt?r"));
-  const std::pair<std::string, std::string> names[] = {
-      {"http://h/a/b.txt", "-b.txt"},   {"http://h/", "-download"},
-      {"http://h", "-download"},        {"http://h/..", "-download"},
-      {"http://h/a%20b;c", "-a_20b_c"}, {"http://h/" + std::string(100, 'n'), "-" + std::string(64, 'n')}};
   // A 16-character hash of the URL, then its last segment made safe and cut to 64.
-  for (const auto& [url, tail] : names) EXPECT_EQ(UrlDownloadCacheFileName(url).substr(16), tail) << url;
+  const std::pair<std::string, std::string> names[] = {
+      {"http://h/a/b.txt", "-b.txt"},
+      {"http://h/", "-download"},
+      {"http://h", "-download"},
+      {"http://h/..", "-download"},
+      {"http://h/a%20b;c", "-a_20b_c"},
+      {"http://h/" + std::string(100, 'n'), "-" + std::string(64, 'n')}};
+  for (const auto& [url, tail] : names) {
+    EXPECT_EQ(UrlDownloadCacheFileName(url).substr(16), tail) << url;
+  }
 }
 
 class DownloadTest : public ProtocolTest {
@@ -188,8 +167,8 @@ TEST_F(DownloadTest, UrlDownloadFailuresMapToResultCodes) {
     RawResponder gone([](RawConnection&) {});
     closed_port = gone.port();
   }
-  EXPECT_EQ(URLDownloadToFileW(nullptr, W("http://127.0.0.1:" + std::to_string(closed_port) + "/").c_str(),
-                               target.c_str(), 0, nullptr),
+  const std::wstring refused = W("http://127.0.0.1:" + std::to_string(closed_port) + "/");
+  EXPECT_EQ(URLDownloadToFileW(nullptr, refused.c_str(), target.c_str(), 0, nullptr),
             INET_E_CANNOT_CONNECT);
 
   // Bad input is refused before any callback.
@@ -247,7 +226,7 @@ TEST_F(DownloadTest, GetFileWritesTheBodyAndReportsProgress) {
   // A body without a length reports 0.0 until the end; a known length rises: nginx test.
   const std::string body = Bytes(10000);
   server_.Route("/chunked", ScriptedResponse(200, body).Chunked(1000));
-  RecordingProgress progress;
+  RecordedProgress progress;
   const auto target = dir_.path() / "c.bin";
   ASSERT_TRUE(protocol_->GetFile(Url("/chunked").c_str(), W(target.string()).c_str(), &progress));
   EXPECT_TRUE(progress.ZeroUntilTheEnd());
@@ -263,7 +242,7 @@ TEST_F(DownloadTest, GetFileFailuresKeepAnExistingFile) {
   const auto target = dir_.path() / "keep.txt";
   dir_.WriteFile("keep.txt", "old contents");
   const std::wstring wide_target = W(target.string());
-  RecordingProgress progress;
+  RecordedProgress progress;
   server_.Route("/gone", ScriptedResponse(404, "not here"));
   EXPECT_FALSE(protocol_->GetFile(Url("/gone").c_str(), wide_target.c_str(), &progress));
   EXPECT_TRUE(progress.ZeroUntilTheEnd());  // no byte taken; 1.0 ends every download
@@ -285,13 +264,13 @@ TEST_F(DownloadTest, GetFileFailuresKeepAnExistingFile) {
 TEST_F(DownloadTest, GetFileToCacheGivesThePathOfTheCopy) {
   server_.Route("/dir/report.pdf", ScriptedResponse(200, "pdf bytes"));
   TqUWideStringBuffer path(L"unchanged");
-  RecordingProgress progress;
+  RecordedProgress progress;
   ASSERT_TRUE(protocol_->GetFileToCache(Url("/dir/report.pdf?v=1").c_str(), &progress, &path));
   const fs::path cached(qv::WideToUtf8(path.View()));
   EXPECT_EQ(cached.parent_path(), dir_.path() / "cache" / "tqnetwork" / "downloads");
   EXPECT_EQ(cached.filename().string().substr(16), "-report.pdf");
   EXPECT_EQ(ReadAll(cached), "pdf bytes");
-  EXPECT_EQ(progress.Fractions().back(), 1.0);
+  EXPECT_EQ(progress.values.back(), 1.0);
 
   // The same URL lands on the same file again.
   server_.Route("/dir/report.pdf", ScriptedResponse(200, "new bytes"));

@@ -50,12 +50,9 @@ class NginxFileProtocolTest : public ProtocolTest {
     ProtocolTest::SetUp();
   }
 
-  static NginxHarness* nginx_;
-  static std::string* content_;
+  static inline NginxHarness* nginx_ = nullptr;
+  static inline std::string* content_ = nullptr;
 };
-
-NginxHarness* NginxFileProtocolTest::nginx_ = nullptr;
-std::string* NginxFileProtocolTest::content_ = nullptr;
 
 TEST_F(NginxFileProtocolTest, RandomRangesOnFourThreadsReturnExactlyTheFilesBytes) {
   constexpr int kThreads = 4;
@@ -133,19 +130,10 @@ TEST_F(NginxFileProtocolTest, FileInformationIsWhatNginxServes) {
                                             "Unhandled Status Code for " + missing + ": 404"}}));
 }
 
-class Fractions : public TqUProgress {
- public:
-  bool SetProgress(double fraction) override {
-    values.push_back(fraction);
-    return true;
-  }
-  std::vector<double> values;
-};
-
 TEST_F(NginxFileProtocolTest, GetFileWritesAnIdenticalFile) {
   TempDir dir;
   const auto target = dir.path() / "copy.bin";
-  Fractions progress;
+  RecordedProgress progress;
   ASSERT_TRUE(protocol_->GetFile(W(nginx_->Url("/data/file.bin")).c_str(),
                                  W(target.string()).c_str(), &progress));
   std::ifstream in(target, std::ios::binary);

@@ -29,6 +29,22 @@ inline void PrintTo(const Posted& p, std::ostream* os) {
   *os << "{" << p.severity << ", \"" << p.text << "\"}";
 }
 
+// The fractions a download reported, in order; downloads report on the calling thread.
+struct RecordedProgress : TqUProgress {
+  bool SetProgress(double fraction) override {
+    values.push_back(fraction);
+    return true;
+  }
+  // 0.0 at every report but the last, which is 1.0.
+  bool ZeroUntilTheEnd() const {
+    for (std::size_t i = 0; i + 1 < values.size(); ++i) {
+      if (values[i] != 0.0) return false;
+    }
+    return values.size() >= 2 && values.back() == 1.0;
+  }
+  std::vector<double> values;
+};
+
 class ProtocolTest : public ::testing::Test {
  protected:
   void SetUp() override {
