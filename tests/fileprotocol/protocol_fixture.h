@@ -20,9 +20,7 @@ inline std::wstring W(const std::string& text) { return qv::Utf8ToWide(text); }
 struct Posted {
   int severity;
   std::string text;
-  bool operator==(const Posted& other) const {
-    return severity == other.severity && text == other.text;
-  }
+  bool operator==(const Posted&) const = default;
 };
 
 inline void PrintTo(const Posted& p, std::ostream* os) {
