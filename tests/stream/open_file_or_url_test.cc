@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cwchar>
 #include <filesystem>
 #include <fstream>
@@ -35,17 +34,15 @@ std::string ReadAll(qv::io::IDataReadStream& stream) {
   return text;
 }
 
-std::unique_ptr<qv::io::IDataSeekableReadStream> MemoryWith(const std::string& text) {
-  auto memory = std::make_unique<qv::io::MemoryStream>();
-  memory->Write(text.data(), text.size());
-  memory->RSeek(0, qv::io::StreamPosition::Begin);
-  return memory;
+FakeResponse Ok(std::string body) {
+  FakeResponse response;
+  response.Header(L"Content-Length", std::to_wstring(body.size())).Body(std::move(body));
+  return response;
 }
 
-// A cache that records what it is asked and answers with a fixed body (or throws).
+// Records what it is asked and answers "cached:<url>" (or throws).
 class RecordingCache : public qv::net::IUrlCache {
  public:
-  bool QueryFlag() override { return false; }
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenUrl(std::wstring_view url, int flags,
                                                            qv::stop_token stop) override {
     std::lock_guard lock(m_mutex);
@@ -53,8 +50,13 @@ class RecordingCache : public qv::net::IUrlCache {
     m_flags.push_back(flags);
     m_stop_possible = stop.stop_possible();
     if (m_throw) throw std::runtime_error("cache broke");
-    return MemoryWith("cached:" + qv::WideToUtf8(url));
+    auto memory = std::make_unique<qv::io::MemoryStream>();
+    const std::string text = "cached:" + qv::WideToUtf8(url);
+    memory->Write(text.data(), text.size());
+    memory->RSeek(0, qv::io::StreamPosition::Begin);
+    return memory;
   }
+  bool QueryFlag() override { return false; }
   void Clear() override {}
   bool CleanUp() override { return true; }
   std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(std::wstring_view) override {
@@ -71,7 +73,7 @@ class RecordingCache : public qv::net::IUrlCache {
   bool m_throw = false;
 };
 
-// Installs a cache (or none) and a worker pool for one test, and removes them after.
+// A local file, and a cache and a worker pool installed on demand and removed after the test.
 class OpenFileOrUrlTest : public tq::test::FakeTransportTest {
  protected:
   void SetUp() override {
@@ -102,12 +104,6 @@ class OpenFileOrUrlTest : public tq::test::FakeTransportTest {
   std::filesystem::path m_file;
 };
 
-FakeResponse Ok(std::string body) {
-  FakeResponse response;
-  response.Header(L"Content-Length", std::to_wstring(body.size())).Body(std::move(body));
-  return response;
-}
-
 TEST_F(OpenFileOrUrlTest, LocalPathsOpenTheFileAndUrlsAreReadIntoMemoryWithoutCache) {
   auto local = OpenFileOrUrl(m_file.wstring(), 0, {});
   ASSERT_NE(local, nullptr);
@@ -132,45 +128,15 @@ TEST_F(OpenFileOrUrlTest, LocalPathsOpenTheFileAndUrlsAreReadIntoMemoryWithoutCa
   EXPECT_EQ(m_log.Text(), "");
 }
 
-TEST_F(OpenFileOrUrlTest, UrlFailuresWithoutCacheGiveEmptyStreamsOrNull) {
-  FakeResponse missing;
-  missing.status = 404;
-  m_api.Queue(missing);
-  auto not_found = OpenFileOrUrl(kUrl, 0, {});
-  ASSERT_NE(not_found, nullptr) << "a 404 is an empty stream, not null";
-  EXPECT_EQ(ReadAll(*not_found), "");
-
-  m_log.Clear();
-  FakeResponse unsent;
-  unsent.send_fails = true;
-  m_api.Queue(unsent);
-  auto not_sent = OpenFileOrUrl(kUrl, 0, {});
-  ASSERT_NE(not_sent, nullptr);
-  EXPECT_EQ(ReadAll(*not_sent), "");
-  EXPECT_EQ(m_log.Text(), "");
-
-  qv::net::HttpConnectionPool::Terminate();
-  m_api.FailNextConnects(1);
-  EXPECT_EQ(OpenFileOrUrl(kUrl, 0, {}), nullptr);
-  EXPECT_EQ(m_log.Text(),
-            "Failed to open stream for URL: http://example.test/remote.bin: Unable to create "
-            "HTTP connection\n\n");
-}
-
-TEST_F(OpenFileOrUrlTest, AStopAlreadyRequestedOpensNothing) {
+TEST_F(OpenFileOrUrlTest, UrlsGoThroughTheInstalledCacheUnlessAStopWasRequested) {
   RecordingCache* cache = InstallCache();
-  qv::stop_source stop;
-  stop.request_stop();
-  EXPECT_EQ(OpenFileOrUrl(m_file.wstring(), 0, stop.get_token()), nullptr);
-  EXPECT_EQ(OpenFileOrUrl(kUrl, 0, stop.get_token()), nullptr);
+  qv::stop_source stopped;
+  stopped.request_stop();
+  EXPECT_EQ(OpenFileOrUrl(m_file.wstring(), 0, stopped.get_token()), nullptr);
+  EXPECT_EQ(OpenFileOrUrl(kUrl, 0, stopped.get_token()), nullptr);
+  EXPECT_EQ(OpenFileOrUrlAsync(m_file.wstring(), 0, stopped.get_token()).get(), nullptr);
   EXPECT_TRUE(cache->m_urls.empty());
-  EXPECT_TRUE(m_api.Calls().empty());
-  // Asynchronously too: a local path is answered at once with null.
-  EXPECT_EQ(OpenFileOrUrlAsync(m_file.wstring(), 0, stop.get_token()).get(), nullptr);
-}
 
-TEST_F(OpenFileOrUrlTest, UrlsGoThroughTheInstalledCacheWithFlagsAndStop) {
-  RecordingCache* cache = InstallCache();
   qv::stop_source stop;
   auto stream = OpenFileOrUrl(kUrl, qv::net::IUrlCache::NeverExpire, stop.get_token());
   ASSERT_NE(stream, nullptr);
@@ -187,11 +153,21 @@ TEST_F(OpenFileOrUrlTest, UrlsGoThroughTheInstalledCacheWithFlagsAndStop) {
   EXPECT_THROW(OpenFileOrUrl(kUrl, 0, {}), std::runtime_error);
 }
 
-TEST_F(OpenFileOrUrlTest, AsyncLocalPathsAreReadyAtOnceWhileThePoolIsBusy) {
+TEST_F(OpenFileOrUrlTest, AsyncLocalPathsAreReadyAtOnceAndUrlsWithoutAPoolAreABrokenPromise) {
+  auto no_pool = OpenFileOrUrlAsync(kUrl, 0, {});
+  ASSERT_EQ(no_pool.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+  try {
+    no_pool.get();
+    ADD_FAILURE() << "a URL was opened without a pool";
+  } catch (const std::future_error& e) {
+    EXPECT_EQ(e.code(), std::make_error_code(std::future_errc::broken_promise));
+  }
+  EXPECT_TRUE(m_api.Calls().empty());
+
+  // A local file never waits behind network work, even with the only worker busy.
   thread_pool* pool = InstallPool(1);
   std::promise<void> release;
   auto busy = pool->submit([gate = release.get_future().share()] { gate.wait(); });
-
   auto future = OpenFileOrUrlAsync(m_file.wstring(), 0, {});
   ASSERT_EQ(future.wait_for(std::chrono::seconds(0)), std::future_status::ready);
   auto stream = future.get();
@@ -203,54 +179,13 @@ TEST_F(OpenFileOrUrlTest, AsyncLocalPathsAreReadyAtOnceWhileThePoolIsBusy) {
 }
 
 TEST_F(OpenFileOrUrlTest, AsyncUrlsRunOnTheWorkersAndSeeAStopMadeWhileQueued) {
-  thread_pool* pool = InstallPool(1);
-  m_api.Queue(Ok("from a worker"));
-  auto remote = OpenFileOrUrlAsync(kUrl, 0, {}).get();
-  ASSERT_NE(remote, nullptr);
-  EXPECT_EQ(ReadAll(*remote), "from a worker");
-
-  // The only worker is held; the stop comes before it picks the task up.
-  std::promise<void> release;
-  auto busy = pool->submit([gate = release.get_future().share()] { gate.wait(); });
-  qv::stop_source stop;
-  auto stopped = OpenFileOrUrlAsync(kUrl, 0, stop.get_token());
-  stop.request_stop();
-  release.set_value();
-  busy.get();
-  EXPECT_EQ(stopped.get(), nullptr);
-  EXPECT_EQ(m_api.CountCalls("Send"), 1) << "the stopped task sent nothing";
-
-  // An exception on the worker arrives through the future.
-  RecordingCache* cache = InstallCache();
-  cache->m_throw = true;
-  auto failing = OpenFileOrUrlAsync(kUrl, 0, {});
-  EXPECT_THROW(failing.get(), std::runtime_error);
-}
-
-TEST_F(OpenFileOrUrlTest, AsyncUrlsWithoutAPoolAreABrokenPromiseAtOnce) {
-  ASSERT_EQ(qv::net::WorkerThreadPool(), nullptr);
-  auto future = OpenFileOrUrlAsync(kUrl, 0, {});
-  ASSERT_EQ(future.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-  try {
-    future.get();
-    ADD_FAILURE() << "a URL was opened without a pool";
-  } catch (const std::future_error& e) {
-    EXPECT_EQ(e.code(), std::make_error_code(std::future_errc::broken_promise));
-  }
-  EXPECT_TRUE(m_api.Calls().empty());
-  // Local paths need no pool.
-  EXPECT_NE(OpenFileOrUrlAsync(m_file.wstring(), 0, {}).get(), nullptr);
-}
-
-TEST_F(OpenFileOrUrlTest, ManyAsyncUrlsAtOnceAllArrive) {
-  InstallPool(4);
+  thread_pool* pool = InstallPool(4);
   m_api.SetResponder([](const tq::test::SentRequest& sent) {
     return Ok("body of " + qv::WideToUtf8(sent.resource));
   });
   std::vector<std::future<std::unique_ptr<qv::io::IDataSeekableReadStream>>> futures;
   for (int i = 0; i < 32; ++i) {
-    futures.push_back(
-        OpenFileOrUrlAsync(L"http://example.test/f" + std::to_wstring(i), 0, {}));
+    futures.push_back(OpenFileOrUrlAsync(L"http://example.test/f" + std::to_wstring(i), 0, {}));
   }
   for (int i = 0; i < 32; ++i) {
     auto stream = futures[i].get();
@@ -258,6 +193,23 @@ TEST_F(OpenFileOrUrlTest, ManyAsyncUrlsAtOnceAllArrive) {
     EXPECT_EQ(ReadAll(*stream), "body of /f" + std::to_string(i));
   }
   EXPECT_EQ(m_api.CountCalls("Connect"), 1) << "one pooled connection for the server";
+
+  // Every worker is held; the stop comes before one picks the task up.
+  std::promise<void> release;
+  std::shared_future<void> gate = release.get_future().share();
+  std::vector<std::future<void>> busy;
+  for (int i = 0; i < 4; ++i) busy.push_back(pool->submit([gate] { gate.wait(); }));
+  qv::stop_source stop;
+  auto stopped = OpenFileOrUrlAsync(kUrl, 0, stop.get_token());
+  stop.request_stop();
+  release.set_value();
+  for (auto& task : busy) task.get();
+  EXPECT_EQ(stopped.get(), nullptr);
+  EXPECT_EQ(m_api.CountCalls("Send"), 32) << "the stopped task sent nothing";
+
+  // An exception on the worker arrives through the future.
+  InstallCache()->m_throw = true;
+  EXPECT_THROW(OpenFileOrUrlAsync(kUrl, 0, {}).get(), std::runtime_error);
 }
 
 // The guard TerminateHttp relies on: shutting the pool down before the transport is released
