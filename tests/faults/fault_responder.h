@@ -47,6 +47,18 @@ inline constexpr Fault kAllFaults[] = {
     Fault::kStallBeforeHead, Fault::kStallMidBody,    Fault::kMalformedHeader,
     Fault::kOversizedHeader, Fault::kTooManyRequests, Fault::kBadGateway};
 
+// Faults that leave no usable answer head, and faults that cut a 200 answer's body.
+inline bool IsHeadFault(Fault fault) {
+  return fault == Fault::kResetBeforeHead || fault == Fault::kStallBeforeHead ||
+         fault == Fault::kMalformedHeader || fault == Fault::kOversizedHeader;
+}
+inline bool IsBodyFault(Fault fault) {
+  return fault == Fault::kResetMidBody || fault == Fault::kShortBody ||
+         fault == Fault::kStallMidBody;
+}
+inline constexpr Fault kBodyFaults[] = {Fault::kResetMidBody, Fault::kShortBody,
+                                        Fault::kStallMidBody};
+
 // Deterministic body bytes, so a torn or shifted copy never compares equal by accident.
 inline std::string FaultBody(std::size_t size, unsigned seed = 0) {
   std::string bytes(size, '\0');

@@ -29,11 +29,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 
-bool IsBodyFault(Fault fault) {
-  return fault == Fault::kResetMidBody || fault == Fault::kShortBody ||
-         fault == Fault::kStallMidBody;
-}
-
 class FileProtocolFaultTest : public FaultTest {
  protected:
   void SetUp() override {
