@@ -28,18 +28,12 @@ enum class Fault {
 };
 
 inline const char* FaultName(Fault fault) {
-  switch (fault) {
-    case Fault::kResetBeforeHead: return "reset before head";
-    case Fault::kResetMidBody: return "reset mid-body";
-    case Fault::kShortBody: return "body shorter than its Content-Length";
-    case Fault::kStallBeforeHead: return "stall before head";
-    case Fault::kStallMidBody: return "stall mid-body";
-    case Fault::kMalformedHeader: return "malformed header";
-    case Fault::kOversizedHeader: return "oversized header";
-    case Fault::kTooManyRequests: return "429 storm";
-    case Fault::kBadGateway: return "502 storm";
-  }
-  return "?";
+  // In the order of the enumeration.
+  static const char* const kNames[] = {
+      "reset before head", "reset mid-body", "body shorter than its Content-Length",
+      "stall before head", "stall mid-body", "malformed header", "oversized header",
+      "429 storm", "502 storm"};
+  return kNames[static_cast<int>(fault)];
 }
 
 inline constexpr Fault kAllFaults[] = {

@@ -1,6 +1,7 @@
 // The stream layer end to end: the WinINet backend over the platform layer, against nginx, the
 // scriptable server and the raw responder on 127.0.0.1. Retry waits go through the recording
-// sleep; nothing here waits through a real retry delay.
+// sleep. Cut, reset and stalled answers and the 502 storm are driven through this same layer by
+// the fault suite (tests/faults).
 #include "net/stream/read_stream.h"
 
 #include <gmock/gmock.h>
@@ -8,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <latch>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -51,27 +51,15 @@ std::string ReadAll(qv::io::IDataReadStream& stream) {
   return text;
 }
 
-std::string Contents(const qv::io::MemoryStream& memory) {
-  const auto& bytes = memory.Sink()->bytes;
-  return std::string(bytes.begin(), bytes.end());
-}
-
-// A write stream that tells the test about its first write.
-class SignallingTarget : public qv::io::IDataWriteStream {
- public:
+// A write stream that opens a gate at its first write.
+struct SignallingTarget : qv::io::IDataWriteStream {
   std::uint64_t Write(const void* buffer, std::uint64_t size) override {
-    m_bytes.append(static_cast<const char*>(buffer), size);
-    if (!m_signalled) {
-      m_signalled = true;
-      m_first_write.count_down();
-    }
+    bytes.append(static_cast<const char*>(buffer), size);
+    first_write.Open();
     return size;
   }
-  std::latch m_first_write{1};
-  std::string m_bytes;
-
- private:
-  bool m_signalled = false;
+  tq::test::Gate first_write;
+  std::string bytes;
 };
 
 class HttpStreamsEndToEndTest : public ::testing::Test {
@@ -115,7 +103,7 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesAFileWholeA404AndAHeadFirstOpen) {
   auto memory = qv::net::ReadUrlIntoMemory(url, {});
   ASSERT_NE(memory, nullptr);
   EXPECT_EQ(memory->Size(), body.size());
-  EXPECT_TRUE(Contents(*memory) == body);
+  EXPECT_TRUE(std::string(memory->Sink()->bytes.begin(), memory->Sink()->bytes.end()) == body);
   EXPECT_EQ(memory->Sink()->bytes.capacity(), body.size()) << "sized from Content-Length";
 
   auto head_first = HttpReadStream::Open(url, HttpReadStream::FlagMakeHeadRequest, {});
@@ -226,12 +214,13 @@ TEST_F(HttpStreamsEndToEndTest, AStopFromAnotherThreadEndsACopyBetweenChunks) {
   SignallingTarget target;
   qv::net::CopyStreamResult result;
   std::thread copier([&] { result = qv::net::CopyStream(*source, target, stop.get_token()); });
-  target.m_first_write.wait();  // the copy is now waiting for bytes the server holds back
+  // The copy is now waiting for bytes the server holds back.
+  EXPECT_TRUE(target.first_write.Wait());
   stop.request_stop();
   responder.Release();
   copier.join();
   EXPECT_FALSE(result.completed);
-  EXPECT_EQ(result.bytes_copied, target.m_bytes.size());
+  EXPECT_EQ(result.bytes_copied, target.bytes.size());
   EXPECT_GE(result.bytes_copied, 1000u);
   EXPECT_EQ(m_log.Text(), "");
 }

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <latch>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -210,35 +209,6 @@ TEST_F(OpenFileOrUrlTest, AsyncUrlsRunOnTheWorkersAndSeeAStopMadeWhileQueued) {
   // An exception on the worker arrives through the future.
   InstallCache()->m_throw = true;
   EXPECT_THROW(OpenFileOrUrlAsync(kUrl, 0, {}).get(), std::runtime_error);
-}
-
-// The guard TerminateHttp relies on: shutting the pool down before the transport is released
-// waits for a task that is inside the transport, and breaks the ones still queued.
-TEST_F(OpenFileOrUrlTest, ShuttingThePoolDownWaitsForATaskInsideTheTransport) {
-  thread_pool* pool = InstallPool(1);
-  std::latch in_transport(1);
-  std::promise<void> release;
-  std::shared_future<void> gate = release.get_future().share();
-  m_api.OnSend([&](const tq::test::SentRequest&) {
-    in_transport.count_down();
-    gate.wait();
-  });
-  m_api.Queue(Ok("late"));
-  auto running = OpenFileOrUrlAsync(kUrl, 0, {});
-  auto queued = OpenFileOrUrlAsync(kUrl, 0, {});
-  in_transport.wait();
-  qv::net::detail::SetStopHookForTesting([&] { release.set_value(); });
-  pool->Shutdown();
-  qv::net::detail::SetStopHookForTesting(nullptr);
-  // Every transport call of the running task is over: the transport could go now.
-  ASSERT_EQ(running.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-  auto stream = running.get();
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(ReadAll(*stream), "late");
-  EXPECT_EQ(m_api.OpenRequestHandles(), 0u);
-  qv::net::ExchangeWorkerThreadPool(nullptr).reset();
-  EXPECT_THROW(queued.get(), std::future_error);
-  m_api.OnSend(nullptr);
 }
 
 }  // namespace

@@ -229,48 +229,44 @@ TEST_F(HttpReadStreamTest, StopNoConnectionOrNoTransportBeforeTheFirstSendThrows
   EXPECT_EQ(text, kNoConnection);
 }
 
+// A stop during the HEAD still sends the GET once; during a retry wait the resent request is
+// closed and the last status kept; after the retry loop looked at the token for the last time
+// the request stays open but unsuccessful. Every request sent is closed.
 TEST_F(HttpReadStreamTest, StopDuringTheExchangeClosesEveryRequestSent) {
-  {  // During the HEAD: the GET is still sent once, and closed.
+  struct Case {
+    const char* when;
+    int flags;
+    std::vector<FakeResponse> script;
+    State state;
+    std::vector<std::string> calls;
+  };
+  const Case cases[] = {
+      {"HEAD", kHead, {Status(200).Header(L"Content-Length", L"5"), Status(200)},
+       {false, false, HttpStatus::Unknown}, {kSendHead, "Close", kSend, "Close"}},
+      {"retry wait", 0, {Status(502), Status(200)},
+       {false, false, HttpStatus::BadGateway}, {kSend, "Status", "Close", kSend, "Close"}},
+      {"status", 0, {Status(200).Header(L"Content-Length", L"4").Body("data")},
+       {true, false, HttpStatus::OK}, {kSend, "Status", "Close"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.when);
     qv::stop_source source;
+    const std::string when = c.when;
     m_api.OnSend([&](const tq::test::SentRequest& sent) {
-      if (sent.method == L"HEAD") source.request_stop();
+      if (when == "HEAD" && sent.method == L"HEAD") source.request_stop();
     });
-    m_api.Queue(Status(200).Header(L"Content-Length", L"5"));
-    m_api.Queue(Status(200));
-    auto stream = HttpReadStream::Open(kUrl, kHead, source.get_token());
-    m_api.OnSend(nullptr);
-    EXPECT_EQ(StateOf(*stream), State(false, false, HttpStatus::Unknown));
-    EXPECT_FALSE(stream->ContentSize().has_value());
-    EXPECT_EQ(stream->Read(nullptr, 10), 0u);
-    EXPECT_THAT(StreamCalls(), ElementsAre(kSendHead, "Close", kSend, "Close"));
-  }
-  const std::size_t before_wait = StreamCalls().size();
-  {  // During a retry wait: the resent request is closed, the last status kept.
-    qv::stop_source source;
     OnSleep([&](std::chrono::milliseconds) { source.request_stop(); });
-    m_api.Queue(Status(502));
-    m_api.Queue(Status(200));
-    auto stream = HttpReadStream::Open(kUrl, 0, source.get_token());
-    OnSleep(nullptr);
-    EXPECT_EQ(StateOf(*stream), State(false, false, HttpStatus::BadGateway));
-    const auto calls = StreamCalls();
-    EXPECT_THAT(std::vector(calls.begin() + before_wait, calls.end()),
-                ElementsAre(kSend, "Status", "Close", kSend, "Close"));
-  }
-  const std::size_t before_loop_end = StreamCalls().size();
-  {  // After the retry loop looked at the token: open but unsuccessful, nothing more is asked.
-    qv::stop_source source;
-    m_api.on_status = [&] { source.request_stop(); };
-    m_api.Queue(Status(200).Header(L"Content-Length", L"4").Body("data"));
-    auto stream = HttpReadStream::Open(kUrl, 0, source.get_token());
+    m_api.on_status = [&] { if (when == "status") source.request_stop(); };
+    for (const FakeResponse& response : c.script) m_api.Queue(response);
+    const std::size_t before = StreamCalls().size();
+    auto stream = HttpReadStream::Open(kUrl, c.flags, source.get_token());
     m_api.on_status = nullptr;
-    EXPECT_EQ(StateOf(*stream), State(true, false, HttpStatus::OK));
+    EXPECT_EQ(StateOf(*stream), c.state);
     EXPECT_FALSE(stream->ContentSize().has_value());
     EXPECT_EQ(stream->Read(nullptr, 10), 0u);
     stream.reset();
     const auto calls = StreamCalls();
-    EXPECT_THAT(std::vector(calls.begin() + before_loop_end, calls.end()),
-                ElementsAre(kSend, "Status", "Close"));
+    EXPECT_EQ(std::vector(calls.begin() + before, calls.end()), c.calls);
   }
   EXPECT_EQ(m_log.Text(), "");
 }

@@ -235,7 +235,7 @@ TEST_F(UrlReadingTest, OpenUrlReadStreamRoutesBySchemeAndReturnsUnsuccessfulStre
   EXPECT_EQ(m_log.Text(), "");
 }
 
-TEST_F(UrlReadingTest, ReadUrlIntoMemoryHoldsTheWholeBodyOrAnEmptyStreamForOtherAnswers) {
+TEST_F(UrlReadingTest, ReadUrlIntoMemoryHoldsTheWholeBodyAtPositionZero) {
   m_api.Queue(Answer(200, {"first-", "second-", "third"}, L"18"));
   auto memory = ReadUrlIntoMemory(kUrl, {});
   ASSERT_NE(memory, nullptr);
@@ -251,22 +251,6 @@ TEST_F(UrlReadingTest, ReadUrlIntoMemoryHoldsTheWholeBodyOrAnEmptyStreamForOther
   ASSERT_NE(grown, nullptr);
   EXPECT_EQ(grown->Size(), 6u) << "no Content-Length";
   EXPECT_EQ(m_log.Text(), "");
-
-  m_api.Queue(Answer(404, {"<html>not here</html>"}));
-  auto not_found = ReadUrlIntoMemory(kUrl, {});
-  ASSERT_NE(not_found, nullptr);
-  EXPECT_EQ(not_found->Size(), 0u);
-  EXPECT_EQ(not_found->RTell(), 0u);
-  EXPECT_THAT(m_log.Lines(), ElementsAre("Error: HTTP Response 404 for GET " +
-                                         qv::WideToUtf8(kUrl) + "\n"));
-  m_log.Clear();
-  FakeResponse unsent;
-  unsent.send_fails = true;
-  m_api.Queue(unsent);
-  auto not_sent = ReadUrlIntoMemory(kUrl, {});
-  ASSERT_NE(not_sent, nullptr);
-  EXPECT_EQ(not_sent->Size(), 0u);
-  EXPECT_EQ(m_log.Text(), "");
 }
 
 TEST_F(UrlReadingTest, ReadUrlIntoMemoryFailuresGiveNullWithTheirLogLines) {
@@ -275,13 +259,8 @@ TEST_F(UrlReadingTest, ReadUrlIntoMemoryFailuresGiveNullWithTheirLogLines) {
   EXPECT_EQ(ReadUrlIntoMemory(kUrl, {}), nullptr);
   EXPECT_EQ(m_log.Text(), "Failed to open stream for URL: http://example.test/data: Unable to "
                           "create HTTP connection\n\n");
-  m_log.Clear();
-  FakeResponse cut = Answer(200, {"part", "rest"});
-  cut.read_fails_after = 1;
-  m_api.Queue(cut);
-  EXPECT_EQ(ReadUrlIntoMemory(kUrl, {}), nullptr);
-  EXPECT_EQ(m_log.Text(), kCopyFailed + "Unable to read HTTP data\n\n");
 
+  // A body cut short and a stall are driven through the real transport by the fault suite.
   // A stop requested while the body is read: null, nothing logged.
   m_log.Clear();
   qv::stop_source stop;
