@@ -94,7 +94,7 @@ TEST(HttpInitTest, OwnershipOfTransportsSwappedInAndOut) {
 
 // Regression: a task still running when TerminateHttp released the transport used a destroyed
 // object. The pool now lets running tasks finish before the transport goes.
-TEST(HttpInitTest, RunningTaskFinishesBeforeTheTransportIsDestroyed) {
+TEST(HttpInitTest, AsyncTaskRunningAtTerminateFinishesBeforeTheTransportIsDestroyed) {
   std::atomic<int> destroyed{0};
   InitialiseHttp();
   delete SetHttpApi(nullptr);
