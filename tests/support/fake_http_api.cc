@@ -53,11 +53,6 @@ std::vector<SentRequest> FakeHttpApi::Sent() const {
   return m_sent;
 }
 
-std::vector<std::wstring> FakeHttpApi::ConnectedUrls() const {
-  std::lock_guard lock(m_mutex);
-  return m_connected_urls;
-}
-
 std::wstring FakeHttpApi::LastUserAgent() const {
   std::lock_guard lock(m_mutex);
   return m_user_agent;
@@ -114,7 +109,6 @@ void* FakeHttpApi::OpenInternet(const wchar_t* user_agent) {
 void* FakeHttpApi::Connect(void* internet, const TqUURL& url) {
   std::lock_guard lock(m_mutex);
   m_calls.push_back("Connect " + Narrow(url.GetHostName()) + ":" + std::to_string(url.GetPort()));
-  m_connected_urls.emplace_back(url.GetString());
   Handle* parent = Find(internet);
   if (parent == nullptr || parent->kind != Kind::Internet) {
     ADD_FAILURE() << "Connect on a handle that is not an open internet handle";

@@ -66,7 +66,6 @@ class FakeHttpApi : public qv::net::IHttpApi {
                                            // "Status", "Header", "Numeric", "Date", "Read",
                                            // "Close" — one entry per call, in order
   std::vector<SentRequest> Sent() const;
-  std::vector<std::wstring> ConnectedUrls() const;
   std::wstring LastUserAgent() const;
   int CountCalls(const std::string& prefix) const;
   bool ScriptConsumed() const;      // every queued response was used
@@ -118,7 +117,6 @@ class FakeHttpApi : public qv::net::IHttpApi {
   std::uintptr_t m_next_handle = 0x1000;
   std::vector<std::string> m_calls;
   std::vector<SentRequest> m_sent;
-  std::vector<std::wstring> m_connected_urls;
   std::wstring m_user_agent;
   int m_close_count = 0;
 };
