@@ -1,12 +1,18 @@
 #include "tqutil/streams.h"
 
+#include <fstream>
 #include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "tests/tqutil/temp_dir.h"
+#include "tqutil/file_streams.h"
+
 namespace {
 
+using qv::io::FileReadStream;
+using qv::io::FileWriteStream;
 using qv::io::MemoryStream;
 using qv::io::StreamPosition;
 
@@ -17,51 +23,61 @@ std::string ReadAll(qv::io::IDataReadStream& s, std::uint64_t chunk) {
   return out;
 }
 
-TEST(MemoryStreamTest, WriteThenReadAndSeekAtEveryChunkSize) {
-  MemoryStream s(1024);
-  EXPECT_EQ(s.Size(), 0u);
-  EXPECT_EQ(s.Write("hello ", 6), 6u);
-  EXPECT_EQ(s.Write("world", 5), 5u);
-  EXPECT_EQ(*s.MetaData().size, 11u);
-  EXPECT_FALSE(s.MetaData().etag);
-  for (std::uint64_t chunk = 1; chunk <= 12; ++chunk) {
-    EXPECT_EQ(s.RSeek(0, StreamPosition::Begin), 0u);
-    EXPECT_EQ(ReadAll(s, chunk), "hello world") << chunk;
-  }
-  EXPECT_EQ(s.RSeek(-5, StreamPosition::End), 6u);
-  EXPECT_EQ(s.RSeek(1, StreamPosition::Current), 7u);
-  EXPECT_EQ(ReadAll(s, 3), "orld");
-  EXPECT_EQ(s.RSeek(100, StreamPosition::Begin), 100u);  // past the end reads nothing
-  char c;
-  EXPECT_EQ(s.Read(&c, 1), 0u);
-  EXPECT_THROW(s.RSeek(-1, StreamPosition::Begin), std::runtime_error);
-  EXPECT_THROW(s.RSeek(-12, StreamPosition::End), std::runtime_error);
-  EXPECT_EQ(s.RTell(), 100u) << "a refused seek leaves the position";
-}
-
 TEST(MemoryStreamTest, StreamsOverOneSinkKeepTheirOwnPositions) {
   auto first = std::make_unique<MemoryStream>();
   first->Write("abcdef", 6);
-  std::shared_ptr<qv::io::MemorySink> sink = first->Sink();
-  MemoryStream second(sink);
-  MemoryStream third(sink);
+  MemoryStream second(first->Sink());
   char buffer[3];
   ASSERT_EQ(second.Read(buffer, 2), 2u);
-  EXPECT_EQ(std::string(buffer, 2), "ab");
-  EXPECT_EQ(third.RTell(), 0u);
-  EXPECT_EQ(ReadAll(third, 4), "abcdef");
-  EXPECT_EQ(first->RTell(), 0u);
-
-  // Bytes written through any stream are seen by all; the sink outlives the writer.
+  EXPECT_EQ(ReadAll(*first, 4), "abcdef");
   first->Write("gh", 2);
-  first.reset();
+  first.reset();  // the sink outlives the writer
   EXPECT_EQ(ReadAll(second, 3), "cdefgh");
-  EXPECT_EQ(sink.use_count(), 3);
-  EXPECT_EQ(second.Size(), 8u);
+  EXPECT_EQ(second.RSeek(-5, StreamPosition::End), 3u);
+  EXPECT_EQ(second.RSeek(1, StreamPosition::Current), 4u);
+  EXPECT_EQ(ReadAll(second, 1), "efgh");
+  EXPECT_THROW(second.RSeek(-1, StreamPosition::Begin), std::runtime_error);
+  EXPECT_EQ(second.RTell(), 8u) << "a refused seek leaves the position";
+  EXPECT_THROW(second.Write(nullptr, 1), std::runtime_error);
+}
 
-  MemoryStream fresh(std::shared_ptr<qv::io::MemorySink>{});
-  EXPECT_EQ(fresh.Size(), 0u) << "a null sink starts an empty one";
-  EXPECT_THROW(fresh.Write(nullptr, 1), std::runtime_error);
+TEST(FileStreamTest, BaseOffsetIsPositionZeroForReadersAndWriters) {
+  tq::test::TempDir dir;
+  const auto path = dir / "f";
+  {
+    TqUSysFile::Handle h = TqUSysFile::OpenFile(path, TqUSysFile::kAccessWrite,
+                                                TqUSysFile::kShareNone,
+                                                TqUSysFile::kCreateAlways, 0, 0);
+    ASSERT_TRUE(h);
+    std::uint64_t n = 0;
+    ASSERT_TRUE(TqUSysFile::WriteFile(h, "HDR", 3, &n));
+    FileWriteStream w(h);
+    w.SetBaseOffset(3);
+    EXPECT_EQ(w.Write("abcdef", 6), 6u);
+    EXPECT_EQ(w.WSeek(1, StreamPosition::Begin), 1u);
+    EXPECT_EQ(w.Write("B", 1), 1u);
+    EXPECT_EQ(w.WSeek(0, StreamPosition::End), 6u);
+    EXPECT_FALSE(FileReadStream::Create(path)) << "the stream holds the file";
+  }
+  EXPECT_FALSE(FileReadStream::Create(dir / "missing"));
+  auto whole = FileReadStream::Create(path);  // open throughout: readers share the file
+  ASSERT_TRUE(whole);
+  EXPECT_EQ(ReadAll(*whole, 4), "HDRaBcdef");
+  auto s = FileReadStream::Create(path);
+  ASSERT_TRUE(s);
+  s->SetBaseOffset(3);
+  EXPECT_EQ(*s->MetaData().size, 6u);
+  EXPECT_EQ(ReadAll(*s, 4), "aBcdef");
+  EXPECT_EQ(s->RSeek(-2, StreamPosition::End), 4u);
+  EXPECT_EQ(ReadAll(*s, 4), "ef");
+  EXPECT_THROW(s->RSeek(-7, StreamPosition::End), std::runtime_error);
+
+  if (std::filesystem::exists("/dev/full")) {
+    FileWriteStream full(TqUSysFile::OpenFile("/dev/full", TqUSysFile::kAccessWrite,
+                                              TqUSysFile::kShareRead,
+                                              TqUSysFile::kOpenExistingWrite, 0, 0));
+    EXPECT_THROW(full.Write("x", 1), std::runtime_error);
+  }
 }
 
 }  // namespace

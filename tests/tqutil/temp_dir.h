@@ -23,9 +23,6 @@ class TempDir {
     std::error_code ec;
     std::filesystem::remove_all(m_path, ec);
   }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
   const std::filesystem::path& Path() const { return m_path; }
   std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
 

@@ -1,0 +1,159 @@
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tqutil/app_info.h"
+#include "tqutil/component.h"
+#include "tqutil/crypt_hash.h"
+#include "tqutil/memory_pages.h"
+#include "tqutil/option.h"
+#include "tqutil/stop_token.h"
+#include "tqutil/sys_time.h"
+
+namespace {
+
+TEST(StopTokenTest, SourceAndTokensShareOneStateAndOutliveTheSource) {
+  qv::stop_token survivor;
+  EXPECT_FALSE(survivor.stop_possible());
+  {
+    qv::stop_source source;
+    survivor = qv::stop_source(source).get_token();
+    EXPECT_TRUE(survivor.stop_possible());
+    EXPECT_TRUE(source.request_stop());
+    EXPECT_FALSE(source.request_stop()) << "only the first request makes it";
+  }
+  EXPECT_TRUE(survivor.stop_requested());
+}
+
+TEST(StopTokenTest, AStopRequestedOnOneThreadIsSeenOnOthers) {
+  qv::stop_source source;
+  constexpr int kThreads = 4;
+  std::vector<std::promise<void>> started(kThreads);
+  std::vector<std::future<void>> waiters;
+  for (int i = 0; i < kThreads; ++i) {
+    waiters.push_back(std::async(std::launch::async, [&, i, token = source.get_token()] {
+      started[i].set_value();
+      while (!qv::stop_token(token).stop_requested()) {  // copies made and dropped meanwhile
+      }
+    }));
+  }
+  for (auto& s : started) s.get_future().wait();
+  std::atomic<int> winners{0};
+  std::vector<std::thread> requesters;
+  for (int i = 0; i < kThreads; ++i) {
+    requesters.emplace_back([&, source]() mutable { winners += source.request_stop(); });
+  }
+  for (auto& t : requesters) t.join();
+  for (auto& w : waiters) w.get();
+  EXPECT_EQ(winners, 1);
+}
+
+TEST(ComponentTest, OnlyTheOuterCallsDoTheWorkOnManyThreads) {
+  TqUComponent c;
+  EXPECT_FALSE(c.Terminate()) << "not initialised, and no debt for later";
+  std::atomic<int> inits{0}, terms{0};
+  for (std::atomic<int>* count : {&inits, &terms}) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+      threads.emplace_back([&, count] {
+        for (int k = 0; k < 100; ++k) *count += count == &inits ? c.Initialise(L"x") : c.Terminate();
+      });
+    }
+    for (auto& t : threads) t.join();
+  }
+  EXPECT_EQ(inits, 1);
+  EXPECT_EQ(terms, 1);
+  EXPECT_FALSE(c.IsInitialised());
+}
+
+TEST(ZeroedMemoryTest, BuffersAreZeroAndRezeroedWhereUsed) {
+  constexpr std::size_t kSize = 8388608;
+  qv::ZeroedMemory memory = qv::AllocateZeroed(kSize);
+  ASSERT_NE(memory.get(), nullptr);
+  const auto all_zero = [&] {
+    return std::all_of(memory.get(), memory.get() + kSize, [](std::uint8_t b) { return b == 0; });
+  };
+  EXPECT_TRUE(all_zero());
+  // Within the part cleared in place, past it and not on a page boundary, and all of it.
+  for (std::size_t used : {std::size_t{1}, std::size_t{3000001}, kSize}) {
+    std::memset(memory.get(), 0x5A, used);
+    qv::RezeroMemory(memory, used);
+    EXPECT_TRUE(all_zero()) << used;
+  }
+  std::vector<std::uint8_t> bytes(300000);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i % 253);
+  const std::vector<std::uint8_t> before = bytes;
+  qv::PrepareForWrite(bytes.data() + 1001, 250000);
+  EXPECT_EQ(bytes, before);
+}
+
+TEST(CryptHashTest, Sha256InPiecesAndTruncated) {
+  const auto hex = [](const unsigned char* d, std::size_t n) {
+    std::string s;
+    for (std::size_t i = 0; i < n; ++i) s += {"0123456789abcdef"[d[i] >> 4], "0123456789abcdef"[d[i] & 15]};
+    return s;
+  };
+  EXPECT_EQ(TqUSysCryptHash::Create(1), nullptr);
+  auto h = TqUSysCryptHash::Create(0);
+  ASSERT_TRUE(h);
+  ASSERT_TRUE(h->AddData("a", 1));
+  ASSERT_TRUE(h->AddData("bc", 2));
+  unsigned char digest[32];
+  ASSERT_TRUE(h->GenerateAndDestroy(digest, sizeof digest));
+  EXPECT_EQ(hex(digest, 32), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_FALSE(h->AddData("x", 1)) << "used up";
+  ASSERT_TRUE(TqUSysCryptHash::Create(0)->GenerateAndDestroy(digest, 5));
+  EXPECT_EQ(hex(digest, 5), "e3b0c44298");
+}
+
+TEST(OptionTest, HostValuesOverrideDefaults) {
+  EXPECT_EQ(TqUOption::GetInt32("unknown.key"), 0);
+  TqUOption::SetInt32("general.localcache.max_size", -3);
+  EXPECT_EQ(TqUOption::GetInt32("general.localcache.max_size"), -3);
+  TqUOption::Unset("general.localcache.max_size");
+  EXPECT_EQ(TqUOption::GetInt32("general.localcache.max_size"), 1024);
+}
+
+TEST(SysTimeTest, FileTimeConversionAndReplaceableClock) {
+  constexpr std::uint64_t kEpoch = 116444736000000000ULL;  // 1970-01-01 in file time
+  EXPECT_EQ(TqUSysTime::FromFileTime(kEpoch + 9999999), 0);
+  EXPECT_EQ(TqUSysTime::FromFileTime(kEpoch - 1), -1) << "before 1970 rounds down";
+  EXPECT_EQ(TqUSysTime::FromFileTime(130898860800000000ULL), 1445412480);
+  EXPECT_EQ(TqUSysTime::FromFileTime(UINT64_MAX), 1844674407370 - 11644473600);
+  TqUSysTime::SetClockForTesting([] { return std::int64_t{1000}; });
+  EXPECT_EQ(TqUSysTime::GetTimeNow(), 1000);
+  TqUSysTime::SetClockForTesting({});
+  EXPECT_GT(TqUSysTime::GetTimeNow(), 1000);
+}
+
+TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
+  const char* const names[] = {"XDG_CACHE_HOME", "HOME"};
+  std::vector<std::string> saved;
+  for (const char* name : names) saved.emplace_back(std::getenv(name) ? std::getenv(name) : "");
+  TqUWideStringBuffer dir;
+  ::setenv("XDG_CACHE_HOME", "/xdg/cache", 1);
+  TqUAppInfo::SetAppName(L"host");
+  ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
+  EXPECT_EQ(dir.View(), L"/xdg/cache/host");
+  TqUAppInfo::SetAppName(L"tqnetwork");
+  ::setenv("XDG_CACHE_HOME", "relative/ignored", 1);
+  ::setenv("HOME", "/home/u/", 1);
+  ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
+  EXPECT_EQ(dir.View(), L"/home/u/.cache/tqnetwork");
+  EXPECT_FALSE(TqUAppInfo::GetAppDir(1, &dir));
+  for (const char* name : names) ::unsetenv(name);
+  EXPECT_FALSE(TqUAppInfo::GetAppDir(0, &dir));
+  for (int i = 0; i < 2; ++i) {
+    if (!saved[i].empty()) ::setenv(names[i], saved[i].c_str(), 1);
+  }
+}
+
+}  // namespace
