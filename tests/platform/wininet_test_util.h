@@ -1,5 +1,4 @@
-// Helpers for tests that drive the WinINet layer: handles closed by scope, and short forms of
-// the calls tests repeat.
+// Short forms of the WinINet calls the platform tests repeat; handles close with their scope.
 #pragma once
 
 #include <memory>
@@ -14,29 +13,20 @@ namespace tq::test {
 struct CloseInternetHandle {
   void operator()(HINTERNET handle) const { InternetCloseHandle(handle); }
 };
-
-// An HINTERNET closed when it goes out of scope.
-class Handle : public std::unique_ptr<std::remove_pointer_t<HINTERNET>, CloseInternetHandle> {
- public:
-  using unique_ptr::unique_ptr;
-  void Reset() { reset(); }
-  HINTERNET Release() { return release(); }
-};
+using Handle = std::unique_ptr<std::remove_pointer_t<HINTERNET>, CloseInternetHandle>;
 
 inline Handle OpenSession() {
   return Handle(InternetOpenW(L"tqnetwork-test", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0));
 }
 
-inline Handle Connect(const Handle& session, int port, const wchar_t* host = L"127.0.0.1") {
-  return Handle(InternetConnectW(session.get(), host, static_cast<INTERNET_PORT>(port), nullptr,
-                                 nullptr, INTERNET_SERVICE_HTTP, 0, 0));
+inline Handle Connect(const Handle& session, int port) {
+  return Handle(InternetConnectW(session.get(), L"127.0.0.1", static_cast<INTERNET_PORT>(port),
+                                 nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0));
 }
 
 inline bool SetDword(HINTERNET handle, DWORD option, DWORD value) {
   return InternetSetOptionW(handle, option, &value, sizeof value) != FALSE;
 }
-
-inline std::wstring Wide(std::string_view text) { return std::wstring(text.begin(), text.end()); }
 
 inline Handle OpenRequest(const Handle& connection, const std::wstring& path,
                           const wchar_t* verb = L"GET", DWORD flags = 0) {
@@ -53,48 +43,31 @@ inline bool Send(const Handle& request, const std::wstring& headers = L"",
                           static_cast<DWORD>(body.size())) != FALSE;
 }
 
-// Reads the body to its end with reads of `chunk` bytes. On failure returns false with the
-// bytes read so far in *body and GetLastError() from the failing read.
+// On failure *body holds what arrived and GetLastError() is the failing read's.
 inline bool ReadAll(const Handle& request, std::string* body, DWORD chunk = 4096) {
   body->clear();
   std::string buffer(chunk, '\0');
-  for (;;) {
-    DWORD got = 0;
+  for (DWORD got = 1; got != 0; body->append(buffer.data(), got)) {
     if (!InternetReadFile(request.get(), buffer.data(), chunk, &got)) return false;
-    if (got == 0) return true;
-    body->append(buffer.data(), got);
   }
+  return true;
 }
 
 inline DWORD StatusCode(const Handle& request) {
   DWORD status = 0;
   DWORD length = sizeof status;
-  if (!HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status,
-                      &length, nullptr)) {
-    return 0;
-  }
+  HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &length,
+                 nullptr);
   return status;
 }
 
-// The header's text as a narrow string (ASCII tests), or "<absent>" / "<error N>". `name` is
-// the header's name for HTTP_QUERY_CUSTOM.
-inline std::string QueryText(const Handle& request, DWORD level, DWORD* index = nullptr,
-                             const std::wstring& name = L"") {
+// ASCII header text; `name` for HTTP_QUERY_CUSTOM.
+inline std::string QueryText(const Handle& request, DWORD level, const std::wstring& name = L"") {
   wchar_t buffer[4096] = {};
   name.copy(buffer, name.size());
-  DWORD length = sizeof buffer / sizeof buffer[0] * 2;
-  if (!HttpQueryInfoW(request.get(), level, buffer, &length, index)) {
-    const DWORD error = GetLastError();
-    return error == ERROR_HTTP_HEADER_NOT_FOUND ? "<absent>"
-                                                : "<error " + std::to_string(error) + ">";
-  }
-  std::string out;
-  for (DWORD i = 0; i < length / 2; ++i) out.push_back(static_cast<char>(buffer[i]));
-  return out;
-}
-
-inline std::string CustomHeader(const Handle& request, const std::wstring& name) {
-  return QueryText(request, HTTP_QUERY_CUSTOM, nullptr, name);
+  DWORD length = sizeof buffer;
+  if (!HttpQueryInfoW(request.get(), level, buffer, &length, nullptr)) return "<absent>";
+  return std::string(buffer, buffer + length / 2);
 }
 
 }  // namespace tq::test
