@@ -16,7 +16,6 @@ namespace tq::test {
 
 inline std::wstring W(const std::string& text) { return qv::Utf8ToWide(text); }
 
-// One log record as the protocol posts it.
 struct Posted {
   int severity;
   std::string text;
@@ -27,18 +26,11 @@ inline void PrintTo(const Posted& p, std::ostream* os) {
   *os << "{" << p.severity << ", \"" << p.text << "\"}";
 }
 
-// The fractions a download reported, in order; downloads report on the calling thread.
+// Downloads report on the calling thread.
 struct RecordedProgress : TqUProgress {
   bool SetProgress(double fraction) override {
     values.push_back(fraction);
     return true;
-  }
-  // 0.0 at every report but the last, which is 1.0.
-  bool ZeroUntilTheEnd() const {
-    for (std::size_t i = 0; i + 1 < values.size(); ++i) {
-      if (values[i] != 0.0) return false;
-    }
-    return values.size() >= 2 && values.back() == 1.0;
   }
   std::vector<double> values;
 };
@@ -57,18 +49,13 @@ class ProtocolTest : public ::testing::Test {
     qv::net::HttpFileProtocol::SetPreHTTPAuthenticationFunc(nullptr);
   }
 
-  // Every record posted so far; each must come from the protocol's component.
-  std::vector<Posted> Log() const {
+  // Every record posted so far, each from the protocol's component; then a fresh capture.
+  std::vector<Posted> TakeLog() {
     std::vector<Posted> out;
     for (const TqULogRecord& r : log_.Records()) {
       EXPECT_EQ(r.component, "HttpFileProtocol") << r.text;
       out.push_back({r.severity, r.text});
     }
-    return out;
-  }
-  // The same, and a fresh capture for the next step.
-  std::vector<Posted> TakeLog() {
-    std::vector<Posted> out = Log();
     log_.Clear();
     return out;
   }
@@ -93,7 +80,6 @@ class OpenedFile {
   OpenedFile& operator=(const OpenedFile&) = delete;
 
   bool ok() const { return file_ != nullptr && thread_ != nullptr; }
-  const std::wstring& url() const { return url_; }
   std::string url_utf8() const { return qv::WideToUtf8(url_); }
   TqUFileHandle* file() const { return file_; }
   TqUThreadHandle* thread() const { return thread_; }
