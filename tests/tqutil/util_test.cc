@@ -4,15 +4,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/log_capture.h"
+
 #include "tqutil/app_info.h"
 #include "tqutil/component.h"
 #include "tqutil/crypt_hash.h"
+#include "tqutil/error_log.h"
 #include "tqutil/memory_pages.h"
 #include "tqutil/option.h"
 #include "tqutil/stop_token.h"
@@ -20,26 +24,16 @@
 
 namespace {
 
-TEST(StopTokenTest, SourceAndTokensShareOneStateAndOutliveTheSource) {
-  qv::stop_token survivor;
-  EXPECT_FALSE(survivor.stop_possible());
-  {
-    qv::stop_source source;
-    survivor = qv::stop_source(source).get_token();
-    EXPECT_TRUE(survivor.stop_possible());
-    EXPECT_TRUE(source.request_stop());
-    EXPECT_FALSE(source.request_stop()) << "only the first request makes it";
-  }
-  EXPECT_TRUE(survivor.stop_requested());
-}
-
 TEST(StopTokenTest, AStopRequestedOnOneThreadIsSeenOnOthers) {
-  qv::stop_source source;
+  qv::stop_token none;
+  EXPECT_FALSE(none.stop_possible());
+  auto source = std::make_unique<qv::stop_source>();
+  const qv::stop_token survivor = source->get_token();
   constexpr int kThreads = 4;
   std::vector<std::promise<void>> started(kThreads);
   std::vector<std::future<void>> waiters;
   for (int i = 0; i < kThreads; ++i) {
-    waiters.push_back(std::async(std::launch::async, [&, i, token = source.get_token()] {
+    waiters.push_back(std::async(std::launch::async, [&, i, token = source->get_token()] {
       started[i].set_value();
       while (!qv::stop_token(token).stop_requested()) {  // copies made and dropped meanwhile
       }
@@ -49,11 +43,13 @@ TEST(StopTokenTest, AStopRequestedOnOneThreadIsSeenOnOthers) {
   std::atomic<int> winners{0};
   std::vector<std::thread> requesters;
   for (int i = 0; i < kThreads; ++i) {
-    requesters.emplace_back([&, source]() mutable { winners += source.request_stop(); });
+    requesters.emplace_back([&, s = *source]() mutable { winners += s.request_stop(); });
   }
   for (auto& t : requesters) t.join();
   for (auto& w : waiters) w.get();
   EXPECT_EQ(winners, 1);
+  source.reset();
+  EXPECT_TRUE(survivor.stop_requested()) << "a token outlives its source";
 }
 
 TEST(ComponentTest, OnlyTheOuterCallsDoTheWorkOnManyThreads) {
@@ -82,7 +78,6 @@ TEST(ZeroedMemoryTest, BuffersAreZeroAndRezeroedWhereUsed) {
     return std::all_of(memory.get(), memory.get() + kSize, [](std::uint8_t b) { return b == 0; });
   };
   EXPECT_TRUE(all_zero());
-  // Within the part cleared in place, past it and not on a page boundary, and all of it.
   for (std::size_t used : {std::size_t{1}, std::size_t{3000001}, kSize}) {
     std::memset(memory.get(), 0x5A, used);
     qv::RezeroMemory(memory, used);
@@ -154,6 +149,74 @@ TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
   for (int i = 0; i < 2; ++i) {
     if (!saved[i].empty()) ::setenv(names[i], saved[i].c_str(), 1);
   }
+}
+
+using tq::test::LogCapture;
+using Lines = std::vector<std::string>;
+
+TEST(ErrorLogTest, PiecesMakeOneLineWhenAPieceEndsWithNewline) {
+  LogCapture log;
+  TqUError::LogWideString(L"Error ");
+  TqUError::LogInt32(-404);
+  TqUSysError::LogUTF8String(" caf\xC3\xA9 ");
+  TqUError::LogNat64(18446744073709551615ULL);
+  EXPECT_TRUE(log.Lines().empty());
+  TqUError::LogWideString(L"\n");
+  TqUError::LogWideString(L"\n");  // an empty line is still a line
+  EXPECT_EQ(log.Lines(), (Lines{"Error -404 caf\xC3\xA9 18446744073709551615\n", "\n"}));
+
+  log.Clear();
+  TqUComponent component;
+  component.Initialise(L"HttpFileProtocol");
+  TqUError::Post(1, &component, L"%s failed: %d", L"http://h/\u00E9", 12002);
+  TqUError::Post(2, nullptr, L"bad %q");
+  const auto records = log.Records();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].severity, 1);
+  EXPECT_EQ(records[0].component, "HttpFileProtocol");
+  EXPECT_EQ(records[0].text, "http://h/\xC3\xA9 failed: 12002");
+  EXPECT_EQ(records[1].text, "(bad log format) bad %q");
+}
+
+TEST(ErrorLogTest, LinesOfManyThreadsNeverInterleave) {
+  LogCapture log;
+  constexpr int kThreads = 8, kLines = 200;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kLines; ++i) {
+        TqUError::LogWideString(L"thread ");
+        TqUError::LogInt32(t);
+        TqUSysError::LogUTF8String(" line ");
+        TqUError::LogNat64(static_cast<std::uint64_t>(i));
+        TqUError::LogWideString(L"\n");
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  const Lines lines = log.Lines();
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLines));
+  std::vector<int> next(kThreads, 0);
+  for (const auto& line : lines) {
+    int t = -1, i = -1;
+    ASSERT_EQ(std::sscanf(line.c_str(), "thread %d line %d", &t, &i), 2) << line;
+    ASSERT_TRUE(t >= 0 && t < kThreads) << line;
+    EXPECT_EQ(line, "thread " + std::to_string(t) + " line " + std::to_string(i) + "\n");
+    EXPECT_EQ(i, next[t]++);
+  }
+}
+
+TEST(ErrorLogTest, SinksAreReplacedAndRestored) {
+  std::vector<std::string> outer;
+  TqULogSink before = TqUError::SetSink([&](const TqULogRecord& r) { outer.push_back(r.text); });
+  {
+    LogCapture inner;
+    TqUError::Post(0, nullptr, L"captured");
+    EXPECT_EQ(inner.Lines(), Lines{"captured"});
+  }
+  std::thread([] { TqUSysError::LogUTF8String("unfinished"); }).join();  // flushed at thread end
+  EXPECT_EQ(outer, Lines{"unfinished"});
+  TqUError::SetSink(std::move(before));
 }
 
 }  // namespace
