@@ -10,7 +10,6 @@
 #include <functional>
 #include <iterator>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 #include "tqutil/streams.h"
@@ -35,13 +34,9 @@ class ScopedClock {
   std::atomic<std::int64_t> m_now;
 };
 
-inline std::string Le16(std::uint16_t v) {
-  return std::string{static_cast<char>(v & 0xFF), static_cast<char>(v >> 8)};
-}
-
-inline std::string Le64(std::int64_t v) {
+inline std::string Le(std::uint64_t v, int bytes) {
   std::string out;
-  for (int i = 0; i < 8; ++i) out += static_cast<char>(static_cast<std::uint64_t>(v) >> (8 * i));
+  for (int i = 0; i < bytes; ++i) out += static_cast<char>(v >> (8 * i));
   return out;
 }
 
@@ -49,10 +44,8 @@ inline std::string Le64(std::int64_t v) {
 // under test.
 inline std::string EntryBytes(std::int64_t last_used, std::int64_t expiry, const std::string& tag,
                               const std::string& key, const std::string& body) {
-  const auto header_size = static_cast<std::uint16_t>(24 + tag.size() + key.size());
-  return Le16(header_size) + std::string("\x01\x01", 2) + Le64(last_used) + Le64(expiry) +
-         Le16(static_cast<std::uint16_t>(tag.size())) + tag +
-         Le16(static_cast<std::uint16_t>(key.size())) + key + std::string("\x02\x02", 2) + body;
+  return Le(24 + tag.size() + key.size(), 2) + "\x01\x01" + Le(last_used, 8) + Le(expiry, 8) +
+         Le(tag.size(), 2) + tag + Le(key.size(), 2) + key + "\x02\x02" + body;
 }
 
 inline std::string ReadFileBytes(const std::filesystem::path& path) {
@@ -61,8 +54,7 @@ inline std::string ReadFileBytes(const std::filesystem::path& path) {
 }
 
 inline void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 template <class Stream>
@@ -75,35 +67,30 @@ std::string ReadAll(Stream& stream, std::size_t chunk = 4096) {
   return body;
 }
 
-// A read stream over fixed bytes that can report a tag and fail or request a stop mid-way.
+// A read stream over fixed bytes, in chunks, calling `on_read` after each.
 class BytesSource : public qv::io::IDataReadStream {
  public:
   explicit BytesSource(std::string bytes, std::size_t chunk = 1 << 20)
       : m_bytes(std::move(bytes)), m_chunk(chunk) {}
   std::uint64_t Read(void* buffer, std::uint64_t size) override {
-    if (m_fail_at && m_pos >= *m_fail_at) throw std::runtime_error("source broke");
     const std::size_t n = std::min<std::size_t>({static_cast<std::size_t>(size), m_chunk,
                                                   m_bytes.size() - m_pos});
     std::copy_n(m_bytes.data() + m_pos, n, static_cast<char*>(buffer));
     m_pos += n;
-    if (on_read) on_read(m_pos);
+    if (on_read) on_read();
     return n;
   }
   qv::io::StreamMetaData MetaData() override {
     qv::io::StreamMetaData meta;
     meta.size = m_bytes.size();
-    meta.etag = tag;
     return meta;
   }
-  std::optional<std::string> tag;
-  std::function<void(std::size_t)> on_read;
-  void FailAt(std::size_t pos) { m_fail_at = pos; }
+  std::function<void()> on_read;
 
  private:
   std::string m_bytes;
   std::size_t m_chunk;
   std::size_t m_pos = 0;
-  std::optional<std::size_t> m_fail_at;
 };
 
 }  // namespace tq::test

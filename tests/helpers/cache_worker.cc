@@ -2,8 +2,8 @@
 //   churn <dir> <iterations>   opens one URL again and again while answers alternate between two
 //                              bodies of different lengths and tags, checks every body it is
 //                              served, and trims the cache now and then; or
-//   kill-mid-store <dir>       starts storing a new body for the URL, prints "storing" once part
-//                              of it is written, and blocks until it is killed.
+//   kill-mid-store <dir>       starts storing a new body for the URL, prints "storing <pid>" once
+//                              part of it is written, and blocks until it is killed.
 // Exit status 0 means every body it saw was whole.
 #include <unistd.h>
 
@@ -42,7 +42,7 @@ int KillMidStore(const std::wstring& directory) {
   std::atomic<int> reads{0};
   api.on_read = [&] {
     if (++reads == 2) {  // the first chunk is in the temporary file
-      std::printf("storing\n");
+      std::printf("storing %d\n", static_cast<int>(::getpid()));
       std::fflush(stdout);
       for (;;) ::pause();
     }

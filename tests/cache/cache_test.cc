@@ -1,0 +1,542 @@
+// The cache: entry files, freshness, clean-up, the in-memory fallback, threads and processes
+// sharing one directory, and end to end against nginx.
+#include "net/cache/disk_cache.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <future>
+#include <limits>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gsl/narrow>
+
+#include "net/cache/cache_init.h"
+#include "net/cache/in_memory_cache.h"
+#include "net/http/connection_pool.h"
+#include "net/http/wininet_api.h"
+#include "net/stream/open_file_or_url.h"
+#include "tests/cache/cache_churn.h"
+#include "tests/cache/cache_test_support.h"
+#include "tests/support/fake_transport_fixture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/servers/nginx_harness.h"
+#include "tests/support/servers/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using qv::net::CacheEntry;
+using qv::net::DiskCache;
+using qv::net::InMemoryCache;
+using tq::test::BytesSource;
+using tq::test::EntryBytes;
+using tq::test::FakeResponse;
+using tq::test::ReadAll;
+using tq::test::ReadFileBytes;
+using tq::test::WriteFileBytes;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Names = std::set<std::string>;
+
+constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kDate = 1'700'000'000;  // the server's clock
+constexpr const wchar_t* kUrl = L"http://example.test/data.bin";
+const std::string kKey = "http://example.test/data.bin";
+constexpr auto kTarget = static_cast<std::uint64_t>(0.8 * 1048576);  // a 1 MiB clean-up ends below
+
+FakeResponse Ok(const std::string& body, std::optional<std::wstring> cache_control,
+                std::optional<std::wstring> etag, std::optional<std::int64_t> date = kDate) {
+  FakeResponse r;
+  r.status = 200;
+  if (date) r.dates[L"Date"] = *date;
+  if (cache_control) r.Header(L"cache-control", *cache_control);
+  if (etag) r.Header(L"ETag", *etag);
+  r.Header(L"Content-Length", std::to_wstring(body.size()));
+  if (!body.empty()) r.Body(body);
+  return r;
+}
+
+class DiskCacheTest : public tq::test::FakeTransportTest {
+ protected:
+  ~DiskCacheTest() override { TqUOption::Unset("general.localcache.max_size"); }
+
+  std::string Open(const wchar_t* url = kUrl, int flags = 0) {
+    auto stream = m_cache.OpenUrl(url, flags, {});
+    return stream ? ReadAll(*stream) : "<null>";
+  }
+  fs::path EntryPath(const wchar_t* url = kUrl) const {
+    return DiskCache::ComputeCacheLocation(url, m_cache.Directory());
+  }
+  // An entry file of exactly `size` bytes.
+  void Entry(const std::string& name, std::int64_t last_used, std::int64_t expiry,
+             std::size_t size) {
+    const std::string header = EntryBytes(last_used, expiry, "", "http://example.test/" + name, "");
+    WriteFileBytes(m_cache.Directory() / name, header + std::string(size - header.size(), 'b'));
+  }
+  Names Remaining(const std::string& extension = "") const {
+    Names names;
+    for (const auto& item : fs::directory_iterator(m_cache.Directory())) {
+      if (extension.empty() || item.path().extension() == extension) {
+        names.insert(item.path().filename().string());
+      }
+    }
+    return names;
+  }
+  void Limit(std::int32_t mebibytes) {
+    TqUOption::SetInt32("general.localcache.max_size", mebibytes);
+  }
+
+  tq::test::TempDir m_dir;
+  tq::test::ScopedClock m_clock{kDate + 5};
+  DiskCache m_cache{m_dir.path().wstring().c_str()};
+};
+
+
+// The helper built next to this test, exec'd in place of the shell so that pclose() reports how
+// the helper itself ended.
+FILE* StartHelper(const std::string& arguments) {
+  const fs::path helper = fs::read_symlink("/proc/self/exe").parent_path() / "cache_worker";
+  return ::popen(("exec '" + helper.string() + "' " + arguments).c_str(), "r");
+}
+
+// Starts from an entry file built by hand, so both reading and writing follow the layout.
+TEST_F(DiskCacheTest, FreshEntriesAreServedAsIsStaleOnesRevalidatedAndNewTagsStored) {
+  WriteFileBytes(EntryPath(), EntryBytes(700, kDate + 60, "\"v1\"", kKey, "first body"));
+  m_clock.Set(kDate + 60);  // expiry not passed yet: fresh, and only the use is recorded
+  EXPECT_EQ(Open(), "first body");
+  EXPECT_TRUE(m_api.Sent().empty());
+  EXPECT_EQ(ReadFileBytes(EntryPath()), EntryBytes(kDate + 60, kDate + 60, "\"v1\"", kKey, "first body"));
+
+  m_clock.Set(kDate + 61);
+  FakeResponse not_modified;
+  not_modified.status = 304;
+  not_modified.dates[L"Date"] = kDate + 100;
+  not_modified.Header(L"cache-control", L"max-age=60");
+  m_api.Queue(not_modified);
+  EXPECT_EQ(Open(), "first body");
+  ASSERT_EQ(m_api.Sent().size(), 1u);
+  EXPECT_EQ(m_api.Sent()[0].headers, L"If-None-Match: \"v1\"");
+  EXPECT_EQ(m_cache.ExpiryTime(kUrl), kDate + 160);
+
+  // A tag of another length: the header grows, and the store still succeeds.
+  m_clock.Set(kDate + 161);
+  m_api.Queue(Ok("replaced body", L"max-age=60", L"\"a-much-longer-tag\""));
+  EXPECT_EQ(Open(), "replaced body");
+  EXPECT_EQ(ReadFileBytes(EntryPath()),
+            EntryBytes(kDate + 161, kDate + 60, "\"a-much-longer-tag\"", kKey, "replaced body"));
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+TEST_F(DiskCacheTest, ExpiryFollowsDateAndCacheControl) {
+  struct Case {
+    std::optional<std::wstring> cache_control;
+    std::optional<std::int64_t> date;
+    int flags;
+    std::int64_t expiry;
+  };
+  const Case cases[] = {
+      {L" public , max-age=  90 ", kDate, 0, kDate + 90},
+      {L"max-age=60, no-cache", kDate, 0, kDate - 1},
+      {std::nullopt, kDate, 0, kDate + 5 + 2592000},  // 30 days from now
+      {L"max-age=60", std::nullopt, 0, 0},             // no "Date": revalidated at once
+      {L"max-age=-1", kDate, 0, kDate},  // a sign is not a number: not centuries of freshness
+      // A lifetime beyond the clock's range never expires instead of wrapping into the past.
+      {L"max-age=99999999999999999999999", kDate, 0, kNever},
+      {L"max-age=60", kDate, qv::net::IUrlCache::NeverExpire, kNever},
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const std::wstring url = L"http://example.test/" + std::to_wstring(i);
+    SCOPED_TRACE(qv::WideToUtf8(url));
+    m_api.Queue(Ok("b", cases[i].cache_control, std::nullopt, cases[i].date));
+    EXPECT_EQ(Open(url.c_str(), cases[i].flags), "b");
+    EXPECT_EQ(m_cache.ExpiryTime(url), cases[i].expiry);
+  }
+  m_clock.Set(kNever - 1);  // never expiring holds at the end of time
+  EXPECT_EQ(Open(L"http://example.test/6"), "b");
+  EXPECT_EQ(m_api.Sent().size(), std::size(cases));
+}
+
+TEST_F(DiskCacheTest, NoStoreIsServedFromMemoryAndDropsTheEntryButNeverAShortBody) {
+  m_api.Queue(Ok("stored", L"max-age=0", L"\"a\""));
+  ASSERT_EQ(Open(), "stored");
+  m_clock.Advance(1);
+  m_api.Queue(Ok("private", L"no-store", L"\"b\""));
+  EXPECT_EQ(Open(), "private");
+  EXPECT_FALSE(fs::exists(EntryPath()));
+  EXPECT_EQ(m_log.Text(), "");
+
+  FakeResponse short_body = Ok("12345", L"no-store", std::nullopt);
+  short_body.headers.back().second = L"10";  // "Content-Length"
+  m_api.Queue(short_body);
+  EXPECT_EQ(Open(), "<null>");
+  EXPECT_THAT(m_log.Lines(), ElementsAre("Failed to read expected number of bytes from HTTP stream "
+                                         "into cache system. Expected 10 but read 5\n"));
+  m_log.Clear();
+  FakeResponse broken = Ok("", L"no-store", std::nullopt);
+  broken.Body("part").Body("rest");
+  broken.read_fails_after = 1;
+  m_api.Queue(broken);
+  EXPECT_EQ(Open(), "<null>");
+  // The stream's message ends in its own line feed, so the copy's line comes as two records.
+  EXPECT_EQ(m_log.Text(),
+            "Failed to read or write stream in CopyStream: Unable to read HTTP data\n\n"
+            "Failed to read HTTP data into cache system: http://example.test/data.bin\n");
+}
+
+TEST_F(DiskCacheTest, AnErrorStatusDropsTheEntryAndAFailedConnectionIsLogged) {
+  m_api.Queue(Ok("stored", L"max-age=0", L"\"a\""));
+  ASSERT_EQ(Open(), "stored");
+  m_clock.Advance(1);
+  FakeResponse missing;
+  missing.status = 404;
+  m_api.Queue(missing);
+  EXPECT_EQ(Open(), "<null>");
+  EXPECT_FALSE(fs::exists(EntryPath()));
+  EXPECT_THAT(m_log.Lines(), ElementsAre("Error: HTTP Response 404 for GET " + kKey + "\n"));
+
+  m_log.Clear();
+  qv::net::HttpConnectionPool::Terminate();  // the next request must connect anew
+  m_api.FailNextConnects(1);
+  EXPECT_EQ(Open(), "<null>");
+  EXPECT_EQ(m_log.Text(),
+            "Failed to read resource into cache: http://example.test/data.bin: "
+            "Unable to create HTTP connection\n\n");
+}
+
+TEST_F(DiskCacheTest, AnotherUrlsFileUnderTheSameNameIsNeitherUsedNorOverwritten) {
+  const std::string foreign = EntryBytes(1, kNever, "", "http://other.test/collides", "theirs");
+  WriteFileBytes(EntryPath(), foreign);
+  m_api.Queue(Ok("ours", L"max-age=60", L"\"a\""));
+  EXPECT_EQ(Open(), "ours");
+  m_api.Queue(Ok("ours again", L"max-age=60", L"\"a\""));
+  EXPECT_EQ(Open(), "ours again");
+  EXPECT_EQ(ReadFileBytes(EntryPath()), foreign);
+}
+
+TEST_F(DiskCacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
+  const std::string good = EntryBytes(1, 2, "\"t\"", kKey, "");
+  std::vector<std::pair<std::string, std::string>> cases = {
+      {"random bytes", "\x7f\x45\x4c\x46\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00"},
+      // Lengths far beyond the file: refused without reading or allocating them.
+      {"absurd tag length", good.substr(0, 20) + tq::test::Le(0xFFFF, 2) + "tiny"},
+  };
+  for (std::size_t n = 0; n < good.size(); ++n) {
+    cases.emplace_back("truncated to " + std::to_string(n), good.substr(0, n));
+  }
+  for (const auto& [name, bytes] : cases) {
+    SCOPED_TRACE(name);
+    WriteFileBytes(EntryPath(), bytes);
+    EXPECT_FALSE(m_cache.Contains(kUrl));
+    EXPECT_FALSE(fs::exists(EntryPath()));
+  }
+}
+
+TEST_F(DiskCacheTest, AHeaderOverSixtyFourKiBOrAStoppedStoreLeavesTheOldEntryAndNoTemporaryFile) {
+  const std::string old_bytes = EntryBytes(1, 2, "\"old\"", kKey, "old body");
+  const fs::path temp = fs::path(EntryPath()) += ".tmp";
+  WriteFileBytes(EntryPath(), old_bytes);
+  CacheEntry entry = CacheEntry::Load(EntryPath());
+  entry.UpdateETag(std::string(65535 - 24 - kKey.size() + 1, 't'));  // fits its own field
+  BytesSource source("new body");
+  EXPECT_THROW(entry.Store(source, {}), gsl::narrowing_error);
+
+  entry.UpdateETag(std::string("\"new\""));
+  qv::stop_source stop;
+  BytesSource stopped(std::string(100, 'n'), 10);
+  stopped.on_read = [&] { stop.request_stop(); };
+  EXPECT_FALSE(entry.Store(stopped, stop.get_token()));
+  EXPECT_EQ(ReadFileBytes(EntryPath()), old_bytes);
+  EXPECT_FALSE(fs::exists(temp));
+}
+
+TEST_F(DiskCacheTest, CleanUpTakesExpiredEntriesFirstWithinAnHourSpanAndOlderSpansFirst) {
+  Limit(1);
+  // 1,050,000 bytes: deleting the 250,000-byte entry is enough.
+  Entry("oldest_fresh", kDate - 7200, kNever, 300000);
+  Entry("half_hour_later_expired", kDate - 7200 + 1800, kDate - 1, 250000);
+  Entry("recent_expired", kDate - 10, kDate - 1, 500000);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), (Names{"oldest_fresh", "recent_expired"}));
+
+  // Two deletions needed: the whole first span goes before the expired entry of the next one.
+  fs::remove(m_cache.Directory() / "oldest_fresh");
+  fs::remove(m_cache.Directory() / "recent_expired");
+  Entry("a_oldest", kDate - 10000, kNever, 450000);
+  Entry("b_same_span", kDate - 10000 + 3599, kNever, 450000);
+  Entry("c_next_span_expired", kDate - 10000 + 3600, 0, 450000);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), (Names{"c_next_span_expired"}));
+}
+
+// Removals run side by side. A removal that fails (refused through the removal seam) leaves its
+// bytes in the total, so the run goes on to the next-oldest until it is below the target.
+TEST_F(DiskCacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims) {
+  constexpr int kEntries = 2000;
+  constexpr std::size_t kSize = 1024;
+  auto name = [](int i) { return "e" + std::to_string(10000 + i); };
+  auto refused = [](const std::string& file) { return std::stoi(file.substr(1)) % 10 == 3; };
+  for (int i = 0; i < kEntries; ++i) Entry(name(i), kDate - 2 * kEntries + i, kNever, kSize);
+
+  Names expected;  // one by one, oldest first: the refused stay, the others go
+  std::uint64_t total = kEntries * kSize;
+  int i = 0;
+  for (; i < kEntries && total >= kTarget; ++i) {
+    if (refused(name(i))) {
+      expected.insert(name(i));
+    } else {
+      total -= kSize;
+    }
+  }
+  for (; i < kEntries; ++i) expected.insert(name(i));
+
+  // The first removal waits for a second one: the run only ends if removals overlap.
+  std::mutex mutex;
+  std::condition_variable second_arrived;
+  int arrived = 0;
+  struct RestoreSeam {
+    ~RestoreSeam() { TqUSysDirectory::SetRemoveFaultForTesting({}); }
+  } restore;
+  TqUSysDirectory::SetRemoveFaultForTesting([&](const TqUSysDirectory::Char* file) {
+    {
+      std::unique_lock lock(mutex);
+      if (++arrived == 2) second_arrived.notify_all();
+      second_arrived.wait(lock, [&] { return arrived >= 2; });
+    }
+    return refused(fs::path(file).string());
+  });
+  Limit(1);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), expected);
+
+  // When nothing can be removed, the run still ends, with every file in place.
+  TqUSysDirectory::SetRemoveFaultForTesting([](const TqUSysDirectory::Char*) { return true; });
+  Limit(0);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), expected);
+}
+
+TEST(DiskCacheDirectoryTest, TheDirectoryItCreatesIsOwnerOnly) {
+  tq::test::TempDir dir;
+  const fs::path base = dir.path() / "a" / "b";
+  DiskCache cache(base.wstring().c_str());
+  EXPECT_EQ(cache.Directory(), base / "v1");
+  for (const fs::path& made : {base / "v1", base, dir.path() / "a"}) {
+    EXPECT_EQ(fs::status(made).permissions() & fs::perms::all, fs::perms::owner_all) << made;
+  }
+}
+
+TEST_F(DiskCacheTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBody) {
+  m_api.SetResponder(tq::test::ChurnResponder(7));
+  Limit(0);  // each clean-up deletes what it can
+  const std::string arguments = "churn '" + m_dir.path().string() + "' 150";
+  FILE* first = StartHelper(arguments);
+  FILE* second = StartHelper(arguments);
+  ASSERT_TRUE(first && second);
+  std::vector<std::future<tq::test::ChurnResult>> runs;
+  for (int t = 0; t < 4; ++t) {
+    runs.push_back(std::async(std::launch::async,
+                              [this, t] { return tq::test::RunChurn(m_cache, 150, 10 + t); }));
+  }
+  int served = 0;
+  for (auto& run : runs) {
+    const tq::test::ChurnResult r = run.get();
+    EXPECT_EQ(r.torn, 0) << r.example;
+    served += r.served;
+  }
+  EXPECT_GT(served, 0);
+  for (FILE* child : {first, second}) {
+    char summary[64] = "";
+    EXPECT_NE(std::fgets(summary, sizeof summary, child), nullptr);
+    EXPECT_THAT(summary, ::testing::StartsWith("served "));
+    const int status = ::pclose(child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  }
+  EXPECT_THAT(Remaining(".tmp"), IsEmpty());
+}
+
+TEST_F(DiskCacheTest, AProcessKilledInTheMiddleOfAStoreLeavesTheOldEntryReadable) {
+  m_api.SetResponder(tq::test::ChurnResponder(7));
+  const fs::path entry_path = EntryPath(tq::test::kChurnUrl);
+  const std::string old_bytes = EntryBytes(1, 2, "\"old\"", "http://churn.test/resource", "old");
+  WriteFileBytes(entry_path, old_bytes);
+
+  FILE* child = StartHelper("kill-mid-store '" + m_dir.path().string() + "'");
+  ASSERT_NE(child, nullptr);
+  int pid = 0;
+  ASSERT_EQ(std::fscanf(child, "storing %d", &pid), 1);
+  ::kill(pid, SIGKILL);
+  const int status = ::pclose(child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+
+  // The half-written body is in the temporary file, never under the entry's name.
+  EXPECT_EQ(Remaining(".tmp").size(), 1u);
+  EXPECT_EQ(ReadFileBytes(entry_path), old_bytes);
+  EXPECT_EQ(CacheEntry::Load(entry_path).ETag(), "\"old\"");
+
+  // The dead writer's lock went with it: the next store takes the temporary file over.
+  auto fresh = m_cache.OpenUrl(tq::test::kChurnUrl, 0, {});
+  ASSERT_NE(fresh, nullptr);
+  EXPECT_TRUE(tq::test::IsWhole(ReadAll(*fresh)));
+  EXPECT_THAT(Remaining(".tmp"), IsEmpty());
+}
+
+class InMemoryCacheTest : public tq::test::FakeTransportTest {
+ protected:
+  std::string Open(const std::wstring& url) {
+    auto stream = m_cache.OpenUrl(url, 0, {});
+    return stream ? ReadAll(*stream) : "<null>";
+  }
+
+  InMemoryCache m_cache;
+};
+
+TEST_F(InMemoryCacheTest, ConcurrentOpensOfOneUrlShareOneDownloadAndClearForgetsEveryBody) {
+  const std::wstring url = L"http://example.test/held";
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::promise<void> sent;
+  m_api.OnSend([&](const tq::test::SentRequest&) {
+    sent.set_value();
+    released.wait();
+  });
+  FakeResponse response;
+  response.status = 200;
+  response.Body("the body");
+  m_api.Queue(response);
+  std::mutex mutex;
+  std::condition_variable cv;
+  int waits = 0;
+  qv::net::detail::SetInMemoryCacheWaitHookForTesting([&] {
+    std::lock_guard lock(mutex);
+    ++waits;
+    cv.notify_all();
+  });
+
+  auto first = std::async(std::launch::async, [&] { return Open(url); });
+  sent.get_future().wait();
+  std::vector<std::future<std::string>> waiters;
+  for (int i = 0; i < 3; ++i) {
+    waiters.push_back(std::async(std::launch::async, [&] { return Open(url); }));
+  }
+  {
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(30), [&] { return waits >= 3; }));
+  }
+  release.set_value();
+  EXPECT_EQ(first.get(), "the body");
+  for (auto& waiter : waiters) EXPECT_EQ(waiter.get(), "the body");
+  EXPECT_EQ(m_api.Sent().size(), 1u);
+  qv::net::detail::SetInMemoryCacheWaitHookForTesting({});
+
+  // Clear forgets every body, so the next open downloads again; streams handed out keep theirs.
+  m_api.OnSend({});
+  auto kept = m_cache.OpenUrl(url, 0, {});
+  m_cache.Clear();
+  response.Body(" again");
+  m_api.Queue(response);
+  EXPECT_EQ(Open(url), "the body again");
+  EXPECT_EQ(ReadAll(*kept), "the body");
+}
+
+TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsTheDiskCache) {
+  tq::test::TempDir dir;
+  dir.WriteFile("plain", "x");
+  qv::net::InitialiseCache(qv::Utf8ToWide((dir.path() / "plain" / "below").string()).c_str());
+  EXPECT_NE(dynamic_cast<InMemoryCache*>(qv::net::CacheSystem()), nullptr);
+  qv::net::TerminateCache();
+  qv::net::InitialiseCache(qv::Utf8ToWide(dir.path().string()).c_str());
+  EXPECT_NE(dynamic_cast<qv::net::DiskCache*>(qv::net::CacheSystem()), nullptr);
+  qv::net::TerminateCache();
+  EXPECT_EQ(qv::net::CacheSystem(), nullptr);
+}
+
+// The real transport, counting requests and keeping each one's headers and the last status.
+class RecordingApi : public qv::net::WinInet {
+ public:
+  void* SendRequest(void* connection, const qv::net::HttpRequest& request,
+                    const wchar_t** accept_types, bool& sent) override {
+    headers.push_back(request.FormatHeaders());
+    return WinInet::SendRequest(connection, request, accept_types, sent);
+  }
+  std::uint32_t QueryStatusCode(void* request) override {
+    return last_status = WinInet::QueryStatusCode(request);
+  }
+  std::vector<std::wstring> headers;
+  std::uint32_t last_status = 0;
+};
+
+class CacheNginxTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
+    m_nginx = std::make_unique<tq::test::NginxHarness>();
+    ASSERT_TRUE(m_nginx->ok()) << m_nginx->error();
+    m_previous = qv::net::SetHttpApi(&m_api);
+    qv::net::InitialiseCache(qv::Utf8ToWide(m_dir.path().string()).c_str());
+    ASSERT_NE(dynamic_cast<DiskCache*>(qv::net::CacheSystem()), nullptr);
+  }
+  void TearDown() override {
+    qv::net::TerminateCache();
+    qv::net::HttpConnectionPool::Terminate();
+    qv::net::SetHttpApi(m_previous);
+  }
+
+  std::string Open(const std::wstring& url) {
+    auto stream = qv::net::OpenFileOrUrl(url, 0, {});
+    return stream ? ReadAll(*stream, 65536) : "<null>";
+  }
+
+  RecordingApi m_api;
+  qv::net::IHttpApi* m_previous = nullptr;
+  tq::test::TempDir m_dir;
+  std::unique_ptr<tq::test::NginxHarness> m_nginx;
+  tq::test::LogCapture m_log;
+};
+
+TEST_F(CacheNginxTest, StoredServedFreshWithoutRequestRevalidatedWith304AndReplacedWhenChanged) {
+  const std::string v1(300000, '1');
+  m_nginx->WriteFile("doc.bin", v1);
+  const std::wstring url = qv::Utf8ToWide(m_nginx->Url("/doc.bin"));
+  tq::test::ScopedClock clock(std::time(nullptr));
+
+  EXPECT_EQ(Open(url), v1);
+  const fs::path entry_path = DiskCache::ComputeCacheLocation(url, m_dir.path() / "v1");
+  const CacheEntry stored = CacheEntry::Load(entry_path);
+  EXPECT_FALSE(stored.ETag().empty());
+  EXPECT_EQ(stored.Expiry(), clock.Now() + 2592000);  // no cache-control: fresh for 30 days
+
+  EXPECT_EQ(Open(url), v1);  // fresh: no request at all
+  ASSERT_EQ(m_api.headers.size(), 1u);
+
+  clock.Advance(31 * 86400);  // stale: revalidated with the stored tag, 304 keeps the body
+  EXPECT_EQ(Open(url), v1);
+  ASSERT_EQ(m_api.headers.size(), 2u);
+  EXPECT_THAT(m_api.headers[1], ::testing::StartsWith(L"If-None-Match: \""));
+  EXPECT_EQ(m_api.last_status, 304u);
+  EXPECT_EQ(CacheEntry::Load(entry_path).Expiry(), clock.Now() + 2592000);
+
+  // Changed on the server: the new body is stored and served, then served fresh.
+  const std::string v2(123457, '2');
+  m_nginx->WriteFile("doc.bin", v2);
+  clock.Advance(31 * 86400);
+  EXPECT_EQ(Open(url), v2);
+  EXPECT_EQ(m_api.last_status, 200u);
+  EXPECT_NE(CacheEntry::Load(entry_path).ETag(), stored.ETag());
+  EXPECT_EQ(Open(url), v2);
+  EXPECT_EQ(m_api.headers.size(), 3u);
+  EXPECT_FALSE(fs::exists(fs::path(entry_path) += ".tmp"));
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+}  // namespace
