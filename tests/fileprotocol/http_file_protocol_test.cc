@@ -1,18 +1,25 @@
-// Opening and ranged reads: bad input, platform failures, and answers that ignore or refuse the
-// range (the fault suite drives the hostile servers).
+// Opening, ranged reads, file information and downloads against servers that script each case
+// (the fault suite drives the hostile ones).
 #include "net/fileprotocol/http_file_protocol.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include <functional>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/urlmon.h"
 #include "tests/fileprotocol/protocol_fixture.h"
 #include "tests/support/servers/raw_responder.h"
+#include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/temp_dir.h"
 
 namespace tq::test {
 namespace {
@@ -20,6 +27,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using qv::net::HttpCredentials;
 using qv::net::HttpFileProtocol;
 
 std::string Bytes(std::size_t n) {
@@ -53,7 +61,13 @@ class Server {
   RawResponder raw_;  // last: its threads end before the heads go
 };
 
-using HttpFileProtocolTest = ProtocolTest;
+class HttpFileProtocolTest : public ProtocolTest {
+ protected:
+  bool Info(const std::string& path, TqUFileInfo* info) {
+    return protocol_->GetFileInfo(W(server_.Url(path)).c_str(), info);
+  }
+  ScriptedServer server_;
+};
 
 TEST_F(HttpFileProtocolTest, BadUrlsNullAndForeignHandlesAreRefusedWithTheirMessage) {
   EXPECT_EQ(TqUFileProtocolRegistry::Get()->Lookup(L"HTTPS"), protocol_);
@@ -85,20 +99,6 @@ TEST_F(HttpFileProtocolTest, BadUrlsNullAndForeignHandlesAreRefusedWithTheirMess
                           Posted{1, "HttpFileProtocol::ReadFile invalid handle"},
                           Posted{1, "HttpFileProtocol::ReadFile invalid buffer or range for " +
                                         f.url_utf8()}));
-}
-
-TEST_F(HttpFileProtocolTest, FailedOpeningsArePosted) {
-  ASSERT_TRUE(TqPlatformInjectFault("InternetOpenW", ERROR_INTERNET_INTERNAL_ERROR, 1, 0));
-  EXPECT_EQ(protocol_->OpenFile(L"http://127.0.0.1:1/f", TqUFileProtocol::OpenRead), nullptr);
-  ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_NAME_NOT_RESOLVED, 1, 0));
-  OpenedFile f(protocol_, "http://127.0.0.1:1/f");
-  EXPECT_NE(f.file(), nullptr);
-  EXPECT_EQ(f.thread(), nullptr);
-  EXPECT_THAT(
-      TakeLog(),
-      ElementsAre(Posted{1, "HttpFileProtocol::OpenInetHandle InternetOpen failed: 12004"},
-                  Posted{1, "HttpFileProtocol::CreateThreadHandle InternetConnect for "
-                            "http://127.0.0.1:1/f failed: 12007"}));
 }
 
 TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstOpenReplacesTheDefault) {
@@ -177,21 +177,141 @@ TEST_F(HttpFileProtocolTest, ReadOf4GiBOrMoreAsksForEveryByte) {
   EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=0-4294967311\r\n"));
 }
 
-TEST_F(HttpFileProtocolTest, SendTimeOutsAreRetriedAndAFailedRequestOpenReadsNothing) {
+TEST_F(HttpFileProtocolTest, FailedOpensArePostedAndTwoSendTimeOutsAreRetried) {
+  ASSERT_TRUE(TqPlatformInjectFault("InternetOpenW", ERROR_INTERNET_INTERNAL_ERROR, 1, 0));
+  EXPECT_EQ(protocol_->OpenFile(L"http://127.0.0.1:1/f", TqUFileProtocol::OpenRead), nullptr);
+  ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_NAME_NOT_RESOLVED, 1, 0));
+  EXPECT_FALSE(OpenedFile(protocol_, "http://127.0.0.1:1/f").ok());
+
   Server server("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-3/4\r\n"
                 "Content-Length: 4\r\n\r\nabcd");
   OpenedFile f(protocol_, server.Url("/f"));
   ASSERT_TRUE(f.ok());
   std::vector<unsigned char> buffer(4);
-  ASSERT_TRUE(TqPlatformInjectFault("HttpSendRequestW", ERROR_INTERNET_TIMEOUT, 2, 0));
-  EXPECT_EQ(f.Read(0, 4, buffer.data()), 4);
-  EXPECT_EQ(TqPlatformInjectedFailures("HttpSendRequestW"), 2u);
-  EXPECT_EQ(server.heads().size(), 1u);
-
   ASSERT_TRUE(TqPlatformInjectFault("HttpOpenRequestW", ERROR_INTERNET_OUT_OF_HANDLES, 1, 0));
   EXPECT_EQ(f.Read(0, 4, buffer.data()), 0);
-  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile HttpOpenRequest for " +
-                                                   f.url_utf8() + " failed: 12001"}));
+  ASSERT_TRUE(TqPlatformInjectFault("HttpSendRequestW", ERROR_INTERNET_TIMEOUT, 2, 0));
+  EXPECT_EQ(f.Read(0, 4, buffer.data()), 4);
+  EXPECT_EQ(server.heads().size(), 1u);
+  EXPECT_THAT(TakeLog(),
+              ElementsAre(Posted{1, "HttpFileProtocol::OpenInetHandle InternetOpen failed: 12004"},
+                          Posted{1, "HttpFileProtocol::CreateThreadHandle InternetConnect for "
+                                    "http://127.0.0.1:1/f failed: 12007"},
+                          Posted{1, "HttpFileProtocol::ReadFile HttpOpenRequest for " +
+                                        f.url_utf8() + " failed: 12001"}));
+}
+
+ScriptedResponse FullAnswer() {
+  return ScriptedResponse(200, std::string(900, 'x'))
+      .Header("ETag", "\"abc-123\"")
+      .Header("Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT");
+}
+
+HttpFileProtocol::PreHTTPAuthenticationResult SupplyAlice(const wchar_t*, HttpCredentials* c) {
+  c->SetUsername(L"alice");
+  c->SetPassword(L"s3cret");
+  return HttpFileProtocol::CredentialsSupplied;
+}
+
+std::atomic<int> g_hook_calls{0};
+HttpFileProtocol::PreHTTPAuthenticationResult OutOfRangeAnswer(const wchar_t*, HttpCredentials*) {
+  ++g_hook_calls;
+  return static_cast<HttpFileProtocol::PreHTTPAuthenticationResult>(7);
+}
+
+TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvivesRetriedFailures) {
+  server_.Route("/f", FullAnswer());
+  TqUFileInfo info;
+  ASSERT_TRUE(Info("/f", &info));
+  EXPECT_EQ(info.GetFileSize(), 900u);
+  EXPECT_EQ(info.GetFileRevisionId(), L"\"abc-123\"");
+  EXPECT_EQ(info.GetFileModificationTime(), 784111777);
+  // Two connect time-outs are retried, a third ends the call; a new URL text misses the cache.
+  ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_TIMEOUT, 2, 0));
+  EXPECT_TRUE(Info("/f?1", &info));
+  ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_TIMEOUT, 3, 0));
+  EXPECT_FALSE(Info("/f?2", &info));
+  ASSERT_EQ(server_.request_count(), 2u);
+
+  server_.Route("/405", [](const RecordedRequest& r) {
+    if (r.method == "HEAD") return ScriptedResponse(405);
+    return ScriptedResponse(206, "ab").Header("Content-Range", "bytes 0-1/700");
+  });
+  ASSERT_TRUE(Info("/405", &info));
+  EXPECT_EQ(info.GetFileSize(), 700u);
+  auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 4u);
+  EXPECT_EQ(requests[2].method + requests[3].method, "HEADGET");
+  EXPECT_EQ(requests[3].Header("Range"), "bytes=0-1");
+
+  auto sent = std::make_shared<std::atomic<int>>(0);
+  server_.Route("/502", [sent](const RecordedRequest&) {
+    return ++*sent <= 3 ? ScriptedResponse(502) : FullAnswer();
+  });
+  EXPECT_TRUE(Info("/502", &info));
+  EXPECT_EQ(sent->load(), 4);
+  EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(HttpFileProtocolTest, ChallengeIsAnsweredByTheHookAndAnAnswerOutsideTheEnumerationEndsTheCall) {
+  server_.Route("/f", [](const RecordedRequest& r) {
+    return r.Header("Authorization") == "Basic YWxpY2U6czNjcmV0"
+               ? FullAnswer()
+               : ScriptedResponse(401).Header("WWW-Authenticate", "Basic realm=\"files\"");
+  });
+  HttpFileProtocol::SetPreHTTPAuthenticationFunc(&SupplyAlice);
+  TqUFileInfo info;
+  ASSERT_TRUE(Info("/f", &info));
+  EXPECT_EQ(info.GetFileSize(), 900u);
+
+  HttpFileProtocol::SetPreHTTPAuthenticationFunc(&OutOfRangeAnswer);
+  const std::size_t before = server_.request_count();
+  EXPECT_FALSE(Info("/f?again", &info));
+  EXPECT_EQ(server_.request_count(), before + 1);
+  EXPECT_EQ(g_hook_calls.load(), 1);
+  EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+std::string ReadAll(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The callbacks' order and progress: nginx's GetFile; the moniker's cut bodies: tests/faults.
+TEST_F(HttpFileProtocolTest, DownloadFailuresMapToResultCodesAndLeaveNoFile) {
+  TempDir dir;
+  auto target = [&](const std::string& name) { return W((dir.path() / name).string()); };
+  server_.Route("/a", ScriptedResponse(200, "abcd"));
+  const std::wstring url = W(server_.Url("/a"));
+  EXPECT_EQ(URLDownloadToFileW(nullptr, W(server_.Url("/404")).c_str(), target("b").c_str(), 0,
+                               nullptr),
+            INET_E_OBJECT_NOT_FOUND);
+  EXPECT_EQ(URLDownloadToFileW(nullptr, L"", target("b").c_str(), 0, nullptr), E_INVALIDARG);
+  EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), target("no/b").c_str(), 0, nullptr),
+            HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
+  EXPECT_FALSE(protocol_->GetFile(url.c_str(), target("no/b").c_str(), nullptr));
+  EXPECT_FALSE(protocol_->GetFile(L"not a url", target("b").c_str(), nullptr));
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+  EXPECT_TRUE(protocol_->GetFile(url.c_str(), target("b").c_str(), nullptr));
+  EXPECT_EQ(ReadAll(dir.path() / "b"), "abcd");
+  EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(HttpFileProtocolTest, GetFileToCacheGivesThePathOfTheCopy) {
+  TempDir dir;
+  setenv("XDG_CACHE_HOME", (dir.path() / "cache").c_str(), 1);
+  server_.Route("/dir/report.pdf", ScriptedResponse(200, "pdf bytes"));
+  TqUWideStringBuffer path;
+  RecordedProgress progress;
+  const bool got = protocol_->GetFileToCache(W(server_.Url("/dir/report.pdf?v=1")).c_str(),
+                                             &progress, &path);
+  unsetenv("XDG_CACHE_HOME");
+  ASSERT_TRUE(got);
+  const std::filesystem::path cached(qv::WideToUtf8(path.View()));
+  EXPECT_EQ(cached.parent_path(), dir.path() / "cache" / "tqnetwork" / "downloads");
+  EXPECT_EQ(cached.filename().string().substr(16), "-report.pdf");
+  EXPECT_EQ(ReadAll(cached), "pdf bytes");
+  EXPECT_EQ(progress.values.back(), 1.0);
 }
 
 }  // namespace

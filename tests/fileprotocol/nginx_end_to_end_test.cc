@@ -37,8 +37,6 @@ class NginxFileProtocolTest : public ProtocolTest {
   static void TearDownTestSuite() {
     delete nginx_;
     delete content_;
-    nginx_ = nullptr;
-    content_ = nullptr;
   }
   void SetUp() override {
     if (nginx_ == nullptr) GTEST_SKIP() << "nginx is not installed";
