@@ -23,8 +23,7 @@ namespace {
 using F = TqUSysFile;
 using Path = std::filesystem::path;
 
-// A file handle closed at the end of the scope.
-struct Open {
+struct Open {  // closed at the end of the scope
   F::Handle h;
   Open(const Path& p, std::uint32_t access, std::uint32_t share, std::uint32_t creation)
       : h(F::OpenFile(p, access, share, creation, 0, 0)) {}
@@ -42,41 +41,36 @@ std::string ReadText(const Path& p) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// A child process that holds a file open until released. Pipes, not sleeps, order the two.
-class Holder {
- public:
+// A child process that holds a file open until destroyed. Pipes, not sleeps, order the two.
+struct Holder {
   Holder(const Path& path, std::uint32_t access, std::uint32_t share, std::uint32_t creation,
          const std::string& write = "") {
     int ready[2], release[2];
     if (::pipe(ready) != 0 || ::pipe(release) != 0) return;
-    if ((m_pid = ::fork()) == 0) {
-      ::close(release[1]);
+    if ((pid = ::fork()) == 0) {
       F::Handle h = F::OpenFile(path, access, share, creation, 0, 0);
       std::uint64_t n = 0;
-      const char ok = h && (write.empty() || F::WriteFile(h, write.data(), write.size(), &n));
-      char c;
+      char ok = h && (write.empty() || F::WriteFile(h, write.data(), write.size(), &n));
+      ::close(release[1]);
       if (::write(ready[1], &ok, 1) == 1) {
-        while (::read(release[0], &c, 1) < 0) {
+        while (::read(release[0], &ok, 1) < 0) {
         }
       }
       ::_exit(0);
     }
     ::close(ready[1]);
     ::close(release[0]);
-    m_release = release[1];
+    release_fd = release[1];
     char ok = 0;
-    m_opened = ::read(ready[0], &ok, 1) == 1 && ok;
+    opened = ::read(ready[0], &ok, 1) == 1 && ok;
     ::close(ready[0]);
   }
   ~Holder() {
-    if (m_pid > 0 && ::close(m_release) == 0) ::waitpid(m_pid, nullptr, 0);
+    if (pid > 0 && ::close(release_fd) == 0) ::waitpid(pid, nullptr, 0);
   }
-  bool Opened() const { return m_opened; }
-
- private:
-  pid_t m_pid = -1;
-  int m_release = -1;
-  bool m_opened = false;
+  pid_t pid = -1;
+  int release_fd = -1;
+  bool opened = false;
 };
 
 TEST(SysFileTest, SharingBetweenProcesses) {
@@ -84,7 +78,7 @@ TEST(SysFileTest, SharingBetweenProcesses) {
   const auto path = dir / "entry.tmp";
   {
     Holder writer(path, F::kAccessWrite, F::kShareNone, F::kCreateAlways, "winner's body");
-    ASSERT_TRUE(writer.Opened());
+    ASSERT_TRUE(writer.opened);
     EXPECT_FALSE(Reader(path)) << "the writer in the other process excludes readers";
     // Regression: the loser of a race for the same temporary file must not truncate the
     // winner's half-written body.
@@ -93,7 +87,7 @@ TEST(SysFileTest, SharingBetweenProcesses) {
   }
   {
     Holder reader(path, F::kAccessRead, F::kShareRead, F::kOpenExisting);
-    ASSERT_TRUE(reader.Opened());
+    ASSERT_TRUE(reader.opened);
     EXPECT_TRUE(Reader(path)) << "readers in two processes coexist";
     EXPECT_FALSE(Rewriter(path)) << "a reader in another process excludes writers";
   }

@@ -25,24 +25,18 @@
 namespace {
 
 TEST(StopTokenTest, AStopRequestedOnOneThreadIsSeenOnOthers) {
-  qv::stop_token none;
-  EXPECT_FALSE(none.stop_possible());
   auto source = std::make_unique<qv::stop_source>();
   const qv::stop_token survivor = source->get_token();
-  constexpr int kThreads = 4;
-  std::vector<std::promise<void>> started(kThreads);
   std::vector<std::future<void>> waiters;
-  for (int i = 0; i < kThreads; ++i) {
-    waiters.push_back(std::async(std::launch::async, [&, i, token = source->get_token()] {
-      started[i].set_value();
+  for (int i = 0; i < 4; ++i) {
+    waiters.push_back(std::async(std::launch::async, [token = source->get_token()] {
       while (!qv::stop_token(token).stop_requested()) {  // copies made and dropped meanwhile
       }
     }));
   }
-  for (auto& s : started) s.get_future().wait();
   std::atomic<int> winners{0};
   std::vector<std::thread> requesters;
-  for (int i = 0; i < kThreads; ++i) {
+  for (int i = 0; i < 4; ++i) {
     requesters.emplace_back([&, s = *source]() mutable { winners += s.request_stop(); });
   }
   for (auto& t : requesters) t.join();
@@ -50,24 +44,6 @@ TEST(StopTokenTest, AStopRequestedOnOneThreadIsSeenOnOthers) {
   EXPECT_EQ(winners, 1);
   source.reset();
   EXPECT_TRUE(survivor.stop_requested()) << "a token outlives its source";
-}
-
-TEST(ComponentTest, OnlyTheOuterCallsDoTheWorkOnManyThreads) {
-  TqUComponent c;
-  EXPECT_FALSE(c.Terminate()) << "not initialised, and no debt for later";
-  std::atomic<int> inits{0}, terms{0};
-  for (std::atomic<int>* count : {&inits, &terms}) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-      threads.emplace_back([&, count] {
-        for (int k = 0; k < 100; ++k) *count += count == &inits ? c.Initialise(L"x") : c.Terminate();
-      });
-    }
-    for (auto& t : threads) t.join();
-  }
-  EXPECT_EQ(inits, 1);
-  EXPECT_EQ(terms, 1);
-  EXPECT_FALSE(c.IsInitialised());
 }
 
 TEST(ZeroedMemoryTest, BuffersAreZeroAndRezeroedWhereUsed) {
@@ -92,8 +68,9 @@ TEST(ZeroedMemoryTest, BuffersAreZeroAndRezeroedWhereUsed) {
 
 TEST(CryptHashTest, Sha256InPiecesAndTruncated) {
   const auto hex = [](const unsigned char* d, std::size_t n) {
+    static const char kDigits[] = "0123456789abcdef";
     std::string s;
-    for (std::size_t i = 0; i < n; ++i) s += {"0123456789abcdef"[d[i] >> 4], "0123456789abcdef"[d[i] & 15]};
+    for (std::size_t i = 0; i < n; ++i) s += {kDigits[d[i] >> 4], kDigits[d[i] & 15]};
     return s;
   };
   EXPECT_EQ(TqUSysCryptHash::Create(1), nullptr);
@@ -154,28 +131,28 @@ TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
 using tq::test::LogCapture;
 using Lines = std::vector<std::string>;
 
-TEST(ErrorLogTest, PiecesMakeOneLineWhenAPieceEndsWithNewline) {
-  LogCapture log;
-  TqUError::LogWideString(L"Error ");
-  TqUError::LogInt32(-404);
-  TqUSysError::LogUTF8String(" caf\xC3\xA9 ");
-  TqUError::LogNat64(18446744073709551615ULL);
-  EXPECT_TRUE(log.Lines().empty());
-  TqUError::LogWideString(L"\n");
-  TqUError::LogWideString(L"\n");  // an empty line is still a line
-  EXPECT_EQ(log.Lines(), (Lines{"Error -404 caf\xC3\xA9 18446744073709551615\n", "\n"}));
-
-  log.Clear();
-  TqUComponent component;
-  component.Initialise(L"HttpFileProtocol");
-  TqUError::Post(1, &component, L"%s failed: %d", L"http://h/\u00E9", 12002);
-  TqUError::Post(2, nullptr, L"bad %q");
-  const auto records = log.Records();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].severity, 1);
-  EXPECT_EQ(records[0].component, "HttpFileProtocol");
-  EXPECT_EQ(records[0].text, "http://h/\xC3\xA9 failed: 12002");
-  EXPECT_EQ(records[1].text, "(bad log format) bad %q");
+TEST(ErrorLogTest, PiecesMakeOneLineAndSinksAreRestored) {
+  std::vector<std::string> outer;
+  TqULogSink before = TqUError::SetSink([&](const TqULogRecord& r) { outer.push_back(r.text); });
+  {
+    LogCapture log;
+    TqUError::LogWideString(L"Error ");
+    TqUError::LogInt32(-404);
+    TqUSysError::LogUTF8String(" caf\xC3\xA9 ");
+    TqUError::LogNat64(18446744073709551615ULL);
+    EXPECT_TRUE(log.Lines().empty());
+    TqUError::LogWideString(L"\n");
+    TqUComponent component;
+    component.Initialise(L"HttpFileProtocol");
+    TqUError::Post(1, &component, L"%s failed: %d", L"http://h/\u00E9", 12002);
+    TqUError::Post(2, nullptr, L"bad %q");
+    EXPECT_EQ(log.Lines(), (Lines{"Error -404 caf\xC3\xA9 18446744073709551615\n",
+                                  "http://h/\xC3\xA9 failed: 12002", "(bad log format) bad %q"}));
+    EXPECT_EQ(log.Records()[1].component, "HttpFileProtocol");
+  }
+  std::thread([] { TqUSysError::LogUTF8String("unfinished"); }).join();  // flushed at thread end
+  EXPECT_EQ(outer, Lines{"unfinished"});
+  TqUError::SetSink(std::move(before));
 }
 
 TEST(ErrorLogTest, LinesOfManyThreadsNeverInterleave) {
@@ -204,19 +181,6 @@ TEST(ErrorLogTest, LinesOfManyThreadsNeverInterleave) {
     EXPECT_EQ(line, "thread " + std::to_string(t) + " line " + std::to_string(i) + "\n");
     EXPECT_EQ(i, next[t]++);
   }
-}
-
-TEST(ErrorLogTest, SinksAreReplacedAndRestored) {
-  std::vector<std::string> outer;
-  TqULogSink before = TqUError::SetSink([&](const TqULogRecord& r) { outer.push_back(r.text); });
-  {
-    LogCapture inner;
-    TqUError::Post(0, nullptr, L"captured");
-    EXPECT_EQ(inner.Lines(), Lines{"captured"});
-  }
-  std::thread([] { TqUSysError::LogUTF8String("unfinished"); }).join();  // flushed at thread end
-  EXPECT_EQ(outer, Lines{"unfinished"});
-  TqUError::SetSink(std::move(before));
 }
 
 }  // namespace
