@@ -44,23 +44,13 @@ TEST_F(ConnectionPoolTest, OneConnectionPerServerAndCredentialsClosedOnceAtTermi
   EXPECT_EQ(m_api.CloseCount(), 6);
 }
 
-TEST_F(ConnectionPoolTest, FailedConnectOrOpenIsNotStored) {
+TEST_F(ConnectionPoolTest, FailedConnectIsNotStoredAndIsRetried) {
   m_api.FailNextConnects(1);
   EXPECT_EQ(Connect(L"http://example.com/"), nullptr);
   void* handle = Connect(L"http://example.com/");
   EXPECT_NE(handle, nullptr);
   EXPECT_EQ(Connect(L"http://example.com/"), handle);
   EXPECT_EQ(m_api.CountCalls("Connect"), 2);
-
-  // A failed OpenInternet disables the pool until Terminate.
-  HttpConnectionPool::Terminate();
-  m_api.FailOpenInternet(true);
-  EXPECT_EQ(Connect(L"http://example.com/"), nullptr);
-  EXPECT_EQ(Connect(L"http://other.com/"), nullptr);
-  EXPECT_EQ(m_api.CountCalls("OpenInternet"), 2);
-  HttpConnectionPool::Terminate();
-  m_api.FailOpenInternet(false);
-  EXPECT_NE(Connect(L"http://example.com/"), nullptr);
 }
 
 TEST_F(ConnectionPoolTest, ConcurrentFirstCallsShareOnePoolAndOneConnection) {

@@ -67,11 +67,10 @@ TEST_F(WinInetTest, RoundTripSendsHeadersAndQueriesGrowTheirBuffer) {
   } while (read != 0);
   EXPECT_EQ(std::string(body, total), "hello world");
 
-  const auto requests = m_server.requests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].query, "x=1");
-  EXPECT_EQ(requests[0].Header("X-Test"), "yes");
-  EXPECT_EQ(requests[0].Header("User-Agent"), "Torvik-Quillstone/23.1");
+  const tq::test::RecordedRequest seen = m_server.requests().at(0);
+  EXPECT_EQ(seen.query, "x=1");
+  EXPECT_EQ(seen.Header("X-Test"), "yes");
+  EXPECT_EQ(seen.Header("User-Agent"), "Torvik-Quillstone/23.1");
 }
 
 TEST_F(WinInetTest, FailedConnectLogsHostAndCode) {
