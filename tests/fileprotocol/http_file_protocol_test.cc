@@ -32,7 +32,7 @@ using qv::net::HttpFileProtocol;
 
 std::string Bytes(std::size_t n) {
   std::string s(n, '\0');
-  for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131) & 0xFF);
+  for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i * 131);
   return s;
 }
 
@@ -126,18 +126,16 @@ TEST_F(HttpFileProtocolTest, RangesRefusedCutOrIgnoredByTheServer) {
     std::int64_t count;
     std::uint64_t total;
     std::string bytes;
-    std::vector<Posted> log;
   };
   const Case cases[] = {
       {"HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */900\r\n"
        "Content-Length: 0\r\n\r\n",
-       1000, -1, 0, "", {{1, "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for "}}},
+       1000, -1, 0, ""},
       {"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 895-899/900\r\n"
        "Content-Length: 5\r\n\r\n" + body.substr(895),
-       895, 5, 900, body.substr(895), {}},
+       895, 5, 900, body.substr(895)},
       // The whole file from its start: the first bytes of the 200's body are the ones asked for.
-      {"HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n" + body, 0, 10, 900, body.substr(0, 10),
-       {}},
+      {"HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n" + body, 0, 10, 900, body.substr(0, 10)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.response.substr(0, 20));
@@ -153,9 +151,9 @@ TEST_F(HttpFileProtocolTest, RangesRefusedCutOrIgnoredByTheServer) {
     ASSERT_EQ(server.heads().size(), 1u);
     EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=" + std::to_string(c.offset) +
                                              "-" + std::to_string(c.offset + 9) + "\r\n"));
-    std::vector<Posted> log = c.log;
-    if (!log.empty()) log[0].text += f.url_utf8() + ": 416";
-    EXPECT_EQ(TakeLog(), log);
+    const Posted refused{1, "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for " +
+                                f.url_utf8() + ": 416"};
+    EXPECT_EQ(TakeLog(), c.count < 0 ? std::vector<Posted>{refused} : std::vector<Posted>{});
   }
 }
 
@@ -207,18 +205,6 @@ ScriptedResponse FullAnswer() {
       .Header("Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT");
 }
 
-HttpFileProtocol::PreHTTPAuthenticationResult SupplyAlice(const wchar_t*, HttpCredentials* c) {
-  c->SetUsername(L"alice");
-  c->SetPassword(L"s3cret");
-  return HttpFileProtocol::CredentialsSupplied;
-}
-
-std::atomic<int> g_hook_calls{0};
-HttpFileProtocol::PreHTTPAuthenticationResult OutOfRangeAnswer(const wchar_t*, HttpCredentials*) {
-  ++g_hook_calls;
-  return static_cast<HttpFileProtocol::PreHTTPAuthenticationResult>(7);
-}
-
 TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvivesRetriedFailures) {
   server_.Route("/f", FullAnswer());
   TqUFileInfo info;
@@ -253,22 +239,30 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
-TEST_F(HttpFileProtocolTest, ChallengeIsAnsweredByTheHookAndAnAnswerOutsideTheEnumerationEndsTheCall) {
+TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumerationEndsTheCall) {
   server_.Route("/f", [](const RecordedRequest& r) {
     return r.Header("Authorization") == "Basic YWxpY2U6czNjcmV0"
                ? FullAnswer()
                : ScriptedResponse(401).Header("WWW-Authenticate", "Basic realm=\"files\"");
   });
-  HttpFileProtocol::SetPreHTTPAuthenticationFunc(&SupplyAlice);
+  HttpFileProtocol::SetPreHTTPAuthenticationFunc([](const wchar_t*, HttpCredentials* c) {
+    c->SetUsername(L"alice");
+    c->SetPassword(L"s3cret");
+    return HttpFileProtocol::CredentialsSupplied;
+  });
   TqUFileInfo info;
   ASSERT_TRUE(Info("/f", &info));
   EXPECT_EQ(info.GetFileSize(), 900u);
 
-  HttpFileProtocol::SetPreHTTPAuthenticationFunc(&OutOfRangeAnswer);
+  static std::atomic<int> hook_calls{0};
+  HttpFileProtocol::SetPreHTTPAuthenticationFunc([](const wchar_t*, HttpCredentials*) {
+    ++hook_calls;
+    return static_cast<HttpFileProtocol::PreHTTPAuthenticationResult>(7);
+  });
   const std::size_t before = server_.request_count();
   EXPECT_FALSE(Info("/f?again", &info));
   EXPECT_EQ(server_.request_count(), before + 1);
-  EXPECT_EQ(g_hook_calls.load(), 1);
+  EXPECT_EQ(hook_calls.load(), 1);
   EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
@@ -292,8 +286,6 @@ TEST_F(HttpFileProtocolTest, DownloadFailuresMapToResultCodesAndLeaveNoFile) {
   EXPECT_FALSE(protocol_->GetFile(url.c_str(), target("no/b").c_str(), nullptr));
   EXPECT_FALSE(protocol_->GetFile(L"not a url", target("b").c_str(), nullptr));
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
-  EXPECT_TRUE(protocol_->GetFile(url.c_str(), target("b").c_str(), nullptr));
-  EXPECT_EQ(ReadAll(dir.path() / "b"), "abcd");
   EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
