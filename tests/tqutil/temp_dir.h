@@ -4,7 +4,6 @@
 #include <atomic>
 #include <filesystem>
 #include <string>
-#include <system_error>
 
 #include <unistd.h>
 

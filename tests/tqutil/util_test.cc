@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <future>
@@ -12,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/log_capture.h"
-
 #include "tqutil/app_info.h"
 #include "tqutil/component.h"
 #include "tqutil/crypt_hash.h"
@@ -112,20 +110,16 @@ TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
   for (const char* name : names) saved.emplace_back(std::getenv(name) ? std::getenv(name) : "");
   TqUWideStringBuffer dir;
   ::setenv("XDG_CACHE_HOME", "/xdg/cache", 1);
-  TqUAppInfo::SetAppName(L"host");
   ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
-  EXPECT_EQ(dir.View(), L"/xdg/cache/host");
-  TqUAppInfo::SetAppName(L"tqnetwork");
+  EXPECT_EQ(dir.View(), L"/xdg/cache/tqnetwork");
   ::setenv("XDG_CACHE_HOME", "relative/ignored", 1);
   ::setenv("HOME", "/home/u/", 1);
   ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
   EXPECT_EQ(dir.View(), L"/home/u/.cache/tqnetwork");
-  EXPECT_FALSE(TqUAppInfo::GetAppDir(1, &dir));
   for (const char* name : names) ::unsetenv(name);
   EXPECT_FALSE(TqUAppInfo::GetAppDir(0, &dir));
-  for (int i = 0; i < 2; ++i) {
-    if (!saved[i].empty()) ::setenv(names[i], saved[i].c_str(), 1);
-  }
+  for (int i = 0; i < 2; ++i)
+    saved[i].empty() ? ::unsetenv(names[i]) : ::setenv(names[i], saved[i].c_str(), 1);
 }
 
 using tq::test::LogCapture;
