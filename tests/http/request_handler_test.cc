@@ -44,9 +44,7 @@ TEST(RequestHandlerTest, RunInRegistrationOrderUntilOneThrows) {
   trace.clear();
   EXPECT_THROW(HttpRequestHandlerManager::HandlePreRequest(request), std::runtime_error);
   EXPECT_EQ(trace, (Trace{"2"}));
-  for (auto* handler : {&first, &second, &thrower}) {
-    HttpRequestHandlerManager::UnregisterHandler(handler);
-  }
+  for (auto* h : {&first, &second, &thrower}) HttpRequestHandlerManager::UnregisterHandler(h);
 }
 
 }  // namespace

@@ -53,14 +53,6 @@ inline bool ReadAll(const Handle& request, std::string* body, DWORD chunk = 4096
   return true;
 }
 
-inline DWORD StatusCode(const Handle& request) {
-  DWORD status = 0;
-  DWORD length = sizeof status;
-  HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &length,
-                 nullptr);
-  return status;
-}
-
 // ASCII header text; `name` for HTTP_QUERY_CUSTOM.
 inline std::string QueryText(const Handle& request, DWORD level, const std::wstring& name = L"") {
   wchar_t buffer[4096] = {};
@@ -68,6 +60,10 @@ inline std::string QueryText(const Handle& request, DWORD level, const std::wstr
   DWORD length = sizeof buffer;
   if (!HttpQueryInfoW(request.get(), level, buffer, &length, nullptr)) return "<absent>";
   return std::string(buffer, buffer + length / 2);
+}
+
+inline DWORD StatusCode(const Handle& request) {
+  return static_cast<DWORD>(std::stoul("0" + QueryText(request, HTTP_QUERY_STATUS_CODE)));
 }
 
 }  // namespace tq::test
