@@ -147,26 +147,20 @@ TEST(SysFileTest, AWriterIsRefusedWhenAFileIsRenamedOverThePathDuringItsOpen) {
   }
 }
 
-TEST(SysFileTest, BadArgumentsAndHandlesAreRefused) {
+TEST(SysFileTest, DirectoryListsOpensAndRemovesByNameAndBadHandlesAreRefused) {
   tq::test::TempDir dir;
-  const auto path = dir / "f";
-  WriteText(path, "x");
+  WriteText(dir / "file", "12345");
   EXPECT_FALSE(Reader(dir.Path())) << "a directory is not a file";
-  EXPECT_EQ(F::OpenFile(path, 0, 1, 3, 1, 0), nullptr) << "reserved value";
+  EXPECT_EQ(F::OpenFile(dir / "file", 0, 1, 3, 1, 0), nullptr) << "reserved value";
   char buffer[4];
   std::uint64_t n = 0;
-  auto* foreign = reinterpret_cast<F::Handle>(buffer);
   EXPECT_FALSE(F::ReadFile(nullptr, buffer, 4, &n));
-  EXPECT_FALSE(F::WriteFile(foreign, buffer, 4, &n));
-  F::Handle h = F::OpenFile(path, F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0);
+  EXPECT_FALSE(F::WriteFile(reinterpret_cast<F::Handle>(buffer), buffer, 4, &n)) << "foreign";
+  F::Handle h = F::OpenFile(dir / "file", F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0);
   ASSERT_TRUE(h);
   EXPECT_TRUE(F::CloseFile(h));
   EXPECT_FALSE(F::CloseFile(h));
-}
 
-TEST(SysFileTest, DirectoryListsOpensAndRemovesByName) {
-  tq::test::TempDir dir;
-  WriteText(dir / "file", "12345");
   std::filesystem::create_symlink(dir / "file", dir / "link");
   std::filesystem::create_symlink(dir / "missing", dir / "dangling");
   std::filesystem::create_directory(dir / "sub");
@@ -216,7 +210,6 @@ TEST(MemoryStreamTest, StreamsOverOneSinkKeepTheirOwnPositions) {
   EXPECT_EQ(ReadAll(second, 1), "efgh");
   EXPECT_THROW(second.RSeek(-1, StreamPosition::Begin), std::runtime_error);
   EXPECT_EQ(second.RTell(), 8u) << "a refused seek leaves the position";
-  EXPECT_THROW(second.Write(nullptr, 1), std::runtime_error);
 }
 
 TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
@@ -224,7 +217,8 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   const auto path = dir / "f";
   {
     WriteText(path, "HDR");
-    FileWriteStream w(F::OpenFile(path, F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite, 0, 0));
+    FileWriteStream w(
+        F::OpenFile(path, F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite, 0, 0));
     w.SetBaseOffset(3);
     EXPECT_EQ(w.Write("abcdef", 6), 6u);
     EXPECT_EQ(w.WSeek(1, StreamPosition::Begin), 1u);
@@ -232,9 +226,6 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
     EXPECT_FALSE(FileReadStream::Create(path)) << "the stream holds the file";
   }
   EXPECT_FALSE(FileReadStream::Create(dir / "missing"));
-  auto whole = FileReadStream::Create(path);  // open throughout: readers share the file
-  ASSERT_TRUE(whole);
-  EXPECT_EQ(ReadAll(*whole, 4), "HDRaBcdef");
   auto s = FileReadStream::Create(path);
   ASSERT_TRUE(s);
   s->SetBaseOffset(3);
@@ -271,10 +262,8 @@ TEST(FileProtocolTest, ResolveAbsoluteFileOrUrl) {
     }
     return std::wstring(out.View());
   };
-  EXPECT_EQ(Absolute(L"/abs/file", L"http://h/", L"/dir"), L"/abs/file");
   EXPECT_EQ(Absolute(L"..\\up.png", L"http://h/docs/page.html", nullptr), L"http://h/up.png");
   EXPECT_EQ(Absolute(L"b.txt", L"sub/a.txt", L"/dir"), L"/dir/sub/b.txt");
-  EXPECT_EQ(Absolute(L"b.txt", nullptr, nullptr), L"<fail>");
   EXPECT_EQ(Absolute(nullptr, L"http://h/", nullptr), L"<fail>");
 }
 
@@ -294,7 +283,6 @@ TEST(FileProtocolRegistryTest, CountedLifetimeAndCaseInsensitiveSchemes) {
   TqUFileProtocolRegistry::Terminate();
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), registry) << "still counted once";
   TqUFileProtocolRegistry::Terminate();
-  TqUFileProtocolRegistry::Terminate();  // an extra terminate is harmless
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), nullptr);
 }
 
