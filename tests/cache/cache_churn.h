@@ -38,7 +38,6 @@ struct ChurnResult {
   int served = 0;
   int null = 0;
   int torn = 0;
-  std::string example;  // the first torn body's size
 };
 
 inline bool IsWhole(const std::string& body) { return body == kChurnBodyA || body == kChurnBodyB; }
@@ -55,11 +54,7 @@ inline ChurnResult RunChurn(qv::net::DiskCache& cache, int iterations, int clean
       continue;
     }
     const std::string body = ReadAll(*stream, 65536);
-    if (IsWhole(body)) {
-      ++result.served;
-    } else if (result.torn++ == 0) {
-      result.example = std::to_string(body.size()) + " bytes";
-    }
+    ++(IsWhole(body) ? result.served : result.torn);
   }
   return result;
 }

@@ -33,18 +33,13 @@
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/temp_dir.h"
 
+namespace tq::test {
 namespace {
 
 namespace fs = std::filesystem;
 using qv::net::CacheEntry;
 using qv::net::DiskCache;
 using qv::net::InMemoryCache;
-using tq::test::BytesSource;
-using tq::test::EntryBytes;
-using tq::test::FakeResponse;
-using tq::test::ReadAll;
-using tq::test::ReadFileBytes;
-using tq::test::WriteFileBytes;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Names = std::set<std::string>;
@@ -67,9 +62,9 @@ FakeResponse Ok(const std::string& body, std::optional<std::wstring> cache_contr
   return r;
 }
 
-class DiskCacheTest : public tq::test::FakeTransportTest {
+class CacheTest : public FakeTransportTest {
  protected:
-  ~DiskCacheTest() override { TqUOption::Unset("general.localcache.max_size"); }
+  ~CacheTest() override { TqUOption::Unset("general.localcache.max_size"); }
 
   std::string Open(const wchar_t* url = kUrl, int flags = 0) {
     auto stream = m_cache.OpenUrl(url, flags, {});
@@ -97,11 +92,10 @@ class DiskCacheTest : public tq::test::FakeTransportTest {
     TqUOption::SetInt32("general.localcache.max_size", mebibytes);
   }
 
-  tq::test::TempDir m_dir;
-  tq::test::ScopedClock m_clock{kDate + 5};
+  TempDir m_dir;
+  ScopedClock m_clock{kDate + 5};
   DiskCache m_cache{m_dir.path().wstring().c_str()};
 };
-
 
 // The helper built next to this test, exec'd in place of the shell so that pclose() reports how
 // the helper itself ended.
@@ -111,7 +105,7 @@ FILE* StartHelper(const std::string& arguments) {
 }
 
 // Starts from an entry file built by hand, so both reading and writing follow the layout.
-TEST_F(DiskCacheTest, FreshEntriesAreServedAsIsStaleOnesRevalidatedAndNewTagsStored) {
+TEST_F(CacheTest, FreshEntriesAreServedAsIsStaleOnesRevalidatedAndNewTagsStored) {
   WriteFileBytes(EntryPath(), EntryBytes(700, kDate + 60, "\"v1\"", kKey, "first body"));
   m_clock.Set(kDate + 60);  // expiry not passed yet: fresh, and only the use is recorded
   EXPECT_EQ(Open(), "first body");
@@ -138,14 +132,13 @@ TEST_F(DiskCacheTest, FreshEntriesAreServedAsIsStaleOnesRevalidatedAndNewTagsSto
   EXPECT_EQ(m_log.Text(), "");
 }
 
-TEST_F(DiskCacheTest, ExpiryFollowsDateAndCacheControl) {
+TEST_F(CacheTest, ExpiryFollowsDateAndCacheControl) {
   struct Case {
     std::optional<std::wstring> cache_control;
     std::optional<std::int64_t> date;
     int flags;
     std::int64_t expiry;
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {L" public , max-age=  90 ", kDate, 0, kDate + 90},
       {L"max-age=60, no-cache", kDate, 0, kDate - 1},
       {std::nullopt, kDate, 0, kDate + 5 + 2592000},  // 30 days from now
@@ -162,12 +155,9 @@ TEST_F(DiskCacheTest, ExpiryFollowsDateAndCacheControl) {
     EXPECT_EQ(Open(url.c_str(), cases[i].flags), "b");
     EXPECT_EQ(m_cache.ExpiryTime(url), cases[i].expiry);
   }
-  m_clock.Set(kNever - 1);  // never expiring holds at the end of time
-  EXPECT_EQ(Open(L"http://example.test/6"), "b");
-  EXPECT_EQ(m_api.Sent().size(), std::size(cases));
 }
 
-TEST_F(DiskCacheTest, NoStoreIsServedFromMemoryAndDropsTheEntryButNeverAShortBody) {
+TEST_F(CacheTest, NoStoreAndErrorsDropTheEntryAndNoShortBodyIsServed) {
   m_api.Queue(Ok("stored", L"max-age=0", L"\"a\""));
   ASSERT_EQ(Open(), "stored");
   m_clock.Advance(1);
@@ -192,9 +182,8 @@ TEST_F(DiskCacheTest, NoStoreIsServedFromMemoryAndDropsTheEntryButNeverAShortBod
   EXPECT_EQ(m_log.Text(),
             "Failed to read or write stream in CopyStream: Unable to read HTTP data\n\n"
             "Failed to read HTTP data into cache system: http://example.test/data.bin\n");
-}
 
-TEST_F(DiskCacheTest, AnErrorStatusDropsTheEntryAndAFailedConnectionIsLogged) {
+  m_log.Clear();
   m_api.Queue(Ok("stored", L"max-age=0", L"\"a\""));
   ASSERT_EQ(Open(), "stored");
   m_clock.Advance(1);
@@ -214,7 +203,9 @@ TEST_F(DiskCacheTest, AnErrorStatusDropsTheEntryAndAFailedConnectionIsLogged) {
             "Unable to create HTTP connection\n\n");
 }
 
-TEST_F(DiskCacheTest, AnotherUrlsFileUnderTheSameNameIsNeitherUsedNorOverwritten) {
+TEST_F(CacheTest, ItsDirectoryIsOwnerOnlyAndAnotherUrlsFileOfTheSameNameIsLeftAlone) {
+  // Entry files name the URLs the user opened.
+  EXPECT_EQ(fs::status(m_cache.Directory()).permissions() & fs::perms::all, fs::perms::owner_all);
   const std::string foreign = EntryBytes(1, kNever, "", "http://other.test/collides", "theirs");
   WriteFileBytes(EntryPath(), foreign);
   m_api.Queue(Ok("ours", L"max-age=60", L"\"a\""));
@@ -224,25 +215,22 @@ TEST_F(DiskCacheTest, AnotherUrlsFileUnderTheSameNameIsNeitherUsedNorOverwritten
   EXPECT_EQ(ReadFileBytes(EntryPath()), foreign);
 }
 
-TEST_F(DiskCacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
+TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
   const std::string good = EntryBytes(1, 2, "\"t\"", kKey, "");
-  std::vector<std::pair<std::string, std::string>> cases = {
-      {"random bytes", "\x7f\x45\x4c\x46\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00"},
-      // Lengths far beyond the file: refused without reading or allocating them.
-      {"absurd tag length", good.substr(0, 20) + tq::test::Le(0xFFFF, 2) + "tiny"},
-  };
-  for (std::size_t n = 0; n < good.size(); ++n) {
-    cases.emplace_back("truncated to " + std::to_string(n), good.substr(0, n));
-  }
-  for (const auto& [name, bytes] : cases) {
-    SCOPED_TRACE(name);
+  // Random bytes, a length far beyond the file (refused without reading or allocating it), and
+  // every truncation of a good entry.
+  std::vector<std::string> cases = {"\x7f\x45\x4c\x46\x02\x01\x01\x00\x00\x00\x00\x00",
+                                    good.substr(0, 20) + Le(0xFFFF, 2) + "tiny"};
+  for (std::size_t n = 0; n < good.size(); ++n) cases.push_back(good.substr(0, n));
+  for (const std::string& bytes : cases) {
+    SCOPED_TRACE(::testing::PrintToString(bytes));
     WriteFileBytes(EntryPath(), bytes);
     EXPECT_FALSE(m_cache.Contains(kUrl));
     EXPECT_FALSE(fs::exists(EntryPath()));
   }
 }
 
-TEST_F(DiskCacheTest, AHeaderOverSixtyFourKiBOrAStoppedStoreLeavesTheOldEntryAndNoTemporaryFile) {
+TEST_F(CacheTest, AHeaderOverSixtyFourKiBOrAStoppedStoreLeavesTheOldEntryAndNoTemporaryFile) {
   const std::string old_bytes = EntryBytes(1, 2, "\"old\"", kKey, "old body");
   const fs::path temp = fs::path(EntryPath()) += ".tmp";
   WriteFileBytes(EntryPath(), old_bytes);
@@ -260,7 +248,7 @@ TEST_F(DiskCacheTest, AHeaderOverSixtyFourKiBOrAStoppedStoreLeavesTheOldEntryAnd
   EXPECT_FALSE(fs::exists(temp));
 }
 
-TEST_F(DiskCacheTest, CleanUpTakesExpiredEntriesFirstWithinAnHourSpanAndOlderSpansFirst) {
+TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstWithinAnHourSpanAndOlderSpansFirst) {
   Limit(1);
   // 1,050,000 bytes: deleting the 250,000-byte entry is enough.
   Entry("oldest_fresh", kDate - 7200, kNever, 300000);
@@ -281,32 +269,27 @@ TEST_F(DiskCacheTest, CleanUpTakesExpiredEntriesFirstWithinAnHourSpanAndOlderSpa
 
 // Removals run side by side. A removal that fails (refused through the removal seam) leaves its
 // bytes in the total, so the run goes on to the next-oldest until it is below the target.
-TEST_F(DiskCacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims) {
+TEST_F(CacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims) {
   constexpr int kEntries = 2000;
   constexpr std::size_t kSize = 1024;
   auto name = [](int i) { return "e" + std::to_string(10000 + i); };
   auto refused = [](const std::string& file) { return std::stoi(file.substr(1)) % 10 == 3; };
   for (int i = 0; i < kEntries; ++i) Entry(name(i), kDate - 2 * kEntries + i, kNever, kSize);
 
-  Names expected;  // one by one, oldest first: the refused stay, the others go
+  Names expected;  // one by one, oldest first: the refused stay, the others go until below target
   std::uint64_t total = kEntries * kSize;
-  int i = 0;
-  for (; i < kEntries && total >= kTarget; ++i) {
-    if (refused(name(i))) {
-      expected.insert(name(i));
-    } else {
+  for (int i = 0; i < kEntries; ++i) {
+    if (total >= kTarget && !refused(name(i))) {
       total -= kSize;
+    } else {
+      expected.insert(name(i));
     }
   }
-  for (; i < kEntries; ++i) expected.insert(name(i));
 
   // The first removal waits for a second one: the run only ends if removals overlap.
   std::mutex mutex;
   std::condition_variable second_arrived;
   int arrived = 0;
-  struct RestoreSeam {
-    ~RestoreSeam() { TqUSysDirectory::SetRemoveFaultForTesting({}); }
-  } restore;
   TqUSysDirectory::SetRemoveFaultForTesting([&](const TqUSysDirectory::Char* file) {
     {
       std::unique_lock lock(mutex);
@@ -317,41 +300,26 @@ TEST_F(DiskCacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVic
   });
   Limit(1);
   EXPECT_TRUE(m_cache.CleanUp());
-  EXPECT_EQ(Remaining(), expected);
-
-  // When nothing can be removed, the run still ends, with every file in place.
-  TqUSysDirectory::SetRemoveFaultForTesting([](const TqUSysDirectory::Char*) { return true; });
-  Limit(0);
-  EXPECT_TRUE(m_cache.CleanUp());
+  TqUSysDirectory::SetRemoveFaultForTesting({});
   EXPECT_EQ(Remaining(), expected);
 }
 
-TEST(DiskCacheDirectoryTest, TheDirectoryItCreatesIsOwnerOnly) {
-  tq::test::TempDir dir;
-  const fs::path base = dir.path() / "a" / "b";
-  DiskCache cache(base.wstring().c_str());
-  EXPECT_EQ(cache.Directory(), base / "v1");
-  for (const fs::path& made : {base / "v1", base, dir.path() / "a"}) {
-    EXPECT_EQ(fs::status(made).permissions() & fs::perms::all, fs::perms::owner_all) << made;
-  }
-}
-
-TEST_F(DiskCacheTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBody) {
-  m_api.SetResponder(tq::test::ChurnResponder(7));
+TEST_F(CacheTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBody) {
+  m_api.SetResponder(ChurnResponder(7));
   Limit(0);  // each clean-up deletes what it can
   const std::string arguments = "churn '" + m_dir.path().string() + "' 150";
   FILE* first = StartHelper(arguments);
   FILE* second = StartHelper(arguments);
   ASSERT_TRUE(first && second);
-  std::vector<std::future<tq::test::ChurnResult>> runs;
+  std::vector<std::future<ChurnResult>> runs;
   for (int t = 0; t < 4; ++t) {
     runs.push_back(std::async(std::launch::async,
-                              [this, t] { return tq::test::RunChurn(m_cache, 150, 10 + t); }));
+                              [this, t] { return RunChurn(m_cache, 150, 10 + t); }));
   }
   int served = 0;
   for (auto& run : runs) {
-    const tq::test::ChurnResult r = run.get();
-    EXPECT_EQ(r.torn, 0) << r.example;
+    const ChurnResult r = run.get();
+    EXPECT_EQ(r.torn, 0);
     served += r.served;
   }
   EXPECT_GT(served, 0);
@@ -365,9 +333,9 @@ TEST_F(DiskCacheTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBody) {
   EXPECT_THAT(Remaining(".tmp"), IsEmpty());
 }
 
-TEST_F(DiskCacheTest, AProcessKilledInTheMiddleOfAStoreLeavesTheOldEntryReadable) {
-  m_api.SetResponder(tq::test::ChurnResponder(7));
-  const fs::path entry_path = EntryPath(tq::test::kChurnUrl);
+TEST_F(CacheTest, AProcessKilledInTheMiddleOfAStoreLeavesTheOldEntryReadable) {
+  m_api.SetResponder(ChurnResponder(7));
+  const fs::path entry_path = EntryPath(kChurnUrl);
   const std::string old_bytes = EntryBytes(1, 2, "\"old\"", "http://churn.test/resource", "old");
   WriteFileBytes(entry_path, old_bytes);
 
@@ -383,37 +351,19 @@ TEST_F(DiskCacheTest, AProcessKilledInTheMiddleOfAStoreLeavesTheOldEntryReadable
   EXPECT_EQ(Remaining(".tmp").size(), 1u);
   EXPECT_EQ(ReadFileBytes(entry_path), old_bytes);
   EXPECT_EQ(CacheEntry::Load(entry_path).ETag(), "\"old\"");
-
-  // The dead writer's lock went with it: the next store takes the temporary file over.
-  auto fresh = m_cache.OpenUrl(tq::test::kChurnUrl, 0, {});
-  ASSERT_NE(fresh, nullptr);
-  EXPECT_TRUE(tq::test::IsWhole(ReadAll(*fresh)));
-  EXPECT_THAT(Remaining(".tmp"), IsEmpty());
 }
 
-class InMemoryCacheTest : public tq::test::FakeTransportTest {
- protected:
-  std::string Open(const std::wstring& url) {
-    auto stream = m_cache.OpenUrl(url, 0, {});
-    return stream ? ReadAll(*stream) : "<null>";
-  }
-
-  InMemoryCache m_cache;
-};
-
-TEST_F(InMemoryCacheTest, ConcurrentOpensOfOneUrlShareOneDownloadAndClearForgetsEveryBody) {
+TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgetsBodies) {
+  InMemoryCache memory;
   const std::wstring url = L"http://example.test/held";
+  auto open = [&] {
+    auto stream = memory.OpenUrl(url, 0, {});
+    return stream ? ReadAll(*stream) : "<null>";
+  };
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
-  std::promise<void> sent;
-  m_api.OnSend([&](const tq::test::SentRequest&) {
-    sent.set_value();
-    released.wait();
-  });
-  FakeResponse response;
-  response.status = 200;
-  response.Body("the body");
-  m_api.Queue(response);
+  m_api.OnSend([&](const SentRequest&) { released.wait(); });
+  m_api.Queue(Ok("the body", std::nullopt, std::nullopt));
   std::mutex mutex;
   std::condition_variable cv;
   int waits = 0;
@@ -423,34 +373,29 @@ TEST_F(InMemoryCacheTest, ConcurrentOpensOfOneUrlShareOneDownloadAndClearForgets
     cv.notify_all();
   });
 
-  auto first = std::async(std::launch::async, [&] { return Open(url); });
-  sent.get_future().wait();
-  std::vector<std::future<std::string>> waiters;
-  for (int i = 0; i < 3; ++i) {
-    waiters.push_back(std::async(std::launch::async, [&] { return Open(url); }));
-  }
+  // One of the four downloads and is held there; the three others wait for its body.
+  std::vector<std::future<std::string>> opens;
+  for (int i = 0; i < 4; ++i) opens.push_back(std::async(std::launch::async, open));
   {
     std::unique_lock lock(mutex);
     ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(30), [&] { return waits >= 3; }));
   }
   release.set_value();
-  EXPECT_EQ(first.get(), "the body");
-  for (auto& waiter : waiters) EXPECT_EQ(waiter.get(), "the body");
+  for (auto& result : opens) EXPECT_EQ(result.get(), "the body");
   EXPECT_EQ(m_api.Sent().size(), 1u);
   qv::net::detail::SetInMemoryCacheWaitHookForTesting({});
 
   // Clear forgets every body, so the next open downloads again; streams handed out keep theirs.
   m_api.OnSend({});
-  auto kept = m_cache.OpenUrl(url, 0, {});
-  m_cache.Clear();
-  response.Body(" again");
-  m_api.Queue(response);
-  EXPECT_EQ(Open(url), "the body again");
+  auto kept = memory.OpenUrl(url, 0, {});
+  memory.Clear();
+  m_api.Queue(Ok("the new body", std::nullopt, std::nullopt));
+  EXPECT_EQ(open(), "the new body");
   EXPECT_EQ(ReadAll(*kept), "the body");
 }
 
 TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsTheDiskCache) {
-  tq::test::TempDir dir;
+  TempDir dir;
   dir.WriteFile("plain", "x");
   qv::net::InitialiseCache(qv::Utf8ToWide((dir.path() / "plain" / "below").string()).c_str());
   EXPECT_NE(dynamic_cast<InMemoryCache*>(qv::net::CacheSystem()), nullptr);
@@ -476,67 +421,60 @@ class RecordingApi : public qv::net::WinInet {
   std::uint32_t last_status = 0;
 };
 
-class CacheNginxTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
-    m_nginx = std::make_unique<tq::test::NginxHarness>();
-    ASSERT_TRUE(m_nginx->ok()) << m_nginx->error();
-    m_previous = qv::net::SetHttpApi(&m_api);
-    qv::net::InitialiseCache(qv::Utf8ToWide(m_dir.path().string()).c_str());
-    ASSERT_NE(dynamic_cast<DiskCache*>(qv::net::CacheSystem()), nullptr);
-  }
-  void TearDown() override {
-    qv::net::TerminateCache();
-    qv::net::HttpConnectionPool::Terminate();
-    qv::net::SetHttpApi(m_previous);
-  }
-
-  std::string Open(const std::wstring& url) {
+TEST(CacheNginxTest, StoredServedFreshWithoutRequestRevalidatedWith304AndReplacedWhenChanged) {
+  if (!NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
+  NginxHarness nginx;
+  ASSERT_TRUE(nginx.ok()) << nginx.error();
+  TempDir dir;
+  LogCapture log;
+  RecordingApi api;
+  struct Restore {
+    qv::net::IHttpApi* previous;
+    ~Restore() {
+      qv::net::TerminateCache();
+      qv::net::HttpConnectionPool::Terminate();
+      qv::net::SetHttpApi(previous);
+    }
+  } restore{qv::net::SetHttpApi(&api)};
+  qv::net::InitialiseCache(qv::Utf8ToWide(dir.path().string()).c_str());
+  auto open = [](const std::wstring& url) {
     auto stream = qv::net::OpenFileOrUrl(url, 0, {});
     return stream ? ReadAll(*stream, 65536) : "<null>";
-  }
+  };
 
-  RecordingApi m_api;
-  qv::net::IHttpApi* m_previous = nullptr;
-  tq::test::TempDir m_dir;
-  std::unique_ptr<tq::test::NginxHarness> m_nginx;
-  tq::test::LogCapture m_log;
-};
-
-TEST_F(CacheNginxTest, StoredServedFreshWithoutRequestRevalidatedWith304AndReplacedWhenChanged) {
   const std::string v1(300000, '1');
-  m_nginx->WriteFile("doc.bin", v1);
-  const std::wstring url = qv::Utf8ToWide(m_nginx->Url("/doc.bin"));
-  tq::test::ScopedClock clock(std::time(nullptr));
+  nginx.WriteFile("doc.bin", v1);
+  const std::wstring url = qv::Utf8ToWide(nginx.Url("/doc.bin"));
+  ScopedClock clock(std::time(nullptr));
 
-  EXPECT_EQ(Open(url), v1);
-  const fs::path entry_path = DiskCache::ComputeCacheLocation(url, m_dir.path() / "v1");
+  EXPECT_EQ(open(url), v1);
+  const fs::path entry_path = DiskCache::ComputeCacheLocation(url, dir.path() / "v1");
   const CacheEntry stored = CacheEntry::Load(entry_path);
   EXPECT_FALSE(stored.ETag().empty());
   EXPECT_EQ(stored.Expiry(), clock.Now() + 2592000);  // no cache-control: fresh for 30 days
 
-  EXPECT_EQ(Open(url), v1);  // fresh: no request at all
-  ASSERT_EQ(m_api.headers.size(), 1u);
+  EXPECT_EQ(open(url), v1);  // fresh: no request at all
+  ASSERT_EQ(api.headers.size(), 1u);
 
   clock.Advance(31 * 86400);  // stale: revalidated with the stored tag, 304 keeps the body
-  EXPECT_EQ(Open(url), v1);
-  ASSERT_EQ(m_api.headers.size(), 2u);
-  EXPECT_THAT(m_api.headers[1], ::testing::StartsWith(L"If-None-Match: \""));
-  EXPECT_EQ(m_api.last_status, 304u);
+  EXPECT_EQ(open(url), v1);
+  ASSERT_EQ(api.headers.size(), 2u);
+  EXPECT_THAT(api.headers[1], ::testing::StartsWith(L"If-None-Match: \""));
+  EXPECT_EQ(api.last_status, 304u);
   EXPECT_EQ(CacheEntry::Load(entry_path).Expiry(), clock.Now() + 2592000);
 
   // Changed on the server: the new body is stored and served, then served fresh.
   const std::string v2(123457, '2');
-  m_nginx->WriteFile("doc.bin", v2);
+  nginx.WriteFile("doc.bin", v2);
   clock.Advance(31 * 86400);
-  EXPECT_EQ(Open(url), v2);
-  EXPECT_EQ(m_api.last_status, 200u);
+  EXPECT_EQ(open(url), v2);
+  EXPECT_EQ(api.last_status, 200u);
   EXPECT_NE(CacheEntry::Load(entry_path).ETag(), stored.ETag());
-  EXPECT_EQ(Open(url), v2);
-  EXPECT_EQ(m_api.headers.size(), 3u);
+  EXPECT_EQ(open(url), v2);
+  EXPECT_EQ(api.headers.size(), 3u);
   EXPECT_FALSE(fs::exists(fs::path(entry_path) += ".tmp"));
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(log.Text(), "");
 }
 
 }  // namespace
+}  // namespace tq::test

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <optional>
 #include <string>
 
 #include "tqutil/streams.h"
@@ -24,8 +23,6 @@ class ScopedClock {
     TqUSysTime::SetClockForTesting([this] { return m_now.load(); });
   }
   ~ScopedClock() { TqUSysTime::SetClockForTesting({}); }
-  ScopedClock(const ScopedClock&) = delete;
-  ScopedClock& operator=(const ScopedClock&) = delete;
   void Set(std::int64_t now) { m_now = now; }
   void Advance(std::int64_t seconds) { m_now += seconds; }
   std::int64_t Now() const { return m_now; }
@@ -80,11 +77,7 @@ class BytesSource : public qv::io::IDataReadStream {
     if (on_read) on_read();
     return n;
   }
-  qv::io::StreamMetaData MetaData() override {
-    qv::io::StreamMetaData meta;
-    meta.size = m_bytes.size();
-    return meta;
-  }
+  qv::io::StreamMetaData MetaData() override { return {m_bytes.size()}; }
   std::function<void()> on_read;
 
  private:
