@@ -9,8 +9,7 @@
 
 namespace tq::test {
 
-class TempDir {
- public:
+struct TempDir {
   TempDir() {
     static std::atomic<int> counter{0};
     m_path = std::filesystem::temp_directory_path() /
@@ -24,8 +23,6 @@ class TempDir {
   }
   const std::filesystem::path& Path() const { return m_path; }
   std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
-
- private:
   std::filesystem::path m_path;
 };
 
