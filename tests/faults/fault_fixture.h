@@ -114,6 +114,10 @@ inline bool IsHeadFault(Fault fault) {
 inline bool IsBodyFault(Fault fault) {
   return fault == Fault::kShortBody || fault == Fault::kStallMidBody;
 }
+// The faults without the retry storms, which the stream layer's own fault test drives.
+inline constexpr Fault kTransportFaults[] = {Fault::kResetBeforeHead, Fault::kShortBody,
+                                             Fault::kStallBeforeHead, Fault::kStallMidBody,
+                                             Fault::kMalformedHeader};
 
 // Deterministic body bytes, so a torn or shifted copy never compares equal by accident.
 inline std::string FaultBody(std::size_t size, unsigned seed = 0) {
