@@ -8,13 +8,16 @@
 
 #include <atomic>
 #include <filesystem>
+#include <future>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "net/fileprotocol/downloads.h"
 #include "platform/urlmon.h"
 #include "tests/fileprotocol/protocol_fixture.h"
 #include "tests/support/servers/raw_responder.h"
@@ -287,6 +290,32 @@ TEST_F(HttpFileProtocolTest, DownloadFailuresMapToResultCodesAndLeaveNoFile) {
   EXPECT_FALSE(protocol_->GetFile(L"not a url", target("b").c_str(), nullptr));
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
   EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+// The binding is aborted from another thread while the server holds its answer: the download
+// ends with E_ABORT and leaves no file. (The binding's reference counting is what races here.)
+TEST_F(HttpFileProtocolTest, AbortFromAnotherThreadEndsTheDownloadAndLeavesNoFile) {
+  struct Starter : qv::net::MyBindStatusCallback {
+    Starter() : MyBindStatusCallback(nullptr) {}
+    HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD reserved, IBinding* binding) override {
+      const HRESULT result = MyBindStatusCallback::OnStartBinding(reserved, binding);
+      started.set_value(binding);
+      return result;
+    }
+    std::promise<IBinding*> started;
+  };
+  TempDir dir;
+  Gate held;
+  ScriptedServer server;  // after the gate: its threads end before the gate goes
+  server.Route("/held", ScriptedResponse(200, "late").Hold(&held));
+  Starter callback;
+  std::thread aborter([&] { callback.started.get_future().get()->Abort(); });
+  EXPECT_EQ(URLDownloadToFileW(nullptr, W(server.Url("/held")).c_str(),
+                               W((dir.path() / "held").string()).c_str(), 0, &callback),
+            E_ABORT);
+  aborter.join();
+  held.Open();
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
 TEST_F(HttpFileProtocolTest, GetFileToCacheGivesThePathOfTheCopy) {
