@@ -60,10 +60,7 @@ struct Holder {
       std::uint64_t n = 0;
       char ok = h && (write.empty() || F::WriteFile(h, write.data(), write.size(), &n));
       ::close(release[1]);
-      if (::write(ready[1], &ok, 1) == 1) {
-        while (::read(release[0], &ok, 1) < 0) {
-        }
-      }
+      if (::write(ready[1], &ok, 1) == 1) (void)::read(release[0], &ok, 1);  // until released
       ::_exit(0);
     }
     ::close(ready[1]);
