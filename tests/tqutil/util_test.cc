@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -92,6 +93,21 @@ TEST(SysTimeTest, FromFileTimeIsExactAndRoundsDown) {
 }
 
 TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
+  // The variables as they were, back for the tests that run after this one in the process.
+  struct Restore {
+    std::optional<std::string> xdg = Get("XDG_CACHE_HOME"), home = Get("HOME");
+    static std::optional<std::string> Get(const char* name) {
+      const char* value = std::getenv(name);
+      return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+    }
+    static void Put(const char* name, const std::optional<std::string>& value) {
+      value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
+    }
+    ~Restore() {
+      Put("XDG_CACHE_HOME", xdg);
+      Put("HOME", home);
+    }
+  } restore;
   TqUWideStringBuffer dir;
   ::setenv("XDG_CACHE_HOME", "/xdg/cache", 1);
   ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
