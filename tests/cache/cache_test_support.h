@@ -1,5 +1,5 @@
-// Helpers shared by the cache tests: a settable clock, entry files built byte by byte, and
-// reading streams whole.
+// Helpers shared by the cache tests: a settable clock, entry files built byte by byte, reading
+// streams whole, and the workload that threads and processes run on one directory.
 #pragma once
 
 #include <algorithm>
@@ -9,8 +9,11 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <string>
 
+#include "net/cache/disk_cache.h"
+#include "tests/support/fake_http_api.h"
 #include "tqutil/streams.h"
 #include "tqutil/sys_time.h"
 
@@ -77,7 +80,7 @@ class BytesSource : public qv::io::IDataReadStream {
     if (on_read) on_read();
     return n;
   }
-  qv::io::StreamMetaData MetaData() override { return {m_bytes.size()}; }
+  qv::io::StreamMetaData MetaData() override { return {m_bytes.size(), {}, {}}; }
   std::function<void()> on_read;
 
  private:
@@ -85,5 +88,51 @@ class BytesSource : public qv::io::IDataReadStream {
   std::size_t m_chunk;
   std::size_t m_pos = 0;
 };
+
+// The workload of the cache's concurrency tests, shared by the test threads and the second
+// process (tests/helpers/cache_worker.cc): one URL whose answers alternate at random between two
+// bodies of different lengths and tags, stale at once, opened and trimmed over and over. A torn
+// entry shows as a body that is not wholly one of the two.
+inline constexpr const wchar_t* kChurnUrl = L"http://churn.test/resource";
+inline const std::string kChurnBodyA(70000, 'A');
+inline const std::string kChurnBodyB(230000, 'B');
+
+inline std::function<FakeResponse(const SentRequest&)> ChurnResponder(unsigned seed) {
+  auto state = std::make_shared<std::atomic<unsigned>>(seed * 2654435761u + 1);
+  return [state](const SentRequest&) {
+    const bool a = (((*state = *state * 1103515245u + 12345u) >> 16) & 1) != 0;
+    FakeResponse response;
+    response.dates[L"Date"] = 1;
+    response.Header(L"cache-control", L"max-age=0");
+    response.Header(L"ETag", a ? L"\"a\"" : L"\"bbbbbbbbbbbbbbbbbbbb\"");
+    const std::string& body = a ? kChurnBodyA : kChurnBodyB;
+    // Several chunks, so that stores take a while.
+    for (std::size_t at = 0; at < body.size(); at += 30000) response.Body(body.substr(at, 30000));
+    return response;
+  };
+}
+
+struct ChurnResult {
+  int served = 0;
+  int null = 0;
+  int torn = 0;
+};
+
+// Opens the URL `iterations` times, and every `cleanup_every`-th time (0: never) trims the cache
+// to the configured limit.
+inline ChurnResult RunChurn(qv::net::DiskCache& cache, int iterations, int cleanup_every) {
+  ChurnResult result;
+  for (int i = 0; i < iterations; ++i) {
+    if (cleanup_every > 0 && i % cleanup_every == cleanup_every - 1) cache.CleanUp();
+    auto stream = cache.OpenUrl(kChurnUrl, 0, {});
+    if (!stream) {
+      ++result.null;
+      continue;
+    }
+    const std::string body = ReadAll(*stream, 65536);
+    ++(body == kChurnBodyA || body == kChurnBodyB ? result.served : result.torn);
+  }
+  return result;
+}
 
 }  // namespace tq::test

@@ -15,7 +15,7 @@
 #include "net/cache/disk_cache.h"
 #include "net/http/connection_pool.h"
 #include "net/http/http_api.h"
-#include "tests/cache/cache_churn.h"
+#include "tests/cache/cache_test_support.h"
 #include "tests/support/fake_transport_fixture.h"
 
 namespace {
