@@ -334,6 +334,11 @@ TEST_F(CacheTest, AProcessKilledInTheMiddleOfAStoreLeavesTheOldEntryReadable) {
   EXPECT_EQ(Remaining(".tmp").size(), 1u);
   EXPECT_EQ(ReadFileBytes(entry_path), old_bytes);
   EXPECT_EQ(CacheEntry::Load(entry_path).ETag(), "\"old\"");
+
+  // The dead writer's lock went with it: the next store takes the temporary file over.
+  m_api.Queue(Ok("new", std::nullopt, std::nullopt));
+  EXPECT_EQ(Open(kChurnUrl), "new");
+  EXPECT_THAT(Remaining(".tmp"), IsEmpty());
 }
 
 TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgetsBodies) {
