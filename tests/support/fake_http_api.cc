@@ -53,11 +53,6 @@ std::vector<SentRequest> FakeHttpApi::Sent() const {
   return m_sent;
 }
 
-std::wstring FakeHttpApi::LastUserAgent() const {
-  std::lock_guard lock(m_mutex);
-  return m_user_agent;
-}
-
 int FakeHttpApi::CountCalls(const std::string& prefix) const {
   std::lock_guard lock(m_mutex);
   return static_cast<int>(std::count_if(m_calls.begin(), m_calls.end(), [&](const std::string& c) {
@@ -98,11 +93,9 @@ FakeHttpApi::Handle* FakeHttpApi::Find(void* handle) {
   return it == m_handles.end() ? nullptr : &it->second;
 }
 
-void* FakeHttpApi::OpenInternet(const wchar_t* user_agent) {
+void* FakeHttpApi::OpenInternet(const wchar_t* /*user_agent*/) {
   std::lock_guard lock(m_mutex);
   m_calls.push_back("OpenInternet");
-  m_user_agent = user_agent ? user_agent : L"";
-  if (m_fail_open_internet) return nullptr;
   return NewHandle(Kind::Internet);
 }
 

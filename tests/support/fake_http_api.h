@@ -56,7 +56,6 @@ class FakeHttpApi : public qv::net::IHttpApi {
   void Queue(FakeResponse response);  // answered to the next SendRequest, in order
   // Answers SendRequest when the queue is empty; without one an unscripted send fails the test.
   void SetResponder(std::function<FakeResponse(const SentRequest&)> responder);
-  void FailOpenInternet(bool fail) { m_fail_open_internet = fail; }
   void FailNextConnects(int count) { m_fail_connects = count; }
   // Runs inside SendRequest (outside the fake's lock), e.g. to request a stop mid-exchange.
   void OnSend(std::function<void(const SentRequest&)> hook) { m_on_send = std::move(hook); }
@@ -66,7 +65,6 @@ class FakeHttpApi : public qv::net::IHttpApi {
                                            // "Status", "Header", "Numeric", "Date", "Read",
                                            // "Close" — one entry per call, in order
   std::vector<SentRequest> Sent() const;
-  std::wstring LastUserAgent() const;
   int CountCalls(const std::string& prefix) const;
   bool ScriptConsumed() const;      // every queued response was used
   std::size_t OpenRequestHandles() const;  // request handles not closed yet
@@ -111,13 +109,11 @@ class FakeHttpApi : public qv::net::IHttpApi {
   std::size_t m_queued_total = 0;
   std::function<FakeResponse(const SentRequest&)> m_responder;
   std::function<void(const SentRequest&)> m_on_send;
-  bool m_fail_open_internet = false;
   int m_fail_connects = 0;
   std::map<std::uintptr_t, Handle> m_handles;
   std::uintptr_t m_next_handle = 0x1000;
   std::vector<std::string> m_calls;
   std::vector<SentRequest> m_sent;
-  std::wstring m_user_agent;
   int m_close_count = 0;
 };
 

@@ -43,13 +43,8 @@ class FakeTransportTest : public ::testing::Test {
     m_previous_api = qv::net::SetHttpApi(&m_api);
     m_previous_sleep =
         qv::net::detail::SetRetrySleepForTesting([this](std::chrono::milliseconds wait) {
-          std::function<void(std::chrono::milliseconds)> hook;
-          {
-            std::lock_guard lock(m_sleep_mutex);
-            m_sleeps.push_back(wait);
-            hook = m_on_sleep;
-          }
-          if (hook) hook(wait);
+          std::lock_guard lock(m_sleep_mutex);
+          m_sleeps.push_back(wait);
         });
   }
 
@@ -65,11 +60,6 @@ class FakeTransportTest : public ::testing::Test {
   std::vector<std::chrono::milliseconds> Sleeps() const {
     std::lock_guard lock(m_sleep_mutex);
     return m_sleeps;
-  }
-
-  void OnSleep(std::function<void(std::chrono::milliseconds)> hook) {
-    std::lock_guard lock(m_sleep_mutex);
-    m_on_sleep = std::move(hook);
   }
 
   // The transport calls without the connection pool's own (OpenInternet, Connect).
@@ -90,7 +80,6 @@ class FakeTransportTest : public ::testing::Test {
   qv::net::detail::RetrySleepFunction m_previous_sleep;
   mutable std::mutex m_sleep_mutex;
   std::vector<std::chrono::milliseconds> m_sleeps;
-  std::function<void(std::chrono::milliseconds)> m_on_sleep;
 };
 
 // Counts how often it runs and can amend the request, as a host's handler would.

@@ -137,15 +137,6 @@ RawResponder::RawResponder(Script script) : impl_(std::make_unique<Impl>()) {
   impl.acceptor = std::thread([&impl] { impl.AcceptLoop(); });
 }
 
-RawResponder::Script RawResponder::Reply(std::string response, bool keep_open) {
-  return [response = std::move(response), keep_open](RawConnection& connection) {
-    do {
-      if (connection.ReadRequestHead().empty()) return;
-      if (!connection.Send(response)) return;
-    } while (keep_open);
-  };
-}
-
 RawResponder::~RawResponder() {
   Impl& impl = *impl_;
   impl.stopping = true;

@@ -48,9 +48,6 @@ class RawResponder {
   using Script = std::function<void(RawConnection&)>;
 
   explicit RawResponder(Script script);
-  // For every connection: read each request head and answer it with `response`; after the
-  // answer, close (keep_open false) or go on with the next request.
-  static Script Reply(std::string response, bool keep_open = false);
 
   // Releases stalls, unblocks reads, closes every connection and joins the threads.
   ~RawResponder();

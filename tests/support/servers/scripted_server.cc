@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 
@@ -60,7 +59,6 @@ struct ScriptedServer::Impl {
   std::atomic<std::size_t> accepted{0};
 
   mutable std::mutex mutex;
-  mutable std::condition_variable arrived;
   std::map<std::string, ScriptedHandler> routes;
   std::vector<RecordedRequest> requests;
   std::size_t in_flight = 0;
@@ -90,7 +88,6 @@ struct ScriptedServer::Impl {
       const auto it = routes.find(req.path);
       if (it != routes.end()) handler = it->second;
     }
-    arrived.notify_all();
     ScriptedResponse answer;
     if (handler) {
       answer = handler(record);
@@ -205,11 +202,6 @@ std::size_t ScriptedServer::max_concurrent_requests() const {
 std::vector<RecordedRequest> ScriptedServer::requests() const {
   std::lock_guard lock(impl_->mutex);
   return impl_->requests;
-}
-
-bool ScriptedServer::WaitForRequests(std::size_t count, std::chrono::milliseconds bound) const {
-  std::unique_lock lock(impl_->mutex);
-  return impl_->arrived.wait_for(lock, bound, [&] { return impl_->requests.size() >= count; });
 }
 
 }  // namespace tq::test

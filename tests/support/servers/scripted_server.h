@@ -102,9 +102,6 @@ class ScriptedServer {
   // The largest number of requests that were being answered at the same time.
   std::size_t max_concurrent_requests() const;
   std::vector<RecordedRequest> requests() const;
-  // Blocks until `count` requests have arrived (true) or `bound` passed (false).
-  bool WaitForRequests(std::size_t count,
-                       std::chrono::milliseconds bound = Gate::kMaxHold) const;
 
  private:
   struct Impl;
