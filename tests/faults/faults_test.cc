@@ -249,15 +249,7 @@ class FileProtocolFaultTest : public FaultTest {
     ASSERT_NE(protocol_, nullptr);
   }
 
-  std::vector<Posted> TakeLog() {
-    std::vector<Posted> out;
-    for (const TqULogRecord& r : log_.Records()) {
-      EXPECT_EQ(r.component, "HttpFileProtocol") << r.text;
-      out.push_back({r.severity, r.text});
-    }
-    log_.Clear();
-    return out;
-  }
+  std::vector<Posted> TakeLog() { return TakeProtocolLog(log_); }
 
   qv::net::HttpFileProtocol* protocol_ = nullptr;
 };

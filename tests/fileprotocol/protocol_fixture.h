@@ -35,6 +35,17 @@ struct RecordedProgress : TqUProgress {
   std::vector<double> values;
 };
 
+// Every record posted so far, each from the protocol's component; then a fresh capture.
+inline std::vector<Posted> TakeProtocolLog(LogCapture& log) {
+  std::vector<Posted> out;
+  for (const TqULogRecord& r : log.Records()) {
+    EXPECT_EQ(r.component, "HttpFileProtocol") << r.text;
+    out.push_back({r.severity, r.text});
+  }
+  log.Clear();
+  return out;
+}
+
 class ProtocolTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -49,16 +60,7 @@ class ProtocolTest : public ::testing::Test {
     qv::net::HttpFileProtocol::SetPreHTTPAuthenticationFunc(nullptr);
   }
 
-  // Every record posted so far, each from the protocol's component; then a fresh capture.
-  std::vector<Posted> TakeLog() {
-    std::vector<Posted> out;
-    for (const TqULogRecord& r : log_.Records()) {
-      EXPECT_EQ(r.component, "HttpFileProtocol") << r.text;
-      out.push_back({r.severity, r.text});
-    }
-    log_.Clear();
-    return out;
-  }
+  std::vector<Posted> TakeLog() { return TakeProtocolLog(log_); }
 
   LogCapture log_;
   qv::net::HttpFileProtocol* protocol_ = nullptr;
