@@ -1,6 +1,7 @@
 // Ranged reads: one GET with a "Range" header per read, on the reading thread's connection,
 // its body read straight into the caller's buffer.
 #include <cwchar>
+#include <memory>
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/fileprotocol/protocol_internal.h"
@@ -59,9 +60,11 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
                                               std::uint64_t offset, std::uint64_t size,
                                               unsigned char* buffer, std::uint64_t* total_size) {
   if (size == 0) return total_size != nullptr ? -1 : 0;
-  HttpFileHandle* file_record = HttpFileHandle::From(file);
-  HttpFileThreadHandle* thread_record = HttpFileThreadHandle::From(thread);
-  HttpFileRequestHandle* request_record = HttpFileRequestHandle::From(request);
+  // Held for the whole read: a handle released by another thread meanwhile dies afterwards.
+  const std::shared_ptr<HttpFileHandle> file_record = HttpFileHandle::From(file);
+  const std::shared_ptr<HttpFileThreadHandle> thread_record = HttpFileThreadHandle::From(thread);
+  const std::shared_ptr<HttpFileRequestHandle> request_record =
+      HttpFileRequestHandle::From(request);
   if (file_record == nullptr || thread_record == nullptr || request_record == nullptr) {
     detail::RefuseHandle(L"ReadFile");
     return -1;
@@ -128,7 +131,7 @@ bool HttpFileProtocol::ReadFile(TqUFileHandle* file, TqUThreadHandle* thread,
   const std::int64_t read = ReadFileToSize(file, thread, request, offset, size, buffer, nullptr);
   if (read < 0) return false;
   if (static_cast<std::uint64_t>(read) == size) return true;
-  const HttpFileHandle* record = HttpFileHandle::From(file);
+  const std::shared_ptr<HttpFileHandle> record = HttpFileHandle::From(file);
   TqUError::Post(1, &detail::FileProtocolComponent(),
                  L"HttpFileProtocol::ReadFile InternetReadFile partial data for %s: %d",
                  record != nullptr ? record->UrlText().GetString() : L"",
