@@ -72,18 +72,6 @@ bool QueryStatusCode(HINTERNET request, DWORD* status) {
                         nullptr) != FALSE;
 }
 
-bool ParseContentRangeLength(const TqUWideString& text, std::uint64_t* length) {
-  if (text.View().substr(0, 6) != L"bytes ") return false;
-  unsigned long long first = 0;
-  unsigned long long last = 0;
-  unsigned long long total = 0;
-  if (std::swscanf(text.GetString(), L"bytes %llu-%llu/%llu", &first, &last, &total) != 3) {
-    return false;
-  }
-  *length = total;
-  return true;
-}
-
 }  // namespace detail
 
 bool QueryHeaderText(HINTERNET request, DWORD info_level, TqUWideString* out) {
