@@ -136,13 +136,13 @@ TEST_F(HttpFileProtocolTest, StaleAndForeignHandlesAreRefusedWithoutBeingRead) {
   EXPECT_FALSE(protocol_->CloseFile(file));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
   EXPECT_TRUE(server.heads().empty());
-  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile invalid handle"},
-                                     Posted{1, "HttpFileProtocol::CreateThreadHandle invalid handle"},
-                                     Posted{1, "HttpFileProtocol::SetupReadFile invalid handle"},
-                                     Posted{1, "HttpFileProtocol::ReadFile invalid handle"},
-                                     Posted{1, "HttpFileProtocol::ReleaseRequestHandle invalid handle"},
-                                     Posted{1, "HttpFileProtocol::ReleaseThreadHandle invalid handle"},
-                                     Posted{1, "HttpFileProtocol::CloseFile invalid handle"}));
+  auto refused = [](const std::string& operation) {
+    return Posted{1, "HttpFileProtocol::" + operation + " invalid handle"};
+  };
+  EXPECT_THAT(TakeLog(), ElementsAre(refused("ReadFile"), refused("CreateThreadHandle"),
+                                     refused("SetupReadFile"), refused("ReadFile"),
+                                     refused("ReleaseRequestHandle"),
+                                     refused("ReleaseThreadHandle"), refused("CloseFile")));
 }
 
 // Another thread may release the handles of a read in progress. A pre-request handler runs
