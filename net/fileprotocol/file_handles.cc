@@ -1,30 +1,59 @@
 #include "net/fileprotocol/file_handles.h"
 
-#include <cstring>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
 #include <utility>
 
 namespace qv::net {
 namespace {
 
-// A store the compiler may not drop as dead although the record dies right after it.
-void ClearTag(std::uint32_t* tag) { *static_cast<volatile std::uint32_t*>(tag) = 0; }
+// The live records of one kind, keyed by the handle value the file layer holds. The lock covers
+// only the table: records are destroyed after it is let go (a thread handle's destructor closes
+// its connection).
+template <typename Record, typename Handle>
+class LiveRecords {
+ public:
+  Handle* Adopt(std::unique_ptr<Record> record) {
+    std::shared_ptr<Record> shared(std::move(record));
+    Handle* handle = shared.get();
+    std::lock_guard lock(m_mutex);
+    m_live.emplace(handle, std::move(shared));
+    return handle;
+  }
 
-// Reads the tag at the start of a record without assuming the record's type.
-template <typename Record, typename Base>
-Record* Checked(Base* handle, std::uint32_t tag) {
-  if (handle == nullptr) return nullptr;
-  auto* record = static_cast<Record*>(handle);
-  std::uint32_t seen = 0;
-  static_assert(sizeof(seen) == sizeof(tag));
-  std::memcpy(&seen, static_cast<const void*>(handle), sizeof seen);
-  return seen == tag ? record : nullptr;
-}
+  std::shared_ptr<Record> Find(Handle* handle) {
+    if (handle == nullptr) return nullptr;
+    std::lock_guard lock(m_mutex);
+    const auto it = m_live.find(handle);
+    return it == m_live.end() ? nullptr : it->second;
+  }
+
+  // Takes the record out of the table and hands it back, so that it dies (unless a call still
+  // holds it) after the lock is let go.
+  std::shared_ptr<Record> Remove(Handle* handle) {
+    if (handle == nullptr) return nullptr;
+    std::lock_guard lock(m_mutex);
+    auto node = m_live.extract(handle);
+    return node.empty() ? nullptr : std::move(node.mapped());
+  }
+
+  // Never destroyed: a host may release handles from its own static destructors.
+  static LiveRecords& Instance() {
+    static auto* records = new LiveRecords;
+    return *records;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::unordered_map<const Handle*, std::shared_ptr<Record>> m_live;
+};
+
+using LiveFiles = LiveRecords<HttpFileHandle, TqUFileHandle>;
+using LiveThreads = LiveRecords<HttpFileThreadHandle, TqUThreadHandle>;
+using LiveRequests = LiveRecords<HttpFileRequestHandle, TqUFileRequestHandle>;
 
 }  // namespace
-
-// The tag must be the first bytes of each record for Checked to find it: the bases are empty.
-static_assert(sizeof(TqUFileHandle) == 1 && sizeof(TqUThreadHandle) == 1 &&
-              sizeof(TqUFileRequestHandle) == 1);
 
 HttpFileHandle::HttpFileHandle(const wchar_t* url_text, const TqUURL& parsed_url)
     : m_url_text(url_text), m_parsed_url(parsed_url) {}
@@ -52,22 +81,37 @@ HttpFileHandle& HttpFileHandle::operator=(HttpFileHandle&& other) noexcept {
   return *this;
 }
 
-HttpFileHandle::~HttpFileHandle() { ClearTag(&m_tag); }
+HttpFileHandle::~HttpFileHandle() = default;
 
-HttpFileHandle* HttpFileHandle::From(TqUFileHandle* handle) {
-  return Checked<HttpFileHandle>(handle, detail::kFileHandleTag);
+TqUFileHandle* HttpFileHandle::Adopt(std::unique_ptr<HttpFileHandle> record) {
+  return LiveFiles::Instance().Adopt(std::move(record));
+}
+
+std::shared_ptr<HttpFileHandle> HttpFileHandle::From(TqUFileHandle* handle) {
+  return LiveFiles::Instance().Find(handle);
+}
+
+bool HttpFileHandle::Release(TqUFileHandle* handle) {
+  return LiveFiles::Instance().Remove(handle) != nullptr;
 }
 
 HttpFileThreadHandle::HttpFileThreadHandle(bool secure, HINTERNET connection)
     : m_secure(secure), m_connection(connection) {}
 
 HttpFileThreadHandle::~HttpFileThreadHandle() {
-  ClearTag(&m_tag);
   if (m_connection != nullptr) InternetCloseHandle(m_connection);
 }
 
-HttpFileThreadHandle* HttpFileThreadHandle::From(TqUThreadHandle* handle) {
-  return Checked<HttpFileThreadHandle>(handle, detail::kThreadHandleTag);
+TqUThreadHandle* HttpFileThreadHandle::Adopt(std::unique_ptr<HttpFileThreadHandle> record) {
+  return LiveThreads::Instance().Adopt(std::move(record));
+}
+
+std::shared_ptr<HttpFileThreadHandle> HttpFileThreadHandle::From(TqUThreadHandle* handle) {
+  return LiveThreads::Instance().Find(handle);
+}
+
+bool HttpFileThreadHandle::Release(TqUThreadHandle* handle) {
+  return LiveThreads::Instance().Remove(handle) != nullptr;
 }
 
 HttpFileRequestHandle::HttpFileRequestHandle(const wchar_t* resource) : m_resource(resource) {}
@@ -93,10 +137,18 @@ HttpFileRequestHandle& HttpFileRequestHandle::operator=(HttpFileRequestHandle&& 
   return *this;
 }
 
-HttpFileRequestHandle::~HttpFileRequestHandle() { ClearTag(&m_tag); }
+HttpFileRequestHandle::~HttpFileRequestHandle() = default;
 
-HttpFileRequestHandle* HttpFileRequestHandle::From(TqUFileRequestHandle* handle) {
-  return Checked<HttpFileRequestHandle>(handle, detail::kRequestHandleTag);
+TqUFileRequestHandle* HttpFileRequestHandle::Adopt(std::unique_ptr<HttpFileRequestHandle> record) {
+  return LiveRequests::Instance().Adopt(std::move(record));
+}
+
+std::shared_ptr<HttpFileRequestHandle> HttpFileRequestHandle::From(TqUFileRequestHandle* handle) {
+  return LiveRequests::Instance().Find(handle);
+}
+
+bool HttpFileRequestHandle::Release(TqUFileRequestHandle* handle) {
+  return LiveRequests::Instance().Remove(handle) != nullptr;
 }
 
 }  // namespace qv::net

@@ -2,7 +2,7 @@
 // one per open file, one per reading thread, one per read set up.
 #pragma once
 
-#include <cstdint>
+#include <memory>
 
 #include "net/export.h"
 #include "net/host/platform.h"
@@ -10,15 +10,12 @@
 
 namespace qv::net {
 
-// Each record starts with a tag of its own kind, so that a null pointer, a handle of another
-// protocol or of another kind (a thread handle passed as a file handle) is refused rather than
-// used. A released handle has its tag cleared, which catches most double releases.
-namespace detail {
-inline constexpr std::uint32_t kFileHandleTag = 0x46485446;     // "FTHF"
-inline constexpr std::uint32_t kThreadHandleTag = 0x54485446;   // "FTHT"
-inline constexpr std::uint32_t kRequestHandleTag = 0x52485446;  // "FTHR"
-}  // namespace detail
-
+// Every record handed out is kept in a registry of live handles of its kind until it is
+// released. A handle is only ever looked up there, never read: a null pointer, a released
+// handle, a handle of another protocol or of another kind (a thread handle passed as a file
+// handle) or any other pointer is refused without touching the memory it points to. Each
+// call holds the record it looked up, so a handle released by another thread meanwhile dies
+// only when the calls still using it return. Safe from any thread.
 // One open file: the URL text as the caller gave it (the "%s" of every message about the
 // file) and the parsed URL from which host, port, credentials and resource are taken.
 class TQNET_EXPORT HttpFileHandle : public TqUFileHandle {
@@ -34,11 +31,14 @@ class TQNET_EXPORT HttpFileHandle : public TqUFileHandle {
   const TqUWideString& UrlText() const { return m_url_text; }
   const TqUURL& ParsedUrl() const { return m_parsed_url; }
 
-  // The record behind `handle`; null for null or for anything this protocol did not make.
-  static HttpFileHandle* From(TqUFileHandle* handle);
+  // Hands `record` out as a handle: From finds it until Release.
+  static TqUFileHandle* Adopt(std::unique_ptr<HttpFileHandle> record);
+  // The live record behind `handle`; null for anything else.
+  static std::shared_ptr<HttpFileHandle> From(TqUFileHandle* handle);
+  // Takes the handle out of use; false (nothing done) when From would refuse it.
+  static bool Release(TqUFileHandle* handle);
 
  private:
-  std::uint32_t m_tag = detail::kFileHandleTag;
   TqUWideString m_url_text;
   TqUURL m_parsed_url;
 };
@@ -55,10 +55,11 @@ class TQNET_EXPORT HttpFileThreadHandle : public TqUThreadHandle {
   bool IsSecure() const { return m_secure; }
   HINTERNET Connection() const { return m_connection; }
 
-  static HttpFileThreadHandle* From(TqUThreadHandle* handle);
+  static TqUThreadHandle* Adopt(std::unique_ptr<HttpFileThreadHandle> record);
+  static std::shared_ptr<HttpFileThreadHandle> From(TqUThreadHandle* handle);
+  static bool Release(TqUThreadHandle* handle);
 
  private:
-  std::uint32_t m_tag = detail::kThreadHandleTag;
   bool m_secure;
   HINTERNET m_connection;
 };
@@ -75,10 +76,11 @@ class TQNET_EXPORT HttpFileRequestHandle : public TqUFileRequestHandle {
 
   const TqUWideString& Resource() const { return m_resource; }
 
-  static HttpFileRequestHandle* From(TqUFileRequestHandle* handle);
+  static TqUFileRequestHandle* Adopt(std::unique_ptr<HttpFileRequestHandle> record);
+  static std::shared_ptr<HttpFileRequestHandle> From(TqUFileRequestHandle* handle);
+  static bool Release(TqUFileRequestHandle* handle);
 
  private:
-  std::uint32_t m_tag = detail::kRequestHandleTag;
   TqUWideString m_resource;
 };
 

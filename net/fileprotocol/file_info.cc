@@ -26,7 +26,14 @@ void Post(int severity, const wchar_t* format, const wchar_t* url, int value) {
 }
 
 // Fills `info` from a 200 or 206 answer; Done when any of size, revision or time was found.
-Attempt GatherInfo(HINTERNET request, DWORD status, TqUFileInfo* info) {
+// An answer with two different lengths tells nothing reliable: Stop, and nothing is kept.
+Attempt GatherInfo(HINTERNET request, DWORD status, const wchar_t* url, TqUFileInfo* info) {
+  if (detail::HasConflictingContentLength(request)) {
+    TqUError::Post(1, &detail::FileProtocolComponent(),
+                   L"HttpFileProtocol::GetFileInfo HttpQueryInfo Conflicting Content-Length for %s",
+                   url);
+    return Attempt::Stop;
+  }
   Attempt state = Attempt::Stop;
   TqUWideString text;
   if (status == 206) {
@@ -120,7 +127,7 @@ bool HttpFileProtocol::GetFileInfo(const wchar_t* url, TqUFileInfo* info) {
              static_cast<int>(GetLastError()));
         state = Attempt::Stop;
       } else if (status == 200 || status == 206) {
-        state = GatherInfo(handle.Get(), status, info);
+        state = GatherInfo(handle.Get(), status, url, info);
       } else if (status == 405) {
         // HEAD refused: ask for the first two bytes instead, on a new request.
         if (request.GetMethod() == HttpMethod::Head) {

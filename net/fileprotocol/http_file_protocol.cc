@@ -1,6 +1,7 @@
 #include "net/fileprotocol/http_file_protocol.h"
 
 #include <cwchar>
+#include <memory>
 
 #include "net/fileprotocol/protocol_internal.h"
 
@@ -14,17 +15,15 @@ constexpr const wchar_t* kDefaultUserAgent = L"Torvik-Quillstone/23.1";
 constexpr std::size_t kHeaderChars = 4096;
 constexpr DWORD kBytesPerChar = 2;
 
-// Deletes a record this protocol made. Null is nothing to release; any other foreign pointer is
-// refused rather than deleted.
+// Releases a handle this protocol handed out. Null is nothing to release; a handle released
+// already, or any pointer this protocol did not hand out, is refused rather than deleted.
 template <typename Record, typename Handle>
-bool DeleteRecord(Handle* handle, const wchar_t* operation) {
+bool ReleaseRecord(Handle* handle, const wchar_t* operation) {
   if (handle == nullptr) return true;
-  Record* record = Record::From(handle);
-  if (record == nullptr) {
+  if (!Record::Release(handle)) {
     detail::RefuseHandle(operation);
     return false;
   }
-  delete record;
   return true;
 }
 
@@ -71,18 +70,6 @@ bool QueryStatusCode(HINTERNET request, DWORD* status) {
   DWORD length = sizeof(*status);
   return HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, status, &length,
                         nullptr) != FALSE;
-}
-
-bool ParseContentRangeLength(const TqUWideString& text, std::uint64_t* length) {
-  if (text.View().substr(0, 6) != L"bytes ") return false;
-  unsigned long long first = 0;
-  unsigned long long last = 0;
-  unsigned long long total = 0;
-  if (std::swscanf(text.GetString(), L"bytes %llu-%llu/%llu", &first, &last, &total) != 3) {
-    return false;
-  }
-  *length = total;
-  return true;
 }
 
 }  // namespace detail
@@ -190,18 +177,18 @@ TqUFileHandle* HttpFileProtocol::OpenFile(const wchar_t* url, OpenMode mode) {
   if (SetupOpenFile(url, &resolved, mode)) {
     const TqUURL resolved_url(resolved.GetString(), false);
     if (!resolved_url.IsValid()) return nullptr;
-    return new HttpFileHandle(url, resolved_url);
+    return HttpFileHandle::Adopt(std::make_unique<HttpFileHandle>(url, resolved_url));
   }
-  return new HttpFileHandle(url, parsed);
+  return HttpFileHandle::Adopt(std::make_unique<HttpFileHandle>(url, parsed));
 }
 
 bool HttpFileProtocol::CloseFile(TqUFileHandle* file) {
-  return DeleteRecord<HttpFileHandle>(file, L"CloseFile");
+  return ReleaseRecord<HttpFileHandle>(file, L"CloseFile");
 }
 
 TqUThreadHandle* HttpFileProtocol::CreateThreadHandle(TqUFileHandle* file) {
   if (file == nullptr) return nullptr;
-  HttpFileHandle* record = HttpFileHandle::From(file);
+  const std::shared_ptr<HttpFileHandle> record = HttpFileHandle::From(file);
   if (record == nullptr) {
     detail::RefuseHandle(L"CreateThreadHandle");
     return nullptr;
@@ -218,26 +205,27 @@ TqUThreadHandle* HttpFileProtocol::CreateThreadHandle(TqUFileHandle* file) {
                    record->UrlText().GetString(), static_cast<int>(GetLastError()));
     return nullptr;
   }
-  return new HttpFileThreadHandle(secure, connection);
+  return HttpFileThreadHandle::Adopt(std::make_unique<HttpFileThreadHandle>(secure, connection));
 }
 
 bool HttpFileProtocol::ReleaseThreadHandle(TqUThreadHandle* thread) {
-  return DeleteRecord<HttpFileThreadHandle>(thread, L"ReleaseThreadHandle");
+  return ReleaseRecord<HttpFileThreadHandle>(thread, L"ReleaseThreadHandle");
 }
 
 TqUFileRequestHandle* HttpFileProtocol::SetupReadFile(TqUFileHandle* file, std::uint64_t,
                                                       std::uint64_t) {
   if (file == nullptr) return nullptr;
-  HttpFileHandle* record = HttpFileHandle::From(file);
+  const std::shared_ptr<HttpFileHandle> record = HttpFileHandle::From(file);
   if (record == nullptr) {
     detail::RefuseHandle(L"SetupReadFile");
     return nullptr;
   }
-  return new HttpFileRequestHandle(record->ParsedUrl().GetResource());
+  return HttpFileRequestHandle::Adopt(
+      std::make_unique<HttpFileRequestHandle>(record->ParsedUrl().GetResource()));
 }
 
 bool HttpFileProtocol::ReleaseRequestHandle(TqUFileRequestHandle* request) {
-  return DeleteRecord<HttpFileRequestHandle>(request, L"ReleaseRequestHandle");
+  return ReleaseRecord<HttpFileRequestHandle>(request, L"ReleaseRequestHandle");
 }
 
 bool HttpFileProtocol::ResolveAbsolute(const wchar_t* path, const wchar_t* base,

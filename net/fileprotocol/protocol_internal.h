@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "net/host/platform.h"
 #include "net/host/tqutil.h"
@@ -58,9 +59,26 @@ bool SendProtocolRequest(HINTERNET request, const std::wstring& headers);
 // The response's status as a number.
 bool QueryStatusCode(HINTERNET request, DWORD* status);
 
+// The bytes a 206 answer says it carries, from its "Content-Range".
+struct ContentRange {
+  std::uint64_t first = 0;
+  std::uint64_t last = 0;     // inclusive
+  bool has_length = false;    // false for "bytes first-last/*"
+  std::uint64_t length = 0;   // the full size of the file when has_length
+};
+
+// "bytes first-last/length" or "bytes first-last/*": decimal digits only (no sign, no space, no
+// value past 64 bits), first <= last, and last < length when the length is given. Anything else
+// is refused and leaves `range` unchanged.
+bool ParseContentRange(std::wstring_view text, ContentRange* range);
+
 // The full length from a "Content-Range" of the form "bytes first-last/length"; false for any
-// other form ("bytes first-last/*" included).
+// other form ("bytes first-last/*" included), with `length` unchanged.
 bool ParseContentRangeLength(const TqUWideString& text, std::uint64_t* length);
+
+// True when "Content-Length" comes more than once with values that are not all the same number.
+// The transport may pass such an answer on; its body length is then anybody's guess.
+bool HasConflictingContentLength(HINTERNET request);
 
 }  // namespace detail
 }  // namespace qv::net

@@ -1,6 +1,9 @@
 // Ranged reads: one GET with a "Range" header per read, on the reading thread's connection,
 // its body read straight into the caller's buffer.
+#include <algorithm>
 #include <cwchar>
+#include <memory>
+#include <vector>
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/fileprotocol/protocol_internal.h"
@@ -13,6 +16,9 @@ constexpr int kMaxSends = 3;
 // Each InternetReadFile asks for at most this much, so that a read of 4 GiB or more is split
 // rather than cut to the low 32 bits of its size.
 constexpr std::uint64_t kMaxReadChunk = 0x80000000u;
+// Bytes before the offset that a server sends anyway (a 200 to a ranged GET) are read and
+// dropped through a buffer of at most this size, whatever the offset.
+constexpr std::uint64_t kSkipChunk = 64 * 1024;
 
 void PostReadError(const wchar_t* format, const TqUWideString& url, int value) {
   TqUError::Post(1, &detail::FileProtocolComponent(), format, url.GetString(), value);
@@ -52,6 +58,32 @@ std::uint64_t ReadBody(HINTERNET request, std::uint64_t size, unsigned char* buf
   return done;
 }
 
+// Reads and drops the first `count` bytes of the body; false when it ends or fails before them.
+bool SkipBody(HINTERNET request, std::uint64_t count) {
+  std::vector<unsigned char> scratch(static_cast<std::size_t>(std::min(count, kSkipChunk)));
+  while (count > 0) {
+    const DWORD ask = static_cast<DWORD>(std::min<std::uint64_t>(count, scratch.size()));
+    DWORD got = 0;
+    if (!InternetReadFile(request, scratch.data(), ask, &got) || got == 0) return false;
+    count -= got;
+  }
+  return true;
+}
+
+// A 206 must carry the range asked for, from `offset` on: bytes from elsewhere in the file
+// would land at the caller's offset as if they belonged there. Its last byte may come before
+// `last` (the file is shorter than the range), never after it. The bytes it carries, or 0.
+std::uint64_t CheckedRangeSize(HINTERNET request, std::uint64_t offset, std::uint64_t last) {
+  TqUWideString text;
+  detail::ContentRange range;
+  if (!QueryHeaderText(request, HTTP_QUERY_CONTENT_RANGE, &text) ||
+      !detail::ParseContentRange(text.View(), &range) || range.first != offset ||
+      range.last > last) {
+    return 0;
+  }
+  return range.last - range.first + 1;
+}
+
 }  // namespace
 
 std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHandle* thread,
@@ -59,9 +91,11 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
                                               std::uint64_t offset, std::uint64_t size,
                                               unsigned char* buffer, std::uint64_t* total_size) {
   if (size == 0) return total_size != nullptr ? -1 : 0;
-  HttpFileHandle* file_record = HttpFileHandle::From(file);
-  HttpFileThreadHandle* thread_record = HttpFileThreadHandle::From(thread);
-  HttpFileRequestHandle* request_record = HttpFileRequestHandle::From(request);
+  // Held for the whole read: a handle released by another thread meanwhile dies afterwards.
+  const std::shared_ptr<HttpFileHandle> file_record = HttpFileHandle::From(file);
+  const std::shared_ptr<HttpFileThreadHandle> thread_record = HttpFileThreadHandle::From(thread);
+  const std::shared_ptr<HttpFileRequestHandle> request_record =
+      HttpFileRequestHandle::From(request);
   if (file_record == nullptr || thread_record == nullptr || request_record == nullptr) {
     detail::RefuseHandle(L"ReadFile");
     return -1;
@@ -105,6 +139,12 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
     if (sends == kMaxSends) return -1;
   }
 
+  if (detail::HasConflictingContentLength(handle.Get())) {
+    TqUError::Post(1, &detail::FileProtocolComponent(),
+                   L"HttpFileProtocol::ReadFile HttpQueryInfo Conflicting Content-Length for %s",
+                   url.GetString());
+    return -1;
+  }
   if (total_size != nullptr && !QueryTotalSize(handle.Get(), url, total_size)) return -1;
 
   DWORD status = 0;
@@ -118,8 +158,24 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
                   url, static_cast<int>(status));
     return -1;
   }
-  // A 200 means the server ignored the range: its body is read from the start all the same.
-  return static_cast<std::int64_t>(ReadBody(handle.Get(), size, buffer));
+  // The caller asked for the bytes at `offset` and must never get other bytes in their place.
+  // So, unlike a plain ranged read that takes whatever body comes, a 206 for another range is
+  // a failure, and a 200 (the range ignored, the whole file sent) is read from `offset` on.
+  std::uint64_t wanted = size;
+  if (status == 206) {
+    wanted = CheckedRangeSize(handle.Get(), offset, offset + size - 1);
+    if (wanted == 0) {
+      TqUError::Post(1, &detail::FileProtocolComponent(),
+                     L"HttpFileProtocol::ReadFile HttpQueryInfo Content-Range for %s does not "
+                     L"match bytes=%llu-%llu",
+                     url.GetString(), static_cast<unsigned long long>(offset),
+                     static_cast<unsigned long long>(offset + size - 1));
+      return -1;
+    }
+  } else if (offset > 0 && !SkipBody(handle.Get(), offset)) {
+    return 0;  // the body ends before the offset: none of the bytes asked for exist
+  }
+  return static_cast<std::int64_t>(ReadBody(handle.Get(), wanted, buffer));
 }
 
 bool HttpFileProtocol::ReadFile(TqUFileHandle* file, TqUThreadHandle* thread,
@@ -128,7 +184,7 @@ bool HttpFileProtocol::ReadFile(TqUFileHandle* file, TqUThreadHandle* thread,
   const std::int64_t read = ReadFileToSize(file, thread, request, offset, size, buffer, nullptr);
   if (read < 0) return false;
   if (static_cast<std::uint64_t>(read) == size) return true;
-  const HttpFileHandle* record = HttpFileHandle::From(file);
+  const std::shared_ptr<HttpFileHandle> record = HttpFileHandle::From(file);
   TqUError::Post(1, &detail::FileProtocolComponent(),
                  L"HttpFileProtocol::ReadFile InternetReadFile partial data for %s: %d",
                  record != nullptr ? record->UrlText().GetString() : L"",

@@ -7,6 +7,8 @@
 #include <sys/mman.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <future>
 #include <fstream>
@@ -18,6 +20,7 @@
 #include <vector>
 
 #include "net/fileprotocol/downloads.h"
+#include "net/http/request_handler.h"
 #include "platform/urlmon.h"
 #include "tests/fileprotocol/protocol_fixture.h"
 #include "tests/support/servers/raw_responder.h"
@@ -102,6 +105,78 @@ TEST_F(HttpFileProtocolTest, BadUrlsNullAndForeignHandlesAreRefusedWithTheirMess
                           Posted{1, "HttpFileProtocol::ReadFile invalid handle"},
                           Posted{1, "HttpFileProtocol::ReadFile invalid buffer or range for " +
                                         f.url_utf8()}));
+}
+
+// Handles are looked up among the live ones, never read: a released handle (reading it was a
+// use after free) and a pointer to a copy of a live handle's bytes (which was trusted) are
+// refused without a request.
+TEST_F(HttpFileProtocolTest, StaleAndForeignHandlesAreRefusedWithoutBeingRead) {
+  Server server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
+  const std::wstring url = W(server.Url("/f"));
+  std::vector<unsigned char> buffer(4);
+  TqUFileHandle* file = protocol_->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
+  TqUThreadHandle* thread = protocol_->CreateThreadHandle(file);
+  TqUFileRequestHandle* request = protocol_->SetupReadFile(file, 0, 4);
+  ASSERT_TRUE(file != nullptr && thread != nullptr && request != nullptr);
+
+  alignas(std::max_align_t) unsigned char copy[sizeof(qv::net::HttpFileThreadHandle)];
+  std::memcpy(copy, static_cast<const void*>(thread), sizeof copy);
+  EXPECT_FALSE(protocol_->ReadFile(file, reinterpret_cast<TqUThreadHandle*>(copy), request, 0, 4,
+                                   buffer.data()));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+
+  EXPECT_TRUE(protocol_->ReleaseRequestHandle(request));
+  EXPECT_TRUE(protocol_->ReleaseThreadHandle(thread));
+  EXPECT_TRUE(protocol_->CloseFile(file));
+  EXPECT_EQ(protocol_->CreateThreadHandle(file), nullptr);
+  EXPECT_EQ(protocol_->SetupReadFile(file, 0, 4), nullptr);
+  EXPECT_FALSE(protocol_->ReadFile(file, thread, request, 0, 4, buffer.data()));
+  EXPECT_FALSE(protocol_->ReleaseRequestHandle(request));
+  EXPECT_FALSE(protocol_->ReleaseThreadHandle(thread));
+  EXPECT_FALSE(protocol_->CloseFile(file));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  EXPECT_TRUE(server.heads().empty());
+  auto refused = [](const std::string& operation) {
+    return Posted{1, "HttpFileProtocol::" + operation + " invalid handle"};
+  };
+  EXPECT_THAT(TakeLog(), ElementsAre(refused("ReadFile"), refused("CreateThreadHandle"),
+                                     refused("SetupReadFile"), refused("ReadFile"),
+                                     refused("ReleaseRequestHandle"),
+                                     refused("ReleaseThreadHandle"), refused("CloseFile")));
+}
+
+// Another thread may release the handles of a read in progress. A pre-request handler runs
+// inside the read, so it releases them at a known point: the read still ends with its bytes,
+// and the records die (the connection closes) only after it.
+TEST_F(HttpFileProtocolTest, HandlesReleasedDuringAReadLiveUntilItReturns) {
+  struct Releaser : qv::net::HttpRequestHandler {
+    void HandlePreRequest(qv::net::HttpRequest&) override {
+      released = protocol->ReleaseRequestHandle(request) && protocol->ReleaseThreadHandle(thread) &&
+                 protocol->CloseFile(file);
+    }
+    HttpFileProtocol* protocol = nullptr;
+    TqUFileHandle* file = nullptr;
+    TqUThreadHandle* thread = nullptr;
+    TqUFileRequestHandle* request = nullptr;
+    bool released = false;
+  } releaser;
+  Server server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
+  const std::wstring url = W(server.Url("/f"));
+  releaser.protocol = protocol_;
+  releaser.file = protocol_->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
+  releaser.thread = protocol_->CreateThreadHandle(releaser.file);
+  releaser.request = protocol_->SetupReadFile(releaser.file, 0, 4);
+  ASSERT_NE(releaser.request, nullptr);
+  qv::net::HttpRequestHandlerManager::RegisterHandler(&releaser);
+  std::vector<unsigned char> buffer(4);
+  const bool read = protocol_->ReadFile(releaser.file, releaser.thread, releaser.request, 0, 4,
+                                        buffer.data());
+  qv::net::HttpRequestHandlerManager::UnregisterHandler(&releaser);
+  EXPECT_TRUE(releaser.released);
+  EXPECT_TRUE(read);
+  EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "abcd");
+  EXPECT_EQ(protocol_->SetupReadFile(releaser.file, 0, 4), nullptr);
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::SetupReadFile invalid handle"}));
 }
 
 TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstOpenReplacesTheDefault) {
