@@ -61,7 +61,7 @@ const char* HeaderNameForLevel(DWORD level);
 
 // HttpQueryInfoW over a header block. Returns ERROR_SUCCESS or the error code; `verb` answers
 // HTTP_QUERY_REQUEST_METHOD. Implements WinINet's buffer rules: lengths in bytes in and out, a
-// UTF-16 character counting 2 bytes whatever the size of wchar_t; ERROR_INSUFFICIENT_BUFFER with
+// character counting sizeof(wchar_t) bytes (4 on Linux); ERROR_INSUFFICIENT_BUFFER with
 // the length needed (text: including the terminator); on success the length without the
 // terminator; HTTP_QUERY_CUSTOM reads the header name from the buffer; the index selects the
 // occurrence of a repeated header and is advanced on success.
