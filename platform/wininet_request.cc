@@ -69,15 +69,23 @@ std::string Origin(bool secure, const std::string& host, INTERNET_PORT port) {
   return url;
 }
 
-// Splits the caller's header text into lines ("Name: value"), refusing lines without a name.
+// Splits the caller's header text into lines ("Name: value") at CR LF or a bare LF. A CR that
+// does not start a CR LF, or a NUL, is refused (ERROR_INVALID_PARAMETER) rather than split at:
+// where one reader ends a line another may not, and the text after it would travel as a header
+// of its own. Lines without a name are refused too.
 DWORD SplitHeaders(std::wstring_view text, std::vector<std::string>* lines) {
   std::size_t i = 0;
   while (i < text.size()) {
-    std::size_t end = text.find_first_of(L"\r\n", i);
+    std::size_t end = text.find_first_of(std::wstring_view(L"\r\n\0", 3), i);
     if (end == std::wstring_view::npos) end = text.size();
     const std::wstring_view line = text.substr(i, end - i);
-    i = end;
-    while (i < text.size() && (text[i] == L'\r' || text[i] == L'\n')) ++i;
+    if (end < text.size()) {
+      if (text[end] == L'\0') return ERROR_INVALID_PARAMETER;
+      if (text[end] == L'\r' && (end + 1 == text.size() || text[end + 1] != L'\n')) {
+        return ERROR_INVALID_PARAMETER;
+      }
+    }
+    i = end < text.size() ? end + (text[end] == L'\r' ? 2 : 1) : end;
     if (line.empty()) continue;
     std::string bytes;
     if (!WideToLatin1(line, &bytes)) return ERROR_HTTP_INVALID_HEADER;
@@ -88,6 +96,23 @@ DWORD SplitHeaders(std::wstring_view text, std::vector<std::string>* lines) {
     lines->push_back(std::move(bytes));
   }
   return ERROR_SUCCESS;
+}
+
+// The URL as libcurl sends it: dot segments removed ("/x/../b" is "/b"), as browsers do. The
+// request-headers query reports it, so it must be what went out. Unchanged if libcurl cannot
+// parse it (libcurl then refuses it too).
+std::string AsSent(const std::string& url) {
+  CURLU* parsed = curl_url();
+  if (parsed == nullptr) return url;
+  char* text = nullptr;
+  std::string result = url;
+  if (curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
+      curl_url_get(parsed, CURLUPART_URL, &text, 0) == CURLUE_OK) {
+    result = text;
+  }
+  curl_free(text);
+  curl_url_cleanup(parsed);
+  return result;
 }
 
 struct UrlParts {
@@ -377,8 +402,10 @@ DWORD Request::Configure(const std::string& url, const std::string& method,
   if (!slot_->clean) curl_easy_reset(easy);
   slot_->clean = false;
   const auto& session = connection_->session();
-  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
+  // No CURLOPT_PATH_AS_IS: libcurl removes dot segments, as browsers do, so "/x/../b" goes out
+  // as "/b". A cache keys on the normalised URL; what it keys on must be what is sent.
+  const std::string sent_url = AsSent(url);
+  curl_easy_setopt(easy, CURLOPT_URL, sent_url.c_str());
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_SHARE, session->share());
   // HTTP/1.1 only: paused HTTP/2 streams have a history of stalls.
@@ -474,7 +501,7 @@ DWORD Request::Configure(const std::string& url, const std::string& method,
   if (const auto ca_file = TestCaFile()) curl_easy_setopt(easy, CURLOPT_CAINFO, ca_file->c_str());
 
   // What HTTP_QUERY_FLAG_REQUEST_HEADERS reports, put together only when asked for.
-  sent_url_ = url;
+  sent_url_ = sent_url;
   sent_agent_ = settings.agent.value_or("");
   sent_lines_ = std::move(lines);
   request_block_.Clear();
@@ -731,10 +758,11 @@ BOOL HttpSendRequestW(HINTERNET request_handle, LPCWSTR headers, DWORD headers_l
   if (optional == nullptr && optional_length != 0) return Fail(ERROR_INVALID_PARAMETER);
   std::vector<std::string> lines;
   if (headers != nullptr) {
-    // A length of -1 means the text ends at its terminator.
+    // A length of -1 means the text ends at its terminator. A length that counts the terminator
+    // too is common: NULs at the very end cut nothing off. Any other NUL is refused.
     const std::size_t length = headers_length == 0xFFFFFFFFu ? WideLength(headers) : headers_length;
     std::wstring_view text(headers, length);
-    if (const auto nul = text.find(L'\0'); nul != std::wstring_view::npos) text = text.substr(0, nul);
+    while (!text.empty() && text.back() == L'\0') text.remove_suffix(1);
     if (DWORD error = SplitHeaders(text, &lines)) return Fail(error);
   }
   std::string body;
