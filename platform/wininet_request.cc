@@ -243,6 +243,7 @@ int Request::PrereqCallback(void* self, char*, char*, int, int) {
   auto* request = static_cast<Request*>(self);
   request->connected_ = true;
   request->last_progress_ = Clock::now();
+  request->request_sent_ = request->last_progress_;
   return CURL_PREREQFUNC_OK;
 }
 
@@ -271,7 +272,11 @@ size_t Request::OnHeader(const char* data, size_t size) {
   // libcurl answers an authentication challenge itself when it has credentials: such a block
   // is final only if no other response follows it (the body or the end of the transfer tells).
   tentative_ = (status == 401 && credentials_in_use_) || (status == 407 && proxy_credentials_in_use_);
-  if (!tentative_) headers_final_ = true;
+  if (!tentative_) {
+    headers_final_ = true;
+  } else {
+    request_sent_ = last_progress_;  // libcurl answers the challenge: a new request goes out
+  }
   return size;
 }
 
@@ -358,7 +363,9 @@ DWORD Request::Drive(Goal goal) {
     if (!connected_) {
       deadline = phase_start_ + connect_limit_ + kConnectGrace;
     } else if (idle_limit_.count() > 0) {
-      deadline = last_progress_ + idle_limit_;
+      // The whole header block has one deadline from the request's sending, however slowly its
+      // lines come; body bytes have an idle limit that each byte starts again.
+      deadline = (headers_final_ ? last_progress_ : request_sent_) + idle_limit_;
     }
     if (goal == Goal::kDrain) deadline = std::min(deadline, drain_deadline_);
     if (now >= deadline) return ERROR_INTERNET_TIMEOUT;
@@ -511,6 +518,7 @@ DWORD Request::Configure(const std::string& url, const std::string& method,
   connected_ = false;
   phase_start_ = Clock::now();
   last_progress_ = phase_start_;
+  request_sent_ = phase_start_;
   return ERROR_SUCCESS;
 }
 

@@ -154,4 +154,56 @@ TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {
       << last_head;
 }
 
+// Answers with one header line every 50 ms: every line is progress, the block as a whole never
+// arrives in time. Without one deadline for the block the answer would be taken after all 40.
+RawResponder::Script DripHeaders(Pacer& pacer, std::atomic<int>& lines_sent) {
+  return [&pacer, &lines_sent](RawConnection& c) {
+    c.ReadRequestHead();
+    if (!c.Send("HTTP/1.1 200 OK\r\n")) return;
+    for (int i = 0; i < 40; ++i) {
+      if (!pacer.Wait(50ms) || !c.Send("X-Drip-" + std::to_string(i) + ": x\r\n")) return;
+      ++lines_sent;
+    }
+    c.Send("Content-Length: 2\r\n\r\nok");
+  };
+}
+
+struct EndAtExit {
+  Pacer& pacer;
+  ~EndAtExit() { pacer.End(); }
+};
+
+TEST(HostilePlatform, DrippedHeaderLinesEndAtTheReceiveTimeOut) {
+  Pacer pacer;
+  std::atomic<int> lines_sent{0};
+  RawResponder server(DripHeaders(pacer, lines_sent));
+  ASSERT_TRUE(server.ok());
+  EndAtExit end_at_exit{pacer};
+  Handle session = OpenSession();
+  Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_RECEIVE_TIMEOUT, 300));
+  Handle request = OpenRequest(connection, L"/");
+  SetLastError(0);
+  EXPECT_FALSE(Send(request));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_TIMEOUT));
+  EXPECT_LT(lines_sent.load(), 40);
+}
+
+TEST(HostilePlatform, DrippedHeaderLinesEndAUrlDownloadAtItsStallLimit) {
+  Pacer pacer;
+  std::atomic<int> lines_sent{0};
+  RawResponder server(DripHeaders(pacer, lines_sent));
+  ASSERT_TRUE(server.ok());
+  EndAtExit end_at_exit{pacer};
+  TempDir dir;
+  const auto previous = tqplatform::SetUrlDownloadLimitsForTesting({5'000, 300});
+  const std::wstring url = Latin1ToWide(server.Url("/file"));
+  const std::wstring file = (dir.path() / "file").wstring();
+  EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), file.c_str(), 0, nullptr),
+            INET_E_CONNECTION_TIMEOUT);
+  tqplatform::SetUrlDownloadLimitsForTesting(previous);
+  EXPECT_LT(lines_sent.load(), 40);
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "file"));
+}
+
 }  // namespace
