@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 #include "platform/http_date.h"
 #include "platform/wide_text.h"
@@ -183,6 +184,15 @@ bool ParseUnsigned(std::string_view text, std::uint64_t max, std::uint64_t* out)
   return true;
 }
 
+// Only decimal digits, at least one, no overflow.
+bool ParseDigits(std::string_view text, std::uint64_t* out) {
+  if (text.empty()) return false;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  return ParseUnsigned(text, std::numeric_limits<std::uint64_t>::max(), out);
+}
+
 template <class T>
 DWORD WriteFixed(const T& value, void* buffer, DWORD* buffer_length) {
   if (buffer == nullptr || *buffer_length < sizeof(T)) {
@@ -249,6 +259,24 @@ const std::string* HeaderBlock::Find(std::string_view name, std::size_t index) c
     }
   }
   return nullptr;
+}
+
+bool HeaderBlock::ContentLengthAgrees() const {
+  std::optional<std::uint64_t> length;
+  for (const auto& header : headers_) {
+    if (!EqualsIgnoreCase(header.name, "Content-Length")) continue;
+    std::string_view rest = header.value;
+    for (;;) {
+      const auto comma = rest.find(',');
+      const std::string_view item = TrimSpace(rest.substr(0, comma));
+      std::uint64_t value = 0;
+      if (!ParseDigits(item, &value) || (length.has_value() && *length != value)) return false;
+      length = value;
+      if (comma == std::string_view::npos) break;
+      rest.remove_prefix(comma + 1);
+    }
+  }
+  return true;
 }
 
 std::string HeaderBlock::RawCrlf() const {

@@ -267,6 +267,10 @@ size_t Request::OnHeader(const char* data, size_t size) {
   block_open_ = false;
   const int status = pending_.status_code();
   if (status >= 100 && status < 200) return size;  // interim response; the real one follows
+  if (!pending_.ContentLengthAgrees()) {
+    header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
+    return 0;
+  }
   response_ = std::move(pending_);
   pending_.Clear();
   // libcurl answers an authentication challenge itself when it has credentials: such a block

@@ -125,4 +125,24 @@ TEST(QueryRulesTest, RawHeadersWithCrLfOrNulSeparators) {
   }
 }
 
+TEST(QueryRulesTest, ContentLengthAgreesOnlyWithOneDecimalValue) {
+  const struct {
+    std::initializer_list<const char*> lines;
+    bool agrees;
+  } cases[] = {
+      {{"HTTP/1.1 200 OK"}, true},
+      {{"HTTP/1.1 200 OK", "Content-Length: 5", "content-length:  5 "}, true},
+      {{"HTTP/1.1 200 OK", "Content-Length: 5, 5"}, true},
+      {{"HTTP/1.1 200 OK", "Content-Length: 5", "Content-Length: 400"}, false},
+      {{"HTTP/1.1 200 OK", "Content-Length: 5, 400"}, false},
+      {{"HTTP/1.1 200 OK", "Content-Length: 5,"}, false},
+      {{"HTTP/1.1 200 OK", "Content-Length: -5"}, false},
+      {{"HTTP/1.1 200 OK", "Content-Length: 99999999999999999999"}, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "case " << (&c - cases));
+    EXPECT_EQ(Block(c.lines).ContentLengthAgrees(), c.agrees);
+  }
+}
+
 }  // namespace
