@@ -23,6 +23,8 @@ constexpr milliseconds kCurlDefaultConnect{300'000};
 // Longest wait for a small body to drain before its connection is dropped instead.
 constexpr milliseconds kDrainWait{1000};
 
+std::atomic<void (*)(HINTERNET)> g_wait_hook{nullptr};
+
 std::optional<milliseconds> TimeoutOf(std::optional<DWORD> value, DWORD fallback) {
   const DWORD ms = value.value_or(fallback);
   if (ms == 0 || ms == kInfiniteTimeout) return std::nullopt;
@@ -380,6 +382,7 @@ DWORD Request::Drive(Goal goal) {
       wait_ms = static_cast<int>(std::min<long long>(wait_ms, left));
     }
     if (have_data) wait_ms = 0;  // hand over what is there rather than wait for more
+    if (auto* hook = g_wait_hook.load(); hook != nullptr && wait_ms > 0) hook(handle());
     int ready = 0;
     if (curl_multi_poll(slot_->multi, nullptr, 0, wait_ms, &ready) != CURLM_OK) {
       return ERROR_INTERNET_INTERNAL_ERROR;
@@ -704,6 +707,8 @@ DWORD Request::Query(DWORD level, void* buffer, DWORD* buffer_length, DWORD* ind
   if (!sent_) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   return QueryHeaderBlock(response_, current_method_, level, buffer, buffer_length, index);
 }
+
+void SetWaitHookForTesting(void (*hook)(HINTERNET)) { g_wait_hook = hook; }
 
 }  // namespace tqplatform
 

@@ -238,4 +238,58 @@ TEST(HostilePlatform, ContentLengthsThatDisagreeFailTheSend) {
   }
 }
 
+// The hook below tells the test that a call on the request has reached its wait for the
+// network, so the close surely lands while the call is inside.
+Latch* g_waiting = nullptr;
+void OnWait(HINTERNET) {
+  if (g_waiting != nullptr) g_waiting->Set();
+}
+
+TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendOrRead) {
+  for (const bool during_read : {false, true}) {
+    SCOPED_TRACE(during_read ? "read" : "send");
+    Latch request_seen;
+    RawResponder server([&](RawConnection& c) {
+      c.ReadRequestHead();
+      if (during_read) c.Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n");
+      request_seen.Set();
+      c.Stall();  // until the responder goes
+    });
+    ASSERT_TRUE(server.ok());
+    Handle session = OpenSession();
+    Handle connection = Connect(session, server.port());
+    // Far beyond the test's run: only the close can end the wait.
+    ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_RECEIVE_TIMEOUT, 60'000));
+    HINTERNET request = OpenRequest(connection, L"/").release();
+    if (during_read) {
+      ASSERT_TRUE(HttpSendRequestW(request, nullptr, 0, nullptr, 0));
+    }
+
+    Latch waiting;
+    g_waiting = &waiting;
+    tqplatform::SetWaitHookForTesting(&OnWait);
+    auto blocked = std::async(std::launch::async, [&] {
+      char buffer[100];
+      DWORD got = 0;
+      const BOOL ok = during_read ? InternetReadFile(request, buffer, sizeof buffer, &got)
+                                  : HttpSendRequestW(request, nullptr, 0, nullptr, 0);
+      return ok ? DWORD{0} : GetLastError();
+    });
+    ASSERT_TRUE(request_seen.Wait());
+    ASSERT_TRUE(waiting.Wait());
+    ASSERT_TRUE(InternetCloseHandle(request));
+    // A close that did not reach the call would leave it waiting out the 60 s time-out.
+    ASSERT_EQ(blocked.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(blocked.get(), static_cast<DWORD>(ERROR_INTERNET_OPERATION_CANCELLED));
+    tqplatform::SetWaitHookForTesting(nullptr);
+    g_waiting = nullptr;
+
+    // The handle is gone for every later call.
+    DWORD length = 0;
+    SetLastError(0);
+    EXPECT_FALSE(HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE, nullptr, &length, nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  }
+}
+
 }  // namespace
