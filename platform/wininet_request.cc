@@ -23,6 +23,7 @@ constexpr milliseconds kCurlDefaultConnect{300'000};
 // Longest wait for a small body to drain before its connection is dropped instead.
 constexpr milliseconds kDrainWait{1000};
 
+// Set by SetWaitHookForTesting (fault_injection.h); null outside tests.
 std::atomic<void (*)(HINTERNET)> g_wait_hook{nullptr};
 
 std::optional<milliseconds> TimeoutOf(std::optional<DWORD> value, DWORD fallback) {
