@@ -31,13 +31,13 @@ DWORD FixedSize(DWORD modifiers) {
   return 0;
 }
 
-// A buffer of exactly `length` bytes as the caller promises it (a UTF-16 character counts 2
-// bytes, so `length` / 2 characters, rounded up), filled with a marker so that a terminator
-// written by the query is seen.
+constexpr DWORD kCharBytes = sizeof(wchar_t);
+
+// A buffer of `length` bytes as the caller promises it (rounded up to whole characters), filled
+// with a marker so that a terminator written by the query is seen.
 std::vector<wchar_t> BufferFor(DWORD length) {
-  const std::size_t units = (static_cast<std::size_t>(length) + 1) / 2;
-  const std::size_t fixed = (static_cast<std::size_t>(length) + sizeof(wchar_t) - 1) / sizeof(wchar_t);
-  return std::vector<wchar_t>(std::max<std::size_t>({units, fixed, std::size_t{1}}), L'\x7f');
+  const std::size_t units = (static_cast<std::size_t>(length) + kCharBytes - 1) / kCharBytes;
+  return std::vector<wchar_t>(std::max<std::size_t>(units, 1), L'\x7f');
 }
 
 // One query with the name (for HTTP_QUERY_CUSTOM) in the buffer; checks the rules for the
@@ -46,7 +46,7 @@ void Query(const HeaderBlock& block, DWORD level, const std::wstring& name, DWOR
            DWORD index_in) {
   const DWORD modifiers = level & HTTP_QUERY_MODIFIER_FLAGS_MASK;
   const bool custom = (level & HTTP_QUERY_HEADER_MASK) == HTTP_QUERY_CUSTOM;
-  if (custom) length = std::max<DWORD>(length, static_cast<DWORD>((name.size() + 1) * 2));
+  if (custom) length = std::max<DWORD>(length, static_cast<DWORD>((name.size() + 1) * kCharBytes));
   std::vector<wchar_t> buffer = BufferFor(length);
   if (custom) {
     std::copy(name.begin(), name.end(), buffer.begin());
@@ -63,9 +63,9 @@ void Query(const HeaderBlock& block, DWORD level, const std::wstring& name, DWOR
       Check(length >= fixed);
     } else {
       // Without the terminator, which is there and fits.
-      Check(given % 2 == 0);
-      Check(static_cast<std::uint64_t>(given) + 2 <= length);
-      Check(buffer[given / 2] == L'\0');
+      Check(given % kCharBytes == 0);
+      Check(static_cast<std::uint64_t>(given) + kCharBytes <= length);
+      Check(buffer[given / kCharBytes] == L'\0');
     }
   } else if (error == ERROR_INSUFFICIENT_BUFFER) {
     Check(index == index_in);
@@ -80,7 +80,7 @@ void Query(const HeaderBlock& block, DWORD level, const std::wstring& name, DWOR
     DWORD again = given;
     DWORD index2 = index_in;
     Check(QueryHeaderBlock(block, "GET", level, room.data(), &again, &index2) == ERROR_SUCCESS);
-    if (fixed == 0) Check(static_cast<std::uint64_t>(again) + 2 == given);
+    if (fixed == 0) Check(static_cast<std::uint64_t>(again) + kCharBytes == given);
   } else {
     Check(index == index_in);
   }

@@ -15,7 +15,7 @@
 // the functions below are safe to call from any thread at any time.
 #pragma once
 
-#include "platform/windows_types.h"
+#include "platform/wininet.h"
 
 #ifndef _WIN32
 
@@ -44,6 +44,11 @@ TQPLATFORM_API BOOL TqPlatformSetCaFile(const char* pem_path);
 namespace tqplatform {
 // Used by the entry points: returns the error to fail with, or 0 to run normally.
 DWORD TakeInjectedFault(const char* function_name);
+
+// Test seam: `hook` (null: none) runs on the calling thread each time a send or a read is about
+// to wait for the network, with the request's handle. A test then knows the call is inside and
+// blocked, and can close the handle from another thread at that moment.
+void SetWaitHookForTesting(void (*hook)(HINTERNET request));
 }  // namespace tqplatform
 
 #endif  // _WIN32

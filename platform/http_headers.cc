@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 #include "platform/http_date.h"
 #include "platform/wide_text.h"
@@ -131,20 +132,40 @@ constexpr const char* kLevelNames[] = {
 };
 static_assert(std::size(kLevelNames) == HTTP_QUERY_MAX + 1);
 
+// Text out in WinINet's units: lengths are bytes, characters x sizeof(wchar_t), in and out, so
+// that a caller who allocates the length a size query reported always has room. The buffer may
+// be unaligned: it is written byte-wise.
 DWORD WriteText(std::string_view bytes, void* buffer, DWORD* buffer_length) {
   const std::wstring text = Latin1ToWide(bytes);
-  // Lengths count 2 bytes per character so that both systems report the same numbers.
-  const std::uint64_t needed = (static_cast<std::uint64_t>(text.size()) + 1) * 2;
+  const std::uint64_t needed = (static_cast<std::uint64_t>(text.size()) + 1) * sizeof(wchar_t);
   if (needed > std::numeric_limits<DWORD>::max()) return ERROR_NOT_ENOUGH_MEMORY;
   if (buffer == nullptr || *buffer_length < needed) {
     *buffer_length = static_cast<DWORD>(needed);
     return ERROR_INSUFFICIENT_BUFFER;
   }
-  auto* out = static_cast<wchar_t*>(buffer);
-  std::memcpy(out, text.data(), text.size() * sizeof(wchar_t));
-  out[text.size()] = L'\0';
-  *buffer_length = static_cast<DWORD>(text.size() * 2);
+  auto* out = static_cast<char*>(buffer);
+  const std::size_t text_bytes = text.size() * sizeof(wchar_t);
+  std::memcpy(out, text.data(), text_bytes);
+  constexpr wchar_t kNul = L'\0';
+  std::memcpy(out + text_bytes, &kNul, sizeof kNul);
+  *buffer_length = static_cast<DWORD>(text_bytes);
   return ERROR_SUCCESS;
+}
+
+// The header name HTTP_QUERY_CUSTOM takes from the caller's buffer: up to its NUL, at most the
+// whole characters that *buffer_length bytes hold. False for an empty name or one that is not
+// Latin-1.
+bool ReadCustomName(const void* buffer, DWORD buffer_length, std::string* name) {
+  const auto* bytes = static_cast<const char*>(buffer);
+  const std::size_t capacity = buffer_length / sizeof(wchar_t);
+  std::wstring text;
+  for (std::size_t i = 0; i < capacity; ++i) {
+    wchar_t c;
+    std::memcpy(&c, bytes + i * sizeof(wchar_t), sizeof c);
+    if (c == L'\0') break;
+    text.push_back(c);
+  }
+  return !text.empty() && WideToLatin1(text, name);
 }
 
 // Decimal digits after optional white space; refuses no digits and overflow.
@@ -161,6 +182,15 @@ bool ParseUnsigned(std::string_view text, std::uint64_t max, std::uint64_t* out)
   if (i == 0) return false;
   *out = value;
   return true;
+}
+
+// Only decimal digits, at least one, no overflow.
+bool ParseDigits(std::string_view text, std::uint64_t* out) {
+  if (text.empty()) return false;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  return ParseUnsigned(text, std::numeric_limits<std::uint64_t>::max(), out);
 }
 
 template <class T>
@@ -231,6 +261,24 @@ const std::string* HeaderBlock::Find(std::string_view name, std::size_t index) c
   return nullptr;
 }
 
+bool HeaderBlock::ContentLengthAgrees() const {
+  std::optional<std::uint64_t> length;
+  for (const auto& header : headers_) {
+    if (!EqualsIgnoreCase(header.name, "Content-Length")) continue;
+    std::string_view rest = header.value;
+    for (;;) {
+      const auto comma = rest.find(',');
+      const std::string_view item = TrimSpace(rest.substr(0, comma));
+      std::uint64_t value = 0;
+      if (!ParseDigits(item, &value) || (length.has_value() && *length != value)) return false;
+      length = value;
+      if (comma == std::string_view::npos) break;
+      rest.remove_prefix(comma + 1);
+    }
+  }
+  return true;
+}
+
 std::string HeaderBlock::RawCrlf() const {
   std::string out;
   for (const auto& line : raw_lines_) out.append(line).append("\r\n");
@@ -289,13 +337,7 @@ DWORD QueryHeaderBlock(const HeaderBlock& block, std::string_view verb, DWORD in
       if (level == HTTP_QUERY_CUSTOM) {
         // The name arrives in the caller's buffer; read it before anything is written there.
         if (buffer == nullptr) return ERROR_INVALID_PARAMETER;
-        const auto* text = static_cast<const wchar_t*>(buffer);
-        const std::size_t capacity = *buffer_length / 2;
-        std::size_t n = 0;
-        while (n < capacity && text[n] != L'\0') ++n;
-        if (n == 0 || !WideToLatin1(std::wstring_view(text, n), &name)) {
-          return ERROR_HTTP_HEADER_NOT_FOUND;
-        }
+        if (!ReadCustomName(buffer, *buffer_length, &name)) return ERROR_HTTP_HEADER_NOT_FOUND;
       } else if (const char* known = HeaderNameForLevel(level)) {
         name = known;
       } else if (level > HTTP_QUERY_MAX) {

@@ -36,6 +36,11 @@ class HeaderBlock {
   // The value of the index-th (0-based) header with this name (ASCII case-insensitive).
   const std::string* Find(std::string_view name, std::size_t index = 0) const;
 
+  // False when Content-Length occurs with values that differ (a repeated or comma-listed equal
+  // value is one value) or with one that is not a decimal number: such a body has no length one
+  // can trust, and two readers could split the stream in different places.
+  bool ContentLengthAgrees() const;
+
   // Start line and header lines as received, each followed by CR LF, then a final CR LF.
   std::string RawCrlf() const;
   // The same lines each followed by a NUL (the list's final NUL is the caller's terminator).
@@ -61,7 +66,7 @@ const char* HeaderNameForLevel(DWORD level);
 
 // HttpQueryInfoW over a header block. Returns ERROR_SUCCESS or the error code; `verb` answers
 // HTTP_QUERY_REQUEST_METHOD. Implements WinINet's buffer rules: lengths in bytes in and out, a
-// UTF-16 character counting 2 bytes whatever the size of wchar_t; ERROR_INSUFFICIENT_BUFFER with
+// character counting sizeof(wchar_t) bytes (4 on Linux); ERROR_INSUFFICIENT_BUFFER with
 // the length needed (text: including the terminator); on success the length without the
 // terminator; HTTP_QUERY_CUSTOM reads the header name from the buffer; the index selects the
 // occurrence of a repeated header and is advanced on success.

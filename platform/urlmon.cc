@@ -345,10 +345,13 @@ struct Transfer {
   }
 };
 
-size_t OnHeader(char*, size_t size, size_t count, void* user) {
+size_t OnHeader(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
-  transfer->last_activity = Clock::now();
-  return transfer->Stop() ? 0 : size * count;
+  const size_t bytes = size * count;
+  // Only a header block's end is progress: a server dripping one line at a time must not keep
+  // the transfer alive, so the whole block has one deadline.
+  if (bytes == 0 || data[0] == '\r' || data[0] == '\n') transfer->last_activity = Clock::now();
+  return transfer->Stop() ? 0 : bytes;
 }
 
 size_t OnBody(char* data, size_t size, size_t count, void* user) {

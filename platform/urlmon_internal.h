@@ -11,8 +11,9 @@
 namespace tqplatform {
 
 // A connection must be made within `connect_ms`; once made, a transfer that receives nothing
-// for `stall_ms` (waiting for the answer included) fails with INET_E_CONNECTION_TIMEOUT.
-// There is no limit on a transfer that keeps receiving.
+// for `stall_ms` (waiting for the answer included) fails with INET_E_CONNECTION_TIMEOUT. A
+// header block counts as received only when complete: its lines must all come within
+// `stall_ms`. There is no limit on a body that keeps arriving.
 struct UrlDownloadLimits {
   long connect_ms = 30'000;
   long stall_ms = 60'000;

@@ -23,6 +23,9 @@ constexpr milliseconds kCurlDefaultConnect{300'000};
 // Longest wait for a small body to drain before its connection is dropped instead.
 constexpr milliseconds kDrainWait{1000};
 
+// Set by SetWaitHookForTesting (fault_injection.h); null outside tests.
+std::atomic<void (*)(HINTERNET)> g_wait_hook{nullptr};
+
 std::optional<milliseconds> TimeoutOf(std::optional<DWORD> value, DWORD fallback) {
   const DWORD ms = value.value_or(fallback);
   if (ms == 0 || ms == kInfiniteTimeout) return std::nullopt;
@@ -69,15 +72,23 @@ std::string Origin(bool secure, const std::string& host, INTERNET_PORT port) {
   return url;
 }
 
-// Splits the caller's header text into lines ("Name: value"), refusing lines without a name.
+// Splits the caller's header text into lines ("Name: value") at CR LF or a bare LF. A CR that
+// does not start a CR LF, or a NUL, is refused (ERROR_INVALID_PARAMETER) rather than split at:
+// where one reader ends a line another may not, and the text after it would travel as a header
+// of its own. Lines without a name are refused too.
 DWORD SplitHeaders(std::wstring_view text, std::vector<std::string>* lines) {
   std::size_t i = 0;
   while (i < text.size()) {
-    std::size_t end = text.find_first_of(L"\r\n", i);
+    std::size_t end = text.find_first_of(std::wstring_view(L"\r\n\0", 3), i);
     if (end == std::wstring_view::npos) end = text.size();
     const std::wstring_view line = text.substr(i, end - i);
-    i = end;
-    while (i < text.size() && (text[i] == L'\r' || text[i] == L'\n')) ++i;
+    if (end < text.size()) {
+      if (text[end] == L'\0') return ERROR_INVALID_PARAMETER;
+      if (text[end] == L'\r' && (end + 1 == text.size() || text[end + 1] != L'\n')) {
+        return ERROR_INVALID_PARAMETER;
+      }
+    }
+    i = end < text.size() ? end + (text[end] == L'\r' ? 2 : 1) : end;
     if (line.empty()) continue;
     std::string bytes;
     if (!WideToLatin1(line, &bytes)) return ERROR_HTTP_INVALID_HEADER;
@@ -88,6 +99,23 @@ DWORD SplitHeaders(std::wstring_view text, std::vector<std::string>* lines) {
     lines->push_back(std::move(bytes));
   }
   return ERROR_SUCCESS;
+}
+
+// The URL as libcurl sends it: dot segments removed ("/x/../b" is "/b"), as browsers do. The
+// request-headers query reports it, so it must be what went out. Unchanged if libcurl cannot
+// parse it (libcurl then refuses it too).
+std::string AsSent(const std::string& url) {
+  CURLU* parsed = curl_url();
+  if (parsed == nullptr) return url;
+  char* text = nullptr;
+  std::string result = url;
+  if (curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
+      curl_url_get(parsed, CURLUPART_URL, &text, 0) == CURLUE_OK) {
+    result = text;
+  }
+  curl_free(text);
+  curl_url_cleanup(parsed);
+  return result;
 }
 
 struct UrlParts {
@@ -218,6 +246,7 @@ int Request::PrereqCallback(void* self, char*, char*, int, int) {
   auto* request = static_cast<Request*>(self);
   request->connected_ = true;
   request->last_progress_ = Clock::now();
+  request->request_sent_ = request->last_progress_;
   return CURL_PREREQFUNC_OK;
 }
 
@@ -241,12 +270,20 @@ size_t Request::OnHeader(const char* data, size_t size) {
   block_open_ = false;
   const int status = pending_.status_code();
   if (status >= 100 && status < 200) return size;  // interim response; the real one follows
+  if (!pending_.ContentLengthAgrees()) {
+    header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
+    return 0;
+  }
   response_ = std::move(pending_);
   pending_.Clear();
   // libcurl answers an authentication challenge itself when it has credentials: such a block
   // is final only if no other response follows it (the body or the end of the transfer tells).
   tentative_ = (status == 401 && credentials_in_use_) || (status == 407 && proxy_credentials_in_use_);
-  if (!tentative_) headers_final_ = true;
+  if (!tentative_) {
+    headers_final_ = true;
+  } else {
+    request_sent_ = last_progress_;  // libcurl answers the challenge: a new request goes out
+  }
   return size;
 }
 
@@ -333,7 +370,9 @@ DWORD Request::Drive(Goal goal) {
     if (!connected_) {
       deadline = phase_start_ + connect_limit_ + kConnectGrace;
     } else if (idle_limit_.count() > 0) {
-      deadline = last_progress_ + idle_limit_;
+      // The whole header block has one deadline from the request's sending, however slowly its
+      // lines come; body bytes have an idle limit that each byte starts again.
+      deadline = (headers_final_ ? last_progress_ : request_sent_) + idle_limit_;
     }
     if (goal == Goal::kDrain) deadline = std::min(deadline, drain_deadline_);
     if (now >= deadline) return ERROR_INTERNET_TIMEOUT;
@@ -344,6 +383,7 @@ DWORD Request::Drive(Goal goal) {
       wait_ms = static_cast<int>(std::min<long long>(wait_ms, left));
     }
     if (have_data) wait_ms = 0;  // hand over what is there rather than wait for more
+    if (auto* hook = g_wait_hook.load(); hook != nullptr && wait_ms > 0) hook(handle());
     int ready = 0;
     if (curl_multi_poll(slot_->multi, nullptr, 0, wait_ms, &ready) != CURLM_OK) {
       return ERROR_INTERNET_INTERNAL_ERROR;
@@ -377,8 +417,10 @@ DWORD Request::Configure(const std::string& url, const std::string& method,
   if (!slot_->clean) curl_easy_reset(easy);
   slot_->clean = false;
   const auto& session = connection_->session();
-  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
+  // No CURLOPT_PATH_AS_IS: libcurl removes dot segments, as browsers do, so "/x/../b" goes out
+  // as "/b". A cache keys on the normalised URL; what it keys on must be what is sent.
+  const std::string sent_url = AsSent(url);
+  curl_easy_setopt(easy, CURLOPT_URL, sent_url.c_str());
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_SHARE, session->share());
   // HTTP/1.1 only: paused HTTP/2 streams have a history of stalls.
@@ -474,7 +516,7 @@ DWORD Request::Configure(const std::string& url, const std::string& method,
   if (const auto ca_file = TestCaFile()) curl_easy_setopt(easy, CURLOPT_CAINFO, ca_file->c_str());
 
   // What HTTP_QUERY_FLAG_REQUEST_HEADERS reports, put together only when asked for.
-  sent_url_ = url;
+  sent_url_ = sent_url;
   sent_agent_ = settings.agent.value_or("");
   sent_lines_ = std::move(lines);
   request_block_.Clear();
@@ -484,6 +526,7 @@ DWORD Request::Configure(const std::string& url, const std::string& method,
   connected_ = false;
   phase_start_ = Clock::now();
   last_progress_ = phase_start_;
+  request_sent_ = phase_start_;
   return ERROR_SUCCESS;
 }
 
@@ -666,6 +709,8 @@ DWORD Request::Query(DWORD level, void* buffer, DWORD* buffer_length, DWORD* ind
   return QueryHeaderBlock(response_, current_method_, level, buffer, buffer_length, index);
 }
 
+void SetWaitHookForTesting(void (*hook)(HINTERNET)) { g_wait_hook = hook; }
+
 }  // namespace tqplatform
 
 using namespace tqplatform;
@@ -731,10 +776,11 @@ BOOL HttpSendRequestW(HINTERNET request_handle, LPCWSTR headers, DWORD headers_l
   if (optional == nullptr && optional_length != 0) return Fail(ERROR_INVALID_PARAMETER);
   std::vector<std::string> lines;
   if (headers != nullptr) {
-    // A length of -1 means the text ends at its terminator.
+    // A length of -1 means the text ends at its terminator. A length that counts the terminator
+    // too is common: NULs at the very end cut nothing off. Any other NUL is refused.
     const std::size_t length = headers_length == 0xFFFFFFFFu ? WideLength(headers) : headers_length;
     std::wstring_view text(headers, length);
-    if (const auto nul = text.find(L'\0'); nul != std::wstring_view::npos) text = text.substr(0, nul);
+    while (!text.empty() && text.back() == L'\0') text.remove_suffix(1);
     if (DWORD error = SplitHeaders(text, &lines)) return Fail(error);
   }
   std::string body;

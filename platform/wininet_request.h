@@ -119,9 +119,11 @@ class Request : public InternetObject {
   bool connected_ = false;
   Clock::time_point phase_start_;
   Clock::time_point last_progress_;
+  Clock::time_point request_sent_;  // the header block's deadline counts from here
   Clock::time_point drain_deadline_;
   std::chrono::milliseconds connect_limit_{0};
-  std::chrono::milliseconds idle_limit_{0};  // 0: none
+  // The receive time-out: the header block's deadline, then the body's idle limit. 0: none.
+  std::chrono::milliseconds idle_limit_{0};
 };
 
 }  // namespace tqplatform

@@ -10,10 +10,11 @@ namespace {
 
 constexpr const wchar_t* kDefaultUserAgent = L"Torvik-Quillstone/23.1";
 
-// Room for 4,095 characters and the terminator. Header lengths count 2 bytes per character on
-// every system (UTF-16's size, whatever the width of wchar_t), so 8,190 bytes is 4,095 of them.
+// A buffer of 4,096 characters, of which the query is given 4,095 (the terminator included).
+// WinINet counts the length in bytes, sizeof(wchar_t) of them a character, so the count in
+// characters is the same on every system.
 constexpr std::size_t kHeaderChars = 4096;
-constexpr DWORD kBytesPerChar = 2;
+constexpr DWORD kBytesPerChar = sizeof(wchar_t);
 
 // Releases a handle this protocol handed out. Null is nothing to release; a handle released
 // already, or any pointer this protocol did not hand out, is refused rather than deleted.

@@ -10,13 +10,18 @@ namespace qv::net {
 namespace detail {
 namespace {
 
-// WinINet measures text buffers in bytes of UTF-16. Where wchar_t is wider, a buffer of N
-// "bytes" holds N / 2 characters, so both systems behave alike.
-constexpr DWORD kBytesPerUnit = 2;
+// WinINet measures buffers in bytes, a character counting sizeof(wchar_t) of them (2 on
+// Windows, 4 on Linux). Sizes here are in characters and become bytes only at the call, so
+// both systems accept the same text.
+constexpr DWORD kFirstBufferChars = 8;
+
+DWORD BytesOf(std::size_t chars) { return static_cast<DWORD>(chars * sizeof(wchar_t)); }
 
 std::vector<wchar_t> MakeBuffer(DWORD length_in_bytes) {
   // Round up, and never less than one character, so binary results (a DWORD, a SYSTEMTIME) fit.
-  const std::size_t chars = std::max<std::size_t>(1, (length_in_bytes + kBytesPerUnit - 1) / kBytesPerUnit);
+  const std::size_t bytes = length_in_bytes;
+  const std::size_t chars =
+      std::max<std::size_t>(1, (bytes + sizeof(wchar_t) - 1) / sizeof(wchar_t));
   return std::vector<wchar_t>(chars, L'\0');
 }
 
@@ -65,10 +70,10 @@ bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
     return true;
   }
 
-  DWORD length = 16;
+  DWORD length = BytesOf(kFirstBufferChars);
   if (name != nullptr) {
     level |= HTTP_QUERY_CUSTOM;
-    length = static_cast<DWORD>((name->size() + 1) * kBytesPerUnit);
+    length = BytesOf(name->size() + 1);
   }
   std::vector<wchar_t> buffer = MakeBuffer(length);
   if (name != nullptr) CopyName(buffer, *name);
@@ -93,7 +98,7 @@ bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
     result = TqUSysTime::FromFileTime(ticks);
   } else {
     // The reported length leaves out the terminator; the text keeps it as its last code unit.
-    const std::size_t units = std::min<std::size_t>(length / kBytesPerUnit + 1, buffer.size());
+    const std::size_t units = std::min<std::size_t>(length / sizeof(wchar_t) + 1, buffer.size());
     result = std::wstring(buffer.data(), units);
   }
   return true;

@@ -59,7 +59,7 @@ inline std::string QueryText(const Handle& request, DWORD level, const std::wstr
   name.copy(buffer, name.size());
   DWORD length = sizeof buffer;
   if (!HttpQueryInfoW(request.get(), level, buffer, &length, nullptr)) return "<absent>";
-  return std::string(buffer, buffer + length / 2);
+  return std::string(buffer, buffer + length / sizeof(wchar_t));
 }
 
 inline DWORD StatusCode(const Handle& request) {

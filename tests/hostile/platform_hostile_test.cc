@@ -1,0 +1,295 @@
+// The WinINet layer against a server that misbehaves on purpose: answers that drip, lie about
+// their length or differ by path spelling, header text that would smuggle a line, and a request
+// closed from another thread while a call waits on it.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/fault_injection.h"
+#include "platform/urlmon.h"
+#include "platform/urlmon_internal.h"
+#include "platform/wide_text.h"
+#include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/raw_responder.h"
+#include "tests/support/servers/temp_dir.h"
+
+namespace {
+
+using namespace tq::test;
+using namespace std::chrono_literals;
+using tqplatform::Latin1ToWide;
+
+// Server-side pacing: a script waits here between the lines it drips, until the interval passes
+// or the test ends (then it stops at once).
+class Pacer {
+ public:
+  ~Pacer() { End(); }
+  // False when the test has ended.
+  bool Wait(std::chrono::milliseconds interval) {
+    std::unique_lock lock(mutex_);
+    return !cv_.wait_for(lock, interval, [this] { return ended_; });
+  }
+  void End() {
+    {
+      std::lock_guard lock(mutex_);
+      ended_ = true;
+    }
+    cv_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  bool ended_ = false;
+};
+
+// A one-shot signal from a server thread (or a hook) to the test.
+class Latch {
+ public:
+  void Set() {
+    {
+      std::lock_guard lock(mutex_);
+      set_ = true;
+    }
+    cv_.notify_all();
+  }
+  bool Wait(std::chrono::milliseconds bound = 10s) {
+    std::unique_lock lock(mutex_);
+    return cv_.wait_for(lock, bound, [this] { return set_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  bool set_ = false;
+};
+
+std::string RequestLine(const std::string& head) { return head.substr(0, head.find("\r\n")); }
+
+TEST(HostilePlatform, DotSegmentsAreRemovedBeforeTheRequestIsSent) {
+  std::mutex mutex;
+  std::vector<std::string> seen;
+  RawResponder server([&](RawConnection& c) {
+    for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+      {
+        std::lock_guard lock(mutex);
+        seen.push_back(RequestLine(head));
+      }
+      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    }
+  });
+  ASSERT_TRUE(server.ok());
+  Handle session = OpenSession();
+  Handle connection = Connect(session, server.port());
+  const struct {
+    const wchar_t* path;
+    const char* sent;
+  } cases[] = {
+      {L"/x/../b", "GET /b HTTP/1.1"},
+      {L"/a/./b/../../c?q=/../", "GET /c?q=/../ HTTP/1.1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.path);
+    Handle request = OpenRequest(connection, c.path);
+    ASSERT_TRUE(Send(request));
+    {
+      std::lock_guard lock(mutex);
+      ASSERT_FALSE(seen.empty());
+      EXPECT_EQ(seen.back(), c.sent);
+    }
+    // What the request-headers query reports is what went out.
+    const std::string reported =
+        QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF | HTTP_QUERY_FLAG_REQUEST_HEADERS);
+    EXPECT_EQ(RequestLine(reported), c.sent);
+  }
+}
+
+TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {
+  std::mutex mutex;
+  std::string last_head;
+  RawResponder server([&](RawConnection& c) {
+    const std::string head = c.ReadRequestHead();
+    {
+      std::lock_guard lock(mutex);
+      last_head = head;
+    }
+    c.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+  });
+  ASSERT_TRUE(server.ok());
+  Handle session = OpenSession();
+  Handle connection = Connect(session, server.port());
+  const std::wstring refused[] = {
+      L"X-Tag: \"a\"\rX-Injected: 1\r\n",
+      L"X-Tag: \"a\"\r",
+      L"X-Tag: \"a\"\r\r\nX-Injected: 1\r\n",
+      std::wstring(L"X-Tag: \"a\"\0X-Injected: 1\r\n", 26),
+      std::wstring(L"X-Tag: \"a\r\n\0\0X-Injected: 1", 26),
+  };
+  for (const std::wstring& headers : refused) {
+    SCOPED_TRACE(testing::Message() << "case " << (&headers - refused));
+    Handle request = OpenRequest(connection, L"/");
+    SetLastError(0);
+    EXPECT_FALSE(HttpSendRequestW(request.get(), headers.c_str(),
+                                  static_cast<DWORD>(headers.size()), nullptr, 0));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  }
+  EXPECT_EQ(server.connection_count(), 0u);
+
+  // Lines ending in CR LF or LF go out, each as its own header; a length that counts the
+  // terminator is no NUL inside the text.
+  const std::wstring fine(L"X-One: 1\r\nX-Two: 2\nX-Three: 3\0", 30);
+  Handle request = OpenRequest(connection, L"/");
+  ASSERT_TRUE(HttpSendRequestW(request.get(), fine.c_str(), static_cast<DWORD>(fine.size()),
+                               nullptr, 0));
+  std::lock_guard lock(mutex);
+  EXPECT_NE(last_head.find("\r\nX-One: 1\r\nX-Two: 2\r\nX-Three: 3\r\n"), std::string::npos)
+      << last_head;
+}
+
+// Answers with one header line every 50 ms: every line is progress, the block as a whole never
+// arrives in time. Without one deadline for the block the answer would be taken after all 40.
+RawResponder::Script DripHeaders(Pacer& pacer, std::atomic<int>& lines_sent) {
+  return [&pacer, &lines_sent](RawConnection& c) {
+    c.ReadRequestHead();
+    if (!c.Send("HTTP/1.1 200 OK\r\n")) return;
+    for (int i = 0; i < 40; ++i) {
+      if (!pacer.Wait(50ms) || !c.Send("X-Drip-" + std::to_string(i) + ": x\r\n")) return;
+      ++lines_sent;
+    }
+    c.Send("Content-Length: 2\r\n\r\nok");
+  };
+}
+
+struct EndAtExit {
+  Pacer& pacer;
+  ~EndAtExit() { pacer.End(); }
+};
+
+TEST(HostilePlatform, DrippedHeaderLinesEndAtTheReceiveTimeOut) {
+  Pacer pacer;
+  std::atomic<int> lines_sent{0};
+  RawResponder server(DripHeaders(pacer, lines_sent));
+  ASSERT_TRUE(server.ok());
+  EndAtExit end_at_exit{pacer};
+  Handle session = OpenSession();
+  Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_RECEIVE_TIMEOUT, 300));
+  Handle request = OpenRequest(connection, L"/");
+  SetLastError(0);
+  EXPECT_FALSE(Send(request));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_TIMEOUT));
+  EXPECT_LT(lines_sent.load(), 40);
+}
+
+TEST(HostilePlatform, DrippedHeaderLinesEndAUrlDownloadAtItsStallLimit) {
+  Pacer pacer;
+  std::atomic<int> lines_sent{0};
+  RawResponder server(DripHeaders(pacer, lines_sent));
+  ASSERT_TRUE(server.ok());
+  EndAtExit end_at_exit{pacer};
+  TempDir dir;
+  const auto previous = tqplatform::SetUrlDownloadLimitsForTesting({5'000, 300});
+  const std::wstring url = Latin1ToWide(server.Url("/file"));
+  const std::wstring file = (dir.path() / "file").wstring();
+  EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), file.c_str(), 0, nullptr),
+            INET_E_CONNECTION_TIMEOUT);
+  tqplatform::SetUrlDownloadLimitsForTesting(previous);
+  EXPECT_LT(lines_sent.load(), 40);
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "file"));
+}
+
+TEST(HostilePlatform, ContentLengthsThatDisagreeFailTheSend) {
+  const struct {
+    const char* headers;
+    DWORD error;  // 0: the send succeeds and the body is "hello"
+  } cases[] = {
+      {"Content-Length: 5\r\nContent-Length: 400\r\n", ERROR_HTTP_INVALID_SERVER_RESPONSE},
+      {"Content-Length: 400\r\nContent-Length: 5\r\n", ERROR_HTTP_INVALID_SERVER_RESPONSE},
+      {"Content-Length: 5, 400\r\n", ERROR_HTTP_INVALID_SERVER_RESPONSE},
+      {"Content-Length: 5\r\ncontent-length: 5\r\n", 0},
+      {"Content-Length: 5, 5\r\n", 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.headers);
+    RawResponder server([&](RawConnection& conn) {
+      conn.ReadRequestHead();
+      conn.Send(std::string("HTTP/1.1 200 OK\r\n") + c.headers + "\r\nhello" +
+                std::string(395, 'x'));
+    });
+    ASSERT_TRUE(server.ok());
+    Handle session = OpenSession();
+    Handle connection = Connect(session, server.port());
+    Handle request = OpenRequest(connection, L"/");
+    SetLastError(0);
+    const DWORD error = Send(request) ? 0 : GetLastError();
+    EXPECT_EQ(error, c.error);
+    if (error != 0) continue;
+    std::string body;
+    EXPECT_TRUE(ReadAll(request, &body));
+    EXPECT_EQ(body, "hello");
+  }
+}
+
+// The hook below tells the test that a call on the request has reached its wait for the
+// network, so the close surely lands while the call is inside.
+Latch* g_waiting = nullptr;
+void OnWait(HINTERNET) {
+  if (g_waiting != nullptr) g_waiting->Set();
+}
+
+TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendOrRead) {
+  for (const bool during_read : {false, true}) {
+    SCOPED_TRACE(during_read ? "read" : "send");
+    Latch request_seen;
+    RawResponder server([&](RawConnection& c) {
+      c.ReadRequestHead();
+      if (during_read) c.Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n");
+      request_seen.Set();
+      c.Stall();  // until the responder goes
+    });
+    ASSERT_TRUE(server.ok());
+    Handle session = OpenSession();
+    Handle connection = Connect(session, server.port());
+    // Far beyond the test's run: only the close can end the wait.
+    ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_RECEIVE_TIMEOUT, 60'000));
+    HINTERNET request = OpenRequest(connection, L"/").release();
+    if (during_read) {
+      ASSERT_TRUE(HttpSendRequestW(request, nullptr, 0, nullptr, 0));
+    }
+
+    Latch waiting;
+    g_waiting = &waiting;
+    tqplatform::SetWaitHookForTesting(&OnWait);
+    auto blocked = std::async(std::launch::async, [&] {
+      char buffer[100];
+      DWORD got = 0;
+      const BOOL ok = during_read ? InternetReadFile(request, buffer, sizeof buffer, &got)
+                                  : HttpSendRequestW(request, nullptr, 0, nullptr, 0);
+      return ok ? DWORD{0} : GetLastError();
+    });
+    ASSERT_TRUE(request_seen.Wait());
+    ASSERT_TRUE(waiting.Wait());
+    ASSERT_TRUE(InternetCloseHandle(request));
+    // A close that did not reach the call would leave it waiting out the 60 s time-out.
+    ASSERT_EQ(blocked.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(blocked.get(), static_cast<DWORD>(ERROR_INTERNET_OPERATION_CANCELLED));
+    tqplatform::SetWaitHookForTesting(nullptr);
+    g_waiting = nullptr;
+
+    // The handle is gone for every later call.
+    DWORD length = 0;
+    SetLastError(0);
+    EXPECT_FALSE(HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE, nullptr, &length, nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  }
+}
+
+}  // namespace
