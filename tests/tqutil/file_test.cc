@@ -300,6 +300,16 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
     EXPECT_FALSE(FileReadStream::Create(path)) << "the stream holds the file";
   }
   EXPECT_FALSE(FileReadStream::Create(dir / "missing"));
+  // A file the caller names through a link is its target (only the cache's own opens refuse
+  // links), both as a path and as a file URL.
+  std::filesystem::create_symlink(path, dir / "link");
+  auto linked = FileReadStream::Create(dir / "link");
+  ASSERT_TRUE(linked);
+  EXPECT_EQ(ReadAll(*linked, 16), "HDRaBcdef");
+  const std::wstring link_url = L"file://" + qv::Utf8ToWide((dir / "link").string());
+  auto linked_url = TqUFileURL::OpenURLReadStream(link_url.c_str(), {});
+  ASSERT_TRUE(linked_url);
+  EXPECT_EQ(ReadAll(*linked_url, 16), "HDRaBcdef");
   auto s = FileReadStream::Create(path);
   ASSERT_TRUE(s);
   s->SetBaseOffset(3);
