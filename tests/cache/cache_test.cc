@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <condition_variable>
@@ -206,6 +207,13 @@ TEST_F(CacheTest, ItsDirectoryIsOwnerOnlyAndAnotherUrlsFileOfTheSameNameIsLeftAl
   m_api.Queue(Ok("ours again", L"max-age=60", L"\"a\""));
   EXPECT_EQ(Open(), "ours again");
   EXPECT_EQ(ReadFileBytes(EntryPath()), foreign);
+  // So are the entry files themselves, whatever the umask lets through.
+  const mode_t umask = ::umask(022);
+  m_api.Queue(Ok("stored", L"max-age=60", L"\"a\""));
+  EXPECT_EQ(Open(L"http://example.test/other"), "stored");
+  ::umask(umask);
+  EXPECT_EQ(fs::status(EntryPath(L"http://example.test/other")).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
