@@ -2,9 +2,9 @@
 
 #include <limits>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
 
