@@ -3,6 +3,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace qv::io {
 namespace {
@@ -69,7 +70,11 @@ FileReadStream::~FileReadStream() {
 }
 
 std::unique_ptr<FileReadStream> FileReadStream::Create(const std::filesystem::path& path) {
-  TqUSysFile::Handle file = TqUSysFile::OpenFile(path, TqUSysFile::kAccessRead,
+  // A path the caller names may lead through links to its file; the open itself follows none.
+  std::error_code ec;
+  const std::filesystem::path resolved = std::filesystem::canonical(path, ec);
+  if (ec) return nullptr;
+  TqUSysFile::Handle file = TqUSysFile::OpenFile(resolved, TqUSysFile::kAccessRead,
                                                  TqUSysFile::kShareRead,
                                                  TqUSysFile::kOpenExisting, 0, 0);
   if (file == TqUSysFile::kInvalid) return nullptr;

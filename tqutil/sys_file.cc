@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <unordered_set>
+#include <utility>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -69,16 +70,87 @@ bool ValidArguments(std::uint32_t access, std::uint32_t share, std::uint32_t cre
          reserved1 == 0 && reserved2 == 0;
 }
 
+// A function a test installs to reach a moment inside the library (the ...ForTesting members).
+// Called without any lock held, so that it may wait for other threads to arrive; costs one
+// atomic load while none is installed.
+template <class Function>
+class TestHook {
+ public:
+  void Set(Function function) {
+    std::lock_guard lock(m_mutex);
+    if (function) {
+      m_function = std::make_shared<const Function>(std::move(function));
+    } else {
+      m_function.reset();
+    }
+    m_set.store(m_function != nullptr, std::memory_order_release);
+  }
+  std::shared_ptr<const Function> Get() {
+    if (!m_set.load(std::memory_order_acquire)) return nullptr;
+    std::lock_guard lock(m_mutex);
+    return m_function;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::atomic<bool> m_set{false};
+  std::shared_ptr<const Function> m_function;
+};
+
+TestHook<std::function<void()>>& TheOpenHook() {
+  static auto* const hook = new TestHook<std::function<void()>>();
+  return *hook;
+}
+
+// Runs the test seam of an open that found a regular file and is about to lock it.
+void OpenedForTesting() {
+  if (auto hook = TheOpenHook().Get()) (*hook)();
+}
+
+TestHook<std::function<bool(const TqUSysDirectory::Char*)>>& TheRemoveFault() {
+  static auto* const fault = new TestHook<std::function<bool(const TqUSysDirectory::Char*)>>();
+  return *fault;
+}
+
+// Whether the test seam refuses to remove `name`.
+bool RemovalRefused(const TqUSysDirectory::Char* name) {
+  auto refuse = TheRemoveFault().Get();
+  return refuse && (*refuse)(name);
+}
+
 #if !defined(_WIN32)
 static_assert(sizeof(off_t) == 8, "64-bit file offsets are required");
+
+// Every open: a link at the name is never followed (O_NOFOLLOW) and the open never waits
+// (O_NONBLOCK: a FIFO opened for reading would wait for a writer forever; a file under another
+// party's lease is refused at once, as the sharing refuses an open). What was opened is
+// checked to be a regular file before anything else is done with it, and only then is the
+// descriptor made blocking again. The directories these files live in may be writable by
+// others, so anything else found at a name is refused.
+constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+
+// Created files are for their owner only: the cache's files name the URLs the user opened.
+constexpr mode_t kCreateMode = 0600;
 
 int RetryOpen(int dir, const char* name, int flags) {
   int fd;
   do {
-    fd = ::openat(dir, name, flags, 0666);
+    fd = ::openat(dir, name, flags, kCreateMode);
   } while (fd < 0 && errno == EINTR);
   return fd;
 }
+
+// Owns a descriptor.
+struct Descriptor {
+  explicit Descriptor(int value) : fd(value) {}
+  ~Descriptor() {
+    if (fd >= 0) ::close(fd);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int release() { return std::exchange(fd, -1); }
+  int fd;
+};
 
 // Takes a whole-file lock without waiting. Open-file-description locks belong to this open
 // (not to the process), so two opens in one process exclude each other like two processes do.
@@ -103,12 +175,49 @@ bool Lock(int fd, bool exclusive) {
   return rc == 0;
 #endif
 }
-#endif
 
-}  // namespace
+// Whether `name` (a link not followed) is still the file `opened` describes.
+bool StillNamed(int dir, const char* name, const struct stat& opened) {
+  struct stat now = {};
+  return ::fstatat(dir, name, &now, AT_SYMLINK_NOFOLLOW) == 0 && now.st_dev == opened.st_dev &&
+         now.st_ino == opened.st_ino;
+}
 
-#if !defined(_WIN32)
-namespace {
+bool MakeBlocking(int fd) {
+  const int flags = ::fcntl(fd, F_GETFL);
+  return flags >= 0 && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
+}
+
+bool Unlink(int dir, const char* name) { return ::unlinkat(dir, name, 0) == 0 || errno == ENOENT; }
+
+// Frees `name` for a file created anew: whatever lies there goes, unless an open of ours holds
+// it (then the caller is refused at once, as the sharing wants). True when the name is free.
+bool RemoveStale(int dir, const char* name) {
+  Descriptor old(RetryOpen(dir, name, kOpenFlags | O_RDWR));
+  if (old.fd < 0) {
+    switch (errno) {
+      case ENOENT:
+        return true;
+      // A link (removing it leaves what it points to alone), a socket, or a file we may not
+      // open: no open of ours can hold it.
+      case ELOOP:
+      case ENXIO:
+      case EACCES:
+      case EPERM:
+        return Unlink(dir, name);
+      default:  // a directory, or no descriptor to be had: left alone
+        return false;
+    }
+  }
+  struct stat st = {};
+  if (::fstat(old.fd, &st) != 0) return false;
+  // A regular file is stale once nobody holds it (a writer killed half-way). It is removed
+  // under its lock, so that no other writer takes it meanwhile; one that opened it before
+  // finds, once it has the lock, that the name no longer names it. Removing instead of
+  // emptying also leaves alone a file that a hard link at this name shares with another name.
+  if (S_ISREG(st.st_mode) && !Lock(old.fd, true)) return false;
+  return StillNamed(dir, name, st) && Unlink(dir, name);
+}
 
 // OpenFile's POSIX body for `name` relative to `dir` (AT_FDCWD: as a path).
 TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::uint32_t share,
@@ -118,45 +227,71 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
   // write access too; when it may not write, nobody of its kind can write either, and a
   // shared lock is enough to keep out writers.
   const bool exclusive = write || share == TqUSysFile::kShareNone;
-  int flags = O_CLOEXEC | (write || exclusive ? O_RDWR : O_RDONLY);
-  if (creation == TqUSysFile::kCreateAlways || creation == TqUSysFile::kOpenAlways) {
+  int flags = kOpenFlags | (write || exclusive ? O_RDWR : O_RDONLY);
+  if (creation == TqUSysFile::kCreateAlways) {
+    // A new file, made by this open alone: what lay at the name (a stale file, a link, a FIFO)
+    // is removed first, and the file is created exclusively, so that nothing is ever written
+    // through a link and two writers never share one file.
+    if (!RemoveStale(dir, name)) return TqUSysFile::kInvalid;
+    flags |= O_CREAT | O_EXCL;
+  } else if (creation == TqUSysFile::kOpenAlways) {
     flags |= O_CREAT;
   }
-  // Never O_TRUNC here: the file is emptied only once the lock is ours.
-  int fd = RetryOpen(dir, name, flags);
+  Descriptor fd(RetryOpen(dir, name, flags));
   bool locked_exclusive = exclusive;
-  if (fd < 0 && !write && exclusive && (errno == EACCES || errno == EROFS || errno == EISDIR)) {
-    fd = RetryOpen(dir, name, O_CLOEXEC | O_RDONLY);
+  if (fd.fd < 0 && !write && exclusive && (errno == EACCES || errno == EROFS)) {
+    fd.fd = RetryOpen(dir, name, kOpenFlags | O_RDONLY);
     locked_exclusive = false;
   }
-  if (fd < 0) return TqUSysFile::kInvalid;
+  if (fd.fd < 0) return TqUSysFile::kInvalid;
   struct stat st = {};
-  if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode) || !Lock(fd, locked_exclusive)) {
-    ::close(fd);
+  if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode) || !MakeBlocking(fd.fd)) {
     return TqUSysFile::kInvalid;
   }
-  if (write) {
-    // Between our open and our lock another writer may have renamed a new file over the path:
-    // the file we locked is then no longer the path's, and writing it would change a file
-    // that others reach by another name (or by none). Such an open is refused like any other.
-    struct stat now = {};
-    if (::fstatat(dir, name, &now, 0) != 0 || now.st_dev != st.st_dev ||
-        now.st_ino != st.st_ino) {
-      ::close(fd);
-      return TqUSysFile::kInvalid;
-    }
-  }
-  if (creation == TqUSysFile::kCreateAlways && ::ftruncate(fd, 0) != 0) {
-    ::close(fd);
+  OpenedForTesting();
+  if (!Lock(fd.fd, locked_exclusive)) return TqUSysFile::kInvalid;
+  // Between our open and our lock another writer may have renamed a new file over the path
+  // (or removed a stale one to create its own): the file we locked is then no longer the
+  // path's, and writing it would change a file that others reach by another name (or by
+  // none). Such an open is refused like any other.
+  if (write && !StillNamed(dir, name, st)) return TqUSysFile::kInvalid;
+  // Never O_TRUNC at the open: an existing file is emptied only once the lock is ours.
+  if (creation == TqUSysFile::kCreateAlways && st.st_size != 0 && ::ftruncate(fd.fd, 0) != 0) {
     return TqUSysFile::kInvalid;
   }
   auto* record = new TqUSysFileHandleTag();
-  record->fd = fd;
+  record->fd = fd.release();
   return Adopt(record);
 }
+#else
+
+// Whether `file` is a plain file on a disk: not a directory, not a reparse point (a link or a
+// junction, opened as itself), not a pipe or a device.
+bool IsPlainFile(HANDLE file) {
+  if (::GetFileType(file) != FILE_TYPE_DISK) return false;
+  BY_HANDLE_FILE_INFORMATION info;
+  if (!::GetFileInformationByHandle(file, &info)) return false;
+  return (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0;
+}
+
+// Frees `path` for a file created anew: whatever lies there (a stale file, a link) is deleted,
+// the link itself and never what it leads to, unless an open holds it (the sharing then
+// refuses the deleting open, and the caller is refused at once). True when the path is free.
+bool RemoveStale(const wchar_t* path) {
+  HANDLE old = ::CreateFileW(path, DELETE | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_EXISTING,
+                             FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (old == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
+  FILE_DISPOSITION_INFO disposition = {};
+  disposition.DeleteFile = TRUE;
+  const bool deleted = ::SetFileInformationByHandle(old, FileDispositionInfo, &disposition,
+                                                    sizeof(disposition)) != 0;
+  ::CloseHandle(old);  // the last handle: the name goes with it
+  return deleted;
+}
+
+#endif
 
 }  // namespace
-#endif
 
 TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::uint32_t access,
                                         std::uint32_t share, std::uint32_t creation,
@@ -166,20 +301,35 @@ TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::
   }
 #if defined(_WIN32)
   const DWORD desired = access == kAccessWrite ? (GENERIC_READ | GENERIC_WRITE) : GENERIC_READ;
-  // Windows applies the sharing check before it empties a file, so CREATE_ALWAYS is safe.
+  // Windows applies the sharing check as it opens, so a refused open never empties a file.
   const DWORD share_mode = share == kShareRead ? FILE_SHARE_READ : 0;
   DWORD disposition = OPEN_EXISTING;
-  if (creation == kCreateAlways) disposition = CREATE_ALWAYS;
-  if (creation == kOpenAlways) disposition = OPEN_ALWAYS;
+  if (creation == kCreateAlways) {
+    // As on POSIX: what lay at the path goes first, and the new file is made by this open.
+    if (!RemoveStale(path.c_str())) return kInvalid;
+    disposition = CREATE_NEW;
+  } else if (creation == kOpenAlways) {
+    disposition = OPEN_ALWAYS;
+  }
+  // A reparse point is opened as itself, never followed, and then refused as not plain.
   HANDLE h = ::CreateFileW(path.c_str(), desired, share_mode, nullptr, disposition,
-                           FILE_ATTRIBUTE_NORMAL, nullptr);
+                           FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
   if (h == INVALID_HANDLE_VALUE) return kInvalid;
+  OpenedForTesting();
+  if (!IsPlainFile(h)) {
+    ::CloseHandle(h);
+    return kInvalid;
+  }
   auto* record = new TqUSysFileHandleTag();
   record->file = h;
   return Adopt(record);
 #else
   return OpenAt(AT_FDCWD, path.c_str(), access, share, creation);
 #endif
+}
+
+void TqUSysFile::SetOpenHookForTesting(std::function<void()> hook) {
+  TheOpenHook().Set(std::move(hook));
 }
 
 bool TqUSysFile::ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read) {
@@ -275,32 +425,6 @@ bool TqUSysFile::CloseFile(Handle file) {
 
 namespace {
 
-using RefuseRemoval = std::function<bool(const TqUSysDirectory::Char*)>;
-
-struct RemoveFault {
-  std::mutex mutex;
-  std::atomic<bool> set{false};
-  std::shared_ptr<const RefuseRemoval> refuse;
-};
-
-RemoveFault& TheRemoveFault() {
-  static RemoveFault* const fault = new RemoveFault();
-  return *fault;
-}
-
-// Whether the test seam refuses to remove `name`. Called without the lock held, so that a seam
-// may wait for other removals to arrive.
-bool RemovalRefused(const TqUSysDirectory::Char* name) {
-  RemoveFault& f = TheRemoveFault();
-  if (!f.set.load(std::memory_order_acquire)) return false;
-  std::shared_ptr<const RefuseRemoval> refuse;
-  {
-    std::lock_guard lock(f.mutex);
-    refuse = f.refuse;
-  }
-  return refuse && *refuse && (*refuse)(name);
-}
-
 #if defined(_WIN32)
 std::error_code LastError() {
   return std::error_code(static_cast<int>(::GetLastError()), std::system_category());
@@ -312,15 +436,7 @@ std::error_code Errno() { return std::error_code(errno, std::generic_category())
 }  // namespace
 
 void TqUSysDirectory::SetRemoveFaultForTesting(std::function<bool(const Char* name)> refuse) {
-  RemoveFault& f = TheRemoveFault();
-  std::lock_guard lock(f.mutex);
-  if (refuse) {
-    f.refuse = std::make_shared<const RefuseRemoval>(std::move(refuse));
-    f.set.store(true, std::memory_order_release);
-  } else {
-    f.refuse.reset();
-    f.set.store(false, std::memory_order_release);
-  }
+  TheRemoveFault().Set(std::move(refuse));
 }
 
 #if defined(_WIN32)
@@ -354,16 +470,9 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
       Item item;
       item.name = name;
       item.length = std::wcslen(name);
-      if (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) {
-        // A link: what it leads to decides.
-        std::error_code ec;
-        const std::filesystem::path target = m_path / name;
-        item.regular = std::filesystem::is_regular_file(target, ec);
-        if (item.regular) {
-          const std::uintmax_t size = std::filesystem::file_size(target, ec);
-          item.size = ec ? -1 : static_cast<std::int64_t>(size);
-        }
-      } else if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      // A reparse point (a link) is not a file of the directory's own, whatever it leads to.
+      if ((data.dwFileAttributes &
+           (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) == 0) {
         item.regular = true;
         item.size = static_cast<std::int64_t>((static_cast<std::uint64_t>(data.nFileSizeHigh)
                                                << 32) | data.nFileSizeLow);
@@ -380,11 +489,14 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
 }
 
 std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
-  std::error_code ec;
+  WIN32_FILE_ATTRIBUTE_DATA data;
   const std::filesystem::path path = m_path / name;
-  if (!std::filesystem::is_regular_file(path, ec)) return -1;
-  const std::uintmax_t size = std::filesystem::file_size(path, ec);
-  return ec ? -1 : static_cast<std::int64_t>(size);
+  if (!::GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
+      (data.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0) {
+    return -1;
+  }
+  return static_cast<std::int64_t>((static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) |
+                                   data.nFileSizeLow);
 }
 
 TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t access,
@@ -396,7 +508,10 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
 }
 
 bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
-  return std::filesystem::exists(m_path / name, ec);
+  const std::filesystem::file_status status = std::filesystem::symlink_status(m_path / name, ec);
+  if (!std::filesystem::status_known(status)) return false;
+  ec.clear();  // "not found" is an answer, not an error
+  return std::filesystem::exists(status);
 }
 
 bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
@@ -452,14 +567,15 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
     Item item;
     item.name = name;
     item.length = std::strlen(name);
-    // The listing tells the kind of most entries; only links and unknown kinds need a look at
-    // what they are, and regular files one for their size when it is asked for.
+    // The listing tells the kind of most entries; only unknown kinds need a look at what they
+    // are, and regular files one for their size when it is asked for. A link is not a file of
+    // the directory's own, whatever it leads to.
     const unsigned char type = entry->d_type;
     if (type == DT_REG && !sizes) {
       item.regular = true;
-    } else if (type == DT_REG || type == DT_LNK || type == DT_UNKNOWN) {
+    } else if (type == DT_REG || type == DT_UNKNOWN) {
       struct stat st = {};
-      if (::fstatat(m_fd, name, &st, 0) == 0) {
+      if (::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
         item.regular = S_ISREG(st.st_mode);
         if (item.regular) item.size = static_cast<std::int64_t>(st.st_size);
       } else {
@@ -485,7 +601,9 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
 
 std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
   struct stat st = {};
-  if (m_fd < 0 || ::fstatat(m_fd, name, &st, 0) != 0 || !S_ISREG(st.st_mode)) return -1;
+  if (m_fd < 0 || ::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) {
+    return -1;
+  }
   return static_cast<std::int64_t>(st.st_size);
 }
 
@@ -496,7 +614,7 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
     return false;
   }
   struct stat st = {};
-  if (::fstatat(m_fd, name, &st, 0) == 0) return true;
+  if (::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) return true;
   if (errno != ENOENT && errno != ENOTDIR) ec = Errno();
   return false;
 }

@@ -4,6 +4,11 @@
 // allow sharing coexist, an open for writing is exclusive, and an open that the sharing refuses
 // fails at once (it never waits). On POSIX this is done with open-file-description locks, taken
 // before a file is emptied, so a refused writer never truncates another writer's file.
+//
+// The directories these files live in may be writable by others, so an open only ever opens a
+// regular file at the name itself: a symbolic link (a reparse point on Windows) is never
+// followed, and a FIFO, socket, device or directory is refused without waiting. Files are
+// created readable and writable by their owner only (POSIX mode 0600).
 #pragma once
 
 #include <cstddef>
@@ -27,13 +32,15 @@ class TQUTIL_API TqUSysFile {
   static constexpr std::uint32_t kShareNone = 0;
   static constexpr std::uint32_t kShareRead = 1;
   // creation
-  static constexpr std::uint32_t kCreateAlways = 1;        // create, or empty an existing file
+  // A new file made by this open alone: whatever lies at the name (a stale file, a link, a
+  // FIFO) is removed first, unless an open holds it, and the file is created exclusively.
+  static constexpr std::uint32_t kCreateAlways = 1;
   static constexpr std::uint32_t kOpenExistingWrite = 2;   // existing file, contents kept
   static constexpr std::uint32_t kOpenExisting = 3;        // existing file
   static constexpr std::uint32_t kOpenAlways = 4;          // create when missing, contents kept
 
-  // Opens `path`. `reserved1` and `reserved2` must be 0. Null when the file cannot be opened or
-  // the sharing refuses it.
+  // Opens `path`. `reserved1` and `reserved2` must be 0. Null when the file cannot be opened,
+  // is not a regular file (a link at `path` is not followed), or the sharing refuses it.
   static Handle OpenFile(const std::filesystem::path& path, std::uint32_t access,
                          std::uint32_t share, std::uint32_t creation, std::uint32_t reserved1,
                          std::uint32_t reserved2);
@@ -46,6 +53,11 @@ class TQUTIL_API TqUSysFile {
   static std::int64_t SeekFile(Handle file, std::int64_t offset, int origin);
   static std::int64_t GetFileSize(Handle file);  // -1 on error
   static bool CloseFile(Handle file);
+
+  // Runs `hook` inside every open that found a regular file, before it takes its lock (the
+  // moment at which a writer may be overtaken by another); an empty function ends it. Called
+  // from whichever threads open files.
+  static void SetOpenHookForTesting(std::function<void()> hook);
 };
 
 // A directory whose files are listed, opened and removed by name relative to one open handle,
@@ -59,7 +71,7 @@ class TQUTIL_API TqUSysDirectory {
   struct Item {
     const Char* name = nullptr;  // NUL-terminated; valid during the visit only
     std::size_t length = 0;
-    bool regular = false;        // a regular file, following symbolic links
+    bool regular = false;        // a regular file itself (a link to one is not)
     std::int64_t size = -1;      // the regular file's size; -1 when it could not be read
   };
 
@@ -78,13 +90,15 @@ class TQUTIL_API TqUSysDirectory {
   // comes with size -1, for FileSize to read, on several threads if many. Returns the error
   // that ended the reading early, if any.
   std::error_code List(const std::function<void(const Item&)>& visit, bool sizes = true) const;
-  // The size of the regular file `name`, following links; -1 when it is none or cannot be read.
+  // The size of the regular file `name` (links not followed); -1 when it is none or cannot be
+  // read.
   std::int64_t FileSize(const Char* name) const;
   // TqUSysFile::OpenFile for the file `name` of this directory, with the same rules.
   TqUSysFile::Handle OpenFile(const Char* name, std::uint32_t access, std::uint32_t share,
                               std::uint32_t creation, std::uint32_t reserved1,
                               std::uint32_t reserved2) const;
-  // Whether `name` exists, following symbolic links; false with `ec` set when it cannot tell.
+  // Whether anything lies at `name` (a link counts, whatever it leads to); false with `ec` set
+  // when it cannot tell.
   bool Exists(const Char* name, std::error_code& ec) const;
   // Removes the file (or link) `name`: true when removed; false with `ec` clear when nothing
   // was there; false with `ec` set when it could not be removed.

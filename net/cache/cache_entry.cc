@@ -175,12 +175,21 @@ invalid_cache_header::invalid_cache_header()
     : std::runtime_error("Cache entry was invalid or corrupt. It was deleted.") {}
 
 namespace detail {
-bool EntryFileExists(const fs::path& path) {
+EntryFileKind KindOfEntryFile(const fs::path& path) {
   std::error_code ec;
-  const bool exists = fs::exists(path, ec);
-  if (ec) throw fs::filesystem_error("exists", path, ec);
-  return exists;
+  const fs::file_status status = fs::symlink_status(path, ec);
+  if (!fs::status_known(status)) throw fs::filesystem_error("exists", path, ec);
+  switch (status.type()) {
+    case fs::file_type::not_found:
+      return EntryFileKind::kNone;
+    case fs::file_type::regular:
+      return EntryFileKind::kRegular;
+    default:
+      return EntryFileKind::kForeign;
+  }
 }
+
+bool EntryFileExists(const fs::path& path) { return KindOfEntryFile(path) != EntryFileKind::kNone; }
 }  // namespace detail
 
 CacheEntry::CacheEntry(fs::path path, std::string key)
@@ -319,8 +328,25 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop) {
   TqUSysFile::Handle handle = CreateEntryFile(temporary);
   if (handle == TqUSysFile::kInvalid) return false;
   // The stream owns the handle; it stays alive until the rename so the lock is held throughout.
-  auto target = std::make_unique<qv::io::FileWriteStream>(handle);
-  const CopyStreamResult copy = CopyStream(source, *target, std::move(stop));
+  std::unique_ptr<qv::io::FileWriteStream> target;
+  try {
+    target = std::make_unique<qv::io::FileWriteStream>(handle);
+  } catch (...) {
+    UniqueFile held(handle);
+    DeleteHeldFile(held, temporary);
+    throw;
+  }
+  // The copy catches the read and write errors it knows (runtime errors); anything else that
+  // escapes it (out of memory, a logic error of a source) must not leave a half-written
+  // temporary file behind either.
+  CopyStreamResult copy;
+  try {
+    copy = CopyStream(source, *target, std::move(stop));
+  } catch (...) {
+    DeleteHeldFile(target, temporary);
+    m_header_size = previous_size;
+    throw;
+  }
   if (!copy.completed) {
     DeleteHeldFile(target, temporary);
     m_header_size = previous_size;

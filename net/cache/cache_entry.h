@@ -74,7 +74,7 @@ class CacheEntry {
 
   // Replaces the file with a header and the bytes of `source`, through `path` + ".tmp" and a
   // rename. False, with the old file untouched and no ".tmp" left, when the copy is stopped or
-  // fails or the rename fails.
+  // fails or the rename fails; an exception that escapes the copy also leaves no ".tmp".
   bool Store(qv::io::IDataReadStream& source, qv::stop_token stop);
 
   // A stream over a fresh body written straight into the entry file (no ".tmp"); position 0 is
@@ -107,7 +107,14 @@ class CacheEntry {
 };
 
 namespace detail {
-// The existence test used throughout the cache: throws filesystem_error named "exists".
+// What lies at an entry file's name, a link not followed: the cache directory may be writable
+// by others, and a link, FIFO or directory planted there is never an entry of ours (the next
+// store replaces it by rename; nothing is read or written through it).
+enum class EntryFileKind { kNone, kRegular, kForeign };
+// Throws filesystem_error named "exists" when it cannot tell.
+EntryFileKind KindOfEntryFile(const std::filesystem::path& path);
+// The existence test used throughout the cache (anything at the name, links not followed):
+// throws filesystem_error named "exists".
 bool EntryFileExists(const std::filesystem::path& path);
 }  // namespace detail
 

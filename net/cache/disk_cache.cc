@@ -1,7 +1,10 @@
 #include "net/cache/disk_cache.h"
 
 #include <limits>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -95,6 +98,18 @@ std::int64_t ExpiryFor(int flags, const Freshness& freshness) {
   return freshness.expiry.value_or(0);
 }
 
+// A stored or received entity tag as the value of "If-None-Match": without the terminator that
+// a transport counting it leaves at the end of its text; none when the tag is empty or holds CR,
+// LF or NUL, which would end the header line or split the request's header block (a server
+// could otherwise inject headers into later requests). Such an entry is fetched whole.
+std::optional<std::string_view> Validator(std::string_view tag) {
+  while (!tag.empty() && tag.back() == '\0') tag.remove_suffix(1);
+  if (tag.empty() || tag.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos) {
+    return std::nullopt;
+  }
+  return tag;
+}
+
 // One line of the error log: the message's text, or "Unknown exception" when it has none.
 void LogExceptionText(const std::exception& e) {
   const char* text = e.what();
@@ -143,19 +158,26 @@ CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directo
   } catch (const invalid_cache_header&) {
     lookup.m_entry.emplace(std::move(path), std::move(key));
   } catch (const std::runtime_error&) {
-    // No file: a new entry. In use by a writer, or bad and undeletable: none for this call.
-    if (!detail::EntryFileExists(path)) lookup.m_entry.emplace(std::move(path), std::move(key));
+    // No file, or something that is no entry of ours (a link or FIFO planted at the name, which
+    // the load refused without following or waiting on it): a new entry, which a store puts in
+    // its place by rename. In use by a writer, or bad and undeletable: none for this call.
+    if (detail::KindOfEntryFile(path) != detail::EntryFileKind::kRegular) {
+      lookup.m_entry.emplace(std::move(path), std::move(key));
+    }
   }
   return lookup;
 }
 
 RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   CacheEntry& entry = *lookup.m_entry;
-  HttpRequest request(TqUURL(lookup.m_url.c_str(), false), HttpMethod::Get);
-  if (!entry.ETag().empty()) {
-    // A tag taken from a transport that counts its terminator ends at its first NUL here.
-    const std::wstring tag = qv::Utf8ToWide(entry.ETag());
-    request.AddHeader(L"If-None-Match", tag.c_str());
+  // The request names exactly what the entry is kept under: the key is the normalised URL
+  // (case of scheme and host, percent-encodings, dot segments), so the request is built from
+  // that same normalisation, keeping the query the key leaves out. An answer for one spelling
+  // of a path is then never stored under another spelling's key, whatever the transport would
+  // have made of the spelling as written.
+  HttpRequest request(TqUURL(lookup.m_url.c_str(), true), HttpMethod::Get);
+  if (const std::optional<std::string_view> validator = Validator(entry.ETag())) {
+    request.AddHeader(L"If-None-Match", qv::Utf8ToWide(*validator).c_str());
   }
   std::unique_ptr<HttpReadStream> response = HttpReadStream::Open(request, stop);
   if (!response->IsOpen()) {
@@ -164,7 +186,16 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   if (response->Succeeded()) {
     const Freshness freshness = FreshnessOf(*response);
     entry.SetExpiry(ExpiryFor(lookup.m_flags, freshness));
-    const bool changed = entry.UpdateETag(response->ETag());
+    const std::optional<std::string> tag = response->ETag();
+    bool changed;
+    if (tag && !Validator(*tag)) {
+      // A tag that could never be sent back is no validator: the entry keeps none, and like a
+      // response without a tag this one is stored anew.
+      entry.UpdateETag(std::string());
+      changed = true;
+    } else {
+      changed = entry.UpdateETag(tag);
+    }
     if (freshness.no_store) {
       auto memory = std::make_unique<qv::io::MemoryStream>();
       const CopyStreamResult copy = CopyStream(*response, *memory, stop);

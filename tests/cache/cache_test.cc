@@ -5,16 +5,19 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <limits>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -204,6 +207,13 @@ TEST_F(CacheTest, ItsDirectoryIsOwnerOnlyAndAnotherUrlsFileOfTheSameNameIsLeftAl
   m_api.Queue(Ok("ours again", L"max-age=60", L"\"a\""));
   EXPECT_EQ(Open(), "ours again");
   EXPECT_EQ(ReadFileBytes(EntryPath()), foreign);
+  // So are the entry files themselves, whatever the umask lets through.
+  const mode_t umask = ::umask(022);
+  m_api.Queue(Ok("stored", L"max-age=60", L"\"a\""));
+  EXPECT_EQ(Open(L"http://example.test/other"), "stored");
+  ::umask(umask);
+  EXPECT_EQ(fs::status(EntryPath(L"http://example.test/other")).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
@@ -236,6 +246,105 @@ TEST_F(CacheTest, AHeaderOverSixtyFourKiBOrAStoppedStoreLeavesTheOldEntryAndNoTe
   EXPECT_FALSE(entry.Store(stopped, stop.get_token()));
   EXPECT_EQ(ReadFileBytes(EntryPath()), old_bytes);
   EXPECT_FALSE(fs::exists(fs::path(EntryPath()) += ".tmp"));
+}
+
+// The request names what the entry is kept under: a dotted or differently cased spelling is
+// sent normalised (query kept), so its answer is the answer for the key it is stored under.
+TEST_F(CacheTest, TheRequestIsBuiltFromTheNormalisedUrlTheEntryIsKeyedOn) {
+  m_api.Queue(Ok("b", L"max-age=60", std::nullopt));
+  EXPECT_EQ(Open(L"http://Example.TEST/x/./y/../../data.bin?q=%7e1"), "b");
+  ASSERT_EQ(m_api.Sent().size(), 1u);
+  EXPECT_EQ(m_api.Sent()[0].resource, L"/data.bin?q=~1");
+  EXPECT_EQ(Open(kUrl), "b") << "the same entry, fresh";
+  EXPECT_EQ(m_api.Sent().size(), 1u);
+}
+
+// A tag holding CR, LF or NUL would split or end the "If-None-Match" line: such a stored tag is
+// no validator (the URL is fetched whole), and such a tag from a server is not kept as one. The
+// terminator a transport leaves at the end of its text is not part of the tag sent back.
+TEST_F(CacheTest, ATagWithLineBreaksOrNulIsNoValidatorAndIsNotStoredAsOne) {
+  struct Case {
+    std::string stored;
+    std::wstring sent;  // the request's header block
+  } const cases[] = {
+      {"\"a\"\rX-Injected: 1", L""},
+      {"\"a\"\nX-Injected: 1", L""},
+      {std::string("\"a\0b\"", 5), L""},
+      {std::string("\"ok\"\0", 5), L"If-None-Match: \"ok\""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.stored));
+    WriteFileBytes(EntryPath(), EntryBytes(1, 2, c.stored, kKey, "old"));
+    m_api.Queue(Ok("new", L"max-age=0", std::wstring(L"\"n\"")));
+    EXPECT_EQ(Open(), "new");
+    ASSERT_FALSE(m_api.Sent().empty());
+    EXPECT_EQ(m_api.Sent().back().headers, c.sent);
+    EXPECT_EQ(CacheEntry::Load(EntryPath()).ETag(), "\"n\"");
+  }
+  // From the server: the body is stored, without a tag, and the next revalidation sends none.
+  m_api.Queue(Ok("tagged", L"max-age=0", std::wstring(L"\"t\"\rX-Injected: 1")));
+  EXPECT_EQ(Open(), "tagged");
+  EXPECT_EQ(CacheEntry::Load(EntryPath()).ETag(), "");
+  m_clock.Advance(1);
+  m_api.Queue(Ok("tagged again", L"max-age=0", std::wstring(L"\"t\"\rX-Injected: 1")));
+  EXPECT_EQ(Open(), "tagged again") << "stored anew, as a response without a tag is";
+  EXPECT_EQ(m_api.Sent().back().headers, L"");
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+// Nothing of a response is stored when its body cannot be read whole, whichever way the read
+// stream gives up, and nothing is left of the attempt; a key or tag too long for the entry's
+// header is refused before any file is made.
+TEST_F(CacheTest, AFailedOrThrowingReadAndAnOverlongTagOrKeyLeaveNoEntryAndNoTemporaryFile) {
+  const std::wstring long_url = L"http://example.test/" + std::wstring(70000, L'k');
+  struct Case {
+    const char* name;
+    std::wstring url;
+    FakeResponse response;
+    std::function<void()> on_read;
+    std::string log_start;
+  };
+  FakeResponse failing = Ok("", L"max-age=60", std::wstring(L"\"a\""));
+  failing.Body("part").Body("rest");
+  failing.read_fails_after = 1;
+  FakeResponse two_chunks = Ok("", L"max-age=60", std::wstring(L"\"a\""));
+  two_chunks.Body("part").Body("rest");
+  const Case cases[] = {
+      {"read fails", kUrl, failing, {}, "Failed to read or write stream in CopyStream: "},
+      {"read throws", kUrl, two_chunks,
+       [calls = std::make_shared<int>(0)] {
+         if (++*calls == 2) throw std::logic_error("not a runtime error");
+       },
+       "Failed to read resource into cache: " + kKey + ": not a runtime error\n"},
+      {"tag too long", kUrl, Ok("x", L"max-age=60", std::wstring(70000, L't')), {},
+       "Failed to read resource into cache: " + kKey + ": "},
+      {"key too long", long_url, Ok("x", L"max-age=60", std::wstring(L"\"a\"")), {},
+       "Failed to read resource into cache: "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const std::string& name : Remaining()) fs::remove(m_cache.Directory() / name);
+    m_log.Clear();
+    m_api.Queue(c.response);
+    m_api.on_read = c.on_read;
+    EXPECT_EQ(Open(c.url.c_str()), "<null>");
+    m_api.on_read = {};
+    EXPECT_THAT(Remaining(), IsEmpty());
+    EXPECT_THAT(m_log.Text(), ::testing::StartsWith(c.log_start));
+  }
+}
+
+// A link planted in the directory is not a file of the cache: its target's size is not counted
+// and a clean-up never reads or deletes through it.
+TEST_F(CacheTest, CleanUpNeitherCountsNorFollowsALinkInTheDirectory) {
+  Limit(1);
+  TempDir outside;
+  const fs::path big = outside.WriteFile("big", std::string(2 * 1048576, 'x'));
+  fs::create_symlink(big, m_cache.Directory() / "planted");
+  Entry("entry", kDate, kNever, 1000);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), (Names{"entry", "planted"}));
+  EXPECT_EQ(fs::file_size(big), 2u * 1048576);
 }
 
 TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstWithinAnHourSpanAndOlderSpansFirst) {

@@ -1,10 +1,12 @@
 #include <fcntl.h>
-#include <pthread.h>
 #include <signal.h>
-#include <sys/syscall.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -108,39 +111,107 @@ TEST(SysFileTest, SharingBetweenProcesses) {
   EXPECT_EQ(F::GetFileSize(creator.h), 0) << "create-always empties the file once it holds it";
 }
 
-// The window between a writer's open and its lock, held open on purpose: a read lease makes the
-// open wait in the kernel until the holder lets go, and the holder first renames a new file over
-// the path (or not, to show that the rename is what makes the open fail).
+// The window between a writer's open and its lock, entered through the open hook: another
+// writer renames a new file over the path there (or not, to show that the rename is what makes
+// the open fail).
 TEST(SysFileTest, AWriterIsRefusedWhenAFileIsRenamedOverThePathDuringItsOpen) {
   tq::test::TempDir dir;
   const auto path = dir / "entry";
-  const int signal = SIGRTMIN + 1;  // stays blocked on this thread: only sigtimedwait takes it
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, signal);
-  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &set, nullptr), 0);
   for (const bool rename : {true, false}) {
     SCOPED_TRACE(rename ? "renamed" : "not renamed");
     WriteText(path, "old");
     WriteText(dir / "new", "new");
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const f_owner_ex self{F_OWNER_TID, static_cast<pid_t>(::syscall(SYS_gettid))};
-    if (fd < 0 || ::fcntl(fd, F_SETSIG, signal) != 0 || ::fcntl(fd, F_SETOWN_EX, &self) != 0 ||
-        ::fcntl(fd, F_SETLEASE, F_RDLCK) != 0) {
-      const std::string why = std::strerror(errno);
-      if (fd >= 0) ::close(fd);
-      GTEST_SKIP() << "no file leases here: " << why;
+    int calls = 0;
+    F::SetOpenHookForTesting([&] {
+      if (++calls == 1 && rename) std::filesystem::rename(dir / "new", path);
+    });
+    const bool opened = bool(Rewriter(path));
+    F::SetOpenHookForTesting({});
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(opened, !rename);
+    EXPECT_EQ(ReadText(path), rename ? "new" : "old");
+  }
+}
+
+// What an open finds at a name in a directory others may write to. Each case runs both through
+// a path and through TqUSysDirectory's names.
+TEST(SysFileTest, LinksAreNeverFollowedAndOnlyRegularFilesOpenWithoutWaiting) {
+  tq::test::TempDir outside;
+  const Path target = outside / "target";  // what a planted link points at: never touched
+  for (const bool by_name : {false, true}) {
+    SCOPED_TRACE(by_name ? "by name" : "by path");
+    tq::test::TempDir dir;
+    const TqUSysDirectory directory(dir.Path());
+    auto open = [&](const char* name, std::uint32_t access, std::uint32_t share,
+                    std::uint32_t creation) {
+      return by_name ? directory.OpenFile(name, access, share, creation, 0, 0)
+                     : F::OpenFile(dir / name, access, share, creation, 0, 0);
+    };
+    auto opens = [&](const char* name, std::uint32_t access, std::uint32_t share,
+                     std::uint32_t creation) {
+      F::Handle h = open(name, access, share, creation);
+      F::CloseFile(h);
+      return h != nullptr;
+    };
+    WriteText(target, "precious");
+
+    // A link at an entry's name, to a file outside: not served, not rewritten.
+    std::filesystem::create_symlink(target, dir / "entry");
+    EXPECT_FALSE(opens("entry", F::kAccessRead, F::kShareRead, F::kOpenExisting));
+    EXPECT_FALSE(opens("entry", F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite));
+    EXPECT_FALSE(opens("entry", F::kAccessWrite, F::kShareNone, F::kOpenAlways));
+
+    // A link at a temporary name: removed, and a new file of its own created in its place.
+    std::filesystem::create_symlink(target, dir / "entry.tmp");
+    {
+      F::Handle h = open("entry.tmp", F::kAccessWrite, F::kShareNone, F::kCreateAlways);
+      ASSERT_NE(h, nullptr);
+      std::uint64_t n = 0;
+      EXPECT_TRUE(F::WriteFile(h, "entry", 5, &n));
+      F::CloseFile(h);
     }
-    auto writer = std::async(std::launch::async, [&] { return bool(Rewriter(path)); });
-    const timespec limit{60, 0};
-    const int got = ::sigtimedwait(&set, nullptr, &limit);  // the writer is inside its open
-    const bool renamed =
-        got == signal && rename && std::rename((dir / "new").c_str(), path.c_str()) == 0;
-    ::fcntl(fd, F_SETLEASE, F_UNLCK);
-    ::close(fd);
-    ASSERT_EQ(got, signal);
-    EXPECT_EQ(renamed, rename);
-    EXPECT_EQ(writer.get(), !rename);
+    EXPECT_FALSE(std::filesystem::is_symlink(dir / "entry.tmp"));
+    EXPECT_EQ(ReadText(dir / "entry.tmp"), "entry");
+    EXPECT_EQ(ReadText(target), "precious");
+    // Created for the owner alone, whatever the umask lets through.
+    EXPECT_EQ(std::filesystem::status(dir / "entry.tmp").permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+
+    // A stale temporary file (a writer killed half-way) that shares its data with a name
+    // outside through a hard link: removed and created anew, never emptied in place.
+    std::filesystem::remove(dir / "entry.tmp");
+    std::filesystem::create_hard_link(target, dir / "entry.tmp");
+    EXPECT_TRUE(opens("entry.tmp", F::kAccessWrite, F::kShareNone, F::kCreateAlways));
+    EXPECT_EQ(std::filesystem::hard_link_count(target), 1u);
+    EXPECT_EQ(std::filesystem::file_size(dir / "entry.tmp"), 0u);
+    EXPECT_EQ(ReadText(target), "precious");
+
+    // A FIFO: every kind of open comes back at once, refused; creating one replaces it.
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    for (const auto& [access, share, creation] :
+         {std::tuple{F::kAccessRead, F::kShareRead, F::kOpenExisting},
+          std::tuple{F::kAccessRead, F::kShareNone, F::kOpenExisting},
+          std::tuple{F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite},
+          std::tuple{F::kAccessWrite, F::kShareNone, F::kOpenAlways}}) {
+      auto attempt = std::async(std::launch::async,
+                                [&, a = access, s = share, c = creation] { return opens("fifo", a, s, c); });
+      const bool returned = attempt.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+      if (!returned) {  // hung in the open: a writer end lets it return, so the test can end
+        const int unblock = ::open((dir / "fifo").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        attempt.wait();
+        if (unblock >= 0) ::close(unblock);
+      }
+      EXPECT_TRUE(returned) << "access " << access << ", share " << share << ", creation "
+                            << creation;
+      EXPECT_FALSE(attempt.get());
+    }
+    EXPECT_TRUE(opens("fifo", F::kAccessWrite, F::kShareNone, F::kCreateAlways));
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir / "fifo"));
+  }
+  // Devices are not files either.
+  if (std::filesystem::exists("/dev/zero")) {
+    EXPECT_EQ(F::OpenFile("/dev/zero", F::kAccessRead, F::kShareRead, F::kOpenExisting, 0, 0),
+              nullptr);
   }
 }
 
@@ -169,8 +240,15 @@ TEST(SysFileTest, DirectoryListsOpensAndRemovesByNameAndBadHandlesAreRefused) {
     items[std::string(i.name, i.length)] = {i.regular, i.size};
   }));
   EXPECT_EQ(items, (std::map<std::string, Item>{
-                       {"file", {true, 5}}, {"link", {true, 5}},  // a link is followed
+                       {"file", {true, 5}}, {"link", {false, -1}},  // a link is not followed
                        {"dangling", {false, -1}}}));
+  EXPECT_EQ(directory.FileSize("file"), 5);
+  EXPECT_EQ(directory.FileSize("link"), -1);
+  std::error_code exists_error;
+  EXPECT_TRUE(directory.Exists("dangling", exists_error)) << "a link is there, wherever it leads";
+  EXPECT_FALSE(exists_error);
+  EXPECT_FALSE(directory.Exists("none", exists_error));
+  EXPECT_FALSE(exists_error);
   {
     Open writer = Rewriter(dir / "file");
     ASSERT_TRUE(writer);
@@ -222,6 +300,16 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
     EXPECT_FALSE(FileReadStream::Create(path)) << "the stream holds the file";
   }
   EXPECT_FALSE(FileReadStream::Create(dir / "missing"));
+  // A file the caller names through a link is its target (only the cache's own opens refuse
+  // links), both as a path and as a file URL.
+  std::filesystem::create_symlink(path, dir / "link");
+  auto linked = FileReadStream::Create(dir / "link");
+  ASSERT_TRUE(linked);
+  EXPECT_EQ(ReadAll(*linked, 16), "HDRaBcdef");
+  const std::wstring link_url = L"file://" + qv::Utf8ToWide((dir / "link").string());
+  auto linked_url = TqUFileURL::OpenURLReadStream(link_url.c_str(), {});
+  ASSERT_TRUE(linked_url);
+  EXPECT_EQ(ReadAll(*linked_url, 16), "HDRaBcdef");
   auto s = FileReadStream::Create(path);
   ASSERT_TRUE(s);
   s->SetBaseOffset(3);
@@ -243,10 +331,18 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   EXPECT_FALSE(TqUFileURL::OpenURLReadStream(url.c_str(), stop.get_token()))
       << "a stopped open does not start";
 
-  if (std::filesystem::exists("/dev/full")) {
-    FileWriteStream full(
-        F::OpenFile("/dev/full", F::kAccessWrite, F::kShareRead, F::kOpenExistingWrite, 0, 0));
-    EXPECT_THROW(full.Write("x", 1), std::runtime_error);
+  // A write the file system refuses (here: past the process's file size limit) throws.
+  {
+    FileWriteStream limited(
+        F::OpenFile(dir / "limited", F::kAccessWrite, F::kShareNone, F::kCreateAlways, 0, 0));
+    rlimit previous = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &previous), 0);
+    const rlimit one_byte = {1, previous.rlim_max};
+    const auto previous_handler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &one_byte), 0);
+    EXPECT_THROW(limited.Write("xy", 2), std::runtime_error);
+    ::setrlimit(RLIMIT_FSIZE, &previous);
+    std::signal(SIGXFSZ, previous_handler);
   }
 }
 
