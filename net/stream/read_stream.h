@@ -18,7 +18,9 @@
 
 namespace qv::net {
 
-// Used by one thread at a time. The stop token is read only while the constructor runs.
+// Used by one thread at a time. The stop token is read only while the constructor runs; it is
+// heard within a fraction of a second even while the send, the wait for the response headers or
+// a pause before a retry blocks, and the stream then ends without a request.
 class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
  public:
   // Bit 0 of the URL constructor's flags: send a HEAD first to learn size and entity tag.
@@ -62,7 +64,9 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
 
 namespace detail {
 // The wait between retries. Tests replace it so that no test waits through a real delay; an
-// empty function restores the real sleep. Not thread-safe: set while no stream is opened.
+// empty function restores the real wait, which ends early when the stream's stop is requested.
+// The stop is looked at again once the replacement returns. Not thread-safe: set while no
+// stream is opened.
 using RetrySleepFunction = std::function<void(std::chrono::milliseconds)>;
 TQNET_EXPORT RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep);
 }  // namespace detail
