@@ -106,7 +106,7 @@ constexpr std::uint32_t kMostContentLengths = 16;
 // True when the response announces its length more than once and not always the same number
 // (or in a form that is not a number). Which one frames the body is then up to whoever parses
 // it, so a proxy or cache on the way may have seen another body than the one read here: such a
-// response is not used at all. The transport may let it through (WinINet does not refuse it).
+// response is not used at all. The transport may let it through: WinINet need not refuse it.
 bool ContentLengthsDisagree(IHttpApi& api, void* request) {
   std::uint32_t index = 1;
   std::optional<std::wstring> other = api.QueryHeader(request, HttpHeader::ContentLength, &index);
