@@ -4,6 +4,7 @@
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/http/http_api.h"
+#include "net/http/stop_watcher.h"
 #include "net/http/wininet_api.h"
 #include "net/stream/thread_pool.h"
 
@@ -32,6 +33,8 @@ void TerminateHttp() {
 
   delete SetHttpApi(nullptr);
   ExchangeWorkerThreadPool(nullptr).reset();
+  // No send is in flight any more; a later InitialiseHttp starts the watcher again on demand.
+  detail::ShutdownStopWatcher();
 }
 
 }  // namespace qv::net

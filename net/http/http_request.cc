@@ -1,6 +1,7 @@
 #include "net/http/http_request.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -36,8 +37,24 @@ HttpMethod HttpRequest::GetMethod() const { return m_impl->m_method; }
 const wchar_t* HttpRequest::GetMethodStr() const { return HttpMethodText(m_impl->m_method); }
 void HttpRequest::SetMethod(HttpMethod method) { m_impl->m_method = method; }
 
+namespace {
+
+// CR or LF would end the header line early; NUL ends the text where the transport reads it.
+bool BreaksHeaderLine(std::wstring_view text) {
+  return text.find_first_of(std::wstring_view(L"\r\n\0", 3)) != std::wstring_view::npos;
+}
+
+}  // namespace
+
 void HttpRequest::AddHeader(const wchar_t* name, const wchar_t* value) {
-  m_impl->m_headers.emplace_back(TqUWideString(name), TqUWideString(value));
+  TqUWideString stored_name(name);
+  TqUWideString stored_value(value);
+  if (BreaksHeaderLine(stored_name.View()) || BreaksHeaderLine(stored_value.View())) {
+    // The text itself is not logged: it is what could not be trusted in a header line.
+    TqUSysError::LogUTF8String("Request header dropped: its name or value holds CR, LF or NUL\n");
+    return;
+  }
+  m_impl->m_headers.emplace_back(std::move(stored_name), std::move(stored_value));
 }
 
 void HttpRequest::RemoveHeader(const wchar_t* name) {

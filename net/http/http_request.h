@@ -48,12 +48,17 @@ class TQNET_EXPORT HttpRequest {
   const wchar_t* GetMethodStr() const;
   void SetMethod(HttpMethod method);
 
-  // Appends (name, value); no check for an existing name, no trimming, no validation.
+  // Appends (name, value); no check for an existing name, no trimming. A name or value that
+  // holds CR, LF or NUL is refused: the pair is not stored (so it is never formatted, sent or
+  // seen by RemoveHeader) and the error log says a header was dropped. Such text would end the
+  // header line early and let whoever supplied it (a server's ETag kept in the cache, a
+  // pre-request handler) write headers of its own into the request.
   void AddHeader(const wchar_t* name, const wchar_t* value);
   // Removes every header whose name equals `name` exactly (case-sensitive); the rest keep
   // their order.
   void RemoveHeader(const wchar_t* name);
   // "name: value" pairs joined by CR LF, with no CR LF after the last; "" with no headers.
+  // Holds no CR, LF or NUL apart from the separators (see AddHeader).
   std::wstring FormatHeaders() const;
   bool IsSecure() const;
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "net/host/platform.h"
+#include "net/http/send_watch.h"
 
 namespace qv::net {
 namespace detail {
@@ -144,12 +145,20 @@ void* WinInet::SendRequest(void* connection, const HttpRequest& request,
   const TqUURL& url = request.GetUrl();
   DWORD flags = INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_CACHE_WRITE;
   if (TqUSysURL::IsSecureProtocol(url.GetScheme())) flags |= INTERNET_FLAG_SECURE;
+  // Formatted first: nothing may throw between opening the handle and handing it back.
+  const std::wstring headers = request.FormatHeaders();
   HINTERNET handle = HttpOpenRequestW(connection, request.GetMethodStr(), url.GetResource(),
                                       nullptr, nullptr, accept_types, flags, 0);
   if (handle == nullptr) return nullptr;
-  const std::wstring headers = request.FormatHeaders();
-  sent = HttpSendRequestW(handle, headers.c_str(), static_cast<DWORD>(headers.size()), nullptr,
-                          0) != FALSE;
+  // The send blocks until the response headers are in. A stop requested meanwhile closes the
+  // handle from the watcher thread, which is how WinINet cancels a blocked call.
+  detail::SendWatch watch(handle, [](void* request_handle) { InternetCloseHandle(request_handle); });
+  const bool ok = HttpSendRequestW(handle, headers.c_str(), static_cast<DWORD>(headers.size()),
+                                   nullptr, 0) != FALSE;
+  // Cancelled, possibly just as the send succeeded: the handle is closed already, and a request
+  // that was stopped hands back no request.
+  if (watch.Cancelled()) return nullptr;
+  sent = ok;
   return handle;
 }
 

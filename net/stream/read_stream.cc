@@ -9,6 +9,8 @@
 #include "net/http/connection_pool.h"
 #include "net/http/http_api.h"
 #include "net/http/request_handler.h"
+#include "net/http/send_watch.h"
+#include "net/http/stop_watcher.h"
 
 namespace qv::net {
 
@@ -30,16 +32,20 @@ constexpr int kRetryAllowanceLimit = 250;
 // A server asking for a longer pause than this gets its answer passed on instead.
 constexpr std::uint32_t kLongestRetryAfterSeconds = 30;
 
-void RealRetrySleep(std::chrono::milliseconds wait) {
+// Sleeps `wait` unless a stop is requested first, in slices short enough that the stop is
+// heard within one of them. The deadline saturates at the clock's end instead of overflowing.
+void SleepUnlessStopped(std::chrono::milliseconds wait, const qv::stop_token& stop) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point now = Clock::now();
-  // The deadline saturates at the clock's end instead of overflowing into the past.
   const Clock::duration headroom = Clock::time_point::max() - now;
-  const Clock::duration step =
+  const Clock::time_point deadline =
       wait >= std::chrono::duration_cast<std::chrono::milliseconds>(headroom)
-          ? headroom
-          : std::chrono::duration_cast<Clock::duration>(wait);
-  std::this_thread::sleep_until(now + step);
+          ? Clock::time_point::max()
+          : now + std::chrono::duration_cast<Clock::duration>(wait);
+  for (Clock::time_point at = now; at < deadline && !stop.stop_requested(); at = Clock::now()) {
+    const Clock::duration left = deadline - at;
+    std::this_thread::sleep_for(std::min<Clock::duration>(left, detail::kStopPollInterval));
+  }
 }
 
 // Replaced only while no stream is opened (tests), so a plain variable.
@@ -48,13 +54,18 @@ detail::RetrySleepFunction& RetrySleep() {
   return sleep;
 }
 
-void WaitBeforeRetry(std::chrono::milliseconds wait) {
-  const detail::RetrySleepFunction& sleep = RetrySleep();
-  if (sleep) {
-    sleep(wait);
-  } else {
-    RealRetrySleep(wait);
+// The pause before a retry. True when it ran its course; false when a stop was requested
+// before or during it (the caller then gives up instead of sending again).
+bool WaitBeforeRetry(std::chrono::milliseconds wait, const qv::stop_token& stop) {
+  if (wait.count() > 0) {
+    const detail::RetrySleepFunction& sleep = RetrySleep();
+    if (sleep) {
+      sleep(wait);
+    } else {
+      SleepUnlessStopped(wait, stop);
+    }
   }
+  return !stop.stop_requested();
 }
 
 IHttpApi& Api() {
@@ -89,14 +100,54 @@ std::optional<std::uint64_t> QueryContentSize(IHttpApi& api, void* request) {
   return ParseContentLength(api.QueryHeader(request, HttpHeader::ContentLength, nullptr));
 }
 
+// More Content-Length headers than this are not compared one by one: no server sends them.
+constexpr std::uint32_t kMostContentLengths = 16;
+
+// True when the response announces its length more than once and not always the same number
+// (or in a form that is not a number). Which one frames the body is then up to whoever parses
+// it, so a proxy or cache on the way may have seen another body than the one read here: such a
+// response is not used at all. The transport may let it through: WinINet need not refuse it.
+bool ContentLengthsDisagree(IHttpApi& api, void* request) {
+  std::uint32_t index = 1;
+  std::optional<std::wstring> other = api.QueryHeader(request, HttpHeader::ContentLength, &index);
+  if (!other) return false;
+  index = 0;
+  const std::optional<std::uint64_t> first =
+      ParseContentLength(api.QueryHeader(request, HttpHeader::ContentLength, &index));
+  for (std::uint32_t occurrence = 1; other; ++occurrence) {
+    if (occurrence >= kMostContentLengths) return true;
+    const std::optional<std::uint64_t> value = ParseContentLength(other);
+    if (!first || value != first) return true;
+    index = occurrence + 1;
+    other = api.QueryHeader(request, HttpHeader::ContentLength, &index);
+  }
+  return false;
+}
+
 std::optional<std::string> QueryETag(IHttpApi& api, void* request) {
   auto tag = api.QueryHeader(request, HttpHeader::ETag, nullptr);
   if (!tag) return std::nullopt;
   return qv::WideToUtf8(*tag);
 }
 
-// Algorithm 1: send, retrying 429 and 502 on one shared allowance. Yields the request handle
-// (owned by the caller) or null.
+// Sends through the transport with `stop` named as the stop of the send in flight, so that a
+// transport that blocks in the send or in the wait for the response headers can be cancelled.
+void* SendWatched(IHttpApi& api, void* connection, const HttpRequest& request,
+                  const wchar_t** accept_types, bool& sent, const qv::stop_token& stop) {
+  detail::SendStopScope scope(stop);
+  return api.SendRequest(connection, request, accept_types, sent);
+}
+
+// Runs the pre-request handlers once, then sends, resending after a 429 or a 502 on one shared
+// allowance of five retries. Yields the request handle of the last answer (the caller owns it),
+// or null when no request could be made or a stop was requested before an answer was kept.
+//
+// A stop is heard during the send, the wait for the response headers and the pause before a
+// retry, not only between them: a host whose user presses cancel must not wait for the receive
+// time-out, or for minutes of Retry-After pauses, holding a worker thread all the while. A send
+// cancelled that way comes back without a request handle, and a stopped pause closes the answer
+// it was waiting on, so both end as a stop seen between the steps does: no request, nothing
+// succeeded.
 void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpRequest& request,
                            const qv::stop_token& stop) {
   IHttpApi& api = Api();
@@ -107,12 +158,13 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
   int allowance = 0;
   int retries = 0;
   bool sent = false;
-  void* handle = api.SendRequest(connection, request, accept_types, sent);
+  void* handle = SendWatched(api, connection, request, accept_types, sent, stop);
   while (handle != nullptr) {
     if (stop.stop_requested()) {
       api.CloseHandle(handle);
       return nullptr;
     }
+    // A send that failed has no answer to read; the handle is kept for the caller to close.
     if (!sent) return handle;
     impl.m_status = static_cast<HttpStatus>(api.QueryStatusCode(handle));
 
@@ -121,6 +173,7 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
       if (allowance >= kRetryAllowanceLimit) return handle;
       ++retries;
       allowance += kRetryAllowanceStep;
+      // The server's Retry-After when it gives one, else 2 s more for every retry so far.
       const std::optional<std::uint32_t> retry_after =
           api.QueryHeaderNumeric(handle, HttpHeader::RetryAfter, nullptr);
       const std::uint32_t seconds =
@@ -131,15 +184,16 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
       if (allowance >= kRetryAllowanceLimit) return handle;
       ++retries;
       allowance += kRetryAllowanceStep;
-      wait = std::chrono::milliseconds(allowance);
+      wait = std::chrono::milliseconds(allowance);  // 50 ms more for every retry so far
     } else {
       return handle;
     }
 
-    if (wait.count() > 0) WaitBeforeRetry(wait);
+    const bool waited = WaitBeforeRetry(wait, stop);
     api.CloseHandle(handle);
+    if (!waited) return nullptr;
     sent = false;
-    handle = api.SendRequest(connection, request, accept_types, sent);
+    handle = SendWatched(api, connection, request, accept_types, sent, stop);
   }
   return nullptr;
 }
@@ -154,7 +208,20 @@ void LogErrorStatus(HttpStatus status, const HttpRequest& request) {
   TqUSysError::LogUTF8String("\n");
 }
 
-// Algorithm 3: the main request; true when it was answered with 200 and no stop came.
+void LogDisagreeingLengths(const HttpRequest& request) {
+  TqUSysError::LogUTF8String("Error: HTTP Response with differing Content-Length values for ");
+  TqUError::LogWideString(request.GetMethodStr());
+  TqUSysError::LogUTF8String(" ");
+  TqUError::LogWideString(request.GetUrl().GetString());
+  TqUSysError::LogUTF8String("\n");
+}
+
+// Sends the main request and tests its answer; true when it was a usable 200 and no stop came.
+// Size and entity tag come from the answer unless a HEAD told them already. Every answer that
+// is not used keeps its handle open (the caller may still look at its headers) but reads no
+// body: a status other than 200, a send that failed, a stop after the answer came, and a 200
+// whose Content-Length values differ. The last is logged and treated like a send the transport
+// refused, which is what a transport that checks the framing itself reports for it.
 bool SendAndCheck(HttpReadStream::Impl& impl, void* connection, HttpRequest& request,
                   const qv::stop_token& stop) {
   impl.m_request = SendRequestWithRetry(impl, connection, request, stop);
@@ -162,6 +229,10 @@ bool SendAndCheck(HttpReadStream::Impl& impl, void* connection, HttpRequest& req
   if (stop.stop_requested()) return false;
   if (impl.m_status == HttpStatus::OK) {
     IHttpApi& api = Api();
+    if (ContentLengthsDisagree(api, impl.m_request)) {
+      LogDisagreeingLengths(request);
+      return false;
+    }
     if (!impl.m_content_size) impl.m_content_size = QueryContentSize(api, impl.m_request);
     if (!impl.m_etag) impl.m_etag = QueryETag(api, impl.m_request);
   } else if (static_cast<std::int32_t>(impl.m_status) >= 400) {
@@ -199,7 +270,8 @@ RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep) {
 }
 }  // namespace detail
 
-// Algorithm 2.
+// A GET of the URL, after a HEAD when asked for: the HEAD's answer, when it is a usable 200,
+// gives size and entity tag early; any other answer to it is ignored without a word.
 HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token stop)
     : m_impl(std::make_unique<Impl>()) {
   const std::wstring text(url);
@@ -218,8 +290,8 @@ HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token 
           if (IHttpApi* api = HttpApi()) api->CloseHandle(handle);
         }
       } close_head{head_handle};
-      if (m_impl->m_status == HttpStatus::OK) {
-        IHttpApi& api = Api();
+      IHttpApi& api = Api();
+      if (m_impl->m_status == HttpStatus::OK && !ContentLengthsDisagree(api, head_handle)) {
         m_impl->m_content_size = QueryContentSize(api, head_handle);
         m_impl->m_etag = QueryETag(api, head_handle);
       }
@@ -231,7 +303,7 @@ HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token 
   guard.armed = false;
 }
 
-// Algorithm 4.
+// The caller's request, as the handlers leave it; never a HEAD first.
 HttpReadStream::HttpReadStream(HttpRequest& request, qv::stop_token stop)
     : m_impl(std::make_unique<Impl>()) {
   void* connection = ConnectOrThrow(request.GetUrl(), stop);
@@ -251,7 +323,7 @@ std::unique_ptr<HttpReadStream> HttpReadStream::Open(HttpRequest& request, qv::s
   return std::make_unique<HttpReadStream>(request, std::move(stop));
 }
 
-// Algorithm 5.
+// The body, straight from the transport; nothing at all for a request that did not succeed.
 std::uint64_t HttpReadStream::Read(void* buffer, std::uint64_t size) {
   if (!m_impl->m_succeeded) return 0;
   // The transport counts in 32 bits; a larger request is served in part, as any read may be.

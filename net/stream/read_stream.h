@@ -18,7 +18,10 @@
 
 namespace qv::net {
 
-// Used by one thread at a time. The stop token is read only while the constructor runs.
+// Used by one thread at a time. The stop token is read only while the constructor runs; it is
+// heard within a fraction of a second even while a pause before a retry, or the send and the
+// wait for the response headers (with a transport that hands its request handle to the send's
+// stop watcher, as the WinINet backend does) block, and the stream then ends without a request.
 class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
  public:
   // Bit 0 of the URL constructor's flags: send a HEAD first to learn size and entity tag.
@@ -62,7 +65,9 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
 
 namespace detail {
 // The wait between retries. Tests replace it so that no test waits through a real delay; an
-// empty function restores the real sleep. Not thread-safe: set while no stream is opened.
+// empty function restores the real wait, which ends early when the stream's stop is requested.
+// The stop is looked at again once the replacement returns. Not thread-safe: set while no
+// stream is opened.
 using RetrySleepFunction = std::function<void(std::chrono::milliseconds)>;
 TQNET_EXPORT RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep);
 }  // namespace detail

@@ -4,9 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
-#include <limits>
 #include <memory>
-#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -121,9 +119,10 @@ std::unique_ptr<qv::io::MemoryStream> ReadUrlIntoMemory(std::wstring_view url,
   try {
     std::unique_ptr<qv::io::IDataReadStream> source = OpenUrlReadStream(text, stop);
     if (!source) return nullptr;
-    const std::uint64_t expected = source->MetaData().size.value_or(0);
-    if (expected > std::numeric_limits<std::size_t>::max()) throw std::bad_alloc();
-    auto memory = std::make_unique<qv::io::MemoryStream>(static_cast<std::size_t>(expected));
+    // A hint only: an 8 GiB claim for a 10 KiB body must not take 8 GiB of address space.
+    const std::uint64_t reserve =
+        std::min(source->MetaData().size.value_or(0), kMostReservedUpFront);
+    auto memory = std::make_unique<qv::io::MemoryStream>(static_cast<std::size_t>(reserve));
     const CopyStreamResult copied = CopyStream(*source, *memory, std::move(stop));
     source.reset();
     if (!copied.completed) return nullptr;

@@ -32,8 +32,13 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source,
 std::unique_ptr<qv::io::IDataReadStream> OpenUrlReadStream(std::wstring_view url,
                                                                        qv::stop_token stop);
 
+// Room reserved up front for a body read into memory, at most: the announced size is the
+// server's word, so a larger body grows the stream as its bytes arrive.
+inline constexpr std::uint64_t kMostReservedUpFront = 4 * 1024 * 1024;
+
 // The whole body in a memory stream positioned at its start; null on failure (logged). An HTTP
-// answer other than 200 gives an empty stream.
+// answer other than 200 gives an empty stream. The stream starts with room for the announced
+// size, up to kMostReservedUpFront.
 std::unique_ptr<qv::io::MemoryStream> ReadUrlIntoMemory(std::wstring_view url,
                                                                     qv::stop_token stop);
 

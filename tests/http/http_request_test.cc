@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/log_capture.h"
+
 namespace qv::net {
 namespace {
 
@@ -22,6 +24,33 @@ TEST(HttpRequestTest, HeadersKeepOrderAndDuplicatesAndRemoveIsExact) {
   EXPECT_STREQ(request.GetMethodStr(), L"PUT");
   request.SetMethod(static_cast<HttpMethod>(7));
   EXPECT_STREQ(request.GetMethodStr(), L"");
+}
+
+// Regression: an ETag holding a bare CR went out inside If-None-Match, and the header block was
+// split at it, so a server could add headers of its own to later requests.
+TEST(HttpRequestTest, ANameOrValueHoldingCrOrLfIsDroppedAndNeverFormatted) {
+  tq::test::LogCapture log;
+  HttpRequest request(L"http://example.com/", HttpMethod::Get);
+  request.AddHeader(L"Range", L"bytes=0-9");
+  const struct {
+    const wchar_t* name;
+    const wchar_t* value;
+  } refused[] = {
+      {L"If-None-Match", L"\"v1\"\rX-Injected: 1"},
+      {L"If-None-Match", L"\"v1\"\nX-Injected: 1"},
+      {L"If-None-Match", L"\"v1\"\r\n\r\nGET /other HTTP/1.1"},
+      {L"X-Injected: 1\r\nIf-None-Match", L"\"v1\""},
+      {L"X-Name\n", L"1"},
+      {L"X-Value", L"\r"},
+  };
+  for (const auto& header : refused) request.AddHeader(header.name, header.value);
+  request.AddHeader(L"X-Last", L"ok");
+  EXPECT_EQ(request.FormatHeaders(), L"Range: bytes=0-9\r\nX-Last: ok");
+  EXPECT_EQ(log.Lines(), std::vector<std::string>(
+                             std::size(refused),
+                             "Request header dropped: its name or value holds CR, LF or NUL\n"));
+  request.RemoveHeader(L"If-None-Match");
+  EXPECT_EQ(request.FormatHeaders(), L"Range: bytes=0-9\r\nX-Last: ok");
 }
 
 }  // namespace

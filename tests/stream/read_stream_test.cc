@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <latch>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "net/http/http_status.h"
@@ -53,8 +55,9 @@ TEST_F(HttpReadStreamTest, HeadFirstLearnsTheSizeTagAndAFailedHeadIsIgnoredSilen
     EXPECT_EQ(stream->ETag(), "\"head\"");
   }
   EXPECT_EQ(handler.Count(), 2);
-  EXPECT_THAT(StreamCalls(), ElementsAre(kSendHead, "Status", "Numeric", "Header", "Close", kSend,
-                                         "Status", "Close"));
+  // Each 200 is first asked for a second Content-Length ("Header"), which it does not have.
+  EXPECT_THAT(StreamCalls(), ElementsAre(kSendHead, "Status", "Header", "Numeric", "Header",
+                                         "Close", kSend, "Status", "Header", "Close"));
 
   m_api.Queue(Status(405).Header(L"Content-Length", L"7"));
   m_api.Queue(Status(200).Body("payload"));
@@ -142,6 +145,146 @@ TEST_F(HttpReadStreamTest, NoConnectionOrAStopBeforeTheFirstSendThrows) {
     EXPECT_STREQ(e.what(), "Unable to create HTTP connection\n");
   }
   EXPECT_TRUE(StreamCalls().empty()) << "nothing is sent";
+}
+
+// Regression: a 200 carrying two different Content-Length values was served (and stored by the
+// cache). Lengths that agree, as numbers, are fine; a HEAD whose lengths differ teaches nothing.
+TEST_F(HttpReadStreamTest, ContentLengthValuesThatDifferMakeTheAnswerUnusable) {
+  const std::string kLine =
+      "Error: HTTP Response with differing Content-Length values for GET http://example.test/"
+      "file.bin\n";
+  struct Case {
+    std::vector<const wchar_t*> lengths;
+    bool usable;
+  };
+  const Case cases[] = {
+      {{L"400", L"10"}, false},
+      {{L"10", L"x"}, false},
+      {{L"10", L"10", L"20"}, false},
+      {{L"10", L"10"}, true},
+      {{L"10", L"010"}, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.lengths.size());
+    m_log.Clear();
+    FakeResponse response = Status(200).Body("0123456789");
+    for (const wchar_t* length : c.lengths) response.Header(L"Content-Length", length);
+    m_api.Queue(response);
+    auto stream = HttpReadStream::Open(kUrl, 0, {});
+    EXPECT_EQ(stream->Succeeded(), c.usable);
+    EXPECT_TRUE(stream->IsOpen());
+    EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::OK);
+    EXPECT_EQ(ReadAll(*stream), c.usable ? "0123456789" : "");
+    EXPECT_EQ(stream->ContentSize().has_value(), c.usable);
+    EXPECT_EQ(m_log.Text(), c.usable ? "" : kLine);
+  }
+
+  m_log.Clear();
+  m_api.Queue(Status(200).Header(L"Content-Length", L"400").Header(L"Content-Length", L"10"));
+  m_api.Queue(Status(200).Header(L"Content-Length", L"7").Body("payload"));
+  auto head_first = HttpReadStream::Open(kUrl, HttpReadStream::FlagMakeHeadRequest, {});
+  EXPECT_TRUE(head_first->Succeeded());
+  EXPECT_EQ(head_first->ContentSize(), 7u) << "the size comes from the GET";
+  EXPECT_EQ(m_log.Text(), "") << "nothing is logged for a HEAD";
+}
+
+// Regression: a header line that a pre-request handler builds from text it did not check (CR or
+// LF in it) went out as extra header lines.
+TEST_F(HttpReadStreamTest, APreRequestHandlerCannotAddHeaderLinesOfItsOwn) {
+  CountingHandler handler;
+  handler.AddHeaderOnEachCall(L"X-Trace\r\nX-Injected");
+  ScopedHandler scoped(&handler);
+  qv::net::HttpRequest request(kUrl, qv::net::HttpMethod::Get);
+  request.AddHeader(L"If-None-Match", L"\"v1\"");
+  m_api.Queue(Status(304));
+  HttpReadStream::Open(request, {});
+  ASSERT_EQ(m_api.Sent().size(), 1u);
+  EXPECT_EQ(m_api.Sent()[0].headers, L"If-None-Match: \"v1\"");
+}
+
+FakeResponse Blocking() {
+  FakeResponse response;
+  response.block_until_closed = true;
+  return response;
+}
+
+// A stop requested while the send (or the wait for the answer's headers) blocks in the
+// transport closes the request handle from the watcher thread; the stream ends without a
+// request, as for a stop seen between the steps. Before, the stream waited for the transport's
+// own time-out.
+TEST_F(HttpReadStreamTest, AStopDuringABlockedSendCancelsItAndEndsWithoutARequest) {
+  enum class Open { Url, HeadFirst, Request };
+  for (const Open open : {Open::Url, Open::HeadFirst, Open::Request}) {
+    SCOPED_TRACE(static_cast<int>(open));
+    const int closes = m_api.CloseCount();
+    const int sends = m_api.CountCalls("Send");
+    qv::stop_source source;
+    std::latch blocked(1);
+    m_api.OnBlocked([&] { blocked.count_down(); });
+    m_api.Queue(Blocking());
+    // The GET after a cancelled HEAD is still made once, and closed at once.
+    if (open == Open::HeadFirst) m_api.Queue(Status(200).Body("never read"));
+    std::thread user([&] {
+      blocked.wait();
+      source.request_stop();  // the user presses cancel while the send blocks
+    });
+    std::unique_ptr<HttpReadStream> stream;
+    qv::net::HttpRequest request(kUrl, qv::net::HttpMethod::Get);
+    switch (open) {
+      case Open::Url: stream = HttpReadStream::Open(kUrl, 0, source.get_token()); break;
+      case Open::HeadFirst:
+        stream = HttpReadStream::Open(kUrl, HttpReadStream::FlagMakeHeadRequest,
+                                      source.get_token());
+        break;
+      case Open::Request: stream = HttpReadStream::Open(request, source.get_token()); break;
+    }
+    user.join();
+    EXPECT_FALSE(stream->IsOpen());
+    EXPECT_FALSE(stream->Succeeded());
+    EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::Unknown);
+    const int expected_sends = open == Open::HeadFirst ? 2 : 1;
+    EXPECT_EQ(m_api.CountCalls("Send") - sends, expected_sends);
+    EXPECT_EQ(m_api.CloseCount() - closes, expected_sends) << "each handle closed exactly once";
+    EXPECT_EQ(m_api.OpenRequestHandles(), 0u);
+  }
+  m_api.OnBlocked({});
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+// A stop during the pause before a retry ends the pause, closes the answer it waited on and
+// sends nothing more. Before, a Retry-After of 30 s was waited out and the request sent again.
+TEST_F(HttpReadStreamTest, AStopDuringARetryPauseEndsItWithoutAnotherSend) {
+  // Through the test seam: the pause is where the stop comes.
+  qv::stop_source during_seam;
+  auto previous = qv::net::detail::SetRetrySleepForTesting(
+      [&](std::chrono::milliseconds) { during_seam.request_stop(); });
+  m_api.Queue(Status(502));
+  auto seam_stream = HttpReadStream::Open(kUrl, 0, during_seam.get_token());
+  EXPECT_FALSE(seam_stream->IsOpen());
+  EXPECT_EQ(seam_stream->QueryStatusCode(), HttpStatus::BadGateway) << "the last status read";
+  EXPECT_EQ(m_api.CountCalls("Send"), 1);
+
+  // The real pause, 30 s long; the stop comes from another thread once the 429 has been read,
+  // so before or during the pause, which must end either way.
+  qv::net::detail::SetRetrySleepForTesting({});
+  qv::stop_source source;
+  std::latch answered(1);
+  m_api.on_status = [&] { answered.count_down(); };
+  m_api.Queue(Status(429).Header(L"Retry-After", L"30"));
+  std::thread user([&] {
+    answered.wait();
+    source.request_stop();
+  });
+  auto stream = HttpReadStream::Open(kUrl, 0, source.get_token());
+  user.join();
+  m_api.on_status = nullptr;
+  qv::net::detail::SetRetrySleepForTesting(std::move(previous));
+  EXPECT_FALSE(stream->IsOpen());
+  EXPECT_FALSE(stream->Succeeded());
+  EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::TooManyRequests);
+  EXPECT_EQ(m_api.CountCalls("Send"), 2);
+  EXPECT_EQ(m_api.CloseCount(), 2);
+  EXPECT_EQ(m_log.Text(), "");
 }
 
 }  // namespace

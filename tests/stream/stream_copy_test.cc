@@ -7,6 +7,7 @@
 #include <functional>
 #include <stdexcept>
 
+#include "tests/support/fake_transport_fixture.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -77,6 +78,40 @@ TEST(CopyStreamTest, EveryCopyStartsWithAZeroBufferWhateverTheLastCopyLeftInIt) 
   EXPECT_FALSE(copy(5 * kMiB, {}, stopped.get_token()).completed);
   EXPECT_TRUE(copy(1).completed);
   EXPECT_EQ(PatternSource::dirty_starts, 0);
+}
+
+class ReadUrlIntoMemoryTest : public tq::test::FakeTransportTest {};
+
+// Regression: the announced Content-Length was reserved up front, so 8 GiB announced for a
+// 10 KiB body took 8 GiB of address space, and a larger claim threw std::bad_alloc. The room
+// reserved is now bounded; the bytes that come are what the stream holds.
+TEST_F(ReadUrlIntoMemoryTest, AHugeAnnouncedLengthIsNotReservedUpFront) {
+  const std::string body(10 * 1024, 'b');
+  const std::string big(5 * kMiB + 3, 'g');
+  struct Case {
+    const wchar_t* announced;
+    const std::string* body;
+    std::uint64_t most_reserved;
+  };
+  const Case cases[] = {
+      {L"8589934592", &body, qv::net::kMostReservedUpFront},
+      {L"18446744073709551615", &body, qv::net::kMostReservedUpFront},
+      {L"10240", &body, 10 * 1024},
+      {L"5242883", &big, big.size() * 2},  // grows past the bounded reserve as bytes arrive
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(qv::WideToUtf8(c.announced));
+    tq::test::FakeResponse response;
+    response.Header(L"Content-Length", c.announced);
+    for (std::size_t at = 0; at < c.body->size(); at += 4096) response.Body(c.body->substr(at, 4096));
+    m_api.Queue(response);
+    auto memory = qv::net::ReadUrlIntoMemory(L"http://example.test/big", {});
+    ASSERT_NE(memory, nullptr);
+    const auto& bytes = memory->Sink()->bytes;
+    EXPECT_TRUE(std::string(bytes.begin(), bytes.end()) == *c.body);
+    EXPECT_LE(bytes.capacity(), c.most_reserved);
+  }
+  EXPECT_EQ(m_log.Text(), "");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <latch>
 #include <memory>
 #include <string>
 #include <stdexcept>
@@ -121,6 +122,33 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnTheWorkersLocalFilesDoNotWaitAndAQueuedS
   for (auto& task : held) task.get();
   EXPECT_EQ(stopped.get(), nullptr);
   EXPECT_EQ(m_api.CountCalls("Send"), 32);
+}
+
+// The stop given to OpenFileOrUrlAsync reaches a send blocked on a worker: it is cancelled,
+// the worker is free again and the future holds null. Before, the worker stayed blocked until
+// the transport's time-out.
+TEST_F(OpenFileOrUrlAsyncTest, AStopCancelsASendBlockedOnAWorker) {
+  qv::net::ExchangeWorkerThreadPool(std::make_unique<thread_pool>(1));
+  tq::test::FakeResponse blocking;
+  blocking.block_until_closed = true;
+  m_api.Queue(blocking);
+  std::latch blocked(1);
+  m_api.OnBlocked([&] { blocked.count_down(); });
+  qv::stop_source stop;
+  auto cancelled = OpenFileOrUrlAsync(L"http://example.test/slow", 0, stop.get_token());
+  blocked.wait();
+  stop.request_stop();
+  EXPECT_EQ(cancelled.get(), nullptr);
+
+  tq::test::FakeResponse next;
+  next.Header(L"Content-Length", L"4").Body("next");
+  m_api.Queue(next);
+  auto after = OpenFileOrUrlAsync(L"http://example.test/next", 0, {});
+  auto stream = after.get();
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(ReadAll(*stream), "next");
+  EXPECT_EQ(m_api.CloseCount(), 2);
+  m_api.OnBlocked({});
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <cwctype>
 
+#include "net/http/send_watch.h"
+
 namespace tq::test {
 namespace {
 
@@ -153,10 +155,37 @@ void* FakeHttpApi::SendRequest(void* connection, const qv::net::HttpRequest& req
   }
   if (hook) hook(record);
 
-  std::lock_guard lock(m_mutex);
-  if (response.open_fails) return nullptr;
-  sent = !response.send_fails;
-  return NewHandle(Kind::Request, std::move(response));
+  void* handle = nullptr;
+  std::function<void()> on_blocked;
+  {
+    std::lock_guard lock(m_mutex);
+    if (response.open_fails) return nullptr;
+    const bool block = response.block_until_closed;
+    sent = !response.send_fails && !block;
+    handle = NewHandle(Kind::Request, std::move(response));
+    if (!block) return handle;
+    on_blocked = m_on_blocked;
+  }
+  return BlockUntilClosed(handle, on_blocked);
+}
+
+void* FakeHttpApi::BlockUntilClosed(void* handle, const std::function<void()>& on_blocked) {
+  // As the WinINet backend does: on a stop the watcher of the send closes the handle.
+  qv::net::detail::SendWatch watch(handle, [this](void* request) { CloseHandle(request); });
+  if (on_blocked) on_blocked();
+  bool closed = false;
+  {
+    std::unique_lock lock(m_mutex);
+    closed = m_closed.wait_for(lock, kMaxBlock, [&] { return Find(handle) == nullptr; });
+  }
+  const bool cancelled = watch.Cancelled();
+  if (!closed && !cancelled) {
+    // Never cancelled: the send fails instead, and the caller closes the handle as usual.
+    ADD_FAILURE() << "a blocked send was not cancelled";
+    return handle;
+  }
+  if (!cancelled) ADD_FAILURE() << "a blocked send's handle was closed by someone else";
+  return nullptr;
 }
 
 std::uint32_t FakeHttpApi::QueryStatusCode(void* request) {
@@ -167,8 +196,9 @@ std::uint32_t FakeHttpApi::QueryStatusCode(void* request) {
   return handle->response.status;
 }
 
-std::optional<std::wstring> FakeHttpApi::HeaderText(
-    const Handle& handle, const qv::net::HttpHeaderSelector& header) const {
+std::optional<std::wstring> FakeHttpApi::HeaderText(const Handle& handle,
+                                                    const qv::net::HttpHeaderSelector& header,
+                                                    std::uint32_t occurrence) const {
   std::wstring name;
   if (header.index() == 0) {
     const auto which = std::get<0>(header);
@@ -182,28 +212,30 @@ std::optional<std::wstring> FakeHttpApi::HeaderText(
     name = std::get<1>(header);
   }
   for (const auto& [n, v] : handle.response.headers) {
-    if (EqualNoCase(n, name)) return v;
+    if (EqualNoCase(n, name) && occurrence-- == 0) return v;
   }
   return std::nullopt;
 }
 
 std::optional<std::wstring> FakeHttpApi::QueryHeader(void* request,
                                                      const qv::net::HttpHeaderSelector& header,
-                                                     std::uint32_t* /*index*/) {
+                                                     std::uint32_t* index) {
   std::lock_guard lock(m_mutex);
   m_calls.push_back("Header");
   Handle* handle = Find(request);
   if (handle == nullptr || handle->kind != Kind::Request) return std::nullopt;
-  return HeaderText(*handle, header);
+  auto text = HeaderText(*handle, header, index != nullptr ? *index : 0);
+  if (text && index != nullptr) ++*index;
+  return text;
 }
 
 std::optional<std::uint32_t> FakeHttpApi::QueryHeaderNumeric(
-    void* request, const qv::net::HttpHeaderSelector& header, std::uint32_t* /*index*/) {
+    void* request, const qv::net::HttpHeaderSelector& header, std::uint32_t* index) {
   std::lock_guard lock(m_mutex);
   m_calls.push_back("Numeric");
   Handle* handle = Find(request);
   if (handle == nullptr || handle->kind != Kind::Request) return std::nullopt;
-  auto text = HeaderText(*handle, header);
+  auto text = HeaderText(*handle, header, index != nullptr ? *index : 0);
   if (!text || text->empty()) return std::nullopt;
   std::uint64_t value = 0;
   for (wchar_t c : *text) {
@@ -211,6 +243,7 @@ std::optional<std::uint32_t> FakeHttpApi::QueryHeaderNumeric(
     value = value * 10 + static_cast<std::uint64_t>(c - L'0');
     if (value > 0xFFFFFFFFu) return std::nullopt;
   }
+  if (index != nullptr) ++*index;
   return static_cast<std::uint32_t>(value);
 }
 
@@ -255,7 +288,9 @@ bool FakeHttpApi::CloseHandle(void* handle) {
   std::lock_guard lock(m_mutex);
   m_calls.push_back("Close");
   ++m_close_count;
-  return m_handles.erase(reinterpret_cast<std::uintptr_t>(handle)) == 1;
+  const bool closed = m_handles.erase(reinterpret_cast<std::uintptr_t>(handle)) == 1;
+  m_closed.notify_all();
+  return closed;
 }
 
 }  // namespace tq::test

@@ -1,7 +1,10 @@
 // A scripted IHttpApi for tests: it answers from a script of responses, records every call with
-// its arguments, and can tell whether the script was consumed and every handle closed.
+// its arguments, and can tell whether the script was consumed and every handle closed. Header
+// queries honour the index as WinINet does (the n-th occurrence; on success the index moves on).
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -25,6 +28,11 @@ struct FakeResponse {
   bool open_fails = false;  // SendRequest returns null
   bool send_fails = false;  // SendRequest returns a handle with sent = false
   std::optional<std::size_t> read_fails_after;  // Read fails once this many chunks were read
+  // SendRequest hands the new request handle to the stop watcher of the send, as the WinINet
+  // backend does, and blocks until that handle is closed from another thread; the send then
+  // counts as cancelled (null, sent false). Only for sends made with a stop token; a send not
+  // cancelled within FakeHttpApi::kMaxBlock fails the test and returns its handle, not sent.
+  bool block_until_closed = false;
 
   FakeResponse& Header(std::wstring name, std::wstring value) {
     headers.emplace_back(std::move(name), std::move(value));
@@ -49,6 +57,9 @@ struct SentRequest {
 
 class FakeHttpApi : public qv::net::IHttpApi {
  public:
+  // A blocked send waits at most this long, so that a failing test cannot hang.
+  static constexpr std::chrono::seconds kMaxBlock{10};
+
   FakeHttpApi() = default;
   ~FakeHttpApi() override;
 
@@ -59,6 +70,8 @@ class FakeHttpApi : public qv::net::IHttpApi {
   void FailNextConnects(int count) { m_fail_connects = count; }
   // Runs inside SendRequest (outside the fake's lock), e.g. to request a stop mid-exchange.
   void OnSend(std::function<void(const SentRequest&)> hook) { m_on_send = std::move(hook); }
+  // Runs when a send scripted with block_until_closed is about to block (outside the lock).
+  void OnBlocked(std::function<void()> hook) { m_on_blocked = std::move(hook); }
 
   // --- records ---
   std::vector<std::string> Calls() const;  // "OpenInternet", "Connect host:port", "Send GET url",
@@ -101,14 +114,19 @@ class FakeHttpApi : public qv::net::IHttpApi {
 
   void* NewHandle(Kind kind, FakeResponse response = {});
   Handle* Find(void* handle);  // caller holds m_mutex
+  // The `occurrence`-th value of a header (0: the first), as WinINet's index selects it.
   std::optional<std::wstring> HeaderText(const Handle& handle,
-                                         const qv::net::HttpHeaderSelector& header) const;
+                                         const qv::net::HttpHeaderSelector& header,
+                                         std::uint32_t occurrence = 0) const;
+  void* BlockUntilClosed(void* handle, const std::function<void()>& on_blocked);
 
   mutable std::mutex m_mutex;
   std::deque<FakeResponse> m_queue;
   std::size_t m_queued_total = 0;
   std::function<FakeResponse(const SentRequest&)> m_responder;
   std::function<void(const SentRequest&)> m_on_send;
+  std::function<void()> m_on_blocked;
+  std::condition_variable m_closed;  // a handle was closed
   int m_fail_connects = 0;
   std::map<std::uintptr_t, Handle> m_handles;
   std::uintptr_t m_next_handle = 0x1000;

@@ -1,0 +1,135 @@
+#include "net/http/stop_watcher.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include "net/http/send_watch.h"
+
+namespace {
+
+using qv::net::detail::SendStopScope;
+using qv::net::detail::SendWatch;
+using qv::net::detail::ShutdownStopWatcher;
+using qv::net::detail::StopWatch;
+
+TEST(StopWatcherTest, AStopRunsTheActionOnceOnAnotherThreadAndAFinishedWatchNeverRunsIt) {
+  qv::stop_source source;
+  std::latch ran(1);
+  std::atomic<int> runs{0};
+  std::thread::id runner;
+  StopWatch watch(source.get_token(), [&] {
+    runner = std::this_thread::get_id();
+    ++runs;
+    ran.count_down();
+  });
+  source.request_stop();
+  ran.wait();
+  EXPECT_TRUE(watch.Finish());
+  EXPECT_TRUE(watch.Finish()) << "the answer does not change";
+  EXPECT_EQ(runs, 1);
+  EXPECT_NE(runner, std::this_thread::get_id());
+
+  // Finished before its stop: never runs. A later watch that does run proves the watcher has
+  // looked at its tokens since.
+  qv::stop_source early;
+  std::atomic<bool> early_ran{false};
+  {
+    StopWatch finished(early.get_token(), [&] { early_ran = true; });
+    EXPECT_FALSE(finished.Finish());
+  }
+  early.request_stop();
+  qv::stop_source later;
+  later.request_stop();
+  std::latch later_ran(1);
+  StopWatch after(later.get_token(), [&] { later_ran.count_down(); });
+  later_ran.wait();
+  EXPECT_TRUE(after.Finish());
+  EXPECT_FALSE(early_ran);
+
+  // A token that can never stop is not watched at all.
+  StopWatch unstoppable(qv::stop_token(), [] { ADD_FAILURE() << "ran without a stop"; });
+  EXPECT_FALSE(unstoppable.Finish());
+}
+
+TEST(StopWatcherTest, FinishWaitsForARunningActionAndTheThreadRestartsAfterShutdown) {
+  qv::stop_source source;
+  std::latch started(1);
+  std::promise<void> release;
+  std::atomic<bool> ended{false};
+  StopWatch watch(source.get_token(), [&] {
+    started.count_down();
+    release.get_future().wait();
+    ended = true;
+  });
+  source.request_stop();
+  started.wait();
+  std::future<bool> finished = std::async(std::launch::async, [&] { return watch.Finish(); });
+  release.set_value();
+  EXPECT_TRUE(finished.get());
+  EXPECT_TRUE(ended) << "Finish returned while the action was still running";
+
+  // Shut down with a watch registered: that one is not served, a new one starts the thread.
+  qv::stop_source orphan;
+  StopWatch waiting(orphan.get_token(), [] {});
+  ShutdownStopWatcher();
+  ShutdownStopWatcher();
+  qv::stop_source again;
+  again.request_stop();
+  std::latch ran(1);
+  StopWatch restarted(again.get_token(), [&] { ran.count_down(); });
+  ran.wait();
+  EXPECT_TRUE(restarted.Finish());
+  EXPECT_FALSE(waiting.Finish());
+  ShutdownStopWatcher();
+}
+
+// A send that ends just as its stop comes: the handle is closed exactly once, either by the
+// watcher (the send reports itself cancelled) or by its owner afterwards, never by both.
+TEST(StopWatcherTest, SendWatchRacingAStopClosesTheHandleExactlyOnce) {
+  constexpr int kRounds = 200;
+  int handle_value = 0;
+  void* const handle = &handle_value;
+  int cancelled = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    qv::stop_source source;
+    const qv::stop_token token = source.get_token();
+    std::atomic<int> closes{0};
+    std::latch go(2);
+    std::thread stopper([&] {
+      go.arrive_and_wait();
+      source.request_stop();
+    });
+    bool was_cancelled = false;
+    {
+      SendStopScope scope(token);
+      SendWatch watch(handle, [&](void* h) {
+        EXPECT_EQ(h, handle);
+        ++closes;
+      });
+      go.arrive_and_wait();
+      if (round % 2 == 0) std::this_thread::yield();
+      was_cancelled = watch.Cancelled();
+    }
+    stopper.join();
+    if (!was_cancelled) ++closes;  // the owner closes what the watcher left alone
+    ASSERT_EQ(closes, 1) << "round " << round;
+    cancelled += was_cancelled ? 1 : 0;
+  }
+  // Nothing is asserted about how often each side won: either is correct.
+  RecordProperty("cancelled_rounds", cancelled);
+
+  // Without a scope, or after it ended, nothing is watched.
+  qv::stop_source stopped;
+  stopped.request_stop();
+  const qv::stop_token stopped_token = stopped.get_token();
+  { SendStopScope scope(stopped_token); }
+  SendWatch unwatched(handle, [](void*) { ADD_FAILURE() << "closed without a scope"; });
+  EXPECT_FALSE(unwatched.Cancelled());
+}
+
+}  // namespace
