@@ -161,3 +161,30 @@ TEST_F(HostileNet, AStopDuringARetryAfterPauseEndsItAndSendsNothingMore) {
 }
 
 }  // namespace
+
+namespace {
+
+// Regression: a stop requested while the answer's headers were awaited was heard only when
+// the receive time-out ended the wait; the watcher closes the request handle at once.
+TEST_F(HostileNet, AStopWhileHeadersAreAwaitedEndsTheSendThroughTheRealTransport) {
+  std::latch asked(1);
+  tq::test::RawResponder responder([&](tq::test::RawConnection& connection) {
+    if (connection.ReadRequestHead().empty()) return;
+    asked.count_down();
+    connection.Stall();  // never answers; released when the responder goes
+  });
+  ASSERT_TRUE(responder.ok());
+  qv::stop_source stop;
+  std::thread user([&] {
+    asked.wait();
+    stop.request_stop();
+  });
+  auto stream = qv::net::HttpReadStream::Open(Wide(responder.Url("/silent")), 0, stop.get_token());
+  user.join();
+  EXPECT_FALSE(stream->IsOpen());
+  EXPECT_FALSE(stream->Succeeded());
+  EXPECT_EQ(responder.connection_count(), 1u);
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+}  // namespace
