@@ -6,11 +6,13 @@
 #else
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #endif
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
@@ -26,16 +28,31 @@ namespace {
 using Socket = SOCKET;
 const Socket kNoSocket = INVALID_SOCKET;
 void CloseSocket(Socket s) { ::closesocket(s); }
+int Poll(pollfd* fds, int count, int timeout) { return ::WSAPoll(fds, static_cast<ULONG>(count), timeout); }
 constexpr int kShutBoth = SD_BOTH;
 #else
 using Socket = int;
 constexpr Socket kNoSocket = -1;
 void CloseSocket(Socket s) { ::close(s); }
+int Poll(pollfd* fds, int count, int timeout) { return ::poll(fds, static_cast<nfds_t>(count), timeout); }
 constexpr int kShutBoth = SHUT_RDWR;
 #endif
 
 // A request head larger than this is refused: the tour's client never sends one.
 constexpr std::size_t kMaxHead = 64 * 1024;
+
+// Threads wait for their socket in slices this long, and look whether the server is stopping in
+// between: neither system promises that closing or shutting down a socket wakes a thread
+// blocked on it (Wine's does not), and the client may keep an idle connection open for a minute.
+constexpr int kWaitSliceMs = 100;
+
+// True when `s` can be read (or accepted from) without blocking; false after a slice without.
+bool Readable(Socket s) {
+  pollfd entry{};
+  entry.fd = s;
+  entry.events = POLLIN;
+  return Poll(&entry, 1, kWaitSliceMs) > 0;
+}
 
 bool SendAll(Socket s, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -146,21 +163,18 @@ struct TourServer::Impl {
   int port = 0;
   std::thread acceptor;
   std::mutex mutex;
-  bool stopping = false;
+  std::atomic<bool> stopping{false};
   std::vector<Socket> connections;
   std::vector<std::thread> workers;
   std::map<std::string, File> files;
   std::map<std::string, int> requests;
 
   void Accept() {
-    for (;;) {
+    while (!stopping) {
+      if (!Readable(listener)) continue;
       const Socket s = ::accept(listener, nullptr, nullptr);
-      std::lock_guard lock(mutex);
-      if (stopping) {
-        if (s != kNoSocket) CloseSocket(s);
-        return;
-      }
       if (s == kNoSocket) continue;
+      std::lock_guard lock(mutex);
       connections.push_back(s);
       workers.emplace_back([this, s] {
         Serve(s);
@@ -171,17 +185,26 @@ struct TourServer::Impl {
     }
   }
 
+  // Appends what arrives on `s` to `buffer`; false when the client closed the connection or
+  // the server is stopping.
+  bool Receive(Socket s, std::string& buffer) {
+    while (!Readable(s)) {
+      if (stopping) return false;
+    }
+    char chunk[16384];
+    const auto got = ::recv(s, chunk, sizeof chunk, 0);
+    if (got <= 0) return false;
+    buffer.append(chunk, static_cast<std::size_t>(got));
+    return true;
+  }
+
   // Answers requests on one connection until the client closes it or the server stops.
   void Serve(Socket s) {
     std::string buffer;
-    char chunk[16384];
     for (;;) {
       std::size_t head_end;
       while ((head_end = buffer.find("\r\n\r\n")) == std::string::npos) {
-        if (buffer.size() > kMaxHead) return;
-        const auto got = ::recv(s, chunk, sizeof chunk, 0);
-        if (got <= 0) return;
-        buffer.append(chunk, static_cast<std::size_t>(got));
+        if (buffer.size() > kMaxHead || !Receive(s, buffer)) return;
       }
       Request request;
       const bool parsed = ParseHead(buffer.substr(0, head_end), &request);
@@ -201,9 +224,7 @@ struct TourServer::Impl {
         }
         if (remaining > kMaxHead) return;
         while (buffer.size() < remaining) {
-          const auto got = ::recv(s, chunk, sizeof chunk, 0);
-          if (got <= 0) return;
-          buffer.append(chunk, static_cast<std::size_t>(got));
+          if (!Receive(s, buffer)) return;
         }
         buffer.erase(0, static_cast<std::size_t>(remaining));
       }
@@ -288,16 +309,15 @@ TourServer::TourServer() : m_impl(std::make_unique<Impl>()) {
 
 TourServer::~TourServer() {
   Impl& impl = *m_impl;
+  impl.stopping = true;
+  impl.acceptor.join();
   {
+    // Also ends a send to a client that stopped reading.
     std::lock_guard lock(impl.mutex);
-    impl.stopping = true;
-    // Wakes the threads blocked in accept() (closing the socket does on Windows) and recv().
-    ::shutdown(impl.listener, kShutBoth);
     for (Socket s : impl.connections) ::shutdown(s, kShutBoth);
   }
-  CloseSocket(impl.listener);
-  impl.acceptor.join();
   for (std::thread& worker : impl.workers) worker.join();  // each closes its connection
+  CloseSocket(impl.listener);
 #if defined(_WIN32)
   ::WSACleanup();
 #endif
