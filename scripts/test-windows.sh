@@ -50,7 +50,8 @@ if command -v ccache >/dev/null; then
   launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 fi
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-mingw64.cmake" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQ_WINEPREFIX="$WINEPREFIX" "${launcher[@]}" >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQ_WARNINGS_AS_ERRORS=ON -DTQ_WINEPREFIX="$WINEPREFIX" \
+  "${launcher[@]}" >/dev/null
 cmake --build "$build" -j"$(nproc)"
 
 echo "== the Windows package, installed to $build/install"
