@@ -14,7 +14,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(realpath -m "${1:-$root/build-windows}")
 
-"$root/scripts/setup.sh" g++-mingw-w64-x86-64-posix wine wine64
+"$root/scripts/setup.sh" g++-mingw-w64-x86-64-posix wine wine64 googletest
 
 # The first of the programs named that exists (on the PATH or as a full path).
 first_program() {
@@ -70,70 +70,26 @@ cmake -S "$root/tests/consumer" -B "$consumer" -G Ninja -DCMAKE_BUILD_TYPE=RelWi
 cmake --build "$consumer"
 
 ngx="$build/nginx"
+nginx_fixture="$root/tests/support/servers/nginx-fixture.sh"
+trap '"$nginx_fixture" stop "$ngx"' EXIT
 rm -rf "$ngx" "$consumer/run"
-mkdir -p "$ngx/www" "$ngx/logs" "$ngx/tmp" "$consumer/run"
+mkdir -p "$ngx/www" "$consumer/run"
 printf 'hello from nginx\n' >"$ngx/www/hello.txt"
 printf 'stored once, served twice\n' >"$ngx/www/cached.txt"
 printf '0123456789abcdef%.0s' $(seq 65536) >"$ngx/www/big.bin"  # 1 MiB
-nginx_pid=
-stop_nginx() {
-  if [ -n "$nginx_pid" ]; then
-    kill "$nginx_pid" 2>/dev/null || true
-    wait "$nginx_pid" 2>/dev/null || true
-    nginx_pid=
-  fi
-}
-trap stop_nginx EXIT
-# A free port: nginx either binds the one tried or exits at once.
-for attempt in $(seq 20); do
-  port=$((20000 + RANDOM % 40000))
-  cat >"$ngx/nginx.conf" <<EOF
-daemon off;
-master_process off;
-pid $ngx/nginx.pid;
-error_log $ngx/logs/error.log;
-events { worker_connections 64; }
-http {
-  access_log $ngx/logs/access.log;
-  client_body_temp_path $ngx/tmp/body;
-  proxy_temp_path $ngx/tmp/proxy;
-  fastcgi_temp_path $ngx/tmp/fastcgi;
-  uwsgi_temp_path $ngx/tmp/uwsgi;
-  scgi_temp_path $ngx/tmp/scgi;
-  types { text/plain txt; application/octet-stream bin; }
-  server {
-    listen 127.0.0.1:$port;
-    root $ngx/www;
-    add_header Cache-Control "max-age=600";
-  }
-}
-EOF
-  nginx -p "$ngx" -e "$ngx/logs/error.log" -c "$ngx/nginx.conf" </dev/null &
-  nginx_pid=$!
-  for _ in $(seq 50); do
-    if curl -sf -o /dev/null "http://127.0.0.1:$port/hello.txt"; then break 2; fi
-    kill -0 "$nginx_pid" 2>/dev/null || break
-    sleep 0.1
-  done
-  stop_nginx
-done
-if [ -z "$nginx_pid" ]; then
-  echo "test-windows: nginx did not start:" >&2
-  tail -5 "$ngx/logs/error.log" >&2
-  exit 1
-fi
-: >"$ngx/logs/access.log"  # the readiness probe is not counted
+"$nginx_fixture" start "$ngx" 'add_header Cache-Control "max-age=600";'
+port=$(cat "$ngx/port")
 
 WINEPATH=$(windows_path "$prefix/bin") "$wine" "$consumer/consumer.exe" \
   "$(windows_path "$consumer/run/check.txt")" "http://127.0.0.1:$port" \
   "$(windows_path "$consumer/run/cache")" "$(windows_path "$consumer/run/big-copy.bin")"
-requests=$(grep -c '"GET /cached.txt ' "$ngx/logs/access.log" || true)
+requests=$(grep -c '"GET /cached.txt ' "$ngx/access.log" || true)
 if [ "$requests" != 1 ]; then
   echo "test-windows: /cached.txt reached nginx $requests times; the second open must come from the cache" >&2
   exit 1
 fi
 echo "consumer: nginx served /cached.txt once for two opens"
-stop_nginx
+"$nginx_fixture" stop "$ngx"
 
 echo "== the demo's tour under Wine"
 status=0
