@@ -1,6 +1,8 @@
-# cmake --install: the three shared libraries, the public headers, a CMake package
+# cmake --install: the libraries, the public headers, a CMake package
 # (find_package(tqnetwork) gives tqnetwork::tqnetwork, tqnetwork::tqutil, tqnetwork::tqplatform)
-# and a pkg-config file.
+# and a pkg-config file. On Windows: bin/ holds tqutil.dll, tqnetwork.dll and the C++ runtime
+# DLLs they need, lib/ the import libraries; tqplatform names the system's WinINet, URL Moniker
+# and COM libraries.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS tqutil tqplatform tqnetwork
@@ -11,10 +13,16 @@ install(TARGETS tqutil tqplatform tqnetwork
 
 install(DIRECTORY tqutil/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tqutil FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY net/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/net FILES_MATCHING PATTERN "*.h")
-# Only the Windows SDK subset is public in platform/; the rest is its Linux implementation.
-file(GLOB TQ_PLATFORM_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/platform/windows_types.h
-     ${PROJECT_SOURCE_DIR}/platform/wininet.h ${PROJECT_SOURCE_DIR}/platform/urlmon.h)
-install(FILES ${TQ_PLATFORM_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform)
+if(WIN32)
+  install(FILES ${TQ_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
+  set(TQ_PC_LIBS "-ltqnetwork -ltqutil -lwininet -lurlmon -lole32 -luuid")
+else()
+  # Only the Windows SDK subset is public in platform/; the rest is its Linux implementation.
+  install(FILES ${PROJECT_SOURCE_DIR}/platform/windows_types.h
+                ${PROJECT_SOURCE_DIR}/platform/wininet.h ${PROJECT_SOURCE_DIR}/platform/urlmon.h
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform)
+  set(TQ_PC_LIBS "-ltqnetwork -ltqplatform -ltqutil")
+endif()
 
 set(TQ_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tqnetwork)
 install(EXPORT tqnetworkTargets NAMESPACE tqnetwork:: DESTINATION ${TQ_CMAKE_DIR})

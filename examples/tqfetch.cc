@@ -8,8 +8,12 @@
 //   tqfetch cache clear|clean       empties the disk cache, or trims it to its size limit
 //
 // Errors are one line on stderr and a non-zero exit status.
-#include <httplib.h>
+#if defined(_WIN32)
+#include <io.h>
+#include <process.h>
+#else
 #include <unistd.h>
+#endif
 
 #include <cinttypes>
 #include <cstdio>
@@ -30,6 +34,7 @@
 #include "net/http/connection_pool.h"
 #include "net/http/http_init.h"
 #include "net/stream/open_file_or_url.h"
+#include "tour_server.h"
 
 namespace {
 
@@ -61,10 +66,32 @@ Failure Failed(const std::string& what) {
 
 std::wstring Wide(const std::string& text) { return qv::Utf8ToWide(text); }
 
+// A path as UTF-8 text, for printing on either system.
+std::string Text(const fs::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+
+bool StdoutIsTerminal() {
+#if defined(_WIN32)
+  return _isatty(_fileno(stdout)) != 0;
+#else
+  return isatty(1) != 0;
+#endif
+}
+
+int ProcessId() {
+#if defined(_WIN32)
+  return _getpid();
+#else
+  return static_cast<int>(getpid());
+#endif
+}
+
 // Progress as a bar on a terminal; nothing when stdout is a file or a pipe.
 class ProgressBar : public TqUProgress {
  public:
-  explicit ProgressBar(std::string label) : m_label(std::move(label)), m_tty(isatty(1) != 0) {}
+  explicit ProgressBar(std::string label) : m_label(std::move(label)), m_tty(StdoutIsTerminal()) {}
   ~ProgressBar() override {
     if (m_tty && m_shown) std::printf("\n");
   }
@@ -181,79 +208,22 @@ void Download(const std::string& url, const std::string& path) {
 // ---------------------------------------------------------------------------------------------
 // The tour: a local server with a few files, and what the library does with them.
 
-std::string HttpDate(std::time_t t) {
-  char text[64];
-  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", std::gmtime(&t));
-  return text;
+std::string MakeBig() {
+  std::string big(8 << 20, '\0');
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + i % 26);
+  return big;
 }
-
-class TourServer {
- public:
-  TourServer() {
-    m_files["/report.txt"] = {"\"r1\"", "Quarterly report, first draft.\n"};
-    m_files["/big.bin"] = {"\"b1\"", MakeBig()};
-    m_server.Get(R"(/.*)", [this](const httplib::Request& req, httplib::Response& res) {
-      std::lock_guard lock(m_mutex);
-      ++m_requests[req.path];
-      auto it = m_files.find(req.path);
-      if (it == m_files.end()) {
-        res.status = 404;
-        return;
-      }
-      const auto& [etag, body] = it->second;
-      res.set_header("ETag", etag);
-      res.set_header("Date", HttpDate(std::time(nullptr)));  // freshness counts from it
-      res.set_header("Cache-Control", "max-age=600");
-      res.set_header("Last-Modified", "Mon, 02 Nov 2026 10:00:00 GMT");
-      if (req.get_header_value("If-None-Match") == etag) {
-        res.status = 304;
-        return;
-      }
-      res.set_content(body, "application/octet-stream");  // httplib answers Range itself
-    });
-    m_port = m_server.bind_to_any_port("127.0.0.1");
-    m_thread = std::thread([this] { m_server.listen_after_bind(); });
-    // bind_to_any_port already listens: connections queue until the accept loop runs.
-  }
-  ~TourServer() {
-    m_server.stop();
-    m_thread.join();
-  }
-  std::string Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(m_port) + path;
-  }
-  int Requests(const std::string& path) {
-    std::lock_guard lock(m_mutex);
-    return m_requests[path];
-  }
-  void Change(const std::string& path, std::string etag, std::string body) {
-    std::lock_guard lock(m_mutex);
-    m_files[path] = {std::move(etag), std::move(body)};
-  }
-  const std::string& Body(const std::string& path) { return m_files.at(path).second; }
-
- private:
-  static std::string MakeBig() {
-    std::string big(8 << 20, '\0');
-    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + i % 26);
-    return big;
-  }
-  httplib::Server m_server;
-  std::thread m_thread;
-  int m_port = 0;
-  std::mutex m_mutex;
-  std::map<std::string, std::pair<std::string, std::string>> m_files;
-  std::map<std::string, int> m_requests;
-};
 
 void Step(const char* title) { std::printf("\n== %s\n", title); }
 
 void Tour() {
-  const fs::path work = fs::temp_directory_path() / ("tqfetch-tour-" + std::to_string(getpid()));
+  const fs::path work = fs::temp_directory_path() / ("tqfetch-tour-" + std::to_string(ProcessId()));
   fs::create_directories(work);
   TourServer server;
+  server.Put("/report.txt", {"\"r1\"", "Quarterly report, first draft.\n"});
+  server.Put("/big.bin", {"\"b1\"", MakeBig()});
   std::printf("A local server is up at %s\n", server.Url("/").c_str());
-  std::printf("The disk cache lives in %s\n", (work / "cache" / "v1").c_str());
+  std::printf("The disk cache lives in %s\n", Text(work / "cache" / "v1").c_str());
   Library library((work / "cache").wstring().c_str());
 
   const std::string report = server.Url("/report.txt");
@@ -264,7 +234,7 @@ void Tour() {
   std::string body = FetchThroughCache(report);
   std::printf("  read %zu bytes: %s", body.size(), body.c_str());
   std::printf("  entry file %s (%ju bytes), server requests so far: %d\n",
-              entry.filename().c_str(), static_cast<std::uintmax_t>(fs::file_size(entry)),
+              Text(entry.filename()).c_str(), static_cast<std::uintmax_t>(fs::file_size(entry)),
               server.Requests("/report.txt"));
 
   Step("2. Opened again while fresh: served from the entry, no request");
@@ -280,7 +250,7 @@ void Tour() {
               body.size(), server.Requests("/report.txt"));
 
   Step("4. Changed on the server: new tag, stored anew");
-  server.Change("/report.txt", "\"r2\"", "Quarterly report, final version.\n");
+  server.Put("/report.txt", {"\"r2\"", "Quarterly report, final version.\n"});
   TqUSysTime::SetClockForTesting([real_now] { return real_now + 7200; });
   body = FetchThroughCache(report);
   std::printf("  read %zu bytes: %s", body.size(), body.c_str());
@@ -303,10 +273,10 @@ void Tour() {
 
   Step("7. A whole-file download with progress");
   const fs::path copy = work / "big-copy.bin";
-  Download(big, copy.string());
+  Download(big, Text(copy));
   std::ifstream in(copy, std::ios::binary);
   const std::string downloaded((std::istreambuf_iterator<char>(in)), {});
-  std::printf("  %s: %zu bytes, %s\n", copy.filename().c_str(), downloaded.size(),
+  std::printf("  %s: %zu bytes, %s\n", Text(copy.filename()).c_str(), downloaded.size(),
               downloaded == server.Body("/big.bin") ? "identical" : "DIFFERENT");
 
   Step("8. The cache trimmed by CleanUp (limit set to 0 MiB)");

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds and tests with, when any is missing.
+# Installs the Debian packages the project builds and tests with, when any is missing, and the
+# extra packages named as arguments (scripts/test-windows.sh adds MinGW-w64 and Wine).
 # Idempotent: with everything present it changes nothing and makes no network access.
+# Usage: scripts/setup.sh [extra packages...]
 set -euo pipefail
 
 packages=(
@@ -10,6 +12,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcpp-httplib-dev nginx curl openssl ca-certificates
   clang libclang-rt-14-dev
+  "$@"
 )
 
 missing=()

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "tqutil/component.h"
+#include "tqutil/per_thread.h"
 #include "tqutil/strings.h"
 
 namespace {
@@ -53,14 +54,13 @@ struct CurrentLine {
   }
 };
 
-thread_local CurrentLine t_line;
-
 void AppendPiece(std::string_view piece) {
   if (piece.empty()) return;
-  t_line.text.append(piece);
+  CurrentLine& line = qv::PerThread<CurrentLine>();
+  line.text.append(piece);
   if (piece.back() == '\n') {
-    TqULogRecord record{0, "", std::move(t_line.text)};
-    t_line.text.clear();
+    TqULogRecord record{0, "", std::move(line.text)};
+    line.text.clear();
     Deliver(record);
   }
 }

@@ -1,8 +1,13 @@
 // Visibility of tqutil's public symbols (the whole library is the host's public API).
+// On Windows the same declarations serve three kinds of users: tqutil.dll itself
+// (TQUTIL_BUILDING: exported), code linking the objects statically, e.g. the tests
+// (TQUTIL_STATIC: plain declarations, no import thunks), and everyone else (imported).
 #pragma once
 
 #if defined(_WIN32)
-#if defined(TQUTIL_BUILDING)
+#if defined(TQUTIL_STATIC)
+#define TQUTIL_API
+#elif defined(TQUTIL_BUILDING)
 #define TQUTIL_API __declspec(dllexport)
 #else
 #define TQUTIL_API __declspec(dllimport)

@@ -92,6 +92,26 @@ TEST(SysTimeTest, FromFileTimeIsExactAndRoundsDown) {
   EXPECT_EQ(TqUSysTime::FromFileTime(UINT64_MAX), 1844674407370 - 11644473600);
 }
 
+#if defined(_WIN32)
+TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
+  // The variable as it was, back for the tests that run after this one in the process (an
+  // empty value removes it).
+  struct Restore {
+    const wchar_t* before = _wgetenv(L"LOCALAPPDATA");
+    std::wstring local = before != nullptr ? before : L"";
+    ~Restore() { _wputenv_s(L"LOCALAPPDATA", local.c_str()); }
+  } restore;
+  TqUWideStringBuffer dir;
+  _wputenv_s(L"LOCALAPPDATA", L"C:\\Users\\u\\AppData\\Local");
+  ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
+  EXPECT_EQ(dir.View(), L"C:\\Users\\u\\AppData\\Local\\tqnetwork");
+  _wputenv_s(L"LOCALAPPDATA", L"D:\\Local\\");
+  ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
+  EXPECT_EQ(dir.View(), L"D:\\Local\\tqnetwork");
+  _wputenv_s(L"LOCALAPPDATA", L"");
+  EXPECT_FALSE(TqUAppInfo::GetAppDir(0, &dir));
+}
+#else
 TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
   // The variables as they were, back for the tests that run after this one in the process.
   struct Restore {
@@ -120,6 +140,7 @@ TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
   ::unsetenv("HOME");
   EXPECT_FALSE(TqUAppInfo::GetAppDir(0, &dir));
 }
+#endif
 
 using tq::test::LogCapture;
 using Lines = std::vector<std::string>;

@@ -1,47 +1,101 @@
 #include "tests/support/servers/nginx_harness.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#if defined(_WIN32)
+#include <cstdlib>
+#include <random>
+#else
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <chrono>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
+#include "tests/support/servers/sockets.h"
+
 namespace tq::test {
+
+std::string NginxHarness::Url(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(port_) + prefix_ + path;
+}
+
+std::filesystem::path NginxHarness::WriteFile(std::string_view relative,
+                                              std::string_view contents) const {
+  const std::filesystem::path full = root_ / relative;
+  std::filesystem::create_directories(full.parent_path());
+  std::ofstream out(full, std::ios::binary | std::ios::trunc);
+  out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
+  out.close();
+  if (!out) throw std::runtime_error("cannot write " + full.string());
+  return full;
+}
+
+NginxHarness::NginxHarness() : NginxHarness(Options{}) {}
+
+NginxHarness::~NginxHarness() { Stop(); }
+
+#if defined(_WIN32)
+
 namespace {
 
-int FreePort() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  int port = -1;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-    port = ntohs(address.sin_port);
-  }
-  close(fd);
-  return port;
+// The directory of the nginx CTest started, when there is one.
+std::filesystem::path FixtureDirectory() {
+  const wchar_t* dir = _wgetenv(L"TQ_NGINX_DIR");
+  if (dir == nullptr || *dir == L'\0') return {};
+  std::error_code ec;
+  return std::filesystem::exists(std::filesystem::path(dir) / "port", ec) ? dir : L"";
 }
 
-bool Accepts(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  close(fd);
-  return connected;
+}  // namespace
+
+bool NginxHarness::Installed() { return !FixtureDirectory().empty(); }
+
+NginxHarness::NginxHarness(const Options& options) {
+  const std::filesystem::path dir = FixtureDirectory();
+  if (dir.empty()) {
+    error_ = "no nginx: TQ_NGINX_DIR does not name the directory of CTest's nginx fixture";
+    return;
+  }
+  if (!options.server_directives.empty()) {
+    error_ = "server directives need an nginx of the test's own, which a Windows test cannot start";
+    return;
+  }
+  int port = -1;
+  std::ifstream(dir / "port") >> port;
+  if (port <= 0) {
+    error_ = "no port in " + (dir / "port").string();
+    return;
+  }
+  std::random_device entropy;
+  for (int attempt = 0; attempt < 100 && root_.empty(); ++attempt) {
+    const std::string name = "h" + std::to_string(entropy());
+    if (std::filesystem::create_directory(dir / "www" / name)) {
+      root_ = dir / "www" / name;
+      prefix_ = "/" + name;
+    }
+  }
+  if (root_.empty()) {
+    error_ = "cannot make a directory in " + (dir / "www").string();
+    return;
+  }
+  port_ = port;
 }
+
+bool NginxHarness::Start(const Options&, int) { return false; }
+
+void NginxHarness::Stop() {
+  if (root_.empty()) return;
+  std::error_code ignored;
+  std::filesystem::remove_all(root_, ignored);
+}
+
+#else
+
+namespace {
 
 std::string ReadTail(const std::filesystem::path& file) {
   std::ifstream in(file);
@@ -51,18 +105,32 @@ std::string ReadTail(const std::filesystem::path& file) {
   return all.size() > 2000 ? all.substr(all.size() - 2000) : all;
 }
 
+int FreePort() {
+  int port = -1;
+  const sockets::Handle s = sockets::ListenOnLoopback(1, &port);
+  if (s == sockets::kNone) return -1;
+  sockets::Close(s);
+  return port;
+}
+
+bool Accepts(int port) {
+  const sockets::Handle s = sockets::ConnectToLoopback(port);
+  if (s == sockets::kNone) return false;
+  sockets::Close(s);
+  return true;
+}
+
 }  // namespace
 
 bool NginxHarness::Installed() { return access(kBinary, X_OK) == 0; }
 
-NginxHarness::NginxHarness() : NginxHarness(Options{}) {}
-
-NginxHarness::NginxHarness(const Options& options) {
+NginxHarness::NginxHarness(const Options& options) : dir_(std::make_unique<TempDir>()) {
+  root_ = dir_->path() / "www";
   if (!Installed()) {
     error_ = std::string(kBinary) + " is not installed";
     return;
   }
-  std::filesystem::create_directories(root());
+  std::filesystem::create_directories(root_);
   // The port is free when chosen but may be taken before nginx binds it: try a few.
   for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
     const int port = FreePort();
@@ -70,19 +138,8 @@ NginxHarness::NginxHarness(const Options& options) {
   }
 }
 
-NginxHarness::~NginxHarness() { Stop(); }
-
-std::string NginxHarness::Url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + path;
-}
-
-std::filesystem::path NginxHarness::WriteFile(std::string_view relative,
-                                              std::string_view contents) const {
-  return dir_.WriteFile(std::string("www/") + std::string(relative), contents);
-}
-
 bool NginxHarness::Start(const Options& options, int port) {
-  const std::string dir = dir_.path().string();
+  const std::string dir = dir_->path().string();
   std::ostringstream conf;
   conf << "daemon off;\n"
        << "master_process " << (options.master_process ? "on" : "off") << ";\n"
@@ -111,8 +168,8 @@ bool NginxHarness::Start(const Options& options, int port) {
        << "    " << options.server_directives << "\n"
        << "  }\n"
        << "}\n";
-  dir_.WriteFile("nginx.conf", conf.str());
-  std::filesystem::remove(dir_.path() / "error.log");
+  dir_->WriteFile("nginx.conf", conf.str());
+  std::filesystem::remove(dir_->path() / "error.log");
 
   const std::string conf_path = dir + "/nginx.conf";
   const std::string error_log = dir + "/error.log";
@@ -148,18 +205,21 @@ bool NginxHarness::Start(const Options& options, int port) {
 
 void NginxHarness::Stop() {
   if (pid_ <= 0) return;
-  kill(pid_, SIGTERM);
+  const auto pid = static_cast<pid_t>(pid_);
+  kill(pid, SIGTERM);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   for (;;) {
-    if (waitpid(pid_, nullptr, WNOHANG) == pid_) break;
+    if (waitpid(pid, nullptr, WNOHANG) == pid) break;
     if (std::chrono::steady_clock::now() >= deadline) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
       break;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   pid_ = -1;
 }
+
+#endif
 
 }  // namespace tq::test

@@ -2,6 +2,10 @@
 // 127.0.0.1 with an ephemeral port: the real-world peer (ETag, 304, Range and 206, HEAD,
 // keep-alive). Everything it writes (configuration, logs, pid, temporary files) stays in its own
 // temporary directory; it is stopped on destruction.
+// On Windows a test cannot start nginx: CTest starts one for the whole run
+// (tests/support/servers/nginx-fixture.sh) and names its directory in TQ_NGINX_DIR; a harness
+// then serves a directory of its own there, under a path prefix of its own, and cannot take
+// server directives.
 //
 //   tq::test::NginxHarness nginx;
 //   ASSERT_TRUE(nginx.ok()) << nginx.error();
@@ -9,9 +13,8 @@
 //   ... GET nginx.Url("/a.bin") ...
 #pragma once
 
-#include <sys/types.h>
-
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -37,21 +40,23 @@ class NginxHarness {
   NginxHarness(const NginxHarness&) = delete;
   NginxHarness& operator=(const NginxHarness&) = delete;
 
-  bool ok() const { return pid_ > 0; }
+  bool ok() const { return port_ > 0; }
   // Why it did not start (with the tail of nginx's error log).
   const std::string& error() const { return error_; }
   int port() const { return port_; }
   std::string Url(const std::string& path = "/") const;
   // The document root; files written there are served at once.
-  std::filesystem::path root() const { return dir_.path() / "www"; }
+  std::filesystem::path root() const { return root_; }
   std::filesystem::path WriteFile(std::string_view relative, std::string_view contents) const;
 
  private:
   bool Start(const Options& options, int port);
   void Stop();
 
-  TempDir dir_;
-  pid_t pid_ = -1;
+  std::unique_ptr<TempDir> dir_;  // configuration, logs and root (not on Windows)
+  std::filesystem::path root_;
+  std::string prefix_;  // of every URL path (Windows: the harness's own directory)
+  long long pid_ = -1;
   int port_ = -1;
   std::string error_;
 };

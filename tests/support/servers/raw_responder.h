@@ -16,6 +16,8 @@
 #include <string>
 #include <string_view>
 
+#include "tests/support/servers/sockets.h"
+
 namespace tq::test {
 
 class RawConnection {
@@ -36,8 +38,9 @@ class RawConnection {
 
  private:
   friend class RawResponder;
-  RawConnection(int fd, std::size_t index, void* owner) : fd_(fd), index_(index), owner_(owner) {}
-  int fd_;
+  RawConnection(sockets::Handle socket, std::size_t index, void* owner)
+      : socket_(socket), index_(index), owner_(owner) {}
+  sockets::Handle socket_;
   std::size_t index_;
   void* owner_;
   std::string pending_;  // bytes read past the last request

@@ -10,13 +10,6 @@
 namespace tq::test {
 namespace {
 
-bool SameName(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) ==
-                  std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
 // One thread per accepted connection: the test controls how many connections there are, and a
 // fixed pool could starve held answers. Counting enqueued tasks counts accepted connections.
 class ConnectionThreads : public httplib::TaskQueue {
@@ -43,13 +36,6 @@ class ConnectionThreads : public httplib::TaskQueue {
 };
 
 }  // namespace
-
-std::optional<std::string> RecordedRequest::Header(const std::string& name) const {
-  for (const auto& [key, value] : headers) {
-    if (SameName(key, name)) return value;
-  }
-  return std::nullopt;
-}
 
 struct ScriptedServer::Impl {
   std::unique_ptr<httplib::Server> server;

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -11,6 +12,19 @@
 namespace tq::test {
 
 TempDir::TempDir() {
+#if defined(_WIN32)
+  // No mkdtemp: a random name, taken only if nobody has it yet (TMP / TEMP name the base).
+  const std::filesystem::path base = std::filesystem::temp_directory_path();
+  std::random_device entropy;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const std::filesystem::path candidate = base / ("tqtest-" + std::to_string(entropy()));
+    if (std::filesystem::create_directory(candidate)) {
+      path_ = candidate;
+      return;
+    }
+  }
+  throw std::runtime_error("cannot create a temporary directory in " + base.string());
+#else
   const char* base = std::getenv("TMPDIR");
   std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
                         "/tqtest-XXXXXX";
@@ -18,6 +32,7 @@ TempDir::TempDir() {
     throw std::runtime_error("cannot create a temporary directory from " + pattern);
   }
   path_ = pattern;
+#endif
 }
 
 TempDir::~TempDir() {

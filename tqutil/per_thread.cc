@@ -1,0 +1,31 @@
+#include "tqutil/per_thread.h"
+
+#if defined(_WIN32)
+
+#include <windows.h>
+
+#include <system_error>
+
+namespace qv::detail {
+
+unsigned long AllocateThreadSlot(void (*destroy)(void*)) {
+  const DWORD slot = ::FlsAlloc(destroy);
+  if (slot == FLS_OUT_OF_INDEXES) {
+    throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
+                            "FlsAlloc");
+  }
+  return slot;
+}
+
+void* GetThreadSlot(unsigned long slot) { return ::FlsGetValue(slot); }
+
+void SetThreadSlot(unsigned long slot, void* value) {
+  if (!::FlsSetValue(slot, value)) {
+    throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
+                            "FlsSetValue");
+  }
+}
+
+}  // namespace qv::detail
+
+#endif
