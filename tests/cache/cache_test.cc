@@ -4,9 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <signal.h>
+#if !defined(_WIN32)
 #include <sys/stat.h>
-#include <sys/wait.h>
+#endif
 
 #include <condition_variable>
 #include <cstdio>
@@ -19,6 +19,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <gsl/narrow>
@@ -29,6 +30,7 @@
 #include "net/http/wininet_api.h"
 #include "net/stream/open_file_or_url.h"
 #include "tests/cache/cache_test_support.h"
+#include "tests/cache/worker_process.h"
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/nginx_harness.h"
@@ -94,12 +96,6 @@ class CacheTest : public FakeTransportTest {
   ScopedClock m_clock{kDate + 5};
   DiskCache m_cache{m_dir.path().wstring().c_str()};
 };
-
-// The helper built next to this test, in place of the shell: pclose() tells how the helper ended.
-FILE* StartHelper(const std::string& arguments) {
-  const fs::path helper = fs::read_symlink("/proc/self/exe").parent_path() / "cache_worker";
-  return ::popen(("exec '" + helper.string() + "' " + arguments).c_str(), "r");
-}
 
 // Starts from an entry file built by hand, so both reading and writing follow the layout.
 TEST_F(CacheTest, FreshEntriesAreServedAsIsStaleOnesRevalidatedAndNewTagsStored) {
@@ -198,8 +194,11 @@ TEST_F(CacheTest, NoStoreAndErrorsDropTheEntryAndNoShortBodyIsServed) {
 }
 
 TEST_F(CacheTest, ItsDirectoryIsOwnerOnlyAndAnotherUrlsFileOfTheSameNameIsLeftAlone) {
-  // Entry files name the URLs the user opened.
+  // Entry files name the URLs the user opened. On Windows the directory is private by the ACL it
+  // inherits under %LOCALAPPDATA%; permission bits there only say whether a file is read-only.
+#if !defined(_WIN32)
   EXPECT_EQ(fs::status(m_cache.Directory()).permissions() & fs::perms::all, fs::perms::owner_all);
+#endif
   const std::string foreign = EntryBytes(1, kNever, "", "http://other.test/collides", "theirs");
   WriteFileBytes(EntryPath(), foreign);
   m_api.Queue(Ok("ours", L"max-age=60", L"\"a\""));
@@ -207,6 +206,7 @@ TEST_F(CacheTest, ItsDirectoryIsOwnerOnlyAndAnotherUrlsFileOfTheSameNameIsLeftAl
   m_api.Queue(Ok("ours again", L"max-age=60", L"\"a\""));
   EXPECT_EQ(Open(), "ours again");
   EXPECT_EQ(ReadFileBytes(EntryPath()), foreign);
+#if !defined(_WIN32)
   // So are the entry files themselves, whatever the umask lets through.
   const mode_t umask = ::umask(022);
   m_api.Queue(Ok("stored", L"max-age=60", L"\"a\""));
@@ -214,6 +214,7 @@ TEST_F(CacheTest, ItsDirectoryIsOwnerOnlyAndAnotherUrlsFileOfTheSameNameIsLeftAl
   ::umask(umask);
   EXPECT_EQ(fs::status(EntryPath(L"http://example.test/other")).permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write);
+#endif
 }
 
 TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
@@ -334,13 +335,57 @@ TEST_F(CacheTest, AFailedOrThrowingReadAndAnOverlongTagOrKeyLeaveNoEntryAndNoTem
   }
 }
 
+// Running under Wine: its ntdll exports wine_get_version, Windows' does not.
+bool UnderWine() {
+#if defined(_WIN32)
+  const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
+  return ntdll && ::GetProcAddress(ntdll, "wine_get_version");
+#else
+  return false;
+#endif
+}
+
+// The log less the line Wine's WinINet causes and Windows' does not: Wine refuses
+// INTERNET_OPTION_MAX_CONNS_PER_SERVER on a connection handle (12016), which the library logs for
+// each connection it opens, and goes on. Elsewhere the log is whole.
+std::string TextBeyondWine(const LogCapture& log) {
+  std::string text;
+  for (const std::string& line : log.Lines()) {
+    if (UnderWine() && line == "WinInet: InternetSetOption(INTERNET_OPTION_MAX_CONNS_PER_SERVER, "
+                               "4) failed with code 12016\n") {
+      continue;
+    }
+    text += line;
+  }
+  return text;
+}
+
+// A symbolic link to a file. MinGW's std::filesystem has none on Windows; there it is a reparse
+// point made by CreateSymbolicLinkW (unprivileged where the system allows it).
+void PlantLink(const fs::path& target, const fs::path& link) {
+#if defined(_WIN32)
+  constexpr DWORD kUnprivileged = 0x2;  // SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE
+  if (!::CreateSymbolicLinkW(link.c_str(), target.c_str(), kUnprivileged)) {
+    throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
+                            "CreateSymbolicLinkW");
+  }
+#else
+  fs::create_symlink(target, link);
+#endif
+}
+
 // A link planted in the directory is not a file of the cache: its target's size is not counted
 // and a clean-up never reads or deletes through it.
 TEST_F(CacheTest, CleanUpNeitherCountsNorFollowsALinkInTheDirectory) {
   Limit(1);
   TempDir outside;
   const fs::path big = outside.WriteFile("big", std::string(2 * 1048576, 'x'));
-  fs::create_symlink(big, m_cache.Directory() / "planted");
+  PlantLink(big, m_cache.Directory() / "planted");
+#if defined(_WIN32)
+  if (UnderWine() && !fs::exists(fs::symlink_status(m_cache.Directory() / "planted"))) {
+    GTEST_SKIP() << "Wine difference: CreateSymbolicLinkW reports success and makes no link";
+  }
+#endif
   Entry("entry", kDate, kNever, 1000);
   EXPECT_TRUE(m_cache.CleanUp());
   EXPECT_EQ(Remaining(), (Names{"entry", "planted"}));
@@ -402,10 +447,10 @@ TEST_F(CacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims
 TEST_F(CacheTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBody) {
   m_api.SetResponder(ChurnResponder(7));
   Limit(0);  // each clean-up deletes what it can
-  const std::string arguments = "churn '" + m_dir.path().string() + "' 150";
-  FILE* first = StartHelper(arguments);
-  FILE* second = StartHelper(arguments);
-  ASSERT_TRUE(first && second);
+  const std::vector<std::string> arguments = {"churn", m_dir.path().string(), "150"};
+  WorkerProcess first(arguments);
+  WorkerProcess second(arguments);
+  ASSERT_TRUE(first.ok() && second.ok());
   std::vector<std::future<ChurnResult>> runs;
   for (int t = 0; t < 4; ++t) {
     runs.push_back(std::async(std::launch::async,
@@ -416,12 +461,10 @@ TEST_F(CacheTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBody) {
     EXPECT_EQ(r.torn, 0);
     EXPECT_GT(r.served, 0);
   }
-  for (FILE* child : {first, second}) {
-    char summary[64] = "";
-    EXPECT_NE(std::fgets(summary, sizeof summary, child), nullptr);
-    EXPECT_THAT(summary, ::testing::StartsWith("served "));
-    const int status = ::pclose(child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  for (WorkerProcess* child : {&first, &second}) {
+    EXPECT_THAT(child->ReadLine(), ::testing::StartsWith("served "));
+    const WorkerProcess::End end = child->Finish();
+    EXPECT_TRUE(end.exited && end.status == 0) << "status " << end.status;
   }
   EXPECT_THAT(Remaining(".tmp"), IsEmpty());
 }
@@ -431,13 +474,13 @@ TEST_F(CacheTest, AProcessKilledInTheMiddleOfAStoreLeavesTheOldEntryReadable) {
   const std::string old_bytes = EntryBytes(1, 2, "\"old\"", "http://churn.test/resource", "old");
   WriteFileBytes(entry_path, old_bytes);
 
-  FILE* child = StartHelper("kill-mid-store '" + m_dir.path().string() + "'");
-  ASSERT_NE(child, nullptr);
+  WorkerProcess child({"kill-mid-store", m_dir.path().string()});
+  ASSERT_TRUE(child.ok());
   int pid = 0;
-  ASSERT_EQ(std::fscanf(child, "storing %d", &pid), 1);
-  ::kill(pid, SIGKILL);
-  const int status = ::pclose(child);
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  ASSERT_EQ(std::sscanf(child.ReadLine().c_str(), "storing %d", &pid), 1);
+  child.SetReportedPid(pid);
+  child.Kill();
+  EXPECT_TRUE(child.Finish().killed);
 
   // The half-written body is in the temporary file, never under the entry's name.
   EXPECT_EQ(Remaining(".tmp").size(), 1u);
@@ -570,7 +613,7 @@ TEST(CacheNginxTest, StoredServedFreshWithoutRequestRevalidatedWith304AndReplace
   EXPECT_EQ(open(url), v2);
   EXPECT_EQ(api.headers.size(), 3u);
   EXPECT_FALSE(fs::exists(fs::path(entry_path) += ".tmp"));
-  EXPECT_EQ(log.Text(), "");
+  EXPECT_EQ(TextBeyondWine(log), "");
 }
 
 }  // namespace

@@ -5,7 +5,11 @@
 //   kill-mid-store <dir>       starts storing a new body for the URL, prints "storing <pid>" once
 //                              part of it is written, and blocks until it is killed.
 // Exit status 0 means every body it saw was whole.
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <unistd.h>
+#endif
 
 #include <atomic>
 #include <cstdio>
@@ -20,10 +24,28 @@
 
 namespace {
 
+int ProcessId() {
+#if defined(_WIN32)
+  return static_cast<int>(::GetCurrentProcessId());
+#else
+  return static_cast<int>(::getpid());
+#endif
+}
+
+[[noreturn]] void BlockForever() {
+  for (;;) {
+#if defined(_WIN32)
+    ::Sleep(INFINITE);
+#else
+    ::pause();
+#endif
+  }
+}
+
 int Churn(const std::wstring& directory, int iterations) {
   tq::test::FakeHttpApi api;
   qv::net::SetHttpApi(&api);
-  api.SetResponder(tq::test::ChurnResponder(static_cast<unsigned>(::getpid())));
+  api.SetResponder(tq::test::ChurnResponder(static_cast<unsigned>(ProcessId())));
   qv::net::DiskCache cache(directory.c_str());
   const tq::test::ChurnResult result = tq::test::RunChurn(cache, iterations, 0);
   qv::net::HttpConnectionPool::Terminate();
@@ -42,9 +64,9 @@ int KillMidStore(const std::wstring& directory) {
   std::atomic<int> reads{0};
   api.on_read = [&] {
     if (++reads == 2) {  // the first chunk is in the temporary file
-      std::printf("storing %d\n", static_cast<int>(::getpid()));
+      std::printf("storing %d\n", ProcessId());
       std::fflush(stdout);
-      for (;;) ::pause();
+      BlockForever();
     }
   };
   tq::test::FakeResponse response;
