@@ -16,3 +16,4 @@
 #include "tqutil/sys_time.h"
 #include "tqutil/url.h"
 #include "tqutil/memory_pages.h"
+#include "tqutil/per_thread.h"

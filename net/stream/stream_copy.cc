@@ -36,7 +36,7 @@ void LogUrlFailure(const char* prefix, const std::wstring& url, const std::excep
 // released instead of kept.
 class CopyBuffer {
  public:
-  CopyBuffer() : m_memory(std::move(t_kept)) {
+  CopyBuffer() : m_memory(std::move(Kept())) {
     if (!m_memory) m_memory = qv::AllocateZeroed(kCopyChunkSize);
   }
   CopyBuffer(const CopyBuffer&) = delete;
@@ -48,18 +48,23 @@ class CopyBuffer {
   // The copy ended without an exception: the buffer is cleared and kept for the thread's next
   // copy (a copy nested in this one may have kept its own meanwhile; one is enough).
   void GiveBack() noexcept {
-    if (t_kept) return;
+    qv::ZeroedMemory& kept = Kept();
+    if (kept) return;
     qv::RezeroMemory(m_memory, m_used);
-    t_kept = std::move(m_memory);
+    kept = std::move(m_memory);
   }
 
  private:
-  static thread_local qv::ZeroedMemory t_kept;
+  // The thread's kept buffer. Not a thread_local member: MinGW frees emulated thread-local
+  // storage before such destructors run, so the buffer would be freed through freed memory.
+  struct KeptBuffer {
+    qv::ZeroedMemory memory;
+  };
+  static qv::ZeroedMemory& Kept() { return qv::PerThread<KeptBuffer>().memory; }
+
   qv::ZeroedMemory m_memory;
   std::size_t m_used = 0;
 };
-
-thread_local qv::ZeroedMemory CopyBuffer::t_kept;
 
 }  // namespace
 
