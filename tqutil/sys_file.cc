@@ -503,7 +503,7 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
                                              std::uint32_t share, std::uint32_t creation,
                                              std::uint32_t reserved1,
                                              std::uint32_t reserved2) const {
-  if (m_error) return TqUSysFile::kInvalid;
+  if (m_error || name == nullptr || name[0] == 0) return TqUSysFile::kInvalid;
   return TqUSysFile::OpenFile(m_path / name, access, share, creation, reserved1, reserved2);
 }
 

@@ -413,6 +413,7 @@ TEST(SysFileTest, DirectoryListsOpensAndRemovesByNameAndBadHandlesAreRefused) {
   WriteText(dir / "file", "12345");
   EXPECT_FALSE(Reader(dir.Path())) << "a directory is not a file";
   EXPECT_EQ(F::OpenFile(dir / "file", 0, 1, 3, 1, 0), nullptr) << "reserved value";
+  EXPECT_EQ(TqUSysDirectory(dir.Path()).OpenFile(nullptr, 0, 1, 3, 0, 0), nullptr) << "no name";
   char buffer[4];
   std::uint64_t n = 0;
   EXPECT_FALSE(F::ReadFile(nullptr, buffer, 4, &n));
@@ -423,7 +424,8 @@ TEST(SysFileTest, DirectoryListsOpensAndRemovesByNameAndBadHandlesAreRefused) {
   EXPECT_FALSE(F::CloseFile(h));
 
   // Where no symbolic link can be made (Wine), the rest is checked without them.
-  const bool links = MakeLink(dir / "file", dir / "link") && MakeLink(dir / "missing", dir / "dangling");
+  const bool links =
+      MakeLink(dir / "file", dir / "link") && MakeLink(dir / "missing", dir / "dangling");
   if (!links) std::printf("no links: %s\n", NoLinkReason());
   const auto name = [](const char* text) { return Path(text); };
 
