@@ -368,6 +368,12 @@ TEST(SysFileTest, OnlyRegularFilesOpenWithoutWaiting) {
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 #endif
 
+    // A read-only stale temporary file does not block its name.
+    WriteText(dir / "stale.tmp", "stale");
+    std::filesystem::permissions(dir / "stale.tmp", std::filesystem::perms::owner_read);
+    EXPECT_TRUE(opener.Opens("stale.tmp", F::kAccessWrite, F::kShareNone, F::kCreateAlways));
+    EXPECT_EQ(std::filesystem::file_size(dir / "stale.tmp"), 0u);
+
     // A directory at a temporary name is neither removed nor opened.
     std::filesystem::create_directory(dir / "sub.tmp");
     EXPECT_FALSE(opener.Opens("sub.tmp", F::kAccessWrite, F::kShareNone, F::kCreateAlways));
