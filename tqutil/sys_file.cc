@@ -541,10 +541,20 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
 }
 
 bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
-  const std::filesystem::file_status status = std::filesystem::symlink_status(m_path / name, ec);
-  if (!std::filesystem::status_known(status)) return false;
-  ec.clear();  // "not found" is an answer, not an error
-  return std::filesystem::exists(status);
+  ec.clear();
+  if (m_error) {
+    ec = m_error;
+    return false;
+  }
+  // The attributes of what lies at the name itself: a link, even one that leads nowhere, has
+  // its own (MinGW's symlink_status asks what the link leads to).
+  const std::filesystem::path path = m_path / name;
+  if (::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) return true;
+  const DWORD error = ::GetLastError();
+  if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+    ec = std::error_code(static_cast<int>(error), std::system_category());
+  }
+  return false;
 }
 
 bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {

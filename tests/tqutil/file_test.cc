@@ -364,8 +364,9 @@ TEST(SysFileTest, OnlyRegularFilesOpenWithoutWaiting) {
     EXPECT_EQ(ReadText(target), "precious");
 #if !defined(_WIN32)  // Windows files have access lists, not modes
     // Created for the owner alone, whatever the umask lets through.
-    EXPECT_EQ(std::filesystem::status(dir / "entry.tmp").permissions() & std::filesystem::perms::all,
-              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    using std::filesystem::perms;
+    EXPECT_EQ(std::filesystem::status(dir / "entry.tmp").permissions() & perms::all,
+              perms::owner_read | perms::owner_write);
 #endif
 
     // A read-only stale temporary file does not block its name.
@@ -373,6 +374,8 @@ TEST(SysFileTest, OnlyRegularFilesOpenWithoutWaiting) {
     std::filesystem::permissions(dir / "stale.tmp", std::filesystem::perms::owner_read);
     EXPECT_TRUE(opener.Opens("stale.tmp", F::kAccessWrite, F::kShareNone, F::kCreateAlways));
     EXPECT_EQ(std::filesystem::file_size(dir / "stale.tmp"), 0u);
+    // Writable again, so that the directory can be removed however the open went.
+    std::filesystem::permissions(dir / "stale.tmp", std::filesystem::perms::owner_all);
 
     // A directory at a temporary name is neither removed nor opened.
     std::filesystem::create_directory(dir / "sub.tmp");
