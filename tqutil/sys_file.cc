@@ -274,17 +274,50 @@ bool IsPlainFile(HANDLE file) {
   return (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0;
 }
 
-// Frees `path` for a file created anew: whatever lies there (a stale file, a link) is deleted,
-// the link itself and never what it leads to, unless an open holds it (the sharing then
-// refuses the deleting open, and the caller is refused at once). True when the path is free.
-bool RemoveStale(const wchar_t* path) {
-  HANDLE old = ::CreateFileW(path, DELETE | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_EXISTING,
-                             FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-  if (old == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
+// Not named by MinGW's headers (Windows 10 1809 and later).
+constexpr auto kFileDispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);
+
+// Marks the open `file` to be deleted when closed, a read-only one too: a stale file that is
+// read-only (planted, or left so) must not block its name for ever, as it does not on POSIX.
+bool MarkForDeletion(HANDLE file) {
+  FILE_DISPOSITION_INFO_EX ex = {};
+  ex.Flags = FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE;
+  if (::SetFileInformationByHandle(file, kFileDispositionInfoEx, &ex, sizeof(ex))) return true;
   FILE_DISPOSITION_INFO disposition = {};
   disposition.DeleteFile = TRUE;
-  const bool deleted = ::SetFileInformationByHandle(old, FileDispositionInfo, &disposition,
-                                                    sizeof(disposition)) != 0;
+  if (::SetFileInformationByHandle(file, FileDispositionInfo, &disposition, sizeof(disposition))) {
+    return true;
+  }
+  // Older systems (and Wine) delete no read-only file: the flag goes first, and comes back if
+  // the file stays after all.
+  FILE_BASIC_INFO basic = {};
+  if (::GetLastError() != ERROR_ACCESS_DENIED ||
+      !::GetFileInformationByHandleEx(file, FileBasicInfo, &basic, sizeof(basic)) ||
+      (basic.FileAttributes & FILE_ATTRIBUTE_READONLY) == 0) {
+    return false;
+  }
+  const DWORD attributes = basic.FileAttributes;
+  FILE_BASIC_INFO change = {};  // times of 0: left as they are
+  change.FileAttributes = attributes & ~FILE_ATTRIBUTE_READONLY;
+  if (change.FileAttributes == 0) change.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+  if (!::SetFileInformationByHandle(file, FileBasicInfo, &change, sizeof(change))) return false;
+  if (::SetFileInformationByHandle(file, FileDispositionInfo, &disposition, sizeof(disposition))) {
+    return true;
+  }
+  change.FileAttributes = attributes;
+  ::SetFileInformationByHandle(file, FileBasicInfo, &change, sizeof(change));
+  return false;
+}
+
+// Frees `path` for a file created anew: whatever lies there (a stale file, a link) is deleted,
+// the link itself and never what it leads to, unless an open holds it (the sharing then
+// refuses the deleting open, and the caller is refused at once). A directory is left alone
+// (opening one needs FILE_FLAG_BACKUP_SEMANTICS). True when the path is free.
+bool RemoveStale(const wchar_t* path) {
+  HANDLE old = ::CreateFileW(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, 0,
+                             nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (old == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
+  const bool deleted = MarkForDeletion(old);
   ::CloseHandle(old);  // the last handle: the name goes with it
   return deleted;
 }
@@ -503,15 +536,25 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
                                              std::uint32_t share, std::uint32_t creation,
                                              std::uint32_t reserved1,
                                              std::uint32_t reserved2) const {
-  if (m_error) return TqUSysFile::kInvalid;
+  if (m_error || name == nullptr || name[0] == 0) return TqUSysFile::kInvalid;
   return TqUSysFile::OpenFile(m_path / name, access, share, creation, reserved1, reserved2);
 }
 
 bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
-  const std::filesystem::file_status status = std::filesystem::symlink_status(m_path / name, ec);
-  if (!std::filesystem::status_known(status)) return false;
-  ec.clear();  // "not found" is an answer, not an error
-  return std::filesystem::exists(status);
+  ec.clear();
+  if (m_error) {
+    ec = m_error;
+    return false;
+  }
+  // The attributes of what lies at the name itself: a link, even one that leads nowhere, has
+  // its own (MinGW's symlink_status asks what the link leads to).
+  const std::filesystem::path path = m_path / name;
+  if (::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) return true;
+  const DWORD error = ::GetLastError();
+  if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+    ec = std::error_code(static_cast<int>(error), std::system_category());
+  }
+  return false;
 }
 
 bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
