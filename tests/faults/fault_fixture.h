@@ -5,11 +5,14 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#if !defined(_WIN32)
 #include <signal.h>
 #include <sys/resource.h>
+#endif
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,9 +22,11 @@
 #include "net/http/http_init.h"
 #include "net/host/platform.h"
 #include "net/stream/read_stream.h"
-#include "platform/fault_injection.h"
+#if !defined(_WIN32)
 #include "platform/urlmon_internal.h"
 #include "platform/wininet_session.h"
+#endif
+#include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/raw_responder.h"
 
@@ -36,10 +41,23 @@ class FaultTest : public ::testing::Test {
 
   void SetUp() override {
     // Process-wide (null handle): inherited by every handle any layer makes.
+#if defined(_WIN32)
+    // WinINet's process-wide values, put back afterwards. Wine cannot query them without a
+    // handle; then the documented defaults are put back.
+    for (const DWORD option : kTimeoutOptions) {
+      DWORD ms = 0, length = sizeof ms;
+      if (!InternetQueryOptionW(nullptr, option, &ms, &length)) {
+        ms = option == INTERNET_OPTION_SEND_TIMEOUT ? 30'000 : 60'000;
+      }
+      previous_timeouts_.push_back(ms);
+    }
+#endif
     SetTimeout(INTERNET_OPTION_RECEIVE_TIMEOUT, kReceiveTimeoutMs);
     SetTimeout(INTERNET_OPTION_SEND_TIMEOUT, kReceiveTimeoutMs);
     SetTimeout(INTERNET_OPTION_CONNECT_TIMEOUT, 2000);
+#if !defined(_WIN32)
     previous_limits_ = tqplatform::SetUrlDownloadLimitsForTesting({2000, kReceiveTimeoutMs});
+#endif
     previous_sleep_ = qv::net::detail::SetRetrySleepForTesting(
         [this](std::chrono::milliseconds wait) {
           std::lock_guard lock(mutex_);
@@ -53,10 +71,16 @@ class FaultTest : public ::testing::Test {
     qv::net::TerminateHttp();
     TqPlatformClearFaults();
     qv::net::detail::SetRetrySleepForTesting(std::move(previous_sleep_));
+#if defined(_WIN32)
+    for (std::size_t i = 0; i < previous_timeouts_.size(); ++i) {
+      SetTimeout(kTimeoutOptions[i], previous_timeouts_[i]);
+    }
+#else
     tqplatform::SetUrlDownloadLimitsForTesting(previous_limits_);
     SetTimeout(INTERNET_OPTION_RECEIVE_TIMEOUT, tqplatform::kDefaultReceiveTimeoutMs);
     SetTimeout(INTERNET_OPTION_SEND_TIMEOUT, tqplatform::kDefaultSendTimeoutMs);
     SetTimeout(INTERNET_OPTION_CONNECT_TIMEOUT, tqplatform::kDefaultConnectTimeoutMs);
+#endif
   }
 
   std::vector<std::chrono::milliseconds> TakeSleeps() {
@@ -84,7 +108,14 @@ class FaultTest : public ::testing::Test {
   std::mutex mutex_;
   std::vector<std::chrono::milliseconds> sleeps_;
   qv::net::detail::RetrySleepFunction previous_sleep_;
+#if defined(_WIN32)
+  static constexpr DWORD kTimeoutOptions[] = {INTERNET_OPTION_RECEIVE_TIMEOUT,
+                                              INTERNET_OPTION_SEND_TIMEOUT,
+                                              INTERNET_OPTION_CONNECT_TIMEOUT};
+  std::vector<DWORD> previous_timeouts_;
+#else
   tqplatform::UrlDownloadLimits previous_limits_;
+#endif
 };
 
 enum class Fault {
@@ -189,19 +220,33 @@ class FaultResponder {
   RawResponder responder_;  // last: its threads stop before the state goes
 };
 
-// A disk that fills up, for one scope: past the process's file-size limit (RLIMIT_FSIZE)
-// write(2) writes what fits and then fails as on a full disk, without root or a mount; SIGXFSZ
-// is ignored so the write fails instead of the signal ending the process. Process-wide, so it is
-// held only around one call while no other thread of the test writes files.
+// A disk that fills up, for one scope, held only around one call while no other thread of the
+// test writes files (it is process-wide).
+#if defined(_WIN32)
+// The fault shim lets no file the library writes grow past the limit: a write writes what fits,
+// the next fails with ERROR_DISK_FULL.
 class FileSizeLimit {
  public:
-  explicit FileSizeLimit(rlim_t bytes) {
+  explicit FileSizeLimit(std::uint64_t bytes) { SetFileSizeLimitForTesting(bytes); }
+  ~FileSizeLimit() { ClearFileSizeLimitForTesting(); }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+  bool ok() const { return true; }
+};
+#else
+// Past the process's file-size limit (RLIMIT_FSIZE) write(2) writes what fits and then fails as
+// on a full disk, without root or a mount; SIGXFSZ is ignored so the write fails instead of the
+// signal ending the process.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(std::uint64_t bytes) {
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     have_action_ = sigaction(SIGXFSZ, &ignore, &previous_action_) == 0;
     have_limit_ = getrlimit(RLIMIT_FSIZE, &previous_limit_) == 0;
     rlimit limit = previous_limit_;
-    limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? bytes : std::min(bytes, limit.rlim_max);
+    const rlim_t wanted = static_cast<rlim_t>(bytes);
+    limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
     ok_ = have_action_ && have_limit_ && setrlimit(RLIMIT_FSIZE, &limit) == 0;
   }
   ~FileSizeLimit() {
@@ -215,5 +260,6 @@ class FileSizeLimit {
   struct sigaction previous_action_ {};
   rlimit previous_limit_{};
 };
+#endif
 
 }  // namespace tq::test

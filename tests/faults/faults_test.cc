@@ -208,7 +208,8 @@ TEST_F(CacheFaultTest, ADiskThatFillsUpDuringAStoreLeavesNoTornEntryAndNoStoreIs
   server.Route("/big", ScriptedResponse(200, previous).Header("ETag", "\"v0\""));
   ASSERT_EQ(Summary(Open(url)), Summary(previous));
   server.Route("/big", ScriptedResponse(200, body).Header("ETag", "\"v1\""));
-  for (const rlim_t limit : {rlim_t{0}, rlim_t{100000}, rlim_t{256 * 1024 + 20}}) {
+  for (const std::uint64_t limit :
+       {std::uint64_t{0}, std::uint64_t{100000}, std::uint64_t{256 * 1024 + 20}}) {
     SCOPED_TRACE("file size limit " + std::to_string(limit));
     log_.Clear();
     std::optional<std::string> served;
@@ -298,7 +299,7 @@ TEST_F(FileProtocolFaultTest, RangedReadsEndInMinusOneOrAShortCountWithTheirMess
 
 std::vector<std::string> Names(const fs::path& directory) {
   std::vector<std::string> names;
-  for (const auto& e : fs::directory_iterator(directory)) names.push_back(e.path().filename());
+  for (const auto& e : fs::directory_iterator(directory)) names.push_back(e.path().filename().string());
   return names;
 }
 
@@ -324,6 +325,7 @@ TEST_F(FileProtocolFaultTest, AFailedDownloadOrAFullDiskKeepsTheOldFileAndLeaves
   ASSERT_TRUE(server.ok());
   server.Route("/big", ScriptedResponse(200, body));
   const std::wstring url = W(server.Url("/big"));
+#if !defined(_WIN32)  // on Windows the URL Moniker writes the file, out of the shim's reach
   for (const std::uint64_t limit : {std::uint64_t{0}, std::uint64_t{64 * 1024},
                                     std::uint64_t{512 * 1024 - 1}}) {
     SCOPED_TRACE("file size limit " + std::to_string(limit));
@@ -337,6 +339,7 @@ TEST_F(FileProtocolFaultTest, AFailedDownloadOrAFullDiskKeepsTheOldFileAndLeaves
     EXPECT_TRUE(ReadFileBytes(target) == old_contents);
     EXPECT_THAT(Names(dir.path()), ElementsAre("keep.bin"));
   }
+#endif
   EXPECT_TRUE(protocol_->GetFile(url.c_str(), wide_target.c_str(), nullptr));
   EXPECT_TRUE(ReadFileBytes(target) == body) << "with room the download replaces the file whole";
   EXPECT_THAT(Names(dir.path()), ElementsAre("keep.bin"));

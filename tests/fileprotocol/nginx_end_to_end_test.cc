@@ -94,8 +94,13 @@ TEST_F(NginxFileProtocolTest, RandomRangesOnFourThreadsReturnExactlyTheFilesByte
 }
 
 TEST_F(NginxFileProtocolTest, FileInformationAndGetFileMatchWhatNginxServes) {
+#if defined(_WIN32)
+  struct _stat64 st {};
+  ASSERT_EQ(_wstat64((nginx_->root() / "data" / "file.bin").c_str(), &st), 0);
+#else
   struct stat st {};
   ASSERT_EQ(stat((nginx_->root() / "data" / "file.bin").c_str(), &st), 0);
+#endif
   char etag[64];
   std::snprintf(etag, sizeof etag, "\"%llx-%llx\"", static_cast<unsigned long long>(st.st_mtime),
                 static_cast<unsigned long long>(st.st_size));

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "net/fileprotocol/http_file_protocol.h"
-#include "platform/fault_injection.h"
+#include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
 
 namespace tq::test {

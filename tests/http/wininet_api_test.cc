@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "platform/fault_injection.h"
+#include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/scripted_server.h"
 

@@ -1,0 +1,240 @@
+// Windows only: the test-only fault shim behind tests/support/fault_injection.h.
+//
+// The library's objects, linked statically into the tests, call WinINet (and WriteFile) through
+// the import pointers __imp_<Function>. Defining those pointers here, in an object linked before
+// the import libraries, makes the objects call the shim instead; the shim forwards to the real
+// wininet.dll (found with GetProcAddress) unless a fault is armed. Nothing references the import
+// libraries' own thunks for these functions, so their members are never linked and the pointers
+// are defined once.
+#if defined(_WIN32)
+
+#include "tests/support/fault_injection.h"
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+enum Function : int {
+  kInternetOpenW,
+  kInternetConnectW,
+  kInternetSetOptionW,
+  kHttpOpenRequestW,
+  kHttpSendRequestW,
+  kHttpQueryInfoW,
+  kInternetReadFile,
+  kInternetCloseHandle,
+  kFunctionCount
+};
+
+constexpr std::array<const char*, kFunctionCount> kNames = {
+    "InternetOpenW",    "InternetConnectW", "InternetSetOptionW", "HttpOpenRequestW",
+    "HttpSendRequestW", "HttpQueryInfoW",   "InternetReadFile",   "InternetCloseHandle"};
+
+struct Fault {
+  DWORD error = 0;
+  unsigned skip = 0;
+  unsigned fail = 0;
+  unsigned failures = 0;
+};
+
+struct FaultTable {
+  std::mutex mutex;
+  std::array<Fault, kFunctionCount> faults;
+  std::atomic<bool> armed{false};  // lets the common case (nothing armed) skip the lock
+};
+
+FaultTable& Table() {
+  static FaultTable table;
+  return table;
+}
+
+int IndexOf(const char* name) {
+  if (name == nullptr) return -1;
+  for (int i = 0; i < kFunctionCount; ++i) {
+    if (std::strcmp(kNames[static_cast<std::size_t>(i)], name) == 0) return i;
+  }
+  return -1;
+}
+
+// The error to fail the call with, or 0 to forward it.
+DWORD TakeFault(Function function) {
+  FaultTable& table = Table();
+  if (!table.armed.load(std::memory_order_acquire)) return 0;
+  std::lock_guard lock(table.mutex);
+  Fault& fault = table.faults[function];
+  if (fault.error == 0 || fault.fail == 0) return 0;
+  if (fault.skip > 0) {
+    --fault.skip;
+    return 0;
+  }
+  if (fault.fail != kTqPlatformFaultForever) --fault.fail;
+  ++fault.failures;
+  return fault.error;
+}
+
+// The real function of wininet.dll. A missing one ends the test program: every test would
+// otherwise fail for a reason far from here.
+template <class F>
+F Real(const char* name) {
+  static const HMODULE wininet = LoadLibraryW(L"wininet.dll");
+  FARPROC proc = wininet != nullptr ? GetProcAddress(wininet, name) : nullptr;
+  if (proc == nullptr) {
+    std::fprintf(stderr, "wininet fault shim: wininet.dll has no %s\n", name);
+    std::abort();
+  }
+  return reinterpret_cast<F>(reinterpret_cast<void*>(proc));
+}
+
+#define TQ_REAL(name) \
+  static const auto real = Real<decltype(&::name)>(#name)
+
+HINTERNET WINAPI ShimInternetOpenW(LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass,
+                                   DWORD flags) {
+  if (const DWORD error = TakeFault(kInternetOpenW)) return SetLastError(error), nullptr;
+  TQ_REAL(InternetOpenW);
+  return real(agent, access, proxy, bypass, flags);
+}
+
+HINTERNET WINAPI ShimInternetConnectW(HINTERNET internet, LPCWSTR server, INTERNET_PORT port,
+                                      LPCWSTR user, LPCWSTR password, DWORD service, DWORD flags,
+                                      DWORD_PTR context) {
+  if (const DWORD error = TakeFault(kInternetConnectW)) return SetLastError(error), nullptr;
+  TQ_REAL(InternetConnectW);
+  return real(internet, server, port, user, password, service, flags, context);
+}
+
+WINBOOL WINAPI ShimInternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer,
+                                      DWORD length) {
+  if (const DWORD error = TakeFault(kInternetSetOptionW)) return SetLastError(error), FALSE;
+  TQ_REAL(InternetSetOptionW);
+  return real(internet, option, buffer, length);
+}
+
+HINTERNET WINAPI ShimHttpOpenRequestW(HINTERNET connection, LPCWSTR verb, LPCWSTR object,
+                                      LPCWSTR version, LPCWSTR referrer, LPCWSTR* accept_types,
+                                      DWORD flags, DWORD_PTR context) {
+  if (const DWORD error = TakeFault(kHttpOpenRequestW)) return SetLastError(error), nullptr;
+  TQ_REAL(HttpOpenRequestW);
+  return real(connection, verb, object, version, referrer, accept_types, flags, context);
+}
+
+WINBOOL WINAPI ShimHttpSendRequestW(HINTERNET request, LPCWSTR headers, DWORD headers_length,
+                                    LPVOID optional, DWORD optional_length) {
+  if (const DWORD error = TakeFault(kHttpSendRequestW)) return SetLastError(error), FALSE;
+  TQ_REAL(HttpSendRequestW);
+  return real(request, headers, headers_length, optional, optional_length);
+}
+
+WINBOOL WINAPI ShimHttpQueryInfoW(HINTERNET request, DWORD level, LPVOID buffer, LPDWORD length,
+                                  LPDWORD index) {
+  if (const DWORD error = TakeFault(kHttpQueryInfoW)) return SetLastError(error), FALSE;
+  TQ_REAL(HttpQueryInfoW);
+  return real(request, level, buffer, length, index);
+}
+
+WINBOOL WINAPI ShimInternetReadFile(HINTERNET file, LPVOID buffer, DWORD size, LPDWORD read) {
+  if (const DWORD error = TakeFault(kInternetReadFile)) return SetLastError(error), FALSE;
+  TQ_REAL(InternetReadFile);
+  return real(file, buffer, size, read);
+}
+
+WINBOOL WINAPI ShimInternetCloseHandle(HINTERNET handle) {
+  if (const DWORD error = TakeFault(kInternetCloseHandle)) return SetLastError(error), FALSE;
+  TQ_REAL(InternetCloseHandle);
+  return real(handle);
+}
+
+// No limit while negative.
+std::atomic<std::int64_t> g_file_size_limit{-1};
+
+// A disk file grows at most to the limit; pipes, consoles and sockets (no file position) and
+// overlapped writes pass.
+WINBOOL WINAPI ShimWriteFile(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD written,
+                             LPOVERLAPPED overlapped) {
+  TQ_REAL(WriteFile);
+  const std::int64_t limit = g_file_size_limit.load(std::memory_order_acquire);
+  LARGE_INTEGER position{};
+  if (limit < 0 || overlapped != nullptr || GetFileType(file) != FILE_TYPE_DISK ||
+      !SetFilePointerEx(file, LARGE_INTEGER{}, &position, FILE_CURRENT)) {
+    return real(file, buffer, size, written, overlapped);
+  }
+  if (size > 0 && position.QuadPart >= limit) {
+    if (written != nullptr) *written = 0;
+    SetLastError(ERROR_DISK_FULL);
+    return FALSE;
+  }
+  const std::int64_t room = limit - position.QuadPart;
+  const DWORD fits = room < static_cast<std::int64_t>(size) ? static_cast<DWORD>(room) : size;
+  return real(file, buffer, fits, written, nullptr);
+}
+
+#undef TQ_REAL
+
+}  // namespace
+
+// The import pointers the library's objects call through.
+extern "C" {
+decltype(&::InternetOpenW) __imp_InternetOpenW = ShimInternetOpenW;
+decltype(&::InternetConnectW) __imp_InternetConnectW = ShimInternetConnectW;
+decltype(&::InternetSetOptionW) __imp_InternetSetOptionW = ShimInternetSetOptionW;
+decltype(&::HttpOpenRequestW) __imp_HttpOpenRequestW = ShimHttpOpenRequestW;
+decltype(&::HttpSendRequestW) __imp_HttpSendRequestW = ShimHttpSendRequestW;
+decltype(&::HttpQueryInfoW) __imp_HttpQueryInfoW = ShimHttpQueryInfoW;
+decltype(&::InternetReadFile) __imp_InternetReadFile = ShimInternetReadFile;
+decltype(&::InternetCloseHandle) __imp_InternetCloseHandle = ShimInternetCloseHandle;
+decltype(&::WriteFile) __imp_WriteFile = ShimWriteFile;
+}
+
+extern "C" {
+
+BOOL TqPlatformInjectFault(const char* function_name, DWORD error, unsigned fail_count,
+                           unsigned skip_count) {
+  const int index = IndexOf(function_name);
+  if (index < 0 || error == 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  FaultTable& table = Table();
+  std::lock_guard lock(table.mutex);
+  Fault& fault = table.faults[static_cast<std::size_t>(index)];
+  fault = Fault{error, skip_count, fail_count, fault.failures};
+  table.armed.store(true, std::memory_order_release);
+  return TRUE;
+}
+
+void TqPlatformClearFaults() {
+  FaultTable& table = Table();
+  std::lock_guard lock(table.mutex);
+  table.faults.fill(Fault{});
+  table.armed.store(false, std::memory_order_release);
+}
+
+unsigned TqPlatformInjectedFailures(const char* function_name) {
+  const int index = IndexOf(function_name);
+  if (index < 0) return 0;
+  FaultTable& table = Table();
+  std::lock_guard lock(table.mutex);
+  return table.faults[static_cast<std::size_t>(index)].failures;
+}
+
+}  // extern "C"
+
+namespace tq::test {
+
+void SetFileSizeLimitForTesting(std::uint64_t bytes) {
+  const std::uint64_t most = static_cast<std::uint64_t>(INT64_MAX);
+  g_file_size_limit.store(static_cast<std::int64_t>(bytes < most ? bytes : most),
+                          std::memory_order_release);
+}
+
+void ClearFileSizeLimitForTesting() { g_file_size_limit.store(-1, std::memory_order_release); }
+
+}  // namespace tq::test
+
+#endif  // _WIN32
