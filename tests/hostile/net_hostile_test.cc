@@ -19,6 +19,7 @@
 #include "net/stream/stream_copy.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/raw_responder.h"
+#include "tests/support/wine.h"
 
 namespace {
 
@@ -98,7 +99,7 @@ TEST_F(HostileNet, AHugeAnnouncedLengthReadsTheBodyIntoMemoryWithoutReservingIt)
     EXPECT_LE(bytes.capacity(), qv::net::kMostReservedUpFront);
     qv::net::HttpConnectionPool::Terminate();
   }
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 }
 
 // Regression: a header value holding a bare CR (an entity tag a server sent, kept and sent back)
@@ -157,7 +158,7 @@ TEST_F(HostileNet, AStopDuringARetryAfterPauseEndsItAndSendsNothingMore) {
   EXPECT_FALSE(stream->Succeeded());
   qv::net::HttpConnectionPool::Terminate();
   EXPECT_EQ(requests, 1);
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 }
 
 }  // namespace
@@ -167,6 +168,11 @@ namespace {
 // Regression: a stop requested while the answer's headers were awaited was heard only when
 // the receive time-out ended the wait; the watcher closes the request handle at once.
 TEST_F(HostileNet, AStopWhileHeadersAreAwaitedEndsTheSendThroughTheRealTransport) {
+  if (tq::test::IsWine()) {
+    // Wine's InternetCloseHandle does not end a call blocked on the handle in another thread:
+    // the send waits for its receive time-out (30 s) whatever the watcher does.
+    GTEST_SKIP() << "Wine difference: closing a request handle does not cancel a blocked send";
+  }
   std::latch asked(1);
   tq::test::RawResponder responder([&](tq::test::RawConnection& connection) {
     if (connection.ReadRequestHead().empty()) return;
@@ -184,7 +190,7 @@ TEST_F(HostileNet, AStopWhileHeadersAreAwaitedEndsTheSendThroughTheRealTransport
   EXPECT_FALSE(stream->IsOpen());
   EXPECT_FALSE(stream->Succeeded());
   EXPECT_EQ(responder.connection_count(), 1u);
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 }
 
 }  // namespace
