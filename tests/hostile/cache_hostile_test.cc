@@ -7,9 +7,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#endif
 
 #include <chrono>
 #include <filesystem>
@@ -28,11 +32,33 @@
 #include "tests/cache/cache_test_support.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/temp_dir.h"
+#include "tests/support/wine.h"
 
 namespace tq::test {
 namespace {
 
 namespace fs = std::filesystem;
+
+bool IsLink(const fs::path& path) {
+#ifdef _WIN32
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+#else
+  return fs::is_symlink(path);
+#endif
+}
+
+// Plants a symbolic link (on Windows a reparse point); false where none can be made.
+bool PlantLink(const fs::path& target, const fs::path& link) {
+#ifdef _WIN32
+  return CreateSymbolicLinkW(link.c_str(), target.c_str(),
+                             SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE) != 0 &&
+         IsLink(link);
+#else
+  fs::create_symlink(target, link);  // throws if it cannot: POSIX always can
+  return true;
+#endif
+}
 
 constexpr std::int64_t kServerTime = 1'700'000'000;  // the Date below
 constexpr const char* kDate = "Tue, 14 Nov 2023 22:13:20 GMT";
@@ -132,13 +158,17 @@ TEST_F(HostileCache, LinksPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTheirTar
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     for (const auto& item : fs::directory_iterator(Directory())) fs::remove(item.path());
-    fs::create_symlink(c.target, c.link);
+    if (!PlantLink(c.target, c.link)) {
+      // Wine 8 makes no reparse points; Windows makes them for a privileged or developer-mode
+      // user only. The cache's refusal of them cannot be seen without one.
+      GTEST_SKIP() << "no symbolic link can be planted here" << (IsWine() ? " (Wine)" : "");
+    }
     const std::size_t requests = m_server.Heads().size();
     EXPECT_EQ(Open(url), "from the server");
     EXPECT_EQ(m_server.Heads().size(), requests + 1);
     EXPECT_EQ(ReadFileBytes(c.target), c.target_bytes);
     // The store put an entry of its own in the link's place.
-    EXPECT_FALSE(fs::is_symlink(EntryPath(url)));
+    EXPECT_FALSE(IsLink(EntryPath(url)));
     // The transport may leave its terminator at the end of the tag.
     EXPECT_THAT(qv::net::CacheEntry::Load(EntryPath(url)).ETag(),
                 ::testing::StartsWith("\"from the server\""));
@@ -147,6 +177,8 @@ TEST_F(HostileCache, LinksPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTheirTar
   }
 }
 
+#ifndef _WIN32
+// FIFOs are POSIX's: Windows has no named pipe in a directory of files.
 // A FIFO at the entry's name made the open wait for a writer forever. Each open runs on a
 // thread whose wait is bounded, so that the old behaviour fails instead of hanging; the FIFO's
 // write end, opened and closed, then lets the thread finish.
@@ -168,6 +200,8 @@ TEST_F(HostileCache, AFifoPlantedAtAnEntryOrItsTemporaryFileNeverHangsAnOpen) {
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(EntryPath(url))));
   }
 }
+
+#endif  // _WIN32
 
 // A tag with a bare CR, stored in the entry, would end "If-None-Match" early and put what
 // follows it on a line of its own.

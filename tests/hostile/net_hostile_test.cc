@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
-#include <latch>
+#include "tests/support/latch.h"
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -19,6 +19,7 @@
 #include "net/stream/stream_copy.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/raw_responder.h"
+#include "tests/support/wine.h"
 
 namespace {
 
@@ -98,7 +99,7 @@ TEST_F(HostileNet, AHugeAnnouncedLengthReadsTheBodyIntoMemoryWithoutReservingIt)
     EXPECT_LE(bytes.capacity(), qv::net::kMostReservedUpFront);
     qv::net::HttpConnectionPool::Terminate();
   }
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 }
 
 // Regression: a header value holding a bare CR (an entity tag a server sent, kept and sent back)
@@ -135,7 +136,7 @@ TEST_F(HostileNet, AValueHoldingCrOrLfNeverReachesTheWire) {
 // Regression: a stop during a Retry-After pause was heard only once the pause (up to 30 s) was
 // over, and the request was sent again first.
 TEST_F(HostileNet, AStopDuringARetryAfterPauseEndsItAndSendsNothingMore) {
-  std::latch answered(1);
+  tq::test::Latch answered(1);
   std::atomic<int> requests{0};
   tq::test::RawResponder responder([&](tq::test::RawConnection& connection) {
     while (!connection.ReadRequestHead().empty()) {
@@ -157,7 +158,7 @@ TEST_F(HostileNet, AStopDuringARetryAfterPauseEndsItAndSendsNothingMore) {
   EXPECT_FALSE(stream->Succeeded());
   qv::net::HttpConnectionPool::Terminate();
   EXPECT_EQ(requests, 1);
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 }
 
 }  // namespace
@@ -167,7 +168,12 @@ namespace {
 // Regression: a stop requested while the answer's headers were awaited was heard only when
 // the receive time-out ended the wait; the watcher closes the request handle at once.
 TEST_F(HostileNet, AStopWhileHeadersAreAwaitedEndsTheSendThroughTheRealTransport) {
-  std::latch asked(1);
+  if (tq::test::IsWine()) {
+    // Wine's InternetCloseHandle does not end a call blocked on the handle in another thread:
+    // the send waits for its receive time-out (30 s) whatever the watcher does.
+    GTEST_SKIP() << "Wine difference: closing a request handle does not cancel a blocked send";
+  }
+  tq::test::Latch asked(1);
   tq::test::RawResponder responder([&](tq::test::RawConnection& connection) {
     if (connection.ReadRequestHead().empty()) return;
     asked.count_down();
@@ -184,7 +190,7 @@ TEST_F(HostileNet, AStopWhileHeadersAreAwaitedEndsTheSendThroughTheRealTransport
   EXPECT_FALSE(stream->IsOpen());
   EXPECT_FALSE(stream->Succeeded());
   EXPECT_EQ(responder.connection_count(), 1u);
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <latch>
+#include "tests/support/latch.h"
 #include <set>
 #include <vector>
 
@@ -54,7 +54,7 @@ TEST_F(ConnectionPoolTest, OneConnectionPerServerAndCredentialsClosedOnceFailure
 
 TEST_F(ConnectionPoolTest, ConcurrentFirstCallsShareOnePoolAndOneConnection) {
   constexpr int kThreads = 8;
-  std::latch start(kThreads);
+  tq::test::Latch start(kThreads);
   std::vector<std::future<void*>> results;
   for (int i = 0; i < kThreads; ++i) {
     results.push_back(std::async(std::launch::async, [&start] {

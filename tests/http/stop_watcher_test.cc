@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <future>
-#include <latch>
+#include "tests/support/latch.h"
 #include <thread>
 #include <vector>
 
@@ -19,7 +19,7 @@ using qv::net::detail::StopWatch;
 
 TEST(StopWatcherTest, AStopRunsTheActionOnceOnAnotherThreadAndAFinishedWatchNeverRunsIt) {
   qv::stop_source source;
-  std::latch ran(1);
+  tq::test::Latch ran(1);
   std::atomic<int> runs{0};
   std::thread::id runner;
   StopWatch watch(source.get_token(), [&] {
@@ -45,7 +45,7 @@ TEST(StopWatcherTest, AStopRunsTheActionOnceOnAnotherThreadAndAFinishedWatchNeve
   early.request_stop();
   qv::stop_source later;
   later.request_stop();
-  std::latch later_ran(1);
+  tq::test::Latch later_ran(1);
   StopWatch after(later.get_token(), [&] { later_ran.count_down(); });
   later_ran.wait();
   EXPECT_TRUE(after.Finish());
@@ -58,7 +58,7 @@ TEST(StopWatcherTest, AStopRunsTheActionOnceOnAnotherThreadAndAFinishedWatchNeve
 
 TEST(StopWatcherTest, FinishWaitsForARunningActionAndTheThreadRestartsAfterShutdown) {
   qv::stop_source source;
-  std::latch started(1);
+  tq::test::Latch started(1);
   std::promise<void> release;
   std::atomic<bool> ended{false};
   StopWatch watch(source.get_token(), [&] {
@@ -80,7 +80,7 @@ TEST(StopWatcherTest, FinishWaitsForARunningActionAndTheThreadRestartsAfterShutd
   ShutdownStopWatcher();
   qv::stop_source again;
   again.request_stop();
-  std::latch ran(1);
+  tq::test::Latch ran(1);
   StopWatch restarted(again.get_token(), [&] { ran.count_down(); });
   ran.wait();
   EXPECT_TRUE(restarted.Finish());
@@ -99,7 +99,7 @@ TEST(StopWatcherTest, SendWatchRacingAStopClosesTheHandleExactlyOnce) {
     qv::stop_source source;
     const qv::stop_token token = source.get_token();
     std::atomic<int> closes{0};
-    std::latch go(2);
+    tq::test::Latch go(2);
     std::thread stopper([&] {
       go.arrive_and_wait();
       source.request_stop();

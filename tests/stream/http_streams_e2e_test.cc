@@ -23,6 +23,7 @@
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
+#include "tests/support/wine.h"
 
 namespace {
 
@@ -109,12 +110,12 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeAHeadFirstOpenA404AndAsyncO
     ASSERT_NE(stream, nullptr);
     EXPECT_TRUE(ReadAll(*stream) == Pattern(10000 + i)) << i;
   }
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 
   auto empty = qv::net::OpenFileOrUrl(Wide(nginx.Url("/missing.bin")), 0, {});
   ASSERT_NE(empty, nullptr) << "a 404 is an empty stream";
   EXPECT_EQ(ReadAll(*empty), "");
-  EXPECT_THAT(m_log.Lines(), ElementsAre("Error: HTTP Response 404 for GET " +
+  EXPECT_THAT(tq::test::LinesBeyondWine(m_log), ElementsAre("Error: HTTP Response 404 for GET " +
                                          nginx.Url("/missing.bin") + "\n"));
   EXPECT_TRUE(Sleeps().empty());
 }
@@ -141,7 +142,7 @@ TEST_F(HttpStreamsEndToEndTest, ScriptedServerRetryAfterUpTo30SecondsAndA304ToAC
   refused.reset();
   EXPECT_THAT(Sleeps(), ElementsAre(2s)) << "31 s is not waited";
   EXPECT_EQ(server.request_count(), 2u + 1u);
-  EXPECT_THAT(m_log.Lines(),
+  EXPECT_THAT(tq::test::LinesBeyondWine(m_log),
               ElementsAre("Error: HTTP Response 429 for GET " + server.Url("/refuse") + "\n"));
 
   m_log.Clear();
@@ -153,7 +154,7 @@ TEST_F(HttpStreamsEndToEndTest, ScriptedServerRetryAfterUpTo30SecondsAndA304ToAC
   EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::NotModified);
   EXPECT_EQ(ReadAll(*stream), "");
   stream.reset();
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
   // Our keep-alive connections go first, so that the server stops without waiting for them.
   qv::net::HttpConnectionPool::Terminate();
 }
@@ -169,10 +170,20 @@ struct SignallingTarget : qv::io::IDataWriteStream {
   std::string bytes;
 };
 
+// The server sends a first part, then holds the rest until released. WinINet's read on a
+// synchronous request returns only when the buffer is full or the answer ends, so there the first
+// part fills one whole chunk of the copy; the Linux layer returns what has arrived.
+#ifdef _WIN32
+constexpr std::size_t kFirstPart = qv::net::kCopyChunkSize;
+#else
+constexpr std::size_t kFirstPart = 1000;
+#endif
+
 TEST_F(HttpStreamsEndToEndTest, AStopFromAnotherThreadEndsACopyBetweenChunks) {
   tq::test::RawResponder responder([](tq::test::RawConnection& connection) {
     connection.ReadRequestHead();
-    connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 2000\r\n\r\n" + std::string(1000, 'a'));
+    connection.Send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kFirstPart + 1000) +
+                    "\r\n\r\n" + std::string(kFirstPart, 'a'));
     connection.Stall();
     connection.Send(std::string(1000, 'b'));
   });
@@ -191,8 +202,8 @@ TEST_F(HttpStreamsEndToEndTest, AStopFromAnotherThreadEndsACopyBetweenChunks) {
   copier.join();
   EXPECT_FALSE(result.completed);
   EXPECT_EQ(result.bytes_copied, target.bytes.size());
-  EXPECT_GE(result.bytes_copied, 1000u);
-  EXPECT_EQ(m_log.Text(), "");
+  EXPECT_GE(result.bytes_copied, kFirstPart);
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 }
 
 TEST_F(HttpStreamsEndToEndTest, BadInputEndsInNullOrEmptyNeverACrash) {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <latch>
+#include "tests/support/latch.h"
 #include <string>
 #include <thread>
 #include <vector>
@@ -219,7 +219,7 @@ TEST_F(HttpReadStreamTest, AStopDuringABlockedSendCancelsItAndEndsWithoutAReques
     const int closes = m_api.CloseCount();
     const int sends = m_api.CountCalls("Send");
     qv::stop_source source;
-    std::latch blocked(1);
+    tq::test::Latch blocked(1);
     m_api.OnBlocked([&] { blocked.count_down(); });
     m_api.Queue(Blocking());
     // The GET after a cancelled HEAD is still made once, and closed at once.
@@ -268,7 +268,7 @@ TEST_F(HttpReadStreamTest, AStopDuringARetryPauseEndsItWithoutAnotherSend) {
   // so before or during the pause, which must end either way.
   qv::net::detail::SetRetrySleepForTesting({});
   qv::stop_source source;
-  std::latch answered(1);
+  tq::test::Latch answered(1);
   m_api.on_status = [&] { answered.count_down(); };
   m_api.Queue(Status(429).Header(L"Retry-After", L"30"));
   std::thread user([&] {

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <latch>
+#include "tests/support/latch.h"
 #include <memory>
 #include <string>
 #include <stdexcept>
@@ -132,7 +132,7 @@ TEST_F(OpenFileOrUrlAsyncTest, AStopCancelsASendBlockedOnAWorker) {
   tq::test::FakeResponse blocking;
   blocking.block_until_closed = true;
   m_api.Queue(blocking);
-  std::latch blocked(1);
+  tq::test::Latch blocked(1);
   m_api.OnBlocked([&] { blocked.count_down(); });
   qv::stop_source stop;
   auto cancelled = OpenFileOrUrlAsync(L"http://example.test/slow", 0, stop.get_token());

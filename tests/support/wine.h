@@ -1,0 +1,49 @@
+// Running under Wine, and the log lines that Wine's WinINet causes and Windows' does not
+// (tests/WINDOWS.md). A test that meets such a difference tolerates exactly that line, and only
+// under Wine; on Linux and on Windows its expectation stays whole.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
+#include "tests/support/log_capture.h"
+
+namespace tq::test {
+
+// True in a Windows program run by Wine: Wine's ntdll exports wine_get_version, Windows' does not.
+inline bool IsWine() {
+#ifdef _WIN32
+  static const bool wine = [] {
+    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    return ntdll != nullptr && GetProcAddress(ntdll, "wine_get_version") != nullptr;
+  }();
+  return wine;
+#else
+  return false;
+#endif
+}
+
+// Wine refuses INTERNET_OPTION_MAX_CONNS_PER_SERVER on a connection handle (12016), which the
+// library logs once for each connection handle it opens, and goes on.
+inline constexpr const char* kWineMaxConnsLine =
+    "WinInet: InternetSetOption(INTERNET_OPTION_MAX_CONNS_PER_SERVER, 4) failed with code 12016\n";
+
+// The captured lines, less the known Wine lines when running under Wine; elsewhere all of them.
+inline std::vector<std::string> LinesBeyondWine(const LogCapture& log) {
+  std::vector<std::string> lines = log.Lines();
+  if (IsWine()) std::erase(lines, std::string(kWineMaxConnsLine));
+  return lines;
+}
+
+// The same lines, concatenated.
+inline std::string TextBeyondWine(const LogCapture& log) {
+  std::string text;
+  for (const std::string& line : LinesBeyondWine(log)) text += line;
+  return text;
+}
+
+}  // namespace tq::test
