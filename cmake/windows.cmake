@@ -52,6 +52,8 @@ find_program(TQ_WINE NAMES wine64 PATHS /usr/lib/wine /usr/lib64/wine NO_CMAKE_F
 if(NOT TQ_WINE)
   find_program(TQ_WINE NAMES wine NO_CMAKE_FIND_ROOT_PATH)
 endif()
+find_program(TQ_WINESERVER NAMES wineserver64 wineserver PATHS /usr/lib/wine /usr/lib64/wine
+             NO_CMAKE_FIND_ROOT_PATH)
 if(DEFINED ENV{WINEPREFIX} AND NOT "$ENV{WINEPREFIX}" STREQUAL "")
   set(tq_default_prefix "$ENV{WINEPREFIX}")
 else()

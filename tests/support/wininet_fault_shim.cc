@@ -78,21 +78,21 @@ DWORD TakeFault(Function function) {
   return fault.error;
 }
 
-// The real function of wininet.dll. A missing one ends the test program: every test would
-// otherwise fail for a reason far from here.
+// The real function of the system's DLL (wininet.dll, or kernel32.dll for WriteFile). A
+// missing one ends the test program: every test would otherwise fail for a reason far from here.
 template <class F>
-F Real(const char* name) {
-  static const HMODULE wininet = LoadLibraryW(L"wininet.dll");
-  FARPROC proc = wininet != nullptr ? GetProcAddress(wininet, name) : nullptr;
+F Real(const wchar_t* module_name, const char* name) {
+  const HMODULE module = LoadLibraryW(module_name);
+  FARPROC proc = module != nullptr ? GetProcAddress(module, name) : nullptr;
   if (proc == nullptr) {
-    std::fprintf(stderr, "wininet fault shim: wininet.dll has no %s\n", name);
+    std::fprintf(stderr, "wininet fault shim: %ls has no %s\n", module_name, name);
     std::abort();
   }
   return reinterpret_cast<F>(reinterpret_cast<void*>(proc));
 }
 
 #define TQ_REAL(name) \
-  static const auto real = Real<decltype(&::name)>(#name)
+  static const auto real = Real<decltype(&::name)>(L"wininet.dll", #name)
 
 HINTERNET WINAPI ShimInternetOpenW(LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass,
                                    DWORD flags) {
@@ -157,7 +157,7 @@ std::atomic<std::int64_t> g_file_size_limit{-1};
 // overlapped writes pass.
 WINBOOL WINAPI ShimWriteFile(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD written,
                              LPOVERLAPPED overlapped) {
-  TQ_REAL(WriteFile);
+  static const auto real = Real<decltype(&::WriteFile)>(L"kernel32.dll", "WriteFile");
   const std::int64_t limit = g_file_size_limit.load(std::memory_order_acquire);
   LARGE_INTEGER position{};
   if (limit < 0 || overlapped != nullptr || GetFileType(file) != FILE_TYPE_DISK ||
