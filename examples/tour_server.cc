@@ -116,10 +116,10 @@ enum class RangeKind { kNone, kSatisfiable, kUnsatisfiable };
 RangeKind ParseRange(const std::string& value, std::uint64_t size, std::uint64_t* first,
                      std::uint64_t* last) {
   if (value.rfind("bytes=", 0) != 0 || value.find(',') != std::string::npos) return RangeKind::kNone;
-  const std::string spec = value.substr(6);
-  const std::size_t dash = spec.find('-');
+  const std::string range = value.substr(6);
+  const std::size_t dash = range.find('-');
   if (dash == std::string::npos) return RangeKind::kNone;
-  const std::string a = spec.substr(0, dash), b = spec.substr(dash + 1);
+  const std::string a = range.substr(0, dash), b = range.substr(dash + 1);
   auto number = [](const std::string& text, std::uint64_t* out) {
     if (text.empty() || text.size() > 18 ||
         !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
