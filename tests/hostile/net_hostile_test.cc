@@ -18,21 +18,13 @@
 #include "net/stream/read_stream.h"
 #include "net/stream/stream_copy.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/read_all.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/wine.h"
 
 namespace {
 
 std::wstring Wide(const std::string& text) { return qv::Utf8ToWide(text); }
-
-std::string ReadAll(qv::io::IDataReadStream& stream) {
-  std::string text;
-  std::vector<char> buffer(64 * 1024);
-  while (const std::uint64_t n = stream.Read(buffer.data(), buffer.size())) {
-    text.append(buffer.data(), n);
-  }
-  return text;
-}
 
 // Answers every request on the connection with the same bytes.
 tq::test::RawResponder::Script Answer(std::string bytes) {
@@ -68,14 +60,14 @@ TEST_F(HostileNet, DifferingContentLengthsServeNothing) {
 
   auto stream = qv::net::HttpReadStream::Open(url, 0, {});
   EXPECT_FALSE(stream->Succeeded());
-  EXPECT_EQ(ReadAll(*stream), "");
+  EXPECT_EQ(tq::test::ReadAll(*stream), "");
   stream.reset();
 
   // Without a cache the URL is read into memory: nothing of the body comes out (an empty
   // stream, as for any answer that is not used, or none at all).
   auto opened = qv::net::OpenFileOrUrl(url, 0, {});
   if (opened) {
-    EXPECT_EQ(ReadAll(*opened), "");
+    EXPECT_EQ(tq::test::ReadAll(*opened), "");
   }
 }
 

@@ -19,6 +19,7 @@
 #include "net/stream/stream_copy.h"
 #include "net/stream/thread_pool.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/read_all.h"
 #include "tests/support/servers/gate.h"
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/raw_responder.h"
@@ -38,15 +39,6 @@ std::string Pattern(std::size_t size) {
   std::string bytes(size, '\0');
   for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 7 + i / 251) % 256);
   return bytes;
-}
-
-std::string ReadAll(qv::io::IDataReadStream& stream) {
-  std::string text;
-  std::vector<char> buffer(64 * 1024);
-  while (const std::uint64_t n = stream.Read(buffer.data(), buffer.size())) {
-    text.append(buffer.data(), n);
-  }
-  return text;
 }
 
 class HttpStreamsEndToEndTest : public ::testing::Test {
@@ -95,7 +87,7 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeAHeadFirstOpenA404AndAsyncO
   auto head_first = HttpReadStream::Open(url, HttpReadStream::FlagMakeHeadRequest, {});
   EXPECT_TRUE(head_first->Succeeded());
   EXPECT_EQ(head_first->ContentSize(), body.size());
-  EXPECT_TRUE(ReadAll(*head_first) == body);
+  EXPECT_TRUE(tq::test::ReadAll(*head_first) == body);
   head_first.reset();
 
   qv::net::ExchangeWorkerThreadPool(std::make_unique<qv::net::thread_pool>(4u));
@@ -108,13 +100,13 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeAHeadFirstOpenA404AndAsyncO
   for (int i = 0; i < 8; ++i) {
     auto stream = futures[i].get();
     ASSERT_NE(stream, nullptr);
-    EXPECT_TRUE(ReadAll(*stream) == Pattern(10000 + i)) << i;
+    EXPECT_TRUE(tq::test::ReadAll(*stream) == Pattern(10000 + i)) << i;
   }
   EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 
   auto empty = qv::net::OpenFileOrUrl(Wide(nginx.Url("/missing.bin")), 0, {});
   ASSERT_NE(empty, nullptr) << "a 404 is an empty stream";
-  EXPECT_EQ(ReadAll(*empty), "");
+  EXPECT_EQ(tq::test::ReadAll(*empty), "");
   EXPECT_THAT(tq::test::LinesBeyondWine(m_log), ElementsAre("Error: HTTP Response 404 for GET " +
                                          nginx.Url("/missing.bin") + "\n"));
   EXPECT_TRUE(Sleeps().empty());
@@ -135,7 +127,7 @@ TEST_F(HttpStreamsEndToEndTest, ScriptedServerRetryAfterUpTo30SecondsAndA304ToAC
   });
 
   auto busy = HttpReadStream::Open(Wide(server.Url("/busy")), 0, {});
-  EXPECT_EQ(ReadAll(*busy), "finally");
+  EXPECT_EQ(tq::test::ReadAll(*busy), "finally");
   busy.reset();
   auto refused = HttpReadStream::Open(Wide(server.Url("/refuse")), 0, {});
   EXPECT_EQ(refused->QueryStatusCode(), HttpStatus::TooManyRequests);
@@ -152,7 +144,7 @@ TEST_F(HttpStreamsEndToEndTest, ScriptedServerRetryAfterUpTo30SecondsAndA304ToAC
   EXPECT_TRUE(stream->IsOpen());
   EXPECT_FALSE(stream->Succeeded());
   EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::NotModified);
-  EXPECT_EQ(ReadAll(*stream), "");
+  EXPECT_EQ(tq::test::ReadAll(*stream), "");
   stream.reset();
   EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
   // Our keep-alive connections go first, so that the server stops without waiting for them.
@@ -215,7 +207,7 @@ TEST_F(HttpStreamsEndToEndTest, BadInputEndsInNullOrEmptyNeverACrash) {
   // Nothing listens there: the connection is made lazily, so the send fails: an empty stream.
   auto refused = qv::net::OpenFileOrUrl(L"http://127.0.0.1:1/x", 0, {});
   ASSERT_NE(refused, nullptr);
-  EXPECT_EQ(ReadAll(*refused), "");
+  EXPECT_EQ(tq::test::ReadAll(*refused), "");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include "net/http/http_status.h"
 #include "tests/support/fake_transport_fixture.h"
+#include "tests/support/read_all.h"
 
 namespace {
 
@@ -32,13 +33,6 @@ FakeResponse Status(std::uint32_t status) {
   FakeResponse response;
   response.status = status;
   return response;
-}
-
-std::string ReadAll(HttpReadStream& stream) {
-  std::string body;
-  char buffer[64];
-  while (const std::uint64_t n = stream.Read(buffer, sizeof buffer)) body.append(buffer, n);
-  return body;
 }
 
 class HttpReadStreamTest : public tq::test::FakeTransportTest {};
@@ -63,7 +57,7 @@ TEST_F(HttpReadStreamTest, HeadFirstLearnsTheSizeTagAndAFailedHeadIsIgnoredSilen
   m_api.Queue(Status(200).Body("payload"));
   auto refused_head = HttpReadStream::Open(kUrl, HttpReadStream::FlagMakeHeadRequest, {});
   EXPECT_FALSE(refused_head->ContentSize().has_value()) << "a size from a 405 HEAD is not learnt";
-  EXPECT_EQ(ReadAll(*refused_head), "payload");
+  EXPECT_EQ(tq::test::ReadAll(*refused_head, 64), "payload");
   refused_head.reset();
   EXPECT_EQ(m_api.OpenRequestHandles(), 0u);
 
@@ -174,7 +168,7 @@ TEST_F(HttpReadStreamTest, ContentLengthValuesThatDifferMakeTheAnswerUnusable) {
     EXPECT_EQ(stream->Succeeded(), c.usable);
     EXPECT_TRUE(stream->IsOpen());
     EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::OK);
-    EXPECT_EQ(ReadAll(*stream), c.usable ? "0123456789" : "");
+    EXPECT_EQ(tq::test::ReadAll(*stream, 64), c.usable ? "0123456789" : "");
     EXPECT_EQ(stream->ContentSize().has_value(), c.usable);
     EXPECT_EQ(m_log.Text(), c.usable ? "" : kLine);
   }

@@ -14,6 +14,7 @@
 #include "net/stream/open_file_or_url.h"
 #include "net/stream/thread_pool.h"
 #include "tests/support/fake_transport_fixture.h"
+#include "tests/support/read_all.h"
 #include "tests/support/servers/gate.h"
 
 namespace {
@@ -34,13 +35,6 @@ std::error_code ErrorOf(std::future<T>& future) {
     return e.code();
   }
   return {};
-}
-
-std::string ReadAll(qv::io::IDataReadStream& stream) {
-  std::string text;
-  char buffer[32];
-  while (const std::uint64_t n = stream.Read(buffer, sizeof buffer)) text.append(buffer, n);
-  return text;
 }
 
 TEST(ThreadPoolTest, FourRunTogetherTheFifthWhenOneEndsAndDestructionBreaksQueuedTasks) {
@@ -100,7 +94,7 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnTheWorkersLocalFilesDoNotWaitAndAQueuedS
   for (int i = 0; i < 32; ++i) {
     auto stream = futures[i].get();
     ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(ReadAll(*stream), "body of /f" + std::to_string(i));
+    EXPECT_EQ(tq::test::ReadAll(*stream, 32), "body of /f" + std::to_string(i));
   }
   EXPECT_EQ(m_api.CountCalls("Connect"), 1) << "one pooled connection for the server";
 
@@ -113,7 +107,7 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnTheWorkersLocalFilesDoNotWaitAndAQueuedS
   std::ofstream(file, std::ios::binary) << "local file body";
   auto local = OpenFileOrUrlAsync(file.wstring(), 0, {});
   ASSERT_EQ(local.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-  EXPECT_EQ(ReadAll(*local.get()), "local file body");
+  EXPECT_EQ(tq::test::ReadAll(*local.get(), 32), "local file body");
   std::filesystem::remove(file);
   qv::stop_source stop;
   auto stopped = OpenFileOrUrlAsync(L"http://example.test/stopped", 0, stop.get_token());
@@ -146,7 +140,7 @@ TEST_F(OpenFileOrUrlAsyncTest, AStopCancelsASendBlockedOnAWorker) {
   auto after = OpenFileOrUrlAsync(L"http://example.test/next", 0, {});
   auto stream = after.get();
   ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(ReadAll(*stream), "next");
+  EXPECT_EQ(tq::test::ReadAll(*stream, 32), "next");
   EXPECT_EQ(m_api.CloseCount(), 2);
   m_api.OnBlocked({});
 }
