@@ -8,7 +8,7 @@
 #include <limits>
 #include <string>
 
-#include "net/cache/disk_cache.h"
+#include "net/cache/freshness.h"
 #include "tqutil/strings.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     qv::net::CacheEntry entry = qv::net::CacheEntry::Load(path);
     if (entry.IsValid()) {
-      if (auto stream = entry.OpenReadStream()) {
+      if (auto stream = entry.OpenReadStream(0)) {
         char buffer[4096];
         while (stream->Read(buffer, sizeof buffer) != 0) {
         }

@@ -193,9 +193,7 @@ bool EntryFileExists(const fs::path& path) { return KindOfEntryFile(path) != Ent
 }  // namespace detail
 
 CacheEntry::CacheEntry(fs::path path, std::string key)
-    : m_path(std::move(path)),
-      m_key(std::move(key)),
-      m_last_used(TqUSysTime::GetTimeNow()) {}
+    : m_path(std::move(path)), m_key(std::move(key)) {}
 
 CacheEntry CacheEntry::Load(const fs::path& path) { return Load(path, nullptr); }
 
@@ -320,8 +318,8 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
   return file.release();
 }
 
-bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop) {
-  m_last_used = TqUSysTime::GetTimeNow();
+bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now) {
+  m_last_used = now;
   fs::path temporary = m_path;
   temporary += ".tmp";
   const std::uint16_t previous_size = m_header_size;
@@ -364,10 +362,10 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenLoadedBody(
   return BodyStream(std::move(file), ef::BodyOffset(m_header_size));
 }
 
-std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream() {
+std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(std::int64_t now) {
   // Writing a body is a store: the last-used time says so, or a clean-up would take a body
   // just written for one that has not been touched since it was loaded.
-  m_last_used = TqUSysTime::GetTimeNow();
+  m_last_used = now;
   const TqUSysFile::Handle handle = CreateEntryFile(m_path);
   if (handle == TqUSysFile::kInvalid) return nullptr;
   auto stream = std::make_unique<qv::io::FileWriteStream>(handle);
@@ -377,8 +375,8 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream() 
   return stream;
 }
 
-std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenReadStream() {
-  m_last_used = TqUSysTime::GetTimeNow();
+std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenReadStream(std::int64_t now) {
+  m_last_used = now;
   // Record the use. Skipped when the file is in use (readers hold it) and when the name now
   // holds another file than the one loaded (a store renamed a new one over it): our fixed part
   // must never be written over a header of a different size.

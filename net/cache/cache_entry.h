@@ -32,10 +32,11 @@ class invalid_cache_header : public std::runtime_error {
 // The in-memory view of one entry file, made per operation by the disk cache and never shared
 // between threads. Several threads and processes may work on the same file at once: reads share
 // the file, writes are exclusive and refused at once when it is in use, and a store replaces the
-// whole file by rename, so a reader sees the old file or the complete new one.
+// whole file by rename, so a reader sees the old file or the complete new one. An entry never
+// reads the clock: the operations that record a use take the time `now` from their caller.
 class CacheEntry {
  public:
-  // A new entry for `key`, stale, nothing on disk until it is stored.
+  // A new entry for `key`, stale and never used, nothing on disk until it is stored.
   CacheEntry(std::filesystem::path path, std::string key);
 
   // Reads and checks the header of an existing file. Throws std::runtime_error when the file
@@ -75,14 +76,16 @@ class CacheEntry {
   // Replaces the file with a header and the bytes of `source`, through `path` + ".tmp" and a
   // rename. False, with the old file untouched and no ".tmp" left, when the copy is stopped or
   // fails or the rename fails; an exception that escapes the copy also leaves no ".tmp".
-  bool Store(qv::io::IDataReadStream& source, qv::stop_token stop);
+  // The entry is recorded as used at `now`.
+  bool Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now);
 
   // A stream over a fresh body written straight into the entry file (no ".tmp"); position 0 is
-  // the first body byte. Null when the file cannot be created.
-  std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream();
-  // Records the use (and any new expiry) in the file's fixed part, then a stream over the body;
-  // null when the file cannot be opened.
-  std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream();
+  // the first body byte, the entry recorded as used at `now`. Null when the file cannot be
+  // created.
+  std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(std::int64_t now);
+  // Records the use at `now` (and any new expiry) in the file's fixed part, then a stream over
+  // the body; null when the file cannot be opened.
+  std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream(std::int64_t now);
   // A stream over the body of `file`, kept open by Load, recording nothing: for a use that
   // would write exactly what the file holds already. Null when it cannot seek.
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLoadedBody(EntryFile file) const;

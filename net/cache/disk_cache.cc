@@ -1,6 +1,5 @@
 #include "net/cache/disk_cache.h"
 
-#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -9,6 +8,7 @@
 #include <utility>
 
 #include "net/cache/cache_entry_format.h"
+#include "net/cache/freshness.h"
 #include "net/http/http_request.h"
 #include "net/http/http_status.h"
 #include "net/stream/read_stream.h"
@@ -19,13 +19,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A response without "cache-control" but with a "Date" stays fresh this long: 30 days.
-constexpr std::uint64_t kDefaultLifetime = 2592000;
-
 // What the operations build per call and drop before returning.
 struct CacheLookup {
   std::wstring m_url;
   int m_flags = 0;
+  // The time the whole operation judges freshness by and records as the entry's use, read once
+  // (OpenUrl only).
+  std::int64_t m_now = 0;
   std::optional<CacheEntry> m_entry;
   // The entry file as the load left it, open for reading (OpenUrl only): a fresh entry whose
   // use is already recorded is served from it without opening the file again.
@@ -39,63 +39,15 @@ struct RefreshResult {
   RefreshCode code = RefreshCode::Nothing;
 };
 
-struct Freshness {
-  std::optional<std::int64_t> expiry;
-  bool no_store = false;
-};
-
-// `time` + `seconds`, held at the largest time instead of overflowing: a lifetime too long to
-// count (a server's "max-age" of 20 digits) means never expiring, not a time in the past.
-std::int64_t AddSeconds(std::int64_t time, std::uint64_t seconds) {
-  constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
-  const std::uint64_t room =
-      static_cast<std::uint64_t>(kMax) - static_cast<std::uint64_t>(time);  // exact, mod 2^64
-  if (seconds > room) return kMax;
-  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time) + seconds);
-}
-
-std::int64_t OneSecondBefore(std::int64_t time) {
-  return time == std::numeric_limits<std::int64_t>::min() ? time : time - 1;
-}
-
-// The seconds of a "max-age" token, read from its 9th character: white space skipped, then
-// decimal digits up to the first other character; nothing readable is 0. A sign is not a
-// digit, so "max-age=-1" is 0 (stale) instead of wrapping to a lifetime of centuries. Too many
-// digits saturate.
-std::uint64_t MaxAgeSeconds(std::wstring_view token) {
-  std::size_t i = 8;
-  while (i < token.size() && (token[i] == L' ' || (token[i] >= L'\t' && token[i] <= L'\r'))) ++i;
-  std::uint64_t value = 0;
-  for (; i < token.size() && token[i] >= L'0' && token[i] <= L'9'; ++i) {
-    const auto digit = static_cast<std::uint64_t>(token[i] - L'0');
-    if (value > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) {
-      return std::numeric_limits<std::uint64_t>::max();
-    }
-    value = value * 10 + digit;
-  }
-  return value;
-}
-
-Freshness FreshnessOf(const HttpReadStream& response) {
-  Freshness freshness;
+// The freshness a response's own headers give it at `now`. The WinINet transport's text keeps
+// its terminating NUL as its last code unit; the directives end there, or the last one
+// ("no-store" alone) would never compare equal.
+Freshness FreshnessOf(const HttpReadStream& response, std::int64_t now) {
   const std::optional<std::int64_t> date = response.QueryHeaderDateTime(std::wstring(L"Date"));
-  if (!date) return freshness;
   const std::optional<std::wstring> value = response.QueryHeader(std::wstring(L"cache-control"));
-  if (!value) {
-    freshness.expiry = AddSeconds(TqUSysTime::GetTimeNow(), kDefaultLifetime);
-    return freshness;
-  }
-  // The WinINet transport's text keeps its terminating NUL as its last code unit; the
-  // directives end there, or the last one ("no-store" alone) would never compare equal.
-  const detail::CacheControl parsed = detail::ParseCacheControl(value->c_str(), *date);
-  freshness.expiry = parsed.expiry;
-  freshness.no_store = parsed.no_store;
-  return freshness;
-}
-
-std::int64_t ExpiryFor(int flags, const Freshness& freshness) {
-  if (flags & IUrlCache::NeverExpire) return entry_format::kNeverExpires;
-  return freshness.expiry.value_or(0);
+  std::optional<std::wstring_view> cache_control;
+  if (value) cache_control = std::wstring_view(value->c_str());
+  return qv::net::FreshnessOf(date, cache_control, now);
 }
 
 // A stored or received entity tag as the value of "If-None-Match": without the terminator that
@@ -184,7 +136,7 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
     return {nullptr, entry.IsValid() ? RefreshCode::UseEntry : RefreshCode::Nothing};
   }
   if (response->Succeeded()) {
-    const Freshness freshness = FreshnessOf(*response);
+    const Freshness freshness = FreshnessOf(*response, lookup.m_now);
     entry.SetExpiry(ExpiryFor(lookup.m_flags, freshness));
     const std::optional<std::string> tag = response->ETag();
     bool changed;
@@ -220,7 +172,7 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
       return {std::move(memory), RefreshCode::DropEntry};
     }
     if (changed) {
-      return {nullptr, entry.Store(*response, stop) ? RefreshCode::UseEntry
+      return {nullptr, entry.Store(*response, stop, lookup.m_now) ? RefreshCode::UseEntry
                                                      : RefreshCode::DropEntry};
     }
     // Same tag as stored: the body is not read and the stored one is served.
@@ -229,7 +181,7 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   if (response->QueryStatusCode() != HttpStatus::NotModified) {
     return {nullptr, RefreshCode::DropEntry};
   }
-  entry.SetExpiry(ExpiryFor(lookup.m_flags, FreshnessOf(*response)));
+  entry.SetExpiry(ExpiryFor(lookup.m_flags, FreshnessOf(*response, lookup.m_now)));
   return {nullptr, RefreshCode::UseEntry};
 }
 
@@ -241,7 +193,7 @@ RefreshResult RefreshFromSource(CacheLookup& lookup, const qv::stop_token& stop)
   const bool changed = entry.UpdateETag(source->MetaData().etag);
   // Other sources say nothing about lifetimes: stale at once, asked again on every open.
   entry.SetExpiry((lookup.m_flags & IUrlCache::NeverExpire) ? entry_format::kNeverExpires : 0);
-  if (changed && !entry.Store(*source, stop)) return {nullptr, RefreshCode::DropEntry};
+  if (changed && !entry.Store(*source, stop, lookup.m_now)) return {nullptr, RefreshCode::DropEntry};
   return {nullptr, RefreshCode::UseEntry};
 }
 
@@ -251,7 +203,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
       IsHttpUrl(lookup.m_url) ? RefreshFromHttp(lookup, stop) : RefreshFromSource(lookup, stop);
   switch (result.code) {
     case RefreshCode::UseEntry:
-      return lookup.m_entry->OpenReadStream();
+      return lookup.m_entry->OpenReadStream(lookup.m_now);
     case RefreshCode::DropEntry:
       if (lookup.m_entry) {
         lookup.m_entry->Remove();
@@ -269,15 +221,15 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
   try {
     if (!lookup.m_entry) return ReadUrlIntoMemory(lookup.m_url, stop);
     CacheEntry& entry = *lookup.m_entry;
-    const std::int64_t now = TqUSysTime::GetTimeNow();
+    const std::int64_t now = lookup.m_now;
     // Fresh, and its use already recorded this very second: recording it again would write
     // the bytes the file holds, so the file the load opened serves the body.
-    if (lookup.m_loaded_file && entry.HeaderSize() != 0 && entry.Expiry() >= now &&
+    if (lookup.m_loaded_file && entry.HeaderSize() != 0 && IsFresh(entry.Expiry(), now) &&
         entry.LastUsed() == now) {
       if (auto stream = entry.OpenLoadedBody(std::move(lookup.m_loaded_file))) return stream;
     }
     lookup.m_loaded_file.reset();
-    if (entry.IsValid() && entry.Expiry() >= now) return entry.OpenReadStream();
+    if (entry.IsValid() && IsFresh(entry.Expiry(), now)) return entry.OpenReadStream(now);
     return Refresh(lookup, stop);
   } catch (const std::exception& e) {
     TqUSysError::LogUTF8String("Failed to read resource into cache: ");
@@ -305,23 +257,6 @@ std::wstring StoredBodyUrl(std::wstring_view name) {
 }  // namespace
 
 namespace detail {
-CacheControl ParseCacheControl(std::wstring_view value, std::int64_t date) {
-  CacheControl result;
-  TqUWideStringTokeniser tokens(value, L",");
-  TqUWideStringBuffer token;
-  while (tokens.GetNextToken(&token)) {
-    token.Trim();
-    if (token.View() == L"no-store") {
-      result.no_store = true;
-    } else if (token.View() == L"no-cache") {
-      result.expiry = OneSecondBefore(date);
-    } else if (token.HasPrefix(L"max-age")) {
-      result.expiry = AddSeconds(date, MaxAgeSeconds(token.View()));
-    }
-  }
-  return result;
-}
-
 void EnsureCacheDirectory(const fs::path& directory) {
   if (EntryFileExists(directory)) return;
   // Remember what this call creates: those directories, and only those, are made private.
@@ -373,7 +308,9 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenUrl(std::wstring
                                                                     int flags,
                                                                     qv::stop_token stop) {
   try {
+    const std::int64_t now = TqUSysTime::GetTimeNow();
     CacheLookup lookup = MakeLookup(url, flags, m_directory, true);
+    lookup.m_now = now;
     return OpenLookup(lookup, stop);
   } catch (const std::runtime_error&) {
     return nullptr;
@@ -391,7 +328,7 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> DiskCache::OpenWriteStream(
   try {
     CacheLookup lookup = MakeLookup(StoredBodyUrl(name), 0, m_directory);
     if (!lookup.m_entry) return nullptr;
-    return lookup.m_entry->OpenWriteStream();
+    return lookup.m_entry->OpenWriteStream(TqUSysTime::GetTimeNow());
   } catch (const std::runtime_error&) {
     return nullptr;
   }
@@ -402,7 +339,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenReadStream(
   try {
     CacheLookup lookup = MakeLookup(StoredBodyUrl(name), 0, m_directory);
     if (!lookup.m_entry || !lookup.m_entry->IsValid()) return nullptr;
-    return lookup.m_entry->OpenReadStream();
+    return lookup.m_entry->OpenReadStream(TqUSysTime::GetTimeNow());
   } catch (const std::runtime_error&) {
     return nullptr;
   }

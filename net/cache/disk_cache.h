@@ -66,15 +66,6 @@ class DiskCache : public IUrlCache {
 };
 
 namespace detail {
-// What a "cache-control" value says about a response dated `date`: "no-store", and the expiry
-// its "no-cache" (date - 1) and "max-age=n" (date + n, held at the largest time) directives
-// set, the last of them winning. Directives are split at "," and trimmed; others are ignored.
-struct CacheControl {
-  std::optional<std::int64_t> expiry;
-  bool no_store = false;
-};
-CacheControl ParseCacheControl(std::wstring_view value, std::int64_t date);
-
 // Creates `directory` and its missing parents (owner-only on POSIX); throws filesystem_error
 // named "exists" or "create_directories".
 void EnsureCacheDirectory(const std::filesystem::path& directory);

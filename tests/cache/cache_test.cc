@@ -238,13 +238,13 @@ TEST_F(CacheTest, AHeaderOverSixtyFourKiBOrAStoppedStoreLeavesTheOldEntryAndNoTe
   CacheEntry entry = CacheEntry::Load(EntryPath());
   entry.UpdateETag(std::string(65535 - 24 - kKey.size() + 1, 't'));  // fits its own field
   BytesSource source("new body");
-  EXPECT_THROW(entry.Store(source, {}), gsl::narrowing_error);
+  EXPECT_THROW(entry.Store(source, {}, 3), gsl::narrowing_error);
 
   entry.UpdateETag(std::string("\"new\""));
   qv::stop_source stop;
   BytesSource stopped(std::string(100, 'n'), 10);
   stopped.on_read = [&] { stop.request_stop(); };
-  EXPECT_FALSE(entry.Store(stopped, stop.get_token()));
+  EXPECT_FALSE(entry.Store(stopped, stop.get_token(), 3));
   EXPECT_EQ(ReadFileBytes(EntryPath()), old_bytes);
   EXPECT_FALSE(fs::exists(fs::path(EntryPath()) += ".tmp"));
 }
