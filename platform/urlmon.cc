@@ -126,56 +126,6 @@ void ScaleProgress(std::uint64_t done, std::uint64_t total, ULONG* out_done, ULO
   *out_total = static_cast<ULONG>(total);
 }
 
-std::wstring Utf8ToWideStrict(std::string_view text, bool* ok) {
-  std::wstring out;
-  *ok = true;
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    std::uint32_t cp = 0;
-    std::size_t extra = 0;
-    if (lead < 0x80) {
-      cp = lead;
-    } else if ((lead & 0xE0) == 0xC0) {
-      cp = lead & 0x1F;
-      extra = 1;
-    } else if ((lead & 0xF0) == 0xE0) {
-      cp = lead & 0x0F;
-      extra = 2;
-    } else if ((lead & 0xF8) == 0xF0) {
-      cp = lead & 0x07;
-      extra = 3;
-    } else {
-      *ok = false;
-      return {};
-    }
-    if (i + extra >= text.size()) {
-      *ok = false;
-      return {};
-    }
-    for (std::size_t k = 1; k <= extra; ++k) {
-      const auto c = static_cast<unsigned char>(text[i + k]);
-      if ((c & 0xC0) != 0x80) {
-        *ok = false;
-        return {};
-      }
-      cp = (cp << 6) | (c & 0x3F);
-    }
-    static constexpr std::uint32_t kMin[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < kMin[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-      *ok = false;
-      return {};
-    }
-    if (sizeof(wchar_t) == 2 && cp >= 0x10000) {
-      out.push_back(static_cast<wchar_t>(0xD800 + ((cp - 0x10000) >> 10)));
-      out.push_back(static_cast<wchar_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
-    } else {
-      out.push_back(static_cast<wchar_t>(cp));
-    }
-    i += extra + 1;
-  }
-  return out;
-}
-
 // The IBinding handed to OnStartBinding. Reference-counted, since a callback may keep it past
 // the download; Abort is safe from any thread and wakes the download loop at once.
 class Binding final : public IBinding {

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "tqutil/utf8.h"
+
 namespace tqplatform {
 
 std::size_t WideLength(const wchar_t* text) {
@@ -11,45 +13,11 @@ std::size_t WideLength(const wchar_t* text) {
   return n;
 }
 
-namespace {
+std::string WideToUtf8(std::wstring_view text) { return qv::utf8::FromWide(text); }
 
-void AppendUtf8(std::uint32_t cp, std::string* out) {
-  if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
-  if (cp < 0x80) {
-    out->push_back(static_cast<char>(cp));
-  } else if (cp < 0x800) {
-    out->push_back(static_cast<char>(0xC0 | (cp >> 6)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  } else if (cp < 0x10000) {
-    out->push_back(static_cast<char>(0xE0 | (cp >> 12)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  } else {
-    out->push_back(static_cast<char>(0xF0 | (cp >> 18)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  }
-}
-
-}  // namespace
-
-std::string WideToUtf8(std::wstring_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    auto cp = static_cast<std::uint32_t>(text[i]);
-    if constexpr (sizeof(wchar_t) == 2) {
-      if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < text.size()) {
-        const auto low = static_cast<std::uint32_t>(text[i + 1]);
-        if (low >= 0xDC00 && low <= 0xDFFF) {
-          cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-          ++i;
-        }
-      }
-    }
-    AppendUtf8(cp, &out);
-  }
+std::wstring Utf8ToWideStrict(std::string_view text, bool* ok) {
+  std::wstring out = qv::utf8::ToWide(text, ok);
+  if (!*ok) out.clear();
   return out;
 }
 

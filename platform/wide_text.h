@@ -1,5 +1,6 @@
 // Conversions between the wide text of the Win32 interface and the bytes libcurl takes.
-// wchar_t is UTF-16 on Windows and UTF-32 on Linux; these work with either.
+// wchar_t is UTF-16 on Windows and UTF-32 on Linux; these work with either. The UTF-8 codec is
+// tqutil's header-only one (tqutil/utf8.h), included without linking tqutil.
 #pragma once
 
 #include <cstddef>
@@ -13,6 +14,9 @@ std::size_t WideLength(const wchar_t* text);
 
 // UTF-8 form of wide text. Unpaired surrogates and invalid code points become U+FFFD.
 std::string WideToUtf8(std::wstring_view text);
+// Wide text of UTF-8 that must be well-formed: empty, and `*ok` false, at the first overlong
+// form, surrogate, value above U+10FFFF, stray or missing continuation byte.
+std::wstring Utf8ToWideStrict(std::string_view text, bool* ok);
 
 // HTTP header bytes are treated as ISO 8859-1: every byte is one character, so any byte
 // sequence survives the round trip. Fails for characters above U+00FF.

@@ -5,79 +5,9 @@
 #include <cwchar>
 #include <cstring>
 
+#include "tqutil/utf8.h"
+
 namespace {
-
-constexpr char32_t kReplacement = 0xFFFD;
-
-bool IsSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDFFF; }
-
-void AppendUtf8(std::string& out, char32_t c) {
-  if (c > 0x10FFFF || IsSurrogate(c)) c = kReplacement;
-  if (c < 0x80) {
-    out.push_back(static_cast<char>(c));
-  } else if (c < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else {
-    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  }
-}
-
-void AppendWide(std::wstring& out, char32_t c) {
-  if constexpr (sizeof(wchar_t) == 2) {
-    if (c >= 0x10000) {
-      c -= 0x10000;
-      out.push_back(static_cast<wchar_t>(0xD800 + (c >> 10)));
-      out.push_back(static_cast<wchar_t>(0xDC00 + (c & 0x3FF)));
-      return;
-    }
-  }
-  out.push_back(static_cast<wchar_t>(c));
-}
-
-// Decodes one code point at `i`, advancing `i`. Ill-formed input yields U+FFFD for each maximal
-// subpart (the Unicode recommendation), so the number of replacements does not depend on how
-// the decoder happens to be written.
-char32_t DecodeUtf8(std::string_view s, std::size_t& i) {
-  const auto b0 = static_cast<unsigned char>(s[i++]);
-  if (b0 < 0x80) return b0;
-  int extra = 0;
-  unsigned char lo = 0x80, hi = 0xBF;
-  char32_t c = 0;
-  if (b0 >= 0xC2 && b0 <= 0xDF) {
-    extra = 1;
-    c = b0 & 0x1F;
-  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-    extra = 2;
-    c = b0 & 0x0F;
-    if (b0 == 0xE0) lo = 0xA0;   // overlong
-    if (b0 == 0xED) hi = 0x9F;   // surrogates
-  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-    extra = 3;
-    c = b0 & 0x07;
-    if (b0 == 0xF0) lo = 0x90;   // overlong
-    if (b0 == 0xF4) hi = 0x8F;   // above U+10FFFF
-  } else {
-    return kReplacement;  // continuation byte or invalid lead
-  }
-  for (int k = 0; k < extra; ++k) {
-    if (i >= s.size()) return kReplacement;
-    const auto b = static_cast<unsigned char>(s[i]);
-    if (b < lo || b > hi) return kReplacement;  // the offending byte starts the next sequence
-    lo = 0x80;
-    hi = 0xBF;
-    c = (c << 6) | (b & 0x3F);
-    ++i;
-  }
-  return c;
-}
 
 // ---- formatting with the Windows wide convention ----
 
@@ -300,33 +230,9 @@ bool IsSpace(wchar_t c) {
 
 namespace qv {
 
-std::string WideToUtf8(std::wstring_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    auto c = static_cast<char32_t>(text[i]);
-    if constexpr (sizeof(wchar_t) == 2) {
-      c &= 0xFFFF;
-      if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size()) {
-        const auto d = static_cast<char32_t>(text[i + 1]) & 0xFFFF;
-        if (d >= 0xDC00 && d <= 0xDFFF) {
-          c = 0x10000 + ((c - 0xD800) << 10) + (d - 0xDC00);
-          ++i;
-        }
-      }
-    }
-    AppendUtf8(out, c);
-  }
-  return out;
-}
+std::string WideToUtf8(std::wstring_view text) { return utf8::FromWide(text); }
 
-std::wstring Utf8ToWide(std::string_view text) {
-  std::wstring out;
-  out.reserve(text.size());
-  std::size_t i = 0;
-  while (i < text.size()) AppendWide(out, DecodeUtf8(text, i));
-  return out;
-}
+std::wstring Utf8ToWide(std::string_view text) { return utf8::ToWide(text); }
 
 }  // namespace qv
 
