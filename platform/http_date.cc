@@ -1,27 +1,16 @@
 #include "platform/http_date.h"
 
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/wide_text.h"
+#include "tqutil/decimal.h"
 
 namespace tqplatform {
 namespace {
-
-bool AllDigits(std::string_view s) {
-  if (s.empty()) return false;
-  for (char c : s) {
-    if (c < '0' || c > '9') return false;
-  }
-  return true;
-}
-
-unsigned ToNumber(std::string_view s) {
-  unsigned v = 0;
-  for (char c : s) v = v * 10 + static_cast<unsigned>(c - '0');
-  return v;
-}
 
 int MonthFromName(std::string_view s) {
   static constexpr const char* kMonths[12] = {"jan", "feb", "mar", "apr", "may", "jun",
@@ -57,13 +46,14 @@ bool ParseClock(std::string_view s, unsigned* h, unsigned* m, unsigned* sec) {
   const auto hs = s.substr(0, c1);
   const auto ms = s.substr(c1 + 1, c2 - c1 - 1);
   const auto ss = s.substr(c2 + 1);
-  if (!AllDigits(hs) || !AllDigits(ms) || !AllDigits(ss) || hs.size() > 2 || ms.size() != 2 ||
-      ss.size() != 2) {
-    return false;
-  }
-  *h = ToNumber(hs);
-  *m = ToNumber(ms);
-  *sec = ToNumber(ss);
+  if (hs.size() > 2 || ms.size() != 2 || ss.size() != 2) return false;
+  const std::optional<std::uint64_t> hours = qv::ParseDecimal(hs);
+  const std::optional<std::uint64_t> minutes = qv::ParseDecimal(ms);
+  const std::optional<std::uint64_t> seconds = qv::ParseDecimal(ss);
+  if (!hours || !minutes || !seconds) return false;
+  *h = static_cast<unsigned>(*hours);
+  *m = static_cast<unsigned>(*minutes);
+  *sec = static_cast<unsigned>(*seconds);
   return true;
 }
 
@@ -90,7 +80,7 @@ bool ParseHttpDate(std::string_view text, SYSTEMTIME* out) {
     } else if (t.find(':') != std::string_view::npos) {
       if (have_clock || !ParseClock(t, &hour, &minute, &second)) return false;
       have_clock = true;
-    } else if (AllDigits(t)) {
+    } else if (qv::CountDecimalDigits(t) == t.size()) {  // tokens are never empty
       numbers.push_back(t);
     } else if (EqualsIgnoreCase(t, "GMT") || EqualsIgnoreCase(t, "UTC") ||
                EqualsIgnoreCase(t, "UT") || t == "Z" || t == "+0000") {
@@ -107,14 +97,15 @@ bool ParseHttpDate(std::string_view text, SYSTEMTIME* out) {
   std::string_view year_text = numbers[1];
   if (numbers[0].size() == 4 && numbers[1].size() <= 2) std::swap(day_text, year_text);
   if (day_text.size() > 2 || (year_text.size() != 2 && year_text.size() != 4)) return false;
-  unsigned year = ToNumber(year_text);
+  // One to four digits each: the parses cannot fail.
+  auto year = static_cast<unsigned>(qv::ParseDecimal(year_text).value_or(0));
   if (year_text.size() == 2) year += year < 70 ? 2000 : 1900;
   if (second == 60) second = 59;  // a leap second is not representable
 
   SYSTEMTIME st{};
   st.wYear = static_cast<WORD>(year);
   st.wMonth = static_cast<WORD>(month);
-  st.wDay = static_cast<WORD>(ToNumber(day_text));
+  st.wDay = static_cast<WORD>(qv::ParseDecimal(day_text).value_or(0));
   st.wHour = static_cast<WORD>(hour);
   st.wMinute = static_cast<WORD>(minute);
   st.wSecond = static_cast<WORD>(second);

@@ -7,6 +7,7 @@
 
 #include "platform/http_date.h"
 #include "platform/wide_text.h"
+#include "tqutil/decimal.h"
 
 namespace tqplatform {
 namespace {
@@ -36,14 +37,11 @@ bool ParseStatusLine(std::string_view line, std::string* version, int* code, std
   std::string_view rest = line.substr(space + 1);
   while (!rest.empty() && rest.front() == ' ') rest.remove_prefix(1);
   if (rest.size() < 3) return false;
-  int value = 0;
-  for (int i = 0; i < 3; ++i) {
-    if (rest[static_cast<std::size_t>(i)] < '0' || rest[static_cast<std::size_t>(i)] > '9') return false;
-    value = value * 10 + (rest[static_cast<std::size_t>(i)] - '0');
-  }
+  const std::optional<std::uint64_t> value = qv::ParseDecimal(rest.substr(0, 3));
+  if (!value) return false;
   if (rest.size() > 3 && rest[3] != ' ') return false;
   *version = std::string(line.substr(0, space));
-  *code = value;
+  *code = static_cast<int>(*value);
   *text = std::string(TrimSpace(rest.substr(3)));
   return true;
 }
@@ -168,29 +166,12 @@ bool ReadCustomName(const void* buffer, DWORD buffer_length, std::string* name) 
   return !text.empty() && WideToLatin1(text, name);
 }
 
-// Decimal digits after optional white space; refuses no digits and overflow.
+// A decimal number no larger than `max` between optional white space; refuses no digits,
+// anything else than digits (a sign, junk after the number) and overflow.
 bool ParseUnsigned(std::string_view text, std::uint64_t max, std::uint64_t* out) {
-  text = TrimSpace(text);
-  if (text.empty()) return false;
-  std::uint64_t value = 0;
-  std::size_t i = 0;
-  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
-    const auto digit = static_cast<std::uint64_t>(text[i] - '0');
-    if (value > (max - digit) / 10) return false;
-    value = value * 10 + digit;
-  }
-  if (i == 0) return false;
-  *out = value;
-  return true;
-}
-
-// Only decimal digits, at least one, no overflow.
-bool ParseDigits(std::string_view text, std::uint64_t* out) {
-  if (text.empty()) return false;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-  }
-  return ParseUnsigned(text, std::numeric_limits<std::uint64_t>::max(), out);
+  const std::optional<std::uint64_t> value = qv::ParseDecimal(TrimSpace(text), max);
+  if (value) *out = *value;
+  return value.has_value();
 }
 
 template <class T>
@@ -270,7 +251,7 @@ bool HeaderBlock::ContentLengthAgrees() const {
       const auto comma = rest.find(',');
       const std::string_view item = TrimSpace(rest.substr(0, comma));
       std::uint64_t value = 0;
-      if (!ParseDigits(item, &value) || (length.has_value() && *length != value)) return false;
+      if (!ParseUnsigned(item, std::numeric_limits<std::uint64_t>::max(), &value) || (length.has_value() && *length != value)) return false;
       length = value;
       if (comma == std::string_view::npos) break;
       rest.remove_prefix(comma + 1);

@@ -6,6 +6,8 @@
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
 
+#include "tqutil/decimal.h"
+
 namespace urls = boost::urls;
 
 namespace {
@@ -116,14 +118,9 @@ struct TqUURL::Impl {
 
   bool PortIsValid() const {
     if (!url || !url->has_port()) return true;
-    // The parser wraps values above 65535 instead of refusing them.
-    unsigned long value = 0;
-    for (char c : url->port()) {
-      if (c < '0' || c > '9') return false;
-      value = value * 10 + static_cast<unsigned long>(c - '0');
-      if (value > 65535) return false;
-    }
-    return true;
+    // The parser wraps values above 65535 instead of refusing them. An empty port is none.
+    const std::string_view port(url->port().data(), url->port().size());
+    return port.empty() || qv::ParseDecimal(port, 65535).has_value();
   }
 };
 

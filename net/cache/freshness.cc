@@ -33,15 +33,11 @@ std::int64_t OneSecondBefore(std::int64_t time) {
 std::uint64_t MaxAgeSeconds(std::wstring_view token) {
   std::size_t i = 8;
   while (i < token.size() && (token[i] == L' ' || (token[i] >= L'\t' && token[i] <= L'\r'))) ++i;
-  std::uint64_t value = 0;
-  for (; i < token.size() && token[i] >= L'0' && token[i] <= L'9'; ++i) {
-    const auto digit = static_cast<std::uint64_t>(token[i] - L'0');
-    if (value > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) {
-      return std::numeric_limits<std::uint64_t>::max();
-    }
-    value = value * 10 + digit;
-  }
-  return value;
+  if (i >= token.size()) return 0;
+  const std::wstring_view rest = token.substr(i);
+  const std::size_t digits = qv::CountDecimalDigits(rest);
+  if (digits == 0) return 0;
+  return qv::ParseDecimal(rest.substr(0, digits)).value_or(qv::kMaxDecimal);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // File information: size, modification time and revision of a remote file from a HEAD request
 // (a GET of two bytes when HEAD is refused), remembered per URL text.
-#include <cwchar>
+#include <optional>
 
 #include "net/fileprotocol/auth_hooks.h"
 #include "net/fileprotocol/http_file_protocol.h"
@@ -44,8 +44,11 @@ Attempt GatherInfo(HINTERNET request, DWORD status, const wchar_t* url, TqUFileI
       state = Attempt::Done;
     }
   } else if (QueryHeaderText(request, HTTP_QUERY_CONTENT_LENGTH, &text)) {
-    info->SetFileSize(std::wcstoull(text.GetString(), nullptr, 10));
-    state = Attempt::Done;
+    // Anything but digits (a sign, junk, a value past 64 bits) is no size.
+    if (const std::optional<std::uint64_t> size = qv::ParseDecimal(text.View())) {
+      info->SetFileSize(*size);
+      state = Attempt::Done;
+    }
   }
   if (QueryHeaderText(request, HTTP_QUERY_ETAG, &text)) {
     info->SetFileRevisionId(text.GetString());

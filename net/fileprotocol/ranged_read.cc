@@ -1,7 +1,7 @@
 // Ranged reads: one GET with a "Range" header per read, on the reading thread's connection,
 // its body read straight into the caller's buffer.
 #include <algorithm>
-#include <cwchar>
+#include <optional>
 #include <memory>
 #include <vector>
 
@@ -35,8 +35,11 @@ bool QueryTotalSize(HINTERNET request, const TqUWideString& url, std::uint64_t* 
     return true;
   }
   if (QueryHeaderText(request, HTTP_QUERY_CONTENT_LENGTH, &text)) {
-    *total_size = std::wcstoull(text.GetString(), nullptr, 10);
-    return true;
+    // Anything but digits (a sign, junk, a value past 64 bits) is no size.
+    if (const std::optional<std::uint64_t> size = qv::ParseDecimal(text.View())) {
+      *total_size = *size;
+      return true;
+    }
   }
   TqUError::Post(1, &detail::FileProtocolComponent(),
                  L"HttpFileProtocol::ReadFile HttpQueryInfo Can't find size in headers for %s",

@@ -1,6 +1,7 @@
 // What an answer must hold before its body is believed: a Content-Range that parses as one
 // byte range, and a single body length.
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "net/fileprotocol/protocol_internal.h"
@@ -14,18 +15,9 @@ constexpr DWORD kMaxContentLengthCopies = 16;
 
 // Decimal digits at the front of `text` as a number; false for no digit or a value past 64 bits.
 bool TakeNumber(std::wstring_view& text, std::uint64_t* value) {
-  std::size_t used = 0;
-  std::uint64_t number = 0;
-  while (used < text.size() && text[used] >= L'0' && text[used] <= L'9') {
-    const auto digit = static_cast<std::uint64_t>(text[used] - L'0');
-    if (number > (UINT64_MAX - digit) / 10) return false;
-    number = number * 10 + digit;
-    ++used;
-  }
-  if (used == 0) return false;
-  text.remove_prefix(used);
-  *value = number;
-  return true;
+  const std::optional<std::uint64_t> number = qv::TakeDecimal(text);
+  if (number) *value = *number;
+  return number.has_value();
 }
 
 bool TakeChar(std::wstring_view& text, wchar_t c) {
@@ -41,11 +33,13 @@ bool QueryContentLength(HINTERNET request, DWORD index, std::uint64_t* value) {
   wchar_t text[32];
   DWORD size = sizeof(text);
   if (!HttpQueryInfoW(request, HTTP_QUERY_CONTENT_LENGTH, text, &size, &index)) return false;
-  std::wstring_view view(text, size / sizeof(wchar_t));
-  if (!TakeNumber(view, value) || !view.empty()) {
+  const std::optional<std::uint64_t> number =
+      qv::ParseDecimal(std::wstring_view(text, size / sizeof(wchar_t)));
+  if (!number) {
     SetLastError(ERROR_HTTP_INVALID_HEADER);
     return false;
   }
+  *value = *number;
   return true;
 }
 

@@ -4,6 +4,7 @@
 #include "tqutil/app_info.h"
 #include "tqutil/component.h"
 #include "tqutil/crypt_hash.h"
+#include "tqutil/decimal.h"
 #include "tqutil/error_log.h"
 #include "tqutil/file_protocol.h"
 #include "tqutil/file_streams.h"

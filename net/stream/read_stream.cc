@@ -81,15 +81,7 @@ std::optional<std::uint64_t> ParseContentLength(const std::optional<std::wstring
   if (!text) return std::nullopt;
   std::wstring_view digits(*text);
   while (!digits.empty() && digits.back() == L'\0') digits.remove_suffix(1);
-  if (digits.empty()) return std::nullopt;
-  std::uint64_t value = 0;
-  for (wchar_t c : digits) {
-    if (c < L'0' || c > L'9') return std::nullopt;
-    const auto digit = static_cast<std::uint64_t>(c - L'0');
-    if (value > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) return std::nullopt;
-    value = value * 10 + digit;
-  }
-  return value;
+  return qv::ParseDecimal(digits);
 }
 
 std::optional<std::uint64_t> QueryContentSize(IHttpApi& api, void* request) {

@@ -1,0 +1,80 @@
+// The checked decimal parser every reader of numbers in headers and URLs goes through.
+#include "tqutil/decimal.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace {
+
+using qv::ParseDecimal;
+using qv::TakeDecimal;
+
+constexpr std::uint64_t kMax = 18446744073709551615u;
+
+TEST(DecimalTest, OnlyDigitsWithinTheLimitAreANumber) {
+  struct Case {
+    std::string_view text;
+    std::uint64_t max;
+    std::optional<std::uint64_t> expected;
+  };
+  const Case cases[] = {
+      {"0", kMax, 0},
+      {"007", kMax, 7},
+      {"1234567890", kMax, 1234567890},
+      {"18446744073709551615", kMax, kMax},             // the largest
+      {"18446744073709551616", kMax, std::nullopt},     // one past it
+      {"99999999999999999999", kMax, std::nullopt},     // past it with a larger digit
+      {"184467440737095516150", kMax, std::nullopt},    // ten times it
+      {"4294967295", 4294967295u, 4294967295u},         // a smaller limit, reached
+      {"4294967296", 4294967295u, std::nullopt},        // and passed
+      {"65536", 65535, std::nullopt},
+      {"9", 5, std::nullopt},                           // a single digit over the limit
+      {"0", 0, 0},
+      {"", kMax, std::nullopt},                         // empty
+      {"-1", kMax, std::nullopt},                       // a sign
+      {"+1", kMax, std::nullopt},
+      {" 12", kMax, std::nullopt},                      // white space
+      {"12 ", kMax, std::nullopt},
+      {"12abc", kMax, std::nullopt},                    // trailing junk
+      {"0x10", kMax, std::nullopt},
+      {"1.5", kMax, std::nullopt},
+      {std::string_view("12\0", 3), kMax, std::nullopt},  // a terminator counted in
+      {"\xD9\xA1", kMax, std::nullopt},                 // a digit of another script
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(ParseDecimal(c.text, c.max), c.expected) << '"' << std::string(c.text) << '"';
+    // Wide text gives the same answers.
+    const std::wstring wide(c.text.begin(), c.text.end());
+    EXPECT_EQ(ParseDecimal(std::wstring_view(wide), c.max), c.expected)
+        << '"' << std::string(c.text) << "\" (wide)";
+  }
+  EXPECT_EQ(ParseDecimal(std::wstring_view(L"\x0661")), std::nullopt);  // ARABIC-INDIC ONE
+  EXPECT_EQ(ParseDecimal(std::wstring_view(L"\xFF11")), std::nullopt);  // FULLWIDTH ONE
+}
+
+TEST(DecimalTest, TakingANumberOffTheFrontLeavesTheRestOrNothingOnRefusal) {
+  struct Case {
+    std::string_view text;
+    std::optional<std::uint64_t> expected;
+    std::string_view rest;
+  };
+  const Case cases[] = {
+      {"0-99/100", 0, "-99/100"},
+      {"42", 42, ""},
+      {"-1", std::nullopt, "-1"},
+      {"", std::nullopt, ""},
+      {"/5", std::nullopt, "/5"},
+      {"18446744073709551616-1", std::nullopt, "18446744073709551616-1"},
+  };
+  for (const Case& c : cases) {
+    std::string_view text = c.text;
+    EXPECT_EQ(TakeDecimal(text), c.expected) << std::string(c.text);
+    EXPECT_EQ(text, c.rest) << std::string(c.text);
+  }
+}
+
+}  // namespace
