@@ -10,7 +10,6 @@
 namespace qv::net {
 namespace {
 
-constexpr int kMaxTimeouts = 3;
 constexpr int kMaxBadGateways = 3;  // resent after each; the next one ends the call
 
 // Where one call stands after an answer.
@@ -83,38 +82,39 @@ bool HttpFileProtocol::GetFileInfo(const wchar_t* url, TqUFileInfo* info) {
   const bool secure = TqUWideString::Equal(parsed.GetScheme(), L"https");
 
   detail::InternetHandle connection;
-  for (int attempt = 1;; ++attempt) {
-    connection.Reset(InternetConnectW(m_internet.load(std::memory_order_acquire),
-                                      parsed.GetHostName(), parsed.GetPort(),
-                                      parsed.GetUserNameW(), parsed.GetPassword(),
-                                      INTERNET_SERVICE_HTTP, 0, 0));
-    if (connection) break;
-    const DWORD error = GetLastError();
-    if (error != ERROR_INTERNET_TIMEOUT) {
-      Post(1, L"HttpFileProtocol::GetFileInfo InternetConnect for %s failed: %d", url,
-           static_cast<int>(error));
-      return false;
-    }
-    if (attempt == kMaxTimeouts) return false;
+  int connect_timeouts = 0;
+  const detail::CallResult connected = detail::CallWithTimeouts(
+      [&] {
+        connection.Reset(InternetConnectW(m_internet.load(std::memory_order_acquire),
+                                          parsed.GetHostName(), parsed.GetPort(),
+                                          parsed.GetUserNameW(), parsed.GetPassword(),
+                                          INTERNET_SERVICE_HTTP, 0, 0));
+        return static_cast<bool>(connection);
+      },
+      connect_timeouts);
+  if (connected == detail::CallResult::kFailed) {
+    Post(1, L"HttpFileProtocol::GetFileInfo InternetConnect for %s failed: %d", url,
+         static_cast<int>(GetLastError()));
   }
+  if (connected != detail::CallResult::kDone) return false;
 
   Attempt state = Attempt::Stop;
   int open_timeouts = 0;
   bool open_again = false;
   do {
     detail::InternetHandle handle;
-    for (;;) {
-      handle.Reset(detail::OpenProtocolRequest(connection.Get(), request.GetMethod(),
-                                               parsed.GetResource(), secure));
-      if (handle) break;
-      const DWORD error = GetLastError();
-      if (error != ERROR_INTERNET_TIMEOUT) {
-        Post(1, L"HttpFileProtocol::GetFileInfo InternetOpen for %s failed: %d", url,
-             static_cast<int>(error));
-        return false;
-      }
-      if (++open_timeouts == kMaxTimeouts) return false;
+    const detail::CallResult opened = detail::CallWithTimeouts(
+        [&] {
+          handle.Reset(detail::OpenProtocolRequest(connection.Get(), request.GetMethod(),
+                                                   parsed.GetResource(), secure));
+          return static_cast<bool>(handle);
+        },
+        open_timeouts);
+    if (opened == detail::CallResult::kFailed) {
+      Post(1, L"HttpFileProtocol::GetFileInfo InternetOpen for %s failed: %d", url,
+           static_cast<int>(GetLastError()));
     }
+    if (opened != detail::CallResult::kDone) return false;
     int bad_gateways = 0;
     open_again = false;
 

@@ -12,7 +12,6 @@
 namespace qv::net {
 namespace {
 
-constexpr int kMaxSends = 3;
 // Each InternetReadFile asks for at most this much, so that a read of 4 GiB or more is split
 // rather than cut to the low 32 bits of its size.
 constexpr std::uint64_t kMaxReadChunk = 0x80000000u;
@@ -131,16 +130,14 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
   }
 
   const std::wstring headers = http_request.FormatHeaders();
-  for (int sends = 1;; ++sends) {
-    if (detail::SendProtocolRequest(handle.Get(), headers)) break;
-    const DWORD error = GetLastError();
-    if (error != ERROR_INTERNET_TIMEOUT) {
-      PostReadError(L"HttpFileProtocol::ReadFile HttpSendRequest for %s failed: %d", url,
-                    static_cast<int>(error));
-      return -1;
-    }
-    if (sends == kMaxSends) return -1;
+  int send_timeouts = 0;
+  const detail::CallResult sent = detail::CallWithTimeouts(
+      [&] { return detail::SendProtocolRequest(handle.Get(), headers); }, send_timeouts);
+  if (sent == detail::CallResult::kFailed) {
+    PostReadError(L"HttpFileProtocol::ReadFile HttpSendRequest for %s failed: %d", url,
+                  static_cast<int>(GetLastError()));
   }
+  if (sent != detail::CallResult::kDone) return -1;
 
   if (detail::HasConflictingContentLength(handle.Get())) {
     TqUError::Post(1, &detail::FileProtocolComponent(),
