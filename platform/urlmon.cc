@@ -28,13 +28,14 @@
 
 #include "platform/urlmon_internal.h"
 #include "platform/wide_text.h"
+#include "tqutil/user_agent.h"
 
 namespace tqplatform {
 namespace {
 
 constexpr DWORD kErrorDiskFull = 112;
 constexpr DWORD kErrorFilenameExcedRange = 206;
-constexpr const char* kUserAgent = "Torvik-Quillstone/23.1";
+constexpr const char* kUserAgent = qv::kUserAgent;
 constexpr long kMaxRedirects = 10;
 constexpr long kPollMs = 100;
 

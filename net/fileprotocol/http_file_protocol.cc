@@ -8,7 +8,7 @@
 namespace qv::net {
 namespace {
 
-constexpr const wchar_t* kDefaultUserAgent = L"Torvik-Quillstone/23.1";
+constexpr const wchar_t* kDefaultUserAgent = qv::kUserAgentWide;
 
 // A buffer of 4,096 characters, of which the query is given 4,095 (the terminator included).
 // WinINet counts the length in bytes, sizeof(wchar_t) of them a character, so the count in

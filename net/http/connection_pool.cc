@@ -79,7 +79,7 @@ HttpConnectionPool::Impl* PoolRecord() {
   std::lock_guard lock(g_pool_creation_mutex);
   if (!g_pool) {
     auto record = std::make_unique<HttpConnectionPool::Impl>();
-    record->m_internet = HttpApi()->OpenInternet(L"Torvik-Quillstone/23.1");
+    record->m_internet = HttpApi()->OpenInternet(qv::kUserAgentWide);
     g_pool = record.release();  // published even when opening failed
   }
   return g_pool;
