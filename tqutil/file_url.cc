@@ -11,6 +11,7 @@
 
 #include "tqutil/file_streams.h"
 #include "tqutil/strings.h"
+#include "tqutil/text_path.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
   }
 #endif
   if (path.empty()) return {};
-  return std::filesystem::path(std::u8string(path.begin(), path.end()));
+  return qv::PathOfUtf8(path);
 }
 
 // A file stream that also reports the file's modification time and a tag made of its size and

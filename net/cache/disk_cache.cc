@@ -192,8 +192,10 @@ RefreshResult RefreshFromSource(CacheLookup& lookup, const qv::stop_token& stop)
   if (!source) return {nullptr, RefreshCode::Nothing};
   const bool changed = entry.UpdateETag(source->MetaData().etag);
   // Other sources say nothing about lifetimes: stale at once, asked again on every open.
-  entry.SetExpiry((lookup.m_flags & IUrlCache::NeverExpire) ? entry_format::kNeverExpires : 0);
-  if (changed && !entry.Store(*source, stop, lookup.m_now)) return {nullptr, RefreshCode::DropEntry};
+  entry.SetExpiry(ExpiryFor(lookup.m_flags, Freshness{}));
+  if (changed && !entry.Store(*source, stop, lookup.m_now)) {
+    return {nullptr, RefreshCode::DropEntry};
+  }
   return {nullptr, RefreshCode::UseEntry};
 }
 
@@ -241,13 +243,6 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
   }
 }
 
-// Wide text as a path, through UTF-8 on every system (the C locale's conversion would refuse
-// non-ASCII characters on POSIX).
-fs::path PathOfWide(std::wstring_view text) {
-  const std::string utf8 = qv::WideToUtf8(text);
-  return fs::path(std::u8string(utf8.begin(), utf8.end()));
-}
-
 std::wstring StoredBodyUrl(std::wstring_view name) {
   std::wstring url = CachePrefix();
   url.append(name);
@@ -278,11 +273,11 @@ void EnsureCacheDirectory(const fs::path& directory) {
 
 DiskCache::DiskCache(const wchar_t* directory) {
   if (directory != nullptr) {
-    m_directory = PathOfWide(directory);
+    m_directory = qv::PathOfWide(directory);
   } else {
     TqUWideStringBuffer app_dir;
     TqUAppInfo::GetAppDir(0, &app_dir);
-    m_directory = PathOfWide(app_dir.View()) / "DiskCache";
+    m_directory = qv::PathOfWide(app_dir.View()) / "DiskCache";
   }
   m_directory /= "v1";
   detail::EnsureCacheDirectory(m_directory);

@@ -15,6 +15,8 @@
 #include "tqutil/strings.h"
 #include "tqutil/sys_file.h"
 #include "tqutil/sys_time.h"
+#include "tqutil/text_path.h"
 #include "tqutil/url.h"
+#include "tqutil/user_agent.h"
 #include "tqutil/memory_pages.h"
 #include "tqutil/per_thread.h"

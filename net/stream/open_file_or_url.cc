@@ -29,17 +29,6 @@ std::future<StreamPtr> BrokenFuture() {
   return future;
 }
 
-std::filesystem::path LocalPath(const std::wstring& name) {
-  // Wide text is UTF-16 or UTF-32; the path is built from UTF-8 so that it names the same file
-  // whatever the process's locale is.
-  if constexpr (sizeof(std::filesystem::path::value_type) == sizeof(wchar_t)) {
-    return std::filesystem::path(name);
-  } else {
-    const std::string utf8 = qv::WideToUtf8(name);
-    return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
-  }
-}
-
 }  // namespace
 
 StreamPtr OpenFileOrUrl(std::wstring_view name, int flags, qv::stop_token stop) {
@@ -47,7 +36,7 @@ StreamPtr OpenFileOrUrl(std::wstring_view name, int flags, qv::stop_token stop) 
   // GetURLType reads up to a NUL; a view need not end at one.
   const std::wstring text(name);
   if (TqUFileURL::GetURLType(text.c_str()) == 0) {
-    return qv::io::FileReadStream::Create(LocalPath(text));
+    return qv::io::FileReadStream::Create(qv::PathOfWide(text));
   }
   if (IUrlCache* cache = CacheSystem()) return cache->OpenUrl(text, flags, std::move(stop));
   return ReadUrlIntoMemory(text, std::move(stop));
