@@ -250,8 +250,8 @@ bool HeaderBlock::ContentLengthAgrees() const {
     for (;;) {
       const auto comma = rest.find(',');
       const std::string_view item = TrimSpace(rest.substr(0, comma));
-      std::uint64_t value = 0;
-      if (!ParseUnsigned(item, std::numeric_limits<std::uint64_t>::max(), &value) || (length.has_value() && *length != value)) return false;
+      const std::optional<std::uint64_t> value = qv::ParseDecimal(item);
+      if (!value || (length.has_value() && *length != *value)) return false;
       length = value;
       if (comma == std::string_view::npos) break;
       rest.remove_prefix(comma + 1);

@@ -18,19 +18,12 @@ namespace {
 namespace fs = std::filesystem;
 namespace ef = entry_format;
 
-constexpr std::uint32_t kAccessRead = 0;
-constexpr std::uint32_t kAccessWrite = 1;
-constexpr std::uint32_t kShareNone = 0;
-constexpr std::uint32_t kShareRead = 1;
-constexpr std::uint32_t kCreateAlways = 1;
-constexpr std::uint32_t kOpenExistingWrite = 2;
-constexpr std::uint32_t kOpenExisting = 3;
-
 using UniqueFile = EntryFile;
 
 // Shared with other readers: the three opening modes of entry files.
 UniqueFile OpenForReading(const fs::path& path) {
-  return UniqueFile(TqUSysFile::OpenFile(path, kAccessRead, kShareRead, kOpenExisting, 0, 0));
+  return UniqueFile(TqUSysFile::OpenFile(path, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
+                                         TqUSysFile::kOpenExisting, 0, 0));
 }
 
 // A stream over the body of `file`, which starts at `offset`; null when the file cannot seek.
@@ -229,7 +222,8 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
   HeaderFields fields;
   bool valid = false;
   {
-    UniqueFile file(directory.OpenFile(name, kAccessRead, kShareRead, kOpenExisting, 0, 0));
+    UniqueFile file(directory.OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
+                                       TqUSysFile::kOpenExisting, 0, 0));
     if (!file) return Probe::kUnusable;
     valid = ReadHeader(file.get(), fields, false);
   }
@@ -305,7 +299,8 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
   // front of a body that is about to be replaced anyway.
   const std::uint16_t previous_size = m_header_size;
   m_header_size = 0;
-  UniqueFile file(TqUSysFile::OpenFile(path, kAccessWrite, kShareNone, kCreateAlways, 0, 0));
+  UniqueFile file(TqUSysFile::OpenFile(path, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
+                                       TqUSysFile::kCreateAlways, 0, 0));
   if (!file) {
     m_header_size = previous_size;
     return TqUSysFile::kInvalid;
@@ -382,7 +377,8 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenReadStream(std:
   // must never be written over a header of a different size.
   {
     UniqueFile file(
-        TqUSysFile::OpenFile(m_path, kAccessWrite, kShareNone, kOpenExistingWrite, 0, 0));
+        TqUSysFile::OpenFile(m_path, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
+                             TqUSysFile::kOpenExistingWrite, 0, 0));
     HeaderFields on_disk;
     if (file && ReadHeader(file.get(), on_disk) && on_disk.header_size == m_header_size &&
         on_disk.etag == m_etag && on_disk.key == m_key &&
