@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (parsed.no_store && value.find(L"no-store") == std::wstring::npos) std::abort();
 
-  // Parsing the same text up to an embedded NUL, as the transport hands it over, is as safe.
+  // Parsing the same text up to an embedded NUL is as safe.
   const qv::net::detail::CacheControl terminated =
       qv::net::detail::ParseCacheControl(value.c_str(), date);
   (void)terminated;

@@ -39,21 +39,20 @@ struct RefreshResult {
   RefreshCode code = RefreshCode::Nothing;
 };
 
-// The freshness a response's own headers give it at `now`. The WinINet transport's text keeps
-// its terminating NUL as its last code unit; the directives end there, or the last one
-// ("no-store" alone) would never compare equal.
+// The freshness a response's own headers give it at `now`.
 Freshness FreshnessOf(const HttpReadStream& response, std::int64_t now) {
   const std::optional<std::int64_t> date = response.QueryHeaderDateTime(std::wstring(L"Date"));
   const std::optional<std::wstring> value = response.QueryHeader(std::wstring(L"cache-control"));
   std::optional<std::wstring_view> cache_control;
-  if (value) cache_control = std::wstring_view(value->c_str());
+  if (value) cache_control = *value;
   return qv::net::FreshnessOf(date, cache_control, now);
 }
 
-// A stored or received entity tag as the value of "If-None-Match": without the terminator that
-// a transport counting it leaves at the end of its text; none when the tag is empty or holds CR,
-// LF or NUL, which would end the header line or split the request's header block (a server
-// could otherwise inject headers into later requests). Such an entry is fetched whole.
+// A stored or received entity tag as the value of "If-None-Match"; none when the tag is empty or
+// holds CR, LF or NUL, which would end the header line or split the request's header block (a
+// server could otherwise inject headers into later requests). Such an entry is fetched whole.
+// Entry files written while the transport's texts still ended in their terminator hold it at
+// the end of their tag: it is not part of the tag sent back.
 std::optional<std::string_view> Validator(std::string_view tag) {
   while (!tag.empty() && tag.back() == '\0') tag.remove_suffix(1);
   if (tag.empty() || tag.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos) {

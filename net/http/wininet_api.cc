@@ -98,8 +98,9 @@ bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
         (static_cast<std::uint64_t>(file_time.dwHighDateTime) << 32) | file_time.dwLowDateTime;
     result = TqUSysTime::FromFileTime(ticks);
   } else {
-    // The reported length leaves out the terminator; the text keeps it as its last code unit.
-    const std::size_t units = std::min<std::size_t>(length / sizeof(wchar_t) + 1, buffer.size());
+    // The reported length leaves out the terminator, and so does the text: it ends here, once,
+    // for every consumer above the transport.
+    const std::size_t units = std::min<std::size_t>(length / sizeof(wchar_t), buffer.size());
     result = std::wstring(buffer.data(), units);
   }
   return true;

@@ -76,12 +76,9 @@ IHttpApi& Api() {
 }
 
 // Content-Length as text, for bodies whose length does not fit the numeric query's 32 bits.
-// The WinINet backend's texts carry their terminating NUL, which is ignored here.
 std::optional<std::uint64_t> ParseContentLength(const std::optional<std::wstring>& text) {
   if (!text) return std::nullopt;
-  std::wstring_view digits(*text);
-  while (!digits.empty() && digits.back() == L'\0') digits.remove_suffix(1);
-  return qv::ParseDecimal(digits);
+  return qv::ParseDecimal(*text);
 }
 
 std::optional<std::uint64_t> QueryContentSize(IHttpApi& api, void* request) {

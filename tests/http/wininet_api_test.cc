@@ -50,11 +50,12 @@ TEST_F(WinInetTest, RoundTripSendsHeadersAndQueriesGrowTheirBuffer) {
                               .Header("Date", "Sun, 06 Nov 1994 08:49:37 GMT"));
   ASSERT_TRUE(Send(m_server.Url("/file?x=1")));
   EXPECT_EQ(m_api.QueryStatusCode(m_request), 200u);
-  // At most 7 characters fit the first 16-byte buffer; longer grows it. The NUL is kept.
+  // At most 7 characters fit the first 16-byte buffer; longer grows it. The text ends without
+  // the terminator.
   EXPECT_EQ(m_api.QueryHeader(m_request, std::wstring(L"X-Short"), nullptr),
-            std::wstring(L"1234567\0", 8));
+            std::wstring(L"1234567"));
   EXPECT_EQ(m_api.QueryHeader(m_request, HttpHeader::ETag, nullptr),
-            std::wstring(L"\"a-much-longer-tag-than-seven\"\0", 31));
+            std::wstring(L"\"a-much-longer-tag-than-seven\""));
   EXPECT_EQ(m_api.QueryHeaderNumeric(m_request, HttpHeader::ContentLength, nullptr), 11u);
   // A date by name: the first buffer holds only the name, WinINet asks for more.
   EXPECT_EQ(m_api.QueryHeaderDateTime(m_request, std::wstring(L"Date"), nullptr), 784111777);
