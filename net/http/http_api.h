@@ -46,6 +46,12 @@ class TQNET_EXPORT IHttpApi {
   virtual bool CloseHandle(void* handle) = 0;
 };
 
+// Who deletes a transport: TerminateHttp deletes the transport installed when it runs, whoever
+// installed it (InitialiseHttp's WinInet backend or the host's own). Until then SetHttpApi
+// hands each replaced transport back to its caller, who deletes it or keeps it; so a host that
+// installs a transport it must keep (one not made with new, or still needed afterwards) takes
+// it back with SetHttpApi(nullptr) before calling TerminateHttp.
+
 // The installed transport; null before one is installed and after TerminateHttp.
 TQNET_EXPORT IHttpApi* HttpApi();
 // Installs `api` (null allowed) and returns the previous one, which the caller now owns.

@@ -1,4 +1,4 @@
-#include "net/http/http_init.h"
+#include "net/startup/http_init.h"
 
 #include <memory>
 
