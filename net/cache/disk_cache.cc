@@ -13,6 +13,7 @@
 #include "net/http/http_status.h"
 #include "net/stream/read_stream.h"
 #include "net/stream/stream_copy.h"
+#include "net/stream/url_reading.h"
 
 namespace qv::net {
 namespace {

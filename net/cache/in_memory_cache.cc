@@ -7,7 +7,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "net/stream/stream_copy.h"
+#include "net/stream/url_reading.h"
 
 namespace qv::net {
 namespace {

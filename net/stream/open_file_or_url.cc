@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "net/cache/url_cache.h"
-#include "net/stream/stream_copy.h"
 #include "net/stream/thread_pool.h"
+#include "net/stream/url_reading.h"
 
 namespace qv::net {
 namespace {

@@ -9,8 +9,6 @@
 #include <string>
 #include <utility>
 
-#include "net/stream/read_stream.h"
-
 namespace qv::net {
 namespace {
 
@@ -18,15 +16,6 @@ namespace {
 const char* ExceptionText(const std::exception& e) {
   const char* text = e.what();
   return (text == nullptr || *text == '\0') ? "Unknown exception" : text;
-}
-
-// One line: prefix, URL, ": ", the exception's text, "\n".
-void LogUrlFailure(const char* prefix, const std::wstring& url, const std::exception& e) {
-  TqUSysError::LogUTF8String(prefix);
-  TqUError::LogWideString(url.c_str());
-  TqUSysError::LogUTF8String(": ");
-  TqUSysError::LogUTF8String(ExceptionText(e));
-  TqUSysError::LogUTF8String("\n");
 }
 
 // The 8 MiB buffer of one copy, zero when the copy starts. A thread keeps the buffer of its last
@@ -68,12 +57,6 @@ class CopyBuffer {
 
 }  // namespace
 
-bool IsHttpUrl(std::wstring_view url) {
-  if (url.size() >= 6 && url.substr(0, 6) == L"https:") return true;
-  if (url.size() < 5) return false;
-  return url.substr(0, 5) == L"http:";
-}
-
 CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
                             qv::stop_token stop) {
   CopyBuffer buffer;
@@ -103,39 +86,6 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteS
     TqUSysError::LogUTF8String("\n");
     result.completed = false;
     return result;
-  }
-}
-
-std::unique_ptr<qv::io::IDataReadStream> OpenUrlReadStream(std::wstring_view url,
-                                                           qv::stop_token stop) {
-  const std::wstring text(url);
-  try {
-    if (IsHttpUrl(text)) return HttpReadStream::Open(text, 0, std::move(stop));
-    return TqUFileURL::OpenURLReadStream(text.c_str(), std::move(stop));
-  } catch (const std::runtime_error& e) {
-    LogUrlFailure("Failed to open stream for URL: ", text, e);
-    return nullptr;
-  }
-}
-
-std::unique_ptr<qv::io::MemoryStream> ReadUrlIntoMemory(std::wstring_view url,
-                                                        qv::stop_token stop) {
-  const std::wstring text(url);
-  try {
-    std::unique_ptr<qv::io::IDataReadStream> source = OpenUrlReadStream(text, stop);
-    if (!source) return nullptr;
-    // A hint only: an 8 GiB claim for a 10 KiB body must not take 8 GiB of address space.
-    const std::uint64_t reserve =
-        std::min(source->MetaData().size.value_or(0), kMostReservedUpFront);
-    auto memory = std::make_unique<qv::io::MemoryStream>(static_cast<std::size_t>(reserve));
-    const CopyStreamResult copied = CopyStream(*source, *memory, std::move(stop));
-    source.reset();
-    if (!copied.completed) return nullptr;
-    memory->RSeek(0, qv::io::StreamPosition::Begin);
-    return memory;
-  } catch (const std::exception& e) {
-    LogUrlFailure("Failed to read URL: ", text, e);
-    return nullptr;
   }
 }
 

@@ -19,6 +19,7 @@
 #include "net/stream/open_file_or_url.h"
 #include "net/stream/read_stream.h"
 #include "net/stream/stream_copy.h"
+#include "net/stream/url_reading.h"
 #include "tests/cache/cache_test_support.h"
 #include "tests/faults/fault_fixture.h"
 #include "tests/fileprotocol/protocol_fixture.h"

@@ -16,7 +16,7 @@
 #include "net/http/wininet_api.h"
 #include "net/stream/open_file_or_url.h"
 #include "net/stream/read_stream.h"
-#include "net/stream/stream_copy.h"
+#include "net/stream/url_reading.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/read_all.h"
 #include "tests/support/servers/raw_responder.h"

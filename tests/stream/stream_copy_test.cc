@@ -1,4 +1,5 @@
 #include "net/stream/stream_copy.h"
+#include "net/stream/url_reading.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
