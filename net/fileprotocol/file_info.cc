@@ -83,38 +83,34 @@ bool HttpFileProtocol::GetFileInfo(const wchar_t* url, TqUFileInfo* info) {
 
   detail::InternetHandle connection;
   int connect_timeouts = 0;
-  const detail::CallResult connected = detail::CallWithTimeouts(
-      [&] {
-        connection.Reset(InternetConnectW(m_internet.load(std::memory_order_acquire),
-                                          parsed.GetHostName(), parsed.GetPort(),
-                                          parsed.GetUserNameW(), parsed.GetPassword(),
-                                          INTERNET_SERVICE_HTTP, 0, 0));
-        return static_cast<bool>(connection);
-      },
-      connect_timeouts);
-  if (connected == detail::CallResult::kFailed) {
-    Post(1, L"HttpFileProtocol::GetFileInfo InternetConnect for %s failed: %d", url,
-         static_cast<int>(GetLastError()));
+  const auto connect = [&] {
+    connection.Reset(InternetConnectW(m_internet.load(std::memory_order_acquire),
+                                      parsed.GetHostName(), parsed.GetPort(),
+                                      parsed.GetUserNameW(), parsed.GetPassword(),
+                                      INTERNET_SERVICE_HTTP, 0, 0));
+    return static_cast<bool>(connection);
+  };
+  if (!detail::CallWithTimeouts(connect, connect_timeouts,
+                                L"HttpFileProtocol::GetFileInfo InternetConnect for %s failed: %d",
+                                url)) {
+    return false;
   }
-  if (connected != detail::CallResult::kDone) return false;
 
   Attempt state = Attempt::Stop;
   int open_timeouts = 0;
   bool open_again = false;
   do {
     detail::InternetHandle handle;
-    const detail::CallResult opened = detail::CallWithTimeouts(
-        [&] {
-          handle.Reset(detail::OpenProtocolRequest(connection.Get(), request.GetMethod(),
-                                                   parsed.GetResource(), secure));
-          return static_cast<bool>(handle);
-        },
-        open_timeouts);
-    if (opened == detail::CallResult::kFailed) {
-      Post(1, L"HttpFileProtocol::GetFileInfo InternetOpen for %s failed: %d", url,
-           static_cast<int>(GetLastError()));
+    const auto open = [&] {
+      handle.Reset(detail::OpenProtocolRequest(connection.Get(), request.GetMethod(),
+                                               parsed.GetResource(), secure));
+      return static_cast<bool>(handle);
+    };
+    if (!detail::CallWithTimeouts(open, open_timeouts,
+                                  L"HttpFileProtocol::GetFileInfo InternetOpen for %s failed: %d",
+                                  url)) {
+      return false;
     }
-    if (opened != detail::CallResult::kDone) return false;
     int bad_gateways = 0;
     open_again = false;
 

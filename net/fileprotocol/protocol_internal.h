@@ -59,24 +59,23 @@ bool SendProtocolRequest(HINTERNET request, const std::wstring& headers);
 // The response's status as a number.
 bool QueryStatusCode(HINTERNET request, DWORD* status);
 
-// A WinINet call tried again after its time-outs: the file protocol's one retry rule.
-enum class CallResult {
-  kDone,      // the call succeeded
-  kFailed,    // it failed with another error than a time-out, still in GetLastError
-  kTimedOut,  // it timed out for the last allowed time
-};
 // How many time-outs the file protocol takes from one kind of call before it gives up.
 constexpr int kMaxTimeouts = 3;
-// Runs `call` (true on success) until it succeeds or fails with another error than
-// ERROR_INTERNET_TIMEOUT, counting its time-outs in `timeouts` and giving up when they reach
-// kMaxTimeouts. The count starts where the caller left it, so calls that share a budget share
-// one counter.
+// The file protocol's one retry rule for a WinINet call: runs `call` (true on success) until it
+// succeeds or fails with another error than ERROR_INTERNET_TIMEOUT, counting its time-outs in
+// `timeouts` and giving up silently when they reach kMaxTimeouts. Another error is posted as
+// `format` with `url` and the error code. The count starts where the caller left it, so calls
+// that share a budget share one counter. True when the call succeeded.
 template <class Call>
-CallResult CallWithTimeouts(Call&& call, int& timeouts) {
+bool CallWithTimeouts(Call&& call, int& timeouts, const wchar_t* format, const wchar_t* url) {
   for (;;) {
-    if (call()) return CallResult::kDone;
-    if (GetLastError() != ERROR_INTERNET_TIMEOUT) return CallResult::kFailed;
-    if (++timeouts >= kMaxTimeouts) return CallResult::kTimedOut;
+    if (call()) return true;
+    const DWORD error = GetLastError();
+    if (error != ERROR_INTERNET_TIMEOUT) {
+      TqUError::Post(1, &FileProtocolComponent(), format, url, static_cast<int>(error));
+      return false;
+    }
+    if (++timeouts >= kMaxTimeouts) return false;
   }
 }
 

@@ -131,13 +131,12 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
 
   const std::wstring headers = http_request.FormatHeaders();
   int send_timeouts = 0;
-  const detail::CallResult sent = detail::CallWithTimeouts(
-      [&] { return detail::SendProtocolRequest(handle.Get(), headers); }, send_timeouts);
-  if (sent == detail::CallResult::kFailed) {
-    PostReadError(L"HttpFileProtocol::ReadFile HttpSendRequest for %s failed: %d", url,
-                  static_cast<int>(GetLastError()));
+  const auto send = [&] { return detail::SendProtocolRequest(handle.Get(), headers); };
+  if (!detail::CallWithTimeouts(send, send_timeouts,
+                                L"HttpFileProtocol::ReadFile HttpSendRequest for %s failed: %d",
+                                url.GetString())) {
+    return -1;
   }
-  if (sent != detail::CallResult::kDone) return -1;
 
   if (detail::HasConflictingContentLength(handle.Get())) {
     TqUError::Post(1, &detail::FileProtocolComponent(),
