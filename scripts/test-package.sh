@@ -43,7 +43,7 @@ fi
 work=$(mktemp -d)
 cleanup() {
   rm -rf "$work"
-  if [ "$installed_before" = false ]; then "${sudo_cmd[@]}" dpkg -r tqnetwork >/dev/null || true; fi
+  if [ "$installed_before" = false ]; then "${sudo_cmd[@]}" dpkg --purge tqnetwork >/dev/null || true; fi
 }
 trap cleanup EXIT
 (cd "$(dirname "$deb")" && DEBIAN_FRONTEND=noninteractive \
