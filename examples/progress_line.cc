@@ -9,19 +9,18 @@ namespace {
 
 constexpr int kBarWidth = 24;
 
+std::string TwoDigits(std::uint64_t value) {
+  return (value < 10 ? "0" : "") + std::to_string(value);
+}
+
+// "0:07", "12:30", "27:30:00".
 std::string Clock(double seconds) {
   const auto total = static_cast<std::uint64_t>(std::ceil(seconds));
-  char text[32];
   if (total >= 3600) {
-    std::snprintf(text, sizeof text, "%llu:%02llu:%02llu",
-                  static_cast<unsigned long long>(total / 3600),
-                  static_cast<unsigned long long>(total / 60 % 60),
-                  static_cast<unsigned long long>(total % 60));
-  } else {
-    std::snprintf(text, sizeof text, "%llu:%02llu", static_cast<unsigned long long>(total / 60),
-                  static_cast<unsigned long long>(total % 60));
+    return std::to_string(total / 3600) + ":" + TwoDigits(total / 60 % 60) + ":" +
+           TwoDigits(total % 60);
   }
-  return text;
+  return std::to_string(total / 60) + ":" + TwoDigits(total % 60);
 }
 
 }  // namespace
@@ -64,10 +63,11 @@ std::string FormatProgressLine(const ProgressSample& sample) {
 }
 
 bool ProgressThrottle::ShouldDraw(const std::string& text, Clock::time_point now, bool last) {
-  if (m_drawn_at && text == m_shown) return false;
+  if (m_finished || (m_drawn_at && text == m_shown)) return false;
   if (m_drawn_at && !last && now - *m_drawn_at < kInterval) return false;
   m_shown = text;
   m_drawn_at = now;
+  m_finished = last;
   return true;
 }
 

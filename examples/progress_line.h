@@ -24,8 +24,8 @@ std::string FormatProgressLine(const ProgressSample& sample);
 std::string FormatBytes(double bytes);
 
 // Decides when the line is drawn again: only when its text changed, and at most once per
-// interval, except for the last line, which is always drawn when it differs from the one shown,
-// so that the bar ends at 100%.
+// interval, except for the last line, which is drawn at once when it differs from the one shown,
+// so that the bar ends at 100%. Nothing is drawn after the last line.
 class ProgressThrottle {
  public:
   using Clock = std::chrono::steady_clock;
@@ -37,6 +37,7 @@ class ProgressThrottle {
  private:
   std::string m_shown;
   std::optional<Clock::time_point> m_drawn_at;
+  bool m_finished = false;
 };
 
 }  // namespace tqfetch

@@ -2,8 +2,8 @@
 # The Debian package as a new user meets it: builds it (cpack -G DEB) in <build-dir>, checks
 # what it holds and where (nothing outside include/tqnetwork/, lib/, bin/ and share/), installs
 # it with `apt-get install ./tqnetwork_*.deb`, then, with no other step and no LD_LIBRARY_PATH,
-# builds the consumer example against it through pkg-config and through find_package, runs
-# both, and runs tqfetch. The package is removed again at the end unless it was installed
+# builds the consumer programs against it through pkg-config and through find_package, runs
+# them, and runs tqfetch. The package is removed again at the end unless it was installed
 # before. Needs root (or sudo) to install.
 # Usage: scripts/test-package.sh <build-dir>
 set -euo pipefail
@@ -55,11 +55,18 @@ unset LD_LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
 # shellcheck disable=SC2046  # pkg-config's flags are words
 g++ -std=c++20 "$root/tests/consumer/main.cc" -o consumer-pc $(pkg-config --cflags --libs tqnetwork)
 ./consumer-pc "$work/check-pc.txt"
+# shellcheck disable=SC2046
+g++ -std=c++20 "$root/tests/consumer/example.cc" -o example-pc $(pkg-config --cflags --libs tqnetwork)
+printf 'read through the cache\n' >"$work/hello.txt"
+[ "$(./example-pc "$work/hello.txt" "$work/cache")" = "read through the cache" ] ||
+  fail "the README's example did not print the file"
 
 echo "== a consumer through find_package"
 cmake -S "$root/tests/consumer" -B consumer-cmake -G Ninja >/dev/null
 cmake --build consumer-cmake >/dev/null
 consumer-cmake/consumer "$work/check-cmake.txt"
+[ "$(consumer-cmake/example "$work/hello.txt" "$work/cache")" = "read through the cache" ] ||
+  fail "the README's example (find_package) did not print the file"
 
 echo "== tqfetch from the package"
 tqfetch=$(command -v tqfetch) || fail "tqfetch is not on PATH"

@@ -42,6 +42,7 @@ TEST(ProgressLineTest, RedrawsOnlyChangedTextAtMostTenTimesASecond) {
   EXPECT_TRUE(throttle.ShouldDraw("b", t0 + 1s, false));
   EXPECT_TRUE(throttle.ShouldDraw("c", t0 + 1s + 1ms, true));  // the last line, at once
   EXPECT_FALSE(throttle.ShouldDraw("c", t0 + 2s, true));       // but not twice
+  EXPECT_FALSE(throttle.ShouldDraw("d", t0 + 3s, true));       // nor anything after it
 
   // 10 000 changing calls spread over 2 s draw about 20 lines, not 10 000.
   ProgressThrottle busy;
