@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "net/cache/cache_init.h"
+#include "net/cache/url_cache.h"
 #include "net/http/connection_pool.h"
 #include "net/http/http_init.h"
 #include "net/stream/open_file_or_url.h"
