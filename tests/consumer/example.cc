@@ -1,5 +1,5 @@
-// Prints a URL's body (or a local file's), read through the library's disk cache: everything a
-// host does to use tqnetwork, from start-up to shut-down.
+// Prints a URL's body, read through the library's disk cache (or a local file, read directly):
+// everything a host does to use tqnetwork, from start-up to shut-down.
 //
 //   example URL CACHE_DIRECTORY
 #include <cstdint>
