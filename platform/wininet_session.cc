@@ -1,8 +1,6 @@
 // InternetOpenW, InternetConnectW, InternetSetOptionW and InternetCloseHandle.
 #include "platform/wininet_session.h"
 
-#include <signal.h>
-
 #include <cstring>
 #include <new>
 
@@ -43,38 +41,24 @@ std::optional<std::string> TestCaFile() {
   return g_ca_file;
 }
 
-void EnsureCurlInitialised() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    // A peer closing a TLS connection must not kill the process: OpenSSL writes with write(2),
-    // which raises SIGPIPE. Leave a handler the host installed alone.
-    struct sigaction current {};
-    if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
-      signal(SIGPIPE, SIG_IGN);
-    }
-  });
-}
-
 // --- Session ---------------------------------------------------------------------------------
 
 Session::Session(std::string agent, ProxyMode mode, std::string proxy, std::string no_proxy)
     : InternetObject(kKind), proxy_mode_(mode), proxy_(std::move(proxy)),
       no_proxy_(std::move(no_proxy)) {
   settings_.Update([&](Settings& s) { s.agent = std::move(agent); });
-  share_ = curl_share_init();
+  share_.reset(curl_share_init());
   if (share_ != nullptr) {
-    curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, &Session::Lock);
-    curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, &Session::Unlock);
-    curl_share_setopt(share_, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    CURLSH* share = share_.get();
+    curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Session::Lock);
+    curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &Session::Unlock);
+    curl_share_setopt(share, CURLSHOPT_USERDATA, this);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
   }
 }
 
-Session::~Session() {
-  if (share_ != nullptr) curl_share_cleanup(share_);
-}
+Session::~Session() = default;
 
 void Session::Lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
   static_cast<Session*>(self)->locks_[data].lock();
@@ -107,14 +91,6 @@ std::string Session::ProxyFor(const std::string& scheme) const {
 
 // --- Transfer slots and connections ------------------------------------------------------------
 
-TransferSlot::TransferSlot() : multi(curl_multi_init()), easy(curl_easy_init()) {}
-
-TransferSlot::~TransferSlot() {
-  if (attached) curl_multi_remove_handle(multi, easy);
-  if (easy != nullptr) curl_easy_cleanup(easy);
-  if (multi != nullptr) curl_multi_cleanup(multi);
-}
-
 Connection::Connection(std::shared_ptr<Session> session, std::string host, INTERNET_PORT port)
     : InternetObject(kKind), session_(std::move(session)), host_(std::move(host)), port_(port) {}
 
@@ -135,19 +111,19 @@ DWORD Connection::MaxConns() const {
   return settings.max_conns.value_or(kDefaultMaxConnsPerServer);
 }
 
-std::unique_ptr<TransferSlot> Connection::Acquire(const std::atomic<bool>& cancelled,
+std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
                                                   std::optional<std::chrono::milliseconds> wait,
                                                   DWORD* error) {
   const DWORD max_conns = MaxConns();
   std::unique_lock lock(slots_mutex_);
-  auto ready = [&] { return cancelled.load() || in_use_ < max_conns; };
+  auto ready = [&] { return stop.stopped() || in_use_ < max_conns; };
   if (!wait.has_value()) {
     slots_cv_.wait(lock, ready);
   } else if (!slots_cv_.wait_for(lock, *wait, ready)) {
     *error = ERROR_INTERNET_TIMEOUT;
     return nullptr;
   }
-  if (cancelled.load()) {
+  if (stop.stopped()) {
     *error = ERROR_INTERNET_OPERATION_CANCELLED;
     return nullptr;
   }
@@ -156,8 +132,8 @@ std::unique_ptr<TransferSlot> Connection::Acquire(const std::atomic<bool>& cance
     slot = std::move(idle_.back());
     idle_.pop_back();
   } else {
-    slot = std::make_unique<TransferSlot>();
-    if (slot->multi == nullptr || slot->easy == nullptr) {
+    slot = TransferSlot::Create();
+    if (slot == nullptr) {
       *error = ERROR_NOT_ENOUGH_MEMORY;
       return nullptr;
     }
