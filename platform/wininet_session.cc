@@ -201,6 +201,77 @@ std::string NoProxyList(const std::string& bypass) {
   return out;
 }
 
+SettingsHolder& SettingsOf(InternetObject& object) {
+  if (object.kind() == HandleKind::kSession) return static_cast<Session&>(object).settings();
+  if (object.kind() == HandleKind::kConnection) {
+    return static_cast<Connection&>(object).settings();
+  }
+  return static_cast<Request&>(object).settings();
+}
+
+bool IsStringOption(DWORD option) {
+  switch (option) {
+    case INTERNET_OPTION_USERNAME:
+    case INTERNET_OPTION_PASSWORD:
+    case INTERNET_OPTION_PROXY_USERNAME:
+    case INTERNET_OPTION_PROXY_PASSWORD:
+    case INTERNET_OPTION_USER_AGENT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// String options: the length counts characters, as InternetSetOptionW documents.
+DWORD SetStringOption(SettingsHolder* target, DWORD option, const void* buffer,
+                      DWORD buffer_length) {
+  std::string text = ReadWideOption(buffer, buffer_length);
+  target->Update([&](Settings& s) {
+    switch (option) {
+      case INTERNET_OPTION_USERNAME: s.user = std::move(text); break;
+      case INTERNET_OPTION_PASSWORD: s.password = std::move(text); break;
+      case INTERNET_OPTION_PROXY_USERNAME: s.proxy_user = std::move(text); break;
+      case INTERNET_OPTION_PROXY_PASSWORD: s.proxy_password = std::move(text); break;
+      default: s.agent = std::move(text); break;
+    }
+  });
+  return ERROR_SUCCESS;
+}
+
+// The option's field in the settings; null for options that are not numbers.
+std::optional<DWORD> Settings::*DwordField(DWORD option) {
+  switch (option) {
+    case INTERNET_OPTION_MAX_CONNS_PER_SERVER: return &Settings::max_conns;
+    case INTERNET_OPTION_CONNECT_TIMEOUT: return &Settings::connect_timeout;
+    case INTERNET_OPTION_SEND_TIMEOUT:
+    case INTERNET_OPTION_DATA_SEND_TIMEOUT: return &Settings::send_timeout;
+    case INTERNET_OPTION_RECEIVE_TIMEOUT:
+    case INTERNET_OPTION_DATA_RECEIVE_TIMEOUT: return &Settings::receive_timeout;
+    case INTERNET_OPTION_CONNECT_RETRIES: return &Settings::connect_retries;
+    default: return nullptr;
+  }
+}
+
+DWORD SetDwordOption(SettingsHolder* target, InternetObject* object, DWORD option,
+                     const void* buffer, DWORD buffer_length) {
+  const auto field = DwordField(option);
+  if (field == nullptr) return ERROR_INTERNET_INVALID_OPTION;
+  const bool max_conns = option == INTERNET_OPTION_MAX_CONNS_PER_SERVER;
+  if (max_conns && object != nullptr && object->kind() == HandleKind::kRequest) {
+    return ERROR_INTERNET_INCORRECT_HANDLE_TYPE;
+  }
+  if (buffer_length < sizeof(DWORD)) return ERROR_INTERNET_BAD_OPTION_LENGTH;
+  DWORD value = 0;
+  std::memcpy(&value, buffer, sizeof(DWORD));
+  if (max_conns && value == 0) return ERROR_INVALID_PARAMETER;
+  target->Update([&](Settings& s) { s.*field = value; });
+  // Requests waiting for a slot see a raised bound at once.
+  if (max_conns && object != nullptr && object->kind() == HandleKind::kConnection) {
+    static_cast<Connection*>(object)->WakeWaiters();
+  }
+  return ERROR_SUCCESS;
+}
+
 }  // namespace
 
 }  // namespace tqplatform
@@ -291,77 +362,13 @@ BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD b
   if (internet != nullptr) {
     object = LookupAnyHandle(internet);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
-    switch (object->kind()) {
-      case HandleKind::kSession:
-        target = &static_cast<Session*>(object.get())->settings();
-        break;
-      case HandleKind::kConnection:
-        target = &static_cast<Connection*>(object.get())->settings();
-        break;
-      case HandleKind::kRequest:
-        target = &static_cast<Request*>(object.get())->settings();
-        break;
-    }
+    target = &SettingsOf(*object);
   }
   if (buffer == nullptr) return Fail(ERROR_INVALID_PARAMETER);
-
-  auto dword_value = [&](DWORD* out) -> BOOL {
-    if (buffer_length < sizeof(DWORD)) return Fail(ERROR_INTERNET_BAD_OPTION_LENGTH);
-    std::memcpy(out, buffer, sizeof(DWORD));
-    return TRUE;
-  };
-  DWORD value = 0;
-  switch (option) {
-    case INTERNET_OPTION_MAX_CONNS_PER_SERVER:
-      if (object != nullptr && object->kind() == HandleKind::kRequest) {
-        return Fail(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
-      }
-      if (!dword_value(&value)) return FALSE;
-      if (value == 0) return Fail(ERROR_INVALID_PARAMETER);
-      target->Update([&](Settings& s) { s.max_conns = value; });
-      if (object != nullptr && object->kind() == HandleKind::kConnection) {
-        static_cast<Connection*>(object.get())->WakeWaiters();
-      }
-      return TRUE;
-    case INTERNET_OPTION_CONNECT_TIMEOUT:
-      if (!dword_value(&value)) return FALSE;
-      target->Update([&](Settings& s) { s.connect_timeout = value; });
-      return TRUE;
-    case INTERNET_OPTION_SEND_TIMEOUT:
-    case INTERNET_OPTION_DATA_SEND_TIMEOUT:
-      if (!dword_value(&value)) return FALSE;
-      target->Update([&](Settings& s) { s.send_timeout = value; });
-      return TRUE;
-    case INTERNET_OPTION_RECEIVE_TIMEOUT:
-    case INTERNET_OPTION_DATA_RECEIVE_TIMEOUT:
-      if (!dword_value(&value)) return FALSE;
-      target->Update([&](Settings& s) { s.receive_timeout = value; });
-      return TRUE;
-    case INTERNET_OPTION_CONNECT_RETRIES:
-      if (!dword_value(&value)) return FALSE;
-      target->Update([&](Settings& s) { s.connect_retries = value; });
-      return TRUE;
-    case INTERNET_OPTION_USERNAME:
-    case INTERNET_OPTION_PASSWORD:
-    case INTERNET_OPTION_PROXY_USERNAME:
-    case INTERNET_OPTION_PROXY_PASSWORD:
-    case INTERNET_OPTION_USER_AGENT: {
-      // String options: the length counts characters, as InternetSetOptionW documents.
-      std::string text = ReadWideOption(buffer, buffer_length);
-      target->Update([&](Settings& s) {
-        switch (option) {
-          case INTERNET_OPTION_USERNAME: s.user = std::move(text); break;
-          case INTERNET_OPTION_PASSWORD: s.password = std::move(text); break;
-          case INTERNET_OPTION_PROXY_USERNAME: s.proxy_user = std::move(text); break;
-          case INTERNET_OPTION_PROXY_PASSWORD: s.proxy_password = std::move(text); break;
-          default: s.agent = std::move(text); break;
-        }
-      });
-      return TRUE;
-    }
-    default:
-      return Fail(ERROR_INTERNET_INVALID_OPTION);
-  }
+  const DWORD error = IsStringOption(option)
+                          ? SetStringOption(target, option, buffer, buffer_length)
+                          : SetDwordOption(target, object.get(), option, buffer, buffer_length);
+  return error == ERROR_SUCCESS ? TRUE : Fail(error);
 }
 
 BOOL InternetCloseHandle(HINTERNET internet) {
