@@ -82,18 +82,6 @@ bool Transfer::MoveTo(TransferState next) {
   return legal;
 }
 
-bool Transfer::HasResponse() const {
-  switch (state_) {
-    case TransferState::kReceiving:
-    case TransferState::kPaused:
-    case TransferState::kDraining:
-    case TransferState::kFinished:
-      return true;
-    default:
-      return false;
-  }
-}
-
 DWORD Transfer::AcquireSlot() {
   DWORD error = ERROR_SUCCESS;
   slot_ = slots_.Acquire(stop_, request_.slot_wait, &error);
@@ -170,10 +158,10 @@ DWORD Transfer::Read(char* out, std::size_t size, std::size_t* got) {
     target_len_ = 0;
     target_filled_ = 0;
     if (error != ERROR_SUCCESS) {
-      // The reader gave up on the body: its connection goes.
+      // The body failed on the engine's side (time-out, stop): its connection goes.
       error_ = error;
       ReleaseSlot();
-      MoveTo(TransferState::kFinished);
+      if (IsRunning(state_)) MoveTo(TransferState::kFinished);
     }
   }
   *got = filled;

@@ -97,12 +97,15 @@ struct TransferRequest {
   bool http10 = false;
   std::string agent;
   ProxyMode proxy_mode = ProxyMode::kEnvironment;
-  std::string http_proxy;   // kNamed: the proxies for http and https URLs (empty: none)
+  // kNamed: the proxies for http and https URLs (empty: none), and the bypass list in libcurl's
+  // form.
+  std::string http_proxy;
   std::string https_proxy;
-  std::string no_proxy;     // kNamed: libcurl's form
-  std::string user;      // answers 401 challenges, to the first origin only
+  std::string no_proxy;
+  // Answer 401 challenges, at the first hop's origin only; answer 407 challenges.
+  std::string user;
   std::string password;
-  std::string proxy_user;  // answers 407 challenges
+  std::string proxy_user;
   std::string proxy_password;
   bool verify_host = true;
   std::optional<std::string> ca_file;
@@ -144,7 +147,7 @@ class Transfer {
 
   TransferState state() const { return state_; }
   // True after a successful Open until Reset: the response and its body are there to read.
-  bool HasResponse() const;
+  bool HasResponse() const { return HasFinalHeaders(state_); }
   const HeaderBlock& response() const { return response_; }
   // The URL and method of the last request sent (the last hop of a redirect chain).
   const std::string& sent_url() const { return sent_url_; }

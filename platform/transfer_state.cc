@@ -46,16 +46,13 @@ bool IsLegalMove(TransferState from, TransferState to) {
 }
 
 bool IsRunning(TransferState state) {
-  switch (state) {
-    case TransferState::kConnecting:
-    case TransferState::kAwaitingHeaders:
-    case TransferState::kReceiving:
-    case TransferState::kPaused:
-    case TransferState::kDraining:
-      return true;
-    default:
-      return false;
-  }
+  return state != TransferState::kIdle && state != TransferState::kFinished &&
+         state != TransferState::kFailed;
+}
+
+bool HasFinalHeaders(TransferState state) {
+  return state == TransferState::kReceiving || state == TransferState::kPaused ||
+         state == TransferState::kDraining || state == TransferState::kFinished;
 }
 
 void TransferClock::Start(TransferLimits limits, bool sends_body, Clock::time_point now) {

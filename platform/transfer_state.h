@@ -27,6 +27,8 @@ bool IsLegalMove(TransferState from, TransferState to);
 
 // True in the phases where libcurl has the transfer (a slot is in use).
 bool IsRunning(TransferState state);
+// True once the final response's headers are in, until the transfer is reset or fails.
+bool HasFinalHeaders(TransferState state);
 
 // The time limits of one transfer; zero means none (for `connect`: libcurl's default). While a
 // body is being sent, `send` applies as well: the longer of the two, none if either is none.
