@@ -1,5 +1,6 @@
 #include "tests/support/servers/raw_responder.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <mutex>
@@ -34,6 +35,7 @@ struct RawResponder::Impl {
         return;
       }
       const std::size_t index = accepted++;
+      sockets::SetNoDelay(s);
       open.insert(s);
       workers.emplace_back([this, s, index] {
         RawConnection connection(s, index, this);
@@ -86,8 +88,15 @@ std::string RawConnection::ReadRequestHead() {
   return head;
 }
 
-bool RawConnection::Send(std::string_view bytes) {
-  return socket_ != sockets::kNone && sockets::SendAll(socket_, bytes.data(), bytes.size());
+bool RawConnection::Send(std::string_view bytes, std::size_t piece) {
+  if (socket_ == sockets::kNone) return false;
+  if (piece == 0) piece = bytes.size();
+  for (std::size_t at = 0; at < bytes.size(); at += piece) {
+    if (!sockets::SendAll(socket_, bytes.data() + at, std::min(piece, bytes.size() - at))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 bool RawConnection::Stall() {
