@@ -2,7 +2,7 @@
 // header of declarations and a Linux library, which MinGW cannot build against. It answers as
 // the cpp-httplib server does where tests can tell (headers it adds, HEAD, keep-alive); HTTPS is
 // not served (ok() is false with a certificate).
-#include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/scripted_server_book.h"
 
 #include <algorithm>
 #include <atomic>
@@ -139,13 +139,9 @@ struct ScriptedServer::Impl {
   int port = -1;
   std::thread acceptor;
   std::atomic<bool> stopping{false};
-  std::atomic<std::size_t> accepted{0};
+  Book book;
 
-  mutable std::mutex mutex;
-  std::map<std::string, ScriptedHandler> routes;
-  std::vector<RecordedRequest> requests;
-  std::size_t in_flight = 0;
-  std::size_t max_in_flight = 0;
+  std::mutex mutex;
   std::vector<sockets::Handle> open;
   std::vector<std::thread> workers;
 
@@ -158,7 +154,7 @@ struct ScriptedServer::Impl {
         sockets::Close(s);
         return;
       }
-      ++accepted;
+      ++book.accepted;
       sockets::SetNoDelay(s);
       open.push_back(s);
       workers.emplace_back([this, s] {
@@ -236,31 +232,6 @@ struct ScriptedServer::Impl {
     return true;
   }
 
-  ScriptedResponse Answer(const RecordedRequest& record) {
-    ScriptedHandler handler;
-    {
-      std::lock_guard lock(mutex);
-      requests.push_back(record);
-      max_in_flight = std::max(max_in_flight, ++in_flight);
-      const auto it = routes.find(record.path);
-      if (it != routes.end()) handler = it->second;
-    }
-    ScriptedResponse answer;
-    if (handler) {
-      answer = handler(record);
-    } else {
-      answer.status = 404;
-      answer.body = "no route";
-      answer.content_type = "text/plain";
-    }
-    if (answer.hold != nullptr) answer.hold->Wait();
-    {
-      std::lock_guard lock(mutex);
-      --in_flight;
-    }
-    return answer;
-  }
-
   void ServeConnection(sockets::Handle s) {
     Reader reader(s, stopping);
     for (std::size_t served = 0;;) {
@@ -268,7 +239,7 @@ struct ScriptedServer::Impl {
       if (!ReadRequest(reader, s, &request)) return;
       ++served;
       const RecordedRequest& record = request.record;
-      const ScriptedResponse answer = Answer(record);
+      const ScriptedResponse answer = book.Answer(record);
       const bool close = served >= options.keep_alive_max || request.version != "HTTP/1.1" ||
                          Lower(record.Header("Connection").value_or("")) == "close";
 
@@ -360,30 +331,6 @@ std::string ScriptedServer::Url(const std::string& path) const {
   return "http://127.0.0.1:" + std::to_string(impl_->port) + path;
 }
 
-void ScriptedServer::Route(const std::string& path, ScriptedResponse response) {
-  Route(path, [response](const RecordedRequest&) { return response; });
-}
-
-void ScriptedServer::Route(const std::string& path, ScriptedHandler handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->routes[path] = std::move(handler);
-}
-
-std::size_t ScriptedServer::request_count() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->requests.size();
-}
-
-std::size_t ScriptedServer::connection_count() const { return impl_->accepted.load(); }
-
-std::size_t ScriptedServer::max_concurrent_requests() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->max_in_flight;
-}
-
-std::vector<RecordedRequest> ScriptedServer::requests() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->requests;
-}
+ScriptedServer::Book& ScriptedServer::book() const { return impl_->book; }
 
 }  // namespace tq::test
