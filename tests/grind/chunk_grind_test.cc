@@ -29,6 +29,7 @@ using Transcript = std::vector<std::string>;
 constexpr std::size_t kPieces[] = {1, 2, 3, 7, 4096};
 constexpr std::int64_t kDate = 1'700'000'000;  // the first answer's Date
 constexpr const char* kTag = "\"grind-1\"";
+constexpr std::size_t kReadChunk = 256;  // bodies take several reads
 
 // Bytes of every value, CR LF and NUL among them, so a body split at any point shows.
 std::string Body() {
@@ -172,7 +173,7 @@ TEST_F(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
         return;
       }
       std::string body;
-      const bool read = ReadAll(r, &body, 4096);
+      const bool read = ReadAll(r, &body, kReadChunk);
       out.push_back(QueryText(r, HTTP_QUERY_STATUS_CODE) + " " +
                     QueryText(r, HTTP_QUERY_STATUS_TEXT));
       out.push_back(QueryText(r, HTTP_QUERY_RAW_HEADERS_CRLF));
@@ -208,7 +209,7 @@ TEST_F(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
                     (size ? std::to_string(*size) : "no size") + " " +
                     Narrow(stream.ETag().value_or("no tag")) + " " +
                     Narrow(stream.QueryHeader(std::wstring(L"X-Grind")).value_or(L"absent")));
-      out.push_back(Seen(ReadAll(stream, 4096)));
+      out.push_back(Seen(ReadAll(stream, kReadChunk)));
     };
     for (const char* path : {"/plain", "/chunked"}) {
       describe(*qv::net::HttpReadStream::Open(Wide(server.Url(path)), 0, {}));
@@ -239,7 +240,7 @@ TEST_F(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) 
       const std::wstring url = Wide(server.Url(path));
       const auto open = [&] {
         auto stream = cache.OpenUrl(url, 0, {});
-        out.push_back(stream ? Seen(ReadAll(*stream, 4096)) : "<null>");
+        out.push_back(stream ? Seen(ReadAll(*stream, kReadChunk)) : "<null>");
         const auto entry = qv::net::CacheEntry::Load(
             qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory()));
         out.push_back(Narrow(entry.ETag()) + " expires " + std::to_string(entry.Expiry() - kDate) +

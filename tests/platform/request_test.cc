@@ -30,17 +30,6 @@ class RequestTest : public ::testing::Test {
   Handle connection_;
 };
 
-TEST_F(RequestTest, SequentialRequestsReuseOneConnection) {
-  server_.Route("/item", ScriptedResponse(200, std::string(100000, 'p')).Chunked(30000));
-  for (int i = 0; i < 100; ++i) {
-    Handle request = OpenRequest(connection_, L"/item");
-    ASSERT_TRUE(Send(request));
-    ASSERT_EQ(Body(request), std::string(100000, 'p'));
-  }
-  EXPECT_EQ(server_.request_count(), 100u);
-  EXPECT_EQ(server_.connection_count(), 1u);
-}
-
 TEST_F(RequestTest, ConcurrentRequestsWaitForABoundedNumberOfConnections) {
   ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 4));
   Gate gate;
