@@ -15,6 +15,7 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
 
   const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(std::string_view name) const { return path_ / name; }
   // Writes a file (creating parent directories) and returns its full path.
   std::filesystem::path WriteFile(std::string_view relative, std::string_view contents) const;
 
