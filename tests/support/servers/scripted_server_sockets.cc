@@ -9,9 +9,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 #include <string_view>
-#include <thread>
 
 #include "tests/support/servers/sockets.h"
 
@@ -134,37 +132,16 @@ struct Request {
 }  // namespace
 
 struct ScriptedServer::Impl {
+  explicit Impl(const Options& given)
+      : options(given), server([this](sockets::Handle s, std::size_t) {
+          ++book.accepted;
+          ServeConnection(s);
+          server.Close(s);
+        }) {}
+
   Options options;
-  sockets::Handle listener = sockets::kNone;
-  int port = -1;
-  std::thread acceptor;
-  std::atomic<bool> stopping{false};
   Book book;
-
-  std::mutex mutex;
-  std::vector<sockets::Handle> open;
-  std::vector<std::thread> workers;
-
-  void AcceptLoop() {
-    while (sockets::WaitReadable(listener, stopping)) {
-      const sockets::Handle s = sockets::Accept(listener);
-      if (s == sockets::kNone) continue;
-      std::lock_guard lock(mutex);
-      if (stopping) {  // the destructor's own connection, made to wake this loop
-        sockets::Close(s);
-        return;
-      }
-      ++book.accepted;
-      sockets::SetNoDelay(s);
-      open.push_back(s);
-      workers.emplace_back([this, s] {
-        ServeConnection(s);
-        std::lock_guard done(mutex);
-        open.erase(std::find(open.begin(), open.end(), s));
-        sockets::Close(s);
-      });
-    }
-  }
+  sockets::LoopbackServer server;  // last: its threads use the members above
 
   // Reads one request; false when the connection is to be closed without an answer.
   bool ReadRequest(Reader& reader, sockets::Handle s, Request* request) {
@@ -233,7 +210,7 @@ struct ScriptedServer::Impl {
   }
 
   void ServeConnection(sockets::Handle s) {
-    Reader reader(s, stopping);
+    Reader reader(s, server.stopping());
     for (std::size_t served = 0;;) {
       Request request;
       if (!ReadRequest(reader, s, &request)) return;
@@ -293,42 +270,17 @@ struct ScriptedServer::Impl {
 
 ScriptedServer::ScriptedServer() : ScriptedServer(Options{}) {}
 
-ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<Impl>()) {
-  Impl& impl = *impl_;
-  impl.options = options;
-  if (!options.cert_file.empty() || !options.key_file.empty()) return;  // no HTTPS here
-  impl.listener = sockets::ListenOnLoopback(64, &impl.port);
-  if (impl.listener == sockets::kNone) {
-    impl.port = -1;
-    return;
-  }
-  impl.acceptor = std::thread([&impl] { impl.AcceptLoop(); });
+ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<Impl>(options)) {
+  if (!options.cert_file.empty() || !options.key_file.empty()) impl_->server.Stop();  // no HTTPS
 }
 
-ScriptedServer::~ScriptedServer() {
-  Impl& impl = *impl_;
-  impl.stopping = true;
-  if (impl.acceptor.joinable()) {
-    // A connection of our own wakes the accept loop at once.
-    const sockets::Handle wake = sockets::ConnectToLoopback(impl.port);
-    impl.acceptor.join();
-    if (wake != sockets::kNone) sockets::Close(wake);
-  }
-  std::vector<std::thread> workers;
-  {
-    std::lock_guard lock(impl.mutex);
-    for (sockets::Handle s : impl.open) sockets::Shutdown(s);
-    workers.swap(impl.workers);
-  }
-  for (auto& worker : workers) worker.join();  // each closes its own connection
-  if (impl.listener != sockets::kNone) sockets::Close(impl.listener);
-}
+ScriptedServer::~ScriptedServer() = default;
 
-bool ScriptedServer::ok() const { return impl_->port > 0 && impl_->acceptor.joinable(); }
-int ScriptedServer::port() const { return impl_->port; }
+bool ScriptedServer::ok() const { return impl_->server.ok() && !impl_->server.stopping(); }
+int ScriptedServer::port() const { return impl_->server.port(); }
 
 std::string ScriptedServer::Url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(impl_->port) + path;
+  return "http://127.0.0.1:" + std::to_string(port()) + path;
 }
 
 ScriptedServer::Book& ScriptedServer::book() const { return impl_->book; }
