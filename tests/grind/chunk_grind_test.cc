@@ -29,11 +29,11 @@ using Transcript = std::vector<std::string>;
 constexpr std::size_t kPieces[] = {1, 2, 3, 7, 4096};
 constexpr std::int64_t kDate = 1'700'000'000;  // the first answer's Date
 constexpr const char* kTag = "\"grind-1\"";
-constexpr std::size_t kReadChunk = 256;  // bodies take several reads
+constexpr std::size_t kReadChunk = 64;  // bodies take several reads
 
 // Bytes of every value, CR LF and NUL among them, so a body split at any point shows.
 std::string Body() {
-  std::string body(700, '\0');
+  std::string body(300, '\0');
   for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>((i * 37 + 11) % 256);
   return body.replace(100, 4, "\r\n\r\n");
 }
@@ -50,12 +50,12 @@ std::string PlainAnswer() {
          "\r\n\r\n" + Body();
 }
 
-// Chunks of 1, 0x1A0 and the rest bytes, sizes in both letter cases.
+// Chunks of 1, 0xA0 and the rest (0x8b) bytes, sizes in both letter cases.
 std::string ChunkedAnswer() {
   const std::string body = Body();
   return "HTTP/1.1 200 OK\r\n" + kCommonHead + "Transfer-Encoding: chunked\r\n\r\n" + "1\r\n" +
-         body.substr(0, 1) + "\r\n1A0\r\n" + body.substr(1, 0x1a0) + "\r\n" + "11b\r\n" +
-         body.substr(1 + 0x1a0) + "\r\n0\r\n\r\n";
+         body.substr(0, 1) + "\r\nA0\r\n" + body.substr(1, 0xa0) + "\r\n" + "8b\r\n" +
+         body.substr(1 + 0xa0) + "\r\n0\r\n\r\n";
 }
 
 // Seventy seconds after the first answer, fresh for another sixty.
