@@ -15,7 +15,6 @@
 #include "platform/fault_injection.h"
 #include "platform/urlmon.h"
 #include "platform/urlmon_internal.h"
-#include "platform/wide_text.h"
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/servers/gate.h"
 #include "tests/support/servers/raw_responder.h"
@@ -25,7 +24,6 @@ namespace {
 
 using namespace tq::test;
 using namespace std::chrono_literals;
-using tqplatform::Latin1ToWide;
 
 std::string RequestLine(const std::string& head) { return head.substr(0, head.find("\r\n")); }
 
@@ -146,7 +144,8 @@ TEST(HostilePlatform, DrippedHeaderLinesEndAUrlDownloadAtItsStallLimit) {
   ASSERT_TRUE(server.ok());
   TempDir dir;
   const auto previous = tqplatform::SetUrlDownloadLimitsForTesting({5'000, 300});
-  const std::wstring url = Latin1ToWide(server.Url("/file"));
+  const std::string ascii_url = server.Url("/file");
+  const std::wstring url(ascii_url.begin(), ascii_url.end());
   const std::wstring file = (dir.path() / "file").wstring();
   EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), file.c_str(), 0, nullptr),
             INET_E_CONNECTION_TIMEOUT);
