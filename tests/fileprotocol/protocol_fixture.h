@@ -5,14 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/servers/raw_responder.h"
+#include "tests/support/same_answer_server.h"
 
 namespace tq::test {
 
@@ -24,32 +23,6 @@ inline std::string Bytes(std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131) % 251);
   return s;
 }
-
-// Answers every request of a kept-alive connection with the same bytes; records the heads.
-class SameAnswerServer {
- public:
-  explicit SameAnswerServer(std::string response)
-      : raw_([this, response](RawConnection& c) {
-          for (std::string head; !(head = c.ReadRequestHead()).empty();) {
-            {
-              std::lock_guard lock(mutex_);
-              heads_.push_back(head);
-            }
-            if (!c.Send(response)) return;
-          }
-        }) {}
-  std::vector<std::string> heads() const {
-    std::lock_guard lock(mutex_);
-    return heads_;
-  }
-  std::size_t requests() const { return heads().size(); }
-  std::string Url(const std::string& path) const { return raw_.Url(path); }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> heads_;
-  RawResponder raw_;  // last: its threads end before the heads go
-};
 
 struct Posted {
   int severity;
