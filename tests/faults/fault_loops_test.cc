@@ -134,6 +134,7 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
     auto again = cache.OpenUrl(url, 0, {});
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(ReadAll(*again), new_body);
+    again.reset();  // Windows removes no open file
     fs::remove(entry);
   }
 }
