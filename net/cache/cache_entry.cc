@@ -146,9 +146,9 @@ std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key
 template <class Owner>
 void DeleteHeldFile(Owner& owner, const fs::path& path) {
   std::error_code ec;
-  fs::remove(path, ec);
+  TqUSysFile::RemoveFile(path, ec);
   owner.reset();
-  if (ec) fs::remove(path, ec);
+  if (ec) TqUSysFile::RemoveFile(path, ec);
 }
 
 // Renames the file that `owner` holds open over `to`, then closes it. Renaming under the lock
@@ -158,14 +158,13 @@ void DeleteHeldFile(Owner& owner, const fs::path& path) {
 template <class Owner>
 bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
   std::error_code ec;
-  fs::rename(from, to, ec);
+  TqUSysFile::RenameFile(from, to, ec);
   owner.reset();
   if (!ec) return true;
   // Gone (the cache was cleared under us): nothing to rename and nothing of ours to delete.
   if (ec == std::errc::no_such_file_or_directory) return false;
-  fs::rename(from, to, ec);
-  if (!ec) return true;
-  fs::remove(from, ec);
+  if (TqUSysFile::RenameFile(from, to, ec)) return true;
+  TqUSysFile::RemoveFile(from, ec);
   return false;
 }
 
@@ -254,7 +253,7 @@ bool CacheEntry::IsValid() const {
 bool CacheEntry::Remove() {
   if (!detail::EntryFileExists(m_path)) return true;
   std::error_code ec;
-  fs::remove(m_path, ec);
+  TqUSysFile::RemoveFile(m_path, ec);
   if (ec) return false;
   m_header_size = 0;
   return true;
