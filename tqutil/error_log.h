@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "tqutil/export.h"
 
@@ -36,6 +37,27 @@ class TQUTIL_API TqUError {
   // Installs a sink (an empty function restores the default) and returns the one it replaces.
   // Records are delivered under a lock, one at a time.
   static TqULogSink SetSink(TqULogSink sink);
+
+  // Writes a record as it stands (one that a recorder kept, written again for another caller).
+  static void Write(const TqULogRecord& record);
+};
+
+// Keeps a copy of every record the calling thread writes while it lives; the records still go
+// to the sink as usual. Recorders on one thread nest: the innermost one keeps the records.
+class TQUTIL_API TqULogRecorder {
+ public:
+  TqULogRecorder();
+  ~TqULogRecorder();
+  TqULogRecorder(const TqULogRecorder&) = delete;
+  TqULogRecorder& operator=(const TqULogRecorder&) = delete;
+
+  const std::vector<TqULogRecord>& Records() const { return m_records; }
+  std::vector<TqULogRecord> TakeRecords() { return std::move(m_records); }
+
+ private:
+  friend struct TqULogRecorderAccess;
+  TqULogRecorder* m_outer;
+  std::vector<TqULogRecord> m_records;
 };
 
 class TQUTIL_API TqUSysError {

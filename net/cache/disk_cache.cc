@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "net/cache/cache_entry_format.h"
+#include "net/cache/downloads_in_flight.h"
 #include "net/http/http_request.h"
 #include "net/http/http_status.h"
 #include "net/stream/read_stream.h"
@@ -246,9 +247,11 @@ RefreshResult RefreshFromSource(CacheLookup& lookup, const qv::stop_token& stop)
 }
 
 std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
-                                                         const qv::stop_token& stop) {
+                                                         const qv::stop_token& stop,
+                                                         RefreshCode* code = nullptr) {
   RefreshResult result =
       IsHttpUrl(lookup.m_url) ? RefreshFromHttp(lookup, stop) : RefreshFromSource(lookup, stop);
+  if (code != nullptr) *code = result.code;
   switch (result.code) {
     case RefreshCode::UseEntry:
       return lookup.m_entry->OpenReadStream();
@@ -264,8 +267,107 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
   return nullptr;
 }
 
+void LogOpenFailure(const std::wstring& url, const std::exception& e) {
+  TqUSysError::LogUTF8String("Failed to read resource into cache: ");
+  TqUError::LogWideString(url.c_str());
+  TqUSysError::LogUTF8String(": ");
+  LogExceptionText(e);
+  TqUSysError::LogUTF8String("\n");
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenAfresh(std::wstring_view url, int flags,
+                                                            const qv::stop_token& stop,
+                                                            const fs::path& directory);
+
+// The download of an entry that other opens may be waiting for: refreshes it, then leaves the
+// outcome for them (after our own stream is open, so that they only read the file).
+std::unique_ptr<qv::io::IDataSeekableReadStream> Download(
+    CacheLookup& lookup, const qv::stop_token& stop, detail::DownloadsInFlight::Ticket& ticket) {
+  using Kind = detail::DownloadOutcome::Kind;
+  detail::DownloadOutcome outcome;
+  outcome.url = lookup.m_url;
+  outcome.flags = lookup.m_flags;
+  std::unique_ptr<qv::io::IDataSeekableReadStream> stream;
+  RefreshCode code = RefreshCode::Nothing;
+  {
+    TqULogRecorder recorder;
+    try {
+      stream = Refresh(lookup, stop, &code);
+    } catch (const std::exception& e) {
+      LogOpenFailure(lookup.m_url, e);
+      stream.reset();
+      code = RefreshCode::Nothing;
+    }
+    outcome.log = recorder.TakeRecords();
+  }
+  if (code == RefreshCode::UseEntry) {
+    outcome.kind = Kind::kEntry;
+  } else if (stream) {
+    auto* memory = dynamic_cast<qv::io::MemoryStream*>(stream.get());
+    if (memory != nullptr) {
+      outcome.kind = Kind::kMemory;
+      outcome.body = memory->Sink();
+    }
+  } else if (!stop.stop_requested()) {
+    // Our own stop is no failure of theirs: they start over instead.
+    outcome.kind = Kind::kFailed;
+  }
+  ticket.Finish(std::move(outcome));
+  return stream;
+}
+
+// The entry a download left, served as it is (fresh or not: it is the answer the download
+// got). Its use was recorded by the download a moment ago, so it is only read. Null when it is
+// gone or not ours any more.
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLeftEntry(const CacheLookup& lookup,
+                                                               const fs::path& directory) {
+  try {
+    CacheLookup left = MakeLookup(lookup.m_url, lookup.m_flags, directory, true);
+    if (!left.m_entry || !left.m_loaded_file || left.m_entry->HeaderSize() == 0) return nullptr;
+    return left.m_entry->OpenLoadedBody(std::move(left.m_loaded_file));
+  } catch (const std::runtime_error&) {
+    return nullptr;
+  }
+}
+
+// Refreshes the entry, sharing the request with every other open of the same entry in this
+// process: one of them asks the server, the others take its outcome as their own (its log
+// lines too). An open whose URL text or flags differ from the download's, or whose download
+// was abandoned, starts over once the download has ended, so two stores never race.
+std::unique_ptr<qv::io::IDataSeekableReadStream> RefreshShared(CacheLookup& lookup,
+                                                               const qv::stop_token& stop,
+                                                               const fs::path& directory) {
+  using Kind = detail::DownloadOutcome::Kind;
+  const std::string id = lookup.m_entry->Path().string() + '\n' + lookup.m_entry->Key();
+  detail::DownloadsInFlight::Ticket ticket = detail::DownloadsInFlight::Process().Join(id);
+  if (ticket.IsDownload()) return Download(lookup, stop, ticket);
+  const std::shared_ptr<const detail::DownloadOutcome> outcome = ticket.Wait(stop);
+  if (!outcome) return nullptr;
+  if (outcome->kind != Kind::kAbandoned && outcome->url == lookup.m_url &&
+      outcome->flags == lookup.m_flags) {
+    switch (outcome->kind) {
+      case Kind::kEntry:
+        if (auto stream = OpenLeftEntry(lookup, directory)) {
+          for (const TqULogRecord& record : outcome->log) TqUError::Write(record);
+          return stream;
+        }
+        break;
+      case Kind::kMemory:
+        for (const TqULogRecord& record : outcome->log) TqUError::Write(record);
+        return std::make_unique<qv::io::MemoryStream>(outcome->body);
+      case Kind::kFailed:
+        for (const TqULogRecord& record : outcome->log) TqUError::Write(record);
+        return nullptr;
+      case Kind::kAbandoned:
+        break;
+    }
+  }
+  return OpenAfresh(lookup.m_url, lookup.m_flags, stop, directory);
+}
+
 std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
-                                                            const qv::stop_token& stop) {
+                                                            const qv::stop_token& stop,
+                                                            const fs::path& directory) {
   try {
     if (!lookup.m_entry) return ReadUrlIntoMemory(lookup.m_url, stop);
     CacheEntry& entry = *lookup.m_entry;
@@ -278,13 +380,20 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
     }
     lookup.m_loaded_file.reset();
     if (entry.IsValid() && entry.Expiry() >= now) return entry.OpenReadStream();
-    return Refresh(lookup, stop);
+    return RefreshShared(lookup, stop, directory);
   } catch (const std::exception& e) {
-    TqUSysError::LogUTF8String("Failed to read resource into cache: ");
-    TqUError::LogWideString(lookup.m_url.c_str());
-    TqUSysError::LogUTF8String(": ");
-    LogExceptionText(e);
-    TqUSysError::LogUTF8String("\n");
+    LogOpenFailure(lookup.m_url, e);
+    return nullptr;
+  }
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenAfresh(std::wstring_view url, int flags,
+                                                            const qv::stop_token& stop,
+                                                            const fs::path& directory) {
+  try {
+    CacheLookup lookup = MakeLookup(url, flags, directory, true);
+    return OpenLookup(lookup, stop, directory);
+  } catch (const std::runtime_error&) {
     return nullptr;
   }
 }
@@ -372,12 +481,7 @@ fs::path DiskCache::ComputeCacheLocation(std::wstring_view url, const fs::path& 
 std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenUrl(std::wstring_view url,
                                                                     int flags,
                                                                     qv::stop_token stop) {
-  try {
-    CacheLookup lookup = MakeLookup(url, flags, m_directory, true);
-    return OpenLookup(lookup, stop);
-  } catch (const std::runtime_error&) {
-    return nullptr;
-  }
+  return OpenAfresh(url, flags, stop, m_directory);
 }
 
 void DiskCache::Clear() {
