@@ -10,6 +10,7 @@
 #include <string>
 #include <type_traits>
 
+#include "net/cache/cache_entry_format.h"
 #include "net/host/tqutil.h"
 
 namespace qv::net {
@@ -94,6 +95,12 @@ class CacheEntry {
   std::int64_t LastUsed() const { return m_last_used; }
   std::int64_t Expiry() const { return m_expiry; }
   void SetExpiry(std::int64_t expiry) { m_expiry = expiry; }
+  // The response forbade serving this entry once stale ("must-revalidate", "no-cache"). Kept in
+  // the header's optional extension, so it reaches the file with the next whole header (a store).
+  bool NoStaleServing() const { return (m_flags & entry_format::kFlagNoStaleServing) != 0; }
+  void SetNoStaleServing(bool value) {
+    m_flags = value ? entry_format::kFlagNoStaleServing : std::uint8_t{0};
+  }
 
  private:
   CacheEntry() = default;
@@ -104,6 +111,7 @@ class CacheEntry {
   std::string m_etag;
   std::int64_t m_last_used = 0;
   std::int64_t m_expiry = 0;
+  std::uint8_t m_flags = 0;  // the header extension's flags; 0: no extension
 };
 
 namespace detail {

@@ -10,6 +10,7 @@
 
 #include "net/cache/cache_entry_format.h"
 #include "net/cache/downloads_in_flight.h"
+#include "net/cache/stale_serving.h"
 #include "net/http/http_request.h"
 #include "net/http/http_status.h"
 #include "net/stream/read_stream.h"
@@ -169,6 +170,36 @@ CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directo
   return lookup;
 }
 
+// Takes the response's word on serving the entry once stale; true when that changed for an
+// entry already on disk.
+bool SetStaleServingRule(CacheEntry& entry, const HttpReadStream& response) {
+  const std::optional<std::wstring> value = response.QueryHeader(std::wstring(L"cache-control"));
+  const bool forbids = value && detail::ForbidsStaleServing(value->c_str());
+  const bool changed = entry.HeaderSize() != 0 && entry.NoStaleServing() != forbids;
+  entry.SetNoStaleServing(forbids);
+  return changed;
+}
+
+// The rule lives in the whole header, which only a store writes: the entry is stored anew from
+// its own body. When that fails the entry keeps the rule it had, so that its new expiry still
+// reaches the file.
+void RewriteHeader(CacheEntry& entry, const qv::stop_token& stop) {
+  bool stored = false;
+  try {
+    EntryFile file;
+    const CacheEntry on_disk = CacheEntry::Load(entry.Path(), &file);
+    if (on_disk.Key() == entry.Key() && on_disk.ETag() == entry.ETag()) {
+      if (auto body = on_disk.OpenLoadedBody(std::move(file))) {
+        detail::ClosingAtEndStream source(std::move(body));
+        stored = entry.Store(source, stop);
+      }
+    }
+  } catch (const std::runtime_error&) {
+    stored = false;
+  }
+  if (!stored) entry.SetNoStaleServing(!entry.NoStaleServing());
+}
+
 RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   CacheEntry& entry = *lookup.m_entry;
   // The request names exactly what the entry is kept under: the key is the normalised URL
@@ -180,13 +211,34 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   if (const std::optional<std::string_view> validator = Validator(entry.ETag())) {
     request.AddHeader(L"If-None-Match", qv::Utf8ToWide(*validator).c_str());
   }
-  std::unique_ptr<HttpReadStream> response = HttpReadStream::Open(request, stop);
+  // With ServeStaleOnError, a stored body that the server cannot confirm or replace right now
+  // is served as it is, and kept as it was, unless its response forbade it.
+  const bool may_serve_stale = (lookup.m_flags & IUrlCache::ServeStaleOnError) != 0 &&
+                               !entry.NoStaleServing() && entry.IsValid();
+  std::optional<CacheEntry> kept;
+  if (may_serve_stale) kept = entry;
+  auto serve_stale = [&](std::string_view reason) -> RefreshResult {
+    entry = *kept;
+    detail::LogServingStale(lookup.m_url, reason);
+    return {nullptr, RefreshCode::UseEntry};
+  };
+  std::unique_ptr<HttpReadStream> response;
+  try {
+    response = HttpReadStream::Open(request, stop);
+  } catch (const http_exception& e) {
+    if (!may_serve_stale || stop.stop_requested()) throw;
+    std::string_view text = e.what();
+    while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    return serve_stale(text);
+  }
   if (!response->IsOpen()) {
+    if (may_serve_stale && !stop.stop_requested()) return serve_stale("no request could be made");
     return {nullptr, entry.IsValid() ? RefreshCode::UseEntry : RefreshCode::Nothing};
   }
   if (response->Succeeded()) {
     const Freshness freshness = FreshnessOf(*response);
     entry.SetExpiry(ExpiryFor(lookup.m_flags, freshness));
+    const bool stale_serving_changed = SetStaleServingRule(entry, *response);
     const std::optional<std::string> tag = response->ETag();
     bool changed;
     if (tag && !Validator(*tag)) {
@@ -221,16 +273,26 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
       return {std::move(memory), RefreshCode::DropEntry};
     }
     if (changed) {
-      return {nullptr, entry.Store(*response, stop) ? RefreshCode::UseEntry
-                                                     : RefreshCode::DropEntry};
+      if (entry.Store(*response, stop)) return {nullptr, RefreshCode::UseEntry};
+      if (may_serve_stale && !stop.stop_requested()) {
+        return serve_stale("the new body could not be stored");
+      }
+      return {nullptr, RefreshCode::DropEntry};
     }
     // Same tag as stored: the body is not read and the stored one is served.
+    if (stale_serving_changed) RewriteHeader(entry, stop);
     return {nullptr, RefreshCode::UseEntry};
   }
-  if (response->QueryStatusCode() != HttpStatus::NotModified) {
+  const auto status = static_cast<int>(response->QueryStatusCode());
+  if (status != static_cast<int>(HttpStatus::NotModified)) {
+    if (may_serve_stale && !stop.stop_requested() && detail::IsServerFailure(status)) {
+      return serve_stale(status == 0 ? std::string("no answer from the server")
+                                     : "the server answered " + std::to_string(status));
+    }
     return {nullptr, RefreshCode::DropEntry};
   }
   entry.SetExpiry(ExpiryFor(lookup.m_flags, FreshnessOf(*response)));
+  if (SetStaleServingRule(entry, *response)) RewriteHeader(entry, stop);
   return {nullptr, RefreshCode::UseEntry};
 }
 

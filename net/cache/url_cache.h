@@ -16,6 +16,10 @@ class TQNET_EXPORT IUrlCache {
  public:
   // Open flag: the entry stored or revalidated by this call never expires.
   static constexpr int NeverExpire = 1;
+  // Open flag: when a stale entry cannot be revalidated because the server cannot be reached
+  // or answers 500, 502, 503 or 504, the stored body is served and kept (one log line says
+  // so), unless the stored response said "must-revalidate" or "no-cache".
+  static constexpr int ServeStaleOnError = 2;
 
   virtual ~IUrlCache();
   virtual bool QueryFlag() = 0;

@@ -1,0 +1,304 @@
+// ServeStaleOnError: a stale entry is served, and kept, when its revalidation cannot reach the
+// server or the server fails (500, 502, 503, 504); not when the resource is gone, not when the
+// stored response forbade it, and never without the flag. The rule rides in the entry file
+// without changing entries that do not carry it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "net/cache/cache_init.h"
+#include "net/cache/disk_cache.h"
+#include "net/cache/downloads_in_flight.h"
+#include "net/cache/url_cache.h"
+#include "net/http/connection_pool.h"
+#include "net/http/http_init.h"
+#include "net/stream/open_file_or_url.h"
+#include "net/stream/read_stream.h"
+#include "tests/cache/cache_test_support.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/temp_dir.h"
+
+namespace tq::test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using qv::net::IUrlCache;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr int kStale = IUrlCache::ServeStaleOnError;
+constexpr const char* kDate = "Sun, 09 Sep 2001 01:46:40 GMT";
+
+std::optional<std::string> OpenAndRead(const std::string& url, int flags) {
+  auto stream = qv::net::OpenFileOrUrl(qv::Utf8ToWide(url), flags, {});
+  if (!stream) return std::nullopt;
+  return ReadAll(*stream, 65536);
+}
+
+class StaleOnErrorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    previous_sleep_ = qv::net::detail::SetRetrySleepForTesting(
+        [this](std::chrono::milliseconds wait) {
+          std::lock_guard lock(mutex_);
+          sleeps_.push_back(wait);
+        });
+    qv::net::InitialiseHttp();
+    qv::net::InitialiseCache(qv::Utf8ToWide(dir_.path().string()).c_str());
+    cache_ = dynamic_cast<qv::net::DiskCache*>(qv::net::CacheSystem());
+    ASSERT_NE(cache_, nullptr);
+  }
+
+  void TearDown() override {
+    qv::net::TerminateCache();
+    qv::net::HttpConnectionPool::Terminate();
+    qv::net::TerminateHttp();
+    qv::net::detail::SetRetrySleepForTesting(std::move(previous_sleep_));
+  }
+
+  std::size_t Sleeps() {
+    std::lock_guard lock(mutex_);
+    return sleeps_.size();
+  }
+
+  fs::path EntryPath(const std::string& url) const {
+    return qv::net::DiskCache::ComputeCacheLocation(qv::Utf8ToWide(url), dir_.path() / "v1");
+  }
+
+  TempDir dir_;
+  qv::net::DiskCache* cache_ = nullptr;
+  LogCapture log_;
+  ScopedClock clock_{1'000'000'000};
+  std::mutex mutex_;
+  std::vector<std::chrono::milliseconds> sleeps_;
+
+ private:
+  qv::net::detail::RetrySleepFunction previous_sleep_;
+};
+
+enum class Failure { kServerGone, k503, k502, k404 };
+
+TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndEntryAllowIt) {
+  struct Case {
+    const char* name;
+    const char* stored_cache_control;
+    Failure failure;
+    int flags;
+    bool served;
+  };
+  const Case cases[] = {
+      {"gone, flag", "max-age=60", Failure::kServerGone, kStale, true},
+      {"503, flag", "max-age=60", Failure::k503, kStale, true},
+      {"502 after the retries, flag", "max-age=60", Failure::k502, kStale, true},
+      {"404, flag", "max-age=60", Failure::k404, kStale, false},
+      {"gone, no flag", "max-age=60", Failure::kServerGone, 0, false},
+      {"503, no flag", "max-age=60", Failure::k503, 0, false},
+      {"503, must-revalidate stored", "max-age=60, must-revalidate", Failure::k503, kStale, false},
+      {"gone, no-cache stored", "no-cache", Failure::kServerGone, kStale, false},
+      {"gone, never expiring and the flag", "max-age=60", Failure::kServerGone,
+       kStale | IUrlCache::NeverExpire, true},
+  };
+  const std::string body(100000, 'b');
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    cache_->Clear();
+    clock_.Set(1'000'000'000);
+    auto server = std::make_unique<ScriptedServer>();
+    ASSERT_TRUE(server->ok());
+    const std::string url = server->Url("/doc");
+    server->Route("/doc", ScriptedResponse(200, body)
+                              .Header("ETag", "\"v1\"")
+                              .Header("Date", kDate)
+                              .Header("Cache-Control", c.stored_cache_control));
+    ASSERT_EQ(OpenAndRead(url, c.flags), body);
+    const std::int64_t expiry = cache_->ExpiryTime(qv::Utf8ToWide(url));
+    if (c.flags & IUrlCache::NeverExpire) {
+      // Stale only by a time past every other: make it so by hand.
+      WriteFileBytes(EntryPath(url), EntryBytes(1, 5, "\"v1\"", qv::net::DiskCache::UrlToCache(
+                                                                   qv::Utf8ToWide(url)), body));
+    } else {
+      clock_.Set(expiry + 1);
+    }
+    const std::int64_t stale_expiry = cache_->ExpiryTime(qv::Utf8ToWide(url));
+
+    switch (c.failure) {
+      case Failure::kServerGone:
+        qv::net::HttpConnectionPool::Terminate();
+        server.reset();
+        break;
+      case Failure::k503:
+        server->Route("/doc", ScriptedResponse(503, "busy"));
+        break;
+      case Failure::k502:
+        server->Route("/doc", ScriptedResponse(502, "bad gateway"));
+        break;
+      case Failure::k404:
+        server->Route("/doc", ScriptedResponse(404, "gone"));
+        break;
+    }
+    log_.Clear();
+    const std::size_t sleeps_before = Sleeps();
+    const std::optional<std::string> got = OpenAndRead(url, c.flags);
+
+    std::vector<std::string> expected_log;
+    if (c.failure != Failure::kServerGone) {
+      const char* status = c.failure == Failure::k503   ? "503"
+                           : c.failure == Failure::k502 ? "502"
+                                                        : "404";
+      expected_log.push_back(std::string("Error: HTTP Response ") + status + " for GET " + url +
+                             "\n");
+    }
+    if (c.served) {
+      EXPECT_EQ(got, body);
+      EXPECT_TRUE(cache_->Contains(qv::Utf8ToWide(url))) << "the entry is kept";
+      EXPECT_EQ(cache_->ExpiryTime(qv::Utf8ToWide(url)), stale_expiry) << "and stays stale";
+      const std::string reason = c.failure == Failure::kServerGone ? "no answer from the server"
+                                 : c.failure == Failure::k503       ? "the server answered 503"
+                                                                    : "the server answered 502";
+      expected_log.push_back("Serving stale entry for " + url + ": " + reason + "\n");
+    } else {
+      EXPECT_EQ(got, std::nullopt);
+      EXPECT_FALSE(cache_->Contains(qv::Utf8ToWide(url))) << "the entry is dropped";
+    }
+    EXPECT_EQ(log_.Lines(), expected_log);
+    if (c.failure == Failure::k502) {
+      EXPECT_EQ(Sleeps() - sleeps_before, 5u) << "served stale only after the retries";
+      EXPECT_EQ(server->request_count(), 1u + 6u);
+    }
+    qv::net::HttpConnectionPool::Terminate();
+  }
+}
+
+// Entries without the rule are laid out exactly as before; one with it carries the extension
+// after its end marker, inside its header size, so any reader finds the body at the same place.
+TEST_F(StaleOnErrorTest, TheRuleRidesInTheHeaderWithoutChangingOtherEntries) {
+  ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  const std::string body = "the body itself";
+  auto header_size = [](const std::string& bytes) {
+    return static_cast<std::size_t>(static_cast<unsigned char>(bytes[0]) |
+                                    (static_cast<unsigned char>(bytes[1]) << 8));
+  };
+  // The tag as stored (the transport's text may keep its terminator).
+  auto tag_length = [](const std::string& bytes) {
+    return static_cast<std::size_t>(static_cast<unsigned char>(bytes[20]) |
+                                    (static_cast<unsigned char>(bytes[21]) << 8));
+  };
+  struct Case {
+    const char* cache_control;
+    std::string extension;
+  };
+  const Case cases[] = {{"max-age=60", ""},
+                        {"max-age=60, must-revalidate", std::string("\x03\x03\x01", 3)},
+                        {"no-cache", std::string("\x03\x03\x01", 3)}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.cache_control);
+    cache_->Clear();
+    server.Route("/doc", ScriptedResponse(200, body)
+                             .Header("ETag", "\"v1\"")
+                             .Header("Date", kDate)
+                             .Header("Cache-Control", c.cache_control));
+    const std::string url = server.Url("/doc");
+    ASSERT_EQ(OpenAndRead(url, 0), body);
+    const std::string key = qv::net::DiskCache::UrlToCache(qv::Utf8ToWide(url));
+    const std::string bytes = ReadFileBytes(EntryPath(url));
+    ASSERT_GE(bytes.size(), 22u);
+    const std::size_t t = tag_length(bytes);
+    ASSERT_GE(bytes.size(), 26 + t + key.size());
+    EXPECT_EQ(header_size(bytes), 24 + t + key.size() + c.extension.size());
+    EXPECT_EQ(bytes.substr(24 + t + key.size(), 2), "\x02\x02");
+    EXPECT_EQ(bytes.substr(26 + t + key.size()), c.extension + body);
+    EXPECT_EQ(bytes.substr(header_size(bytes) + 2), body);
+  }
+
+  // A 304 that drops the rule rewrites the header in today's layout, with the new expiry.
+  const std::string url = server.Url("/doc");
+  clock_.Set(cache_->ExpiryTime(qv::Utf8ToWide(url)) + 1);
+  server.Route("/doc", ScriptedResponse(304)
+                           .Header("ETag", "\"v1\"")
+                           .Header("Date", "Sun, 09 Sep 2001 02:46:40 GMT")
+                           .Header("Cache-Control", "max-age=600"));
+  ASSERT_EQ(OpenAndRead(url, kStale), body);
+  const std::string key = qv::net::DiskCache::UrlToCache(qv::Utf8ToWide(url));
+  const std::string bytes = ReadFileBytes(EntryPath(url));
+  EXPECT_EQ(bytes.substr(26 + tag_length(bytes) + key.size()), body);
+  EXPECT_GT(cache_->ExpiryTime(qv::Utf8ToWide(url)), clock_.Now());
+
+  // An entry file as written before the rule existed loads, and may be served stale.
+  WriteFileBytes(EntryPath(url), EntryBytes(1, 5, "\"v1\"", key, "an older body"));
+  server.Route("/doc", ScriptedResponse(503));
+  log_.Clear();
+  EXPECT_EQ(OpenAndRead(url, kStale), "an older body");
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre("Error: HTTP Response 503 for GET " + url + "\n",
+                          "Serving stale entry for " + url + ": the server answered 503\n"));
+  qv::net::HttpConnectionPool::Terminate();
+}
+
+// Concurrent opens with the flag share the failed revalidation and each serve the stale copy
+// with the lines it would have logged alone.
+TEST_F(StaleOnErrorTest, ConcurrentOpensShareTheFailedRevalidationAndEachServeTheStaleCopy) {
+  ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  const std::string url = server.Url("/doc");
+  const std::string body(300000, 's');
+  server.Route("/doc", ScriptedResponse(200, body).Header("ETag", "\"v1\"").Header("Date", kDate));
+  ASSERT_EQ(OpenAndRead(url, kStale), body);
+  clock_.Set(cache_->ExpiryTime(qv::Utf8ToWide(url)) + 1);
+
+  constexpr int kOpens = 4;
+  std::mutex mutex;
+  std::condition_variable arrived;
+  int arrivals = 0;
+  auto arrive = [&] {
+    {
+      std::lock_guard lock(mutex);
+      ++arrivals;
+    }
+    arrived.notify_all();
+  };
+  Gate gate;
+  server.Route("/doc", [&](const RecordedRequest&) {
+    arrive();
+    gate.Wait();
+    return ScriptedResponse(503);
+  });
+  qv::net::detail::SetDownloadWaitHookForTesting(arrive);
+  log_.Clear();
+  std::vector<std::optional<std::string>> results(kOpens);
+  std::vector<std::thread> threads;
+  for (auto& result : results) threads.emplace_back([&] { result = OpenAndRead(url, kStale); });
+  {
+    std::unique_lock lock(mutex);
+    arrived.wait_for(lock, 30s, [&] { return arrivals >= kOpens; });
+  }
+  gate.Open();
+  for (auto& thread : threads) thread.join();
+  qv::net::detail::SetDownloadWaitHookForTesting({});
+
+  EXPECT_EQ(server.request_count(), 2u) << "one store, one revalidation";
+  for (const auto& result : results) EXPECT_EQ(result, body);
+  const std::vector<std::string> lines = log_.Lines();
+  const std::string error = "Error: HTTP Response 503 for GET " + url + "\n";
+  const std::string stale = "Serving stale entry for " + url + ": the server answered 503\n";
+  EXPECT_EQ(lines.size(), 2u * kOpens);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), error), kOpens);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), stale), kOpens);
+  EXPECT_TRUE(cache_->Contains(qv::Utf8ToWide(url)));
+  qv::net::HttpConnectionPool::Terminate();
+}
+
+}  // namespace
+}  // namespace tq::test
