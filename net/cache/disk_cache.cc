@@ -400,7 +400,8 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> RefreshShared(CacheLookup& look
                                                                const qv::stop_token& stop,
                                                                const fs::path& directory) {
   using Kind = detail::DownloadOutcome::Kind;
-  const std::string id = lookup.m_entry->Path().string() + '\n' + lookup.m_entry->Key();
+  const std::u8string path = lookup.m_entry->Path().u8string();
+  const std::string id = std::string(path.begin(), path.end()) + '\n' + lookup.m_entry->Key();
   detail::DownloadsInFlight::Ticket ticket = detail::DownloadsInFlight::Process().Join(id);
   if (ticket.IsDownload()) return Download(lookup, stop, ticket);
   const std::shared_ptr<const detail::DownloadOutcome> outcome = ticket.Wait(stop);

@@ -166,6 +166,24 @@ TEST_F(SharedDownloadTest, EightOpensOfAStaleEntrySendOneRevalidation) {
   EXPECT_GT(cache->ExpiryTime(qv::Utf8ToWide(url)), expiry) << "the 304 renewed the entry";
 }
 
+TEST_F(SharedDownloadTest, ABodyThatMustNotBeStoredIsSharedFromMemory) {
+  ASSERT_TRUE(server_.ok());
+  const std::string body = Body(512 << 10, 5);
+  HeldRoute("/private", [&] {
+    return ScriptedResponse(200, body)
+        .Header("Date", "Sun, 09 Sep 2001 01:46:40 GMT")
+        .Header("Cache-Control", "no-store");
+  });
+  const std::string url = server_.Url("/private");
+
+  const auto results = OpenConcurrently(url, 4);
+  EXPECT_EQ(server_.request_count(), 1u);
+  for (const auto& result : results) EXPECT_EQ(result, body);
+  auto* cache = dynamic_cast<qv::net::DiskCache*>(qv::net::CacheSystem());
+  EXPECT_FALSE(cache->Contains(qv::Utf8ToWide(url)));
+  EXPECT_EQ(log_.Text(), "");
+}
+
 TEST_F(SharedDownloadTest, AStoppedWaiterLeavesWhileTheDownloadGoesOnForTheOthers) {
   ASSERT_TRUE(server_.ok());
   const std::string body = Body(256 << 10, 3);
