@@ -26,6 +26,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
+#include "tests/support/wine.h"
 
 namespace tq::test {
 namespace {
@@ -33,6 +34,7 @@ namespace {
 using namespace std::chrono_literals;
 using qv::net::detail::DownloadOutcome;
 using qv::net::detail::DownloadsInFlight;
+using ::testing::IsEmpty;
 
 constexpr int kOpens = 8;
 
@@ -129,7 +131,7 @@ TEST_F(SharedDownloadTest, EightOpensOfAnUncachedUrlSendOneRequestAndAllGetTheWh
     ASSERT_TRUE(results[i].has_value()) << "open " << i;
     EXPECT_TRUE(*results[i] == body) << "open " << i << " got " << results[i]->size() << " bytes";
   }
-  EXPECT_EQ(log_.Text(), "");
+  EXPECT_THAT(LinesBeyondWine(log_), IsEmpty());
   auto* cache = dynamic_cast<qv::net::DiskCache*>(qv::net::CacheSystem());
   EXPECT_TRUE(cache->Contains(qv::Utf8ToWide(url)));
 }
@@ -162,7 +164,7 @@ TEST_F(SharedDownloadTest, EightOpensOfAStaleEntrySendOneRevalidation) {
     ASSERT_TRUE(results[i].has_value()) << "open " << i;
     EXPECT_TRUE(*results[i] == body) << "open " << i;
   }
-  EXPECT_EQ(log_.Text(), "");
+  EXPECT_THAT(LinesBeyondWine(log_), IsEmpty());
   EXPECT_GT(cache->ExpiryTime(qv::Utf8ToWide(url)), expiry) << "the 304 renewed the entry";
 }
 
@@ -181,7 +183,7 @@ TEST_F(SharedDownloadTest, ABodyThatMustNotBeStoredIsSharedFromMemory) {
   for (const auto& result : results) EXPECT_EQ(result, body);
   auto* cache = dynamic_cast<qv::net::DiskCache*>(qv::net::CacheSystem());
   EXPECT_FALSE(cache->Contains(qv::Utf8ToWide(url)));
-  EXPECT_EQ(log_.Text(), "");
+  EXPECT_THAT(LinesBeyondWine(log_), IsEmpty());
 }
 
 TEST_F(SharedDownloadTest, AStoppedWaiterLeavesWhileTheDownloadGoesOnForTheOthers) {
@@ -206,7 +208,7 @@ TEST_F(SharedDownloadTest, AStoppedWaiterLeavesWhileTheDownloadGoesOnForTheOther
   EXPECT_EQ(first.get(), body);
   EXPECT_EQ(other.get(), body);
   EXPECT_EQ(server_.request_count(), 1u);
-  EXPECT_EQ(log_.Text(), "");
+  EXPECT_THAT(LinesBeyondWine(log_), IsEmpty());
 }
 
 TEST_F(SharedDownloadTest, AFailedDownloadFailsEveryOpenWithItsOwnLogLine) {
@@ -218,7 +220,7 @@ TEST_F(SharedDownloadTest, AFailedDownloadFailsEveryOpenWithItsOwnLogLine) {
   EXPECT_EQ(server_.request_count(), 1u);
   for (int i = 0; i < kOpens; ++i) EXPECT_EQ(results[i], std::nullopt) << "open " << i;
   const std::vector<std::string> expected(kOpens, "Error: HTTP Response 404 for GET " + url + "\n");
-  EXPECT_EQ(log_.Lines(), expected);
+  EXPECT_EQ(LinesBeyondWine(log_), expected);
 }
 
 TEST_F(SharedDownloadTest, ADownloadStoppedByItsOwnCallerIsTakenOverByAWaiter) {

@@ -28,6 +28,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
+#include "tests/support/wine.h"
 
 namespace tq::test {
 namespace {
@@ -172,7 +173,7 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
       EXPECT_EQ(got, std::nullopt);
       EXPECT_FALSE(cache_->Contains(qv::Utf8ToWide(url))) << "the entry is dropped";
     }
-    EXPECT_EQ(log_.Lines(), expected_log);
+    EXPECT_EQ(LinesBeyondWine(log_), expected_log);
     if (c.failure == Failure::k502) {
       EXPECT_EQ(Sleeps() - sleeps_before, 5u) << "served stale only after the retries";
       EXPECT_EQ(server->request_count(), 1u + 6u);
@@ -241,7 +242,7 @@ TEST_F(StaleOnErrorTest, TheRuleRidesInTheHeaderWithoutChangingOtherEntries) {
   server.Route("/doc", ScriptedResponse(503));
   log_.Clear();
   EXPECT_EQ(OpenAndRead(url, kStale), "an older body");
-  EXPECT_THAT(log_.Lines(),
+  EXPECT_THAT(LinesBeyondWine(log_),
               ElementsAre("Error: HTTP Response 503 for GET " + url + "\n",
                           "Serving stale entry for " + url + ": the server answered 503\n"));
   qv::net::HttpConnectionPool::Terminate();
@@ -290,7 +291,7 @@ TEST_F(StaleOnErrorTest, ConcurrentOpensShareTheFailedRevalidationAndEachServeTh
 
   EXPECT_EQ(server.request_count(), 2u) << "one store, one revalidation";
   for (const auto& result : results) EXPECT_EQ(result, body);
-  const std::vector<std::string> lines = log_.Lines();
+  const std::vector<std::string> lines = LinesBeyondWine(log_);
   const std::string error = "Error: HTTP Response 503 for GET " + url + "\n";
   const std::string stale = "Serving stale entry for " + url + ": the server answered 503\n";
   EXPECT_EQ(lines.size(), 2u * kOpens);
