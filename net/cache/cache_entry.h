@@ -95,11 +95,12 @@ class CacheEntry {
   std::int64_t LastUsed() const { return m_last_used; }
   std::int64_t Expiry() const { return m_expiry; }
   void SetExpiry(std::int64_t expiry) { m_expiry = expiry; }
-  // The response forbade serving this entry once stale ("must-revalidate", "no-cache"). Kept in
-  // the header's optional extension, so it reaches the file with the next whole header (a store).
-  bool NoStaleServing() const { return (m_flags & entry_format::kFlagNoStaleServing) != 0; }
-  void SetNoStaleServing(bool value) {
-    m_flags = value ? entry_format::kFlagNoStaleServing : std::uint8_t{0};
+  // The entry may be served stale when its server cannot answer (recorded by an open with
+  // ServeStaleOnError from a response that did not forbid it). Kept in the header's optional
+  // extension, so it reaches the file with the next whole header (a store).
+  bool StaleAllowed() const { return (m_flags & entry_format::kFlagStaleAllowed) != 0; }
+  void SetStaleAllowed(bool value) {
+    m_flags = value ? entry_format::kFlagStaleAllowed : std::uint8_t{0};
   }
 
  private:

@@ -170,13 +170,20 @@ CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directo
   return lookup;
 }
 
-// Takes the response's word on serving the entry once stale; true when that changed for an
-// entry already on disk.
-bool SetStaleServingRule(CacheEntry& entry, const HttpReadStream& response) {
+// Whether the entry may be served stale later: recorded only by an open that asks for it, from
+// a response that does not forbid it, so that opens without ServeStaleOnError write entries
+// exactly as they always have (a new body drops the mark, a kept body keeps its header).
+// True when the mark changed for a body already on disk.
+bool SetStaleServingRule(CacheEntry& entry, const HttpReadStream& response, int flags,
+                         bool new_body) {
+  if ((flags & IUrlCache::ServeStaleOnError) == 0) {
+    if (new_body) entry.SetStaleAllowed(false);
+    return false;
+  }
   const std::optional<std::wstring> value = response.QueryHeader(std::wstring(L"cache-control"));
-  const bool forbids = value && detail::ForbidsStaleServing(value->c_str());
-  const bool changed = entry.HeaderSize() != 0 && entry.NoStaleServing() != forbids;
-  entry.SetNoStaleServing(forbids);
+  const bool allowed = !(value && detail::ForbidsStaleServing(value->c_str()));
+  const bool changed = !new_body && entry.HeaderSize() != 0 && entry.StaleAllowed() != allowed;
+  entry.SetStaleAllowed(allowed);
   return changed;
 }
 
@@ -197,7 +204,7 @@ void RewriteHeader(CacheEntry& entry, const qv::stop_token& stop) {
   } catch (const std::runtime_error&) {
     stored = false;
   }
-  if (!stored) entry.SetNoStaleServing(!entry.NoStaleServing());
+  if (!stored) entry.SetStaleAllowed(!entry.StaleAllowed());
 }
 
 RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
@@ -212,9 +219,9 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
     request.AddHeader(L"If-None-Match", qv::Utf8ToWide(*validator).c_str());
   }
   // With ServeStaleOnError, a stored body that the server cannot confirm or replace right now
-  // is served as it is, and kept as it was, unless its response forbade it.
+  // is served as it is, and kept as it was, when it was marked as allowed to be.
   const bool may_serve_stale = (lookup.m_flags & IUrlCache::ServeStaleOnError) != 0 &&
-                               !entry.NoStaleServing() && entry.IsValid();
+                               entry.StaleAllowed() && entry.IsValid();
   std::optional<CacheEntry> kept;
   if (may_serve_stale) kept = entry;
   auto serve_stale = [&](std::string_view reason) -> RefreshResult {
@@ -238,7 +245,6 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   if (response->Succeeded()) {
     const Freshness freshness = FreshnessOf(*response);
     entry.SetExpiry(ExpiryFor(lookup.m_flags, freshness));
-    const bool stale_serving_changed = SetStaleServingRule(entry, *response);
     const std::optional<std::string> tag = response->ETag();
     bool changed;
     if (tag && !Validator(*tag)) {
@@ -249,6 +255,8 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
     } else {
       changed = entry.UpdateETag(tag);
     }
+    const bool stale_serving_changed =
+        SetStaleServingRule(entry, *response, lookup.m_flags, changed);
     if (freshness.no_store) {
       auto memory = std::make_unique<qv::io::MemoryStream>();
       const CopyStreamResult copy = CopyStream(*response, *memory, stop);
@@ -292,7 +300,7 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
     return {nullptr, RefreshCode::DropEntry};
   }
   entry.SetExpiry(ExpiryFor(lookup.m_flags, FreshnessOf(*response)));
-  if (SetStaleServingRule(entry, *response)) RewriteHeader(entry, stop);
+  if (SetStaleServingRule(entry, *response, lookup.m_flags, false)) RewriteHeader(entry, stop);
   return {nullptr, RefreshCode::UseEntry};
 }
 

@@ -195,7 +195,8 @@ TEST_F(SharedDownloadTest, AStoppedWaiterLeavesWhileTheDownloadGoesOnForTheOther
   auto first = std::async(std::launch::async, [&] { return OpenAndRead(url, 0, {}); });
   WaitForArrivals(1);  // the download, held at the server
   qv::stop_source stop;
-  auto stopped = std::async(std::launch::async, [&] { return OpenAndRead(url, 0, stop.get_token()); });
+  auto stopped =
+      std::async(std::launch::async, [&] { return OpenAndRead(url, 0, stop.get_token()); });
   auto other = std::async(std::launch::async, [&] { return OpenAndRead(url, 0, {}); });
   WaitForArrivals(3);
   stop.request_stop();
@@ -230,7 +231,8 @@ TEST_F(SharedDownloadTest, ADownloadStoppedByItsOwnCallerIsTakenOverByAWaiter) {
   const std::string url = server_.Url("/doc");
 
   qv::stop_source stop;
-  auto first = std::async(std::launch::async, [&] { return OpenAndRead(url, 0, stop.get_token()); });
+  auto first =
+      std::async(std::launch::async, [&] { return OpenAndRead(url, 0, stop.get_token()); });
   WaitForArrivals(1);
   auto waiter = std::async(std::launch::async, [&] { return OpenAndRead(url, 0, {}); });
   WaitForArrivals(2);

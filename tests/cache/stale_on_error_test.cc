@@ -89,6 +89,14 @@ class StaleOnErrorTest : public ::testing::Test {
   qv::net::detail::RetrySleepFunction previous_sleep_;
 };
 
+// An entry file with the header extension that marks it as allowed to be served stale.
+std::string MarkedEntryBytes(std::int64_t last_used, std::int64_t expiry, const std::string& tag,
+                             const std::string& key, const std::string& body) {
+  return Le(24 + tag.size() + key.size() + 3, 2) + "\x01\x01" + Le(last_used, 8) +
+         Le(expiry, 8) + Le(tag.size(), 2) + tag + Le(key.size(), 2) + key + "\x02\x02" +
+         std::string("\x03\x03\x01", 3) + body;
+}
+
 enum class Failure { kServerGone, k503, k502, k404 };
 
 TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndEntryAllowIt) {
@@ -98,6 +106,7 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
     Failure failure;
     int flags;
     bool served;
+    int store_flags = -1;  // the first open's flags; -1: the same as the second's
   };
   const Case cases[] = {
       {"gone, flag", "max-age=60", Failure::kServerGone, kStale, true},
@@ -108,6 +117,8 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
       {"503, no flag", "max-age=60", Failure::k503, 0, false},
       {"503, must-revalidate stored", "max-age=60, must-revalidate", Failure::k503, kStale, false},
       {"gone, no-cache stored", "no-cache", Failure::kServerGone, kStale, false},
+      {"gone, stored by an open without the flag", "max-age=60", Failure::kServerGone, kStale,
+       false, 0},
       {"gone, never expiring and the flag", "max-age=60", Failure::kServerGone,
        kStale | IUrlCache::NeverExpire, true},
   };
@@ -123,12 +134,14 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
                               .Header("ETag", "\"v1\"")
                               .Header("Date", kDate)
                               .Header("Cache-Control", c.stored_cache_control));
-    ASSERT_EQ(OpenAndRead(url, c.flags), body);
+    ASSERT_EQ(OpenAndRead(url, c.store_flags < 0 ? c.flags : c.store_flags), body);
     const std::int64_t expiry = cache_->ExpiryTime(qv::Utf8ToWide(url));
     if (c.flags & IUrlCache::NeverExpire) {
-      // Stale only by a time past every other: make it so by hand.
-      WriteFileBytes(EntryPath(url), EntryBytes(1, 5, "\"v1\"", qv::net::DiskCache::UrlToCache(
-                                                                   qv::Utf8ToWide(url)), body));
+      // Stale only by a time past every other: make it so by hand, as marked by the open.
+      WriteFileBytes(EntryPath(url), MarkedEntryBytes(1, 5, "\"v1\"",
+                                                      qv::net::DiskCache::UrlToCache(
+                                                          qv::Utf8ToWide(url)),
+                                                      body));
     } else {
       clock_.Set(expiry + 1);
     }
@@ -182,69 +195,83 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
   }
 }
 
-// Entries without the rule are laid out exactly as before; one with it carries the extension
-// after its end marker, inside its header size, so any reader finds the body at the same place.
-TEST_F(StaleOnErrorTest, TheRuleRidesInTheHeaderWithoutChangingOtherEntries) {
+// Entries stored without the flag, or from a response that forbids serving them stale, are laid
+// out exactly as before; one marked as allowed carries the extension after its end marker,
+// inside its header size, so any reader finds the body at the same place.
+TEST_F(StaleOnErrorTest, TheMarkRidesInTheHeaderAndEntriesWithoutItKeepTheirLayout) {
   ScriptedServer server;
   ASSERT_TRUE(server.ok());
   const std::string body = "the body itself";
-  auto header_size = [](const std::string& bytes) {
-    return static_cast<std::size_t>(static_cast<unsigned char>(bytes[0]) |
-                                    (static_cast<unsigned char>(bytes[1]) << 8));
+  const std::string url = server.Url("/doc");
+  const std::string key = qv::net::DiskCache::UrlToCache(qv::Utf8ToWide(url));
+  auto field = [](const std::string& bytes, std::size_t at) {
+    return static_cast<std::size_t>(static_cast<unsigned char>(bytes[at]) |
+                                    (static_cast<unsigned char>(bytes[at + 1]) << 8));
   };
-  // The tag as stored (the transport's text may keep its terminator).
-  auto tag_length = [](const std::string& bytes) {
-    return static_cast<std::size_t>(static_cast<unsigned char>(bytes[20]) |
-                                    (static_cast<unsigned char>(bytes[21]) << 8));
+  // What follows the end marker (the extension, if any, then the body); checks the header size.
+  auto after_end_marker = [&](const std::string& bytes) -> std::string {
+    if (bytes.size() < 22) return "<short>";
+    const std::size_t t = field(bytes, 20);  // the tag as stored (it may keep a terminator)
+    if (bytes.size() < 26 + t + key.size()) return "<short>";
+    EXPECT_EQ(bytes.substr(24 + t + key.size(), 2), "\x02\x02");
+    const std::string rest = bytes.substr(26 + t + key.size());
+    EXPECT_EQ(field(bytes, 0), 24 + t + key.size() + (rest.size() - body.size()));
+    EXPECT_EQ(bytes.substr(field(bytes, 0) + 2), body);
+    return rest;
   };
+  const std::string mark("\x03\x03\x01", 3);
   struct Case {
+    int flags;
     const char* cache_control;
     std::string extension;
   };
-  const Case cases[] = {{"max-age=60", ""},
-                        {"max-age=60, must-revalidate", std::string("\x03\x03\x01", 3)},
-                        {"no-cache", std::string("\x03\x03\x01", 3)}};
+  const Case cases[] = {{0, "max-age=60", ""},
+                        {0, "max-age=60, must-revalidate", ""},
+                        {kStale, "max-age=60", mark},
+                        {kStale, "max-age=60, must-revalidate", ""},
+                        {kStale, "no-cache", ""}};
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.cache_control);
+    SCOPED_TRACE(std::string(c.cache_control) + (c.flags ? ", flag" : ", no flag"));
     cache_->Clear();
     server.Route("/doc", ScriptedResponse(200, body)
                              .Header("ETag", "\"v1\"")
                              .Header("Date", kDate)
                              .Header("Cache-Control", c.cache_control));
-    const std::string url = server.Url("/doc");
-    ASSERT_EQ(OpenAndRead(url, 0), body);
-    const std::string key = qv::net::DiskCache::UrlToCache(qv::Utf8ToWide(url));
-    const std::string bytes = ReadFileBytes(EntryPath(url));
-    ASSERT_GE(bytes.size(), 22u);
-    const std::size_t t = tag_length(bytes);
-    ASSERT_GE(bytes.size(), 26 + t + key.size());
-    EXPECT_EQ(header_size(bytes), 24 + t + key.size() + c.extension.size());
-    EXPECT_EQ(bytes.substr(24 + t + key.size(), 2), "\x02\x02");
-    EXPECT_EQ(bytes.substr(26 + t + key.size()), c.extension + body);
-    EXPECT_EQ(bytes.substr(header_size(bytes) + 2), body);
+    ASSERT_EQ(OpenAndRead(url, c.flags), body);
+    EXPECT_EQ(after_end_marker(ReadFileBytes(EntryPath(url))), c.extension + body);
   }
 
-  // A 304 that drops the rule rewrites the header in today's layout, with the new expiry.
-  const std::string url = server.Url("/doc");
-  clock_.Set(cache_->ExpiryTime(qv::Utf8ToWide(url)) + 1);
+  // An entry file as written before the mark existed loads and is revalidated as ever; a 304
+  // to an open with the flag marks it (the header is written anew, the body kept), and from
+  // then on it may be served stale.
+  WriteFileBytes(EntryPath(url), EntryBytes(1, 5, "\"v1\"", key, body));
   server.Route("/doc", ScriptedResponse(304)
                            .Header("ETag", "\"v1\"")
                            .Header("Date", "Sun, 09 Sep 2001 02:46:40 GMT")
                            .Header("Cache-Control", "max-age=600"));
   ASSERT_EQ(OpenAndRead(url, kStale), body);
-  const std::string key = qv::net::DiskCache::UrlToCache(qv::Utf8ToWide(url));
-  const std::string bytes = ReadFileBytes(EntryPath(url));
-  EXPECT_EQ(bytes.substr(26 + tag_length(bytes) + key.size()), body);
-  EXPECT_GT(cache_->ExpiryTime(qv::Utf8ToWide(url)), clock_.Now());
-
-  // An entry file as written before the rule existed loads, and may be served stale.
-  WriteFileBytes(EntryPath(url), EntryBytes(1, 5, "\"v1\"", key, "an older body"));
+  EXPECT_EQ(after_end_marker(ReadFileBytes(EntryPath(url))), mark + body);
+  const std::int64_t renewed = cache_->ExpiryTime(qv::Utf8ToWide(url));
+  EXPECT_GT(renewed, 5);
+  clock_.Set(renewed + 1);
   server.Route("/doc", ScriptedResponse(503));
   log_.Clear();
-  EXPECT_EQ(OpenAndRead(url, kStale), "an older body");
+  EXPECT_EQ(OpenAndRead(url, kStale), body);
   EXPECT_THAT(LinesBeyondWine(log_),
               ElementsAre("Error: HTTP Response 503 for GET " + url + "\n",
                           "Serving stale entry for " + url + ": the server answered 503\n"));
+
+  // A 304 that now says "must-revalidate" takes the mark away again: not served stale.
+  server.Route("/doc", ScriptedResponse(304)
+                           .Header("ETag", "\"v1\"")
+                           .Header("Date", "Sun, 09 Sep 2001 03:46:40 GMT")
+                           .Header("Cache-Control", "max-age=600, must-revalidate"));
+  ASSERT_EQ(OpenAndRead(url, kStale), body);
+  EXPECT_EQ(after_end_marker(ReadFileBytes(EntryPath(url))), body);
+  clock_.Set(cache_->ExpiryTime(qv::Utf8ToWide(url)) + 1);
+  server.Route("/doc", ScriptedResponse(503));
+  EXPECT_EQ(OpenAndRead(url, kStale), std::nullopt);
+  EXPECT_FALSE(cache_->Contains(qv::Utf8ToWide(url)));
   qv::net::HttpConnectionPool::Terminate();
 }
 
