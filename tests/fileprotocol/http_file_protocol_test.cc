@@ -166,43 +166,19 @@ TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstOpenReplacesTheDefault) {
 #endif
 }
 
-TEST_F(HttpFileProtocolTest, RangesRefusedCutOrIgnoredByTheServer) {
-  const std::string body = Bytes(900);
-  struct Case {
-    std::string response;
-    std::uint64_t offset;
-    std::int64_t count;
-    std::uint64_t total;
-    std::string bytes;
-  };
-  const Case cases[] = {
-      {"HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */900\r\n"
-       "Content-Length: 0\r\n\r\n",
-       1000, -1, 0, ""},
-      {"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 895-899/900\r\n"
-       "Content-Length: 5\r\n\r\n" + body.substr(895),
-       895, 5, 900, body.substr(895)},
-      // The whole file from its start: the first bytes of the 200's body are the ones asked for.
-      {"HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n" + body, 0, 10, 900, body.substr(0, 10)},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.response.substr(0, 20));
-    SameAnswerServer server(c.response);
-    OpenedFile f(protocol_, server.Url("/f"));
-    std::vector<unsigned char> buffer(10);
-    std::uint64_t total = 0;
-    EXPECT_EQ(f.Read(c.offset, 10, buffer.data(), &total), c.count);
-    if (c.count >= 0) {
-      EXPECT_EQ(total, c.total);
-    }
-    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + c.bytes.size()), c.bytes);
-    ASSERT_EQ(server.heads().size(), 1u);
-    EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=" + std::to_string(c.offset) +
-                                             "-" + std::to_string(c.offset + 9) + "\r\n"));
-    const Posted refused{1, "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for " +
-                                f.url_utf8() + ": 416"};
-    EXPECT_EQ(TakeLog(), c.count < 0 ? std::vector<Posted>{refused} : std::vector<Posted>{});
-  }
+// A range past the end: the server's 416 fails the read with its status, after one request for
+// exactly that range. (Ranges served, cut or ignored: the hostile and nginx tests.)
+TEST_F(HttpFileProtocolTest, ARangePastTheEndFailsWithTheStatusTheServerRefusedItWith) {
+  SameAnswerServer server("HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */900\r\n"
+                          "Content-Length: 0\r\n\r\n");
+  OpenedFile f(protocol_, server.Url("/f"));
+  std::vector<unsigned char> buffer(10);
+  EXPECT_EQ(f.Read(1000, 10, buffer.data()), -1);
+  ASSERT_EQ(server.heads().size(), 1u);
+  EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=1000-1009\r\n"));
+  const std::string line =
+      "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for " + f.url_utf8();
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, line + ": 416"}));
 }
 
 TEST_F(HttpFileProtocolTest, ReadOf4GiBOrMoreAsksForEveryByte) {
