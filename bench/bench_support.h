@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_report.h"
+
 namespace tq::bench {
 
 using Clock = std::chrono::steady_clock;
@@ -25,6 +27,31 @@ inline unsigned long Setting(int argc, char** argv, int position, const char* en
   if (argc > position) return std::strtoul(argv[position], nullptr, 10);
   if (const char* value = std::getenv(env)) return std::strtoul(value, nullptr, 10);
   return fallback;
+}
+
+// How many times each side of a row runs: `normal`, or once when TQ_BENCH_QUICK is set (the
+// smoke run of scripts/bench.sh --quick, which checks that every row works and judges nothing).
+inline int Runs(int normal) {
+  const char* quick = std::getenv("TQ_BENCH_QUICK");
+  return quick != nullptr && *quick != '\0' && *quick != '0' ? 1 : normal;
+}
+
+// Both sides of a row, run in turn `runs` times each: ours, reference, reference, ours, ... so
+// that neither always runs first and a change in the machine's load weighs on both alike. Each
+// function returns the figure of one run (seconds, usually), or a negative number when the run
+// failed; then the pairing stops and returns false.
+template <typename Ours, typename Reference>
+bool Interleave(int runs, Ours ours, Reference reference, Samples* ours_out,
+                Samples* reference_out) {
+  for (int run = 0; run < runs; ++run) {
+    for (int side = 0; side < 2; ++side) {
+      const bool ours_now = (side == 0) == (run % 2 == 0);
+      const double figure = ours_now ? ours() : reference();
+      if (figure < 0) return false;
+      (ours_now ? ours_out : reference_out)->Add(figure);
+    }
+  }
+  return true;
 }
 
 // Runs the curl tool with `args` and returns its wall time in seconds, or -1 when it fails. Its
