@@ -9,7 +9,8 @@
 //            `curl -s -o FILE URL` for the same body.
 // Each row runs both sides in turn (bench_support.h: Interleave) and reports medians, with the
 // smallest and largest run.
-// Usage: cache_bench [store MiB (default 1024)] [opens per run (default 20000)]
+// Usage: cache_bench hits [count]  (only fresh hits, for a profiler: see HitLoop)
+//        cache_bench [store MiB (default 1024)] [opens per run (default 20000)]
 //                    [clean-up entries, the small run; the large one is 10x (default 10000)]
 //        (or TQ_BENCH_STORE_MIB / TQ_BENCH_OPEN_ITERATIONS / TQ_BENCH_CLEANUP_ENTRIES)
 #include <fcntl.h>
@@ -334,9 +335,39 @@ int StoreBench(unsigned long mebibytes) {
   return 0;
 }
 
+// `count` fresh hits of one 4 KiB entry, each read whole, and nothing else: for a profiler,
+//   valgrind --tool=callgrind --toggle-collect='*HitLoop*' cache_bench hits 1000
+// (the first hit records the entry's use; the others are the hits the open row measures).
+__attribute__((noinline)) std::uint64_t HitLoop(qv::net::DiskCache& cache, const std::wstring& url,
+                                                 unsigned long count) {
+  std::vector<char> buffer(65536);
+  std::uint64_t total = 0;
+  for (unsigned long i = 0; i < count; ++i) {
+    auto stream = cache.OpenUrl(url, 0, {});
+    if (!stream) return 0;
+    while (const auto n = stream->Read(buffer.data(), buffer.size())) total += n;
+  }
+  return total;
+}
+
+int HitsOnly(unsigned long count) {
+  tq::test::TempDir dir;
+  qv::net::DiskCache cache(Wide(dir.path()).c_str());
+  const std::wstring url = L"http://bench.test/fresh-4k.bin";
+  WriteEntry(qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory()),
+             qv::net::DiskCache::UrlToCache(url), 1, 4096);
+  HitLoop(cache, url, 1);
+  const std::uint64_t total = HitLoop(cache, url, count);
+  std::printf("%lu hits, %llu bytes\n", count, static_cast<unsigned long long>(total));
+  return total == count * 4096 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::string(argv[1]) == "hits") {
+    return HitsOnly(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1000);
+  }
   const unsigned long store_mib = Setting(argc, argv, 1, "TQ_BENCH_STORE_MIB", 1024);
   const unsigned long iterations = Setting(argc, argv, 2, "TQ_BENCH_OPEN_ITERATIONS", 20000);
   const unsigned long cleanup = Setting(argc, argv, 3, "TQ_BENCH_CLEANUP_ENTRIES", 10000);

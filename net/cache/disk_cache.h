@@ -18,9 +18,14 @@
 
 namespace qv::net {
 
+namespace detail {
+class EntryNameIndex;
+}  // namespace detail
+
 // Holds nothing but its directory: every operation builds what it needs from the entry files
 // and lets it go before returning, so the cache is the directory's contents and survives the
-// process. Operations may run on several threads and in several processes at once; they take no
+// process. (It remembers which file each URL it opened maps to, which follows from the URL
+// alone; the file is still read and checked on every open.) Operations may run on several threads and in several processes at once; they take no
 // lock and rely on the entry files' sharing rules (cache_entry.h).
 class DiskCache : public IUrlCache {
  public:
@@ -63,6 +68,7 @@ class DiskCache : public IUrlCache {
   void EnforceSizeLimit();
 
   std::filesystem::path m_directory;
+  std::unique_ptr<detail::EntryNameIndex> m_names;
 };
 
 namespace detail {
