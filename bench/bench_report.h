@@ -34,6 +34,8 @@ class Samples {
   void Add(double value) { m_values.push_back(value); }
   bool Empty() const { return m_values.empty(); }
   std::size_t Count() const { return m_values.size(); }
+  // In the order the runs were made.
+  const std::vector<double>& Values() const { return m_values; }
   double Median() const {
     if (m_values.empty()) return 0;
     std::vector<double> sorted = m_values;
