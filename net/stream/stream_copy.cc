@@ -5,10 +5,13 @@
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 
+#include "net/stream/chunk_writer.h"
 #include "net/stream/read_stream.h"
 
 namespace qv::net {
@@ -66,6 +69,19 @@ class CopyBuffer {
   std::size_t m_used = 0;
 };
 
+// Starts the writer of an overlapped copy and its second buffer; leaves both empty (the copy
+// goes on writing on its own thread) when either cannot be had.
+void StartWriter(qv::io::IDataWriteStream& target, qv::ZeroedMemory& second,
+                 std::optional<detail::ChunkWriter>& writer) {
+  second = qv::AllocateZeroed(kCopyChunkSize);
+  if (!second) return;
+  try {
+    writer.emplace(target);
+  } catch (const std::system_error&) {
+    second = {};
+  }
+}
+
 }  // namespace
 
 bool IsHttpUrl(std::wstring_view url) {
@@ -78,22 +94,33 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteS
                             qv::stop_token stop) {
   CopyBuffer buffer;
   CopyStreamResult result;
+  // Into a file, once a second chunk shows that the body takes more than one read, each read
+  // overlaps the write of the chunk before it (a writer thread and a second buffer; the memory
+  // stays two chunks). Smaller copies, and copies into memory, stay on this thread.
+  const bool overlap = dynamic_cast<qv::io::FileWriteStream*>(&target) != nullptr;
+  qv::ZeroedMemory second;
+  std::optional<detail::ChunkWriter> writer;  // after the buffers: ends before they go
+  std::uint8_t* next = buffer.get();
   try {
     for (;;) {
-      const std::uint64_t n = source.Read(buffer.get(), kCopyChunkSize);
+      const std::uint64_t n = source.Read(next, kCopyChunkSize);
       if (n != 0) {
-        buffer.Used(n);
+        if (next == buffer.get()) buffer.Used(n);
         result.bytes_copied += n;
-        target.Write(buffer.get(), n);
+        if (!writer && overlap && result.bytes_copied != n) StartWriter(target, second, writer);
+        if (writer) {
+          writer->Write(next, n);
+          next = next == buffer.get() ? second.get() : buffer.get();
+        } else {
+          target.Write(next, n);
+        }
       }
       // Looked at only between chunks, so a stop never cuts a chunk in half.
-      if (stop.stop_requested()) {
+      const bool stopped = stop.stop_requested();
+      if (stopped || n == 0) {
+        if (writer) writer->Finish();
         buffer.GiveBack();
-        return result;
-      }
-      if (n == 0) {
-        buffer.GiveBack();
-        result.completed = true;
+        result.completed = !stopped;
         return result;
       }
     }
