@@ -2,6 +2,7 @@
 // command line or the environment, and curl run as the reference.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +28,18 @@ inline unsigned long Setting(int argc, char** argv, int position, const char* en
   if (argc > position) return std::strtoul(argv[position], nullptr, 10);
   if (const char* value = std::getenv(env)) return std::strtoul(value, nullptr, 10);
   return fallback;
+}
+
+inline double CpuSeconds(const rusage& usage) {
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// The user and system time this process (all its threads) has used so far.
+inline double ProcessCpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return CpuSeconds(usage);
 }
 
 // How many times each side of a row runs: `normal`, or once when TQ_BENCH_QUICK is set (the
@@ -56,7 +69,8 @@ bool Interleave(int runs, Ours ours, Reference reference, Samples* ours_out,
 
 // Runs the curl tool with `args` and returns its wall time in seconds, or -1 when it fails. Its
 // standard error goes to /dev/null: curl --parallel draws a progress meter even with -s.
-inline double CurlSeconds(const std::vector<std::string>& args) {
+// When `cpu_seconds` is given, it receives the user and system time curl used.
+inline double CurlSeconds(const std::vector<std::string>& args, double* cpu_seconds = nullptr) {
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>("curl"));
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -69,9 +83,12 @@ inline double CurlSeconds(const std::vector<std::string>& args) {
     _exit(127);
   }
   int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  rusage usage{};
+  if (pid < 0 || wait4(pid, &status, 0, &usage) != pid) return -1;
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
-  return Seconds(start);
+  const double seconds = Seconds(start);
+  if (cpu_seconds != nullptr) *cpu_seconds = CpuSeconds(usage);
+  return seconds;
 }
 
 }  // namespace tq::bench

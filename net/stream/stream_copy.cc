@@ -69,16 +69,17 @@ class CopyBuffer {
   std::size_t m_used = 0;
 };
 
-// Starts the writer of an overlapped copy and its second buffer; leaves both empty (the copy
-// goes on writing on its own thread) when either cannot be had.
-void StartWriter(qv::io::IDataWriteStream& target, qv::ZeroedMemory& second,
-                 std::optional<detail::ChunkWriter>& writer) {
-  second = qv::AllocateZeroed(kCopyChunkSize);
-  if (!second) return;
+// What a copy into a file reads at a time: small enough to stay in the processor's cache
+// between the read and the write, large enough that system calls do not dominate.
+constexpr std::uint64_t kFileCopyPiece = 256 * 1024;
+static_assert(2 * kFileCopyPiece <= kCopyChunkSize, "both pieces fit in the copy buffer");
+
+// Starts the writer of an overlapped copy; leaves it empty (the copy goes on writing on its own
+// thread) when no thread can be had.
+void StartWriter(qv::io::IDataWriteStream& target, std::optional<detail::ChunkWriter>& writer) {
   try {
     writer.emplace(target);
   } catch (const std::system_error&) {
-    second = {};
   }
 }
 
@@ -94,28 +95,34 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteS
                             qv::stop_token stop) {
   CopyBuffer buffer;
   CopyStreamResult result;
-  // Into a file, once a second chunk shows that the body takes more than one read, each read
-  // overlaps the write of the chunk before it (a writer thread and a second buffer; the memory
-  // stays two chunks). Smaller copies, and copies into memory, stay on this thread.
-  const bool overlap = dynamic_cast<qv::io::FileWriteStream*>(&target) != nullptr;
-  qv::ZeroedMemory second;
-  std::optional<detail::ChunkWriter> writer;  // after the buffers: ends before they go
-  std::uint8_t* next = buffer.get();
+  // Into a file, reads of a quarter MiB: the bytes are still in the processor's cache when they
+  // are written. Once a body has passed one whole chunk, each read also overlaps the write of
+  // the one before (a writer thread; the two pieces alternate in the buffer), so a long copy
+  // takes as long as the slower of reading and writing rather than their sum. Shorter bodies
+  // (most stores, which hold their temporary file's lock while they copy) are not slowed by a
+  // thread's start and hand-overs. Copies into memory take whole chunks on this thread.
+  const bool into_file = dynamic_cast<qv::io::FileWriteStream*>(&target) != nullptr;
+  const std::uint64_t piece = into_file ? kFileCopyPiece : kCopyChunkSize;
+  std::optional<detail::ChunkWriter> writer;  // after the buffer: ends before it goes
+  std::uint64_t region = 0;                   // where in the buffer the next read goes
   try {
     for (;;) {
-      const std::uint64_t n = source.Read(next, kCopyChunkSize);
+      std::uint8_t* const next = buffer.get() + region;
+      const std::uint64_t n = source.Read(next, piece);
       if (n != 0) {
-        if (next == buffer.get()) buffer.Used(n);
+        buffer.Used(region + n);
         result.bytes_copied += n;
-        if (!writer && overlap && result.bytes_copied != n) StartWriter(target, second, writer);
+        if (!writer && into_file && result.bytes_copied > kCopyChunkSize) {
+          StartWriter(target, writer);
+        }
         if (writer) {
           writer->Write(next, n);
-          next = next == buffer.get() ? second.get() : buffer.get();
+          region = piece - region;
         } else {
           target.Write(next, n);
         }
       }
-      // Looked at only between chunks, so a stop never cuts a chunk in half.
+      // Looked at only between reads, so a stop never cuts what was read in half.
       const bool stopped = stop.stop_requested();
       if (stopped || n == 0) {
         if (writer) writer->Finish();

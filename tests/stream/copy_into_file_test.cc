@@ -45,6 +45,7 @@ class PositionSource : public qv::io::IDataReadStream {
     return n;
   }
   std::function<void(int read_number)> after_read;
+  std::uint64_t Position() const { return m_pos; }
 
  private:
   std::uint64_t m_size;
@@ -53,7 +54,7 @@ class PositionSource : public qv::io::IDataReadStream {
   int m_reads = 0;
 };
 
-// A file target that runs a hook before each write with its number (from 1).
+// A file target that runs a hook before each write, with its size.
 class HookedFile : public qv::io::FileWriteStream {
  public:
   explicit HookedFile(const std::filesystem::path& path)
@@ -61,13 +62,10 @@ class HookedFile : public qv::io::FileWriteStream {
                                              TqUSysFile::kShareNone, TqUSysFile::kCreateAlways,
                                              0, 0)) {}
   std::uint64_t Write(const void* buffer, std::uint64_t size) override {
-    if (before_write) before_write(++m_writes);
+    if (before_write_size) before_write_size(size);
     return FileWriteStream::Write(buffer, size);
   }
-  std::function<void(int write_number)> before_write;
-
- private:
-  int m_writes = 0;
+  std::function<void(std::uint64_t size)> before_write_size;
 };
 
 bool FileHoldsPositions(const std::filesystem::path& path, std::uint64_t size) {
@@ -93,31 +91,37 @@ class CopyIntoFileTest : public ::testing::Test {
   tq::test::LogCapture m_log;
 };
 
-// The third read must be able to finish while the second chunk is still being written: the
-// write waits for it (bounded, so that a copy taking turns fails instead of hanging), and then
-// writes the second chunk, which must still hold its own bytes.
-TEST_F(CopyIntoFileTest, TheNextReadOverlapsTheWriteAndNeverTouchesTheChunkBeingWritten) {
+// Past the first chunks of a long body, a read must be able to finish while the piece before it
+// is being written: one write there waits for a later read (bounded, so that a copy taking turns
+// fails instead of hanging), and then writes its piece, which must still hold its own bytes.
+TEST_F(CopyIntoFileTest, TheNextReadOverlapsTheWriteAndNeverTouchesThePieceBeingWritten) {
   std::mutex mutex;
   std::condition_variable changed;
-  bool third_read_done = false;
+  std::uint64_t read_so_far = 0;
+  bool waited = false;
   bool overlapped = false;
   PositionSource source(4 * kCopyChunkSize + 5, kCopyChunkSize);
-  source.after_read = [&](int n) {
-    if (n != 3) return;
+  source.after_read = [&](int) {
     std::lock_guard lock(mutex);
-    third_read_done = true;
+    read_so_far = source.Position();
     changed.notify_all();
   };
   HookedFile target(Target());
-  target.before_write = [&](int n) {
-    if (n != 2) return;
-    std::unique_lock lock(mutex);
-    overlapped = changed.wait_for(lock, std::chrono::seconds(10), [&] { return third_read_done; });
+  std::uint64_t written = 0;
+  target.before_write_size = [&](std::uint64_t size) {
+    if (!waited && written >= 2 * kCopyChunkSize) {
+      waited = true;
+      std::unique_lock lock(mutex);
+      overlapped = changed.wait_for(lock, std::chrono::seconds(10),
+                                    [&] { return read_so_far > written + size; });
+    }
+    written += size;
   };
   const CopyStreamResult result = CopyStream(source, target, {});
   EXPECT_TRUE(result.completed);
   EXPECT_EQ(result.bytes_copied, 4 * kCopyChunkSize + 5);
-  EXPECT_TRUE(overlapped) << "the third read waited for the second write";
+  EXPECT_TRUE(waited);
+  EXPECT_TRUE(overlapped) << "the next read waited for the write";
   EXPECT_TRUE(FileHoldsPositions(Target(), 4 * kCopyChunkSize + 5));
   EXPECT_EQ(m_log.Text(), "");
 }
@@ -147,35 +151,43 @@ TEST_F(CopyIntoFileTest, EveryByteLandsInPlaceWhateverTheReadSizes) {
   EXPECT_EQ(m_log.Text(), "");
 }
 
-// A write that fails on the writer's side ends the copy as a failed read or write does, with
+// Past the first chunks, where the writer thread writes: a write that fails there ends the copy as a failed read or write does, with
 // its log line; any other exception passes to the caller; a stop ends the copy with every
 // counted byte written when it returns.
 TEST_F(CopyIntoFileTest, WriteErrorsExceptionsAndStopsEndTheCopyAsTheyAlwaysDid) {
   {
     PositionSource source(5 * kCopyChunkSize, kCopyChunkSize);
     HookedFile target(Target());
-    target.before_write = [](int n) {
-      if (n == 3) throw std::runtime_error("disk full");
+    std::uint64_t written = 0;
+    target.before_write_size = [&](std::uint64_t size) {
+      if (written >= 3 * kCopyChunkSize) throw std::runtime_error("disk full");
+      written += size;
     };
     const CopyStreamResult result = CopyStream(source, target, {});
     EXPECT_FALSE(result.completed);
     EXPECT_GE(result.bytes_copied, 3 * kCopyChunkSize);
+    EXPECT_LT(result.bytes_copied, 5 * kCopyChunkSize);
     EXPECT_THAT(m_log.Lines(),
                 ElementsAre("Failed to read or write stream in CopyStream: disk full\n"));
   }
   {
     PositionSource source(5 * kCopyChunkSize, kCopyChunkSize);
     HookedFile target(Target());
-    target.before_write = [](int n) {
-      if (n == 2) throw std::logic_error("not a runtime error");
+    std::uint64_t written = 0;
+    target.before_write_size = [&](std::uint64_t size) {
+      if (written >= 3 * kCopyChunkSize) throw std::logic_error("not a runtime error");
+      written += size;
     };
     EXPECT_THROW(CopyStream(source, target, {}), std::logic_error);
   }
   {
     qv::stop_source stop;
     PositionSource source(6 * kCopyChunkSize, kCopyChunkSize);
-    source.after_read = [&](int n) {
-      if (n == 3) stop.request_stop();
+    std::uint64_t read_at_stop = 0;
+    source.after_read = [&](int) {
+      if (read_at_stop != 0 || source.Position() < 3 * kCopyChunkSize) return;
+      stop.request_stop();
+      read_at_stop = source.Position();
     };
     CopyStreamResult result;
     {
@@ -183,8 +195,9 @@ TEST_F(CopyIntoFileTest, WriteErrorsExceptionsAndStopsEndTheCopyAsTheyAlwaysDid)
       result = CopyStream(source, target, stop.get_token());
     }
     EXPECT_FALSE(result.completed);
-    EXPECT_EQ(result.bytes_copied, 3 * kCopyChunkSize);
-    EXPECT_TRUE(FileHoldsPositions(Target(), 3 * kCopyChunkSize));
+    EXPECT_GT(read_at_stop, 0u);
+    EXPECT_EQ(result.bytes_copied, read_at_stop);
+    EXPECT_TRUE(FileHoldsPositions(Target(), read_at_stop));
   }
   EXPECT_EQ(m_log.Lines().size(), 1u);
 }
