@@ -1,18 +1,23 @@
-# cmake --install: the libraries, the public headers, a CMake package
+# cmake --install: the libraries, tqfetch, the public headers, a CMake package
 # (find_package(tqnetwork) gives tqnetwork::tqnetwork, tqnetwork::tqutil, tqnetwork::tqplatform)
-# and a pkg-config file. On Windows: bin/ holds tqutil.dll, tqnetwork.dll and the C++ runtime
+# and a pkg-config file. The headers go to include/tqnetwork/ (net/, tqutil/, platform/ below it):
+# include/net/ is the system's own directory, and a platform/wininet.h on a global include path
+# would shadow the real one in a program that also builds for Windows. The CMake package and the
+# pkg-config file add include/tqnetwork/, so that consumers keep writing #include "net/...". On Windows: bin/ holds tqutil.dll, tqnetwork.dll and the C++ runtime
 # DLLs they need, lib/ the import libraries; tqplatform names the system's WinINet, URL Moniker
 # and COM libraries.
 include(CMakePackageConfigHelpers)
 
+set(TQ_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/tqnetwork)
 install(TARGETS tqutil tqplatform tqnetwork
   EXPORT tqnetworkTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS tqfetch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-install(DIRECTORY tqutil/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tqutil FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY net/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/net FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY tqutil/ DESTINATION ${TQ_INSTALL_INCLUDEDIR}/tqutil FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY net/ DESTINATION ${TQ_INSTALL_INCLUDEDIR}/net FILES_MATCHING PATTERN "*.h")
 if(WIN32)
   install(FILES ${TQ_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
   set(TQ_PC_LIBS "-ltqnetwork -ltqutil -lwininet -lurlmon -lole32 -luuid")
@@ -20,7 +25,7 @@ else()
   # Only the Windows SDK subset is public in platform/; the rest is its Linux implementation.
   install(FILES ${PROJECT_SOURCE_DIR}/platform/windows_types.h
                 ${PROJECT_SOURCE_DIR}/platform/wininet.h ${PROJECT_SOURCE_DIR}/platform/urlmon.h
-          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform)
+          DESTINATION ${TQ_INSTALL_INCLUDEDIR}/platform)
   set(TQ_PC_LIBS "-ltqnetwork -ltqplatform -ltqutil")
 endif()
 

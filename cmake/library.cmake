@@ -9,6 +9,16 @@
 # its DLL, with the other library's declarations as imports; elsewhere (and for a library with
 # no such dependency) the shared library is made of the objects. DLL_SOURCES go into the shared
 # library only (e.g. its DllMain).
+# tq_set_install_rpath(target dir): where the installed target finds this project's libraries,
+# relative to itself (e.g. "$ORIGIN"), so that a package installed anywhere runs without
+# LD_LIBRARY_PATH. RUNPATH rather than RPATH, so that LD_LIBRARY_PATH can still override it.
+function(tq_set_install_rpath target dir)
+  if(NOT WIN32)
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "${dir}")
+    target_link_options(${target} PRIVATE "LINKER:--enable-new-dtags")
+  endif()
+endfunction()
+
 function(tq_add_library name)
   cmake_parse_arguments(ARG "HIDDEN" "EXPORT_DEFINE;STATIC_DEFINE"
                         "SOURCES;DLL_SOURCES;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
@@ -58,9 +68,10 @@ function(tq_add_library name)
 
   add_library(tqnetwork::${name} ALIAS ${name})
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
-                                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+                                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tqnetwork>)
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  tq_set_install_rpath(${name} "$ORIGIN")
   if(WIN32)
     # tqutil.dll, tqnetwork.dll: the names the host loads. The import library keeps MinGW's
     # usual name (lib<name>.dll.a), which -l<name> finds.

@@ -6,8 +6,10 @@
 //   tqfetch range URL OFFSET SIZE   SIZE bytes from OFFSET, through the file protocol
 //   tqfetch download URL FILE       the whole file, with a progress bar on a terminal
 //   tqfetch cache clear|clean       empties the disk cache, or trims it to its size limit
+//   tqfetch --help | --version
 //
-// Errors are one line on stderr and a non-zero exit status.
+// Errors are one line on stderr that says why in words. Exit status: 0 success, 1 a network,
+// HTTP or file failure, 2 a usage error.
 #if defined(_WIN32)
 #include <io.h>
 #include <process.h>
@@ -24,6 +26,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,6 +37,8 @@
 #include "net/http/connection_pool.h"
 #include "net/http/http_init.h"
 #include "net/stream/open_file_or_url.h"
+#include "failure_reason.h"
+#include "progress_line.h"
 #include "tour_server.h"
 
 namespace {
@@ -41,8 +46,13 @@ namespace {
 namespace fs = std::filesystem;
 using qv::net::CacheSystem;
 
-// A failure the program reports in one line.
+// A failure the program reports in one line (exit status 1).
 struct Failure {
+  std::string message;
+};
+
+// A command line the program does not understand (exit status 2).
+struct UsageError {
   std::string message;
 };
 
@@ -59,7 +69,11 @@ void KeepLastLogLine(const TqULogRecord& record) {
   g_last_log = text;
 }
 
-Failure Failed(const std::string& what) {
+// The failure of an operation on `url`, with the reason in words when asking the server again
+// tells it, else with what the library logged.
+Failure Failed(const std::string& what, const std::string& url) {
+  const std::string reason = tqfetch::FailureReason(url);
+  if (!reason.empty()) return Failure{what + ": " + reason};
   std::lock_guard lock(g_log_mutex);
   return Failure{g_last_log.empty() ? what : what + ": " + g_last_log};
 }
@@ -88,31 +102,41 @@ int ProcessId() {
 #endif
 }
 
-// Progress as a bar on a terminal; nothing when stdout is a file or a pipe.
+// Progress as one line on a terminal, redrawn when its text changes and at most ten times a
+// second; nothing when stdout is a file or a pipe.
 class ProgressBar : public TqUProgress {
  public:
-  explicit ProgressBar(std::string label) : m_label(std::move(label)), m_tty(StdoutIsTerminal()) {}
+  using Clock = tqfetch::ProgressThrottle::Clock;
+
+  ProgressBar(std::string label, std::optional<std::uint64_t> total)
+      : m_label(std::move(label)), m_total(total), m_tty(StdoutIsTerminal()) {}
   ~ProgressBar() override {
     if (m_tty && m_shown) std::printf("\n");
   }
   bool SetProgress(double fraction) override {
     m_last = fraction;
     if (!m_tty) return true;
-    const int width = 40;
-    const int filled = static_cast<int>(fraction * width + 0.5);
-    std::printf("\r  %s [%s%s] %3d%%", m_label.c_str(), std::string(filled, '#').c_str(),
-                std::string(width - filled, ' ').c_str(), static_cast<int>(fraction * 100 + 0.5));
-    std::fflush(stdout);
-    m_shown = true;
+    const Clock::time_point now = Clock::now();
+    const std::string line =
+        tqfetch::FormatProgressLine({fraction, m_total, now - m_started});
+    if (m_throttle.ShouldDraw(line, now, fraction >= 1.0)) {
+      // Padded, so that a shorter line covers all of a longer one drawn before it.
+      std::printf("\r  %s %-70s", m_label.c_str(), line.c_str());
+      std::fflush(stdout);
+      m_shown = true;
+    }
     return true;
   }
   double last() const { return m_last; }
 
  private:
   std::string m_label;
+  std::optional<std::uint64_t> m_total;
   bool m_tty;
   bool m_shown = false;
   double m_last = -1;
+  Clock::time_point m_started = Clock::now();
+  tqfetch::ProgressThrottle m_throttle;
 };
 
 // Brings the library up for the program's life, in the host's order, and down again.
@@ -148,7 +172,7 @@ std::string ReadAll(qv::io::IDataReadStream& stream) {
 
 std::string FetchThroughCache(const std::string& url) {
   auto stream = qv::net::OpenFileOrUrl(Wide(url), 0, {});
-  if (!stream) throw Failed("could not open " + url);
+  if (!stream) throw Failed("could not open " + url, url);
   return ReadAll(*stream);
 }
 
@@ -162,7 +186,7 @@ std::string FormatTime(std::int64_t seconds) {
 void PrintInfo(const std::string& url) {
   TqUFileInfo info;
   if (!Library::Protocol(url).GetFileInfo(Wide(url).c_str(), &info)) {
-    throw Failed("no file information for " + url);
+    throw Failed("no file information for " + url, url);
   }
   if (auto size = info.GetFileSize()) std::printf("  size      %" PRIu64 " bytes\n", *size);
   if (auto time = info.GetFileModificationTime()) {
@@ -178,7 +202,7 @@ std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_
                       std::uint64_t* total) {
   TqUFileProtocol& protocol = Library::Protocol(url);
   TqUFileHandle* file = protocol.OpenFile(Wide(url).c_str(), TqUFileProtocol::OpenRead);
-  if (file == nullptr) throw Failed("cannot open " + url);
+  if (file == nullptr) throw Failed("cannot open " + url, url);
   TqUThreadHandle* thread = protocol.CreateThreadHandle(file);
   TqUFileRequestHandle* request = protocol.SetupReadFile(file, offset, size);
   std::string bytes(size, '\0');
@@ -192,16 +216,24 @@ std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_
   protocol.CloseFile(file);
   if (got < 0) {
     throw Failed("cannot read bytes " + std::to_string(offset) + "+" + std::to_string(size) +
-                 " of " + url);
+                     " of " + url,
+                 url);
   }
   bytes.resize(static_cast<std::size_t>(got));
   return bytes;
 }
 
 void Download(const std::string& url, const std::string& path) {
-  ProgressBar bar("download");
-  if (!Library::Protocol(url).GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
-    throw Failed("download of " + url + " to " + path + " failed");
+  TqUFileProtocol& protocol = Library::Protocol(url);
+  // The size, for the progress line's byte counts; the download reports fractions only.
+  std::optional<std::uint64_t> total;
+  TqUFileInfo info;
+  if (StdoutIsTerminal() && protocol.GetFileInfo(Wide(url).c_str(), &info)) {
+    total = info.GetFileSize();
+  }
+  ProgressBar bar("download", total);
+  if (!protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
+    throw Failed("download of " + url + " to " + path + " failed", url);
   }
 }
 
@@ -294,17 +326,43 @@ void Tour() {
   std::printf("\nDone. Try: tqfetch info <url>, tqfetch fetch <url>, tqfetch download <url> <file>\n");
 }
 
-int Usage() {
-  std::fprintf(stderr,
-               "usage: tqfetch [fetch URL [-o FILE] | info URL | range URL OFFSET SIZE |\n"
-               "                download URL FILE | cache clear | cache clean]\n");
-  return 2;
-}
+// ---------------------------------------------------------------------------------------------
+// The command line.
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+constexpr const char* kUsage =
+    "usage: tqfetch [fetch URL [-o FILE] | info URL | range URL OFFSET SIZE |\n"
+    "                download URL FILE | cache clear | cache clean | --help | --version]\n";
+
+constexpr const char* kHelp =
+    "tqfetch shows what the tqnetwork library does. With no command it runs a tour on a local\n"
+    "server it starts itself (no network needed).\n"
+    "\n"
+    "commands:\n"
+    "  fetch URL [-o FILE]     the URL through the disk cache, to standard output or FILE\n"
+    "  info URL                size, modification time and revision of a remote file\n"
+    "  range URL OFFSET SIZE   SIZE bytes from byte OFFSET, read through the file protocol\n"
+    "  download URL FILE       the whole file to FILE, with a progress line on a terminal\n"
+    "  cache clear|clean       empty the disk cache, or trim it to its size limit\n"
+    "\n"
+    "options:\n"
+    "  -h, --help              this text\n"
+    "  --version               the version of tqfetch and of the library\n"
+    "\n"
+    "A failure is one line on standard error that says why (\"connection refused\",\n"
+    "\"host not found\", \"timed out after 60 s\", \"HTTP 404 Not Found\").\n"
+    "\n"
+    "exit status:\n"
+    "  0  success\n"
+    "  1  a network, HTTP or file failure\n"
+    "  2  a usage error\n";
 
 std::uint64_t Number(const std::string& text) {
   char* end = nullptr;
   const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0') throw Failure{"not a number: " + text};
+  if (text.empty() || text[0] == '-' || *end != '\0') throw UsageError{"not a number: " + text};
   return value;
 }
 
@@ -314,6 +372,16 @@ int Run(const std::vector<std::string>& args) {
     return 0;
   }
   const std::string& command = args[0];
+  if (args.size() == 1 && (command == "--help" || command == "-h")) {
+    std::fputs(kUsage, stdout);
+    std::fputs("\n", stdout);
+    std::fputs(kHelp, stdout);
+    return 0;
+  }
+  if (args.size() == 1 && command == "--version") {
+    std::printf("tqfetch %s (tqnetwork %s)\n", TQFETCH_VERSION, TQFETCH_VERSION);
+    return 0;
+  }
   if (command == "fetch" && (args.size() == 2 || (args.size() == 4 && args[2] == "-o"))) {
     Library library(nullptr);
     const std::string body = FetchThroughCache(args[1]);
@@ -352,7 +420,7 @@ int Run(const std::vector<std::string>& args) {
     }
     return 0;
   }
-  return Usage();
+  throw UsageError{};
 }
 
 }  // namespace
@@ -361,10 +429,15 @@ int main(int argc, char** argv) {
   TqUError::SetSink(KeepLastLogLine);
   try {
     return Run(std::vector<std::string>(argv + 1, argv + argc));
+  } catch (const UsageError& error) {
+    if (!error.message.empty()) std::fprintf(stderr, "tqfetch: %s\n", error.message.c_str());
+    std::fputs(kUsage, stderr);
+    std::fputs("Try 'tqfetch --help' for more.\n", stderr);
+    return kExitUsage;
   } catch (const Failure& failure) {
     std::fprintf(stderr, "tqfetch: %s\n", failure.message.c_str());
   } catch (const std::exception& error) {
     std::fprintf(stderr, "tqfetch: %s\n", error.what());
   }
-  return 1;
+  return kExitFailure;
 }

@@ -51,6 +51,32 @@ long OsErrno(CURL* easy) {
   return os_errno;
 }
 
+// The TLS failures; anything else is an internal error.
+DWORD TlsError(CURLcode code, CURL* easy) {
+  switch (code) {
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return CertificateError(easy);
+    case CURLE_SSL_CERTPROBLEM:
+      return ERROR_INTERNET_CLIENT_AUTH_CERT_NEEDED;
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+      return ERROR_INTERNET_INVALID_CA;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_USE_SSL_FAILED:
+      return ERROR_INTERNET_SECURITY_CHANNEL_ERROR;
+    default:
+      return ERROR_INTERNET_INTERNAL_ERROR;
+  }
+}
+
 }  // namespace
 
 DWORD WinInetErrorFromCurl(CURLcode code, CURL* easy) {
@@ -90,24 +116,6 @@ DWORD WinInetErrorFromCurl(CURLcode code, CURL* easy) {
       if (os_errno == 0 && code == CURLE_RECV_ERROR) return ERROR_HTTP_INVALID_SERVER_RESPONSE;
       return ERROR_INTERNET_CONNECTION_ABORTED;
     }
-    case CURLE_PEER_FAILED_VERIFICATION:
-      return CertificateError(easy);
-    case CURLE_SSL_CERTPROBLEM:
-      return ERROR_INTERNET_CLIENT_AUTH_CERT_NEEDED;
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_ISSUER_ERROR:
-      return ERROR_INTERNET_INVALID_CA;
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_ENGINE_NOTFOUND:
-    case CURLE_SSL_ENGINE_SETFAILED:
-    case CURLE_SSL_ENGINE_INITFAILED:
-    case CURLE_SSL_SHUTDOWN_FAILED:
-    case CURLE_SSL_CRL_BADFILE:
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-    case CURLE_SSL_INVALIDCERTSTATUS:
-    case CURLE_USE_SSL_FAILED:
-      return ERROR_INTERNET_SECURITY_CHANNEL_ERROR;
     case CURLE_LOGIN_DENIED:
     case CURLE_AUTH_ERROR:
       return ERROR_INTERNET_LOGIN_FAILURE;
@@ -118,7 +126,7 @@ DWORD WinInetErrorFromCurl(CURLcode code, CURL* easy) {
     case CURLE_ABORTED_BY_CALLBACK:
       return ERROR_INTERNET_OPERATION_CANCELLED;
     default:
-      return ERROR_INTERNET_INTERNAL_ERROR;
+      return TlsError(code, easy);
   }
 }
 

@@ -296,6 +296,87 @@ const char* HeaderNameForLevel(DWORD level) {
   return level <= HTTP_QUERY_MAX ? kLevelNames[level] : nullptr;
 }
 
+namespace {
+
+// The name a level asks for: known levels by their header, HTTP_QUERY_CUSTOM from the caller's
+// buffer (read before anything is written there).
+DWORD NameOfLevel(DWORD level, const void* buffer, DWORD buffer_length, std::string* name) {
+  if (level == HTTP_QUERY_CUSTOM) {
+    if (buffer == nullptr) return ERROR_INVALID_PARAMETER;
+    if (!ReadCustomName(buffer, buffer_length, name)) return ERROR_HTTP_HEADER_NOT_FOUND;
+    return ERROR_SUCCESS;
+  }
+  if (const char* known = HeaderNameForLevel(level)) {
+    *name = known;
+    return ERROR_SUCCESS;
+  }
+  return level > HTTP_QUERY_MAX ? ERROR_HTTP_INVALID_QUERY_REQUEST : ERROR_HTTP_HEADER_NOT_FOUND;
+}
+
+// The value a level asks for, as bytes; `*indexed` when the index selects among repeated headers.
+DWORD SelectValue(const HeaderBlock& block, std::string_view verb, DWORD level, bool formatted,
+                  DWORD wanted, const void* buffer, DWORD buffer_length, std::string* value,
+                  bool* indexed) {
+  *indexed = false;
+  switch (level) {
+    case HTTP_QUERY_RAW_HEADERS:
+    case HTTP_QUERY_RAW_HEADERS_CRLF:
+      if (formatted) return ERROR_HTTP_INVALID_QUERY_REQUEST;
+      *value = level == HTTP_QUERY_RAW_HEADERS ? block.RawNul() : block.RawCrlf();
+      return ERROR_SUCCESS;
+    case HTTP_QUERY_STATUS_CODE:
+      if (block.status_code() == 0 || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
+      *value = std::to_string(block.status_code());
+      return ERROR_SUCCESS;
+    case HTTP_QUERY_STATUS_TEXT:
+      if (block.status_code() == 0 || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
+      *value = block.status_text();
+      return ERROR_SUCCESS;
+    case HTTP_QUERY_VERSION:
+      if (block.version().empty() || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
+      *value = block.version();
+      return ERROR_SUCCESS;
+    case HTTP_QUERY_REQUEST_METHOD:
+      if (verb.empty() || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
+      *value = std::string(verb);
+      return ERROR_SUCCESS;
+    default: {
+      std::string name;
+      if (DWORD error = NameOfLevel(level, buffer, buffer_length, &name)) return error;
+      const std::string* found = block.Find(name, wanted);
+      if (found == nullptr) return ERROR_HTTP_HEADER_NOT_FOUND;
+      *value = *found;
+      *indexed = true;
+      return ERROR_SUCCESS;
+    }
+  }
+}
+
+// Writes the value in the form the modifiers ask for.
+DWORD WriteValue(DWORD modifiers, const std::string& value, void* buffer, DWORD* buffer_length) {
+  std::uint64_t number = 0;
+  if ((modifiers & HTTP_QUERY_FLAG_NUMBER) != 0) {
+    if (!ParseUnsigned(value, std::numeric_limits<DWORD>::max(), &number)) {
+      return ERROR_HTTP_INVALID_HEADER;
+    }
+    return WriteFixed(static_cast<DWORD>(number), buffer, buffer_length);
+  }
+  if ((modifiers & HTTP_QUERY_FLAG_NUMBER64) != 0) {
+    if (!ParseUnsigned(value, std::numeric_limits<std::uint64_t>::max(), &number)) {
+      return ERROR_HTTP_INVALID_HEADER;
+    }
+    return WriteFixed(number, buffer, buffer_length);
+  }
+  if ((modifiers & HTTP_QUERY_FLAG_SYSTEMTIME) != 0) {
+    SYSTEMTIME time{};
+    if (!ParseHttpDate(value, &time)) return ERROR_HTTP_INVALID_HEADER;
+    return WriteFixed(time, buffer, buffer_length);
+  }
+  return WriteText(value, buffer, buffer_length);
+}
+
+}  // namespace
+
 DWORD QueryHeaderBlock(const HeaderBlock& block, std::string_view verb, DWORD info_level,
                        void* buffer, DWORD* buffer_length, DWORD* index) {
   if (buffer_length == nullptr) return ERROR_INVALID_PARAMETER;
@@ -305,74 +386,14 @@ DWORD QueryHeaderBlock(const HeaderBlock& block, std::string_view verb, DWORD in
                       ((modifiers & HTTP_QUERY_FLAG_NUMBER64) != 0) +
                       ((modifiers & HTTP_QUERY_FLAG_SYSTEMTIME) != 0);
   if (formats > 1) return ERROR_HTTP_INVALID_QUERY_REQUEST;
-
-  // The value asked for, as bytes; `indexed` when the index selects among repeated headers.
   std::string value;
   bool indexed = false;
   const DWORD wanted = index != nullptr ? *index : 0;
-  switch (level) {
-    case HTTP_QUERY_RAW_HEADERS:
-    case HTTP_QUERY_RAW_HEADERS_CRLF:
-      if (formats != 0) return ERROR_HTTP_INVALID_QUERY_REQUEST;
-      value = level == HTTP_QUERY_RAW_HEADERS ? block.RawNul() : block.RawCrlf();
-      break;
-    case HTTP_QUERY_STATUS_CODE:
-      if (block.status_code() == 0 || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
-      value = std::to_string(block.status_code());
-      break;
-    case HTTP_QUERY_STATUS_TEXT:
-      if (block.status_code() == 0 || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
-      value = block.status_text();
-      break;
-    case HTTP_QUERY_VERSION:
-      if (block.version().empty() || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
-      value = block.version();
-      break;
-    case HTTP_QUERY_REQUEST_METHOD:
-      if (verb.empty() || wanted != 0) return ERROR_HTTP_HEADER_NOT_FOUND;
-      value = std::string(verb);
-      break;
-    default: {
-      std::string name;
-      if (level == HTTP_QUERY_CUSTOM) {
-        // The name arrives in the caller's buffer; read it before anything is written there.
-        if (buffer == nullptr) return ERROR_INVALID_PARAMETER;
-        if (!ReadCustomName(buffer, *buffer_length, &name)) return ERROR_HTTP_HEADER_NOT_FOUND;
-      } else if (const char* known = HeaderNameForLevel(level)) {
-        name = known;
-      } else if (level > HTTP_QUERY_MAX) {
-        return ERROR_HTTP_INVALID_QUERY_REQUEST;
-      } else {
-        return ERROR_HTTP_HEADER_NOT_FOUND;
-      }
-      const std::string* found = block.Find(name, wanted);
-      if (found == nullptr) return ERROR_HTTP_HEADER_NOT_FOUND;
-      value = *found;
-      indexed = true;
-      break;
-    }
+  if (DWORD error = SelectValue(block, verb, level, formats != 0, wanted, buffer, *buffer_length,
+                                &value, &indexed)) {
+    return error;
   }
-
-  DWORD result;
-  if ((modifiers & HTTP_QUERY_FLAG_NUMBER) != 0) {
-    std::uint64_t number = 0;
-    if (!ParseUnsigned(value, std::numeric_limits<DWORD>::max(), &number)) {
-      return ERROR_HTTP_INVALID_HEADER;
-    }
-    result = WriteFixed(static_cast<DWORD>(number), buffer, buffer_length);
-  } else if ((modifiers & HTTP_QUERY_FLAG_NUMBER64) != 0) {
-    std::uint64_t number = 0;
-    if (!ParseUnsigned(value, std::numeric_limits<std::uint64_t>::max(), &number)) {
-      return ERROR_HTTP_INVALID_HEADER;
-    }
-    result = WriteFixed(number, buffer, buffer_length);
-  } else if ((modifiers & HTTP_QUERY_FLAG_SYSTEMTIME) != 0) {
-    SYSTEMTIME time{};
-    if (!ParseHttpDate(value, &time)) return ERROR_HTTP_INVALID_HEADER;
-    result = WriteFixed(time, buffer, buffer_length);
-  } else {
-    result = WriteText(value, buffer, buffer_length);
-  }
+  const DWORD result = WriteValue(modifiers, value, buffer, buffer_length);
   if (result == ERROR_SUCCESS && indexed && index != nullptr) *index = wanted + 1;
   return result;
 }

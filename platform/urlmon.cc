@@ -1,13 +1,12 @@
-// URLDownloadToFileW and URLDownloadToCacheFileW over libcurl.
+// URLDownloadToFileW and URLDownloadToCacheFileW over the platform layer's transfer engine.
 //
-// A download runs on the calling thread through a multi handle, so that the loop wakes at least
-// every 100 ms: that is what lets IBinding::Abort (from any thread) and the stall limit act
-// promptly without relying on libcurl's one-second progress cadence.
+// A download runs on the calling thread: the engine's transfer pulls the body into a buffer that
+// goes to a temporary file beside the destination. IBinding::Abort (from any thread) stops the
+// transfer at once; the engine's clock keeps the stall limit.
 #ifndef _WIN32
 
 #include "platform/urlmon.h"
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,11 +20,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <random>
 #include <string>
 #include <system_error>
 
+#include "platform/transfer.h"
 #include "platform/urlmon_internal.h"
 #include "platform/wide_text.h"
 
@@ -35,16 +35,9 @@ namespace {
 constexpr DWORD kErrorDiskFull = 112;
 constexpr DWORD kErrorFilenameExcedRange = 206;
 constexpr const char* kUserAgent = "Torvik-Quillstone/23.1";
-constexpr long kMaxRedirects = 10;
-constexpr long kPollMs = 100;
 
 std::atomic<long> g_connect_ms{UrlDownloadLimits{}.connect_ms};
 std::atomic<long> g_stall_ms{UrlDownloadLimits{}.stall_ms};
-
-void GlobalInit() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
 
 // Win32 error of a failed file operation, as the Windows file functions would report it.
 HRESULT HResultFromErrno(int error) {
@@ -200,11 +193,7 @@ class Binding final : public IBinding {
     // The download may end, and drop its references, as soon as it sees the flag: hold one of
     // our own until Abort is done with the object.
     AddRef();
-    m_aborted.store(true);
-    {
-      std::lock_guard lock(m_mutex);
-      if (m_multi != nullptr) curl_multi_wakeup(m_multi);
-    }
+    m_stop.Stop();
     Release();
     return S_OK;
   }
@@ -216,19 +205,12 @@ class Binding final : public IBinding {
     return E_NOTIMPL;
   }
 
-  bool Aborted() const { return m_aborted.load(); }
-  // The multi handle that Abort wakes; null once the download no longer runs.
-  void SetMulti(CURLM* multi) {
-    std::lock_guard lock(m_mutex);
-    m_multi = multi;
-  }
+  StopSignal& stop() { return m_stop; }
 
  private:
   ~Binding() = default;
   std::atomic<ULONG> m_refs{1};
-  std::atomic<bool> m_aborted{false};
-  std::mutex m_mutex;
-  CURLM* m_multi = nullptr;
+  StopSignal m_stop;
 };
 
 struct BindingRef {
@@ -238,17 +220,6 @@ struct BindingRef {
   BindingRef& operator=(const BindingRef&) = delete;
   ~BindingRef() { binding->Release(); }
 };
-
-// libcurl objects owned for one scope, released with their own clean-up call.
-template <auto Cleanup>
-struct CurlFree {
-  template <typename T>
-  void operator()(T* object) const {
-    Cleanup(object);
-  }
-};
-using CurlEasy = std::unique_ptr<CURL, CurlFree<curl_easy_cleanup>>;
-using CurlUrl = std::unique_ptr<CURLU, CurlFree<curl_url_cleanup>>;
 
 // The temporary file beside the destination: removed unless Commit renamed it into place.
 class TempFile {
@@ -313,204 +284,149 @@ class TempFile {
   std::string m_path;
 };
 
-using Clock = std::chrono::steady_clock;
+// The callback's side of a download: its progress reports, and whether it asked to stop.
+class Progress {
+ public:
+  explicit Progress(IBindStatusCallback* callback) : m_callback(callback) {}
 
-// State shared with libcurl's callbacks during one download.
-struct Transfer {
-  IBindStatusCallback* callback = nullptr;
-  Binding* binding = nullptr;
-  TempFile* file = nullptr;
-  CURL* easy = nullptr;
-  std::uint64_t received = 0;
-  bool began = false;
-  bool callback_aborted = false;
-  long refused_status = 0;        // a 4xx/5xx whose body was refused
-  HRESULT write_error = S_OK;     // the file could not be written
-  Clock::time_point last_activity = Clock::now();
-
-  bool Stop() const { return binding->Aborted() || callback_aborted; }
+  bool aborted() const { return m_aborted; }
 
   void Report(ULONG status_code, std::uint64_t total) {
-    if (callback == nullptr) return;
+    if (m_callback == nullptr) return;
     ULONG done = 0;
     ULONG max = 0;
-    ScaleProgress(received, total, &done, &max);
-    if (FAILED(callback->OnProgress(done, max, status_code, nullptr))) callback_aborted = true;
+    ScaleProgress(m_received, total, &done, &max);
+    if (FAILED(m_callback->OnProgress(done, max, status_code, nullptr))) m_aborted = true;
   }
 
-  std::uint64_t ExpectedSize() const {
-    curl_off_t length = -1;
-    curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
-    return length > 0 ? static_cast<std::uint64_t>(length) : 0;
+  void Received(std::size_t bytes, std::uint64_t total) {
+    if (!m_began) {
+      m_began = true;
+      Report(BINDSTATUS_BEGINDOWNLOADDATA, total);
+    }
+    m_received += bytes;
+    Report(BINDSTATUS_DOWNLOADINGDATA, total);
   }
+
+ private:
+  IBindStatusCallback* m_callback;
+  std::uint64_t m_received = 0;
+  bool m_began = false;
+  bool m_aborted = false;
 };
 
-size_t OnHeader(char* data, size_t size, size_t count, void* user) {
-  auto* transfer = static_cast<Transfer*>(user);
-  const size_t bytes = size * count;
-  // Only a header block's end is progress: a server dripping one line at a time must not keep
-  // the transfer alive, so the whole block has one deadline.
-  if (bytes == 0 || data[0] == '\r' || data[0] == '\n') transfer->last_activity = Clock::now();
-  return transfer->Stop() ? 0 : bytes;
+// A download's own slot: fresh handles for each download, dropped when it ends.
+class OwnSlot final : public SlotSource {
+ public:
+  std::unique_ptr<TransferSlot> Acquire(const StopSignal& stop,
+                                        std::optional<std::chrono::milliseconds>,
+                                        DWORD* error) override {
+    if (stop.stopped()) {
+      *error = ERROR_INTERNET_OPERATION_CANCELLED;
+      return nullptr;
+    }
+    auto slot = TransferSlot::Create();
+    if (slot == nullptr) *error = ERROR_NOT_ENOUGH_MEMORY;
+    return slot;
+  }
+  void Release(std::unique_ptr<TransferSlot>) override {}
+};
+
+// The result of a transfer that failed with the engine's `error`: libcurl's own result when it
+// has one, else what the engine's refusal means here.
+HRESULT HResultFromTransfer(const Transfer& transfer, DWORD error) {
+  if (transfer.curl_result() != CURLE_OK) return HResultFromCurl(transfer.curl_result());
+  switch (error) {
+    case ERROR_INTERNET_OPERATION_CANCELLED:
+      return E_ABORT;
+    case ERROR_INTERNET_TIMEOUT:
+      return INET_E_CONNECTION_TIMEOUT;
+    case ERROR_HTTP_REDIRECT_FAILED:
+      return INET_E_REDIRECT_FAILED;
+    case ERROR_NOT_ENOUGH_MEMORY:
+      return E_OUTOFMEMORY;
+    default:
+      return INET_E_DOWNLOAD_FAILURE;
+  }
 }
 
-size_t OnBody(char* data, size_t size, size_t count, void* user) {
-  auto* transfer = static_cast<Transfer*>(user);
-  const size_t bytes = size * count;
-  transfer->last_activity = Clock::now();
-  if (transfer->Stop()) return CURL_WRITEFUNC_ERROR;
-  long status = 0;
-  curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
-  if (status >= 400) {
-    // An error page is never saved: the transfer stops at its first byte.
-    transfer->refused_status = status;
-    return CURL_WRITEFUNC_ERROR;
-  }
-  if (!transfer->file->Write(data, bytes, &transfer->write_error)) return CURL_WRITEFUNC_ERROR;
-  const std::uint64_t expected = transfer->ExpectedSize();
-  if (!transfer->began) {
-    transfer->began = true;
-    transfer->Report(BINDSTATUS_BEGINDOWNLOADDATA, expected);
-  }
-  transfer->received += bytes;
-  transfer->Report(BINDSTATUS_DOWNLOADINGDATA, expected);
-  return transfer->Stop() ? CURL_WRITEFUNC_ERROR : bytes;
+TransferRequest DescribeDownload(const std::string& url) {
+  TransferRequest request;
+  request.url = url;
+  request.agent = kUserAgent;
+  request.limits.connect = std::chrono::milliseconds(g_connect_ms.load());
+  request.limits.idle = std::chrono::milliseconds(g_stall_ms.load());
+  // A download follows a redirect from https to http, as libcurl's own following did.
+  request.redirects.allow_https_to_http = true;
+  return request;
 }
 
-int OnTransferInfo(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return static_cast<Transfer*>(user)->Stop() ? 1 : 0;
-}
-
-// Runs the transfer to its end; the result says how it ended.
-HRESULT RunTransfer(CURL* easy, Transfer* transfer) {
-  CURLM* multi = curl_multi_init();
-  if (multi == nullptr) return E_OUTOFMEMORY;
-  if (curl_multi_add_handle(multi, easy) != CURLM_OK) {
-    curl_multi_cleanup(multi);
-    return E_OUTOFMEMORY;
+// Runs the transfer and writes its body to `file`; the result says how it ended.
+HRESULT Fetch(Transfer& transfer, const std::string& url, TempFile& file, Progress& progress) {
+  if (DWORD error = transfer.Open(DescribeDownload(url))) {
+    return HResultFromTransfer(transfer, error);
   }
-  transfer->binding->SetMulti(multi);
-  const auto stall = std::chrono::milliseconds(g_stall_ms.load());
-  transfer->last_activity = Clock::now();
-
-  HRESULT result = S_OK;
-  CURLcode code = CURLE_OK;
-  bool finished = false;
-  while (!finished) {
-    int running = 0;
-    if (curl_multi_perform(multi, &running) != CURLM_OK) {
-      result = E_FAIL;
-      break;
+  const long status = transfer.response().status_code();
+  if (status >= 400) return HResultFromStatus(status);  // an error page is never saved
+  std::unique_ptr<char[]> buffer(new char[Transfer::kBufferSize]);
+  for (;;) {
+    std::size_t got = 0;
+    if (DWORD error = transfer.Read(buffer.get(), Transfer::kBufferSize, &got)) {
+      return HResultFromTransfer(transfer, error);
     }
-    int queued = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
-      if (message->msg == CURLMSG_DONE) {
-        code = message->data.result;
-        finished = true;
-      }
-    }
-    if (finished) break;
-    if (transfer->Stop()) {
-      result = E_ABORT;
-      break;
-    }
-    const auto idle = Clock::now() - transfer->last_activity;
-    if (idle >= stall) {
-      result = INET_E_CONNECTION_TIMEOUT;
-      break;
-    }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(stall - idle).count();
-    curl_multi_poll(multi, nullptr, 0, static_cast<int>(std::min<long long>(kPollMs, left + 1)),
-                    nullptr);
+    if (got == 0) break;
+    HRESULT write_error = S_OK;
+    if (!file.Write(buffer.get(), got, &write_error)) return write_error;
+    progress.Received(got, transfer.content_length());
+    if (progress.aborted()) return E_ABORT;
   }
-  transfer->binding->SetMulti(nullptr);
-  curl_multi_remove_handle(multi, easy);
-  curl_multi_cleanup(multi);
-
-  if (result != S_OK) return result;
-  if (transfer->Stop()) return E_ABORT;
-  if (transfer->refused_status != 0) return HResultFromStatus(transfer->refused_status);
-  if (FAILED(transfer->write_error)) return transfer->write_error;
-  if (code != CURLE_OK) return HResultFromCurl(code);
-  long status = 0;
-  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-  if (status < 200 || status > 299) {
-    // An answer without a body (a bodiless 4xx, or a 3xx that was not followed).
-    return status >= 400 ? HResultFromStatus(status) : INET_E_DOWNLOAD_FAILURE;
-  }
-  return S_OK;
+  // An answer that is neither a success nor an error (a 3xx that was not followed).
+  return status >= 200 && status <= 299 ? S_OK : INET_E_DOWNLOAD_FAILURE;
 }
 
 // Checks the URL before any callback: an absolute http or https URL that libcurl can parse.
-HRESULT ParseUrl(LPCWSTR url, CURLU* parsed, std::string* utf8) {
+HRESULT CheckUrl(LPCWSTR url, std::string* utf8) {
   if (url == nullptr || *url == L'\0') return E_INVALIDARG;
   *utf8 = WideToUtf8(url);
-  if (parsed == nullptr) return E_OUTOFMEMORY;
-  if (curl_url_set(parsed, CURLUPART_URL, utf8->c_str(), 0) != CURLUE_OK) return MK_E_SYNTAX;
-  char* scheme = nullptr;
-  if (curl_url_get(parsed, CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) return MK_E_SYNTAX;
-  const std::string text = scheme;
-  curl_free(scheme);
-  if (text != "http" && text != "https") return INET_E_UNKNOWN_PROTOCOL;
+  UrlParts parts;
+  if (!ParseUrl(*utf8, &parts)) return MK_E_SYNTAX;
+  if (parts.scheme != "http" && parts.scheme != "https") return INET_E_UNKNOWN_PROTOCOL;
   return S_OK;
 }
 
-// Downloads the parsed URL to `destination` (UTF-8 path) and tells `callback` about it.
-HRESULT Download(CURLU* url, const std::string& destination, IBindStatusCallback* callback,
-                 const std::wstring& cache_file) {
-  GlobalInit();
+// Downloads `url` to `destination` (UTF-8 path) and tells `callback` about it.
+HRESULT Download(const std::string& url, const std::string& destination,
+                 IBindStatusCallback* callback, const std::wstring& cache_file) {
+  EnsureCurlInitialised();
   BindingRef binding;
   if (callback != nullptr && FAILED(callback->OnStartBinding(0, binding.binding))) {
     callback->OnStopBinding(E_ABORT, nullptr);
     return E_ABORT;
   }
-  auto finish = [&](HRESULT result, const char* text) {
+  OwnSlot slot;
+  Transfer transfer(slot, binding.binding->stop());
+  auto finish = [&](HRESULT result) {
+    const char* text = FAILED(result) ? transfer.error_text() : "";
     if (callback != nullptr) {
-      const std::wstring wide = text && *text ? Latin1ToWide(text) : std::wstring();
+      const std::wstring wide = *text != '\0' ? Latin1ToWide(text) : std::wstring();
       callback->OnStopBinding(result, wide.empty() ? nullptr : wide.c_str());
     }
     return result;
   };
 
   TempFile file;
-  if (HRESULT hr = file.Create(destination); FAILED(hr)) return finish(hr, nullptr);
-  CurlEasy easy(curl_easy_init());
-  if (easy == nullptr) return finish(E_OUTOFMEMORY, nullptr);
-
-  Transfer transfer;
-  transfer.callback = callback;
-  transfer.binding = binding.binding;
-  transfer.file = &file;
-  transfer.easy = easy.get();
-  char error_text[CURL_ERROR_SIZE] = {};
-
-  CURL* h = easy.get();
-  curl_easy_setopt(h, CURLOPT_CURLU, url);
-  curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(h, CURLOPT_ERRORBUFFER, error_text);
-  curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(h, CURLOPT_MAXREDIRS, kMaxRedirects);
-  curl_easy_setopt(h, CURLOPT_USERAGENT, kUserAgent);
-  curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, g_connect_ms.load());
-  curl_easy_setopt(h, CURLOPT_BUFFERSIZE, 256L * 1024L);
-  curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, OnHeader);
-  curl_easy_setopt(h, CURLOPT_HEADERDATA, &transfer);
-  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, OnBody);
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, &transfer);
-  curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
-  curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, OnTransferInfo);
-  curl_easy_setopt(h, CURLOPT_XFERINFODATA, &transfer);
-
+  if (HRESULT hr = file.Create(destination); FAILED(hr)) return finish(hr);
   if (!cache_file.empty() && callback != nullptr) {
     callback->OnProgress(0, 0, BINDSTATUS_CACHEFILENAMEAVAILABLE, cache_file.c_str());
   }
-  transfer.Report(BINDSTATUS_CONNECTING, 0);
-  HRESULT result = transfer.Stop() ? E_ABORT : RunTransfer(h, &transfer);
+  Progress progress(callback);
+  progress.Report(BINDSTATUS_CONNECTING, 0);
+  const auto stopped = [&] { return progress.aborted() || binding.binding->stop().stopped(); };
+  HRESULT result = stopped() ? E_ABORT : Fetch(transfer, url, file, progress);
+  if (SUCCEEDED(result) && stopped()) result = E_ABORT;
   if (SUCCEEDED(result)) result = file.Commit(destination);
-  if (SUCCEEDED(result)) transfer.Report(BINDSTATUS_ENDDOWNLOADDATA, transfer.ExpectedSize());
-  return finish(result, FAILED(result) ? error_text : nullptr);
+  if (SUCCEEDED(result)) progress.Report(BINDSTATUS_ENDDOWNLOADDATA, transfer.content_length());
+  return finish(result);
 }
 
 std::string DestinationPath(LPCWSTR file_name) { return WideToUtf8(file_name); }
@@ -574,18 +490,16 @@ extern "C" {
 
 HRESULT URLDownloadToFileW(LPUNKNOWN, LPCWSTR url, LPCWSTR file_name, DWORD,
                            LPBINDSTATUSCALLBACK callback) {
-  tqplatform::CurlUrl parsed(curl_url());
   std::string utf8_url;
-  if (HRESULT hr = tqplatform::ParseUrl(url, parsed.get(), &utf8_url); FAILED(hr)) return hr;
+  if (HRESULT hr = tqplatform::CheckUrl(url, &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || *file_name == L'\0') return E_INVALIDARG;
-  return tqplatform::Download(parsed.get(), tqplatform::DestinationPath(file_name), callback, {});
+  return tqplatform::Download(utf8_url, tqplatform::DestinationPath(file_name), callback, {});
 }
 
 HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD file_name_length,
                                 DWORD, LPBINDSTATUSCALLBACK callback) {
-  tqplatform::CurlUrl parsed(curl_url());
   std::string utf8_url;
-  if (HRESULT hr = tqplatform::ParseUrl(url, parsed.get(), &utf8_url); FAILED(hr)) return hr;
+  if (HRESULT hr = tqplatform::CheckUrl(url, &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || file_name_length == 0) return E_INVALIDARG;
 
   const std::string directory = tqplatform::UrlDownloadCacheDirectory();
@@ -599,7 +513,7 @@ HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD 
   std::filesystem::create_directories(directory, error);
   if (error) return tqplatform::HResultFromErrno(error.value());
 
-  const HRESULT result = tqplatform::Download(parsed.get(), path, callback, wide_path);
+  const HRESULT result = tqplatform::Download(utf8_url, path, callback, wide_path);
   if (SUCCEEDED(result)) {
     std::copy(wide_path.begin(), wide_path.end(), file_name);
     file_name[wide_path.size()] = L'\0';

@@ -129,17 +129,17 @@ extern "C" {
 // place on success and removed on failure. A 4xx or 5xx answer is a failure, never saved.
 // Synchronous; `callback` (may be null) sees OnStartBinding, OnProgress and OnStopBinding on
 // the calling thread. `caller` is not used.
-TQPLATFORM_API HRESULT URLDownloadToFileW(LPUNKNOWN caller, LPCWSTR url, LPCWSTR file_name,
-                                          DWORD reserved, LPBINDSTATUSCALLBACK callback);
+TQPLATFORM_EXPORT HRESULT URLDownloadToFileW(LPUNKNOWN caller, LPCWSTR url, LPCWSTR file_name,
+                                             DWORD reserved, LPBINDSTATUSCALLBACK callback);
 
 // As URLDownloadToFileW, into the user's download cache ($XDG_CACHE_HOME, else ~/.cache, then
 // "tqnetwork/downloads"); the path of the copy is written to `file_name`, a buffer of
 // `file_name_length` characters. Every call downloads afresh; the same URL always maps to the
 // same cache file, which a new download replaces. E_OUTOFMEMORY, before any transfer, when the
 // path does not fit the buffer.
-TQPLATFORM_API HRESULT URLDownloadToCacheFileW(LPUNKNOWN caller, LPCWSTR url, LPWSTR file_name,
-                                               DWORD file_name_length, DWORD reserved,
-                                               LPBINDSTATUSCALLBACK callback);
+TQPLATFORM_EXPORT HRESULT URLDownloadToCacheFileW(LPUNKNOWN caller, LPCWSTR url, LPWSTR file_name,
+                                                  DWORD file_name_length, DWORD reserved,
+                                                  LPBINDSTATUSCALLBACK callback);
 }
 
 #endif  // _WIN32

@@ -8,8 +8,14 @@
 
 #include <cstdint>
 
+// TQPLATFORM_EXPORT marks the Windows SDK functions libtqplatform exports; the library is built
+// with hidden visibility, so nothing else of it is reachable from outside. TQPLATFORM_API marks
+// the library's own test hooks: tests link its objects directly and need no export.
+#ifndef TQPLATFORM_EXPORT
+#define TQPLATFORM_EXPORT __attribute__((visibility("default")))
+#endif
 #ifndef TQPLATFORM_API
-#define TQPLATFORM_API __attribute__((visibility("default")))
+#define TQPLATFORM_API
 #endif
 
 using BOOL = int;
@@ -87,12 +93,12 @@ constexpr HRESULT HRESULT_FROM_WIN32(DWORD code) {
 
 extern "C" {
 // The calling thread's last-error value, as the Win32 functions leave it.
-TQPLATFORM_API DWORD GetLastError();
-TQPLATFORM_API void SetLastError(DWORD code);
+TQPLATFORM_EXPORT DWORD GetLastError();
+TQPLATFORM_EXPORT void SetLastError(DWORD code);
 
 // Converts a UTC calendar time to a file time. Fails (FALSE, ERROR_INVALID_PARAMETER) for
 // fields outside their ranges or years outside 1601..30827; wDayOfWeek is ignored.
-TQPLATFORM_API BOOL SystemTimeToFileTime(const SYSTEMTIME* system_time, LPFILETIME file_time);
+TQPLATFORM_EXPORT BOOL SystemTimeToFileTime(const SYSTEMTIME* system_time, LPFILETIME file_time);
 }
 
 #endif  // _WIN32

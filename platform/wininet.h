@@ -206,24 +206,24 @@ inline constexpr DWORD ERROR_INTERNET_NOT_INITIALIZED = 12172;
 inline constexpr DWORD ERROR_INTERNET_DECODING_FAILED = 12175;
 
 extern "C" {
-TQPLATFORM_API HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy,
-                                       LPCWSTR proxy_bypass, DWORD flags);
-TQPLATFORM_API HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name,
-                                          INTERNET_PORT server_port, LPCWSTR user_name,
-                                          LPCWSTR password, DWORD service, DWORD flags,
-                                          DWORD_PTR context);
-TQPLATFORM_API BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer,
-                                       DWORD buffer_length);
-TQPLATFORM_API HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
-                                          LPCWSTR version, LPCWSTR referrer,
-                                          LPCWSTR* accept_types, DWORD flags, DWORD_PTR context);
-TQPLATFORM_API BOOL HttpSendRequestW(HINTERNET request, LPCWSTR headers, DWORD headers_length,
-                                     LPVOID optional, DWORD optional_length);
-TQPLATFORM_API BOOL HttpQueryInfoW(HINTERNET request, DWORD info_level, LPVOID buffer,
-                                   LPDWORD buffer_length, LPDWORD index);
-TQPLATFORM_API BOOL InternetReadFile(HINTERNET file, LPVOID buffer, DWORD bytes_to_read,
-                                     LPDWORD bytes_read);
-TQPLATFORM_API BOOL InternetCloseHandle(HINTERNET internet);
+TQPLATFORM_EXPORT HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy,
+                                          LPCWSTR proxy_bypass, DWORD flags);
+TQPLATFORM_EXPORT HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name,
+                                             INTERNET_PORT server_port, LPCWSTR user_name,
+                                             LPCWSTR password, DWORD service, DWORD flags,
+                                             DWORD_PTR context);
+TQPLATFORM_EXPORT BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer,
+                                          DWORD buffer_length);
+TQPLATFORM_EXPORT HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
+                                             LPCWSTR version, LPCWSTR referrer,
+                                             LPCWSTR* accept_types, DWORD flags, DWORD_PTR context);
+TQPLATFORM_EXPORT BOOL HttpSendRequestW(HINTERNET request, LPCWSTR headers, DWORD headers_length,
+                                        LPVOID optional, DWORD optional_length);
+TQPLATFORM_EXPORT BOOL HttpQueryInfoW(HINTERNET request, DWORD info_level, LPVOID buffer,
+                                      LPDWORD buffer_length, LPDWORD index);
+TQPLATFORM_EXPORT BOOL InternetReadFile(HINTERNET file, LPVOID buffer, DWORD bytes_to_read,
+                                        LPDWORD bytes_read);
+TQPLATFORM_EXPORT BOOL InternetCloseHandle(HINTERNET internet);
 }
 
 #endif  // _WIN32

@@ -1,8 +1,6 @@
 // InternetOpenW, InternetConnectW, InternetSetOptionW and InternetCloseHandle.
 #include "platform/wininet_session.h"
 
-#include <signal.h>
-
 #include <cstring>
 #include <new>
 
@@ -43,38 +41,24 @@ std::optional<std::string> TestCaFile() {
   return g_ca_file;
 }
 
-void EnsureCurlInitialised() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    // A peer closing a TLS connection must not kill the process: OpenSSL writes with write(2),
-    // which raises SIGPIPE. Leave a handler the host installed alone.
-    struct sigaction current {};
-    if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
-      signal(SIGPIPE, SIG_IGN);
-    }
-  });
-}
-
 // --- Session ---------------------------------------------------------------------------------
 
 Session::Session(std::string agent, ProxyMode mode, std::string proxy, std::string no_proxy)
     : InternetObject(kKind), proxy_mode_(mode), proxy_(std::move(proxy)),
       no_proxy_(std::move(no_proxy)) {
   settings_.Update([&](Settings& s) { s.agent = std::move(agent); });
-  share_ = curl_share_init();
+  share_.reset(curl_share_init());
   if (share_ != nullptr) {
-    curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, &Session::Lock);
-    curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, &Session::Unlock);
-    curl_share_setopt(share_, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    CURLSH* share = share_.get();
+    curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Session::Lock);
+    curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &Session::Unlock);
+    curl_share_setopt(share, CURLSHOPT_USERDATA, this);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
   }
 }
 
-Session::~Session() {
-  if (share_ != nullptr) curl_share_cleanup(share_);
-}
+Session::~Session() = default;
 
 void Session::Lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
   static_cast<Session*>(self)->locks_[data].lock();
@@ -107,14 +91,6 @@ std::string Session::ProxyFor(const std::string& scheme) const {
 
 // --- Transfer slots and connections ------------------------------------------------------------
 
-TransferSlot::TransferSlot() : multi(curl_multi_init()), easy(curl_easy_init()) {}
-
-TransferSlot::~TransferSlot() {
-  if (attached) curl_multi_remove_handle(multi, easy);
-  if (easy != nullptr) curl_easy_cleanup(easy);
-  if (multi != nullptr) curl_multi_cleanup(multi);
-}
-
 Connection::Connection(std::shared_ptr<Session> session, std::string host, INTERNET_PORT port)
     : InternetObject(kKind), session_(std::move(session)), host_(std::move(host)), port_(port) {}
 
@@ -135,19 +111,19 @@ DWORD Connection::MaxConns() const {
   return settings.max_conns.value_or(kDefaultMaxConnsPerServer);
 }
 
-std::unique_ptr<TransferSlot> Connection::Acquire(const std::atomic<bool>& cancelled,
+std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
                                                   std::optional<std::chrono::milliseconds> wait,
                                                   DWORD* error) {
   const DWORD max_conns = MaxConns();
   std::unique_lock lock(slots_mutex_);
-  auto ready = [&] { return cancelled.load() || in_use_ < max_conns; };
+  auto ready = [&] { return stop.stopped() || in_use_ < max_conns; };
   if (!wait.has_value()) {
     slots_cv_.wait(lock, ready);
   } else if (!slots_cv_.wait_for(lock, *wait, ready)) {
     *error = ERROR_INTERNET_TIMEOUT;
     return nullptr;
   }
-  if (cancelled.load()) {
+  if (stop.stopped()) {
     *error = ERROR_INTERNET_OPERATION_CANCELLED;
     return nullptr;
   }
@@ -156,8 +132,8 @@ std::unique_ptr<TransferSlot> Connection::Acquire(const std::atomic<bool>& cance
     slot = std::move(idle_.back());
     idle_.pop_back();
   } else {
-    slot = std::make_unique<TransferSlot>();
-    if (slot->multi == nullptr || slot->easy == nullptr) {
+    slot = TransferSlot::Create();
+    if (slot == nullptr) {
       *error = ERROR_NOT_ENOUGH_MEMORY;
       return nullptr;
     }
@@ -223,6 +199,77 @@ std::string NoProxyList(const std::string& bypass) {
     out += entry;
   }
   return out;
+}
+
+SettingsHolder& SettingsOf(InternetObject& object) {
+  if (object.kind() == HandleKind::kSession) return static_cast<Session&>(object).settings();
+  if (object.kind() == HandleKind::kConnection) {
+    return static_cast<Connection&>(object).settings();
+  }
+  return static_cast<Request&>(object).settings();
+}
+
+bool IsStringOption(DWORD option) {
+  switch (option) {
+    case INTERNET_OPTION_USERNAME:
+    case INTERNET_OPTION_PASSWORD:
+    case INTERNET_OPTION_PROXY_USERNAME:
+    case INTERNET_OPTION_PROXY_PASSWORD:
+    case INTERNET_OPTION_USER_AGENT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// String options: the length counts characters, as InternetSetOptionW documents.
+DWORD SetStringOption(SettingsHolder* target, DWORD option, const void* buffer,
+                      DWORD buffer_length) {
+  std::string text = ReadWideOption(buffer, buffer_length);
+  target->Update([&](Settings& s) {
+    switch (option) {
+      case INTERNET_OPTION_USERNAME: s.user = std::move(text); break;
+      case INTERNET_OPTION_PASSWORD: s.password = std::move(text); break;
+      case INTERNET_OPTION_PROXY_USERNAME: s.proxy_user = std::move(text); break;
+      case INTERNET_OPTION_PROXY_PASSWORD: s.proxy_password = std::move(text); break;
+      default: s.agent = std::move(text); break;
+    }
+  });
+  return ERROR_SUCCESS;
+}
+
+// The option's field in the settings; null for options that are not numbers.
+std::optional<DWORD> Settings::*DwordField(DWORD option) {
+  switch (option) {
+    case INTERNET_OPTION_MAX_CONNS_PER_SERVER: return &Settings::max_conns;
+    case INTERNET_OPTION_CONNECT_TIMEOUT: return &Settings::connect_timeout;
+    case INTERNET_OPTION_SEND_TIMEOUT:
+    case INTERNET_OPTION_DATA_SEND_TIMEOUT: return &Settings::send_timeout;
+    case INTERNET_OPTION_RECEIVE_TIMEOUT:
+    case INTERNET_OPTION_DATA_RECEIVE_TIMEOUT: return &Settings::receive_timeout;
+    case INTERNET_OPTION_CONNECT_RETRIES: return &Settings::connect_retries;
+    default: return nullptr;
+  }
+}
+
+DWORD SetDwordOption(SettingsHolder* target, InternetObject* object, DWORD option,
+                     const void* buffer, DWORD buffer_length) {
+  const auto field = DwordField(option);
+  if (field == nullptr) return ERROR_INTERNET_INVALID_OPTION;
+  const bool max_conns = option == INTERNET_OPTION_MAX_CONNS_PER_SERVER;
+  if (max_conns && object != nullptr && object->kind() == HandleKind::kRequest) {
+    return ERROR_INTERNET_INCORRECT_HANDLE_TYPE;
+  }
+  if (buffer_length < sizeof(DWORD)) return ERROR_INTERNET_BAD_OPTION_LENGTH;
+  DWORD value = 0;
+  std::memcpy(&value, buffer, sizeof(DWORD));
+  if (max_conns && value == 0) return ERROR_INVALID_PARAMETER;
+  target->Update([&](Settings& s) { s.*field = value; });
+  // Requests waiting for a slot see a raised bound at once.
+  if (max_conns && object != nullptr && object->kind() == HandleKind::kConnection) {
+    static_cast<Connection*>(object)->WakeWaiters();
+  }
+  return ERROR_SUCCESS;
 }
 
 }  // namespace
@@ -315,77 +362,13 @@ BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD b
   if (internet != nullptr) {
     object = LookupAnyHandle(internet);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
-    switch (object->kind()) {
-      case HandleKind::kSession:
-        target = &static_cast<Session*>(object.get())->settings();
-        break;
-      case HandleKind::kConnection:
-        target = &static_cast<Connection*>(object.get())->settings();
-        break;
-      case HandleKind::kRequest:
-        target = &static_cast<Request*>(object.get())->settings();
-        break;
-    }
+    target = &SettingsOf(*object);
   }
   if (buffer == nullptr) return Fail(ERROR_INVALID_PARAMETER);
-
-  auto dword_value = [&](DWORD* out) -> BOOL {
-    if (buffer_length < sizeof(DWORD)) return Fail(ERROR_INTERNET_BAD_OPTION_LENGTH);
-    std::memcpy(out, buffer, sizeof(DWORD));
-    return TRUE;
-  };
-  DWORD value = 0;
-  switch (option) {
-    case INTERNET_OPTION_MAX_CONNS_PER_SERVER:
-      if (object != nullptr && object->kind() == HandleKind::kRequest) {
-        return Fail(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
-      }
-      if (!dword_value(&value)) return FALSE;
-      if (value == 0) return Fail(ERROR_INVALID_PARAMETER);
-      target->Update([&](Settings& s) { s.max_conns = value; });
-      if (object != nullptr && object->kind() == HandleKind::kConnection) {
-        static_cast<Connection*>(object.get())->WakeWaiters();
-      }
-      return TRUE;
-    case INTERNET_OPTION_CONNECT_TIMEOUT:
-      if (!dword_value(&value)) return FALSE;
-      target->Update([&](Settings& s) { s.connect_timeout = value; });
-      return TRUE;
-    case INTERNET_OPTION_SEND_TIMEOUT:
-    case INTERNET_OPTION_DATA_SEND_TIMEOUT:
-      if (!dword_value(&value)) return FALSE;
-      target->Update([&](Settings& s) { s.send_timeout = value; });
-      return TRUE;
-    case INTERNET_OPTION_RECEIVE_TIMEOUT:
-    case INTERNET_OPTION_DATA_RECEIVE_TIMEOUT:
-      if (!dword_value(&value)) return FALSE;
-      target->Update([&](Settings& s) { s.receive_timeout = value; });
-      return TRUE;
-    case INTERNET_OPTION_CONNECT_RETRIES:
-      if (!dword_value(&value)) return FALSE;
-      target->Update([&](Settings& s) { s.connect_retries = value; });
-      return TRUE;
-    case INTERNET_OPTION_USERNAME:
-    case INTERNET_OPTION_PASSWORD:
-    case INTERNET_OPTION_PROXY_USERNAME:
-    case INTERNET_OPTION_PROXY_PASSWORD:
-    case INTERNET_OPTION_USER_AGENT: {
-      // String options: the length counts characters, as InternetSetOptionW documents.
-      std::string text = ReadWideOption(buffer, buffer_length);
-      target->Update([&](Settings& s) {
-        switch (option) {
-          case INTERNET_OPTION_USERNAME: s.user = std::move(text); break;
-          case INTERNET_OPTION_PASSWORD: s.password = std::move(text); break;
-          case INTERNET_OPTION_PROXY_USERNAME: s.proxy_user = std::move(text); break;
-          case INTERNET_OPTION_PROXY_PASSWORD: s.proxy_password = std::move(text); break;
-          default: s.agent = std::move(text); break;
-        }
-      });
-      return TRUE;
-    }
-    default:
-      return Fail(ERROR_INTERNET_INVALID_OPTION);
-  }
+  const DWORD error = IsStringOption(option)
+                          ? SetStringOption(target, option, buffer, buffer_length)
+                          : SetDwordOption(target, object.get(), option, buffer, buffer_length);
+  return error == ERROR_SUCCESS ? TRUE : Fail(error);
 }
 
 BOOL InternetCloseHandle(HINTERNET internet) {

@@ -8,9 +8,6 @@
 // per-server bound and sequential requests reuse the warm connection of the last slot returned.
 #pragma once
 
-#include <curl/curl.h>
-
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -19,7 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/curl_handles.h"
 #include "platform/internet_handle.h"
+#include "platform/transfer.h"
 
 namespace tqplatform {
 
@@ -71,13 +70,8 @@ class SettingsHolder {
 // Settings made with a null handle: they apply to every handle of the process.
 SettingsHolder& ProcessSettings();
 
-// Curl's global state and the process's SIGPIPE disposition, set up once.
-void EnsureCurlInitialised();
-
 // A test may point certificate verification at its own CA file (see fault_injection.h).
 std::optional<std::string> TestCaFile();
-
-enum class ProxyMode { kEnvironment, kDirect, kNamed };
 
 class Session : public InternetObject {
  public:
@@ -86,7 +80,7 @@ class Session : public InternetObject {
   Session(std::string agent, ProxyMode mode, std::string proxy, std::string no_proxy);
   ~Session() override;
 
-  CURLSH* share() const { return share_; }
+  CURLSH* share() const { return share_.get(); }
   ProxyMode proxy_mode() const { return proxy_mode_; }
   // The proxy for a scheme ("http" or "https"), in libcurl's form; empty for none.
   std::string ProxyFor(const std::string& scheme) const;
@@ -97,33 +91,17 @@ class Session : public InternetObject {
   static void Lock(CURL*, curl_lock_data data, curl_lock_access, void* self);
   static void Unlock(CURL*, curl_lock_data data, void* self);
 
-  CURLSH* share_ = nullptr;
   std::mutex locks_[CURL_LOCK_DATA_LAST];
+  CurlShare share_;  // after the locks: its clean-up still takes them
   ProxyMode proxy_mode_;
   std::string proxy_;
   std::string no_proxy_;
   SettingsHolder settings_;
 };
 
-// One multi handle with its easy handle; the multi's connection cache keeps connections alive
-// between the transfers of successive requests.
-struct TransferSlot {
-  TransferSlot();
-  ~TransferSlot();
-  TransferSlot(const TransferSlot&) = delete;
-  TransferSlot& operator=(const TransferSlot&) = delete;
-
-  CURLM* multi = nullptr;
-  CURL* easy = nullptr;
-  bool attached = false;  // easy is in multi
-  bool clean = true;      // easy has no options set since its last reset
-  // Room for the body bytes that arrive before anyone reads, lent to each request that holds
-  // the slot: a request then allocates (and faults in) no buffer of its own. At most one
-  // libcurl buffer long.
-  std::string spill;
-};
-
-class Connection : public InternetObject {
+// A connection's slots are its WinINet rule "max connections per server": a request checks one
+// out for its transfer and waits while all are in use.
+class Connection : public InternetObject, public SlotSource {
  public:
   static constexpr HandleKind kKind = HandleKind::kConnection;
 
@@ -138,14 +116,13 @@ class Connection : public InternetObject {
   // Settings of this connection with its session's and the process's filled in.
   Settings Effective() const;
 
-  // Checks a slot out, waiting while all "max connections" slots are in use. Returns null with
-  // `*error` set on time-out (`wait` elapsed; nullopt waits without bound) or when `cancelled`
-  // becomes true (WakeWaiters must then be called).
-  std::unique_ptr<TransferSlot> Acquire(const std::atomic<bool>& cancelled,
+  // Checks a slot out, waiting while all "max connections" slots are in use. A stop must be
+  // followed by WakeWaiters to end the wait.
+  std::unique_ptr<TransferSlot> Acquire(const StopSignal& stop,
                                         std::optional<std::chrono::milliseconds> wait,
-                                        DWORD* error);
+                                        DWORD* error) override;
   // Gives a slot back; its easy handle must no longer be in its multi.
-  void Release(std::unique_ptr<TransferSlot> slot);
+  void Release(std::unique_ptr<TransferSlot> slot) override;
   void WakeWaiters();
 
  private:

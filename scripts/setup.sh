@@ -12,6 +12,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcpp-httplib-dev nginx curl openssl ca-certificates
   clang libclang-rt-14-dev
+  doxygen dpkg-dev file
   "$@"
 )
 

@@ -59,7 +59,8 @@ prefix="$build/install"
 rm -rf "$prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
 for file in bin/tqnetwork.dll bin/tqutil.dll lib/libtqnetwork.dll.a lib/libtqutil.dll.a \
-            lib/cmake/tqnetwork/tqnetworkConfig.cmake include/net/stream/open_file_or_url.h; do
+            lib/cmake/tqnetwork/tqnetworkConfig.cmake include/tqnetwork/net/stream/open_file_or_url.h \
+            bin/tqfetch.exe; do
   [ -f "$prefix/$file" ] || { echo "test-windows: $file is missing from the package" >&2; exit 1; }
 done
 

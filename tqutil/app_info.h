@@ -4,12 +4,13 @@
 #include "tqutil/export.h"
 #include "tqutil/strings.h"
 
+/// Where the application keeps its files.
 class TQUTIL_API TqUAppInfo {
  public:
-  // Kind 0: the application's per-user cache directory, <cache home>/<application name>, where
-  // the cache home is $XDG_CACHE_HOME, else $HOME/.cache (%LOCALAPPDATA% on Windows). False for
-  // other kinds or when no home is known. The directory is not created.
+  /// Kind 0: the application's per-user cache directory, \<cache home\>/\<application name\>, where
+  /// the cache home is $XDG_CACHE_HOME, else $HOME/.cache (%LOCALAPPDATA% on Windows). False for
+  /// other kinds or when no home is known. The directory is not created.
   static bool GetAppDir(int kind, TqUWideStringBuffer* out);
-  // The application name used in directories ("tqnetwork" until set).
+  /// The application name used in directories ("tqnetwork" until set).
   static void SetAppName(const wchar_t* name);
 };

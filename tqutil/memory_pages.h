@@ -12,25 +12,29 @@
 
 namespace qv {
 
+/// Frees memory from AllocateZeroed; it must know the size it frees.
 struct TQUTIL_API ZeroedMemoryDeleter {
+  /// The allocation's size in bytes.
   std::size_t size = 0;
+  /// Gives the pages back to the system.
   void operator()(std::uint8_t* memory) const noexcept;
 };
 
+/// Page-aligned memory that comes zeroed from the system.
 using ZeroedMemory = std::unique_ptr<std::uint8_t[], ZeroedMemoryDeleter>;
 
-// `size` zero bytes, starting on a page boundary; throws std::bad_alloc when the system has no
-// room.
+/// `size` zero bytes, starting on a page boundary; throws std::bad_alloc when the system has no
+/// room.
 TQUTIL_API ZeroedMemory AllocateZeroed(std::size_t size);
 
-// Makes the first `used` bytes of `memory` (from AllocateZeroed) zero again, so that the buffer
-// can be handed out as new. The first MiB is cleared in place (cheaper than faulting it in
-// again); pages beyond it go back to the system, which zeroes them when they are next touched,
-// so a kept buffer holds at most one MiB of memory while it is unused.
+/// Makes the first `used` bytes of `memory` (from AllocateZeroed) zero again, so that the buffer
+/// can be handed out as new. The first MiB is cleared in place (cheaper than faulting it in
+/// again); pages beyond it go back to the system, which zeroes them when they are next touched,
+/// so a kept buffer holds at most one MiB of memory while it is unused.
 TQUTIL_API void RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept;
 
-// Tells the system that `size` bytes at `memory` are about to be written, so that their pages
-// are made present in one call rather than one page fault each. Only a hint: it may do nothing.
+/// Tells the system that `size` bytes at `memory` are about to be written, so that their pages
+/// are made present in one call rather than one page fault each. Only a hint: it may do nothing.
 TQUTIL_API void PrepareForWrite(void* memory, std::size_t size) noexcept;
 
 }  // namespace qv

@@ -16,8 +16,8 @@ namespace qv {
 
 #if defined(_WIN32)
 namespace detail {
-// A fiber-local storage slot whose value is passed to `destroy` when its thread ends. Throws
-// std::system_error when the process has no slot left.
+/// A fiber-local storage slot whose value is passed to `destroy` when its thread ends. Throws
+/// std::system_error when the process has no slot left.
 TQUTIL_API unsigned long AllocateThreadSlot(void (*destroy)(void*));
 TQUTIL_API void* GetThreadSlot(unsigned long slot);
 TQUTIL_API void SetThreadSlot(unsigned long slot, void* value);

@@ -19,99 +19,108 @@
 
 #include "tqutil/export.h"
 
+/// Files through the system's own calls, with Windows-like sharing rules on every system.
 class TQUTIL_API TqUSysFile {
  public:
-  // An open file; null (kInvalid) for none.
+  /// An open file; null (kInvalid) for none.
   using Handle = struct TqUSysFileHandleTag*;
+  /// No file.
   static constexpr Handle kInvalid = nullptr;
 
   // access
-  static constexpr std::uint32_t kAccessRead = 0;
-  static constexpr std::uint32_t kAccessWrite = 1;  // read and write
+  static constexpr std::uint32_t kAccessRead = 0;   ///< read only
+  static constexpr std::uint32_t kAccessWrite = 1;  ///< read and write
   // share
+  /// Others may not open the file while this handle is open.
   static constexpr std::uint32_t kShareNone = 0;
+  /// Others may open the file for reading.
   static constexpr std::uint32_t kShareRead = 1;
   // creation
-  // A new file made by this open alone: whatever lies at the name (a stale file, a link, a
-  // FIFO) is removed first, unless an open holds it, and the file is created exclusively.
+  /// A new file made by this open alone: whatever lies at the name (a stale file, a link, a
+  /// FIFO) is removed first, unless an open holds it, and the file is created exclusively.
   static constexpr std::uint32_t kCreateAlways = 1;
-  static constexpr std::uint32_t kOpenExistingWrite = 2;   // existing file, contents kept
-  static constexpr std::uint32_t kOpenExisting = 3;        // existing file
-  static constexpr std::uint32_t kOpenAlways = 4;          // create when missing, contents kept
+  static constexpr std::uint32_t kOpenExistingWrite = 2;   ///< existing file, contents kept
+  static constexpr std::uint32_t kOpenExisting = 3;        ///< existing file
+  static constexpr std::uint32_t kOpenAlways = 4;          ///< create when missing, contents kept
 
-  // Opens `path`. `reserved1` and `reserved2` must be 0. Null when the file cannot be opened,
-  // is not a regular file (a link at `path` is not followed), or the sharing refuses it.
+  /// Opens `path`. `reserved1` and `reserved2` must be 0. Null when the file cannot be opened,
+  /// is not a regular file (a link at `path` is not followed), or the sharing refuses it.
   static Handle OpenFile(const std::filesystem::path& path, std::uint32_t access,
                          std::uint32_t share, std::uint32_t creation, std::uint32_t reserved1,
                          std::uint32_t reserved2);
-  // Reads up to `size` bytes; false on error. `*read` is 0 at the end of the file.
+  /// Reads up to `size` bytes; false on error. `*read` is 0 at the end of the file.
   static bool ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read);
-  // Reads up to `size` bytes starting at byte `offset` of the file; false on error. `*read` is 0
-  // at or past the end. The position that ReadFile uses is left alone on POSIX (Windows moves
-  // it), so a reader that always says where it reads needs no seek.
+  /// Reads up to `size` bytes starting at byte `offset` of the file; false on error. `*read` is 0
+  /// at or past the end. The position that ReadFile uses is left alone on POSIX (Windows moves
+  /// it), so a reader that always says where it reads needs no seek.
   static bool ReadFileAt(Handle file, void* buffer, std::uint64_t size, std::uint64_t offset,
                          std::uint64_t* read);
-  // Writes all `size` bytes; false on error (a full disk included).
+  /// Writes all `size` bytes; false on error (a full disk included).
   static bool WriteFile(Handle file, const void* buffer, std::uint64_t size,
                         std::uint64_t* written);
-  // origin: 0 start, 1 current, 2 end. Returns the new position, or -1 on error.
+  /// origin: 0 start, 1 current, 2 end. Returns the new position, or -1 on error.
   static std::int64_t SeekFile(Handle file, std::int64_t offset, int origin);
-  static std::int64_t GetFileSize(Handle file);  // -1 on error
+  static std::int64_t GetFileSize(Handle file);  ///< -1 on error
+  /// Closes `file`; false on error (the handle is gone either way).
   static bool CloseFile(Handle file);
 
-  // Runs `hook` inside every open that found a regular file, before it takes its lock (the
-  // moment at which a writer may be overtaken by another); an empty function ends it. Called
-  // from whichever threads open files.
+  /// Runs `hook` inside every open that found a regular file, before it takes its lock (the
+  /// moment at which a writer may be overtaken by another); an empty function ends it. Called
+  /// from whichever threads open files.
   static void SetOpenHookForTesting(std::function<void()> hook);
 };
 
-// A directory whose files are listed, opened and removed by name relative to one open handle,
-// so that working through many files does not resolve the directory's own path again for each
-// (POSIX: one descriptor and the *at calls; Windows: the path, joined per call). Once opened it
-// may be used from several threads at once.
+/// A directory whose files are listed, opened and removed by name relative to one open handle,
+/// so that working through many files does not resolve the directory's own path again for each
+/// (POSIX: one descriptor and the *at calls; Windows: the path, joined per call). Once opened it
+/// may be used from several threads at once.
 class TQUTIL_API TqUSysDirectory {
  public:
+  /// The system's character for file names.
   using Char = std::filesystem::path::value_type;
 
+  /// One entry of the directory, as List visits it.
   struct Item {
-    const Char* name = nullptr;  // NUL-terminated; valid during the visit only
+    const Char* name = nullptr;  ///< NUL-terminated; valid during the visit only
+    /// The name's length in characters.
     std::size_t length = 0;
-    bool regular = false;        // a regular file itself (a link to one is not)
-    std::int64_t size = -1;      // the regular file's size; -1 when it could not be read
+    bool regular = false;        ///< a regular file itself (a link to one is not)
+    std::int64_t size = -1;      ///< the regular file's size; -1 when it could not be read
   };
 
-  // Never throws: Error() tells whether it opened.
+  /// Never throws: Error() tells whether it opened.
   explicit TqUSysDirectory(const std::filesystem::path& path);
   ~TqUSysDirectory();
   TqUSysDirectory(const TqUSysDirectory&) = delete;
   TqUSysDirectory& operator=(const TqUSysDirectory&) = delete;
 
-  // Why the directory could not be opened; clear when it is open.
+  /// Why the directory could not be opened; clear when it is open.
   const std::error_code& Error() const { return m_error; }
+  /// The directory's path as given.
   const std::filesystem::path& Path() const { return m_path; }
 
-  // Visits every entry but "." and "..", in directory order, with the size of each regular
-  // file. Without `sizes`, a regular file whose size the directory itself does not tell (POSIX)
-  // comes with size -1, for FileSize to read, on several threads if many. Returns the error
-  // that ended the reading early, if any.
+  /// Visits every entry but "." and "..", in directory order, with the size of each regular
+  /// file. Without `sizes`, a regular file whose size the directory itself does not tell (POSIX)
+  /// comes with size -1, for FileSize to read, on several threads if many. Returns the error
+  /// that ended the reading early, if any.
   std::error_code List(const std::function<void(const Item&)>& visit, bool sizes = true) const;
-  // The size of the regular file `name` (links not followed); -1 when it is none or cannot be
-  // read.
+  /// The size of the regular file `name` (links not followed); -1 when it is none or cannot be
+  /// read.
   std::int64_t FileSize(const Char* name) const;
-  // TqUSysFile::OpenFile for the file `name` of this directory, with the same rules.
+  /// TqUSysFile::OpenFile for the file `name` of this directory, with the same rules.
   TqUSysFile::Handle OpenFile(const Char* name, std::uint32_t access, std::uint32_t share,
                               std::uint32_t creation, std::uint32_t reserved1,
                               std::uint32_t reserved2) const;
-  // Whether anything lies at `name` (a link counts, whatever it leads to); false with `ec` set
-  // when it cannot tell.
+  /// Whether anything lies at `name` (a link counts, whatever it leads to); false with `ec` set
+  /// when it cannot tell.
   bool Exists(const Char* name, std::error_code& ec) const;
-  // Removes the file (or link) `name`: true when removed; false with `ec` clear when nothing
-  // was there; false with `ec` set when it could not be removed.
+  /// Removes the file (or link) `name`: true when removed; false with `ec` clear when nothing
+  /// was there; false with `ec` set when it could not be removed.
   bool RemoveFile(const Char* name, std::error_code& ec) const;
 
-  // Makes RemoveFile refuse (permission denied, the file left in place) every name for which
-  // `refuse` returns true; an empty function ends it. `refuse` is called from whichever
-  // threads remove files, possibly at once.
+  /// Makes RemoveFile refuse (permission denied, the file left in place) every name for which
+  /// `refuse` returns true; an empty function ends it. `refuse` is called from whichever
+  /// threads remove files, possibly at once.
   static void SetRemoveFaultForTesting(std::function<bool(const Char* name)> refuse);
 
  private:

@@ -5,10 +5,10 @@
 
 namespace qv::net {
 
-// Installs a DiskCache over `directory`/v1 (null: the default directory), or, when that
-// directory cannot be made and no cache is installed yet, an InMemoryCache. Call while no other
-// thread uses the cache. A cache installed by an earlier call is replaced and destroyed when the
-// new disk cache can be made, and kept otherwise.
+/// Installs a DiskCache over `directory`/v1 (null: the default directory), or, when that
+/// directory cannot be made and no cache is installed yet, an InMemoryCache. Call while no other
+/// thread uses the cache. A cache installed by an earlier call is replaced and destroyed when the
+/// new disk cache can be made, and kept otherwise.
 TQNET_EXPORT void InitialiseCache(const wchar_t* directory);
 
 }  // namespace qv::net

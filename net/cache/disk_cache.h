@@ -22,16 +22,17 @@ namespace detail {
 class EntryNameIndex;
 }  // namespace detail
 
-// Holds nothing but its directory: every operation builds what it needs from the entry files
-// and lets it go before returning, so the cache is the directory's contents and survives the
-// process. (It remembers which file each URL it opened maps to, which follows from the URL
-// alone; the file is still read and checked on every open.) Operations may run on several threads and in several processes at once; they take no
-// lock and rely on the entry files' sharing rules (cache_entry.h).
+/// Holds nothing but its directory: every operation builds what it needs from the entry files
+/// and lets it go before returning, so the cache is the directory's contents and survives the
+/// process. (It remembers which entry file each URL it opened maps to, which follows from the
+/// URL alone; the file is still read and checked on every open.) Operations may run on several
+/// threads and in several processes at once; they take no lock and rely on the entry files'
+/// sharing rules (cache_entry.h).
 class DiskCache : public IUrlCache {
  public:
-  // Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1),
-  // created with missing parents and, on POSIX, readable by the owner only. Throws
-  // std::filesystem::filesystem_error when it cannot be tested or created.
+  /// Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1),
+  /// created with missing parents and, on POSIX, readable by the owner only. Throws
+  /// std::filesystem::filesystem_error when it cannot be tested or created.
   explicit DiskCache(const wchar_t* directory);
   ~DiskCache() override;
   DiskCache(const DiskCache&) = delete;
@@ -40,31 +41,32 @@ class DiskCache : public IUrlCache {
   bool QueryFlag() override;
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenUrl(std::wstring_view url, int flags,
                                                            qv::stop_token stop) override;
-  // Removes every entry; throws filesystem_error when the directory cannot be made again.
+  /// Removes every entry; throws filesystem_error when the directory cannot be made again.
   void Clear() override;
-  // Trims the directory below the limit on a worker thread and waits for it; true.
+  /// Trims the directory below the limit on a worker thread and waits for it; true.
   bool CleanUp() override;
   std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(
       std::wstring_view name) override;
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream(
       std::wstring_view name) override;
 
-  // A valid entry exists for `url` (taken as it is: no name prefix).
+  /// A valid entry exists for `url` (taken as it is: no name prefix).
   virtual bool Contains(std::wstring_view url);
-  // The expiry recorded for `url`: 0 when never cached, -1 when the entry cannot be read.
+  /// The expiry recorded for `url`: 0 when never cached, -1 when the entry cannot be read.
   virtual std::int64_t ExpiryTime(std::wstring_view url);
 
-  // The cache key: the URL normalised, without its query, in UTF-8.
+  /// The cache key: the URL normalised, without its query, in UTF-8.
   TQNET_EXPORT static std::string UrlToCache(std::wstring_view url);
-  // The entry file: `directory` joined with 10 hex digits of the key's digest.
+  /// The entry file: `directory` joined with 10 hex digits of the key's digest.
   TQNET_EXPORT static std::filesystem::path ComputeCacheLocation(
       std::wstring_view url, const std::filesystem::path& directory);
 
+  /// The directory the entry files live in (the given one's "v1").
   const std::filesystem::path& Directory() const { return m_directory; }
 
  private:
-  // Measures the directory and, when it is over the limit, deletes entries until it is below
-  // the target; the listing, reading and deleting are in cache_cleanup.cc.
+  /// Measures the directory and, when it is over the limit, deletes entries until it is below
+  /// the target; the listing, reading and deleting are in cache_cleanup.cc.
   void EnforceSizeLimit();
 
   std::filesystem::path m_directory;
@@ -72,17 +74,17 @@ class DiskCache : public IUrlCache {
 };
 
 namespace detail {
-// What a "cache-control" value says about a response dated `date`: "no-store", and the expiry
-// its "no-cache" (date - 1) and "max-age=n" (date + n, held at the largest time) directives
-// set, the last of them winning. Directives are split at "," and trimmed; others are ignored.
+/// What a "cache-control" value says about a response dated `date`: "no-store", and the expiry
+/// its "no-cache" (date - 1) and "max-age=n" (date + n, held at the largest time) directives
+/// set, the last of them winning. Directives are split at "," and trimmed; others are ignored.
 struct CacheControl {
   std::optional<std::int64_t> expiry;
   bool no_store = false;
 };
 CacheControl ParseCacheControl(std::wstring_view value, std::int64_t date);
 
-// Creates `directory` and its missing parents (owner-only on POSIX); throws filesystem_error
-// named "exists" or "create_directories".
+/// Creates `directory` and its missing parents (owner-only on POSIX); throws filesystem_error
+/// named "exists" or "create_directories".
 void EnsureCacheDirectory(const std::filesystem::path& directory);
 }  // namespace detail
 

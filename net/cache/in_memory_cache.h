@@ -11,8 +11,8 @@
 
 namespace qv::net {
 
-// No size limit, no expiry, no revalidation, no stored bodies. Safe to call from several
-// threads at once; a URL is downloaded by one caller at a time while others wait for it.
+/// No size limit, no expiry, no revalidation, no stored bodies. Safe to call from several
+/// threads at once; a URL is downloaded by one caller at a time while others wait for it.
 class TQNET_EXPORT InMemoryCache : public IUrlCache {
  public:
   InMemoryCache();
@@ -23,10 +23,10 @@ class TQNET_EXPORT InMemoryCache : public IUrlCache {
   bool QueryFlag() override;
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenUrl(std::wstring_view url, int flags,
                                                            qv::stop_token stop) override;
-  // Forgets every body; streams handed out earlier keep theirs.
+  /// Forgets every body; streams handed out earlier keep theirs.
   void Clear() override;
   bool CleanUp() override;
-  // Stored bodies are not supported: null.
+  /// Stored bodies are not supported: null.
   std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(
       std::wstring_view name) override;
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream(
@@ -39,8 +39,8 @@ class TQNET_EXPORT InMemoryCache : public IUrlCache {
 };
 
 namespace detail {
-// Called each time an OpenUrl starts waiting for another caller's download of the same URL, so
-// tests can tell that callers are waiting without sleeping. Set while no cache is in use.
+/// Called each time an OpenUrl starts waiting for another caller's download of the same URL, so
+/// tests can tell that callers are waiting without sleeping. Set while no cache is in use.
 void SetInMemoryCacheWaitHookForTesting(std::function<void()> hook);
 }  // namespace detail
 

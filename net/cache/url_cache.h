@@ -11,40 +11,42 @@
 
 namespace qv::net {
 
-// Every operation may be called from several threads at once.
+/// Every operation may be called from several threads at once.
 class TQNET_EXPORT IUrlCache {
  public:
-  // Open flag: the entry stored or revalidated by this call never expires.
+  /// Open flag: the entry stored or revalidated by this call never expires.
   static constexpr int NeverExpire = 1;
 
   virtual ~IUrlCache();
+  /// Reserved: every cache of the library answers false and nothing calls it.
   virtual bool QueryFlag() = 0;
-  // The URL's body from its first byte; null when nothing could be had.
+  /// The URL's body from its first byte; null when nothing could be had.
   virtual std::unique_ptr<qv::io::IDataSeekableReadStream> OpenUrl(std::wstring_view url,
                                                                    int flags,
                                                                    qv::stop_token stop) = 0;
+  /// Removes every entry, so that each URL is downloaded afresh.
   virtual void Clear() = 0;
-  // Brings the cache under its size limit now; true.
+  /// Brings the cache under its size limit now; true.
   virtual bool CleanUp() = 0;
-  // A body of the caller's own kept under "qvcache://" + name.
+  /// A body of the caller's own kept under "qvcache://" + name.
   virtual std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(
       std::wstring_view name) = 0;
-  // Never touches the network and ignores expiry.
+  /// Never touches the network and ignores expiry.
   virtual std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream(
       std::wstring_view name) = 0;
 };
 
-// The prefix of stored-body names: "qvcache://".
+/// The prefix of stored-body names: "qvcache://".
 TQNET_EXPORT const std::wstring& CachePrefix();
 
-// The installed cache (not owned by the caller); null before InitialiseCache and after
-// TerminateCache.
+/// The installed cache (not owned by the caller); null before InitialiseCache and after
+/// TerminateCache.
 TQNET_EXPORT IUrlCache* CacheSystem();
-// Destroys the installed cache; nothing without one.
+/// Destroys the installed cache; nothing without one.
 TQNET_EXPORT void TerminateCache();
 
 namespace detail {
-// Installs `cache` (owned from then on) and returns the one it replaces, which the caller owns.
+/// Installs `cache` (owned from then on) and returns the one it replaces, which the caller owns.
 IUrlCache* ExchangeCacheSystem(IUrlCache* cache);
 }  // namespace detail
 

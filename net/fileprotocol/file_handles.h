@@ -10,32 +10,39 @@
 
 namespace qv::net {
 
-// Every record handed out is kept in a registry of live handles of its kind until it is
-// released. A handle is only ever looked up there, never read: a null pointer, a released
-// handle, a handle of another protocol or of another kind (a thread handle passed as a file
-// handle) or any other pointer is refused without touching the memory it points to. Each
-// call holds the record it looked up, so a handle released by another thread meanwhile dies
-// only when the calls still using it return. Safe from any thread.
-// One open file: the URL text as the caller gave it (the "%s" of every message about the
-// file) and the parsed URL from which host, port, credentials and resource are taken.
+/// Every record handed out is kept in a registry of live handles of its kind until it is
+/// released. A handle is only ever looked up there, never read: a null pointer, a released
+/// handle, a handle of another protocol or of another kind (a thread handle passed as a file
+/// handle) or any other pointer is refused without touching the memory it points to. Each
+/// call holds the record it looked up, so a handle released by another thread meanwhile dies
+/// only when the calls still using it return. Safe from any thread.
+/// One open file: the URL text as the caller gave it (the "%s" of every message about the
+/// file) and the parsed URL from which host, port, credentials and resource are taken.
 class TQNET_EXPORT HttpFileHandle : public TqUFileHandle {
  public:
+  /// Copies both: the handle outlives the caller's texts.
   HttpFileHandle(const wchar_t* url_text, const TqUURL& parsed_url);
+  /// A copy with its own text and URL.
   HttpFileHandle(const HttpFileHandle& other);
-  // Takes the text over (the source's text is left empty) and copies the parsed URL.
+  /// Takes the text over (the source's text is left empty) and copies the parsed URL.
   HttpFileHandle(HttpFileHandle&& other) noexcept;
+  /// Assignments with the semantics of the constructors above.
+  /// @{
   HttpFileHandle& operator=(const HttpFileHandle& other);
   HttpFileHandle& operator=(HttpFileHandle&& other) noexcept;
+  /// @}
   ~HttpFileHandle();
 
+  /// The URL text as the caller gave it, for messages.
   const TqUWideString& UrlText() const { return m_url_text; }
+  /// The parsed URL that requests are made from.
   const TqUURL& ParsedUrl() const { return m_parsed_url; }
 
-  // Hands `record` out as a handle: From finds it until Release.
+  /// Hands `record` out as a handle: From finds it until Release.
   static TqUFileHandle* Adopt(std::unique_ptr<HttpFileHandle> record);
-  // The live record behind `handle`; null for anything else.
+  /// The live record behind `handle`; null for anything else.
   static std::shared_ptr<HttpFileHandle> From(TqUFileHandle* handle);
-  // Takes the handle out of use; false (nothing done) when From would refuse it.
+  /// Takes the handle out of use; false (nothing done) when From would refuse it.
   static bool Release(TqUFileHandle* handle);
 
  private:
@@ -43,42 +50,58 @@ class TQNET_EXPORT HttpFileHandle : public TqUFileHandle {
   TqUURL m_parsed_url;
 };
 
-// One reading thread's connection to the file's server. Owns the connection and closes it when
-// destroyed. Used by one thread at a time.
+/// One reading thread's connection to the file's server. Owns the connection and closes it when
+/// destroyed. Used by one thread at a time.
 class TQNET_EXPORT HttpFileThreadHandle : public TqUThreadHandle {
  public:
+  /// Takes ownership of `connection`; `secure` selects TLS for its requests.
   HttpFileThreadHandle(bool secure, HINTERNET connection);
   HttpFileThreadHandle(const HttpFileThreadHandle&) = delete;
   HttpFileThreadHandle& operator=(const HttpFileThreadHandle&) = delete;
   ~HttpFileThreadHandle();
 
+  /// Requests on this connection use TLS.
   bool IsSecure() const { return m_secure; }
+  /// The connection, still owned by the handle.
   HINTERNET Connection() const { return m_connection; }
 
+  /// Registry of live thread handles, as for HttpFileHandle: Adopt hands a record out,
+  /// From finds it (null for anything else), Release takes it out of use.
+  /// @{
   static TqUThreadHandle* Adopt(std::unique_ptr<HttpFileThreadHandle> record);
   static std::shared_ptr<HttpFileThreadHandle> From(TqUThreadHandle* handle);
   static bool Release(TqUThreadHandle* handle);
+  /// @}
 
  private:
   bool m_secure;
   HINTERNET m_connection;
 };
 
-// One read set up: the resource (path and query) to request.
+/// One read set up: the resource (path and query) to request.
 class TQNET_EXPORT HttpFileRequestHandle : public TqUFileRequestHandle {
  public:
+  /// Copies the resource (path and query) that the read will request.
   explicit HttpFileRequestHandle(const wchar_t* resource);
+  /// Plain value semantics: copies and moves carry the resource.
+  ///@{
   HttpFileRequestHandle(const HttpFileRequestHandle& other);
   HttpFileRequestHandle(HttpFileRequestHandle&& other) noexcept;
   HttpFileRequestHandle& operator=(const HttpFileRequestHandle& other);
   HttpFileRequestHandle& operator=(HttpFileRequestHandle&& other) noexcept;
+  ///@}
   ~HttpFileRequestHandle();
 
+  /// The resource to request.
   const TqUWideString& Resource() const { return m_resource; }
 
+  /// Registry of live request handles, as for HttpFileHandle: Adopt hands a record out,
+  /// From finds it (null for anything else), Release takes it out of use.
+  /// @{
   static TqUFileRequestHandle* Adopt(std::unique_ptr<HttpFileRequestHandle> record);
   static std::shared_ptr<HttpFileRequestHandle> From(TqUFileRequestHandle* handle);
   static bool Release(TqUFileRequestHandle* handle);
+  /// @}
 
  private:
   TqUWideString m_resource;

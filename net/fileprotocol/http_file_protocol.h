@@ -16,16 +16,18 @@
 
 namespace qv::net {
 
-// One instance per process, registered under "http" and "https". Reads on different threads
-// use different thread handles (one WinINet connection each) and run independently; the
-// internet handle and the file-info cache are shared and safe to use from any thread.
+/// One instance per process, registered under "http" and "https". Reads on different threads
+/// use different thread handles (one WinINet connection each) and run independently; the
+/// internet handle and the file-info cache are shared and safe to use from any thread.
 class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
  public:
-  // The pre-authentication hook's answer. A value outside the two named ones is taken as
-  // NoCredentials: the request is given up, never resent without bound.
+  /// The pre-authentication hook's answer. A value outside the two named ones is taken as
+  /// NoCredentials: the request is given up, never resent without bound.
   enum PreHTTPAuthenticationResult : int { CredentialsSupplied = 0, NoCredentials = 1 };
+  /// The host's hook that fills in credentials for a URL whose server asked for them.
   using PreHTTPAuthenticationFunc = PreHTTPAuthenticationResult (*)(const wchar_t* url,
                                                                     HttpCredentials* credentials);
+  /// A host callback that may amend every URL resolved against a base (e.g. to add a token).
   using PostUrlResolutionFunc = void (*)(const TqUURL& base, const TqUURL& relative,
                                          TqUURL& resolved);
 
@@ -42,7 +44,7 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   bool GetFileToCache(const wchar_t* url, TqUProgress* progress,
                       TqUWideStringBuffer* cache_path) override;
   bool PutFile(const wchar_t* local_path, const wchar_t* url, TqUProgress* progress) override;
-  // Makes no request: a file that does not exist is found out by the first read.
+  /// Makes no request: a file that does not exist is found out by the first read.
   TqUFileHandle* OpenFile(const wchar_t* url, OpenMode mode) override;
   bool ReadFile(TqUFileHandle* file, TqUThreadHandle* thread, TqUFileRequestHandle* request,
                 std::uint64_t offset, std::uint64_t size, unsigned char* buffer) override;
@@ -50,8 +52,8 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
                  unsigned char* buffer) override;
   bool CloseFile(TqUFileHandle* file) override;
   bool SupportsReadFileToSize() override;
-  // Reads of 4 GiB and more are split into several WinINet reads, so every requested byte is
-  // asked for. -1 on failure, else the bytes placed in `buffer` (fewer when the body is short).
+  /// Reads of 4 GiB and more are split into several WinINet reads, so every requested byte is
+  /// asked for. -1 on failure, else the bytes placed in `buffer` (fewer when the body is short).
   std::int64_t ReadFileToSize(TqUFileHandle* file, TqUThreadHandle* thread,
                               TqUFileRequestHandle* request, std::uint64_t offset,
                               std::uint64_t size, unsigned char* buffer,
@@ -67,40 +69,46 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
                        TqUWideStringBuffer* result) override;
   bool SetupOpenFile(const wchar_t* url, TqUWideStringBuffer* resolved, OpenMode mode) override;
 
-  // The user agent of the internet handle. A non-empty agent set before the handle is opened
-  // (by the first OpenFile or GetFileInfo) replaces the default "Torvik-Quillstone/23.1"; the
-  // handle keeps the agent it was opened with, so a later change applies to no request.
-  // Null or empty text restores the default.
+  /// The user agent of the internet handle. A non-empty agent set before the handle is opened
+  /// (by the first OpenFile or GetFileInfo) replaces the default "Torvik-Quillstone/23.1"; the
+  /// handle keeps the agent it was opened with, so a later change applies to no request.
+  /// Null or empty text restores the default.
   void SetUserAgentW(const wchar_t* agent);
+  /// As SetUserAgentW, from UTF-8 text.
   void SetUserAgentU(const char* agent);
 
-  // Registers one protocol object under "http" and "https"; only the call that really
-  // initialises the component does the work. Terminate undoes it. Start-up and shut-down only.
+  /// Registers one protocol object under "http" and "https"; only the call that really
+  /// initialises the component does the work. Terminate undoes it. Start-up and shut-down only.
   static void Initialise();
+  /// Unregisters and deletes the protocol object; only the matching last call does it.
   static void Terminate();
+  /// The protocol object is registered.
   static bool IsInitialised();
 
-  // Hooks (process-wide, not locked: install and remove them while no request runs).
+  /// Hooks (process-wide, not locked: install and remove them while no request runs).
   static void SetPreHTTPAuthenticationFunc(PreHTTPAuthenticationFunc hook);
+  /// Asks the installed hook (or the default) for the credentials of `url`.
   static PreHTTPAuthenticationResult PreHTTPAuthentication(const wchar_t* url,
                                                            HttpCredentials* credentials);
+  /// The hook in place when the host installs none: supplies no credentials.
   static PreHTTPAuthenticationResult DefaultPreHTTPAuthentication(const wchar_t* url,
                                                                   HttpCredentials* credentials);
-  // A null callback is accepted and skipped when callbacks run.
+  /// A null callback is accepted and skipped when callbacks run.
   static void AddPostUrlResolutionCallback(PostUrlResolutionFunc callback);
+  /// Removes a callback added before; an unknown one is ignored.
   static void RemovePostUrlResolutionCallback(PostUrlResolutionFunc callback);
 
  private:
   bool OpenInetHandle();
   void CloseInetHandle();
-  // The agent to open the internet handle with (under m_internet_mutex).
+  /// The agent to open the internet handle with (under m_internet_mutex).
   std::wstring UserAgentForOpen() const;
 
-  // Set once, from null, under m_internet_mutex; read without the lock afterwards.
+  /// Set once, from null, under m_internet_mutex; read without the lock afterwards.
   std::atomic<HINTERNET> m_internet{nullptr};
   TqUStringBuffer m_user_agent;
   TqUFileInfoCache m_file_info_cache{30};
-  // Guards the first opening of m_internet against two threads, and m_user_agent.
+  /// Guards the first opening of m_internet against two threads, and m_user_agent.
   mutable std::mutex m_internet_mutex;
 
   static PreHTTPAuthenticationFunc m_pre_http_authentication_func;

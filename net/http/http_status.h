@@ -11,7 +11,7 @@
 
 namespace qv::net {
 
-// The HTTP status code itself; a variable may hold any code a server sends, listed or not.
+/// The HTTP status code itself; a variable may hold any code a server sends, listed or not.
 enum class HttpStatus : std::int32_t {
   Unknown = 0,
   Continue = 100,
@@ -78,30 +78,36 @@ enum class HttpStatus : std::int32_t {
   NetworkAuthenticationRequired = 511,
 };
 
-// Turns a status value inside a std::error_code into a readable message.
+/// Turns a status value inside a std::error_code into a readable message.
 class TQNET_EXPORT HttpErrorCategory : public std::error_category {
  public:
+  /// "http".
   const char* name() const noexcept override;
-  // "NotFound (404)" for a listed code, "I'm A Teapot (418)", and "Unknown" for 0, unlisted
-  // and negative codes.
+  /// "NotFound (404)" for a listed code, "I'm A Teapot (418)", and "Unknown" for 0, unlisted
+  /// and negative codes.
   std::string message(int code) const override;
 };
 
-// The process's one category object (a function-local static).
+/// The process's one category object (a function-local static).
 TQNET_EXPORT const std::error_category& HttpCategory();
 
-// Thrown by the read stream when no HTTP exchange can take place. Messages end in a line feed.
+/// Thrown by the read stream when no HTTP exchange can take place. Messages end in a line feed.
 class TQNET_EXPORT http_exception : public std::runtime_error {
  public:
+  /// Keeps a copy of `message`.
   explicit http_exception(const char* message) : std::runtime_error(message) {}
 };
 
-// A response value; it keeps nothing of what it is given.
+/// A response value; it keeps nothing of what it is given.
 class TQNET_EXPORT HttpResponse {
  public:
+  /// Neither argument is kept.
   HttpResponse(HttpStatus status, const wchar_t* text);
+  /// Each object has its own (empty) record: copying and assigning share nothing.
+  /// @{
   HttpResponse(const HttpResponse& other);
   HttpResponse& operator=(const HttpResponse& other);
+  /// @}
   ~HttpResponse();
 
  private:

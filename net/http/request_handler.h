@@ -8,29 +8,33 @@
 
 namespace qv::net {
 
-// Called concurrently for different requests: implementations must be thread-safe. A handler
-// must not register or unregister handlers from inside HandlePreRequest.
+/// Called concurrently for different requests: implementations must be thread-safe. A handler
+/// must not register or unregister handlers from inside HandlePreRequest.
 class TQNET_EXPORT HttpRequestHandler {
  public:
   HttpRequestHandler() = default;
+  /// Copies share nothing: a handler's registration is not copied.
+  /// @{
   HttpRequestHandler(const HttpRequestHandler&) {}
   HttpRequestHandler& operator=(const HttpRequestHandler&) { return *this; }
+  /// @}
   virtual ~HttpRequestHandler();
+  /// Amends `request` (headers, method) before it is sent; called for every request.
   virtual void HandlePreRequest(HttpRequest& request) = 0;
 };
 
-// The process-wide list of handlers, in registration order. It does not own them; the host
-// unregisters a handler before destroying it. Registration happens while no request is sent.
+/// The process-wide list of handlers, in registration order. It does not own them; the host
+/// unregisters a handler before destroying it. Registration happens while no request is sent.
 class TQNET_EXPORT HttpRequestHandlerManager {
  public:
   HttpRequestHandlerManager() = delete;
 
-  // Appends; no null or duplicate check (a handler registered twice runs twice).
+  /// Appends; no null or duplicate check (a handler registered twice runs twice).
   static void RegisterHandler(HttpRequestHandler* handler);
-  // Removes every entry equal to `handler`; the rest keep their order.
+  /// Removes every entry equal to `handler`; the rest keep their order.
   static void UnregisterHandler(HttpRequestHandler* handler);
-  // Runs every handler on `request`, first registered first. A handler's exception propagates
-  // and the handlers after it are not called.
+  /// Runs every handler on `request`, first registered first. A handler's exception propagates
+  /// and the handlers after it are not called.
   static void HandlePreRequest(HttpRequest& request);
 };
 

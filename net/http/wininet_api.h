@@ -12,6 +12,8 @@
 
 namespace qv::net {
 
+/// The default transport: IHttpApi over WinINet (InternetOpenW, InternetConnectW,
+/// HttpOpenRequestW, ...), installed by InitialiseHttp. Thread-safe as IHttpApi requires.
 class TQNET_EXPORT WinInet : public IHttpApi {
  public:
   ~WinInet() override;
@@ -33,15 +35,15 @@ class TQNET_EXPORT WinInet : public IHttpApi {
 
 namespace detail {
 
-// The shared header query's result: text, number, or time value.
+/// The shared header query's result: text, number, or time value.
 using QueryInfoResult = std::variant<std::wstring, std::uint32_t, std::int64_t>;
 
-// Queries `level` (with `name` as a custom header when given), growing the buffer as WinINet
-// asks. Text results keep the terminating NUL as their last code unit.
+/// Queries `level` (with `name` as a custom header when given), growing the buffer as WinINet
+/// asks. Text results keep the terminating NUL as their last code unit.
 bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
                QueryInfoResult& result, std::uint32_t* index);
 
-// The WinINet level of a header selector without modifiers (0 for a name or an unknown value).
+/// The WinINet level of a header selector without modifiers (0 for a name or an unknown value).
 std::uint32_t HeaderLevel(const HttpHeaderSelector& header);
 
 }  // namespace detail

@@ -11,19 +11,19 @@
 
 namespace qv::net {
 
-// A local path opens the file; a URL goes through the installed URL cache, or without one is
-// read whole into memory. Null when nothing could be opened or a stop was requested. `flags` is
-// passed to IUrlCache::OpenUrl (NeverExpire).
+/// A local path opens the file; a URL goes through the installed URL cache, or without one is
+/// read whole into memory. Null when nothing could be opened or a stop was requested. `flags` is
+/// passed to IUrlCache::OpenUrl (NeverExpire).
 TQNET_EXPORT std::unique_ptr<qv::io::IDataSeekableReadStream> OpenFileOrUrl(std::wstring_view name,
                                                                             int flags,
                                                                             qv::stop_token stop);
 
-// As OpenFileOrUrl; a local path is opened at once on the calling thread (a ready future; an
-// exception from opening it is thrown here, not stored), a URL on the worker threads (its result
-// or exception arrives through the future). Without a worker pool (before InitialiseHttp or
-// after TerminateHttp) a URL is not opened and nothing blocks: the future is ready at once and
-// its get() throws std::future_error with std::future_errc::broken_promise, exactly as for a
-// task dropped when the pool shuts down.
+/// As OpenFileOrUrl; a local path is opened at once on the calling thread (a ready future; an
+/// exception from opening it is thrown here, not stored), a URL on the worker threads (its result
+/// or exception arrives through the future). Without a worker pool (before InitialiseHttp or
+/// after TerminateHttp) a URL is not opened and nothing blocks: the future is ready at once and
+/// its get() throws std::future_error with std::future_errc::broken_promise, exactly as for a
+/// task dropped when the pool shuts down.
 TQNET_EXPORT std::future<std::unique_ptr<qv::io::IDataSeekableReadStream>> OpenFileOrUrlAsync(
     std::wstring name, int flags, qv::stop_token stop);
 

@@ -18,44 +18,55 @@
 
 namespace qv::net {
 
-// Used by one thread at a time. The stop token is read only while the constructor runs; it is
-// heard within a fraction of a second even while a pause before a retry, or the send and the
-// wait for the response headers (with a transport that hands its request handle to the send's
-// stop watcher, as the WinINet backend does) block, and the stream then ends without a request.
+/// Used by one thread at a time. The stop token is read only while the constructor runs; it is
+/// heard within a fraction of a second even while a pause before a retry, or the send and the
+/// wait for the response headers (with a transport that hands its request handle to the send's
+/// stop watcher, as the WinINet backend does) block, and the stream then ends without a request.
 class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
  public:
-  // Bit 0 of the URL constructor's flags: send a HEAD first to learn size and entity tag.
+  /// Bit 0 of the URL constructor's flags: send a HEAD first to learn size and entity tag.
   static const int FlagMakeHeadRequest;
 
-  // GET `url` (after a HEAD with FlagMakeHeadRequest). Throws http_exception
-  // "Unable to create HTTP connection\n" when no connection can be had or a stop was requested.
+  /// GET `url` (after a HEAD with FlagMakeHeadRequest). Throws http_exception
+  /// "Unable to create HTTP connection\n" when no connection can be had or a stop was requested.
   HttpReadStream(std::wstring_view url, int flags, qv::stop_token stop);
-  // Sends the caller's request as it is (the handlers may change it); never a HEAD.
+  /// Sends the caller's request as it is (the handlers may change it); never a HEAD.
   HttpReadStream(HttpRequest& request, qv::stop_token stop);
   ~HttpReadStream() override;
   HttpReadStream(const HttpReadStream&) = delete;
   HttpReadStream& operator=(const HttpReadStream&) = delete;
 
-  // Never null: an unsuccessful request still yields a stream; only the constructor's
-  // exceptions escape.
+  /// Never null: an unsuccessful request still yields a stream; only the constructor's
+  /// exceptions escape.
   static std::unique_ptr<HttpReadStream> Open(std::wstring_view url, int flags,
                                               qv::stop_token stop);
+  /// As the constructor of the same arguments, as a sole-owner pointer.
   static std::unique_ptr<HttpReadStream> Open(HttpRequest& request, qv::stop_token stop);
 
-  // Body bytes; 0 at the end or when the request did not succeed. Throws http_exception
-  // "Unable to read HTTP data\n" when the transport's read fails.
+  /// Body bytes; 0 at the end or when the request did not succeed. Throws http_exception
+  /// "Unable to read HTTP data\n" when the transport's read fails.
   std::uint64_t Read(void* buffer, std::uint64_t size) override;
+  /// Size from Content-Length and the entity tag, when the response gave them.
   qv::io::StreamMetaData MetaData() override;
 
+  /// True until Close: the request handle is still held.
   bool IsOpen() const;
+  /// The response status is 200 or 206: the body is the resource.
   bool Succeeded() const;
+  /// Releases the request handle now rather than with the stream; reads then end.
   void Close();
+  /// The body size from Content-Length; empty when the response gave none.
   std::optional<std::uint64_t> ContentSize() const;
+  /// The response's entity tag in UTF-8, quotes included; empty when none.
   std::optional<std::string> ETag() const;
+  /// The response status (0 when none could be read).
   HttpStatus QueryStatusCode() const;
+  /// A response header of the request, as IHttpApi reads it; empty when absent.
+  /// @{
   std::optional<std::wstring> QueryHeader(const HttpHeaderSelector& header) const;
   std::optional<std::uint32_t> QueryHeaderNumeric(const HttpHeaderSelector& header) const;
   std::optional<std::int64_t> QueryHeaderDateTime(const HttpHeaderSelector& header) const;
+  /// @}
 
   struct Impl;
 
@@ -64,10 +75,10 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
 };
 
 namespace detail {
-// The wait between retries. Tests replace it so that no test waits through a real delay; an
-// empty function restores the real wait, which ends early when the stream's stop is requested.
-// The stop is looked at again once the replacement returns. Not thread-safe: set while no
-// stream is opened.
+/// The wait between retries. Tests replace it so that no test waits through a real delay; an
+/// empty function restores the real wait, which ends early when the stream's stop is requested.
+/// The stop is looked at again once the replacement returns. Not thread-safe: set while no
+/// stream is opened.
 using RetrySleepFunction = std::function<void(std::chrono::milliseconds)>;
 TQNET_EXPORT RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep);
 }  // namespace detail

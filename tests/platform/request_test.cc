@@ -1,12 +1,17 @@
-// Requests through the real layer against the in-process scripted server.
+// Requests through the real layer against the in-process scripted server: connections, resends,
+// redirects, HTTPS certificates and proxies.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <future>
 #include <vector>
 
+#include "platform/fault_injection.h"
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/temp_dir.h"
+#include "tests/support/servers/tls_files.h"
 
 namespace {
 
@@ -29,17 +34,6 @@ class RequestTest : public ::testing::Test {
   Handle session_ = OpenSession();
   Handle connection_;
 };
-
-TEST_F(RequestTest, SequentialRequestsReuseOneConnection) {
-  server_.Route("/item", ScriptedResponse(200, std::string(100000, 'p')).Chunked(30000));
-  for (int i = 0; i < 100; ++i) {
-    Handle request = OpenRequest(connection_, L"/item");
-    ASSERT_TRUE(Send(request));
-    ASSERT_EQ(Body(request), std::string(100000, 'p'));
-  }
-  EXPECT_EQ(server_.request_count(), 100u);
-  EXPECT_EQ(server_.connection_count(), 1u);
-}
 
 TEST_F(RequestTest, ConcurrentRequestsWaitForABoundedNumberOfConnections) {
   ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 4));
@@ -104,6 +98,75 @@ TEST_F(RequestTest, RedirectsAreFollowedAsWinInetDoes) {
   Handle loop = OpenRequest(connection_, L"/loop");
   EXPECT_FALSE(Send(loop));
   EXPECT_EQ(GetLastError(), ERROR_HTTP_REDIRECT_FAILED);
+}
+
+// Certificates are verified, and a trusted server works with keep-alive.
+TEST(HttpsTest, SelfSignedServerIsRefusedUntilTrusted) {
+  TempDir dir;
+  TlsFiles tls;
+  ASSERT_TRUE(MakeSelfSignedCert(dir.path(), "127.0.0.1", &tls));
+  ScriptedServer server({.cert_file = tls.cert.string(), .key_file = tls.key.string()});
+  ASSERT_TRUE(server.ok());
+  server.Route("/secret", ScriptedResponse(200, "classified"));
+  Handle session = OpenSession();
+  Handle connection = Connect(session, server.port());
+  const auto get = [&](std::string* body) -> DWORD {
+    Handle request = OpenRequest(connection, L"/secret", L"GET", INTERNET_FLAG_SECURE);
+    return Send(request) && ReadAll(request, body) ? 0 : GetLastError();
+  };
+  std::string body;
+  EXPECT_EQ(get(&body), static_cast<DWORD>(ERROR_INTERNET_INVALID_CA));
+  EXPECT_EQ(server.request_count(), 0u);
+
+  ASSERT_TRUE(TqPlatformSetCaFile(tls.cert.c_str()));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(get(&body), 0u);
+    EXPECT_EQ(body, "classified");
+  }
+  TqPlatformSetCaFile(nullptr);
+  EXPECT_EQ(server.connection_count(), 2u);  // the refused one, and one for all three
+  connection.reset();
+}
+
+// Proxies named in InternetOpenW or taken from the environment, with proxy credentials.
+TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
+  ScriptedServer proxy;  // a request through a proxy names the whole URL
+  proxy.Route("http://origin.invalid/x", [](const RecordedRequest& r) {
+    if (r.Header("Proxy-Authorization") != "Basic Ym9iOnB3") {  // "bob:pw"
+      return ScriptedResponse(407, "who").Header("Proxy-Authenticate", "Basic realm=\"p\"");
+    }
+    return ScriptedResponse(200, "via proxy");
+  });
+  auto get = [](const Handle& session, bool credentials, std::string* body) -> DWORD {
+    Handle connection(InternetConnectW(session.get(), L"origin.invalid", 80, nullptr, nullptr,
+                                       INTERNET_SERVICE_HTTP, 0, 0));
+    if (credentials) {
+      wchar_t user[] = L"bob", password[] = L"pw";
+      InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_USERNAME, user, 4);
+      InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_PASSWORD, password, 3);
+    }
+    Handle request = OpenRequest(connection, L"/x");
+    if (!Send(request)) return 0;
+    ReadAll(request, body);
+    return StatusCode(request);
+  };
+  const std::string port = std::to_string(proxy.port());
+  const std::wstring name = L"http=127.0.0.1:" + std::wstring(port.begin(), port.end());
+  Handle named(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PROXY, name.c_str(), nullptr, 0));
+  std::string body;
+  EXPECT_EQ(get(named, false, &body), 407u);
+  EXPECT_EQ(get(named, true, &body), 200u);
+  EXPECT_EQ(body, "via proxy");
+
+  ASSERT_EQ(setenv("http_proxy", ("http://127.0.0.1:" + port).c_str(), 1), 0);
+  Handle preconfigured(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+  const DWORD via_environment = get(preconfigured, true, &body);
+  const DWORD direct = get(OpenSession(), true, &body);  // a direct session ignores it
+  const DWORD direct_error = GetLastError();
+  unsetenv("http_proxy");
+  EXPECT_EQ(via_environment, 200u);
+  EXPECT_EQ(direct, 0u);
+  EXPECT_EQ(direct_error, static_cast<DWORD>(ERROR_INTERNET_NAME_NOT_RESOLVED));
 }
 
 }  // namespace

@@ -24,7 +24,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/tqutil/temp_dir.h"
+#include "tests/support/read_all.h"
+#include "tests/support/servers/temp_dir.h"
 #include "tqutil/file_protocol.h"
 #include "tqutil/file_streams.h"
 #include "tqutil/file_url.h"
@@ -39,6 +40,7 @@ using qv::io::MemoryStream;
 using qv::io::StreamPosition;
 using F = TqUSysFile;
 using Path = std::filesystem::path;
+using tq::test::ReadAll;
 
 struct Open {  // closed at the end of the scope
   F::Handle h;
@@ -194,13 +196,6 @@ std::uint64_t LinkCount(const Path& path) {
 #endif
 }
 
-std::string ReadAll(qv::io::IDataReadStream& s, std::uint64_t chunk) {
-  std::string out;
-  std::string buffer(chunk, '\0');
-  while (const auto n = s.Read(buffer.data(), chunk)) out.append(buffer.data(), n);
-  return out;
-}
-
 TEST(SysFileTest, SharingBetweenProcesses) {
   tq::test::TempDir dir;
   const auto path = dir / "entry.tmp";
@@ -302,7 +297,7 @@ struct Opener {
   F::Handle Open(const Path& name, std::uint32_t access, std::uint32_t share,
                  std::uint32_t creation) const {
     return by_name ? directory.OpenFile(name.c_str(), access, share, creation, 0, 0)
-                   : F::OpenFile(dir.Path() / name, access, share, creation, 0, 0);
+                   : F::OpenFile(dir.path() / name, access, share, creation, 0, 0);
   }
   bool Opens(const Path& name, std::uint32_t access, std::uint32_t share,
              std::uint32_t creation) const {
@@ -320,7 +315,7 @@ TEST(SysFileTest, LinksAreNeverFollowed) {
   for (const bool by_name : {false, true}) {
     SCOPED_TRACE(by_name ? "by name" : "by path");
     tq::test::TempDir dir;
-    const Opener opener{dir, TqUSysDirectory(dir.Path()), by_name};
+    const Opener opener{dir, TqUSysDirectory(dir.path()), by_name};
     WriteText(target, "precious");
 
     // A link at an entry's name, to a file outside: not served, not rewritten.
@@ -351,7 +346,7 @@ TEST(SysFileTest, OnlyRegularFilesOpenWithoutWaiting) {
   for (const bool by_name : {false, true}) {
     SCOPED_TRACE(by_name ? "by name" : "by path");
     tq::test::TempDir dir;
-    const Opener opener{dir, TqUSysDirectory(dir.Path()), by_name};
+    const Opener opener{dir, TqUSysDirectory(dir.path()), by_name};
     WriteText(target, "precious");
 
     // A stale temporary file (a writer killed half-way) that shares its data with a name
@@ -420,9 +415,9 @@ TEST(SysFileTest, OnlyRegularFilesOpenWithoutWaiting) {
 TEST(SysFileTest, DirectoryListsOpensAndRemovesByNameAndBadHandlesAreRefused) {
   tq::test::TempDir dir;
   WriteText(dir / "file", "12345");
-  EXPECT_FALSE(Reader(dir.Path())) << "a directory is not a file";
+  EXPECT_FALSE(Reader(dir.path())) << "a directory is not a file";
   EXPECT_EQ(F::OpenFile(dir / "file", 0, 1, 3, 1, 0), nullptr) << "reserved value";
-  EXPECT_EQ(TqUSysDirectory(dir.Path()).OpenFile(nullptr, 0, 1, 3, 0, 0), nullptr) << "no name";
+  EXPECT_EQ(TqUSysDirectory(dir.path()).OpenFile(nullptr, 0, 1, 3, 0, 0), nullptr) << "no name";
   char buffer[4];
   std::uint64_t n = 0;
   EXPECT_FALSE(F::ReadFile(nullptr, buffer, 4, &n));
@@ -438,7 +433,7 @@ TEST(SysFileTest, DirectoryListsOpensAndRemovesByNameAndBadHandlesAreRefused) {
   if (!links) std::printf("no links: %s\n", NoLinkReason());
   const auto name = [](const char* text) { return Path(text); };
 
-  const TqUSysDirectory directory(dir.Path());
+  const TqUSysDirectory directory(dir.path());
   ASSERT_FALSE(directory.Error());
   using Item = std::pair<bool, std::int64_t>;  // regular, size
   std::map<std::string, Item> items;
@@ -544,7 +539,7 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   EXPECT_EQ(s->RSeek(-2, StreamPosition::End), 4u);
   EXPECT_THROW(s->RSeek(-7, StreamPosition::End), std::runtime_error);
 
-  const std::wstring url = FileUrl(dir.Path()) + L"/%66";
+  const std::wstring url = FileUrl(dir.path()) + L"/%66";
   auto u = TqUFileURL::OpenURLReadStream(url.c_str(), {});
   ASSERT_TRUE(u);
   EXPECT_EQ(ReadAll(*u, 4), "HDRaBcdef");

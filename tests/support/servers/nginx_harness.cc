@@ -12,7 +12,6 @@
 #include <chrono>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 #include <thread>
 
 #include "tests/support/servers/sockets.h"
@@ -25,13 +24,7 @@ std::string NginxHarness::Url(const std::string& path) const {
 
 std::filesystem::path NginxHarness::WriteFile(std::string_view relative,
                                               std::string_view contents) const {
-  const std::filesystem::path full = root_ / relative;
-  std::filesystem::create_directories(full.parent_path());
-  std::ofstream out(full, std::ios::binary | std::ios::trunc);
-  out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
-  out.close();
-  if (!out) throw std::runtime_error("cannot write " + full.string());
-  return full;
+  return WriteFileUnder(root_, relative, contents);
 }
 
 NginxHarness::NginxHarness() : NginxHarness(Options{}) {}

@@ -1,52 +1,24 @@
 #include "tests/support/servers/raw_responder.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <mutex>
-#include <set>
-#include <thread>
-#include <vector>
 
 #include "tests/support/servers/gate.h"
 
 namespace tq::test {
 
 struct RawResponder::Impl {
+  explicit Impl(Script run)
+      : script(std::move(run)), server([this](sockets::Handle s, std::size_t index) {
+          RawConnection connection(s, index, this);
+          script(connection);
+          connection.Close();
+        }) {}
+
   Script script;
-  sockets::Handle listener = sockets::kNone;
-  int port = -1;
-  std::thread acceptor;
-  std::atomic<std::size_t> accepted{0};
-  std::atomic<bool> stopping{false};
   Gate release;
-
-  std::mutex mutex;
-  std::set<sockets::Handle> open;
-  std::vector<std::thread> workers;
-
-  void AcceptLoop() {
-    while (sockets::WaitReadable(listener, stopping)) {
-      const sockets::Handle s = sockets::Accept(listener);
-      if (s == sockets::kNone) continue;
-      std::lock_guard lock(mutex);
-      if (stopping) {  // the destructor's own connection, made to wake this loop
-        sockets::Close(s);
-        return;
-      }
-      const std::size_t index = accepted++;
-      open.insert(s);
-      workers.emplace_back([this, s, index] {
-        RawConnection connection(s, index, this);
-        script(connection);
-        connection.Close();
-      });
-    }
-  }
-
-  void Forget(sockets::Handle s) {
-    std::lock_guard lock(mutex);
-    open.erase(s);
-  }
+  sockets::LoopbackServer server;  // last: its threads use the members above
 };
 
 std::string RawConnection::ReadRequestHead() {
@@ -56,7 +28,9 @@ std::string RawConnection::ReadRequestHead() {
   char buffer[16384];
   // Appends what arrives; false when the peer closed or the responder is stopping.
   const auto receive = [&] {
-    if (socket_ == sockets::kNone || !sockets::WaitReadable(socket_, impl->stopping)) return false;
+    if (socket_ == sockets::kNone || !sockets::WaitReadable(socket_, impl->server.stopping())) {
+      return false;
+    }
     const long n = sockets::Receive(socket_, buffer, sizeof buffer);
     if (n <= 0) return false;
     data.append(buffer, static_cast<std::size_t>(n));
@@ -76,7 +50,8 @@ std::string RawConnection::ReadRequestHead() {
     if (head.size() - pos > kName.size()) {
       std::string name = head.substr(pos, kName.size());
       for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      if (name == kName) body_length = std::strtoull(head.c_str() + pos + kName.size(), nullptr, 10);
+      if (name == kName)
+        body_length = std::strtoull(head.c_str() + pos + kName.size(), nullptr, 10);
     }
   }
   while (data.size() < body_length) {
@@ -86,14 +61,21 @@ std::string RawConnection::ReadRequestHead() {
   return head;
 }
 
-bool RawConnection::Send(std::string_view bytes) {
-  return socket_ != sockets::kNone && sockets::SendAll(socket_, bytes.data(), bytes.size());
+bool RawConnection::Send(std::string_view bytes, std::size_t piece) {
+  if (socket_ == sockets::kNone) return false;
+  if (piece == 0) piece = bytes.size();
+  for (std::size_t at = 0; at < bytes.size(); at += piece) {
+    if (!sockets::SendAll(socket_, bytes.data() + at, std::min(piece, bytes.size() - at))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 bool RawConnection::Stall() {
   auto* impl = static_cast<RawResponder::Impl*>(owner_);
   impl->release.Wait();
-  return !impl->stopping;
+  return !impl->server.stopping();
 }
 
 void RawConnection::Reset() {
@@ -104,51 +86,26 @@ void RawConnection::Reset() {
 
 void RawConnection::Close() {
   if (socket_ == sockets::kNone) return;
-  static_cast<RawResponder::Impl*>(owner_)->Forget(socket_);
-  sockets::Close(socket_);
+  static_cast<RawResponder::Impl*>(owner_)->server.Close(socket_);
   socket_ = sockets::kNone;
 }
 
-RawResponder::RawResponder(Script script) : impl_(std::make_unique<Impl>()) {
-  Impl& impl = *impl_;
-  impl.script = std::move(script);
-  impl.listener = sockets::ListenOnLoopback(64, &impl.port);
-  if (impl.listener == sockets::kNone) {
-    impl.port = -1;
-    return;
-  }
-  impl.acceptor = std::thread([&impl] { impl.AcceptLoop(); });
-}
+RawResponder::RawResponder(Script script) : impl_(std::make_unique<Impl>(std::move(script))) {}
 
 RawResponder::~RawResponder() {
-  Impl& impl = *impl_;
-  impl.stopping = true;
-  impl.release.Open();
-  if (impl.acceptor.joinable()) {
-    // A connection of our own wakes the accept loop at once.
-    const sockets::Handle wake = sockets::ConnectToLoopback(impl.port);
-    impl.acceptor.join();
-    if (wake != sockets::kNone) sockets::Close(wake);
-  }
-  std::vector<std::thread> workers;
-  {
-    std::lock_guard lock(impl.mutex);
-    // Unblocks reads and sends; each worker closes its own socket.
-    for (sockets::Handle s : impl.open) sockets::Shutdown(s);
-    workers.swap(impl.workers);
-  }
-  for (auto& worker : workers) worker.join();
-  if (impl.listener != sockets::kNone) sockets::Close(impl.listener);
+  impl_->server.RequestStop();
+  impl_->release.Open();
+  impl_->server.Stop();
 }
 
-bool RawResponder::ok() const { return impl_->port > 0; }
-int RawResponder::port() const { return impl_->port; }
+bool RawResponder::ok() const { return impl_->server.ok(); }
+int RawResponder::port() const { return impl_->server.port(); }
 
 std::string RawResponder::Url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(impl_->port) + path;
+  return "http://127.0.0.1:" + std::to_string(port()) + path;
 }
 
-std::size_t RawResponder::connection_count() const { return impl_->accepted.load(); }
+std::size_t RawResponder::connection_count() const { return impl_->server.accepted(); }
 
 void RawResponder::Release() { impl_->release.Open(); }
 

@@ -25,8 +25,10 @@ class RawConnection {
   // Reads one request's head, through the blank line, and the body that its Content-Length
   // announces; returns the head ("" when the peer closed or the responder is stopping).
   std::string ReadRequestHead();
-  // Sends all bytes; false when the peer is gone.
-  bool Send(std::string_view bytes);
+  // Sends all bytes; false when the peer is gone. With `piece` > 0 the bytes go out that many
+  // at a time, one send each (the socket does not delay small sends), so that the client meets
+  // every split of the head and body.
+  bool Send(std::string_view bytes, std::size_t piece = 0);
   // Waits until the responder's Release() or its destruction. Returns true when released.
   bool Stall();
   // Closes with a TCP reset (RST) instead of an orderly close.

@@ -1,4 +1,4 @@
-#include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/scripted_server_book.h"
 
 #include <httplib.h>
 
@@ -42,13 +42,7 @@ struct ScriptedServer::Impl {
   bool tls = false;
   int port = -1;
   std::thread thread;
-  std::atomic<std::size_t> accepted{0};
-
-  mutable std::mutex mutex;
-  std::map<std::string, ScriptedHandler> routes;
-  std::vector<RecordedRequest> requests;
-  std::size_t in_flight = 0;
-  std::size_t max_in_flight = 0;
+  Book book;
 
   void Serve(const httplib::Request& req, httplib::Response& res) {
     RecordedRequest record;
@@ -66,27 +60,7 @@ struct ScriptedServer::Impl {
     }
     record.body = req.body;
     record.remote = req.remote_addr + ":" + std::to_string(req.remote_port);
-    ScriptedHandler handler;
-    {
-      std::lock_guard lock(mutex);
-      requests.push_back(record);
-      max_in_flight = std::max(max_in_flight, ++in_flight);
-      const auto it = routes.find(req.path);
-      if (it != routes.end()) handler = it->second;
-    }
-    ScriptedResponse answer;
-    if (handler) {
-      answer = handler(record);
-    } else {
-      answer.status = 404;
-      answer.body = "no route";
-      answer.content_type = "text/plain";
-    }
-    if (answer.hold != nullptr) answer.hold->Wait();
-    {
-      std::lock_guard lock(mutex);
-      --in_flight;
-    }
+    const ScriptedResponse answer = book.Answer(record);
     // The answer goes out as scripted: httplib must not cut it to a requested range itself.
     const_cast<httplib::Request&>(req).ranges.clear();
     res.status = answer.status;
@@ -94,7 +68,7 @@ struct ScriptedServer::Impl {
     if (answer.chunk_size == 0) {
       res.set_content(answer.body, answer.content_type.c_str());
     } else {
-      auto body = std::make_shared<std::string>(std::move(answer.body));
+      auto body = std::make_shared<std::string>(answer.body);
       const std::size_t piece = answer.chunk_size;
       res.set_chunked_content_provider(
           answer.content_type.c_str(), [body, piece](std::size_t offset, httplib::DataSink& sink) {
@@ -121,7 +95,7 @@ ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<
     impl.server = std::make_unique<httplib::Server>();
   }
   if (!impl.server->is_valid()) return;
-  auto* accepted = &impl.accepted;
+  auto* accepted = &impl.book.accepted;
   impl.server->new_task_queue = [accepted] { return new ConnectionThreads(accepted); };
   impl.server->set_keep_alive_max_count(options.keep_alive_max);
   impl.server->set_keep_alive_timeout(options.keep_alive_seconds);
@@ -164,30 +138,6 @@ std::string ScriptedServer::Url(const std::string& path) const {
          std::to_string(impl_->port) + path;
 }
 
-void ScriptedServer::Route(const std::string& path, ScriptedResponse response) {
-  Route(path, [response](const RecordedRequest&) { return response; });
-}
-
-void ScriptedServer::Route(const std::string& path, ScriptedHandler handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->routes[path] = std::move(handler);
-}
-
-std::size_t ScriptedServer::request_count() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->requests.size();
-}
-
-std::size_t ScriptedServer::connection_count() const { return impl_->accepted.load(); }
-
-std::size_t ScriptedServer::max_concurrent_requests() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->max_in_flight;
-}
-
-std::vector<RecordedRequest> ScriptedServer::requests() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->requests;
-}
+ScriptedServer::Book& ScriptedServer::book() const { return impl_->book; }
 
 }  // namespace tq::test

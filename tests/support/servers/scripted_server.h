@@ -104,6 +104,9 @@ class ScriptedServer {
   std::vector<RecordedRequest> requests() const;
 
  private:
+  // Routes, the request log and the in-flight count, shared by both backends.
+  struct Book;
+  Book& book() const;
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -2,16 +2,14 @@
 // header of declarations and a Linux library, which MinGW cannot build against. It answers as
 // the cpp-httplib server does where tests can tell (headers it adds, HEAD, keep-alive); HTTPS is
 // not served (ok() is false with a certificate).
-#include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/scripted_server_book.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 #include <string_view>
-#include <thread>
 
 #include "tests/support/servers/sockets.h"
 
@@ -134,41 +132,16 @@ struct Request {
 }  // namespace
 
 struct ScriptedServer::Impl {
+  explicit Impl(const Options& given)
+      : options(given), server([this](sockets::Handle s, std::size_t) {
+          ++book.accepted;
+          ServeConnection(s);
+          server.Close(s);
+        }) {}
+
   Options options;
-  sockets::Handle listener = sockets::kNone;
-  int port = -1;
-  std::thread acceptor;
-  std::atomic<bool> stopping{false};
-  std::atomic<std::size_t> accepted{0};
-
-  mutable std::mutex mutex;
-  std::map<std::string, ScriptedHandler> routes;
-  std::vector<RecordedRequest> requests;
-  std::size_t in_flight = 0;
-  std::size_t max_in_flight = 0;
-  std::vector<sockets::Handle> open;
-  std::vector<std::thread> workers;
-
-  void AcceptLoop() {
-    while (sockets::WaitReadable(listener, stopping)) {
-      const sockets::Handle s = sockets::Accept(listener);
-      if (s == sockets::kNone) continue;
-      std::lock_guard lock(mutex);
-      if (stopping) {  // the destructor's own connection, made to wake this loop
-        sockets::Close(s);
-        return;
-      }
-      ++accepted;
-      sockets::SetNoDelay(s);
-      open.push_back(s);
-      workers.emplace_back([this, s] {
-        ServeConnection(s);
-        std::lock_guard done(mutex);
-        open.erase(std::find(open.begin(), open.end(), s));
-        sockets::Close(s);
-      });
-    }
-  }
+  Book book;
+  sockets::LoopbackServer server;  // last: its threads use the members above
 
   // Reads one request; false when the connection is to be closed without an answer.
   bool ReadRequest(Reader& reader, sockets::Handle s, Request* request) {
@@ -236,39 +209,14 @@ struct ScriptedServer::Impl {
     return true;
   }
 
-  ScriptedResponse Answer(const RecordedRequest& record) {
-    ScriptedHandler handler;
-    {
-      std::lock_guard lock(mutex);
-      requests.push_back(record);
-      max_in_flight = std::max(max_in_flight, ++in_flight);
-      const auto it = routes.find(record.path);
-      if (it != routes.end()) handler = it->second;
-    }
-    ScriptedResponse answer;
-    if (handler) {
-      answer = handler(record);
-    } else {
-      answer.status = 404;
-      answer.body = "no route";
-      answer.content_type = "text/plain";
-    }
-    if (answer.hold != nullptr) answer.hold->Wait();
-    {
-      std::lock_guard lock(mutex);
-      --in_flight;
-    }
-    return answer;
-  }
-
   void ServeConnection(sockets::Handle s) {
-    Reader reader(s, stopping);
+    Reader reader(s, server.stopping());
     for (std::size_t served = 0;;) {
       Request request;
       if (!ReadRequest(reader, s, &request)) return;
       ++served;
       const RecordedRequest& record = request.record;
-      const ScriptedResponse answer = Answer(record);
+      const ScriptedResponse answer = book.Answer(record);
       const bool close = served >= options.keep_alive_max || request.version != "HTTP/1.1" ||
                          Lower(record.Header("Connection").value_or("")) == "close";
 
@@ -322,68 +270,19 @@ struct ScriptedServer::Impl {
 
 ScriptedServer::ScriptedServer() : ScriptedServer(Options{}) {}
 
-ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<Impl>()) {
-  Impl& impl = *impl_;
-  impl.options = options;
-  if (!options.cert_file.empty() || !options.key_file.empty()) return;  // no HTTPS here
-  impl.listener = sockets::ListenOnLoopback(64, &impl.port);
-  if (impl.listener == sockets::kNone) {
-    impl.port = -1;
-    return;
-  }
-  impl.acceptor = std::thread([&impl] { impl.AcceptLoop(); });
+ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<Impl>(options)) {
+  if (!options.cert_file.empty() || !options.key_file.empty()) impl_->server.Stop();  // no HTTPS
 }
 
-ScriptedServer::~ScriptedServer() {
-  Impl& impl = *impl_;
-  impl.stopping = true;
-  if (impl.acceptor.joinable()) {
-    // A connection of our own wakes the accept loop at once.
-    const sockets::Handle wake = sockets::ConnectToLoopback(impl.port);
-    impl.acceptor.join();
-    if (wake != sockets::kNone) sockets::Close(wake);
-  }
-  std::vector<std::thread> workers;
-  {
-    std::lock_guard lock(impl.mutex);
-    for (sockets::Handle s : impl.open) sockets::Shutdown(s);
-    workers.swap(impl.workers);
-  }
-  for (auto& worker : workers) worker.join();  // each closes its own connection
-  if (impl.listener != sockets::kNone) sockets::Close(impl.listener);
-}
+ScriptedServer::~ScriptedServer() = default;
 
-bool ScriptedServer::ok() const { return impl_->port > 0 && impl_->acceptor.joinable(); }
-int ScriptedServer::port() const { return impl_->port; }
+bool ScriptedServer::ok() const { return impl_->server.ok() && !impl_->server.stopping(); }
+int ScriptedServer::port() const { return impl_->server.port(); }
 
 std::string ScriptedServer::Url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(impl_->port) + path;
+  return "http://127.0.0.1:" + std::to_string(port()) + path;
 }
 
-void ScriptedServer::Route(const std::string& path, ScriptedResponse response) {
-  Route(path, [response](const RecordedRequest&) { return response; });
-}
-
-void ScriptedServer::Route(const std::string& path, ScriptedHandler handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->routes[path] = std::move(handler);
-}
-
-std::size_t ScriptedServer::request_count() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->requests.size();
-}
-
-std::size_t ScriptedServer::connection_count() const { return impl_->accepted.load(); }
-
-std::size_t ScriptedServer::max_concurrent_requests() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->max_in_flight;
-}
-
-std::vector<RecordedRequest> ScriptedServer::requests() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->requests;
-}
+ScriptedServer::Book& ScriptedServer::book() const { return impl_->book; }
 
 }  // namespace tq::test

@@ -176,4 +176,52 @@ std::string PeerName(Handle s) {
   return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
+LoopbackServer::LoopbackServer(Serve serve) : serve_(std::move(serve)) {
+  listener_ = ListenOnLoopback(64, &port_);
+  if (listener_ == kNone) {
+    port_ = -1;
+    return;
+  }
+  acceptor_ = std::thread([this] { AcceptLoop(); });
+}
+
+void LoopbackServer::AcceptLoop() {
+  while (WaitReadable(listener_, stopping_)) {
+    const Handle s = Accept(listener_);
+    if (s == kNone) continue;
+    std::lock_guard lock(mutex_);
+    if (stopping_) {  // Stop()'s own connection, made to wake this loop
+      sockets::Close(s);
+      return;
+    }
+    SetNoDelay(s);  // answers sent in pieces go out as they are written
+    open_.insert(s);
+    workers_.emplace_back([this, s, index = accepted_++] { serve_(s, index); });
+  }
+}
+
+void LoopbackServer::Stop() {
+  stopping_ = true;
+  if (acceptor_.joinable()) {
+    const Handle wake = ConnectToLoopback(port_);  // wakes the accept loop at once
+    acceptor_.join();
+    if (wake != kNone) sockets::Close(wake);
+  }
+  std::vector<std::thread> workers;
+  {
+    std::lock_guard lock(mutex_);
+    for (const Handle s : open_) Shutdown(s);  // unblocks reads and sends
+    workers.swap(workers_);
+  }
+  for (auto& worker : workers) worker.join();
+  if (listener_ != kNone) sockets::Close(listener_);
+  listener_ = kNone;
+}
+
+void LoopbackServer::Close(Handle s) {
+  std::lock_guard lock(mutex_);
+  open_.erase(s);
+  sockets::Close(s);
+}
+
 }  // namespace tq::test::sockets

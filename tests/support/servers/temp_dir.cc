@@ -40,9 +40,9 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-std::filesystem::path TempDir::WriteFile(std::string_view relative,
-                                         std::string_view contents) const {
-  const std::filesystem::path full = path_ / relative;
+std::filesystem::path WriteFileUnder(const std::filesystem::path& root, std::string_view relative,
+                                     std::string_view contents) {
+  const std::filesystem::path full = root / relative;
   std::filesystem::create_directories(full.parent_path());
   std::ofstream out(full, std::ios::binary | std::ios::trunc);
   out.write(contents.data(), static_cast<std::streamsize>(contents.size()));

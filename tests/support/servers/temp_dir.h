@@ -6,6 +6,11 @@
 
 namespace tq::test {
 
+// Writes `contents` to root/relative, creating parent directories, and returns the full path.
+// Throws std::runtime_error when the file cannot be written.
+std::filesystem::path WriteFileUnder(const std::filesystem::path& root, std::string_view relative,
+                                     std::string_view contents);
+
 class TempDir {
  public:
   // Creates a fresh directory under $TMPDIR (or /tmp). Throws std::runtime_error on failure.
@@ -15,8 +20,11 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
 
   const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(std::string_view name) const { return path_ / name; }
   // Writes a file (creating parent directories) and returns its full path.
-  std::filesystem::path WriteFile(std::string_view relative, std::string_view contents) const;
+  std::filesystem::path WriteFile(std::string_view relative, std::string_view contents) const {
+    return WriteFileUnder(path_, relative, contents);
+  }
 
  private:
   std::filesystem::path path_;

@@ -1,0 +1,67 @@
+#include "platform/curl_handles.h"
+
+#include <signal.h>
+
+#include <cstdlib>
+#include <mutex>
+
+namespace tqplatform {
+namespace {
+
+using CurlText = std::unique_ptr<char, CurlDeleter<curl_free>>;
+
+bool GetPart(CURLU* url, CURLUPart part, unsigned flags, std::string* out) {
+  char* raw = nullptr;
+  const bool ok = curl_url_get(url, part, &raw, flags) == CURLUE_OK;
+  const CurlText text(raw);
+  if (ok) *out = text.get();
+  return ok;
+}
+
+bool ReadParts(CURLU* url, UrlParts* parts) {
+  std::string port;
+  if (!GetPart(url, CURLUPART_URL, 0, &parts->text) ||
+      !GetPart(url, CURLUPART_SCHEME, 0, &parts->scheme) ||
+      !GetPart(url, CURLUPART_HOST, 0, &parts->host) ||
+      !GetPart(url, CURLUPART_PORT, CURLU_DEFAULT_PORT, &port)) {
+    return false;
+  }
+  if (parts->host.size() > 2 && parts->host.front() == '[') {
+    parts->host = parts->host.substr(1, parts->host.size() - 2);
+  }
+  parts->port = std::strtol(port.c_str(), nullptr, 10);
+  return true;
+}
+
+}  // namespace
+
+void EnsureCurlInitialised() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    // A peer closing a TLS connection must not kill the process: OpenSSL writes with write(2),
+    // which raises SIGPIPE. Leave a handler the host installed alone.
+    struct sigaction current {};
+    if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
+      signal(SIGPIPE, SIG_IGN);
+    }
+  });
+}
+
+bool ParseUrl(const std::string& url, UrlParts* parts) {
+  const CurlUrl parsed(curl_url());
+  return parsed != nullptr &&
+         curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
+         ReadParts(parsed.get(), parts);
+}
+
+bool ResolveUrl(const std::string& base, const std::string& reference, UrlParts* parts) {
+  const CurlUrl parsed(curl_url());
+  return parsed != nullptr &&
+         curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), 0) == CURLUE_OK &&
+         curl_url_set(parsed.get(), CURLUPART_URL, reference.c_str(), CURLU_URLENCODE) ==
+             CURLUE_OK &&
+         ReadParts(parsed.get(), parts);
+}
+
+}  // namespace tqplatform

@@ -1,0 +1,394 @@
+// The transfer engine's run: slots, the drive loop, libcurl's callbacks and the end of a
+// transfer. Its options are set in transfer_options.cc.
+#include "platform/transfer.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+
+#include "platform/curl_errors.h"
+#include "platform/fault_injection.h"
+
+namespace tqplatform {
+namespace {
+
+using Clock = TransferClock::Clock;
+using std::chrono::milliseconds;
+
+// Longest wait for a redirect's small body to drain before its connection is dropped instead.
+constexpr milliseconds kRedirectDrainWait{1000};
+// Longest single wait in libcurl; the clock and the stop signal are checked at least this often.
+constexpr int kMaxPollMs = 1000;
+
+// Set by SetWaitHookForTesting (fault_injection.h); null outside tests.
+std::atomic<void (*)(HINTERNET)> g_wait_hook{nullptr};
+
+}  // namespace
+
+// --- slots and the stop signal -----------------------------------------------------------------
+
+std::unique_ptr<TransferSlot> TransferSlot::Create() {
+  std::unique_ptr<TransferSlot> slot(new TransferSlot());
+  slot->multi_.reset(curl_multi_init());
+  slot->easy_.reset(curl_easy_init());
+  if (slot->multi_ == nullptr || slot->easy_ == nullptr) return nullptr;
+  return slot;
+}
+
+TransferSlot::~TransferSlot() { Detach(); }
+
+bool TransferSlot::Attach() {
+  attached_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
+  return attached_;
+}
+
+void TransferSlot::Detach() {
+  if (attached_) curl_multi_remove_handle(multi_.get(), easy_.get());
+  attached_ = false;
+}
+
+void TransferSlot::ResetOptions() {
+  curl_easy_reset(easy_.get());
+  clean_ = true;
+}
+
+void TransferSlot::PrepareOptions() {
+  if (!clean_) curl_easy_reset(easy_.get());
+  clean_ = false;
+}
+
+void StopSignal::Stop() {
+  stopped_.store(true);
+  std::lock_guard lock(mutex_);
+  if (watched_ != nullptr) curl_multi_wakeup(watched_);
+}
+
+void StopSignal::Watch(CURLM* multi) {
+  std::lock_guard lock(mutex_);
+  watched_ = multi;
+}
+
+// --- the transfer ------------------------------------------------------------------------------
+
+Transfer::~Transfer() {
+  Finish(milliseconds(0));
+  ReleaseSlot();
+}
+
+bool Transfer::MoveTo(TransferState next) {
+  const bool legal = IsLegalMove(state_, next);
+  assert(legal && "illegal transfer state move");
+  if (legal) state_ = next;
+  return legal;
+}
+
+DWORD Transfer::AcquireSlot() {
+  DWORD error = ERROR_SUCCESS;
+  slot_ = slots_.Acquire(stop_, request_.slot_wait, &error);
+  if (slot_ == nullptr) return error;
+  spill_.SwapStorage(slot_->spill_storage());
+  stop_.Watch(slot_->multi());
+  return ERROR_SUCCESS;
+}
+
+void Transfer::ReleaseSlot() {
+  if (slot_ == nullptr) return;
+  stop_.Watch(nullptr);
+  slot_->Detach();
+  slot_->ResetOptions();
+  // The larger spill buffer goes back with the slot, unless it still holds bytes to read.
+  if (slot_->spill_storage().capacity() < spill_.capacity()) {
+    spill_.SwapStorage(slot_->spill_storage());
+  }
+  slots_.Release(std::move(slot_));
+}
+
+DWORD Transfer::Open(TransferRequest request) {
+  if (state_ != TransferState::kIdle) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  request_ = std::move(request);
+  bool same_origin = true;
+  for (int hop = 0;; ++hop) {
+    bool follow = false;
+    if (DWORD error = RunHop(hop, &same_origin, &follow)) return FailOpen(error);
+    if (!follow) return ERROR_SUCCESS;
+    // The redirect's own body is dropped; a small one keeps its connection for the next hop.
+    Finish(kRedirectDrainWait);
+  }
+}
+
+DWORD Transfer::RunHop(int hop, bool* same_origin, bool* follow) {
+  if (slot_ == nullptr) {
+    if (DWORD error = AcquireSlot()) return error;
+  }
+  if (DWORD error = Configure(*same_origin)) return error;
+  if (DWORD error = Drive(Goal::kHeaders)) return error;
+  if (state_ == TransferState::kFailed) return error_;
+  Hop next{request_.url, request_.method, *same_origin};
+  if (DWORD error = NextHop(request_.redirects, response_, hop, &next, follow)) return error;
+  if (*follow) {
+    request_.url = std::move(next.url);
+    request_.method = std::move(next.method);
+    if (next.drop_body) request_.body.clear();
+    *same_origin = next.same_origin;
+  }
+  return ERROR_SUCCESS;
+}
+
+DWORD Transfer::FailOpen(DWORD error) {
+  Finish(milliseconds(0));
+  ReleaseSlot();
+  if (state_ != TransferState::kFailed) MoveTo(TransferState::kFailed);
+  error_ = error;
+  return error;
+}
+
+DWORD Transfer::Read(char* out, std::size_t size, std::size_t* got) {
+  *got = 0;
+  if (!HasResponse()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  std::size_t filled = spill_.Take(out, size);
+  if (filled < size && IsRunning(state_)) {
+    target_ = out;
+    target_len_ = size;
+    target_filled_ = filled;
+    clock_.Progress(Clock::now());  // time spent paused between reads does not count
+    Resume();
+    const DWORD error = Drive(Goal::kData);
+    filled = target_filled_;
+    target_ = nullptr;
+    target_len_ = 0;
+    target_filled_ = 0;
+    if (error != ERROR_SUCCESS) {
+      // The body failed on the engine's side (time-out, stop): its connection goes.
+      error_ = error;
+      ReleaseSlot();
+      if (IsRunning(state_)) MoveTo(TransferState::kFinished);
+    }
+  }
+  *got = filled;
+  // Bytes received before a failure are handed over first; the failure comes with the next read.
+  if (filled > 0 || !spill_.empty()) return ERROR_SUCCESS;
+  return error_;
+}
+
+void Transfer::Resume() {
+  if (state_ != TransferState::kPaused) return;
+  MoveTo(TransferState::kReceiving);
+  // Redelivers the chunk refused while nobody was reading, straight into the reader's buffer.
+  curl_easy_pause(slot_->easy(), CURLPAUSE_CONT);
+}
+
+void Transfer::Finish(milliseconds wait) {
+  if (state_ == TransferState::kConnecting || state_ == TransferState::kAwaitingHeaders) {
+    ReleaseSlot();
+    MoveTo(TransferState::kFailed);
+    return;
+  }
+  if (state_ != TransferState::kReceiving && state_ != TransferState::kPaused) return;
+  const bool paused = state_ == TransferState::kPaused;
+  target_ = nullptr;
+  discarded_ = 0;
+  clock_.DrainUntil(Clock::now() + wait);
+  MoveTo(TransferState::kDraining);
+  if (paused) curl_easy_pause(slot_->easy(), CURLPAUSE_CONT);
+  if (state_ == TransferState::kDraining) Drive(Goal::kDrain);
+  if (IsRunning(state_)) {
+    // Not drained in time, or too long to drain: removing it drops its connection.
+    ReleaseSlot();
+    MoveTo(TransferState::kFinished);
+  }
+}
+
+void Transfer::Reset() {
+  Finish(milliseconds(0));
+  if (state_ != TransferState::kIdle) MoveTo(TransferState::kIdle);
+  ClearResponse();
+}
+
+// --- driving -----------------------------------------------------------------------------------
+
+bool Transfer::Reached(Goal goal) const {
+  switch (goal) {
+    case Goal::kHeaders:
+      return state_ != TransferState::kConnecting && state_ != TransferState::kAwaitingHeaders;
+    case Goal::kData:
+      return target_filled_ == target_len_;
+    case Goal::kDrain:
+      return state_ != TransferState::kDraining;
+  }
+  return true;
+}
+
+DWORD Transfer::Drive(Goal goal) {
+  for (;;) {
+    int running = 0;
+    const CURLMcode code = curl_multi_perform(slot_->multi(), &running);
+    if (code != CURLM_OK) {
+      return code == CURLM_OUT_OF_MEMORY ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNET_INTERNAL_ERROR;
+    }
+    CollectDone();
+    if (!IsRunning(state_) || Reached(goal)) return ERROR_SUCCESS;
+    if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
+
+    const auto now = Clock::now();
+    const auto deadline = clock_.Deadline(state_);
+    if (now >= deadline) return ERROR_INTERNET_TIMEOUT;
+    int wait_ms = kMaxPollMs;
+    if (deadline != Clock::time_point::max()) {
+      const auto left = std::chrono::duration_cast<milliseconds>(deadline - now).count() + 1;
+      wait_ms = static_cast<int>(std::min<long long>(wait_ms, left));
+    }
+    // Some bytes for the reader: hand them over rather than wait for more.
+    const bool have_data = goal == Goal::kData && target_filled_ > 0;
+    if (have_data) wait_ms = 0;
+    int ready = 0;
+    if (DWORD error = Poll(wait_ms, &ready)) return error;
+    if (have_data && ready == 0) return ERROR_SUCCESS;
+  }
+}
+
+DWORD Transfer::Poll(int wait_ms, int* ready) {
+  if (auto* hook = g_wait_hook.load(); hook != nullptr && wait_ms > 0 && waiter_ != nullptr) {
+    hook(waiter_);
+  }
+  if (curl_multi_poll(slot_->multi(), nullptr, 0, wait_ms, ready) != CURLM_OK) {
+    return ERROR_INTERNET_INTERNAL_ERROR;
+  }
+  return ERROR_SUCCESS;
+}
+
+void Transfer::CollectDone() {
+  std::optional<CURLcode> done;
+  int queued = 0;
+  while (CURLMsg* message = curl_multi_info_read(slot_->multi(), &queued)) {
+    if (message->msg == CURLMSG_DONE) done = message->data.result;
+  }
+  if (done.has_value()) End(*done);
+}
+
+void Transfer::End(CURLcode result) {
+  result_ = result;
+  const bool had_headers =
+      state_ != TransferState::kConnecting && state_ != TransferState::kAwaitingHeaders;
+  // A challenge libcurl would have answered, with no answer after it, was the final response.
+  const bool complete = had_headers || (result == CURLE_OK && !response_.empty());
+  if (complete) {
+    error_ = result == CURLE_OK ? ERROR_SUCCESS : ErrorOf(result, had_headers);
+    if (!had_headers) OnFinalHeaders();
+  } else {
+    error_ = result == CURLE_OK ? ERROR_HTTP_INVALID_SERVER_RESPONSE : ErrorOf(result, false);
+  }
+  ReleaseSlot();
+  MoveTo(complete ? TransferState::kFinished : TransferState::kFailed);
+}
+
+DWORD Transfer::ErrorOf(CURLcode result, bool had_headers) const {
+  if (header_error_ != 0) return header_error_;
+  // libcurl reports a header line over its limit as running out of memory.
+  if (result == CURLE_OUT_OF_MEMORY && !had_headers) return ERROR_HTTP_INVALID_SERVER_RESPONSE;
+  return WinInetErrorFromCurl(result, slot_ != nullptr ? slot_->easy() : nullptr);
+}
+
+// --- libcurl's callbacks -----------------------------------------------------------------------
+
+size_t Transfer::HeaderCallback(char* data, size_t size, size_t count, void* self) {
+  return static_cast<Transfer*>(self)->OnHeader(data, size * count);
+}
+
+size_t Transfer::WriteCallback(char* data, size_t size, size_t count, void* self) {
+  return static_cast<Transfer*>(self)->OnBody(data, size * count);
+}
+
+int Transfer::PrereqCallback(void* self, char*, char*, int, int) {
+  static_cast<Transfer*>(self)->OnConnected();
+  return CURL_PREREQFUNC_OK;
+}
+
+void Transfer::OnConnected() {
+  if (state_ != TransferState::kConnecting) return;
+  MoveTo(TransferState::kAwaitingHeaders);
+  clock_.RequestSent(Clock::now());
+}
+
+void Transfer::OnFinalHeaders() {
+  curl_off_t length = -1;
+  curl_easy_getinfo(slot_->easy(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+  content_length_ = length > 0 ? static_cast<std::uint64_t>(length) : 0;
+}
+
+size_t Transfer::OnHeader(const char* data, size_t size) {
+  const auto now = Clock::now();
+  clock_.Progress(now);
+  OnConnected();
+  if (state_ != TransferState::kAwaitingHeaders) return size;  // trailers of a chunked body
+  switch (pending_.AddLine(std::string_view(data, size))) {
+    case HeaderBlock::LineResult::kInvalid:
+      header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
+      return 0;  // makes libcurl stop the transfer
+    case HeaderBlock::LineResult::kAccepted:
+      return size;
+    case HeaderBlock::LineResult::kEndOfBlock:
+      break;
+  }
+  const int status = pending_.status_code();
+  if (status >= 100 && status < 200) {  // interim response; the real one follows
+    pending_.Clear();
+    return size;
+  }
+  if (!pending_.ContentLengthAgrees()) {
+    header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
+    return 0;
+  }
+  response_ = std::move(pending_);
+  pending_.Clear();
+  // libcurl answers an authentication challenge itself when it has credentials: such a block
+  // is final only if no other response follows it (the body or the end of the transfer tells).
+  if ((status == 401 && answers_401_) || (status == 407 && answers_407_)) {
+    clock_.RequestSent(now);  // the answer goes out as a new request
+    return size;
+  }
+  MoveTo(TransferState::kReceiving);
+  OnFinalHeaders();
+  return size;
+}
+
+size_t Transfer::OnBody(const char* data, size_t size) {
+  clock_.Progress(Clock::now());
+  OnConnected();
+  if (state_ == TransferState::kAwaitingHeaders) {
+    // libcurl hands over only the final response's body.
+    MoveTo(TransferState::kReceiving);
+    OnFinalHeaders();
+  }
+  if (state_ == TransferState::kDraining) return OnDrainedBody(size);
+  if (target_ == nullptr && spill_.empty()) {
+    // Nobody reads yet (the open is returning): keep this one chunk rather than pause, so that
+    // a small body completes, and frees its connection, without a pause and resume.
+    spill_.Keep(data, size);
+    return size;
+  }
+  const std::size_t room = target_ != nullptr ? target_len_ - target_filled_ : 0;
+  if (room == 0) {
+    // Nobody is reading: stop the transfer; libcurl delivers this chunk again when it resumes.
+    MoveTo(TransferState::kPaused);
+    return CURL_WRITEFUNC_PAUSE;
+  }
+  const std::size_t take = std::min(room, size);
+  std::memcpy(target_ + target_filled_, data, take);
+  target_filled_ += take;
+  // The rest of this chunk waits for the next read; at most one libcurl buffer.
+  if (take < size) spill_.Keep(data + take, size - take);
+  return size;
+}
+
+size_t Transfer::OnDrainedBody(size_t size) {
+  if (discarded_ + size > kDrainLimit) {
+    MoveTo(TransferState::kPaused);
+    return CURL_WRITEFUNC_PAUSE;
+  }
+  discarded_ += size;
+  return size;
+}
+
+void SetWaitHookForTesting(void (*hook)(HINTERNET)) { g_wait_hook = hook; }
+
+}  // namespace tqplatform

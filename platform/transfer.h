@@ -1,0 +1,226 @@
+// The platform layer's one libcurl transfer engine, used by the WinINet requests and the URL
+// Moniker downloads alike. The calling thread drives its own transfer through a multi handle;
+// body bytes are pulled into the reader's buffer, and between reads the transfer is paused, so
+// what the engine holds beyond the reader's buffer is bounded by one libcurl buffer whatever the
+// body's size. Redirects are followed by one policy, time-outs kept by one clock
+// (transfer_state.h). One thread at a time uses a Transfer; StopSignal::Stop may come from any.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/curl_handles.h"
+#include "platform/http_headers.h"
+#include "platform/redirect_policy.h"
+#include "platform/transfer_state.h"
+#include "platform/wininet.h"
+
+namespace tqplatform {
+
+// One multi handle with its easy handle. The multi's connection cache keeps the connection
+// alive between the transfers of successive users of the slot.
+class TransferSlot {
+ public:
+  // Null when libcurl cannot make the handles.
+  static std::unique_ptr<TransferSlot> Create();
+  ~TransferSlot();
+  TransferSlot(const TransferSlot&) = delete;
+  TransferSlot& operator=(const TransferSlot&) = delete;
+
+  CURL* easy() const { return easy_.get(); }
+  CURLM* multi() const { return multi_.get(); }
+  bool Attach();
+  // Takes the easy handle out of the multi: an unfinished transfer closes its connection, a
+  // finished one leaves it in the multi's cache for the next transfer.
+  void Detach();
+  // Clears every option, so that none of a finished transfer (callbacks, header list) outlives it.
+  void ResetOptions();
+  // Before setting a transfer's options: clears those left from the last one, if any.
+  void PrepareOptions();
+  // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
+  std::string& spill_storage() { return spill_storage_; }
+
+ private:
+  TransferSlot() = default;
+  CurlMulti multi_;
+  CurlEasy easy_;
+  bool attached_ = false;
+  bool clean_ = true;
+  std::string spill_storage_;
+};
+
+// Who lends slots to a transfer: a WinINet connection's bounded pool, or a download's own slot.
+class StopSignal;
+class SlotSource {
+ public:
+  virtual ~SlotSource() = default;
+  // Returns null with `*error` set on time-out (`wait` elapsed; nullopt waits without bound) or
+  // when `stop` is stopped.
+  virtual std::unique_ptr<TransferSlot> Acquire(const StopSignal& stop,
+                                                std::optional<std::chrono::milliseconds> wait,
+                                                DWORD* error) = 0;
+  virtual void Release(std::unique_ptr<TransferSlot> slot) = 0;
+};
+
+// Ends a transfer from another thread: Stop sets the flag and wakes the thread in libcurl's wait.
+class StopSignal {
+ public:
+  void Stop();
+  bool stopped() const { return stopped_.load(); }
+
+ private:
+  friend class Transfer;
+  void Watch(CURLM* multi);
+
+  std::atomic<bool> stopped_{false};
+  std::mutex mutex_;
+  CURLM* watched_ = nullptr;  // not owned: the multi of the running transfer
+};
+
+enum class ProxyMode { kEnvironment, kDirect, kNamed };
+
+// What to send. Header lines are "Name: value"; an empty value ("Accept:") removes a header
+// libcurl would add.
+struct TransferRequest {
+  std::string url;
+  std::string method = "GET";
+  std::string body;
+  std::vector<std::string> header_lines;
+  bool http10 = false;
+  std::string agent;
+  ProxyMode proxy_mode = ProxyMode::kEnvironment;
+  // kNamed: the proxies for http and https URLs (empty: none), and the bypass list in libcurl's
+  // form.
+  std::string http_proxy;
+  std::string https_proxy;
+  std::string no_proxy;
+  // Answer 401 challenges, at the first hop's origin only; answer 407 challenges.
+  std::string user;
+  std::string password;
+  std::string proxy_user;
+  std::string proxy_password;
+  bool verify_host = true;
+  std::optional<std::string> ca_file;
+  CURLSH* share = nullptr;  // not owned; must outlive the transfer
+  TransferLimits limits;
+  // How long waiting for a slot may take; nullopt: no bound.
+  std::optional<std::chrono::milliseconds> slot_wait;
+  RedirectRules redirects;
+};
+
+class Transfer {
+ public:
+  // A response body up to this size is read and dropped when a transfer is ended early, so that
+  // its connection stays usable; a larger one closes it.
+  static constexpr std::size_t kDrainLimit = 64 * 1024;
+  // libcurl's receive buffer; it also bounds what a read keeps beyond the reader's buffer.
+  static constexpr long kBufferSize = 256 * 1024;
+
+  Transfer(SlotSource& slots, StopSignal& stop) : slots_(slots), stop_(stop) {}
+  ~Transfer();
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  // Sends and follows redirects; returns ERROR_SUCCESS once the final response's headers are
+  // in, or a WinINet error code. When only the body fails, the open succeeds and reads report
+  // the failure. Legal from kIdle.
+  DWORD Open(TransferRequest request);
+  // Reads body bytes: blocks until at least one byte, the end (0 bytes, ERROR_SUCCESS) or an
+  // error. Bytes received before a failure are handed over first; the failure comes next.
+  DWORD Read(char* out, std::size_t size, std::size_t* got);
+  // Ends a running transfer: drains a small rest of the body so the connection can be reused
+  // (waiting at most `wait`), else drops the connection.
+  void Finish(std::chrono::milliseconds wait);
+  // Finishes and forgets the response: back to kIdle for the next Open.
+  void Reset();
+
+  // The handle the test wait hook (fault_injection.h) is given; null: no hook.
+  void set_waiter(HINTERNET waiter) { waiter_ = waiter; }
+
+  TransferState state() const { return state_; }
+  // True after a successful Open until Reset: the response and its body are there to read.
+  bool HasResponse() const { return HasFinalHeaders(state_); }
+  const HeaderBlock& response() const { return response_; }
+  // The URL and method of the last request sent (the last hop of a redirect chain).
+  const std::string& sent_url() const { return sent_url_; }
+  const std::string& method() const { return method_; }
+  // libcurl's result of the transfer that ended, and its error text.
+  CURLcode curl_result() const { return result_; }
+  const char* error_text() const { return error_text_; }
+  // The final response's Content-Length; 0 when none was given.
+  std::uint64_t content_length() const { return content_length_; }
+
+ private:
+  enum class Goal { kHeaders, kData, kDrain };
+
+  static size_t HeaderCallback(char* data, size_t size, size_t count, void* self);
+  static size_t WriteCallback(char* data, size_t size, size_t count, void* self);
+  static int PrereqCallback(void* self, char*, char*, int, int);
+  size_t OnHeader(const char* data, size_t size);
+  size_t OnBody(const char* data, size_t size);
+  size_t OnDrainedBody(size_t size);
+
+  // The one place that changes state_; refuses (and asserts against) an illegal move.
+  bool MoveTo(TransferState next);
+  DWORD AcquireSlot();
+  void ReleaseSlot();
+  DWORD RunHop(int hop, bool* same_origin, bool* follow);
+  DWORD FailOpen(DWORD error);
+  DWORD Drive(Goal goal);
+  bool Reached(Goal goal) const;
+  DWORD Poll(int wait_ms, int* ready);
+  void CollectDone();
+  void End(CURLcode result);
+  DWORD ErrorOf(CURLcode result, bool had_headers) const;
+  void OnConnected();
+  void OnFinalHeaders();
+  void Resume();
+
+  // Transfer options, one concern each (transfer_options.cc).
+  DWORD Configure(bool same_origin);
+  void ClearResponse();
+  void SetTransport(CURL* easy);
+  void SetCallbacks(CURL* easy);
+  void SetProxy(CURL* easy);
+  DWORD SetHeaders(CURL* easy);
+  void SetMethod(CURL* easy);
+  void SetCredentials(CURL* easy, bool same_origin);
+
+  SlotSource& slots_;
+  StopSignal& stop_;
+  HINTERNET waiter_ = nullptr;
+  TransferRequest request_;
+  std::unique_ptr<TransferSlot> slot_;
+  CurlHeaderList header_list_;
+  TransferState state_ = TransferState::kIdle;
+  TransferClock clock_;
+
+  std::string sent_url_;
+  std::string method_;
+  // libcurl answers a 401 / 407 challenge itself when it has credentials for it.
+  bool answers_401_ = false;
+  bool answers_407_ = false;
+  HeaderBlock pending_;   // the block being received
+  HeaderBlock response_;  // the last complete block
+  std::uint64_t content_length_ = 0;
+  DWORD header_error_ = 0;  // why a header block was refused
+  CURLcode result_ = CURLE_OK;
+  DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
+  char error_text_[CURL_ERROR_SIZE] = {};
+
+  char* target_ = nullptr;  // the waiting reader's buffer
+  std::size_t target_len_ = 0;
+  std::size_t target_filled_ = 0;
+  SpillBuffer spill_;
+  std::size_t discarded_ = 0;
+};
+
+}  // namespace tqplatform

@@ -1,0 +1,117 @@
+#include "platform/transfer_state.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tqplatform {
+
+const char* StateName(TransferState state) {
+  switch (state) {
+    case TransferState::kIdle: return "idle";
+    case TransferState::kConnecting: return "connecting";
+    case TransferState::kAwaitingHeaders: return "awaiting headers";
+    case TransferState::kReceiving: return "receiving";
+    case TransferState::kPaused: return "paused";
+    case TransferState::kDraining: return "draining";
+    case TransferState::kFinished: return "finished";
+    case TransferState::kFailed: return "failed";
+  }
+  return "?";
+}
+
+bool IsLegalMove(TransferState from, TransferState to) {
+  using S = TransferState;
+  switch (from) {
+    case S::kIdle:
+      // An open can fail before anything goes out (no slot, no memory).
+      return to == S::kConnecting || to == S::kFailed;
+    case S::kConnecting:
+      return to == S::kAwaitingHeaders || to == S::kFailed;
+    case S::kAwaitingHeaders:
+      // A response that ends with its headers (HEAD, an empty body) finishes from here.
+      return to == S::kReceiving || to == S::kFinished || to == S::kFailed;
+    case S::kReceiving:
+      return to == S::kPaused || to == S::kDraining || to == S::kFinished;
+    case S::kPaused:
+      return to == S::kReceiving || to == S::kDraining || to == S::kFinished;
+    case S::kDraining:
+      return to == S::kPaused || to == S::kFinished;
+    case S::kFinished:
+      // A redirect's next hop starts from the finished one; a redirect refused fails it.
+      return to == S::kIdle || to == S::kConnecting || to == S::kFailed;
+    case S::kFailed:
+      return to == S::kIdle;
+  }
+  return false;
+}
+
+bool IsRunning(TransferState state) {
+  return state != TransferState::kIdle && state != TransferState::kFinished &&
+         state != TransferState::kFailed;
+}
+
+bool HasFinalHeaders(TransferState state) {
+  return state == TransferState::kReceiving || state == TransferState::kPaused ||
+         state == TransferState::kDraining || state == TransferState::kFinished;
+}
+
+void TransferClock::Start(TransferLimits limits, bool sends_body, Clock::time_point now) {
+  connect_ = limits.connect.count() > 0 ? limits.connect : kDefaultConnect;
+  idle_ = limits.idle;
+  if (sends_body && idle_.count() > 0) idle_ = std::max(idle_, limits.send);
+  if (sends_body && limits.send.count() == 0) idle_ = std::chrono::milliseconds(0);
+  start_ = now;
+  request_sent_ = now;
+  last_progress_ = now;
+  drain_deadline_ = Clock::time_point::max();
+}
+
+void TransferClock::RequestSent(Clock::time_point now) {
+  request_sent_ = now;
+  last_progress_ = now;
+}
+
+TransferClock::Clock::time_point TransferClock::Deadline(TransferState state) const {
+  const bool idle_limited = idle_.count() > 0;
+  switch (state) {
+    case TransferState::kConnecting:
+      return start_ + connect_ + kConnectGrace;
+    case TransferState::kAwaitingHeaders:
+      return idle_limited ? request_sent_ + idle_ : Clock::time_point::max();
+    case TransferState::kReceiving:
+      return idle_limited ? last_progress_ + idle_ : Clock::time_point::max();
+    case TransferState::kDraining:
+      return std::min(drain_deadline_, Deadline(TransferState::kReceiving));
+    default:
+      return Clock::time_point::max();
+  }
+}
+
+std::size_t SpillBuffer::Take(char* out, std::size_t size) {
+  if (empty()) return 0;
+  const std::size_t n = std::min(size, bytes_.size() - pos_);
+  std::memcpy(out, bytes_.data() + pos_, n);
+  pos_ += n;
+  if (empty()) Clear();
+  return n;
+}
+
+void SpillBuffer::Keep(const char* data, std::size_t size) {
+  bytes_.assign(data, size);
+  pos_ = 0;
+}
+
+void SpillBuffer::Clear() {
+  bytes_.clear();
+  pos_ = 0;
+}
+
+bool SpillBuffer::SwapStorage(std::string& other) {
+  if (!empty()) return false;
+  Clear();
+  bytes_.swap(other);
+  bytes_.clear();
+  return true;
+}
+
+}  // namespace tqplatform

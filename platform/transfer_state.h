@@ -1,0 +1,92 @@
+// The phases of one libcurl transfer and the rules that depend only on the phase and the time:
+// which moves between phases are legal, and when the transfer has waited too long. Pure, so that
+// the rules are tested without a network.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+namespace tqplatform {
+
+enum class TransferState {
+  kIdle,             // no transfer: before the first send, or reset for the next one
+  kConnecting,       // handed to libcurl; no connection yet
+  kAwaitingHeaders,  // connected and sent; the final response's header block is not complete
+  kReceiving,        // the final headers are in; body bytes go to the reader
+  kPaused,           // libcurl holds the body: nobody was reading, or a drain met its bound
+  kDraining,         // the rest of the body is read and dropped, so the connection stays usable
+  kFinished,         // over after the final headers: the body ended, failed or was dropped
+  kFailed,           // over without a usable final response
+};
+
+const char* StateName(TransferState state);
+
+// The one table of legal moves.
+bool IsLegalMove(TransferState from, TransferState to);
+
+// True in the phases where libcurl has the transfer (a slot is in use).
+bool IsRunning(TransferState state);
+// True once the final response's headers are in, until the transfer is reset or fails.
+bool HasFinalHeaders(TransferState state);
+
+// The time limits of one transfer; zero means none (for `connect`: libcurl's default). While a
+// body is being sent, `send` applies as well: the longer of the two, none if either is none.
+struct TransferLimits {
+  std::chrono::milliseconds connect{0};
+  std::chrono::milliseconds idle{0};
+  std::chrono::milliseconds send{0};
+};
+
+// The one clock rule: a connection must be made within the connect limit (libcurl's own
+// time-out, plus a grace that lets libcurl report it first); the whole header block has one
+// deadline counted from the request's sending, however slowly its lines come; body bytes have an
+// idle limit that each byte starts again; a drain has its own bound on top. The layer keeps this
+// clock itself because libcurl's time-outs do not run while a transfer is paused.
+class TransferClock {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kConnectGrace{1000};
+
+  // libcurl's own connect time-out when none is set.
+  static constexpr std::chrono::milliseconds kDefaultConnect{300'000};
+
+  void Start(TransferLimits limits, bool sends_body, Clock::time_point now);
+  std::chrono::milliseconds connect_limit() const { return connect_; }
+  // A request went out (the first, or libcurl's answer to a challenge).
+  void RequestSent(Clock::time_point now);
+  // Bytes arrived, or a reader came back after the transfer sat paused.
+  void Progress(Clock::time_point now) { last_progress_ = now; }
+  void DrainUntil(Clock::time_point deadline) { drain_deadline_ = deadline; }
+
+  // The deadline in `state`; Clock::time_point::max() when there is none.
+  Clock::time_point Deadline(TransferState state) const;
+
+ private:
+  std::chrono::milliseconds connect_{kDefaultConnect};
+  std::chrono::milliseconds idle_{0};
+  Clock::time_point start_;
+  Clock::time_point request_sent_;
+  Clock::time_point last_progress_;
+  Clock::time_point drain_deadline_;
+};
+
+// Body bytes that came while the reader's buffer had no room: at most the rest of one libcurl
+// chunk. Its storage can be swapped with a slot's, so that requests on a slot reuse one buffer.
+class SpillBuffer {
+ public:
+  bool empty() const { return pos_ >= bytes_.size(); }
+  // Copies up to `size` bytes out; returns how many.
+  std::size_t Take(char* out, std::size_t size);
+  void Keep(const char* data, std::size_t size);
+  void Clear();
+  // Exchanges storage with `other` while this holds nothing; false (no exchange) otherwise.
+  bool SwapStorage(std::string& other);
+  std::size_t capacity() const { return bytes_.capacity(); }
+
+ private:
+  std::string bytes_;
+  std::size_t pos_ = 0;
+};
+
+}  // namespace tqplatform

@@ -1,0 +1,118 @@
+// tqfetch run as a person runs it: its words on failure, its exit status, its help.
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/temp_dir.h"
+#include "tests/support/servers/tls_files.h"
+
+namespace {
+
+struct Outcome {
+  int status = -1;
+  std::string output;  // stdout and stderr together
+};
+
+// Runs tqfetch with its disk cache in `cache_home`.
+Outcome Tqfetch(const std::string& args, const std::filesystem::path& cache_home) {
+  const std::string command = "XDG_CACHE_HOME='" + cache_home.string() + "' '" TQFETCH_PATH "' " +
+                              args + " 2>&1 </dev/null";
+  Outcome run;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return run;
+  char buffer[4096];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, n);
+  const int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+// A port on 127.0.0.1 that refuses connections for as long as this object lives: bound, so
+// nobody else takes it, but not listening.
+class ClosedPort {
+ public:
+  ClosedPort() : m_socket(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (m_socket < 0 || bind(m_socket, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      return;
+    }
+    m_port = ntohs(address.sin_port);
+  }
+  ~ClosedPort() {
+    if (m_socket >= 0) close(m_socket);
+  }
+  ClosedPort(const ClosedPort&) = delete;
+  ClosedPort& operator=(const ClosedPort&) = delete;
+  int port() const { return m_port; }
+
+ private:
+  int m_socket;
+  int m_port = 0;
+};
+
+TEST(TqfetchCliTest, AClosedPortIsReportedAsConnectionRefusedWithStatus1) {
+  tq::test::TempDir home;
+  ClosedPort closed;
+  ASSERT_NE(closed.port(), 0);
+  const std::string url = "http://127.0.0.1:" + std::to_string(closed.port()) + "/x";
+  for (const std::string& command : {"fetch " + url, "info " + url, "range " + url + " 0 10",
+                                    "download " + url + " " + (home.path() / "x").string()}) {
+    const Outcome run = Tqfetch(command, home.path());
+    EXPECT_EQ(run.status, 1) << command;
+    // One line that names the URL and ends in the reason.
+    EXPECT_EQ(run.output.rfind("tqfetch: ", 0), 0u) << command << ": " << run.output;
+    EXPECT_NE(run.output.find(url), std::string::npos) << command << ": " << run.output;
+    EXPECT_TRUE(run.output.ends_with(": connection refused\n")) << command << ": " << run.output;
+  }
+}
+
+TEST(TqfetchCliTest, AnHttpFailureAndAnUntrustedCertificateAreNamed) {
+  tq::test::TempDir home;
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  const Outcome missing = Tqfetch("fetch " + server.Url("/missing"), home.path());
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.output.find(": HTTP 404 Not Found\n"), std::string::npos) << missing.output;
+
+  tq::test::TlsFiles tls;
+  ASSERT_TRUE(tq::test::MakeSelfSignedCert(home.path(), "127.0.0.1", &tls));
+  tq::test::ScriptedServer secure({tls.cert.string(), tls.key.string()});
+  ASSERT_TRUE(secure.ok());
+  secure.Route("/a", tq::test::ScriptedResponse(200, "a"));
+  const Outcome untrusted = Tqfetch("fetch " + secure.Url("/a"), home.path());
+  EXPECT_EQ(untrusted.status, 1);
+  EXPECT_NE(untrusted.output.find(": certificate not trusted\n"), std::string::npos)
+      << untrusted.output;
+}
+
+TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
+  tq::test::TempDir home;
+  const Outcome help = Tqfetch("--help", home.path());
+  EXPECT_EQ(help.status, 0);
+  for (const char* part : {"fetch URL", "download URL FILE", "exit status", "0  success",
+                           "1  a network, HTTP or file failure", "2  a usage error"}) {
+    EXPECT_NE(help.output.find(part), std::string::npos) << part;
+  }
+  const Outcome version = Tqfetch("--version", home.path());
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.output.rfind("tqfetch ", 0), 0u) << version.output;
+
+  for (const char* wrong : {"--bogus", "fetch", "range http://127.0.0.1:1/ x 1", "cache empty"}) {
+    const Outcome run = Tqfetch(wrong, home.path());
+    EXPECT_EQ(run.status, 2) << wrong;
+    EXPECT_NE(run.output.find("usage: tqfetch"), std::string::npos) << wrong;
+  }
+}
+
+}  // namespace
