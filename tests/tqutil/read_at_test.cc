@@ -6,14 +6,14 @@
 #include <fstream>
 #include <string>
 
-#include "tests/tqutil/temp_dir.h"
+#include "tests/support/servers/temp_dir.h"
 #include "tqutil/sys_file.h"
 
 namespace {
 
 TEST(ReadFileAtTest, ReadsAtItsOffsetOnlyWithinTheFileAndOnlyThroughALiveHandle) {
   tq::test::TempDir dir;
-  const std::filesystem::path path = dir / "file";
+  const std::filesystem::path path = dir.path() / "file";
   const std::string content = "0123456789abcdefghij";
   std::ofstream(path, std::ios::binary) << content;
   TqUSysFile::Handle file = TqUSysFile::OpenFile(path, TqUSysFile::kAccessRead,
