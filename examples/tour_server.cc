@@ -19,6 +19,7 @@
 #include <ctime>
 #include <stdexcept>
 #include <string_view>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -237,6 +238,7 @@ struct TourServer::Impl {
   std::string Answer(const Request& request, bool keep_alive) {
     std::string head, body;
     const bool head_only = request.method == "HEAD";
+    int delay_ms = 0;
     {
       std::lock_guard lock(mutex);
       ++requests[request.path];
@@ -247,6 +249,7 @@ struct TourServer::Impl {
         head = "HTTP/1.1 404 Not Found\r\n";
       } else {
         const File& file = it->second;
+        delay_ms = file.delay_ms;
         const std::uint64_t size = file.body.size();
         std::string fields = "ETag: " + file.etag + "\r\nDate: " + HttpDate(std::time(nullptr)) +
                              "\r\nCache-Control: max-age=600\r\n"
@@ -271,6 +274,7 @@ struct TourServer::Impl {
         head += "Content-Type: application/octet-stream\r\n";
       }
     }
+    if (delay_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
     if (head.rfind("HTTP/1.1 304", 0) != 0) {
       head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
     }

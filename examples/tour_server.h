@@ -15,6 +15,8 @@ class TourServer {
   struct File {
     std::string etag;  // quoted, as sent
     std::string body;
+    // Each answer waits this long before it is sent: a slow server, so that opens overlap.
+    int delay_ms = 0;
   };
 
   // Throws std::runtime_error when no socket can be opened.

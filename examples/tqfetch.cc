@@ -246,6 +246,52 @@ std::string MakeBig() {
   return big;
 }
 
+// Several threads open one uncached URL at once: one of them downloads it, the others wait
+// for that download and serve the entry it stored.
+void TourSharedDownload(TourServer& server) {
+  const std::string url = server.Url("/shared.bin");
+  server.Put("/shared.bin", {"\"s1\"", MakeBig(), 300});
+  constexpr int kThreads = 6;
+  std::vector<std::size_t> sizes(kThreads, 0);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      // With ServeStaleOnError, as a host that wants stale copies passes on every open: the
+      // entry stored is marked as one that may be served stale.
+      const int flags = qv::net::IUrlCache::ServeStaleOnError;
+      if (auto stream = qv::net::OpenFileOrUrl(Wide(url), flags, {})) {
+        sizes[i] = ReadAll(*stream).size();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (int i = 0; i < kThreads; ++i) std::printf("  thread %d read %zu bytes\n", i + 1, sizes[i]);
+  std::printf("  server requests for it: %d\n", server.Requests("/shared.bin"));
+}
+
+// The server goes away while the entry is stale: with ServeStaleOnError the stored body is
+// served (and one log line says so); without it nothing is, as before.
+void TourStaleOnError(std::unique_ptr<TourServer> server) {
+  const std::string url = server->Url("/shared.bin");
+  const std::int64_t real_now = TqUSysTime::GetTimeNow();
+  TqUSysTime::SetClockForTesting([real_now] { return real_now + 3600; });  // stale now
+  server.reset();
+  qv::net::HttpConnectionPool::Terminate();
+  std::printf("  the server is stopped; the entry is an hour past its max-age of 600 s\n");
+  if (auto stream = qv::net::OpenFileOrUrl(Wide(url), qv::net::IUrlCache::ServeStaleOnError, {})) {
+    std::printf("  with ServeStaleOnError: %zu bytes served from the stale entry\n",
+                ReadAll(*stream).size());
+    std::lock_guard lock(g_log_mutex);
+    std::printf("  log: %s\n", g_last_log.c_str());
+  } else {
+    std::printf("  with ServeStaleOnError: nothing (unexpected)\n");
+  }
+  auto stream = qv::net::OpenFileOrUrl(Wide(url), 0, {});
+  std::printf("  without the flag: %s\n",
+              stream ? "served (unexpected)" : "nothing, and the entry is dropped, as always");
+  TqUSysTime::SetClockForTesting({});
+}
+
 void Step(const char* title) { std::printf("\n== %s\n", title); }
 
 void Tour() {
@@ -320,6 +366,13 @@ void Tour() {
   TqUOption::Unset("general.localcache.max_size");
   for (auto& e : fs::directory_iterator(work / "cache" / "v1")) after += e.is_regular_file();
   std::printf("  entry files before: %zu, after: %zu\n", before, after);
+
+  Step("9. Six threads open one uncached URL at once: one download, shared");
+  auto slow = std::make_unique<TourServer>();
+  TourSharedDownload(*slow);
+
+  Step("10. Its server stopped: the stale copy served with ServeStaleOnError");
+  TourStaleOnError(std::move(slow));
 
   std::error_code ignored;
   fs::remove_all(work, ignored);

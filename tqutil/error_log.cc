@@ -35,7 +35,21 @@ SinkState& State() {
   return *state;
 }
 
+// The calling thread's innermost recorder. A plain pointer: nothing to destroy at thread exit.
+thread_local TqULogRecorder* t_recorder = nullptr;
+
+}  // namespace
+
+struct TqULogRecorderAccess {
+  static void Keep(const TqULogRecord& record) {
+    if (t_recorder != nullptr) t_recorder->m_records.push_back(record);
+  }
+};
+
+namespace {
+
 void Deliver(const TqULogRecord& record) {
+  TqULogRecorderAccess::Keep(record);
   SinkState& state = State();
   std::lock_guard lock(state.mutex);
   if (state.sink) {
@@ -97,6 +111,12 @@ TqULogSink TqUError::SetSink(TqULogSink sink) {
   state.sink = std::move(sink);
   return previous;
 }
+
+void TqUError::Write(const TqULogRecord& record) { Deliver(record); }
+
+TqULogRecorder::TqULogRecorder() : m_outer(t_recorder) { t_recorder = this; }
+
+TqULogRecorder::~TqULogRecorder() { t_recorder = m_outer; }
 
 void TqUSysError::LogUTF8String(const char* text) {
   if (text) AppendPiece(text);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "tqutil/export.h"
 
@@ -42,6 +43,33 @@ class TQUTIL_API TqUError {
   /// Installs a sink (an empty function restores the default) and returns the one it replaces.
   /// Records are delivered under a lock, one at a time.
   static TqULogSink SetSink(TqULogSink sink);
+
+  /// Writes a record as it stands (one that a recorder kept, written again for another caller).
+  static void Write(const TqULogRecord& record);
+};
+
+/// Keeps a copy of every record the calling thread writes while it lives; the records still go
+/// to the sink as usual. Recorders on one thread nest: the innermost one keeps the records.
+class TQUTIL_API TqULogRecorder {
+ public:
+  /// Starts keeping the calling thread's records (the thread's outer recorder pauses).
+  TqULogRecorder();
+  /// Stops; the outer recorder, if any, keeps the records from then on.
+  ~TqULogRecorder();
+  /// Not copyable: it belongs to its thread's stack.
+  TqULogRecorder(const TqULogRecorder&) = delete;
+  /// Not copyable: it belongs to its thread's stack.
+  TqULogRecorder& operator=(const TqULogRecorder&) = delete;
+
+  /// The records kept so far, in the order written.
+  const std::vector<TqULogRecord>& Records() const { return m_records; }
+  /// The records kept so far, handed over; none are kept after.
+  std::vector<TqULogRecord> TakeRecords() { return std::move(m_records); }
+
+ private:
+  friend struct TqULogRecorderAccess;
+  TqULogRecorder* m_outer;
+  std::vector<TqULogRecord> m_records;
 };
 
 /// The system half of the error log: narrow (UTF-8) pieces of the current line.

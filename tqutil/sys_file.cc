@@ -1,5 +1,7 @@
 #include "tqutil/sys_file.h"
 
+#include "tqutil/sys_file_faults.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -118,6 +120,17 @@ bool RemovalRefused(const TqUSysDirectory::Char* name) {
   return refuse && (*refuse)(name);
 }
 
+// The threads that have armed TqUSysFileFaults, and each thread's own count.
+std::atomic<int> g_armed_threads{0};
+struct ThreadFaults {
+  bool armed = false;
+  std::uint64_t count = 0;
+  std::uint64_t fail_at = 0;
+  int error = 0;
+  const char* failed = nullptr;
+};
+thread_local ThreadFaults t_faults;
+
 #if !defined(_WIN32)
 static_assert(sizeof(off_t) == 8, "64-bit file offsets are required");
 
@@ -133,6 +146,7 @@ constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 constexpr mode_t kCreateMode = 0600;
 
 int RetryOpen(int dir, const char* name, int flags) {
+  if (TqUSysFileFaults::Fails("open")) return -1;
   int fd;
   do {
     fd = ::openat(dir, name, flags, kCreateMode);
@@ -155,6 +169,7 @@ struct Descriptor {
 // Takes a whole-file lock without waiting. Open-file-description locks belong to this open
 // (not to the process), so two opens in one process exclude each other like two processes do.
 bool Lock(int fd, bool exclusive) {
+  if (TqUSysFileFaults::Fails("lock")) return false;
 #if defined(F_OFD_SETLK)
   struct flock fl = {};
   fl.l_type = exclusive ? F_WRLCK : F_RDLCK;
@@ -187,7 +202,10 @@ bool StillNamed(int dir, const char* name, const struct stat& opened) {
 // here sets only O_NONBLOCK, so clearing them all clears it without asking for them first.
 bool MakeBlocking(int fd) { return ::fcntl(fd, F_SETFL, 0) == 0; }
 
-bool Unlink(int dir, const char* name) { return ::unlinkat(dir, name, 0) == 0 || errno == ENOENT; }
+bool Unlink(int dir, const char* name) {
+  if (TqUSysFileFaults::Fails("remove")) return false;
+  return ::unlinkat(dir, name, 0) == 0 || errno == ENOENT;
+}
 
 // Frees `name` for a file created anew: whatever lies there goes, unless an open of ours holds
 // it (then the caller is refused at once, as the sharing wants). True when the name is free.
@@ -248,14 +266,21 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
     return TqUSysFile::kInvalid;
   }
   OpenedForTesting();
-  if (!Lock(fd.fd, locked_exclusive)) return TqUSysFile::kInvalid;
+  if (!Lock(fd.fd, locked_exclusive)) {
+    // A file this open created is not left behind at the name by the open that failed.
+    if (creation == TqUSysFile::kCreateAlways && StillNamed(dir, name, st)) {
+      ::unlinkat(dir, name, 0);
+    }
+    return TqUSysFile::kInvalid;
+  }
   // Between our open and our lock another writer may have renamed a new file over the path
   // (or removed a stale one to create its own): the file we locked is then no longer the
   // path's, and writing it would change a file that others reach by another name (or by
   // none). Such an open is refused like any other.
   if (write && !StillNamed(dir, name, st)) return TqUSysFile::kInvalid;
   // Never O_TRUNC at the open: an existing file is emptied only once the lock is ours.
-  if (creation == TqUSysFile::kCreateAlways && st.st_size != 0 && ::ftruncate(fd.fd, 0) != 0) {
+  if (creation == TqUSysFile::kCreateAlways && st.st_size != 0 &&
+      (TqUSysFileFaults::Fails("truncate") || ::ftruncate(fd.fd, 0) != 0)) {
     return TqUSysFile::kInvalid;
   }
   auto* record = new TqUSysFileHandleTag();
@@ -313,6 +338,7 @@ bool MarkForDeletion(HANDLE file) {
 // refuses the deleting open, and the caller is refused at once). A directory is left alone
 // (opening one needs FILE_FLAG_BACKUP_SEMANTICS). True when the path is free.
 bool RemoveStale(const wchar_t* path) {
+  if (TqUSysFileFaults::Fails("open")) return false;
   HANDLE old = ::CreateFileW(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, 0,
                              nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
   if (old == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
@@ -344,6 +370,7 @@ TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::
     disposition = OPEN_ALWAYS;
   }
   // A reparse point is opened as itself, never followed, and then refused as not plain.
+  if (TqUSysFileFaults::Fails("open")) return kInvalid;
   HANDLE h = ::CreateFileW(path.c_str(), desired, share_mode, nullptr, disposition,
                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
   if (h == INVALID_HANDLE_VALUE) return kInvalid;
@@ -366,7 +393,7 @@ void TqUSysFile::SetOpenHookForTesting(std::function<void()> hook) {
 
 bool TqUSysFile::ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read) {
   if (read) *read = 0;
-  if (!IsLive(file) || (!buffer && size > 0)) return false;
+  if (!IsLive(file) || (!buffer && size > 0) || TqUSysFileFaults::Fails("read")) return false;
 #if defined(_WIN32)
   const DWORD chunk = static_cast<DWORD>(std::min<std::uint64_t>(size, 1u << 30));
   DWORD got = 0;
@@ -423,6 +450,10 @@ bool TqUSysFile::WriteFile(Handle file, const void* buffer, std::uint64_t size,
   const auto* p = static_cast<const unsigned char*>(buffer);
   std::uint64_t done = 0;
   while (done < size) {
+    if (TqUSysFileFaults::Fails("write")) {
+      if (written) *written = done;
+      return false;
+    }
     const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(size - done, 1u << 30));
 #if defined(_WIN32)
     DWORD put = 0;
@@ -445,7 +476,7 @@ bool TqUSysFile::WriteFile(Handle file, const void* buffer, std::uint64_t size,
 }
 
 std::int64_t TqUSysFile::SeekFile(Handle file, std::int64_t offset, int origin) {
-  if (!IsLive(file) || origin < 0 || origin > 2) return -1;
+  if (!IsLive(file) || origin < 0 || origin > 2 || TqUSysFileFaults::Fails("seek")) return -1;
 #if defined(_WIN32)
   LARGE_INTEGER distance;
   distance.QuadPart = offset;
@@ -461,7 +492,7 @@ std::int64_t TqUSysFile::SeekFile(Handle file, std::int64_t offset, int origin) 
 }
 
 std::int64_t TqUSysFile::GetFileSize(Handle file) {
-  if (!IsLive(file)) return -1;
+  if (!IsLive(file) || TqUSysFileFaults::Fails("size")) return -1;
 #if defined(_WIN32)
   LARGE_INTEGER size;
   if (!::GetFileSizeEx(file->file, &size)) return -1;
@@ -492,11 +523,58 @@ namespace {
 std::error_code LastError() {
   return std::error_code(static_cast<int>(::GetLastError()), std::system_category());
 }
+std::error_code LastFileError() { return LastError(); }
 #else
 std::error_code Errno() { return std::error_code(errno, std::generic_category()); }
+std::error_code LastFileError() { return Errno(); }
 #endif
 
 }  // namespace
+
+bool TqUSysFile::RenameFile(const std::filesystem::path& from, const std::filesystem::path& to,
+                            std::error_code& ec) {
+  ec.clear();
+  if (TqUSysFileFaults::Fails("rename")) {
+    ec = LastFileError();
+    return false;
+  }
+  std::filesystem::rename(from, to, ec);
+  return !ec;
+}
+
+bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& ec) {
+  ec.clear();
+  if (TqUSysFileFaults::Fails("remove")) {
+    ec = LastFileError();
+    return false;
+  }
+  return std::filesystem::remove(path, ec);
+}
+
+void TqUSysFileFaults::Arm(std::uint64_t fail_at, int error) {
+  if (!t_faults.armed) g_armed_threads.fetch_add(1, std::memory_order_relaxed);
+  t_faults = {true, 0, fail_at, error, nullptr};
+}
+
+std::uint64_t TqUSysFileFaults::Disarm() {
+  if (t_faults.armed) g_armed_threads.fetch_sub(1, std::memory_order_relaxed);
+  t_faults.armed = false;
+  return t_faults.count;
+}
+
+const char* TqUSysFileFaults::Failed() { return t_faults.failed; }
+
+bool TqUSysFileFaults::Fails(const char* kind) {
+  if (g_armed_threads.load(std::memory_order_relaxed) == 0 || !t_faults.armed) return false;
+  if (t_faults.count++ != t_faults.fail_at) return false;
+  t_faults.failed = kind;
+#if defined(_WIN32)
+  ::SetLastError(static_cast<DWORD>(t_faults.error));
+#else
+  errno = t_faults.error;
+#endif
+  return true;
+}
 
 void TqUSysDirectory::SetRemoveFaultForTesting(std::function<bool(const Char* name)> refuse) {
   TheRemoveFault().Set(std::move(refuse));
@@ -591,6 +669,10 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
   ec.clear();
   if (RemovalRefused(name)) {
     ec = std::make_error_code(std::errc::permission_denied);
+    return false;
+  }
+  if (TqUSysFileFaults::Fails("remove")) {
+    ec = LastFileError();
     return false;
   }
   const std::filesystem::path path = m_path / name;
@@ -700,6 +782,10 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
   }
   if (RemovalRefused(name)) {
     ec = std::make_error_code(std::errc::permission_denied);
+    return false;
+  }
+  if (TqUSysFileFaults::Fails("remove")) {
+    ec = LastFileError();
     return false;
   }
   if (::unlinkat(m_fd, name, 0) == 0) return true;

@@ -63,6 +63,12 @@ class TQUTIL_API TqUSysFile {
   static std::int64_t GetFileSize(Handle file);  ///< -1 on error
   /// Closes `file`; false on error (the handle is gone either way).
   static bool CloseFile(Handle file);
+  /// Renames `from` over `to`, replacing a file there; false with `ec` set on error.
+  static bool RenameFile(const std::filesystem::path& from, const std::filesystem::path& to,
+                         std::error_code& ec);
+  /// Removes the file (or link) at `path`: true when removed; false with `ec` clear when nothing
+  /// was there; false with `ec` set when it could not be removed.
+  static bool RemoveFile(const std::filesystem::path& path, std::error_code& ec);
 
   /// Runs `hook` inside every open that found a regular file, before it takes its lock (the
   /// moment at which a writer may be overtaken by another); an empty function ends it. Called

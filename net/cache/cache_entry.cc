@@ -67,6 +67,7 @@ struct HeaderFields {
   std::int64_t expiry = 0;
   std::string etag;
   std::string key;
+  std::uint8_t flags = 0;
 };
 
 class HeaderReader {
@@ -122,6 +123,13 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
   const std::size_t end_marker_offset = key_length_offset + 2 + key_length;
   if (!reader.Ensure(end_marker_offset + 2)) return false;
   if (ef::GetU16(reader.At(end_marker_offset)) != ef::kEndMarker) return false;
+  // The optional extension, when the header size leaves room for it before the body.
+  const std::size_t extension_offset = end_marker_offset + 2;
+  if (ef::BodyOffset(out.header_size) >= extension_offset + ef::kExtensionSize &&
+      reader.Ensure(extension_offset + ef::kExtensionSize) &&
+      ef::GetU16(reader.At(extension_offset)) == ef::kExtensionMarker) {
+    out.flags = *reader.At(extension_offset + 2);
+  }
   if (!with_strings) return true;
   out.etag.assign(reinterpret_cast<const char*>(reader.At(ef::kTagOffset)), tag_length);
   out.key.assign(reinterpret_cast<const char*>(reader.At(key_length_offset + 2)), key_length);
@@ -132,10 +140,12 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
 // error of its own length field; a pair that fits one by one but not together is refused the
 // same way, since the header size field cannot hold it and a truncated size would place the
 // body in the middle of the key.
-std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key) {
+std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key,
+                                 std::uint8_t flags) {
   const auto tag_length = gsl::narrow<std::uint16_t>(etag.size());
   const auto key_length = gsl::narrow<std::uint16_t>(key.size());
-  const std::size_t size = ef::kHeaderOverhead + tag_length + key_length;
+  const std::size_t size = ef::kHeaderOverhead + tag_length + key_length +
+                           (flags != 0 ? ef::kExtensionSize : 0);
   if (size > ef::kMaxHeaderSize) throw gsl::narrowing_error();
   return static_cast<std::uint16_t>(size);
 }
@@ -146,9 +156,9 @@ std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key
 template <class Owner>
 void DeleteHeldFile(Owner& owner, const fs::path& path) {
   std::error_code ec;
-  fs::remove(path, ec);
+  TqUSysFile::RemoveFile(path, ec);
   owner.reset();
-  if (ec) fs::remove(path, ec);
+  if (ec) TqUSysFile::RemoveFile(path, ec);
 }
 
 // Renames the file that `owner` holds open over `to`, then closes it. Renaming under the lock
@@ -158,14 +168,13 @@ void DeleteHeldFile(Owner& owner, const fs::path& path) {
 template <class Owner>
 bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
   std::error_code ec;
-  fs::rename(from, to, ec);
+  TqUSysFile::RenameFile(from, to, ec);
   owner.reset();
   if (!ec) return true;
   // Gone (the cache was cleared under us): nothing to rename and nothing of ours to delete.
   if (ec == std::errc::no_such_file_or_directory) return false;
-  fs::rename(from, to, ec);
-  if (!ec) return true;
-  fs::remove(from, ec);
+  if (TqUSysFile::RenameFile(from, to, ec)) return true;
+  TqUSysFile::RemoveFile(from, ec);
   return false;
 }
 
@@ -222,6 +231,7 @@ CacheEntry CacheEntry::Load(const fs::path& path, EntryFile* keep_open) {
   entry.m_expiry = fields.expiry;
   entry.m_etag = std::move(fields.etag);
   entry.m_key = std::move(fields.key);
+  entry.m_flags = fields.flags;
   return entry;
 }
 
@@ -254,7 +264,7 @@ bool CacheEntry::IsValid() const {
 bool CacheEntry::Remove() {
   if (!detail::EntryFileExists(m_path)) return true;
   std::error_code ec;
-  fs::remove(m_path, ec);
+  TqUSysFile::RemoveFile(m_path, ec);
   if (ec) return false;
   m_header_size = 0;
   return true;
@@ -268,7 +278,7 @@ bool CacheEntry::UpdateETag(const std::optional<std::string>& tag) {
 }
 
 bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
-  const std::uint16_t size = RequiredHeaderSize(m_etag, m_key);
+  const std::uint16_t size = RequiredHeaderSize(m_etag, m_key, m_flags);
   if (m_header_size != 0 && m_header_size != size) return false;
 
   std::vector<unsigned char> header(ef::BodyOffset(size));
@@ -284,7 +294,12 @@ bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
     const std::size_t key_length_offset = ef::kTagOffset + tag_length;
     ef::PutU16(&header[key_length_offset], static_cast<std::uint16_t>(m_key.size()));
     std::memcpy(&header[key_length_offset + 2], m_key.data(), m_key.size());
-    ef::PutU16(&header[key_length_offset + 2 + m_key.size()], ef::kEndMarker);
+    const std::size_t end_marker_offset = key_length_offset + 2 + m_key.size();
+    ef::PutU16(&header[end_marker_offset], ef::kEndMarker);
+    if (m_flags != 0) {
+      ef::PutU16(&header[end_marker_offset + 2], ef::kExtensionMarker);
+      header[end_marker_offset + 4] = m_flags;
+    }
     length = header.size();
   }
   // One write for the whole header. A header that did not reach the file must never be
@@ -301,7 +316,7 @@ bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
 TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
   // Checked before the file is opened, so that a refused header leaves an existing file as it
   // was instead of emptied.
-  RequiredHeaderSize(m_etag, m_key);
+  RequiredHeaderSize(m_etag, m_key, m_flags);
   // A whole new file carries a header of its own, so it starts from a cleared header size:
   // an entry whose tag changed length is stored anew instead of refused for not fitting in
   // front of a body that is about to be replaced anyway.
@@ -387,7 +402,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenReadStream() {
         TqUSysFile::OpenFile(m_path, kAccessWrite, kShareNone, kOpenExistingWrite, 0, 0));
     HeaderFields on_disk;
     if (file && ReadHeader(file.get(), on_disk) && on_disk.header_size == m_header_size &&
-        on_disk.etag == m_etag && on_disk.key == m_key &&
+        on_disk.etag == m_etag && on_disk.key == m_key && on_disk.flags == m_flags &&
         TqUSysFile::SeekFile(file.get(), 0, 0) == 0) {
       WriteHeader(file.get(), true);
     }

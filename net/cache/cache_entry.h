@@ -10,6 +10,7 @@
 #include <string>
 #include <type_traits>
 
+#include "net/cache/cache_entry_format.h"
 #include "net/host/tqutil.h"
 
 namespace qv::net {
@@ -94,6 +95,13 @@ class CacheEntry {
   std::int64_t LastUsed() const { return m_last_used; }
   std::int64_t Expiry() const { return m_expiry; }
   void SetExpiry(std::int64_t expiry) { m_expiry = expiry; }
+  // The entry may be served stale when its server cannot answer (recorded by an open with
+  // ServeStaleOnError from a response that did not forbid it). Kept in the header's optional
+  // extension, so it reaches the file with the next whole header (a store).
+  bool StaleAllowed() const { return (m_flags & entry_format::kFlagStaleAllowed) != 0; }
+  void SetStaleAllowed(bool value) {
+    m_flags = value ? entry_format::kFlagStaleAllowed : std::uint8_t{0};
+  }
 
  private:
   CacheEntry() = default;
@@ -104,6 +112,7 @@ class CacheEntry {
   std::string m_etag;
   std::int64_t m_last_used = 0;
   std::int64_t m_expiry = 0;
+  std::uint8_t m_flags = 0;  // the header extension's flags; 0: no extension
 };
 
 namespace detail {

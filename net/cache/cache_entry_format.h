@@ -13,6 +13,13 @@
 //   24 + T + K  2     end marker 02 02
 //   H + 2       ...   body, unchanged, to the end of the file
 //
+// An entry may carry one optional extension between the end marker and the body, counted in H:
+// the marker 03 03 and one byte of entry flags (bit 0: the entry may be served stale when its
+// server cannot answer; set only by an open that asked for that, ServeStaleOnError, from a
+// response without "must-revalidate" or "no-cache"). It is written only when a flag is set, so
+// entries stored without that open flag are byte for byte as above; a reader that does not know
+// the extension finds the body at H + 2 all the same, and a file without it has no flags.
+//
 // All integers are little-endian whatever the host's byte order; strings carry no terminator.
 // The first 20 bytes (the fixed part) never change length, so reading an entry can rewrite its
 // last-used and expiry times in place without moving the body.
@@ -45,6 +52,11 @@ inline constexpr std::size_t kHeaderOverhead = 24;
 inline constexpr std::size_t kMinimumHeaderBytes = kHeaderSizeFieldSize + kHeaderOverhead;
 // The header size field is 16 bits, so tag and key together are bounded by this.
 inline constexpr std::size_t kMaxHeaderSize = std::numeric_limits<std::uint16_t>::max();
+
+// The optional extension after the end marker.
+inline constexpr std::uint16_t kExtensionMarker = 0x0303;
+inline constexpr std::size_t kExtensionSize = 3;
+inline constexpr std::uint8_t kFlagStaleAllowed = 1;
 
 inline constexpr std::int64_t kNeverExpires = std::numeric_limits<std::int64_t>::max();
 

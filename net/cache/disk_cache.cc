@@ -9,7 +9,9 @@
 #include <utility>
 
 #include "net/cache/cache_entry_format.h"
+#include "net/cache/downloads_in_flight.h"
 #include "net/cache/fresh_hit.h"
+#include "net/cache/stale_serving.h"
 #include "net/http/http_request.h"
 #include "net/http/http_status.h"
 #include "net/stream/read_stream.h"
@@ -169,10 +171,48 @@ CacheLookup MakeLookupOf(std::wstring_view url, int flags, fs::path path, std::s
 
 // Throws filesystem_error (a file-system failure of the existence test) and the runtime errors
 // of key and path; the callers catch them.
-CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directory) {
+CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directory,
+                       bool keep_file_open = false) {
   std::string key = DiskCache::UrlToCache(url);
   fs::path path = LocationOfKey(key, directory);
-  return MakeLookupOf(url, flags, std::move(path), std::move(key), false);
+  return MakeLookupOf(url, flags, std::move(path), std::move(key), keep_file_open);
+}
+
+// Whether the entry may be served stale later: recorded only by an open that asks for it, from
+// a response that does not forbid it, so that opens without ServeStaleOnError write entries
+// exactly as they always have (a new body drops the mark, a kept body keeps its header).
+// True when the mark changed for a body already on disk.
+bool SetStaleServingRule(CacheEntry& entry, const HttpReadStream& response, int flags,
+                         bool new_body) {
+  if ((flags & IUrlCache::ServeStaleOnError) == 0) {
+    if (new_body) entry.SetStaleAllowed(false);
+    return false;
+  }
+  const std::optional<std::wstring> value = response.QueryHeader(std::wstring(L"cache-control"));
+  const bool allowed = !(value && detail::ForbidsStaleServing(value->c_str()));
+  const bool changed = !new_body && entry.HeaderSize() != 0 && entry.StaleAllowed() != allowed;
+  entry.SetStaleAllowed(allowed);
+  return changed;
+}
+
+// The rule lives in the whole header, which only a store writes: the entry is stored anew from
+// its own body. When that fails the entry keeps the rule it had, so that its new expiry still
+// reaches the file.
+void RewriteHeader(CacheEntry& entry, const qv::stop_token& stop) {
+  bool stored = false;
+  try {
+    EntryFile file;
+    const CacheEntry on_disk = CacheEntry::Load(entry.Path(), &file);
+    if (on_disk.Key() == entry.Key() && on_disk.ETag() == entry.ETag()) {
+      if (auto body = on_disk.OpenLoadedBody(std::move(file))) {
+        detail::ClosingAtEndStream source(std::move(body));
+        stored = entry.Store(source, stop);
+      }
+    }
+  } catch (const std::runtime_error&) {
+    stored = false;
+  }
+  if (!stored) entry.SetStaleAllowed(!entry.StaleAllowed());
 }
 
 RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
@@ -186,8 +226,28 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   if (const std::optional<std::string_view> validator = Validator(entry.ETag())) {
     request.AddHeader(L"If-None-Match", qv::Utf8ToWide(*validator).c_str());
   }
-  std::unique_ptr<HttpReadStream> response = HttpReadStream::Open(request, stop);
+  // With ServeStaleOnError, a stored body that the server cannot confirm or replace right now
+  // is served as it is, and kept as it was, when it was marked as allowed to be.
+  const bool may_serve_stale = (lookup.m_flags & IUrlCache::ServeStaleOnError) != 0 &&
+                               entry.StaleAllowed() && entry.IsValid();
+  std::optional<CacheEntry> kept;
+  if (may_serve_stale) kept = entry;
+  auto serve_stale = [&](std::string_view reason) -> RefreshResult {
+    entry = *kept;
+    detail::LogServingStale(lookup.m_url, reason);
+    return {nullptr, RefreshCode::UseEntry};
+  };
+  std::unique_ptr<HttpReadStream> response;
+  try {
+    response = HttpReadStream::Open(request, stop);
+  } catch (const http_exception& e) {
+    if (!may_serve_stale || stop.stop_requested()) throw;
+    std::string_view text = e.what();
+    while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    return serve_stale(text);
+  }
   if (!response->IsOpen()) {
+    if (may_serve_stale && !stop.stop_requested()) return serve_stale("no request could be made");
     return {nullptr, entry.IsValid() ? RefreshCode::UseEntry : RefreshCode::Nothing};
   }
   if (response->Succeeded()) {
@@ -203,6 +263,8 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
     } else {
       changed = entry.UpdateETag(tag);
     }
+    const bool stale_serving_changed =
+        SetStaleServingRule(entry, *response, lookup.m_flags, changed);
     if (freshness.no_store) {
       auto memory = std::make_unique<qv::io::MemoryStream>();
       const CopyStreamResult copy = CopyStream(*response, *memory, stop);
@@ -227,16 +289,26 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
       return {std::move(memory), RefreshCode::DropEntry};
     }
     if (changed) {
-      return {nullptr, entry.Store(*response, stop) ? RefreshCode::UseEntry
-                                                     : RefreshCode::DropEntry};
+      if (entry.Store(*response, stop)) return {nullptr, RefreshCode::UseEntry};
+      if (may_serve_stale && !stop.stop_requested()) {
+        return serve_stale("the new body could not be stored");
+      }
+      return {nullptr, RefreshCode::DropEntry};
     }
     // Same tag as stored: the body is not read and the stored one is served.
+    if (stale_serving_changed) RewriteHeader(entry, stop);
     return {nullptr, RefreshCode::UseEntry};
   }
-  if (response->QueryStatusCode() != HttpStatus::NotModified) {
+  const auto status = static_cast<int>(response->QueryStatusCode());
+  if (status != static_cast<int>(HttpStatus::NotModified)) {
+    if (may_serve_stale && !stop.stop_requested() && detail::IsServerFailure(status)) {
+      return serve_stale(status == 0 ? std::string("no answer from the server")
+                                     : "the server answered " + std::to_string(status));
+    }
     return {nullptr, RefreshCode::DropEntry};
   }
   entry.SetExpiry(ExpiryFor(lookup.m_flags, FreshnessOf(*response)));
+  if (SetStaleServingRule(entry, *response, lookup.m_flags, false)) RewriteHeader(entry, stop);
   return {nullptr, RefreshCode::UseEntry};
 }
 
@@ -253,9 +325,11 @@ RefreshResult RefreshFromSource(CacheLookup& lookup, const qv::stop_token& stop)
 }
 
 std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
-                                                         const qv::stop_token& stop) {
+                                                         const qv::stop_token& stop,
+                                                         RefreshCode* code = nullptr) {
   RefreshResult result =
       IsHttpUrl(lookup.m_url) ? RefreshFromHttp(lookup, stop) : RefreshFromSource(lookup, stop);
+  if (code != nullptr) *code = result.code;
   switch (result.code) {
     case RefreshCode::UseEntry:
       return lookup.m_entry->OpenReadStream();
@@ -271,8 +345,108 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
   return nullptr;
 }
 
+void LogOpenFailure(const std::wstring& url, const std::exception& e) {
+  TqUSysError::LogUTF8String("Failed to read resource into cache: ");
+  TqUError::LogWideString(url.c_str());
+  TqUSysError::LogUTF8String(": ");
+  LogExceptionText(e);
+  TqUSysError::LogUTF8String("\n");
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenAfresh(std::wstring_view url, int flags,
+                                                            const qv::stop_token& stop,
+                                                            const fs::path& directory);
+
+// The download of an entry that other opens may be waiting for: refreshes it, then leaves the
+// outcome for them (after our own stream is open, so that they only read the file).
+std::unique_ptr<qv::io::IDataSeekableReadStream> Download(
+    CacheLookup& lookup, const qv::stop_token& stop, detail::DownloadsInFlight::Ticket& ticket) {
+  using Kind = detail::DownloadOutcome::Kind;
+  detail::DownloadOutcome outcome;
+  outcome.url = lookup.m_url;
+  outcome.flags = lookup.m_flags;
+  std::unique_ptr<qv::io::IDataSeekableReadStream> stream;
+  RefreshCode code = RefreshCode::Nothing;
+  {
+    TqULogRecorder recorder;
+    try {
+      stream = Refresh(lookup, stop, &code);
+    } catch (const std::exception& e) {
+      LogOpenFailure(lookup.m_url, e);
+      stream.reset();
+      code = RefreshCode::Nothing;
+    }
+    outcome.log = recorder.TakeRecords();
+  }
+  if (code == RefreshCode::UseEntry) {
+    outcome.kind = Kind::kEntry;
+  } else if (stream) {
+    auto* memory = dynamic_cast<qv::io::MemoryStream*>(stream.get());
+    if (memory != nullptr) {
+      outcome.kind = Kind::kMemory;
+      outcome.body = memory->Sink();
+    }
+  } else if (!stop.stop_requested()) {
+    // Our own stop is no failure of theirs: they start over instead.
+    outcome.kind = Kind::kFailed;
+  }
+  ticket.Finish(std::move(outcome));
+  return stream;
+}
+
+// The entry a download left, served as it is (fresh or not: it is the answer the download
+// got). Its use was recorded by the download a moment ago, so it is only read. Null when it is
+// gone or not ours any more.
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLeftEntry(const CacheLookup& lookup,
+                                                               const fs::path& directory) {
+  try {
+    CacheLookup left = MakeLookup(lookup.m_url, lookup.m_flags, directory, true);
+    if (!left.m_entry || !left.m_loaded_file || left.m_entry->HeaderSize() == 0) return nullptr;
+    return left.m_entry->OpenLoadedBody(std::move(left.m_loaded_file));
+  } catch (const std::runtime_error&) {
+    return nullptr;
+  }
+}
+
+// Refreshes the entry, sharing the request with every other open of the same entry in this
+// process: one of them asks the server, the others take its outcome as their own (its log
+// lines too). An open whose URL text or flags differ from the download's, or whose download
+// was abandoned, starts over once the download has ended, so two stores never race.
+std::unique_ptr<qv::io::IDataSeekableReadStream> RefreshShared(CacheLookup& lookup,
+                                                               const qv::stop_token& stop,
+                                                               const fs::path& directory) {
+  using Kind = detail::DownloadOutcome::Kind;
+  const std::u8string path = lookup.m_entry->Path().u8string();
+  const std::string id = std::string(path.begin(), path.end()) + '\n' + lookup.m_entry->Key();
+  detail::DownloadsInFlight::Ticket ticket = detail::DownloadsInFlight::Process().Join(id);
+  if (ticket.IsDownload()) return Download(lookup, stop, ticket);
+  const std::shared_ptr<const detail::DownloadOutcome> outcome = ticket.Wait(stop);
+  if (!outcome) return nullptr;
+  if (outcome->kind != Kind::kAbandoned && outcome->url == lookup.m_url &&
+      outcome->flags == lookup.m_flags) {
+    switch (outcome->kind) {
+      case Kind::kEntry:
+        if (auto stream = OpenLeftEntry(lookup, directory)) {
+          for (const TqULogRecord& record : outcome->log) TqUError::Write(record);
+          return stream;
+        }
+        break;
+      case Kind::kMemory:
+        for (const TqULogRecord& record : outcome->log) TqUError::Write(record);
+        return std::make_unique<qv::io::MemoryStream>(outcome->body);
+      case Kind::kFailed:
+        for (const TqULogRecord& record : outcome->log) TqUError::Write(record);
+        return nullptr;
+      case Kind::kAbandoned:
+        break;
+    }
+  }
+  return OpenAfresh(lookup.m_url, lookup.m_flags, stop, directory);
+}
+
 std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
-                                                            const qv::stop_token& stop) {
+                                                            const qv::stop_token& stop,
+                                                            const fs::path& directory) {
   try {
     if (!lookup.m_entry) return ReadUrlIntoMemory(lookup.m_url, stop);
     CacheEntry& entry = *lookup.m_entry;
@@ -285,13 +459,20 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
     }
     lookup.m_loaded_file.reset();
     if (entry.IsValid() && entry.Expiry() >= now) return entry.OpenReadStream();
-    return Refresh(lookup, stop);
+    return RefreshShared(lookup, stop, directory);
   } catch (const std::exception& e) {
-    TqUSysError::LogUTF8String("Failed to read resource into cache: ");
-    TqUError::LogWideString(lookup.m_url.c_str());
-    TqUSysError::LogUTF8String(": ");
-    LogExceptionText(e);
-    TqUSysError::LogUTF8String("\n");
+    LogOpenFailure(lookup.m_url, e);
+    return nullptr;
+  }
+}
+
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenAfresh(std::wstring_view url, int flags,
+                                                            const qv::stop_token& stop,
+                                                            const fs::path& directory) {
+  try {
+    CacheLookup lookup = MakeLookup(url, flags, directory, true);
+    return OpenLookup(lookup, stop, directory);
+  } catch (const std::runtime_error&) {
     return nullptr;
   }
 }
@@ -396,7 +577,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenUrl(std::wstring
       m_names->Remember(url, name);
     }
     CacheLookup lookup = MakeLookupOf(url, flags, name->path, name->key, true);
-    return OpenLookup(lookup, stop);
+    return OpenLookup(lookup, stop, m_directory);
   } catch (const std::runtime_error&) {
     return nullptr;
   }

@@ -26,8 +26,10 @@ class EntryNameIndex;
 /// and lets it go before returning, so the cache is the directory's contents and survives the
 /// process. (It remembers which entry file each URL it opened maps to, which follows from the
 /// URL alone; the file is still read and checked on every open.) Operations may run on several
-/// threads and in several processes at once; they take no lock and rely on the entry files'
-/// sharing rules (cache_entry.h).
+/// threads and in several processes at once and rely on the entry files' sharing rules
+/// (cache_entry.h). The one lock is that of the downloads in flight (downloads_in_flight.h):
+/// opens of one entry in one process that must ask the server share one request, instead of
+/// each sending its own and all but one losing their store.
 class DiskCache : public IUrlCache {
  public:
   /// Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1),

@@ -1,6 +1,10 @@
-// Helpers shared by the cache tests: a settable clock, entry files built byte by byte, reading
-// streams whole, and the workload that threads and processes run on one directory.
+// Helpers shared by the cache tests: a settable clock, entry files built byte by byte, planted
+// links, and the workload that threads and processes run on one directory.
 #pragma once
+
+#if defined(_WIN32)
+#include <windows.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +18,7 @@
 
 #include "net/cache/disk_cache.h"
 #include "tests/support/fake_http_api.h"
+#include "tests/support/read_all.h"
 #include "tqutil/streams.h"
 #include "tqutil/sys_time.h"
 
@@ -57,14 +62,27 @@ inline void WriteFileBytes(const std::filesystem::path& path, const std::string&
   std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
-template <class Stream>
-std::string ReadAll(Stream& stream, std::size_t chunk = 4096) {
-  std::string body;
-  std::string buffer(chunk, '\0');
-  while (const std::uint64_t n = stream.Read(buffer.data(), buffer.size())) {
-    body.append(buffer.data(), n);
-  }
-  return body;
+// Whether `path` is a symbolic link (on Windows a reparse point).
+inline bool IsLink(const std::filesystem::path& path) {
+#if defined(_WIN32)
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+#else
+  return std::filesystem::is_symlink(path);
+#endif
+}
+
+// Plants a symbolic link (on Windows a reparse point); false where none can be made (Wine makes
+// none; Windows only for a privileged or developer-mode user).
+inline bool PlantLink(const std::filesystem::path& target, const std::filesystem::path& link) {
+#if defined(_WIN32)
+  return CreateSymbolicLinkW(link.c_str(), target.c_str(),
+                             SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE) != 0 &&
+         IsLink(link);
+#else
+  std::filesystem::create_symlink(target, link);  // throws if it cannot: POSIX always can
+  return true;
+#endif
 }
 
 // A read stream over fixed bytes, in chunks, calling `on_read` after each.

@@ -221,19 +221,9 @@ class FaultResponder {
 };
 
 // A disk that fills up, for one scope, held only around one call while no other thread of the
-// test writes files (it is process-wide).
-#if defined(_WIN32)
-// The fault shim lets no file the library writes grow past the limit: a write writes what fits,
-// the next fails with ERROR_DISK_FULL.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(std::uint64_t bytes) { SetFileSizeLimitForTesting(bytes); }
-  ~FileSizeLimit() { ClearFileSizeLimitForTesting(); }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-  bool ok() const { return true; }
-};
-#else
+// test writes files (it is process-wide). POSIX only: on Windows the URL Moniker writes the
+// downloads, out of a test's reach.
+#if !defined(_WIN32)
 // Past the process's file-size limit (RLIMIT_FSIZE) write(2) writes what fits and then fails as
 // on a full disk, without root or a mount; SIGXFSZ is ignored so the write fails instead of the
 // signal ending the process.

@@ -27,7 +27,6 @@
 #include "net/http/request_handler.h"
 #include "platform/urlmon.h"
 #include "tests/fileprotocol/protocol_fixture.h"
-#include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
 
@@ -39,37 +38,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using qv::net::HttpCredentials;
 using qv::net::HttpFileProtocol;
-
-std::string Bytes(std::size_t n) {
-  std::string s(n, '\0');
-  for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i * 131);
-  return s;
-}
-
-// Answers every request of a kept-alive connection with the same response; records the heads.
-class Server {
- public:
-  explicit Server(std::string response)
-      : raw_([this, response](RawConnection& c) {
-          for (std::string head; !(head = c.ReadRequestHead()).empty();) {
-            {
-              std::lock_guard lock(mutex_);
-              heads_.push_back(head);
-            }
-            if (!c.Send(response)) return;
-          }
-        }) {}
-  std::vector<std::string> heads() const {
-    std::lock_guard lock(mutex_);
-    return heads_;
-  }
-  std::string Url(const std::string& path) const { return raw_.Url(path); }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> heads_;
-  RawResponder raw_;  // last: its threads end before the heads go
-};
 
 class HttpFileProtocolTest : public ProtocolTest {
  protected:
@@ -91,7 +59,7 @@ TEST_F(HttpFileProtocolTest, BadUrlsNullAndForeignHandlesAreRefusedWithTheirMess
   EXPECT_THAT(TakeLog(), IsEmpty());
 
   // Memory that is no handle of this protocol is refused, never freed.
-  Server server("HTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n");
+  SameAnswerServer server("HTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n");
   OpenedFile f(protocol_, server.Url("/f"));
   ASSERT_TRUE(f.ok());
   alignas(8) unsigned char junk[64] = {1, 2, 3, 4};
@@ -115,7 +83,7 @@ TEST_F(HttpFileProtocolTest, BadUrlsNullAndForeignHandlesAreRefusedWithTheirMess
 // use after free) and a pointer to a copy of a live handle's bytes (which was trusted) are
 // refused without a request.
 TEST_F(HttpFileProtocolTest, StaleAndForeignHandlesAreRefusedWithoutBeingRead) {
-  Server server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
   const std::wstring url = W(server.Url("/f"));
   std::vector<unsigned char> buffer(4);
   TqUFileHandle* file = protocol_->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
@@ -164,7 +132,7 @@ TEST_F(HttpFileProtocolTest, HandlesReleasedDuringAReadLiveUntilItReturns) {
     TqUFileRequestHandle* request = nullptr;
     bool released = false;
   } releaser;
-  Server server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
   const std::wstring url = W(server.Url("/f"));
   releaser.protocol = protocol_;
   releaser.file = protocol_->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
@@ -184,7 +152,7 @@ TEST_F(HttpFileProtocolTest, HandlesReleasedDuringAReadLiveUntilItReturns) {
 }
 
 TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstOpenReplacesTheDefault) {
-  Server server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
   std::vector<unsigned char> buffer(4);
   auto read_once = [&](HttpFileProtocol* protocol) {
     OpenedFile f(protocol, server.Url("/f"));
@@ -229,7 +197,7 @@ TEST_F(HttpFileProtocolTest, RangesRefusedCutOrIgnoredByTheServer) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.response.substr(0, 20));
-    Server server(c.response);
+    SameAnswerServer server(c.response);
     OpenedFile f(protocol_, server.Url("/f"));
     std::vector<unsigned char> buffer(10);
     std::uint64_t total = 0;
@@ -249,7 +217,7 @@ TEST_F(HttpFileProtocolTest, RangesRefusedCutOrIgnoredByTheServer) {
 
 TEST_F(HttpFileProtocolTest, ReadOf4GiBOrMoreAsksForEveryByte) {
   const std::string body = Bytes(100);
-  Server server("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + body);
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + body);
   OpenedFile f(protocol_, server.Url("/huge"));
   ASSERT_TRUE(f.ok());
   // Address space only: the server sends 100 bytes, so only the first page is touched.
@@ -282,7 +250,7 @@ TEST_F(HttpFileProtocolTest, FailedOpensArePostedAndTwoSendTimeOutsAreRetried) {
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_NAME_NOT_RESOLVED, 1, 0));
   EXPECT_FALSE(OpenedFile(protocol_, "http://127.0.0.1:1/f").ok());
 
-  Server server("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-3/4\r\n"
+  SameAnswerServer server("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-3/4\r\n"
                 "Content-Length: 4\r\n\r\nabcd");
   OpenedFile f(protocol_, server.Url("/f"));
   ASSERT_TRUE(f.ok());

@@ -11,10 +11,18 @@
 #include "net/fileprotocol/http_file_protocol.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/same_answer_server.h"
 
 namespace tq::test {
 
 inline std::wstring W(const std::string& text) { return qv::Utf8ToWide(text); }
+
+// `n` bytes of a pattern that repeats only every 251 bytes.
+inline std::string Bytes(std::size_t n) {
+  std::string s(n, '\0');
+  for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131) % 251);
+  return s;
+}
 
 struct Posted {
   int severity;

@@ -7,9 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#ifdef _WIN32
-#include <windows.h>
-#else
+#ifndef _WIN32
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,27 +36,6 @@ namespace tq::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-bool IsLink(const fs::path& path) {
-#ifdef _WIN32
-  const DWORD attributes = GetFileAttributesW(path.c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-#else
-  return fs::is_symlink(path);
-#endif
-}
-
-// Plants a symbolic link (on Windows a reparse point); false where none can be made.
-bool PlantLink(const fs::path& target, const fs::path& link) {
-#ifdef _WIN32
-  return CreateSymbolicLinkW(link.c_str(), target.c_str(),
-                             SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE) != 0 &&
-         IsLink(link);
-#else
-  fs::create_symlink(target, link);  // throws if it cannot: POSIX always can
-  return true;
-#endif
-}
 
 constexpr std::int64_t kServerTime = 1'700'000'000;  // the Date below
 constexpr const char* kDate = "Tue, 14 Nov 2023 22:13:20 GMT";

@@ -12,7 +12,6 @@
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "tests/fileprotocol/protocol_fixture.h"
-#include "tests/support/servers/raw_responder.h"
 
 namespace tq::test {
 namespace {
@@ -22,37 +21,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr unsigned char kUntouched = 0xEE;
-
-std::string Bytes(std::size_t n) {
-  std::string s(n, '\0');
-  for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131) % 251);
-  return s;
-}
-
-// Answers every request of a kept-alive connection with the same bytes; counts the requests.
-class LyingServer {
- public:
-  explicit LyingServer(std::string response)
-      : raw_([this, response](RawConnection& c) {
-          while (!c.ReadRequestHead().empty()) {
-            {
-              std::lock_guard lock(mutex_);
-              ++requests_;
-            }
-            if (!c.Send(response)) return;
-          }
-        }) {}
-  std::size_t requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
-  }
-  std::string Url(const std::string& path) const { return raw_.Url(path); }
-
- private:
-  mutable std::mutex mutex_;
-  std::size_t requests_ = 0;
-  RawResponder raw_;  // last: its threads end before the count goes
-};
 
 class HostileFileProtocol : public ProtocolTest {};
 
@@ -82,7 +50,7 @@ TEST_F(HostileFileProtocol, PartialContentForAnotherRangeIsAFailureNeverOtherByt
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    LyingServer server("HTTP/1.1 206 Partial Content\r\n" + c.content_range +
+    SameAnswerServer server("HTTP/1.1 206 Partial Content\r\n" + c.content_range +
                        "Content-Length: " + std::to_string(c.body.size()) + "\r\n\r\n" + c.body);
     OpenedFile f(protocol_, server.Url("/f"));
     ASSERT_TRUE(f.ok());
@@ -119,7 +87,7 @@ TEST_F(HostileFileProtocol, WholeBodyAnsweredToAReadAtAnOffsetGivesTheBytesAtTha
   for (const Case& c : cases) {
     SCOPED_TRACE(c.offset);
     const std::string file = Bytes(c.file_size);
-    LyingServer server("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(file.size()) +
+    SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(file.size()) +
                        "\r\n\r\n" + file);
     OpenedFile f(protocol_, server.Url("/f"));
     ASSERT_TRUE(f.ok());
@@ -140,7 +108,7 @@ TEST_F(HostileFileProtocol, WholeBodyAnsweredToAReadAtAnOffsetGivesTheBytesAtTha
 // The transport may refuse such an answer itself (its send fails); where it passes the answer
 // on, the protocol refuses it. Either way: a failure naming the URL, and nothing remembered.
 TEST_F(HostileFileProtocol, TwoDifferentContentLengthsAreAFailureAndNothingIsRemembered) {
-  LyingServer conflicting(
+  SameAnswerServer conflicting(
       "HTTP/1.1 200 OK\r\nContent-Length: 400\r\nETag: \"v1\"\r\nContent-Length: 4\r\n\r\nabcd");
   const std::string url = conflicting.Url("/f");
   auto refused = [&url](const std::string& operation) {
@@ -164,7 +132,7 @@ TEST_F(HostileFileProtocol, TwoDifferentContentLengthsAreAFailureAndNothingIsRem
   EXPECT_THAT(TakeLog(), ElementsAre(refused("ReadFile")));
 
   // The same length twice is one length.
-  LyingServer repeated(
+  SameAnswerServer repeated(
       "HTTP/1.1 200 OK\r\nContent-Length: 4\r\nContent-Length: 4\r\n\r\nabcd");
   ASSERT_TRUE(protocol_->GetFileInfo(W(repeated.Url("/f")).c_str(), &info));
   EXPECT_EQ(info.GetFileSize(), 4u);

@@ -19,21 +19,13 @@
 #include "net/stream/stream_copy.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/read_all.h"
+#include "tests/support/same_answer_server.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/wine.h"
 
 namespace {
 
 std::wstring Wide(const std::string& text) { return qv::Utf8ToWide(text); }
-
-// Answers every request on the connection with the same bytes.
-tq::test::RawResponder::Script Answer(std::string bytes) {
-  return [bytes = std::move(bytes)](tq::test::RawConnection& connection) {
-    while (!connection.ReadRequestHead().empty()) {
-      if (!connection.Send(bytes)) return;
-    }
-  };
-}
 
 class HostileNet : public ::testing::Test {
  protected:
@@ -53,8 +45,8 @@ class HostileNet : public ::testing::Test {
 // which a proxy on the way may have read with the other).
 TEST_F(HostileNet, DifferingContentLengthsServeNothing) {
   const std::string body(400, 'x');
-  tq::test::RawResponder responder(Answer(
-      "HTTP/1.1 200 OK\r\nContent-Length: 400\r\nContent-Length: 10\r\n\r\n" + body));
+  tq::test::SameAnswerServer responder(
+      "HTTP/1.1 200 OK\r\nContent-Length: 400\r\nContent-Length: 10\r\n\r\n" + body);
   ASSERT_TRUE(responder.ok());
   const std::wstring url = Wide(responder.Url("/twice"));
 
@@ -80,9 +72,9 @@ TEST_F(HostileNet, AHugeAnnouncedLengthReadsTheBodyIntoMemoryWithoutReservingIt)
   for (const char* announced : {"8589934592", "18446744073709551615"}) {
     SCOPED_TRACE(announced);
     // Chunked: the body's end is marked, whatever length is announced beside it.
-    tq::test::RawResponder responder(Answer(std::string("HTTP/1.1 200 OK\r\nContent-Length: ") +
-                                            announced + "\r\nTransfer-Encoding: chunked\r\n\r\n" +
-                                            size_line + body + "\r\n0\r\n\r\n"));
+    tq::test::SameAnswerServer responder(std::string("HTTP/1.1 200 OK\r\nContent-Length: ") +
+                                         announced + "\r\nTransfer-Encoding: chunked\r\n\r\n" +
+                                         size_line + body + "\r\n0\r\n\r\n");
     ASSERT_TRUE(responder.ok());
     auto memory = qv::net::ReadUrlIntoMemory(Wide(responder.Url("/huge")), {});
     ASSERT_NE(memory, nullptr) << m_log.Text();
@@ -97,17 +89,7 @@ TEST_F(HostileNet, AHugeAnnouncedLengthReadsTheBodyIntoMemoryWithoutReservingIt)
 // Regression: a header value holding a bare CR (an entity tag a server sent, kept and sent back)
 // was split into two header lines on the wire.
 TEST_F(HostileNet, AValueHoldingCrOrLfNeverReachesTheWire) {
-  std::mutex mutex;
-  std::vector<std::string> heads;
-  tq::test::RawResponder responder([&](tq::test::RawConnection& connection) {
-    for (std::string head; !(head = connection.ReadRequestHead()).empty();) {
-      {
-        std::lock_guard lock(mutex);
-        heads.push_back(head);
-      }
-      if (!connection.Send("HTTP/1.1 304 Not Modified\r\nContent-Length: 0\r\n\r\n")) return;
-    }
-  });
+  tq::test::SameAnswerServer responder("HTTP/1.1 304 Not Modified\r\nContent-Length: 0\r\n\r\n");
   ASSERT_TRUE(responder.ok());
   for (const wchar_t* tag : {L"\"v1\"\rX-Injected: cr", L"\"v1\"\nX-Injected: lf"}) {
     qv::net::HttpRequest request(Wide(responder.Url("/entry")).c_str(), qv::net::HttpMethod::Get);
@@ -116,7 +98,7 @@ TEST_F(HostileNet, AValueHoldingCrOrLfNeverReachesTheWire) {
     auto stream = qv::net::HttpReadStream::Open(request, {});
     EXPECT_EQ(stream->QueryStatusCode(), qv::net::HttpStatus::NotModified);
   }
-  std::lock_guard lock(mutex);
+  const std::vector<std::string> heads = responder.heads();
   ASSERT_EQ(heads.size(), 2u);
   for (const std::string& head : heads) {
     EXPECT_EQ(head.find("X-Injected"), std::string::npos) << head;

@@ -159,9 +159,8 @@ void* FakeHttpApi::SendRequest(void* connection, const qv::net::HttpRequest& req
   std::function<void()> on_blocked;
   {
     std::lock_guard lock(m_mutex);
-    if (response.open_fails) return nullptr;
     const bool block = response.block_until_closed;
-    sent = !response.send_fails && !block;
+    sent = !block;
     handle = NewHandle(Kind::Request, std::move(response));
     if (!block) return handle;
     on_blocked = m_on_blocked;

@@ -25,8 +25,6 @@ struct FakeResponse {
   std::vector<std::pair<std::wstring, std::wstring>> headers;  // name, value (text)
   std::map<std::wstring, std::int64_t> dates;  // header name (any case) -> TqUSysTime seconds
   std::vector<std::string> body_chunks;        // each Read hands out at most one chunk
-  bool open_fails = false;  // SendRequest returns null
-  bool send_fails = false;  // SendRequest returns a handle with sent = false
   std::optional<std::size_t> read_fails_after;  // Read fails once this many chunks were read
   // SendRequest hands the new request handle to the stop watcher of the send, as the WinINet
   // backend does, and blocks until that handle is closed from another thread; the send then

@@ -3,8 +3,7 @@
 //
 // On Linux the platform layer implements it. On Windows the system is WinINet itself, so a
 // test-only shim (wininet_fault_shim.cc) takes the place of the library's imports of the same
-// functions and forwards every call to wininet.dll unless a fault is armed. There it also offers
-// a disk that fills up: a limit on the size of the files the library writes.
+// functions and forwards every call to wininet.dll unless a fault is armed.
 #pragma once
 
 #if defined(_WIN32)
@@ -30,14 +29,6 @@ void TqPlatformClearFaults();
 // How many calls of the function have failed through an injected fault since the last clear.
 unsigned TqPlatformInjectedFailures(const char* function_name);
 }
-
-namespace tq::test {
-// While set, WriteFile calls of the library (and of the test) on disk files never let a file grow
-// past `bytes`: a write writes what fits, the next fails with ERROR_DISK_FULL, as on a full disk.
-// Process-wide: set it only around a call while no other thread of the test writes files.
-void SetFileSizeLimitForTesting(std::uint64_t bytes);
-void ClearFileSizeLimitForTesting();
-}  // namespace tq::test
 
 #else
 

@@ -1,6 +1,6 @@
 // Windows only: the test-only fault shim behind tests/support/fault_injection.h.
 //
-// The library's objects, linked statically into the tests, call WinINet (and WriteFile) through
+// The library's objects, linked statically into the tests, call WinINet through
 // the import pointers __imp_<Function>. Defining those pointers here, in an object linked before
 // the import libraries, makes the objects call the shim instead; the shim forwards to the real
 // wininet.dll (found with GetProcAddress) unless a fault is armed. Nothing references the import
@@ -12,7 +12,6 @@
 
 #include <array>
 #include <atomic>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -78,7 +77,7 @@ DWORD TakeFault(Function function) {
   return fault.error;
 }
 
-// The real function of the system's DLL (wininet.dll, or kernel32.dll for WriteFile). A
+// The real function of the system's DLL (wininet.dll). A
 // missing one ends the test program: every test would otherwise fail for a reason far from here.
 template <class F>
 F Real(const wchar_t* module_name, const char* name) {
@@ -150,30 +149,6 @@ WINBOOL WINAPI ShimInternetCloseHandle(HINTERNET handle) {
   return real(handle);
 }
 
-// No limit while negative.
-std::atomic<std::int64_t> g_file_size_limit{-1};
-
-// A disk file grows at most to the limit; pipes, consoles and sockets (no file position) and
-// overlapped writes pass.
-WINBOOL WINAPI ShimWriteFile(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD written,
-                             LPOVERLAPPED overlapped) {
-  static const auto real = Real<decltype(&::WriteFile)>(L"kernel32.dll", "WriteFile");
-  const std::int64_t limit = g_file_size_limit.load(std::memory_order_acquire);
-  LARGE_INTEGER position{};
-  if (limit < 0 || overlapped != nullptr || GetFileType(file) != FILE_TYPE_DISK ||
-      !SetFilePointerEx(file, LARGE_INTEGER{}, &position, FILE_CURRENT)) {
-    return real(file, buffer, size, written, overlapped);
-  }
-  if (size > 0 && position.QuadPart >= limit) {
-    if (written != nullptr) *written = 0;
-    SetLastError(ERROR_DISK_FULL);
-    return FALSE;
-  }
-  const std::int64_t room = limit - position.QuadPart;
-  const DWORD fits = room < static_cast<std::int64_t>(size) ? static_cast<DWORD>(room) : size;
-  return real(file, buffer, fits, written, nullptr);
-}
-
 #undef TQ_REAL
 
 }  // namespace
@@ -188,7 +163,6 @@ decltype(&::HttpSendRequestW) __imp_HttpSendRequestW = ShimHttpSendRequestW;
 decltype(&::HttpQueryInfoW) __imp_HttpQueryInfoW = ShimHttpQueryInfoW;
 decltype(&::InternetReadFile) __imp_InternetReadFile = ShimInternetReadFile;
 decltype(&::InternetCloseHandle) __imp_InternetCloseHandle = ShimInternetCloseHandle;
-decltype(&::WriteFile) __imp_WriteFile = ShimWriteFile;
 }
 
 extern "C" {
@@ -224,17 +198,5 @@ unsigned TqPlatformInjectedFailures(const char* function_name) {
 }
 
 }  // extern "C"
-
-namespace tq::test {
-
-void SetFileSizeLimitForTesting(std::uint64_t bytes) {
-  const std::uint64_t most = static_cast<std::uint64_t>(INT64_MAX);
-  g_file_size_limit.store(static_cast<std::int64_t>(bytes < most ? bytes : most),
-                          std::memory_order_release);
-}
-
-void ClearFileSizeLimitForTesting() { g_file_size_limit.store(-1, std::memory_order_release); }
-
-}  // namespace tq::test
 
 #endif  // _WIN32

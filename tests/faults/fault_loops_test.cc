@@ -1,0 +1,307 @@
+// Fault loops: for N = 0, 1, 2, ... the Nth file operation of a cache store, or the Nth transport
+// call of a read stream, fails; every N must end in a result the caller can tell apart, with
+// nothing torn, left behind or leaked, until N passes the last operation and the call succeeds.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
+#include "net/cache/disk_cache.h"
+#include "net/http/http_status.h"
+#include "net/stream/read_stream.h"
+#include "tests/cache/cache_test_support.h"
+#include "tests/support/fake_transport_fixture.h"
+#include "tests/support/servers/temp_dir.h"
+#include "tqutil/sys_file_faults.h"
+
+namespace tq::test {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::AnyOf;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using namespace std::chrono_literals;
+
+#if defined(_WIN32)
+constexpr int kFileFault = ERROR_ACCESS_DENIED;
+#else
+constexpr int kFileFault = EIO;
+#endif
+
+// Open descriptors of the process (Linux); -1 where it cannot be counted.
+int OpenDescriptors() {
+#if defined(__linux__)
+  int count = 0;
+  for ([[maybe_unused]] const auto& item : fs::directory_iterator("/proc/self/fd")) ++count;
+  return count;
+#else
+  return -1;
+#endif
+}
+
+// The body of an entry file whose header is whole and names `key` and `tag`; none when the
+// file is not exactly such an entry (a torn or half-written file).
+std::optional<std::string> EntryBody(const std::string& bytes, const std::string& tag,
+                                     const std::string& key) {
+  const std::string empty = EntryBytes(0, 0, tag, key, "");
+  if (bytes.size() < empty.size()) return std::nullopt;
+  std::string header = bytes.substr(0, empty.size());
+  header.replace(4, 16, std::string(16, '\0'));  // the last-used and expiry times
+  if (header != empty) return std::nullopt;
+  return bytes.substr(empty.size());
+}
+
+using CacheStoreFaultLoop = FakeTransportTest;
+
+const std::string kCopyFailed =
+    "Failed to read or write stream in CopyStream: FileWriteStream: cannot write the file\n";
+
+TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNullAndTearsNothing) {
+  const wchar_t* const url = L"http://example.test/entry";
+  const std::string key = "http://example.test/entry";
+  const std::string old_body = "the old body";
+  const std::string new_body(100000, 'n');
+  TempDir dir;
+  ScopedClock clock(1000);
+  qv::net::DiskCache cache(dir.path().wstring().c_str());
+  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory());
+  fs::path temporary = entry;
+  temporary += ".tmp";
+
+  bool stored = false;
+  for (std::uint64_t n = 0; !stored; ++n) {
+    ASSERT_LT(n, 200u) << "the store never got through";
+    // A stale entry of another tag, so that the open loads it, asks anew and replaces it.
+    WriteFileBytes(entry, EntryBytes(1, 999, "\"old\"", key, old_body));
+    FakeResponse answer;
+    answer.dates[L"Date"] = 1000;
+    answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"");
+    answer.Header(L"Content-Length", std::to_wstring(new_body.size()));
+    for (std::size_t at = 0; at < new_body.size(); at += 30000) answer.Body(new_body.substr(at, 30000));
+    m_api.Queue(answer);
+    m_log.Clear();
+    const int descriptors = OpenDescriptors();
+
+    TqUSysFileFaults::Arm(n, kFileFault);
+    std::string served = "<null>";
+    if (auto stream = cache.OpenUrl(url, 0, {})) {
+      try {
+        served = ReadAll(*stream, 65536);
+      } catch (const std::runtime_error& e) {
+        served = std::string("<thrown> ") + e.what();
+      }
+    }
+    const char* failed = TqUSysFileFaults::Failed();
+    const std::uint64_t operations = TqUSysFileFaults::Disarm();
+    stored = operations <= n;
+    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + (failed ? failed : "none"));
+
+    // The new body whole; or null, silent but for a copy into the entry that failed; or a body
+    // stream whose read fails with the file stream's error. Never a partial body.
+    if (served == "<null>") {
+      EXPECT_THAT(m_log.Lines(), AnyOf(IsEmpty(), ElementsAre(kCopyFailed)));
+    } else {
+      EXPECT_THAT(served, AnyOf(new_body, "<thrown> FileReadStream: cannot read the file"));
+      EXPECT_THAT(m_log.Lines(), IsEmpty());
+    }
+    // The entry's name holds the old entry whole, the new one whole, or nothing.
+    if (fs::exists(entry)) {
+      const std::string bytes = ReadFileBytes(entry);
+      const bool old_whole = EntryBody(bytes, "\"old\"", key) == old_body;
+      const bool new_whole = EntryBody(bytes, "\"new\"", key) == new_body;
+      EXPECT_TRUE(old_whole || new_whole) << "torn entry of " << bytes.size() << " bytes";
+    }
+    EXPECT_FALSE(fs::exists(temporary)) << "temporary file left behind";
+    EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptor leaked";
+    if (stored) {
+      EXPECT_EQ(served, new_body);
+      EXPECT_EQ(EntryBody(ReadFileBytes(entry), "\"new\"", key), new_body);
+    }
+    // Whatever the failure left, the next open without one serves the body from the server
+    // or from a whole entry.
+    if (!stored && !(fs::exists(entry) && EntryBody(ReadFileBytes(entry), "\"new\"", key))) {
+      m_api.Queue(answer);
+    }
+    auto again = cache.OpenUrl(url, 0, {});
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(ReadAll(*again), new_body);
+    again.reset();  // Windows removes no open file
+    fs::remove(entry);
+  }
+}
+
+
+// The fake transport behind a counter: the call numbered `fail_at` (CloseHandle never counts:
+// a handle is always given back) fails as a transport reports failure (a null handle, status 0,
+// no header, a failed read), and the wrapper notes what it was.
+class FailingCallApi : public qv::net::IHttpApi {
+ public:
+  explicit FailingCallApi(qv::net::IHttpApi& inner) : m_inner(inner) {}
+  void Arm(std::uint64_t fail_at) { m_fail_at = fail_at, m_count = 0, m_sends = 0, m_failed.clear(); }
+  std::uint64_t Count() const { return m_count; }
+  const std::string& Failed() const { return m_failed; }  // "" while none has failed
+  int SendsBeforeFailure() const { return m_sends_before_failure; }
+
+  void* OpenInternet(const wchar_t* agent) override {
+    return Fails("OpenInternet") ? nullptr : m_inner.OpenInternet(agent);
+  }
+  void* Connect(void* internet, const TqUURL& url) override {
+    return Fails("Connect") ? nullptr : m_inner.Connect(internet, url);
+  }
+  void* SendRequest(void* connection, const qv::net::HttpRequest& request,
+                    const wchar_t** accept, bool& sent) override {
+    sent = false;
+    if (Fails("Send")) return nullptr;
+    ++m_sends;
+    return m_inner.SendRequest(connection, request, accept, sent);
+  }
+  std::uint32_t QueryStatusCode(void* request) override {
+    return Fails("Status") ? 0 : m_inner.QueryStatusCode(request);
+  }
+  std::optional<std::wstring> QueryHeader(void* request, const qv::net::HttpHeaderSelector& header,
+                                          std::uint32_t* index) override {
+    if (Fails(IsETag(header) ? "ETag" : "Header")) return std::nullopt;
+    return m_inner.QueryHeader(request, header, index);
+  }
+  std::optional<std::uint32_t> QueryHeaderNumeric(void* request,
+                                                  const qv::net::HttpHeaderSelector& header,
+                                                  std::uint32_t* index) override {
+    if (Fails("Numeric")) return std::nullopt;
+    return m_inner.QueryHeaderNumeric(request, header, index);
+  }
+  std::optional<std::int64_t> QueryHeaderDateTime(void* request,
+                                                  const qv::net::HttpHeaderSelector& header,
+                                                  std::uint32_t* index) override {
+    if (Fails("Date")) return std::nullopt;
+    return m_inner.QueryHeaderDateTime(request, header, index);
+  }
+  bool Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& read) override {
+    read = 0;
+    return !Fails("Read") && m_inner.Read(request, buffer, size, read);
+  }
+  bool CloseHandle(void* handle) override { return m_inner.CloseHandle(handle); }
+
+ private:
+  static bool IsETag(const qv::net::HttpHeaderSelector& header) {
+    const auto* known = std::get_if<qv::net::HttpHeader>(&header);
+    return known != nullptr && *known == qv::net::HttpHeader::ETag;
+  }
+  bool Fails(const char* call) {
+    if (m_count++ != m_fail_at) return false;
+    m_failed = call;
+    m_sends_before_failure = m_sends;
+    return true;
+  }
+
+  qv::net::IHttpApi& m_inner;
+  std::uint64_t m_fail_at = 0;
+  std::uint64_t m_count = 0;
+  int m_sends = 0;
+  int m_sends_before_failure = 0;
+  std::string m_failed;
+};
+
+using ReadStreamFaultLoop = FakeTransportTest;
+
+TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfThatCall) {
+  const std::wstring url = L"http://example.test/stream";
+  const std::string body = "first-second-third";
+  // Every GET is first answered 502 (and retried), then 200 with the body in three chunks.
+  int sends = 0;
+  m_api.SetResponder([&](const SentRequest& sent) {
+    FakeResponse r;
+    if (sent.method == L"GET" && sends++ % 2 == 0) {
+      r.status = 502;
+      return r;
+    }
+    r.Header(L"Content-Length", std::to_wstring(body.size())).Header(L"ETag", L"\"t\"");
+    if (sent.method == L"GET") r.Body("first-").Body("second-").Body("third");
+    return r;
+  });
+  FailingCallApi api(m_api);
+  qv::net::IHttpApi* const fake = qv::net::SetHttpApi(&api);
+
+  bool read = false;
+  for (std::uint64_t n = 0; !read; ++n) {
+    ASSERT_LT(n, 100u) << "the read never got through";
+    qv::net::HttpConnectionPool::Terminate();  // every round connects anew
+    sends = 0;
+    m_log.Clear();
+    const std::size_t sleeps_before = Sleeps().size();
+    api.Arm(n);
+
+    std::string got;
+    std::string error;
+    std::unique_ptr<qv::net::HttpReadStream> stream;
+    try {
+      stream = qv::net::HttpReadStream::Open(url, qv::net::HttpReadStream::FlagMakeHeadRequest, {});
+      got = ReadAll(*stream, 64);
+    } catch (const qv::net::http_exception& e) {
+      error = e.what();
+    }
+    const std::string failed = api.Failed();
+    const int sends_before = api.SendsBeforeFailure();  // 0: HEAD, 1: first GET, 2: retry
+    read = failed.empty();
+    SCOPED_TRACE("call " + std::to_string(n) + " failed: " + (read ? "none" : failed) +
+                 " after " + std::to_string(sends_before) + " sends");
+    const bool retried = Sleeps().size() > sleeps_before;
+
+    if (failed == "OpenInternet" || failed == "Connect") {
+      // No connection: the open throws and nothing was sent.
+      EXPECT_EQ(error, "Unable to create HTTP connection\n");
+      EXPECT_EQ(stream, nullptr);
+    } else if (failed == "Send" && sends_before > 0) {
+      // The GET (first or retried) could not be made: a stream without a request.
+      ASSERT_NE(stream, nullptr);
+      EXPECT_FALSE(stream->IsOpen());
+      EXPECT_FALSE(stream->Succeeded());
+      EXPECT_EQ(got + error, "");
+      EXPECT_EQ(retried, sends_before == 2);
+    } else if (failed == "Status" && sends_before > 1) {
+      // The GET's status could not be read: open, unusable, silent, and not retried.
+      ASSERT_NE(stream, nullptr);
+      EXPECT_TRUE(stream->IsOpen());
+      EXPECT_FALSE(stream->Succeeded());
+      EXPECT_EQ(stream->QueryStatusCode(), qv::net::HttpStatus::Unknown);
+      EXPECT_EQ(got + error, "");
+      EXPECT_EQ(retried, sends_before == 3);
+    } else if (failed == "Read") {
+      // A read that fails throws the stream's error after the chunks that came whole.
+      ASSERT_NE(stream, nullptr);
+      EXPECT_TRUE(stream->Succeeded());
+      EXPECT_EQ(error, "Unable to read HTTP data\n");
+      EXPECT_THAT(got, AnyOf("", "first-", "first-second-", body));
+      EXPECT_TRUE(retried);
+    } else {
+      // Anything else (the HEAD failing at any step, or a header query of the GET) still reads
+      // the body whole after one retry of the 502, with the size and tag the GET tells.
+      ASSERT_NE(stream, nullptr);
+      EXPECT_TRUE(stream->Succeeded());
+      EXPECT_EQ(got, body);
+      EXPECT_EQ(error, "");
+      EXPECT_TRUE(retried);
+      EXPECT_EQ(stream->ContentSize(), body.size());
+      EXPECT_EQ(stream->ETag(), "\"t\"");
+    }
+    // The 502's error line is the only one ever logged, and only when its status was read.
+    for (const std::string& line : m_log.Lines()) {
+      EXPECT_EQ(line, "Error: HTTP Response 502 for GET http://example.test/stream\n");
+    }
+    stream.reset();
+    qv::net::HttpConnectionPool::Terminate();
+    EXPECT_EQ(m_api.OpenHandles(), 0u) << "handles left open";
+  }
+  qv::net::SetHttpApi(fake);
+}
+
+}  // namespace
+}  // namespace tq::test
