@@ -2,6 +2,7 @@
 // command line or the environment, and curl run as the reference.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "bench/bench_report.h"
 
 namespace tq::bench {
 
@@ -27,9 +30,47 @@ inline unsigned long Setting(int argc, char** argv, int position, const char* en
   return fallback;
 }
 
+inline double CpuSeconds(const rusage& usage) {
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// The user and system time this process (all its threads) has used so far.
+inline double ProcessCpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return CpuSeconds(usage);
+}
+
+// How many times each side of a row runs: `normal`, or once when TQ_BENCH_QUICK is set (the
+// smoke run of scripts/bench.sh --quick, which checks that every row works and judges nothing).
+inline int Runs(int normal) {
+  const char* quick = std::getenv("TQ_BENCH_QUICK");
+  return quick != nullptr && *quick != '\0' && *quick != '0' ? 1 : normal;
+}
+
+// Both sides of a row, run in turn `runs` times each: ours, reference, reference, ours, ... so
+// that neither always runs first and a change in the machine's load weighs on both alike. Each
+// function returns the figure of one run (seconds, usually), or a negative number when the run
+// failed; then the pairing stops and returns false.
+template <typename Ours, typename Reference>
+bool Interleave(int runs, Ours ours, Reference reference, Samples* ours_out,
+                Samples* reference_out) {
+  for (int run = 0; run < runs; ++run) {
+    for (int side = 0; side < 2; ++side) {
+      const bool ours_now = (side == 0) == (run % 2 == 0);
+      const double figure = ours_now ? ours() : reference();
+      if (figure < 0) return false;
+      (ours_now ? ours_out : reference_out)->Add(figure);
+    }
+  }
+  return true;
+}
+
 // Runs the curl tool with `args` and returns its wall time in seconds, or -1 when it fails. Its
 // standard error goes to /dev/null: curl --parallel draws a progress meter even with -s.
-inline double CurlSeconds(const std::vector<std::string>& args) {
+// When `cpu_seconds` is given, it receives the user and system time curl used.
+inline double CurlSeconds(const std::vector<std::string>& args, double* cpu_seconds = nullptr) {
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>("curl"));
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -42,9 +83,12 @@ inline double CurlSeconds(const std::vector<std::string>& args) {
     _exit(127);
   }
   int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  rusage usage{};
+  if (pid < 0 || wait4(pid, &status, 0, &usage) != pid) return -1;
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
-  return Seconds(start);
+  const double seconds = Seconds(start);
+  if (cpu_seconds != nullptr) *cpu_seconds = CpuSeconds(usage);
+  return seconds;
 }
 
 }  // namespace tq::bench

@@ -198,10 +198,9 @@ bool StillNamed(int dir, const char* name, const struct stat& opened) {
          now.st_ino == opened.st_ino;
 }
 
-bool MakeBlocking(int fd) {
-  const int flags = ::fcntl(fd, F_GETFL);
-  return flags >= 0 && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
-}
+// Of the status flags F_SETFL changes (append, async, direct, no-atime, non-blocking), an open
+// here sets only O_NONBLOCK, so clearing them all clears it without asking for them first.
+bool MakeBlocking(int fd) { return ::fcntl(fd, F_SETFL, 0) == 0; }
 
 bool Unlink(int dir, const char* name) {
   if (TqUSysFileFaults::Fails("remove")) return false;
@@ -406,6 +405,37 @@ bool TqUSysFile::ReadFile(Handle file, void* buffer, std::uint64_t size, std::ui
   ssize_t got;
   do {
     got = ::read(file->fd, buffer, chunk);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0) return false;
+  if (read) *read = static_cast<std::uint64_t>(got);
+  return true;
+#endif
+}
+
+bool TqUSysFile::ReadFileAt(Handle file, void* buffer, std::uint64_t size, std::uint64_t offset,
+                            std::uint64_t* read) {
+  if (read) *read = 0;
+  if (!IsLive(file) || (!buffer && size > 0) ||
+      offset > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    return false;
+  }
+#if defined(_WIN32)
+  const DWORD chunk = static_cast<DWORD>(std::min<std::uint64_t>(size, 1u << 30));
+  OVERLAPPED at = {};
+  at.Offset = static_cast<DWORD>(offset & 0xFFFFFFFFu);
+  at.OffsetHigh = static_cast<DWORD>(offset >> 32);
+  DWORD got = 0;
+  if (!::ReadFile(file->file, buffer, chunk, &got, &at)) {
+    // A synchronous read at or past the end reports the end as an error.
+    return ::GetLastError() == ERROR_HANDLE_EOF;
+  }
+  if (read) *read = got;
+  return true;
+#else
+  const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(size, 1u << 30));
+  ssize_t got;
+  do {
+    got = ::pread(file->fd, buffer, chunk, static_cast<off_t>(offset));
   } while (got < 0 && errno == EINTR);
   if (got < 0) return false;
   if (read) *read = static_cast<std::uint64_t>(got);

@@ -50,6 +50,11 @@ class TQUTIL_API TqUSysFile {
                          std::uint32_t reserved2);
   /// Reads up to `size` bytes; false on error. `*read` is 0 at the end of the file.
   static bool ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read);
+  /// Reads up to `size` bytes starting at byte `offset` of the file; false on error. `*read` is 0
+  /// at or past the end. The position that ReadFile uses is left alone on POSIX (Windows moves
+  /// it), so a reader that always says where it reads needs no seek.
+  static bool ReadFileAt(Handle file, void* buffer, std::uint64_t size, std::uint64_t offset,
+                         std::uint64_t* read);
   /// Writes all `size` bytes; false on error (a full disk included).
   static bool WriteFile(Handle file, const void* buffer, std::uint64_t size,
                         std::uint64_t* written);

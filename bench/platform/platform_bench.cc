@@ -1,7 +1,8 @@
 // Throughput and request rate of the WinINet layer against references measured in the same run:
 //   stream  a large file from nginx with 8 MiB InternetReadFile calls vs `curl -s -o /dev/null`;
 //   small   2,000 sequential small GETs on one connection handle vs one reused libcurl handle,
-//           in 20 alternating batches so that load from elsewhere affects both alike.
+//           in 10 alternating batches so that load from elsewhere affects both alike.
+// Both sides of a row run in turn (5 streams, 10 batches each) and the medians are compared.
 // Usage: platform_bench [stream MiB (default 1024)] [small requests (default 2000)]
 //        (or TQ_BENCH_STREAM_MIB / TQ_BENCH_SMALL_REQUESTS in the environment)
 #include <curl/curl.h>
@@ -81,7 +82,6 @@ size_t Discard(char*, size_t size, size_t count, void*) { return size * count; }
 int main(int argc, char** argv) {
   const unsigned long stream_mib = Setting(argc, argv, 1, "TQ_BENCH_STREAM_MIB", 1024);
   const unsigned long small_requests = Setting(argc, argv, 2, "TQ_BENCH_SMALL_REQUESTS", 2000);
-  constexpr int kRounds = 3;
 
   tq::test::NginxHarness nginx;
   if (!nginx.ok()) {
@@ -98,36 +98,37 @@ int main(int argc, char** argv) {
 
   // --- streaming --------------------------------------------------------------------------------
   const double bytes = static_cast<double>(stream_mib) * 1024 * 1024;
-  double ours_best = 1e30;
-  double curl_best = 1e30;
+  tq::bench::Samples ours_stream, curl_stream;
   long peak_kib = 0;
   {
     Layer layer(nginx.port());
     std::vector<char> buffer(8u << 20);
-    for (int round = 0; round < kRounds; ++round) {
+    auto ours = [&] {
       const auto start = Clock::now();
       const long long got = layer.Get(L"/big.bin", buffer);
-      const double ours = Seconds(start);
       if (got != static_cast<long long>(bytes)) {
         std::fprintf(stderr, "streamed %lld bytes instead of %.0f\n", got, bytes);
-        return 1;
+        return -1.0;
       }
-      ours_best = std::min(ours_best, ours);
-      const double theirs = tq::bench::CurlSeconds({"-s", "-o", "/dev/null", big_url});
-      if (theirs < 0) {
-        std::fprintf(stderr, "curl failed\n");
-        return 1;
-      }
-      curl_best = std::min(curl_best, theirs);
+      return Seconds(start);
+    };
+    auto curl = [&] {
+      const double seconds = tq::bench::CurlSeconds({"-s", "-o", "/dev/null", big_url});
+      if (seconds < 0) std::fprintf(stderr, "curl failed\n");
+      return seconds;
+    };
+    if (!tq::bench::Interleave(tq::bench::Runs(5), ours, curl, &ours_stream, &curl_stream)) {
+      return 1;
     }
     peak_kib = PeakRssKiB();
   }
 
   // --- small requests ---------------------------------------------------------------------------
   // Both sides run in alternating batches on warm connections, so that a busy machine slows
-  // them alike instead of favouring whichever ran in a quiet moment.
-  double ours_total = 0;
-  double curl_total = 0;
+  // them alike instead of favouring whichever ran in a quiet moment; each batch is one sample.
+  const int batches = tq::bench::Runs(10);
+  const unsigned long per_batch = std::max(1ul, small_requests / static_cast<unsigned long>(batches));
+  tq::bench::Samples ours_small, curl_small;  // seconds per request
   {
     Layer layer(nginx.port());
     std::vector<char> buffer(64 * 1024);
@@ -137,49 +138,53 @@ int main(int argc, char** argv) {
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_PROXY, "");
     if (layer.Get(L"/small.txt", buffer) != 512 || curl_easy_perform(easy) != CURLE_OK) return 1;
-    constexpr unsigned long kBatches = 20;
-    const unsigned long per_batch = std::max(1ul, small_requests / kBatches);
-    for (unsigned long batch = 0; batch < kBatches; ++batch) {
-      auto start = Clock::now();
+    auto ours = [&] {
+      const auto start = Clock::now();
       for (unsigned long i = 0; i < per_batch; ++i) {
-        if (layer.Get(L"/small.txt", buffer) != 512) return 1;
+        if (layer.Get(L"/small.txt", buffer) != 512) return -1.0;
       }
-      ours_total += Seconds(start);
-      start = Clock::now();
+      return Seconds(start) / static_cast<double>(per_batch);
+    };
+    auto curl = [&] {
+      const auto start = Clock::now();
       for (unsigned long i = 0; i < per_batch; ++i) {
-        if (curl_easy_perform(easy) != CURLE_OK) return 1;
+        if (curl_easy_perform(easy) != CURLE_OK) return -1.0;
       }
-      curl_total += Seconds(start);
-    }
+      return Seconds(start) / static_cast<double>(per_batch);
+    };
+    const bool ok = tq::bench::Interleave(batches, ours, curl, &ours_small, &curl_small);
     curl_easy_cleanup(easy);
+    if (!ok) return 1;
   }
-  const double done_requests = static_cast<double>(std::max(1ul, small_requests / 20) * 20);
-  const double ours_rate = done_requests / ours_total;
-  const double curl_rate = done_requests / curl_total;
 
-  const double ours_mibs = bytes / ours_best / (1 << 20);
-  const double curl_mibs = bytes / curl_best / (1 << 20);
-  std::printf("%-52s %12s %12s %8s %8s\n", "benchmark", "tqplatform", "reference",
-              "ratio", "goal");
-  std::printf("%-52s %8.0f MiB/s %6.0f MiB/s %8.2f %8s\n",
-              ("stream " + std::to_string(stream_mib) + " MiB, 8 MiB reads vs curl (best of 3)").c_str(),
-              ours_mibs, curl_mibs, ours_mibs / curl_mibs, ">=0.90");
-  std::printf("%-52s %10.0f/s %10.0f/s %8.2f %8s\n",
-              (std::to_string(small_requests) + " small GETs, 1 connection vs libcurl easy").c_str(),
-              ours_rate, curl_rate, ours_rate / curl_rate, ">=0.80");
-  std::printf("%-52s %8.1f MiB %12s %8s %8s\n", "peak resident memory after streaming",
-              peak_kib / 1024.0, "", "", "<64 MiB");
+  using tq::bench::Spread;
+  const double mib = bytes / (1 << 20);
+  const auto stream_rate = [mib](double seconds) { return mib / seconds; };
+  const auto request_rate = [](double seconds) { return 1.0 / seconds; };
+  const double stream_ratio = curl_stream.Median() / ours_stream.Median();
+  const double small_ratio = curl_small.Median() / ours_small.Median();
+  std::printf("stream %lu MiB, 8 MiB reads: %s, curl %s, ratio of medians %.2f (goal >= 0.9); "
+              "peak RSS %.1f MiB (goal < 64)\n",
+              stream_mib, Spread(ours_stream.Map(stream_rate), "%.0f", "MiB/s").c_str(),
+              Spread(curl_stream.Map(stream_rate), "%.0f", "MiB/s").c_str(), stream_ratio,
+              peak_kib / 1024.0);
+  std::printf("small  %d batches of %lu GETs on one connection: %s, reused libcurl handle %s, "
+              "ratio of medians %.2f (goal >= 1.0)\n",
+              batches, per_batch, Spread(ours_small.Map(request_rate), "%.0f", "req/s").c_str(),
+              Spread(curl_small.Map(request_rate), "%.0f", "req/s").c_str(), small_ratio);
 
-  using tq::bench::Figure;
   tq::bench::Report("WinINet layer: stream " + std::to_string(stream_mib) +
                         " MiB, 8 MiB InternetReadFile vs curl -o /dev/null",
-                    Figure("%.0f MiB/s", ours_mibs), Figure("%.0f MiB/s", curl_mibs),
-                    ours_mibs / curl_mibs, ">= 0.90", ours_mibs / curl_mibs >= 0.9);
-  tq::bench::Report("WinINet layer: peak RSS while streaming", Figure("%.1f MiB", peak_kib / 1024.0),
-                    "-", peak_kib / 1024.0 / 64.0, "< 64 MiB (ratio to 64)", peak_kib < 64 * 1024);
-  tq::bench::Report("WinINet layer: " + std::to_string(small_requests) +
+                    Spread(ours_stream.Map(stream_rate), "%.0f", "MiB/s"),
+                    Spread(curl_stream.Map(stream_rate), "%.0f", "MiB/s"), stream_ratio,
+                    ">= 0.90", stream_ratio >= 0.9);
+  tq::bench::Report("WinINet layer: peak RSS while streaming",
+                    tq::bench::Figure("%.1f MiB", peak_kib / 1024.0), "-",
+                    peak_kib / 1024.0 / 64.0, "< 64 MiB (ratio to 64)", peak_kib < 64 * 1024);
+  tq::bench::Report("WinINet layer: " + std::to_string(per_batch * batches) +
                         " small GETs on one connection vs reused libcurl handle",
-                    Figure("%.0f req/s", ours_rate), Figure("%.0f req/s", curl_rate),
-                    ours_rate / curl_rate, ">= 0.80", ours_rate / curl_rate >= 0.8);
+                    Spread(ours_small.Map(request_rate), "%.0f", "req/s"),
+                    Spread(curl_small.Map(request_rate), "%.0f", "req/s"), small_ratio, ">= 1.0",
+                    small_ratio >= 1.0);
   return 0;
 }

@@ -9,6 +9,7 @@
 
 #include "net/cache/cache_entry_format.h"
 #include "net/cache/downloads_in_flight.h"
+#include "net/cache/fresh_hit.h"
 #include "net/cache/freshness.h"
 #include "net/cache/stale_serving.h"
 #include "net/http/http_request.h"
@@ -90,15 +91,13 @@ fs::path LocationOfKey(const std::string& key, const fs::path& directory) {
   return directory / name;
 }
 
-// Throws filesystem_error (a file-system failure of the existence test) and the runtime errors
-// of key and path; the callers catch them.
-CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directory,
-                       bool keep_file_open = false) {
+// The lookup of `url`, whose entry file is `path` holding `key`. Throws filesystem_error (a
+// file-system failure of the existence test); the callers catch it.
+CacheLookup MakeLookupOf(std::wstring_view url, int flags, fs::path path, std::string key,
+                         bool keep_file_open) {
   CacheLookup lookup;
   lookup.m_url = std::wstring(url);
   lookup.m_flags = flags;
-  std::string key = DiskCache::UrlToCache(url);
-  fs::path path = LocationOfKey(key, directory);
   // The load comes first and the existence test only when it fails, which gives the same
   // answers with one look at the file fewer on the common path.
   try {
@@ -120,6 +119,15 @@ CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directo
     }
   }
   return lookup;
+}
+
+// Throws filesystem_error (a file-system failure of the existence test) and the runtime errors
+// of key and path; the callers catch them.
+CacheLookup MakeLookup(std::wstring_view url, int flags, const fs::path& directory,
+                       bool keep_file_open = false) {
+  std::string key = DiskCache::UrlToCache(url);
+  fs::path path = LocationOfKey(key, directory);
+  return MakeLookupOf(url, flags, std::move(path), std::move(key), keep_file_open);
 }
 
 // Whether the entry may be served stale later: recorded only by an open that asks for it, from
@@ -467,6 +475,7 @@ DiskCache::DiskCache(const wchar_t* directory) {
   }
   m_directory /= "v1";
   detail::EnsureCacheDirectory(m_directory);
+  m_names = std::make_unique<detail::EntryNameIndex>();
 }
 
 DiskCache::~DiskCache() = default;
@@ -488,7 +497,29 @@ fs::path DiskCache::ComputeCacheLocation(std::wstring_view url, const fs::path& 
 std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenUrl(std::wstring_view url,
                                                                     int flags,
                                                                     qv::stop_token stop) {
-  return OpenAfresh(url, flags, stop, m_directory);
+  try {
+    // The one reading of the clock for this open (see OpenAfresh).
+    const std::int64_t now = TqUSysTime::GetTimeNow();
+    // A URL opened before: its entry file's name is known, and a fresh entry whose use is
+    // recorded already is served by one open and one read.
+    std::shared_ptr<const detail::EntryName> name = m_names->Find(url);
+    if (name) {
+      if (auto stream = detail::OpenFreshEntryBody(*name, now)) {
+        return stream;
+      }
+    } else {
+      std::string key = UrlToCache(url);
+      fs::path path = LocationOfKey(key, m_directory);
+      name = std::make_shared<const detail::EntryName>(
+          detail::EntryName{std::move(path), std::move(key)});
+      m_names->Remember(url, name);
+    }
+    CacheLookup lookup = MakeLookupOf(url, flags, name->path, name->key, true);
+    lookup.m_now = now;
+    return OpenLookup(lookup, stop, m_directory);
+  } catch (const std::runtime_error&) {
+    return nullptr;
+  }
 }
 
 void DiskCache::Clear() {

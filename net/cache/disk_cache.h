@@ -18,12 +18,18 @@
 
 namespace qv::net {
 
+namespace detail {
+class EntryNameIndex;
+}  // namespace detail
+
 /// Holds nothing but its directory: every operation builds what it needs from the entry files
 /// and lets it go before returning, so the cache is the directory's contents and survives the
-/// process. Operations may run on several threads and in several processes at once and rely on
-/// the entry files' sharing rules (cache_entry.h). The one lock is that of the downloads in
-/// flight (downloads_in_flight.h): opens of one entry in one process that must ask the server
-/// share one request, instead of each sending its own and all but one losing their store.
+/// process. (It remembers which entry file each URL it opened maps to, which follows from the
+/// URL alone; the file is still read and checked on every open.) Operations may run on several
+/// threads and in several processes at once and rely on the entry files' sharing rules
+/// (cache_entry.h). The one lock is that of the downloads in flight (downloads_in_flight.h):
+/// opens of one entry in one process that must ask the server share one request, instead of
+/// each sending its own and all but one losing their store.
 class DiskCache : public IUrlCache {
  public:
   /// Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1),
@@ -66,6 +72,7 @@ class DiskCache : public IUrlCache {
   void EnforceSizeLimit();
 
   std::filesystem::path m_directory;
+  std::unique_ptr<detail::EntryNameIndex> m_names;
 };
 
 namespace detail {

@@ -17,7 +17,8 @@ struct CopyStreamResult {
 // Chunk size of CopyStream: 8 MiB.
 inline constexpr std::uint64_t kCopyChunkSize = 8388608;
 
-// Copies in 8 MiB chunks; the stop is checked after each written chunk. Read and write errors
+// Copies in chunks of up to 8 MiB (into a file, smaller reads, each overlapping the write of
+// the one before); the stop is checked after each written chunk. Read and write errors
 // (std::runtime_error) are logged and end the copy with completed false.
 CopyStreamResult CopyStream(qv::io::IDataReadStream& source,
                              qv::io::IDataWriteStream& target, qv::stop_token stop);

@@ -47,7 +47,7 @@ class HttpFileProtocolTest : public ProtocolTest {
   ScriptedServer server_;
 };
 
-TEST_F(HttpFileProtocolTest, BadUrlsNullAndForeignHandlesAreRefusedWithTheirMessage) {
+TEST_F(HttpFileProtocolTest, BadUrlsNullHandlesAndBadRangesAreRefusedWithTheirMessage) {
   EXPECT_EQ(TqUFileProtocolRegistry::Get()->Lookup(L"HTTPS"), protocol_);
   TqUFileInfo info;
   for (const wchar_t* url : {L"not a url", static_cast<const wchar_t*>(nullptr)}) {
@@ -58,25 +58,15 @@ TEST_F(HttpFileProtocolTest, BadUrlsNullAndForeignHandlesAreRefusedWithTheirMess
   EXPECT_EQ(protocol_->CreateThreadHandle(nullptr), nullptr);
   EXPECT_THAT(TakeLog(), IsEmpty());
 
-  // Memory that is no handle of this protocol is refused, never freed.
   SameAnswerServer server("HTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n");
   OpenedFile f(protocol_, server.Url("/f"));
   ASSERT_TRUE(f.ok());
-  alignas(8) unsigned char junk[64] = {1, 2, 3, 4};
-  EXPECT_FALSE(protocol_->CloseFile(reinterpret_cast<TqUFileHandle*>(junk)));
   std::vector<unsigned char> buffer(4);
-  TqUFileRequestHandle* request = protocol_->SetupReadFile(f.file(), 0, 4);
-  EXPECT_FALSE(protocol_->ReadFile(f.file(), reinterpret_cast<TqUThreadHandle*>(junk), request, 0,
-                                   4, buffer.data()));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
   EXPECT_EQ(f.Read(UINT64_MAX, 2, buffer.data()), -1);
-  protocol_->ReleaseRequestHandle(request);
   EXPECT_TRUE(server.heads().empty());
-  EXPECT_THAT(TakeLog(),
-              ElementsAre(Posted{1, "HttpFileProtocol::CloseFile invalid handle"},
-                          Posted{1, "HttpFileProtocol::ReadFile invalid handle"},
-                          Posted{1, "HttpFileProtocol::ReadFile invalid buffer or range for " +
-                                        f.url_utf8()}));
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{
+                             1, "HttpFileProtocol::ReadFile invalid buffer or range for " +
+                                    f.url_utf8()}));
 }
 
 // Handles are looked up among the live ones, never read: a released handle (reading it was a
@@ -176,43 +166,19 @@ TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstOpenReplacesTheDefault) {
 #endif
 }
 
-TEST_F(HttpFileProtocolTest, RangesRefusedCutOrIgnoredByTheServer) {
-  const std::string body = Bytes(900);
-  struct Case {
-    std::string response;
-    std::uint64_t offset;
-    std::int64_t count;
-    std::uint64_t total;
-    std::string bytes;
-  };
-  const Case cases[] = {
-      {"HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */900\r\n"
-       "Content-Length: 0\r\n\r\n",
-       1000, -1, 0, ""},
-      {"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 895-899/900\r\n"
-       "Content-Length: 5\r\n\r\n" + body.substr(895),
-       895, 5, 900, body.substr(895)},
-      // The whole file from its start: the first bytes of the 200's body are the ones asked for.
-      {"HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n" + body, 0, 10, 900, body.substr(0, 10)},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.response.substr(0, 20));
-    SameAnswerServer server(c.response);
-    OpenedFile f(protocol_, server.Url("/f"));
-    std::vector<unsigned char> buffer(10);
-    std::uint64_t total = 0;
-    EXPECT_EQ(f.Read(c.offset, 10, buffer.data(), &total), c.count);
-    if (c.count >= 0) {
-      EXPECT_EQ(total, c.total);
-    }
-    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + c.bytes.size()), c.bytes);
-    ASSERT_EQ(server.heads().size(), 1u);
-    EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=" + std::to_string(c.offset) +
-                                             "-" + std::to_string(c.offset + 9) + "\r\n"));
-    const Posted refused{1, "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for " +
-                                f.url_utf8() + ": 416"};
-    EXPECT_EQ(TakeLog(), c.count < 0 ? std::vector<Posted>{refused} : std::vector<Posted>{});
-  }
+// A range past the end: the server's 416 fails the read with its status, after one request for
+// exactly that range. (Ranges served, cut or ignored: the hostile and nginx tests.)
+TEST_F(HttpFileProtocolTest, ARangePastTheEndFailsWithTheStatusTheServerRefusedItWith) {
+  SameAnswerServer server("HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */900\r\n"
+                          "Content-Length: 0\r\n\r\n");
+  OpenedFile f(protocol_, server.Url("/f"));
+  std::vector<unsigned char> buffer(10);
+  EXPECT_EQ(f.Read(1000, 10, buffer.data()), -1);
+  ASSERT_EQ(server.heads().size(), 1u);
+  EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=1000-1009\r\n"));
+  const std::string line =
+      "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for " + f.url_utf8();
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, line + ": 416"}));
 }
 
 TEST_F(HttpFileProtocolTest, ReadOf4GiBOrMoreAsksForEveryByte) {

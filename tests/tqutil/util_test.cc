@@ -16,7 +16,6 @@
 #include "tqutil/crypt_hash.h"
 #include "tqutil/error_log.h"
 #include "tqutil/memory_pages.h"
-#include "tqutil/option.h"
 #include "tqutil/stop_token.h"
 #include "tqutil/sys_time.h"
 
@@ -76,13 +75,6 @@ TEST(CryptHashTest, Sha256InPiecesAndTruncated) {
   EXPECT_EQ(hex(digest, 32), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   ASSERT_TRUE(TqUSysCryptHash::Create(0)->GenerateAndDestroy(digest, 5));
   EXPECT_EQ(hex(digest, 5), "e3b0c44298");
-}
-
-TEST(OptionTest, HostValuesOverrideDefaults) {
-  TqUOption::SetInt32("general.localcache.max_size", -3);
-  EXPECT_EQ(TqUOption::GetInt32("general.localcache.max_size"), -3);
-  TqUOption::Unset("general.localcache.max_size");
-  EXPECT_EQ(TqUOption::GetInt32("general.localcache.max_size"), 1024);
 }
 
 TEST(SysTimeTest, FromFileTimeIsExactAndRoundsDown) {
