@@ -33,8 +33,9 @@ bool ReleaseRecord(Handle* handle, const wchar_t* operation) {
 namespace detail {
 
 void RefuseHandle(const wchar_t* operation) {
-  SetLastError(ERROR_INVALID_HANDLE);
+  // Set after the post: writing the log may touch the thread's last error on Windows.
   TqUError::Post(1, &FileProtocolComponent(), L"HttpFileProtocol::%s invalid handle", operation);
+  SetLastError(ERROR_INVALID_HANDLE);
 }
 
 TqUComponent& FileProtocolComponent() {

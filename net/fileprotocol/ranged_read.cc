@@ -105,10 +105,10 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
   // The range's last byte must be representable, and the bytes must have somewhere to go.
   if (buffer == nullptr || size - 1 > UINT64_MAX - offset ||
       size > static_cast<std::uint64_t>(INT64_MAX)) {
-    SetLastError(ERROR_INVALID_PARAMETER);
     TqUError::Post(1, &detail::FileProtocolComponent(),
                    L"HttpFileProtocol::ReadFile invalid buffer or range for %s",
                    file_record->UrlText().GetString());
+    SetLastError(ERROR_INVALID_PARAMETER);  // after the post, as for a refused handle
     return -1;
   }
   const TqUWideString& url = file_record->UrlText();

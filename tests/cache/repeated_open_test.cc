@@ -165,11 +165,18 @@ TEST_F(RepeatedOpenTest, AnOpenBodyKeepsWritersOutAndReadsOnAcrossARename) {
   EXPECT_EQ(writer, TqUSysFile::kInvalid) << "a writer got in while a body was being read";
   if (writer != TqUSysFile::kInvalid) TqUSysFile::CloseFile(writer);
 
+#if defined(_WIN32)
+  // Windows lets no file be renamed over one that is open: the store waits for the reader.
+  const std::string stored_body = old_body;
+  EXPECT_EQ(first + ReadAll(*stream), old_body);
+#else
+  const std::string stored_body = "new body";
   const fs::path temporary = fs::path(EntryPath()) += ".new";
   WriteFileBytes(temporary, EntryBytes(kNow, kNever, "\"t\"", kKey, "new body"));
   fs::rename(temporary, EntryPath());
   EXPECT_EQ(first + ReadAll(*stream), old_body);
   EXPECT_EQ(Open(), "new body");
+#endif
 
   stream.reset();
   writer = TqUSysFile::OpenFile(EntryPath(), TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
@@ -179,7 +186,7 @@ TEST_F(RepeatedOpenTest, AnOpenBodyKeepsWritersOutAndReadsOnAcrossARename) {
   m_api.Queue(Ok("while written"));
   EXPECT_EQ(Open(), "while written");
   if (writer != TqUSysFile::kInvalid) TqUSysFile::CloseFile(writer);
-  EXPECT_EQ(Open(), "new body");
+  EXPECT_EQ(Open(), stored_body);
 }
 
 #if !defined(_WIN32)
