@@ -391,56 +391,52 @@ void TqUSysFile::SetOpenHookForTesting(std::function<void()> hook) {
   TheOpenHook().Set(std::move(hook));
 }
 
-bool TqUSysFile::ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read) {
-  if (read) *read = 0;
-  if (!IsLive(file) || (!buffer && size > 0) || TqUSysFileFaults::Fails("read")) return false;
-#if defined(_WIN32)
-  const DWORD chunk = static_cast<DWORD>(std::min<std::uint64_t>(size, 1u << 30));
-  DWORD got = 0;
-  if (!::ReadFile(file->file, buffer, chunk, &got, nullptr)) return false;
-  if (read) *read = got;
-  return true;
-#else
-  const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(size, 1u << 30));
-  ssize_t got;
-  do {
-    got = ::read(file->fd, buffer, chunk);
-  } while (got < 0 && errno == EINTR);
-  if (got < 0) return false;
-  if (read) *read = static_cast<std::uint64_t>(got);
-  return true;
-#endif
-}
+namespace {
 
-bool TqUSysFile::ReadFileAt(Handle file, void* buffer, std::uint64_t size, std::uint64_t offset,
-                            std::uint64_t* read) {
+// One read of at most 1 GiB, at the file's position or, given `offset`, at that offset without
+// moving the position.
+bool ReadOnce(TqUSysFile::Handle file, void* buffer, std::uint64_t size,
+              const std::uint64_t* offset, std::uint64_t* read) {
   if (read) *read = 0;
   if (!IsLive(file) || (!buffer && size > 0) ||
-      offset > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+      (offset && *offset > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) ||
+      TqUSysFileFaults::Fails("read")) {
     return false;
   }
 #if defined(_WIN32)
   const DWORD chunk = static_cast<DWORD>(std::min<std::uint64_t>(size, 1u << 30));
   OVERLAPPED at = {};
-  at.Offset = static_cast<DWORD>(offset & 0xFFFFFFFFu);
-  at.OffsetHigh = static_cast<DWORD>(offset >> 32);
-  DWORD got = 0;
-  if (!::ReadFile(file->file, buffer, chunk, &got, &at)) {
-    // A synchronous read at or past the end reports the end as an error.
-    return ::GetLastError() == ERROR_HANDLE_EOF;
+  if (offset) {
+    at.Offset = static_cast<DWORD>(*offset & 0xFFFFFFFFu);
+    at.OffsetHigh = static_cast<DWORD>(*offset >> 32);
   }
-  if (read) *read = got;
-  return true;
+  DWORD got = 0;
+  if (!::ReadFile(file->file, buffer, chunk, &got, offset ? &at : nullptr)) {
+    // A synchronous read at an offset at or past the end reports the end as an error.
+    return offset && ::GetLastError() == ERROR_HANDLE_EOF;
+  }
 #else
   const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(size, 1u << 30));
   ssize_t got;
   do {
-    got = ::pread(file->fd, buffer, chunk, static_cast<off_t>(offset));
+    got = offset ? ::pread(file->fd, buffer, chunk, static_cast<off_t>(*offset))
+                 : ::read(file->fd, buffer, chunk);
   } while (got < 0 && errno == EINTR);
   if (got < 0) return false;
+#endif
   if (read) *read = static_cast<std::uint64_t>(got);
   return true;
-#endif
+}
+
+}  // namespace
+
+bool TqUSysFile::ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read) {
+  return ReadOnce(file, buffer, size, nullptr, read);
+}
+
+bool TqUSysFile::ReadFileAt(Handle file, void* buffer, std::uint64_t size, std::uint64_t offset,
+                            std::uint64_t* read) {
+  return ReadOnce(file, buffer, size, &offset, read);
 }
 
 bool TqUSysFile::WriteFile(Handle file, const void* buffer, std::uint64_t size,
