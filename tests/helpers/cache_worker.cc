@@ -59,7 +59,7 @@ int Churn(const std::wstring& directory, int iterations) {
 }
 
 int KillMidStore(const std::wstring& directory) {
-  tq::test::HookedFakeHttpApi api;
+  tq::test::FakeHttpApi api;
   qv::net::SetHttpApi(&api);
   std::atomic<int> reads{0};
   api.on_read = [&] {

@@ -9,42 +9,32 @@
 
 namespace tq::test {
 
-// Installs a capturing sink; the destructor puts back the sink that was there before. Records
-// from every thread are captured. Not nestable across threads: one capture at a time.
+// Installs a capturing sink for the records of every thread; the destructor puts back the sink
+// that was there before. One capture at a time.
 class LogCapture {
  public:
-  LogCapture() {
-    m_previous = TqUError::SetSink([this](const TqULogRecord& record) {
-      std::lock_guard lock(m_mutex);
-      m_records.push_back(record);
-    });
-  }
+  LogCapture()
+      : m_previous(TqUError::SetSink([this](const TqULogRecord& record) {
+          std::lock_guard lock(m_mutex);
+          m_records.push_back(record);
+        })) {}
   ~LogCapture() { TqUError::SetSink(std::move(m_previous)); }
   LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<TqULogRecord> Records() const {
     std::lock_guard lock(m_mutex);
     return m_records;
   }
-
-  // The texts of the records, in order.
-  std::vector<std::string> Lines() const {
-    std::lock_guard lock(m_mutex);
+  std::vector<std::string> Lines() const {  // the texts of the records, in order
     std::vector<std::string> lines;
-    lines.reserve(m_records.size());
-    for (const auto& r : m_records) lines.push_back(r.text);
+    for (const auto& r : Records()) lines.push_back(r.text);
     return lines;
   }
-
-  // Every text, concatenated.
-  std::string Text() const {
-    std::lock_guard lock(m_mutex);
+  std::string Text() const {  // every text, concatenated
     std::string text;
-    for (const auto& r : m_records) text += r.text;
+    for (const auto& r : Records()) text += r.text;
     return text;
   }
-
   void Clear() {
     std::lock_guard lock(m_mutex);
     m_records.clear();

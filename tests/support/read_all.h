@@ -2,8 +2,6 @@
 // picks the chunk its expectations are written for).
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <string>
 #include <vector>
 
