@@ -86,7 +86,9 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
     answer.dates[L"Date"] = 1000;
     answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"");
     answer.Header(L"Content-Length", std::to_wstring(new_body.size()));
-    for (std::size_t at = 0; at < new_body.size(); at += 30000) answer.Body(new_body.substr(at, 30000));
+    for (std::size_t at = 0; at < new_body.size(); at += 30000) {
+      answer.Body(new_body.substr(at, 30000));
+    }
     m_api.Queue(answer);
     m_log.Clear();
     const int descriptors = OpenDescriptors();
@@ -139,77 +141,6 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
   }
 }
 
-
-// The fake transport behind a counter: the call numbered `fail_at` (CloseHandle never counts:
-// a handle is always given back) fails as a transport reports failure (a null handle, status 0,
-// no header, a failed read), and the wrapper notes what it was.
-class FailingCallApi : public qv::net::IHttpApi {
- public:
-  explicit FailingCallApi(qv::net::IHttpApi& inner) : m_inner(inner) {}
-  void Arm(std::uint64_t fail_at) { m_fail_at = fail_at, m_count = 0, m_sends = 0, m_failed.clear(); }
-  std::uint64_t Count() const { return m_count; }
-  const std::string& Failed() const { return m_failed; }  // "" while none has failed
-  int SendsBeforeFailure() const { return m_sends_before_failure; }
-
-  void* OpenInternet(const wchar_t* agent) override {
-    return Fails("OpenInternet") ? nullptr : m_inner.OpenInternet(agent);
-  }
-  void* Connect(void* internet, const TqUURL& url) override {
-    return Fails("Connect") ? nullptr : m_inner.Connect(internet, url);
-  }
-  void* SendRequest(void* connection, const qv::net::HttpRequest& request,
-                    const wchar_t** accept, bool& sent) override {
-    sent = false;
-    if (Fails("Send")) return nullptr;
-    ++m_sends;
-    return m_inner.SendRequest(connection, request, accept, sent);
-  }
-  std::uint32_t QueryStatusCode(void* request) override {
-    return Fails("Status") ? 0 : m_inner.QueryStatusCode(request);
-  }
-  std::optional<std::wstring> QueryHeader(void* request, const qv::net::HttpHeaderSelector& header,
-                                          std::uint32_t* index) override {
-    if (Fails(IsETag(header) ? "ETag" : "Header")) return std::nullopt;
-    return m_inner.QueryHeader(request, header, index);
-  }
-  std::optional<std::uint32_t> QueryHeaderNumeric(void* request,
-                                                  const qv::net::HttpHeaderSelector& header,
-                                                  std::uint32_t* index) override {
-    if (Fails("Numeric")) return std::nullopt;
-    return m_inner.QueryHeaderNumeric(request, header, index);
-  }
-  std::optional<std::int64_t> QueryHeaderDateTime(void* request,
-                                                  const qv::net::HttpHeaderSelector& header,
-                                                  std::uint32_t* index) override {
-    if (Fails("Date")) return std::nullopt;
-    return m_inner.QueryHeaderDateTime(request, header, index);
-  }
-  bool Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& read) override {
-    read = 0;
-    return !Fails("Read") && m_inner.Read(request, buffer, size, read);
-  }
-  bool CloseHandle(void* handle) override { return m_inner.CloseHandle(handle); }
-
- private:
-  static bool IsETag(const qv::net::HttpHeaderSelector& header) {
-    const auto* known = std::get_if<qv::net::HttpHeader>(&header);
-    return known != nullptr && *known == qv::net::HttpHeader::ETag;
-  }
-  bool Fails(const char* call) {
-    if (m_count++ != m_fail_at) return false;
-    m_failed = call;
-    m_sends_before_failure = m_sends;
-    return true;
-  }
-
-  qv::net::IHttpApi& m_inner;
-  std::uint64_t m_fail_at = 0;
-  std::uint64_t m_count = 0;
-  int m_sends = 0;
-  int m_sends_before_failure = 0;
-  std::string m_failed;
-};
-
 using ReadStreamFaultLoop = FakeTransportTest;
 
 TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfThatCall) {
@@ -227,8 +158,19 @@ TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfTh
     if (sent.method == L"GET") r.Body("first-").Body("second-").Body("third");
     return r;
   });
-  FailingCallApi api(m_api);
-  qv::net::IHttpApi* const fake = qv::net::SetHttpApi(&api);
+  // The call numbered `fail_at` fails (CloseHandle never counts: a handle is always given back).
+  std::uint64_t count = 0, fail_at = 0;
+  std::string failed;  // "" while none has failed
+  int sends_made = 0, sends_before = 0;  // before the failure: 0 HEAD, 1 first GET, 2 retry
+  m_api.fail_call = [&](const std::string& call) {
+    if (count++ == fail_at) {
+      failed = call.substr(0, call.find(' '));
+      sends_before = sends_made;
+      return true;
+    }
+    sends_made += call.starts_with("Send ");
+    return false;
+  };
 
   bool read = false;
   for (std::uint64_t n = 0; !read; ++n) {
@@ -237,7 +179,7 @@ TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfTh
     sends = 0;
     m_log.Clear();
     const std::size_t sleeps_before = Sleeps().size();
-    api.Arm(n);
+    count = 0, fail_at = n, sends_made = 0, failed.clear();
 
     std::string got;
     std::string error;
@@ -248,8 +190,6 @@ TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfTh
     } catch (const qv::net::http_exception& e) {
       error = e.what();
     }
-    const std::string failed = api.Failed();
-    const int sends_before = api.SendsBeforeFailure();  // 0: HEAD, 1: first GET, 2: retry
     read = failed.empty();
     SCOPED_TRACE("call " + std::to_string(n) + " failed: " + (read ? "none" : failed) +
                  " after " + std::to_string(sends_before) + " sends");
@@ -300,7 +240,7 @@ TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfTh
     qv::net::HttpConnectionPool::Terminate();
     EXPECT_EQ(m_api.OpenHandles(), 0u) << "handles left open";
   }
-  qv::net::SetHttpApi(fake);
+  m_api.fail_call = {};
 }
 
 }  // namespace
