@@ -121,6 +121,7 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
       const bool old_whole = EntryBody(bytes, "\"old\"", key) == old_body;
       const bool new_whole = EntryBody(bytes, "\"new\"", key) == new_body;
       EXPECT_TRUE(old_whole || new_whole) << "torn entry of " << bytes.size() << " bytes";
+      EXPECT_FALSE(old_whole && served == "<null>") << "a refresh that failed kept the old entry";
     }
     EXPECT_FALSE(fs::exists(temporary)) << "temporary file left behind";
     EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptor leaked";
@@ -163,6 +164,7 @@ TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfTh
   std::string failed;  // "" while none has failed
   int sends_made = 0, sends_before = 0;  // before the failure: 0 HEAD, 1 first GET, 2 retry
   m_api.fail_call = [&](const std::string& call) {
+    if (failed == "Read" && call == "Read") return true;  // a broken transfer stays broken
     if (count++ == fail_at) {
       failed = call.substr(0, call.find(' '));
       sends_before = sends_made;
@@ -220,6 +222,8 @@ TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfTh
       EXPECT_TRUE(stream->Succeeded());
       EXPECT_EQ(error, "Unable to read HTTP data\n");
       EXPECT_THAT(got, AnyOf("", "first-", "first-second-", body));
+      char byte = 0;
+      EXPECT_THROW(stream->Read(&byte, 1), qv::net::http_exception) << "the failure sticks";
       EXPECT_TRUE(retried);
     } else {
       // Anything else (the HEAD failing at any step, or a header query of the GET) still reads
