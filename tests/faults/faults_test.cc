@@ -4,8 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #if !defined(_WIN32)
-#include <signal.h>
 #include <sys/resource.h>
+
+#include <csignal>
 #endif
 
 #include <algorithm>
@@ -41,24 +42,18 @@ using ::testing::IsEmpty;
 
 // Ends the run with a failure when the scope it guards hangs. Nothing is timed: every call here
 // ends long before the limit (a stall ends at the receive time-out the fixture sets).
-class HangGuard {
- public:
-  HangGuard()
-      : watchdog_([this] {
-          if (done_.get_future().wait_for(std::chrono::minutes(2)) != std::future_status::ready) {
-            std::fprintf(stderr, "a call hung in %s\n",
-                         ::testing::UnitTest::GetInstance()->current_test_info()->name());
-            std::_Exit(1);
-          }
-        }) {}
+struct HangGuard {
+  std::promise<void> done;
+  std::thread watchdog{[this] {
+    if (done.get_future().wait_for(std::chrono::minutes(2)) == std::future_status::ready) return;
+    std::fprintf(stderr, "a call hung in %s\n",
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::_Exit(1);
+  }};
   ~HangGuard() {
-    done_.set_value();
-    watchdog_.join();
+    done.set_value();
+    watchdog.join();
   }
-
- private:
-  std::promise<void> done_;
-  std::thread watchdog_;
 };
 
 // The library started as a host starts it, with short process-wide time-outs (inherited by
@@ -215,28 +210,20 @@ TEST_F(FileProtocolFaultTest, EachServerFaultEndsAReadAndADownloadInItsResultAnd
 // on a full disk, without root or a mount; SIGXFSZ is ignored so the write fails instead of the
 // signal ending the process. Process-wide: held only around one call while no other thread of
 // the test writes files.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(std::uint64_t bytes) {
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    have_action_ = sigaction(SIGXFSZ, &ignore, &previous_action_) == 0;
-    have_limit_ = getrlimit(RLIMIT_FSIZE, &previous_limit_) == 0;
-    rlimit limit = previous_limit_;
-    const rlim_t wanted = static_cast<rlim_t>(bytes);
-    limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
-    ok_ = have_action_ && have_limit_ && setrlimit(RLIMIT_FSIZE, &limit) == 0;
+struct FileSizeLimit {
+  explicit FileSizeLimit(rlim_t bytes) : previous_handler(std::signal(SIGXFSZ, SIG_IGN)) {
+    if (previous_handler == SIG_ERR || getrlimit(RLIMIT_FSIZE, &previous) != 0) return;
+    rlimit limit = previous;
+    limit.rlim_cur = std::min(bytes, previous.rlim_max);  // RLIM_INFINITY is the largest
+    ok = setrlimit(RLIMIT_FSIZE, &limit) == 0;
   }
   ~FileSizeLimit() {
-    if (have_limit_) setrlimit(RLIMIT_FSIZE, &previous_limit_);
-    if (have_action_) sigaction(SIGXFSZ, &previous_action_, nullptr);
+    if (ok) setrlimit(RLIMIT_FSIZE, &previous);
+    if (previous_handler != SIG_ERR) std::signal(SIGXFSZ, previous_handler);
   }
-  bool ok() const { return ok_; }
-
- private:
-  bool ok_ = false, have_action_ = false, have_limit_ = false;
-  struct sigaction previous_action_ {};
-  rlimit previous_limit_{};
+  void (*previous_handler)(int);
+  rlimit previous{};
+  bool ok = false;
 };
 
 // On Windows the URL Moniker writes the downloads, out of a test's reach.
@@ -249,12 +236,12 @@ TEST_F(FileProtocolFaultTest, ADownloadOntoAFullDiskKeepsTheOldFileAndLeavesNoth
   ASSERT_TRUE(server.ok());
   server.Route("/big", ScriptedResponse(200, body));
   const std::wstring url = W(server.Url("/big"));
-  for (const std::uint64_t limit : {std::uint64_t{0}, std::uint64_t{64 * 1024}, body.size() - 1}) {
+  for (const rlim_t limit : {rlim_t{0}, rlim_t{64 * 1024}, rlim_t{body.size() - 1}}) {
     SCOPED_TRACE("file size limit " + std::to_string(limit));
     bool done = true;
     {
       FileSizeLimit full(limit);
-      ASSERT_TRUE(full.ok());
+      ASSERT_TRUE(full.ok);
       done = protocol_->GetFile(url.c_str(), target.wstring().c_str(), nullptr);
     }
     EXPECT_FALSE(done);

@@ -22,26 +22,18 @@ TEST(DecimalTest, OnlyDigitsWithinTheLimitAreANumber) {
     std::optional<std::uint64_t> expected;
   };
   const Case cases[] = {
-      {"0", kMax, 0},
       {"007", kMax, 7},
-      {"1234567890", kMax, 1234567890},
       {"18446744073709551615", kMax, kMax},             // the largest
       {"18446744073709551616", kMax, std::nullopt},     // one past it
       {"99999999999999999999", kMax, std::nullopt},     // past it with a larger digit
       {"184467440737095516150", kMax, std::nullopt},    // ten times it
       {"4294967295", 4294967295u, 4294967295u},         // a smaller limit, reached
       {"4294967296", 4294967295u, std::nullopt},        // and passed
-      {"65536", 65535, std::nullopt},
       {"9", 5, std::nullopt},                           // a single digit over the limit
-      {"0", 0, 0},
       {"", kMax, std::nullopt},                         // empty
       {"-1", kMax, std::nullopt},                       // a sign
-      {"+1", kMax, std::nullopt},
       {" 12", kMax, std::nullopt},                      // white space
-      {"12 ", kMax, std::nullopt},
       {"12abc", kMax, std::nullopt},                    // trailing junk
-      {"0x10", kMax, std::nullopt},
-      {"1.5", kMax, std::nullopt},
       {std::string_view("12\0", 3), kMax, std::nullopt},  // a terminator counted in
       {"\xD9\xA1", kMax, std::nullopt},                 // a digit of another script
   };
@@ -64,11 +56,9 @@ TEST(DecimalTest, TakingANumberOffTheFrontLeavesTheRestOrNothingOnRefusal) {
   };
   const Case cases[] = {
       {"0-99/100", 0, "-99/100"},
-      {"42", 42, ""},
       {"-1", std::nullopt, "-1"},
       {"", std::nullopt, ""},
-      {"/5", std::nullopt, "/5"},
-      {"18446744073709551616-1", std::nullopt, "18446744073709551616-1"},
+      {"18446744073709551616-1", std::nullopt, "18446744073709551616-1"},  // too large
   };
   for (const Case& c : cases) {
     std::string_view text = c.text;

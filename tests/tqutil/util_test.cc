@@ -106,31 +106,30 @@ TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
 #else
 TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
   // The variables as they were, back for the tests that run after this one in the process.
-  struct Restore {
-    std::optional<std::string> xdg = Get("XDG_CACHE_HOME"), home = Get("HOME");
-    static std::optional<std::string> Get(const char* name) {
-      const char* value = std::getenv(name);
-      return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
-    }
-    static void Put(const char* name, const std::optional<std::string>& value) {
-      value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
-    }
-    ~Restore() {
-      Put("XDG_CACHE_HOME", xdg);
-      Put("HOME", home);
-    }
-  } restore;
-  TqUWideStringBuffer dir;
-  ::setenv("XDG_CACHE_HOME", "/xdg/cache", 1);
-  ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
-  EXPECT_EQ(dir.View(), L"/xdg/cache/tqnetwork");
-  ::setenv("XDG_CACHE_HOME", "relative/ignored", 1);
-  ::setenv("HOME", "/home/u/", 1);
-  ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &dir));
-  EXPECT_EQ(dir.View(), L"/home/u/.cache/tqnetwork");
-  ::unsetenv("XDG_CACHE_HOME");
-  ::unsetenv("HOME");
-  EXPECT_FALSE(TqUAppInfo::GetAppDir(0, &dir));
+  const auto get = [](const char* name) -> std::optional<std::string> {
+    const char* value = std::getenv(name);
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+  };
+  const auto put = [](const char* name, const std::optional<std::string>& value) {
+    value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
+  };
+  const std::optional<std::string> xdg = get("XDG_CACHE_HOME"), home = get("HOME");
+  struct Case {
+    std::optional<std::string> xdg, home;
+    const wchar_t* expected;  // null: no directory
+  };
+  const Case cases[] = {{"/xdg/cache", "/home/u", L"/xdg/cache/tqnetwork"},
+                        {"relative/ignored", "/home/u/", L"/home/u/.cache/tqnetwork"},
+                        {std::nullopt, std::nullopt, nullptr}};
+  for (const Case& c : cases) {
+    put("XDG_CACHE_HOME", c.xdg);
+    put("HOME", c.home);
+    TqUWideStringBuffer dir;
+    EXPECT_EQ(TqUAppInfo::GetAppDir(0, &dir), c.expected != nullptr);
+    if (c.expected != nullptr) EXPECT_EQ(dir.View(), c.expected);
+  }
+  put("XDG_CACHE_HOME", xdg);
+  put("HOME", home);
 }
 #endif
 
@@ -159,6 +158,37 @@ TEST(ErrorLogTest, PiecesMakeOneLineAndSinksAreRestored) {
   std::thread([] { TqUSysError::LogUTF8String("unfinished"); }).join();  // flushed at thread end
   EXPECT_EQ(outer, Lines{"unfinished"});
   TqUError::SetSink(std::move(before));
+}
+
+Lines Texts(const std::vector<TqULogRecord>& records) {
+  Lines texts;
+  for (const TqULogRecord& r : records) texts.push_back(r.text);
+  return texts;
+}
+
+// A recorder keeps the calling thread's records, and only those, while they still reach the
+// sink; recorders nest.
+TEST(ErrorLogTest, ARecorderKeepsTheThreadsOwnRecordsWhichStillReachTheSinkAndNests) {
+  LogCapture log;
+  Lines outer_texts, inner_texts;
+  {
+    TqULogRecorder outer;
+    TqUSysError::LogUTF8String("first ");
+    TqUError::LogInt32(1);
+    TqUSysError::LogUTF8String("\n");
+    std::thread([] { TqUSysError::LogUTF8String("another thread\n"); }).join();
+    {
+      TqULogRecorder inner;
+      TqUError::Post(2, nullptr, L"posted %d", 7);
+      inner_texts = Texts(inner.Records());
+    }
+    TqUSysError::LogUTF8String("last\n");
+    outer_texts = Texts(outer.TakeRecords());
+  }
+  TqUSysError::LogUTF8String("after\n");
+  EXPECT_EQ(inner_texts, Lines{"posted 7"});
+  EXPECT_EQ(outer_texts, (Lines{"first 1\n", "last\n"}));
+  EXPECT_EQ(log.Lines(), (Lines{"first 1\n", "another thread\n", "posted 7", "last\n", "after\n"}));
 }
 
 TEST(ErrorLogTest, LinesOfManyThreadsNeverInterleave) {
