@@ -58,7 +58,7 @@ class FakeHttpApi : public qv::net::IHttpApi {
  public:
   static constexpr std::chrono::seconds kMaxBlock{10};  // a failing test cannot hang
 
-  // --- script ---
+  // Answered to the next SendRequest, in order.
   void Queue(FakeResponse r) { Locked([&] { m_queue.push_back(std::move(r)); }); }
   // Answers SendRequest when the queue is empty; without one an unscripted send fails the test.
   void SetResponder(std::function<FakeResponse(const SentRequest&)> responder) {
@@ -76,7 +76,6 @@ class FakeHttpApi : public qv::net::IHttpApi {
   // header, a failed read).
   std::function<bool(const std::string& call)> fail_call;
 
-  // --- records ---
   // "OpenInternet", "Connect host:port", "Send GET url", "Status", "Header", "Numeric", "Date",
   // "Read", "Close": one entry per call, in order.
   std::vector<std::string> Calls() const { return Locked([&] { return m_calls; }); }
@@ -93,7 +92,6 @@ class FakeHttpApi : public qv::net::IHttpApi {
   std::size_t OpenHandles() const { return Locked([&] { return m_handles.size(); }); }
   int CloseCount() const { return CountCalls("Close"); }
 
-  // --- IHttpApi ---
   void* OpenInternet(const wchar_t* user_agent) override;
   void* Connect(void* internet, const TqUURL& url) override;
   void* SendRequest(void* connection, const qv::net::HttpRequest& request,
