@@ -239,6 +239,31 @@ TEST(SysFileTest, ADirectoryListsSizesAndRemovesByNameWithoutFollowingLinks) {
   EXPECT_EQ(TqUSysDirectory(dir / "none").Error(), std::errc::no_such_file_or_directory);
 }
 
+// A read at an offset reads there, wherever the file's position stands, and only within the
+// file.
+TEST(SysFileTest, AReadAtAnOffsetReadsThereOnlyWithinTheFile) {
+  tq::test::TempDir dir;
+  WriteText(dir / "file", "0123456789abcdefghij");
+  Open file(dir / "file", kRead);
+  char first[4] = {};
+  std::uint64_t got = 99;
+  ASSERT_TRUE(F::ReadFile(file.h, first, sizeof first, &got));
+  ASSERT_EQ(std::string(first, got), "0123");
+  const std::tuple<std::uint64_t, std::uint64_t, std::string> cases[] = {
+      {0, 5, "01234"}, {10, 4, "abcd"}, {15, 100, "fghij"}, {20, 8, ""}, {1000, 8, ""}, {7, 0, ""}};
+  for (const auto& [offset, size, expected] : cases) {
+    std::string buffer(size, '\0');
+    ASSERT_TRUE(F::ReadFileAt(file.h, buffer.data(), size, offset, &got)) << offset;
+    EXPECT_EQ(buffer.substr(0, got), expected) << offset;
+  }
+#if !defined(_WIN32)  // Windows moves the position
+  ASSERT_TRUE(F::ReadFile(file.h, first, sizeof first, &got));
+  EXPECT_EQ(std::string(first, got), "4567") << "the sequential reads go on where they stopped";
+#endif
+  EXPECT_FALSE(F::ReadFileAt(file.h, first, 1, std::uint64_t{1} << 63, &got));
+  EXPECT_EQ(got, 0u);
+}
+
 TEST(MemoryStreamTest, StreamsOverOneSinkKeepTheirOwnPositions) {
   auto first = std::make_unique<qv::io::MemoryStream>();
   first->Write("abcdef", 6);
