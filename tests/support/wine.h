@@ -17,7 +17,8 @@ namespace tq::test {
 // True in a Windows program run by Wine: Wine's ntdll exports wine_get_version, Windows' does not.
 inline bool IsWine() {
 #ifdef _WIN32
-  static const bool wine = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version");
+  static const bool wine =
+      GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
   return wine;
 #else
   return false;
