@@ -151,7 +151,9 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
                         ? directory.OpenFile(name.c_str(), m.access, m.share, m.creation, 0, 0)
                         : F::OpenFile(dir.path() / name, m.access, m.share, m.creation, 0, 0);
       std::uint64_t n = 0;
-      if (h && !write.empty()) EXPECT_TRUE(F::WriteFile(h, write.data(), write.size(), &n));
+      if (h && !write.empty()) {
+        EXPECT_TRUE(F::WriteFile(h, write.data(), write.size(), &n));
+      }
       F::CloseFile(h);
       return h != nullptr;
     };

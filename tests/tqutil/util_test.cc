@@ -126,7 +126,9 @@ TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
     put("HOME", c.home);
     TqUWideStringBuffer dir;
     EXPECT_EQ(TqUAppInfo::GetAppDir(0, &dir), c.expected != nullptr);
-    if (c.expected != nullptr) EXPECT_EQ(dir.View(), c.expected);
+    if (c.expected != nullptr) {
+      EXPECT_EQ(dir.View(), c.expected);
+    }
   }
   put("XDG_CACHE_HOME", xdg);
   put("HOME", home);
