@@ -5,9 +5,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #endif
 
@@ -32,7 +37,6 @@
 #include "net/http/wininet_api.h"
 #include "net/stream/open_file_or_url.h"
 #include "tests/cache/cache_test_support.h"
-#include "tests/cache/worker_process.h"
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/temp_dir.h"
@@ -392,65 +396,57 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
   }
 }
 
-// A download that cannot be finished serves nothing, leaves no file, and logs its line; a body
-// that must not be stored is served and takes the old entry with it. (A store failing at each
+// A body that must not be stored is served and takes the old entry with it; a download that
+// cannot be finished serves nothing, leaves no file, and logs its line. (A store failing at each
 // file operation: tests/faults.)
 TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
+  WriteFileBytes(EntryPath(), EntryBytes(1, 2, "\"old\"", kKey, "old"));
+  m_api.Queue(Ok("private", L"no-store", L"\"b\""));
+  EXPECT_EQ(Open(), "private");
+  EXPECT_THAT(Remaining(), IsEmpty());
+
   FakeResponse short_body = Ok("12345", L"no-store", std::nullopt);
   short_body.headers.back().second = L"10";  // "Content-Length"
   FakeResponse broken = Ok("", L"no-store", std::nullopt);
   broken.Body("part").Body("rest").read_fails_after = 1;
   FakeResponse two_chunks = Ok("", L"max-age=60", std::wstring(L"\"a\""));
   two_chunks.Body("part").Body("rest");
-  qv::stop_source stop;
-  const auto on_second_read = [](std::function<void()> action) {
-    return [calls = std::make_shared<int>(0), action] {
-      if (++*calls == 2) action();
-    };
-  };
   const std::string opening = "Failed to read resource into cache: ";
   struct Case {
     const char* name;
     std::wstring url;
     std::optional<FakeResponse> response;  // none: the connection fails
-    std::function<void()> on_read;
-    std::string served;
+    bool read_throws;  // the second read throws what no stream error is
     ::testing::Matcher<std::string> log;
-    bool old_entry = false;  // a stale entry of the URL is there first
   } const cases[] = {
-      {"no-store", kUrl, Ok("private", L"no-store", L"\"b\""), {}, "private", "", true},
-      {"short", kUrl, short_body, {}, "<null>",
+      {"short", kUrl, short_body, false,
        "Failed to read expected number of bytes from HTTP stream into cache system. "
        "Expected 10 but read 5\n"},
       // The stream's message ends in its own line feed, so the copy's line comes as two records.
-      {"read fails", kUrl, broken, {}, "<null>",
+      {"read fails", kUrl, broken, false,
        "Failed to read or write stream in CopyStream: Unable to read HTTP data\n\n"
        "Failed to read HTTP data into cache system: " + kKey + "\n"},
-      {"no connection", kUrl, std::nullopt, {}, "<null>",
+      {"no connection", kUrl, std::nullopt, false,
        opening + kKey + ": Unable to create HTTP connection\n\n"},
-      {"read throws", kUrl, two_chunks,
-       on_second_read([] { throw std::logic_error("not a runtime error"); }), "<null>",
-       opening + kKey + ": not a runtime error\n"},
-      {"stopped", kUrl, two_chunks, on_second_read([&] { stop.request_stop(); }), "<null>", "",
-       true},
+      {"read throws", kUrl, two_chunks, true, opening + kKey + ": not a runtime error\n"},
       // A tag that fits its own field but makes the header one byte over 64 KiB.
       {"header too long", kUrl,
-       Ok("x", L"max-age=60", std::wstring(65535 - 24 - kKey.size() + 1, L't')), {}, "<null>",
+       Ok("x", L"max-age=60", std::wstring(65535 - 24 - kKey.size() + 1, L't')), false,
        StartsWith(opening + kKey + ": ")},
       {"key too long", L"http://example.test/" + std::wstring(70000, L'k'),
-       Ok("x", L"max-age=60", std::wstring(L"\"a\"")), {}, "<null>", StartsWith(opening)},
+       Ok("x", L"max-age=60", std::wstring(L"\"a\"")), false, StartsWith(opening)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    RemoveAll();
-    if (c.old_entry) WriteFileBytes(EntryPath(), EntryBytes(1, 2, "\"old\"", kKey, "old"));
-    stop = qv::stop_source();
     m_log.Clear();
     qv::net::HttpConnectionPool::Terminate();  // the next request connects anew
     if (c.response) m_api.Queue(*c.response);
     else m_api.FailNextConnects(1);
-    m_api.on_read = c.on_read;
-    EXPECT_EQ(Open(c.url, 0, stop.get_token()), c.served);
+    int reads = 0;
+    m_api.on_read = [&] {
+      if (c.read_throws && ++reads == 2) throw std::logic_error("not a runtime error");
+    };
+    EXPECT_EQ(Open(c.url), "<null>");
     m_api.on_read = {};
     EXPECT_THAT(Remaining(), IsEmpty());
     EXPECT_THAT(m_log.Text(), c.log);
@@ -611,53 +607,65 @@ TEST(DownloadsInFlightTest, ADownloadThatThrowsEndsEveryWaitAndLeavesTheTable) {
   EXPECT_TRUE(table.Join("key").IsDownload());
 }
 
+// A stale entry is served, and kept, when its revalidation cannot reach the server or the server
+// fails (after the retries); never when the resource is gone, and only where the open's flag and
+// the stored response allow it. That permission rides in the entry's header as a mark, which a
+// 304 in between sets or takes away again.
 TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndEntryAllowIt) {
   constexpr int kNoConnection = -1;
+  constexpr int kNeverStale = kStale | IUrlCache::NeverExpire;
   struct Case {
-    const char* stored_cache_control;
+    const char* stored;  // the stored response's cache-control
+    int store_flags;
+    const char* renewed;  // the cache-control of a 304 to an open with `flags` in between
     int failure;  // the answer to the revalidation: a status (0: none at all), or kNoConnection
     int flags;
     bool served;
-    int store_flags = -1;  // the first open's flags; -1: the same as the second's
   } const cases[] = {
-      {"max-age=60", kNoConnection, kStale, true},
-      {"max-age=60", 0, kStale, true},
-      {"max-age=60", 500, kStale, true},
-      {"max-age=60", 502, kStale, true},  // after the retries
-      {"max-age=60", 503, kStale, true},
-      {"max-age=60", 504, kStale, true},
-      {"max-age=60", 404, kStale, false},
-      {"max-age=60", 410, kStale, false},
-      {"max-age=60", 0, 0, false},
-      {"max-age=60", 503, 0, false},
-      {"max-age=60, must-revalidate", 503, kStale, false},
-      {"no-cache", 0, kStale, false},
-      {"max-age=60", 0, kStale, false, 0},
-      {"max-age=60", 0, kStale | IUrlCache::NeverExpire, true},
+      {"max-age=60", kStale, nullptr, kNoConnection, kStale, true},
+      {"max-age=60", kStale, nullptr, 0, kStale, true},
+      {"max-age=60", kStale, nullptr, 500, kStale, true},
+      {"max-age=60", kStale, nullptr, 502, kStale, true},
+      {"max-age=60", kStale, nullptr, 503, kStale, true},
+      {"max-age=60", kStale, nullptr, 504, kStale, true},
+      {"max-age=60", kStale, nullptr, 404, kStale, false},
+      {"max-age=60", kStale, nullptr, 410, kStale, false},
+      {"max-age=60", 0, nullptr, 0, 0, false},
+      {"max-age=60", 0, nullptr, 503, 0, false},
+      {"max-age=60, must-revalidate", kStale, nullptr, 503, kStale, false},
+      {"no-cache", kStale, nullptr, 0, kStale, false},
+      {"max-age=60", 0, nullptr, 0, kStale, false},
+      {"max-age=60", 0, "max-age=60", 503, kStale, true},
+      {"max-age=60", kStale, "max-age=60, must-revalidate", 503, kStale, false},
+      {"max-age=60", kNeverStale, nullptr, 0, kNeverStale, true},
   };
   const std::string body(100000, 'b');
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     const Case& c = cases[i];
     const std::wstring url = L"http://example.test/" + std::to_wstring(i);
     const std::string narrow = qv::WideToUtf8(url);
-    SCOPED_TRACE(std::string(c.stored_cache_control) + ", " + std::to_string(c.failure) + ", " +
-                 std::to_string(c.flags) + ", " + std::to_string(c.store_flags));
+    SCOPED_TRACE(narrow);
     m_clock.Set(kDate);
-    m_api.Queue(Ok(body, qv::Utf8ToWide(c.stored_cache_control), L"\"v1\""));
-    const int store_flags = c.store_flags < 0 ? c.flags : c.store_flags;
-    ASSERT_EQ(Open(url, store_flags), body);
-    // Marked only where the open asked for it and the response did not forbid it.
-    const bool marked =
-        (store_flags & kStale) && c.stored_cache_control == std::string("max-age=60");
-    const std::int64_t expiry = m_cache.ExpiryTime(url);
-    EXPECT_EQ(ReadFileBytes(EntryPath(url)),
-              EntryBytes(kDate, expiry, "\"v1\"", narrow, body, marked ? kMark : ""));
+    m_api.Queue(Ok(body, qv::Utf8ToWide(c.stored), L"\"v1\""));
+    ASSERT_EQ(Open(url, c.store_flags), body);
+    bool marked = (c.store_flags & kStale) && c.stored == std::string("max-age=60");
+    const auto layout = [&](std::int64_t expiry) {
+      return EntryBytes(m_clock.Now(), expiry, "\"v1\"", narrow, body, marked ? kMark : "");
+    };
+    EXPECT_EQ(ReadFileBytes(EntryPath(url)), layout(m_cache.ExpiryTime(url)));
+    if (c.renewed) {
+      m_clock.Set(m_cache.ExpiryTime(url) + 1);
+      m_api.Queue(Ok("", qv::Utf8ToWide(c.renewed), L"\"v1\"", m_clock.Now(), 304));
+      EXPECT_EQ(Open(url, c.flags), body);
+      marked = c.renewed == std::string("max-age=60");
+      EXPECT_EQ(ReadFileBytes(EntryPath(url)), layout(m_clock.Now() + 60)) << "header rewritten";
+    }
     if (c.flags & IUrlCache::NeverExpire) {
-      // Stale only by a time past every other: make it so by hand, marked as the open left it.
-      EXPECT_EQ(expiry, kNever);
-      WriteFileBytes(EntryPath(url), EntryBytes(kDate, 5, "\"v1\"", narrow, body, kMark));
+      // Stale only by a time past every other: made so by hand, marked as the open left it.
+      EXPECT_EQ(m_cache.ExpiryTime(url), kNever);
+      WriteFileBytes(EntryPath(url), layout(5));
     } else {
-      m_clock.Set(expiry + 1);
+      m_clock.Set(m_cache.ExpiryTime(url) + 1);
     }
     const std::int64_t stale_expiry = m_cache.ExpiryTime(url);
 
@@ -689,54 +697,22 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
   }
 }
 
-// An entry file as written before the mark existed loads and is revalidated as ever; a 304 to an
-// open with the flag marks it (the header written anew, the body kept), and from then on it may
-// be served stale; a 304 that says "must-revalidate" takes the mark away again.
-TEST_F(StaleOnErrorTest, A304MarksAnUnmarkedEntryAndAMustRevalidate304UnmarksIt) {
-  WriteFileBytes(EntryPath(), EntryBytes(1, 5, "\"v1\"", kKey, "body"));
-  m_api.Queue(Ok("", L"max-age=600", L"\"v1\"", kDate + 100, 304));
-  EXPECT_EQ(Open(kUrl, kStale), "body");
-  EXPECT_EQ(ReadFileBytes(EntryPath()),
-            EntryBytes(kDate + 5, kDate + 700, "\"v1\"", kKey, "body", kMark));
-  m_clock.Set(kDate + 701);
-  m_api.Queue(Status(503));
-  EXPECT_EQ(Open(kUrl, kStale), "body");
-  EXPECT_THAT(m_log.Lines(),
-              ElementsAre("Error: HTTP Response 503 for GET " + kKey + "\n",
-                          "Serving stale entry for " + kKey + ": the server answered 503\n"));
-
-  m_api.Queue(Ok("", L"max-age=600, must-revalidate", L"\"v1\"", kDate + 1000, 304));
-  EXPECT_EQ(Open(kUrl, kStale), "body");
-  EXPECT_EQ(ReadFileBytes(EntryPath()), EntryBytes(kDate + 701, kDate + 1600, "\"v1\"", kKey, "body"));
-  m_clock.Set(kDate + 1601);
-  m_api.Queue(Status(503));
-  EXPECT_EQ(Open(kUrl, kStale), "<null>");
-  EXPECT_FALSE(m_cache.Contains(kUrl));
-}
-
-// A link planted in the directory is not a file of the cache: its target's size is not counted
-// and a clean-up never reads or deletes through it.
-TEST_F(CacheTest, CleanUpNeitherCountsNorFollowsALinkInTheDirectory) {
+// A clean-up takes expired entries first within an hour's span, and older spans first. A link
+// planted in the directory is no file of the cache: its target is neither counted nor deleted.
+TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOrFollowsALink) {
   Limit(1);
   TempDir outside;
   const fs::path big = outside.WriteFile("big", std::string(2 * 1048576, 'x'));
-  if (!PlantLink(big, m_cache.Directory() / "planted")) {
-    GTEST_SKIP() << "no symbolic link can be planted here" << (IsWine() ? " (Wine)" : "");
-  }
-  Entry("entry", kDate, kNever, 1000);
-  EXPECT_TRUE(m_cache.CleanUp());
-  EXPECT_EQ(Remaining(), (Names{"entry", "planted"}));
-  EXPECT_EQ(fs::file_size(big), 2u * 1048576);
-}
-
-TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstWithinAnHourSpanAndOlderSpansFirst) {
-  Limit(1);
+  // Wine makes no link, Windows only for a privileged or developer-mode user: then none is there.
+  Names expected = {"oldest_fresh", "recent_expired"};
+  if (PlantLink(big, m_cache.Directory() / "planted")) expected.insert("planted");
   // 1,050,000 bytes: deleting the 250,000-byte entry is enough.
   Entry("oldest_fresh", kDate - 7200, kNever, 300000);
   Entry("half_hour_later_expired", kDate - 7200 + 1800, kDate - 1, 250000);
   Entry("recent_expired", kDate - 10, kDate - 1, 500000);
   EXPECT_TRUE(m_cache.CleanUp());
-  EXPECT_EQ(Remaining(), (Names{"oldest_fresh", "recent_expired"}));
+  EXPECT_EQ(Remaining(), expected);
+  EXPECT_EQ(fs::file_size(big), 2u * 1048576);
 
   // Two deletions needed: the whole first span goes before the expired entry of the next one.
   RemoveAll();
@@ -781,6 +757,132 @@ TEST_F(CacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims
   TqUSysDirectory::SetRemoveFaultForTesting({});
   EXPECT_EQ(Remaining(), expected);
 }
+
+// The second process (tests/helpers/cache_worker) started from a test: its standard output read
+// line by line through a pipe, killed on demand, and how it ended.
+class WorkerProcess {
+ public:
+  static constexpr int kKilled = -9;  // what Finish() gives for a worker ended by Kill()
+
+  // Starts the helper built next to this test with the given arguments (words or paths
+  // without quotes).
+  explicit WorkerProcess(const std::vector<std::string>& arguments) { Start(arguments); }
+  WorkerProcess(const WorkerProcess&) = delete;
+  WorkerProcess& operator=(const WorkerProcess&) = delete;
+  ~WorkerProcess() {
+    if (ok()) Kill(), Finish();
+  }
+  bool ok() const { return m_running; }
+
+  // The next line of its output without the line end; empty at the end of the output.
+  std::string ReadLine() {
+    std::string line;
+    char c = 0;
+#if defined(_WIN32)
+    for (DWORD got = 0; ::ReadFile(m_output, &c, 1, &got, nullptr) && got == 1 && c != '\n';) {
+#else
+    while (::read(m_output, &c, 1) == 1 && c != '\n') {
+#endif
+      if (c != '\r') line += c;  // text mode on Windows ends lines with CR LF
+    }
+    return line;
+  }
+
+  // Kills the worker at once, without letting it clean up (SIGKILL, TerminateProcess).
+  void Kill() {
+#if defined(_WIN32)
+    m_killed = ::TerminateProcess(m_process, kKilledCode) != 0;
+#else
+    m_killed = ::kill(m_pid, SIGKILL) == 0;
+#endif
+  }
+
+  // Waits for the worker to end: its exit status, or kKilled.
+  int Finish() {
+    m_running = false;
+#if defined(_WIN32)
+    DWORD code = 1;
+    // A worker that hangs is ended after a minute, and reported as neither exited nor killed.
+    if (::WaitForSingleObject(m_process, 60000) != WAIT_OBJECT_0) {
+      ::TerminateProcess(m_process, 1);
+      ::WaitForSingleObject(m_process, INFINITE);
+      m_killed = false;
+    }
+    ::GetExitCodeProcess(m_process, &code);
+    ::CloseHandle(m_process);
+    ::CloseHandle(m_output);
+    return m_killed && code == kKilledCode ? kKilled : static_cast<int>(code);
+#else
+    int status = 0;
+    ::close(m_output);
+    if (::waitpid(m_pid, &status, 0) != m_pid) return -1;
+    if (WIFSIGNALED(status)) return m_killed && WTERMSIG(status) == SIGKILL ? kKilled : -1;
+    return WEXITSTATUS(status);
+#endif
+  }
+
+ private:
+#if defined(_WIN32)
+  static constexpr UINT kKilledCode = 0xDEAD;  // no path of the helper returns it
+
+  void Start(const std::vector<std::string>& arguments) {
+    std::wstring self(32768, L'\0');
+    self.resize(::GetModuleFileNameW(nullptr, self.data(), static_cast<DWORD>(self.size())));
+    const std::wstring helper =
+        (std::filesystem::path(self).parent_path() / L"cache_worker.exe").wstring();
+    std::wstring command_line = L"\"" + helper + L"\"";
+    for (const std::string& argument : arguments) {
+      command_line += L" \"" + std::filesystem::path(argument).wstring() + L"\"";
+    }
+    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+    HANDLE write_end = nullptr;
+    if (!::CreatePipe(&m_output, &write_end, &inherit, 0)) return;
+    ::SetHandleInformation(m_output, HANDLE_FLAG_INHERIT, 0);  // only the child's end
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = write_end;
+    startup.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
+    PROCESS_INFORMATION info = {};
+    m_running = ::CreateProcessW(helper.c_str(), command_line.data(), nullptr, nullptr, TRUE, 0,
+                                 nullptr, nullptr, &startup, &info) != 0;
+    // Once only the child holds the write end, its exit ends the output the parent reads.
+    ::CloseHandle(write_end);
+    if (!m_running) return void(::CloseHandle(m_output));
+    ::CloseHandle(info.hThread);
+    m_process = info.hProcess;
+  }
+
+  HANDLE m_process = nullptr;
+  HANDLE m_output = nullptr;
+#else
+  void Start(const std::vector<std::string>& arguments) {
+    const std::string helper =
+        (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "cache_worker").string();
+    std::vector<std::string> words = {helper};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    int pipe_ends[2];
+    if (::pipe2(pipe_ends, O_CLOEXEC) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipe_ends[1], STDOUT_FILENO);
+    m_running = ::posix_spawn(&m_pid, helper.c_str(), &actions, nullptr, argv.data(), environ) == 0;
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pipe_ends[1]);
+    m_output = pipe_ends[0];
+    if (!m_running) ::close(m_output);
+  }
+
+  pid_t m_pid = 0;
+  int m_output = -1;
+#endif
+  bool m_running = false;
+  bool m_killed = false;
+};
 
 TEST_F(CacheTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBody) {
   m_api.SetResponder(ChurnResponder(7));
