@@ -27,6 +27,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "net/cache/cache_init.h"
@@ -35,7 +36,6 @@
 #include "net/cache/in_memory_cache.h"
 #include "net/http/connection_pool.h"
 #include "net/http/wininet_api.h"
-#include "net/stream/open_file_or_url.h"
 #include "tests/cache/cache_test_support.h"
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/nginx_harness.h"
@@ -858,15 +858,16 @@ TEST_F(CacheTest, TwoProcessesAndThreadsOnOneDirectoryNeverSeeATornBody) {
   WorkerProcess first(arguments);
   WorkerProcess second(arguments);
   ASSERT_TRUE(first.ok() && second.ok());
-  std::vector<std::future<int>> runs;
-  int served[4] = {};
+  int whole[4] = {};
+  int torn[4] = {};
+  std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
-    runs.push_back(std::async(std::launch::async,
-                              [this, t, &served] { return TornBodies(m_cache, 150, 10 + t, &served[t]); }));
+    threads.emplace_back([&, t] { Churn(m_cache, 150, 10 + t, whole[t], torn[t]); });
   }
   for (int t = 0; t < 4; ++t) {
-    EXPECT_EQ(runs[t].get(), 0);
-    EXPECT_GT(served[t], 0);
+    threads[t].join();
+    EXPECT_EQ(torn[t], 0);
+    EXPECT_GT(whole[t], 0);
   }
   for (WorkerProcess* child : {&first, &second}) {
     EXPECT_THAT(child->ReadLine(), StartsWith("served "));
@@ -951,46 +952,34 @@ class RecordingApi : public qv::net::WinInet {
   std::uint32_t last_status = 0;
 };
 
-TEST(CacheNginxTest, StoredServedFreshWithoutRequestAndRevalidatedWith304) {
+// End to end through the real transport: stored, served fresh without a request, and once stale
+// revalidated with the stored tag and kept by nginx's 304.
+TEST_F(CacheTest, NginxAnswersAreStoredServedFreshWithoutRequestAndRevalidatedWith304) {
   if (!NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
   NginxHarness nginx;
   ASSERT_TRUE(nginx.ok()) << nginx.error();
-  TempDir dir;
-  LogCapture log;
   RecordingApi api;
   struct Restore {
-    qv::net::IHttpApi* previous;
-    ~Restore() {
-      qv::net::TerminateCache();
-      qv::net::HttpConnectionPool::Terminate();
-      qv::net::SetHttpApi(previous);
-    }
+    qv::net::IHttpApi* fake;
+    ~Restore() { qv::net::HttpConnectionPool::Terminate(), qv::net::SetHttpApi(fake); }
   } restore{qv::net::SetHttpApi(&api)};
-  qv::net::InitialiseCache(qv::Utf8ToWide(dir.path().string()).c_str());
-  auto open = [](const std::wstring& url) {
-    auto stream = qv::net::OpenFileOrUrl(url, 0, {});
-    return stream ? ReadAll(*stream, 65536) : "<null>";
-  };
-  const std::string v1(300000, '1');
-  nginx.WriteFile("doc.bin", v1);
+  const std::string body(300000, '1');
+  nginx.WriteFile("doc.bin", body);
   const std::wstring url = qv::Utf8ToWide(nginx.Url("/doc.bin"));
-  ScopedClock clock(std::time(nullptr));
-
-  EXPECT_EQ(open(url), v1);
-  const fs::path entry_path = DiskCache::ComputeCacheLocation(url, dir.path() / "v1");
-  const CacheEntry stored = CacheEntry::Load(entry_path);
+  m_clock.Set(std::time(nullptr));
+  EXPECT_EQ(Open(url), body);
+  const CacheEntry stored = CacheEntry::Load(EntryPath(url));
   EXPECT_FALSE(stored.ETag().empty());
-  EXPECT_EQ(stored.Expiry(), clock.Now() + 2592000);  // no cache-control: fresh for 30 days
-  EXPECT_EQ(open(url), v1);  // fresh: no request at all
+  EXPECT_EQ(stored.Expiry(), m_clock.Now() + 2592000);  // no cache-control: fresh for 30 days
+  EXPECT_EQ(Open(url), body);
   ASSERT_EQ(api.headers.size(), 1u);
 
-  clock.Advance(31 * 86400);  // stale: revalidated with the stored tag, 304 keeps the body
-  EXPECT_EQ(open(url), v1);
+  m_clock.Advance(31 * 86400);
+  EXPECT_EQ(Open(url), body);
   ASSERT_EQ(api.headers.size(), 2u);
   EXPECT_THAT(api.headers[1], StartsWith(L"If-None-Match: \""));
   EXPECT_EQ(api.last_status, 304u);
-
-  EXPECT_EQ(TextBeyondWine(log), "");
+  EXPECT_EQ(TextBeyondWine(m_log), "");
 }
 
 }  // namespace

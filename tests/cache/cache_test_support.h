@@ -22,7 +22,7 @@
 
 namespace tq::test {
 
-// Replaces the cache clock for one scope; tests move time instead of waiting for it.
+// The cache clock for one scope: tests move time instead of waiting for it.
 class ScopedClock {
  public:
   explicit ScopedClock(std::int64_t now) : m_now(now) {
@@ -43,8 +43,8 @@ inline std::string Le(std::uint64_t v, int bytes) {
   return out;
 }
 
-// An entry file's bytes written out by hand from the documented layout, independent of the code
-// under test; `extension` goes after the end marker, inside the header size.
+// An entry file's bytes from the layout, written out by hand, independent of the code under test;
+// `extension` goes after the end marker, inside the header size.
 inline std::string EntryBytes(std::int64_t last_used, std::int64_t expiry, const std::string& tag,
                               const std::string& key, const std::string& body,
                               const std::string& extension = "") {
@@ -109,22 +109,16 @@ inline std::function<FakeResponse(const SentRequest&)> ChurnResponder(unsigned s
 }
 
 // Opens the churn URL `iterations` times, and every `cleanup_every`-th time (0: never) trims the
-// cache to the configured limit. The number of bodies served torn; `served` counts whole ones.
-inline int TornBodies(qv::net::DiskCache& cache, int iterations, int cleanup_every,
-                      int* served = nullptr) {
-  int torn = 0;
+// cache to the configured limit. Counts the bodies served whole, and torn.
+inline void Churn(qv::net::DiskCache& cache, int iterations, int cleanup_every, int& whole,
+                  int& torn) {
   for (int i = 0; i < iterations; ++i) {
     if (cleanup_every > 0 && i % cleanup_every == cleanup_every - 1) cache.CleanUp();
-    auto stream = cache.OpenUrl(kChurnUrl, 0, {});
-    if (!stream) continue;
-    const std::string body = ReadAll(*stream, 65536);
-    if (body == kChurnBodyA || body == kChurnBodyB) {
-      if (served) ++*served;
-    } else {
-      ++torn;
+    if (auto stream = cache.OpenUrl(kChurnUrl, 0, {})) {
+      const std::string body = ReadAll(*stream, 65536);
+      ++(body == kChurnBodyA || body == kChurnBodyB ? whole : torn);
     }
   }
-  return torn;
 }
 
 }  // namespace tq::test
