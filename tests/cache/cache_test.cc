@@ -121,19 +121,19 @@ class CacheTest : public FakeTransportTest {
   }
   void Limit(std::int32_t mib) { TqUOption::SetInt32("general.localcache.max_size", mib); }
 
-  // Sends are held (each counted as an arrival) until Release(); so are the opens that wait for
-  // another open's download.
+  // Sends are held until Release(). A send, or an open that waits for another's download, is
+  // an arrival.
   void HoldSends() {
     m_arrivals = 0;
     m_release = {};
     m_released = m_release.get_future().share();
-    const auto arrive = [this] {
-      std::lock_guard lock(m_mutex);
-      ++m_arrivals;
-      m_arrived.notify_all();
-    };
-    m_api.OnSend([this, arrive](const SentRequest&) { arrive(), m_released.wait(); });
-    qv::net::detail::SetDownloadWaitHookForTesting(arrive);
+    m_api.OnSend([this](const SentRequest&) { Arrive(), m_released.wait(); });
+    qv::net::detail::SetDownloadWaitHookForTesting([this] { Arrive(); });
+  }
+  void Arrive() {
+    std::lock_guard lock(m_mutex);
+    ++m_arrivals;
+    m_arrived.notify_all();
   }
   // The bound only keeps a regression from hanging the test; the counts asserted after fail it.
   void WaitForArrivals(int count) {
@@ -903,11 +903,7 @@ TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgets
   };
   m_api.Queue(Ok("the body", std::nullopt, std::nullopt));
   HoldSends();
-  qv::net::detail::SetInMemoryCacheWaitHookForTesting([this] {
-    std::lock_guard lock(m_mutex);
-    ++m_arrivals;
-    m_arrived.notify_all();
-  });
+  qv::net::detail::SetInMemoryCacheWaitHookForTesting([this] { Arrive(); });
   // One of the four downloads and is held there; the three others wait for its body.
   std::vector<std::future<std::string>> opens;
   for (int i = 0; i < 4; ++i) opens.push_back(std::async(std::launch::async, open));
