@@ -182,8 +182,11 @@ TEST_F(HttpReadStreamTest, AStopDuringABlockedSendOrARetryPauseEndsWithoutAnothe
         [&](std::chrono::milliseconds) { source.request_stop(); });
     FakeResponse blocking;
     blocking.block_until_closed = true;
-    if (open == Open::Before) source.request_stop();
-    else m_api.Queue(open == Open::RetryPause ? Status(502) : blocking);
+    if (open == Open::Before) {
+      source.request_stop();
+    } else {
+      m_api.Queue(open == Open::RetryPause ? Status(502) : blocking);
+    }
     // The GET after a cancelled HEAD is still made once, and closed at once.
     if (open == Open::HeadFirst) m_api.Queue(Status(200).Body("never read"));
     std::thread user([&] {
