@@ -1,4 +1,4 @@
-// The stream layer end to end over the real transport on 127.0.0.1; retry waits are recorded.
+// The stream layer end to end over the real transport on 127.0.0.1.
 // Retries, cut, reset and stalled answers are in the fault suite (tests/faults).
 #include "net/stream/read_stream.h"
 
