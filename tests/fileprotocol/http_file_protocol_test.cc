@@ -265,6 +265,7 @@ TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumera
   EXPECT_EQ(info.GetFileSize(), 900u);
 
   static std::atomic<int> hook_calls{0};
+  hook_calls = 0;  // a repeated run starts the count again
   HttpFileProtocol::SetPreHTTPAuthenticationFunc([](const wchar_t*, HttpCredentials*) {
     ++hook_calls;
     return static_cast<HttpFileProtocol::PreHTTPAuthenticationResult>(7);
