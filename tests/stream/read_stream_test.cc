@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "net/http/http_status.h"
+#include "net/stream/url_reading.h"
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/latch.h"
 #include "tests/support/read_all.h"
@@ -224,6 +225,24 @@ TEST_F(HttpReadStreamTest, AStopDuringABlockedSendOrARetryPauseEndsWithoutAnothe
     EXPECT_EQ(m_api.OpenRequestHandles(), 0u);
   }
   m_api.OnBlocked({});
+  EXPECT_EQ(m_log.Text(), "");
+}
+
+// Regression: the announced Content-Length was reserved up front, so 8 GiB announced for a
+// 10 KiB body took 8 GiB of address space, and a larger claim threw std::bad_alloc.
+// (Lengths that are right: the nginx end-to-end test.)
+class ReadUrlIntoMemoryTest : public tq::test::FakeTransportTest {};
+
+TEST_F(ReadUrlIntoMemoryTest, AHugeAnnouncedLengthIsNotReservedUpFront) {
+  const std::string body(10 * 1024, 'b');
+  for (const wchar_t* announced : {L"8589934592", L"18446744073709551615"}) {
+    m_api.Queue(Status(200).Header(L"Content-Length", announced).Body(body));
+    auto memory = qv::net::ReadUrlIntoMemory(kUrl, {});
+    ASSERT_NE(memory, nullptr);
+    const auto& bytes = memory->Sink()->bytes;
+    EXPECT_TRUE(std::string(bytes.begin(), bytes.end()) == body);
+    EXPECT_LE(bytes.capacity(), qv::net::kMostReservedUpFront);
+  }
   EXPECT_EQ(m_log.Text(), "");
 }
 
