@@ -60,7 +60,7 @@ class HttpStreamsEndToEndTest : public ::testing::Test {
 };
 
 // Into memory: the room is sized from Content-Length up to a bound, and grows past it as the
-// bytes come. (Lengths far larger than the body: the hostile tests.)
+// bytes come. (Lengths far larger than the body: ReadUrlIntoMemoryTest.)
 TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAndA404) {
   if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
   tq::test::NginxHarness nginx;
