@@ -27,7 +27,9 @@ class SameAnswerServer {
     return heads_;
   }
   std::size_t requests() const { return heads().size(); }
+  std::size_t connections() const { return raw_.connection_count(); }
   bool ok() const { return raw_.ok(); }
+  int port() const { return raw_.port(); }
   std::string Url(const std::string& path) const { return raw_.Url(path); }
 
  private:
