@@ -21,7 +21,7 @@ struct RawResponder::Impl {
   sockets::LoopbackServer server;  // last: its threads use the members above
 };
 
-std::string RawConnection::ReadRequestHead() {
+std::string RawConnection::ReadRequestHead(std::string* body) {
   auto* impl = static_cast<RawResponder::Impl*>(owner_);
   std::string data = std::move(pending_);
   pending_.clear();
@@ -57,6 +57,7 @@ std::string RawConnection::ReadRequestHead() {
   while (data.size() < body_length) {
     if (!receive()) return "";
   }
+  if (body != nullptr) body->assign(data, 0, body_length);
   pending_ = data.substr(body_length);
   return head;
 }

@@ -23,8 +23,9 @@ namespace tq::test {
 class RawConnection {
  public:
   // Reads one request's head, through the blank line, and the body that its Content-Length
-  // announces; returns the head ("" when the peer closed or the responder is stopping).
-  std::string ReadRequestHead();
+  // announces (into *body when given); returns the head ("" when the peer closed or the
+  // responder is stopping).
+  std::string ReadRequestHead(std::string* body = nullptr);
   // Sends all bytes; false when the peer is gone. With `piece` > 0 the bytes go out that many
   // at a time, one send each (the socket does not delay small sends), so that the client meets
   // every split of the head and body.
