@@ -27,8 +27,6 @@ std::filesystem::path NginxHarness::WriteFile(std::string_view relative,
   return WriteFileUnder(root_, relative, contents);
 }
 
-NginxHarness::NginxHarness() : NginxHarness(Options{}) {}
-
 NginxHarness::~NginxHarness() { Stop(); }
 
 #if defined(_WIN32)
@@ -47,14 +45,10 @@ std::filesystem::path FixtureDirectory() {
 
 bool NginxHarness::Installed() { return !FixtureDirectory().empty(); }
 
-NginxHarness::NginxHarness(const Options& options) {
+NginxHarness::NginxHarness() {
   const std::filesystem::path dir = FixtureDirectory();
   if (dir.empty()) {
     error_ = "no nginx: TQ_NGINX_DIR does not name the directory of CTest's nginx fixture";
-    return;
-  }
-  if (!options.server_directives.empty()) {
-    error_ = "server directives need an nginx of the test's own, which a Windows test cannot start";
     return;
   }
   int port = -1;
@@ -77,8 +71,6 @@ NginxHarness::NginxHarness(const Options& options) {
   }
   port_ = port;
 }
-
-bool NginxHarness::Start(const Options&, int) { return false; }
 
 void NginxHarness::Stop() {
   if (root_.empty()) return;
@@ -117,7 +109,7 @@ bool Accepts(int port) {
 
 bool NginxHarness::Installed() { return access(kBinary, X_OK) == 0; }
 
-NginxHarness::NginxHarness(const Options& options) : dir_(std::make_unique<TempDir>()) {
+NginxHarness::NginxHarness() : dir_(std::make_unique<TempDir>()) {
   root_ = dir_->path() / "www";
   if (!Installed()) {
     error_ = std::string(kBinary) + " is not installed";
@@ -127,15 +119,15 @@ NginxHarness::NginxHarness(const Options& options) : dir_(std::make_unique<TempD
   // The port is free when chosen but may be taken before nginx binds it: try a few.
   for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
     const int port = FreePort();
-    if (port > 0 && Start(options, port)) port_ = port;
+    if (port > 0 && Start(port)) port_ = port;
   }
 }
 
-bool NginxHarness::Start(const Options& options, int port) {
+bool NginxHarness::Start(int port) {
   const std::string dir = dir_->path().string();
   std::ostringstream conf;
   conf << "daemon off;\n"
-       << "master_process " << (options.master_process ? "on" : "off") << ";\n"
+       << "master_process off;\n"
        << (geteuid() == 0 ? "user root;\n" : "")
        << "worker_processes 1;\n"
        << "error_log " << dir << "/error.log warn;\n"
@@ -158,7 +150,6 @@ bool NginxHarness::Start(const Options& options, int port) {
        << "    server_name localhost;\n"
        << "    root " << dir << "/www;\n"
        << "    location / { }\n"
-       << "    " << options.server_directives << "\n"
        << "  }\n"
        << "}\n";
   dir_->WriteFile("nginx.conf", conf.str());

@@ -4,8 +4,7 @@
 // temporary directory; it is stopped on destruction.
 // On Windows a test cannot start nginx: CTest starts one for the whole run
 // (tests/support/servers/nginx-fixture.sh) and names its directory in TQ_NGINX_DIR; a harness
-// then serves a directory of its own there, under a path prefix of its own, and cannot take
-// server directives.
+// then serves a directory of its own there, under a path prefix of its own.
 //
 //   tq::test::NginxHarness nginx;
 //   ASSERT_TRUE(nginx.ok()) << nginx.error();
@@ -24,18 +23,11 @@ namespace tq::test {
 
 class NginxHarness {
  public:
-  struct Options {
-    bool master_process = false;
-    // Extra directives inside the server block (e.g. "location /x { return 302 /y; }").
-    std::string server_directives;
-  };
-
   static constexpr const char* kBinary = "/usr/sbin/nginx";
   static bool Installed();
 
-  NginxHarness();
   // Starts nginx and waits (bounded) until it accepts connections.
-  explicit NginxHarness(const Options& options);
+  NginxHarness();
   ~NginxHarness();
   NginxHarness(const NginxHarness&) = delete;
   NginxHarness& operator=(const NginxHarness&) = delete;
@@ -50,7 +42,7 @@ class NginxHarness {
   std::filesystem::path WriteFile(std::string_view relative, std::string_view contents) const;
 
  private:
-  bool Start(const Options& options, int port);
+  bool Start(int port);
   void Stop();
 
   std::unique_ptr<TempDir> dir_;  // configuration, logs and root (not on Windows)
