@@ -17,11 +17,6 @@ void Gate::Open() {
   cv_.notify_all();
 }
 
-void Gate::Close() {
-  std::lock_guard lock(mutex_);
-  open_ = false;
-}
-
 bool Gate::is_open() const {
   std::lock_guard lock(mutex_);
   return open_;

@@ -21,7 +21,6 @@ class Gate {
   static constexpr std::chrono::seconds kMaxHold{30};
 
   void Open();
-  void Close();
   bool is_open() const;
 
   // Blocks until the gate is open (true) or `bound` has passed (false).

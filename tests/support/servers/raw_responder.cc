@@ -32,8 +32,9 @@ struct RawResponder::Impl {
         }
         sockets::SetNoDelay(s);  // answers sent in pieces go out as they are written
         open.insert(s);
-        workers.emplace_back([this, s, index = accepted++] {
-          RawConnection connection(s, index, this);
+        ++accepted;
+        workers.emplace_back([this, s] {
+          RawConnection connection(s, this);
           script(connection);
           connection.Close();
         });

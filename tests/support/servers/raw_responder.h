@@ -36,15 +36,11 @@ class RawConnection {
   void Reset();
   // Orderly close (FIN). Also done when the script returns.
   void Close();
-  // Index of this connection in accept order, from 0.
-  std::size_t index() const { return index_; }
 
  private:
   friend class RawResponder;
-  RawConnection(sockets::Handle socket, std::size_t index, void* owner)
-      : socket_(socket), index_(index), owner_(owner) {}
+  RawConnection(sockets::Handle socket, void* owner) : socket_(socket), owner_(owner) {}
   sockets::Handle socket_;
-  std::size_t index_;
   void* owner_;
   std::string pending_;  // bytes read past the last request
 };
