@@ -20,15 +20,8 @@
 namespace {
 
 enum Function : int {
-  kInternetOpenW,
-  kInternetConnectW,
-  kInternetSetOptionW,
-  kHttpOpenRequestW,
-  kHttpSendRequestW,
-  kHttpQueryInfoW,
-  kInternetReadFile,
-  kInternetCloseHandle,
-  kFunctionCount
+  kInternetOpenW, kInternetConnectW, kInternetSetOptionW, kHttpOpenRequestW, kHttpSendRequestW,
+  kHttpQueryInfoW, kInternetReadFile, kInternetCloseHandle, kFunctionCount
 };
 
 constexpr std::array<const char*, kFunctionCount> kNames = {

@@ -13,7 +13,6 @@
 #endif
 
 #include <algorithm>
-#include <chrono>
 
 namespace tq::test::sockets {
 namespace {
@@ -102,25 +101,15 @@ Handle Accept(Handle listener) {
 #endif
 }
 
-bool WaitReadable(Handle s, const std::atomic<bool>& stopping, int timeout_ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    if (stopping) return false;
-    int slice = kWaitSliceMs;
-    if (timeout_ms >= 0) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now())
-                            .count();
-      if (left <= 0) return false;
-      slice = static_cast<int>(std::min<long long>(left, kWaitSliceMs));
-    }
+bool WaitReadable(Handle s, const std::atomic<bool>& stopping) {
+  for (int ready = 0; !stopping; ) {
     pollfd entry{};
     entry.fd = N(s);
     entry.events = POLLIN;
-    const int ready = PollOne(&entry, slice);
-    if (ready > 0) return !stopping;
-    if (ready < 0) return false;
+    ready = PollOne(&entry, kWaitSliceMs);
+    if (ready != 0) return ready > 0 && !stopping;
   }
+  return false;
 }
 
 long Receive(Handle s, char* buffer, std::size_t size) {

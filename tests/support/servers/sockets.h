@@ -21,10 +21,9 @@ Handle ListenOnLoopback(int backlog, int* port);
 Handle ConnectToLoopback(int port);
 Handle Accept(Handle listener);
 
-// Waits until `s` can be read or accepted from (true), or `stopping` is set or `timeout_ms` has
-// passed (false; a negative time-out waits without end). A thread waiting here sees `stopping`
-// within a few tens of milliseconds, on every system.
-bool WaitReadable(Handle s, const std::atomic<bool>& stopping, int timeout_ms = -1);
+// Waits until `s` can be read or accepted from (true), or `stopping` is set (false). A thread
+// waiting here sees `stopping` within a few tens of milliseconds, on every system.
+bool WaitReadable(Handle s, const std::atomic<bool>& stopping);
 // Bytes read (> 0), 0 when the peer closed, < 0 on an error.
 long Receive(Handle s, char* buffer, std::size_t size);
 // Sends every byte; false when the peer is gone. Never raises SIGPIPE.
