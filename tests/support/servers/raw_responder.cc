@@ -100,18 +100,12 @@ std::string RawConnection::ReadRequestHead(std::string* body) {
   }
   std::string head = data.substr(0, head_end + 4);
   data.erase(0, head_end + 4);
-  // Skip the body a Content-Length announces, so the next request starts clean.
-  std::size_t body_length = 0;
-  for (std::size_t pos = 0; (pos = head.find("\r\n", pos)) != std::string::npos;) {
-    pos += 2;
-    static constexpr std::string_view kName = "content-length:";
-    if (head.size() - pos > kName.size()) {
-      std::string name = head.substr(pos, kName.size());
-      for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      if (name == kName)
-        body_length = std::strtoull(head.c_str() + pos + kName.size(), nullptr, 10);
-    }
-  }
+  // Take the body a Content-Length announces, so the next request starts clean.
+  std::string lower = head;
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  const std::size_t at = lower.find("\r\ncontent-length:");
+  const std::size_t body_length =
+      at == std::string::npos ? 0 : std::strtoull(head.c_str() + at + 17, nullptr, 10);
   while (data.size() < body_length) {
     if (!receive()) return "";
   }

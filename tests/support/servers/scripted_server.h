@@ -1,6 +1,7 @@
 // An in-process HTTP/1.1 server on 127.0.0.1 with an ephemeral port, whose answers the test
-// scripts per path: cpp-httplib, or on Windows the raw responder (tests/WINDOWS.md). It records every request, counts the TCP connections it accepted
-// and the requests it served at the same time, and can hold answers at a Gate.
+// scripts per path: cpp-httplib, or on Windows the raw responder (tests/WINDOWS.md). It records
+// every request, counts the TCP connections it accepted and the requests it served at the same
+// time, and can hold answers at a Gate.
 //
 //   tq::test::ScriptedServer server;
 //   server.Route("/a", {.status = 200, .headers = {{"ETag", "\"x\""}}, .body = "hello"});
@@ -13,8 +14,8 @@
 #include <cstddef>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>

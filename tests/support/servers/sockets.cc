@@ -52,15 +52,14 @@ sockaddr_in Loopback(int port) {
   return address;
 }
 
+// A failed call's INVALID_SOCKET or -1 is kNone.
 Handle NewStreamSocket() {
   if (!Started()) return kNone;
 #if defined(_WIN32)
-  const SOCKET s = ::WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
-                                WSA_FLAG_NO_HANDLE_INHERIT);
-  return s == INVALID_SOCKET ? kNone : static_cast<Handle>(s);
+  return static_cast<Handle>(
+      ::WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT));
 #else
-  const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  return s < 0 ? kNone : s;
+  return static_cast<Handle>(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
 #endif
 }
 
@@ -93,12 +92,7 @@ Handle ConnectToLoopback(int port) {
 }
 
 Handle Accept(Handle listener) {
-  const Native s = ::accept(N(listener), nullptr, nullptr);
-#if defined(_WIN32)
-  return s == INVALID_SOCKET ? kNone : static_cast<Handle>(s);
-#else
-  return s < 0 ? kNone : s;
-#endif
+  return static_cast<Handle>(::accept(N(listener), nullptr, nullptr));  // kNone on failure
 }
 
 bool WaitReadable(Handle s, const std::atomic<bool>& stopping) {
