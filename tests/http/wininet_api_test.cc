@@ -94,6 +94,7 @@ TEST_F(WinInetTest, AStopWhileHeadersAreAwaitedClosesTheRequestAndEndsTheSend) {
     detail::SendStopScope scope(token);
     sent = Send(m_server.Url("/silent"));
   }
+  EXPECT_EQ(answer.waiters(), 1) << "the send ended only when the server gave up holding";
   user.join();
   answer.Open();
   EXPECT_FALSE(sent);
