@@ -49,7 +49,8 @@ class WinInetTest : public ::testing::Test {
 // Header values of every length, numbers, dates by name and absent headers are read by the grind
 // through this class; here: what goes out, and a value that just fits the first buffer.
 TEST_F(WinInetTest, SendsPathQueryAndHeadersAndReadsTheAnswer) {
-  m_server.Route("/file", tq::test::ScriptedResponse(200, "hello world").Header("X-Short", "1234567"));
+  m_server.Route("/file",
+                 tq::test::ScriptedResponse(200, "hello world").Header("X-Short", "1234567"));
   ASSERT_TRUE(Send(m_server.Url("/file?x=1")));
   EXPECT_EQ(m_api.QueryStatusCode(m_request), 200u);
   EXPECT_EQ(m_api.QueryHeader(m_request, std::wstring(L"X-Short"), nullptr),

@@ -58,7 +58,8 @@ class HeaderQueriesTest : public ::testing::Test {
     c.ReadRequestHead();
     c.Send(kHead + "hello");
   }};
-  Handle session_{InternetOpenW(L"sdk-conformance", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0)};
+  Handle session_{
+      InternetOpenW(L"sdk-conformance", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0)};
   Handle connection_;
   Handle request_;
   alignas(SYSTEMTIME) alignas(wchar_t) unsigned char storage_[300 * sizeof(wchar_t)];

@@ -112,10 +112,7 @@ TQ_SHIM(HttpSendRequestW)
 TQ_SHIM(HttpQueryInfoW)
 TQ_SHIM(InternetReadFile)
 TQ_SHIM(InternetCloseHandle)
-}
 #undef TQ_SHIM
-
-extern "C" {
 
 BOOL TqPlatformInjectFault(const char* function_name, DWORD error, unsigned fail_count,
                            unsigned skip_count) {

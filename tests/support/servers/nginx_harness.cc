@@ -2,7 +2,6 @@
 
 #if defined(_WIN32)
 #include <cstdlib>
-#include <random>
 #else
 #include <signal.h>
 #include <sys/wait.h>
@@ -57,18 +56,13 @@ NginxHarness::NginxHarness() {
     error_ = "no port in " + (dir / "port").string();
     return;
   }
-  std::random_device entropy;
-  for (int attempt = 0; attempt < 100 && root_.empty(); ++attempt) {
-    const std::string name = "h" + std::to_string(entropy());
-    if (std::filesystem::create_directory(dir / "www" / name)) {
-      root_ = dir / "www" / name;
-      prefix_ = "/" + name;
-    }
-  }
-  if (root_.empty()) {
-    error_ = "cannot make a directory in " + (dir / "www").string();
+  try {
+    root_ = MakeNewDirectory(dir / "www", "h");
+  } catch (const std::exception& e) {
+    error_ = e.what();
     return;
   }
+  prefix_ = "/" + root_.filename().string();
   port_ = port;
 }
 
@@ -189,18 +183,8 @@ bool NginxHarness::Start(int port) {
 
 void NginxHarness::Stop() {
   if (pid_ <= 0) return;
-  const auto pid = static_cast<pid_t>(pid_);
-  kill(pid, SIGTERM);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  for (;;) {
-    if (waitpid(pid, nullptr, WNOHANG) == pid) break;
-    if (std::chrono::steady_clock::now() >= deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
+  kill(static_cast<pid_t>(pid_), SIGKILL);  // it keeps nothing worth a graceful end
+  waitpid(static_cast<pid_t>(pid_), nullptr, 0);
   pid_ = -1;
 }
 

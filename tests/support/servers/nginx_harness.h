@@ -5,11 +5,6 @@
 // On Windows a test cannot start nginx: CTest starts one for the whole run
 // (tests/support/servers/nginx-fixture.sh) and names its directory in TQ_NGINX_DIR; a harness
 // then serves a directory of its own there, under a path prefix of its own.
-//
-//   tq::test::NginxHarness nginx;
-//   ASSERT_TRUE(nginx.ok()) << nginx.error();
-//   nginx.WriteFile("a.bin", bytes);
-//   ... GET nginx.Url("/a.bin") ...
 #pragma once
 
 #include <filesystem>

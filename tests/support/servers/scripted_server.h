@@ -2,12 +2,6 @@
 // scripts per path: cpp-httplib, or on Windows the raw responder (tests/WINDOWS.md). It records
 // every request, counts the TCP connections it accepted and the requests it served at the same
 // time, and can hold answers at a Gate.
-//
-//   tq::test::ScriptedServer server;
-//   server.Route("/a", {.status = 200, .headers = {{"ETag", "\"x\""}}, .body = "hello"});
-//   server.Route("/b", [](const tq::test::RecordedRequest& r) { ... return response; });
-//   ... request http://127.0.0.1:<server.port()>/a ...
-//   EXPECT_EQ(server.connection_count(), 1u);
 #pragma once
 
 #include <atomic>

@@ -21,6 +21,8 @@ namespace {
 using Native = SOCKET;
 using Length = int;
 constexpr int kNoSignal = 0;
+constexpr int kBothWays = SD_BOTH;
+int CloseNative(SOCKET s) { return ::closesocket(s); }
 // Winsock, started once for the life of the test process.
 bool Started() {
   static const bool started = [] {
@@ -34,6 +36,8 @@ int PollOne(pollfd* entry, int timeout) { return ::WSAPoll(entry, 1, timeout); }
 using Native = int;
 using Length = socklen_t;
 constexpr int kNoSignal = MSG_NOSIGNAL;
+constexpr int kBothWays = SHUT_RDWR;
+int CloseNative(int s) { return ::close(s); }
 bool Started() { return true; }
 int PollOne(pollfd* entry, int timeout) { return ::poll(entry, 1, timeout); }
 #endif
@@ -134,20 +138,8 @@ void ResetOnClose(Handle s) {
   ::setsockopt(N(s), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard), sizeof hard);
 }
 
-void Shutdown(Handle s) {
-#if defined(_WIN32)
-  ::shutdown(N(s), SD_BOTH);
-#else
-  ::shutdown(N(s), SHUT_RDWR);
-#endif
-}
+void Shutdown(Handle s) { ::shutdown(N(s), kBothWays); }
 
-void Close(Handle s) {
-#if defined(_WIN32)
-  ::closesocket(N(s));
-#else
-  ::close(N(s));
-#endif
-}
+void Close(Handle s) { CloseNative(N(s)); }
 
 }  // namespace tq::test::sockets
