@@ -86,9 +86,7 @@ std::string RawConnection::ReadRequestHead(std::string* body) {
   char buffer[16384];
   // Appends what arrives; false when the peer closed or the responder is stopping.
   const auto receive = [&] {
-    if (socket_ == sockets::kNone || !sockets::WaitReadable(socket_, impl->stopping)) {
-      return false;
-    }
+    if (socket_ == sockets::kNone || !sockets::WaitReadable(socket_, impl->stopping)) return false;
     const long n = sockets::Receive(socket_, buffer, sizeof buffer);
     if (n <= 0) return false;
     data.append(buffer, static_cast<std::size_t>(n));

@@ -1,12 +1,6 @@
 // A raw TCP server on 127.0.0.1 with an ephemeral port, for answers no real server would give:
 // exact bytes, a connection closed or reset half-way, a server that stalls. A script runs for
 // each accepted connection on its own thread.
-//
-//   tq::test::RawResponder responder([](tq::test::RawConnection& c) {
-//     c.ReadRequestHead();
-//     c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nshort");
-//     c.Reset();
-//   });
 #pragma once
 
 #include <atomic>

@@ -42,8 +42,6 @@ struct ScriptedServer::Impl {
   std::thread thread;
 };
 
-ScriptedServer::ScriptedServer() : ScriptedServer(Options{}) {}
-
 ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<Impl>()) {
   auto& server = impl_->server;
   tls_ = !options.cert_file.empty() && !options.key_file.empty();

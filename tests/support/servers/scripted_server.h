@@ -62,8 +62,7 @@ class ScriptedServer {
     std::string key_file;
   };
 
-  ScriptedServer();
-  explicit ScriptedServer(const Options& options);
+  explicit ScriptedServer(const Options& options = {});
   // Stops the server and waits for its threads. Clients should close their connections first:
   // a thread serving an idle keep-alive connection may end only after its idle time-out.
   ~ScriptedServer();

@@ -119,8 +119,6 @@ struct ScriptedServer::Impl {
   RawResponder responder;
 };
 
-ScriptedServer::ScriptedServer() : ScriptedServer(Options{}) {}
-
 ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<Impl>(*this)) {
   if (options.cert_file.empty() && options.key_file.empty()) port_ = impl_->responder.port();
 }
