@@ -1,5 +1,6 @@
 #include "platform/http_headers.h"
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -24,10 +25,17 @@ std::string_view TrimSpace(std::string_view s) {
   return s;
 }
 
-bool IsTokenChar(char c) {
-  const auto u = static_cast<unsigned char>(c);
-  return u > 0x20 && u < 0x7F && std::strchr("()<>@,;:\\\"/[]?={}", c) == nullptr;
-}
+// The characters of an HTTP token, as a table: every header name of every response is checked.
+constexpr std::array<bool, 256> kTokenChars = [] {
+  std::array<bool, 256> table{};
+  for (int c = 0x21; c < 0x7F; ++c) table[c] = true;
+  for (const char* s = "()<>@,;:\\\"/[]?={}"; *s != '\0'; ++s) {
+    table[static_cast<unsigned char>(*s)] = false;
+  }
+  return table;
+}();
+
+bool IsTokenChar(char c) { return kTokenChars[static_cast<unsigned char>(c)]; }
 
 // HTTP-version SP 3DIGIT [SP reason-phrase]
 bool ParseStatusLine(std::string_view line, std::string* version, int* code, std::string* text) {
@@ -199,6 +207,9 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
       return LineResult::kInvalid;
     }
     start_line_ = std::string(line);
+    // Room for a usual block's lines, so that the lists do not grow line by line.
+    headers_.reserve(kUsualLines);
+    raw_lines_.reserve(kUsualLines);
     raw_lines_.emplace_back(line);
     return LineResult::kAccepted;
   }

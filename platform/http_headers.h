@@ -47,6 +47,7 @@ class HeaderBlock {
   std::string RawNul() const;
 
  private:
+  static constexpr std::size_t kUsualLines = 16;
   struct Header {
     std::string name;
     std::string value;
