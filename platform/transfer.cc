@@ -52,6 +52,15 @@ void TransferSlot::ResetOptions() {
   clean_ = true;
 }
 
+const std::string& TransferSlot::SentUrl(const std::string& url) {
+  if (url_asked_.empty() || url != url_asked_) {
+    UrlParts parts;
+    url_sent_ = ParseUrl(url, &parts) ? std::move(parts.text) : url;
+    url_asked_ = url;
+  }
+  return url_sent_;
+}
+
 void TransferSlot::PrepareOptions() {
   if (!clean_) curl_easy_reset(easy_.get());
   clean_ = false;
@@ -313,6 +322,8 @@ void Transfer::OnFinalHeaders() {
   curl_off_t length = -1;
   curl_easy_getinfo(slot_->easy(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
   content_length_ = length > 0 ? static_cast<std::uint64_t>(length) : 0;
+  // The announced length is a hint: room for what may be kept, no more.
+  spill_.Reserve(static_cast<std::size_t>(std::min<std::uint64_t>(content_length_, kSpillLimit)));
 }
 
 size_t Transfer::OnHeader(const char* data, size_t size) {
@@ -360,24 +371,24 @@ size_t Transfer::OnBody(const char* data, size_t size) {
     OnFinalHeaders();
   }
   if (state_ == TransferState::kDraining) return OnDrainedBody(size);
-  if (target_ == nullptr && spill_.empty()) {
-    // Nobody reads yet (the open is returning): keep this one chunk rather than pause, so that
-    // a small body completes, and frees its connection, without a pause and resume.
-    spill_.Keep(data, size);
+  std::size_t taken = 0;
+  if (target_ != nullptr) {
+    taken = std::min(target_len_ - target_filled_, size);
+    std::memcpy(target_ + target_filled_, data, taken);
+    target_filled_ += taken;
+  }
+  const std::size_t rest = size - taken;
+  if (rest == 0) return size;
+  // Bytes nobody has room for are kept up to one receive buffer, so that a body that arrives
+  // with its headers or in one receive completes, and frees its connection, without a pause
+  // and resume. The rest of a chunk partly taken is always kept: libcurl cannot take it back.
+  if (taken > 0 || spill_.empty() || spill_.pending() + rest <= kSpillLimit) {
+    spill_.Append(data + taken, rest);
     return size;
   }
-  const std::size_t room = target_ != nullptr ? target_len_ - target_filled_ : 0;
-  if (room == 0) {
-    // Nobody is reading: stop the transfer; libcurl delivers this chunk again when it resumes.
-    MoveTo(TransferState::kPaused);
-    return CURL_WRITEFUNC_PAUSE;
-  }
-  const std::size_t take = std::min(room, size);
-  std::memcpy(target_ + target_filled_, data, take);
-  target_filled_ += take;
-  // The rest of this chunk waits for the next read; at most one libcurl buffer.
-  if (take < size) spill_.Keep(data + take, size - take);
-  return size;
+  // Nobody is reading: stop the transfer; libcurl delivers this chunk again when it resumes.
+  MoveTo(TransferState::kPaused);
+  return CURL_WRITEFUNC_PAUSE;
 }
 
 size_t Transfer::OnDrainedBody(size_t size) {

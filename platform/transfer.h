@@ -47,6 +47,9 @@ class TransferSlot {
   void PrepareOptions();
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
   std::string& spill_storage() { return spill_storage_; }
+  // The URL as libcurl sends it (dot segments removed; `url` itself when it does not parse).
+  // Successive requests on a slot mostly ask for the same URL, so the last answer is kept.
+  const std::string& SentUrl(const std::string& url);
 
  private:
   TransferSlot() = default;
@@ -55,6 +58,8 @@ class TransferSlot {
   bool attached_ = false;
   bool clean_ = true;
   std::string spill_storage_;
+  std::string url_asked_;
+  std::string url_sent_;
 };
 
 // Who lends slots to a transfer: a WinINet connection's bounded pool, or a download's own slot.
@@ -121,8 +126,11 @@ class Transfer {
   // A response body up to this size is read and dropped when a transfer is ended early, so that
   // its connection stays usable; a larger one closes it.
   static constexpr std::size_t kDrainLimit = 64 * 1024;
-  // libcurl's receive buffer; it also bounds what a read keeps beyond the reader's buffer.
+  // libcurl's receive buffer.
   static constexpr long kBufferSize = 256 * 1024;
+  // Body bytes kept beyond the reader's buffer before the transfer is paused: what one receive
+  // brings, plus the rest of one chunk.
+  static constexpr std::size_t kSpillLimit = kBufferSize;
 
   Transfer(SlotSource& slots, StopSignal& stop) : slots_(slots), stop_(stop) {}
   ~Transfer();

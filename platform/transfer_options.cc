@@ -23,8 +23,7 @@ DWORD Transfer::Configure(bool same_origin) {
   slot_->PrepareOptions();
   // No CURLOPT_PATH_AS_IS: libcurl removes dot segments, as browsers do, so "/x/../b" goes out
   // as "/b". A cache keys on the normalised URL; what it keys on must be what is sent.
-  UrlParts parts;
-  sent_url_ = ParseUrl(request_.url, &parts) ? parts.text : request_.url;
+  sent_url_ = slot_->SentUrl(request_.url);
   method_ = request_.method;
   clock_.Start(request_.limits, !request_.body.empty(), TransferClock::Clock::now());
   SetTransport(easy);
