@@ -195,7 +195,16 @@ DWORD WriteFixed(const T& value, void* buffer, DWORD* buffer_length) {
 
 }  // namespace
 
-void HeaderBlock::Clear() { *this = HeaderBlock(); }
+void HeaderBlock::Clear() {
+  // Keeps the lists' room for the next block.
+  start_line_.clear();
+  version_.clear();
+  status_code_ = 0;
+  status_text_.clear();
+  headers_.clear();
+  raw_lines_.clear();
+  bytes_ = 0;
+}
 
 HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response) {
   bytes_ += raw.size();

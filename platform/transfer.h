@@ -199,6 +199,7 @@ class Transfer {
   void SetCallbacks(CURL* easy);
   void SetProxy(CURL* easy);
   DWORD SetHeaders(CURL* easy);
+  bool AgentAsHeaderLine() const;
   void SetMethod(CURL* easy);
   void SetCredentials(CURL* easy, bool same_origin);
 
