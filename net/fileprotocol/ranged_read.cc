@@ -24,6 +24,16 @@ void PostReadError(const wchar_t* format, const TqUWideString& url, int value) {
   TqUError::Post(1, &detail::FileProtocolComponent(), format, url.GetString(), value);
 }
 
+void AppendDecimal(std::uint64_t value, std::wstring* out) {
+  wchar_t digits[20];
+  std::size_t n = 0;
+  do {
+    digits[n++] = static_cast<wchar_t>(L'0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  while (n > 0) out->push_back(digits[--n]);
+}
+
 // The answer's "Content-Range", asked for once however many checks read it; null when absent.
 class ContentRangeHeader {
  public:
@@ -136,8 +146,10 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
 
   HttpRequest http_request(url.GetString(), HttpMethod::Get);
   HttpRequestHandlerManager::HandlePreRequest(http_request);
-  const std::wstring range =
-      L"bytes=" + std::to_wstring(offset) + L"-" + std::to_wstring(offset + size - 1);
+  std::wstring range = L"bytes=";
+  AppendDecimal(offset, &range);
+  range.push_back(L'-');
+  AppendDecimal(offset + size - 1, &range);
   http_request.AddHeader(L"Range", range.c_str());
 
   detail::InternetHandle handle(detail::OpenProtocolRequest(
