@@ -1,8 +1,8 @@
 // The platform layer's one libcurl transfer engine, used by the WinINet requests and the URL
 // Moniker downloads alike. The calling thread drives its own transfer through a multi handle;
-// body bytes are pulled into the reader's buffer, and between reads the transfer is paused, so
-// what the engine holds beyond the reader's buffer is bounded by one libcurl buffer whatever the
-// body's size. Redirects are followed by one policy, time-outs kept by one clock
+// body bytes are pulled into the reader's buffer; bytes that come while nobody reads are kept up
+// to one receive buffer, and past that the transfer is paused, so what the engine holds beyond
+// the reader's buffer is bounded by a receive buffer or two whatever the body's size. Redirects are followed by one policy, time-outs kept by one clock
 // (transfer_state.h). One thread at a time uses a Transfer; StopSignal::Stop may come from any.
 #pragma once
 
