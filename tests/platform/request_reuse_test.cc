@@ -3,6 +3,9 @@
 // the next one.
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +22,17 @@ std::string Pattern(std::size_t size) {
   std::string bytes(size, '\0');
   for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 251) % 256);
   return bytes;
+}
+
+bool EqualsIgnoreCaseAscii(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(a[i])) !=
+        std::tolower(static_cast<unsigned char>(b[i]))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 std::string StartLineSent(const Handle& request) {
@@ -119,6 +133,46 @@ TEST(RequestReuseTest, ABodyLeftUnreadIsDroppedAndTheNextRequestIsServed) {
     std::string body;
     ASSERT_TRUE(ReadAll(small, &body)) << GetLastError();
     EXPECT_EQ(body, "next");
+  }
+}
+
+TEST(RequestReuseTest, TheAgentLineGoesOutOnceAndAPostBodyWithoutAskingToContinue) {
+  ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  server.Route("/", ScriptedResponse(200, "ok"));
+  const Handle session = OpenSession();  // direct, agent "tqnetwork-test"
+  const Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(connection);
+  const std::string big_body(1536 * 1024, 'p');  // past the size libcurl asks to continue for
+  const struct {
+    const wchar_t* verb;
+    std::wstring headers;
+    std::string body;
+    const char* agent;  // the one User-Agent the server must see
+  } cases[] = {
+      {L"GET", L"", "", "tqnetwork-test"},
+      {L"GET", L"user-agent: mine\r\n", "", "mine"},
+      {L"POST", L"Content-Type: application/octet-stream\r\n", big_body, "tqnetwork-test"},
+      {L"PUT", L"User-Agent: put-agent\r\n", "small", "put-agent"},
+  };
+  for (const auto& c : cases) {
+    const Handle request = OpenRequest(connection, L"/", c.verb);
+    ASSERT_TRUE(Send(request, c.headers, c.body)) << GetLastError();
+    std::string body;
+    ASSERT_TRUE(ReadAll(request, &body)) << GetLastError();
+    EXPECT_EQ(body, "ok") << "status " << StatusCode(request) << " for a body of " << c.body.size();
+  }
+  const std::vector<RecordedRequest> seen = server.requests();
+  ASSERT_EQ(seen.size(), std::size(cases));
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    SCOPED_TRACE(i);
+    std::vector<std::string> agents;
+    for (const auto& [name, value] : seen[i].headers) {
+      if (EqualsIgnoreCaseAscii(name, "User-Agent")) agents.push_back(value);
+    }
+    EXPECT_EQ(agents, std::vector<std::string>{cases[i].agent});
+    EXPECT_EQ(seen[i].Header("Expect"), std::nullopt);
+    EXPECT_TRUE(seen[i].body == cases[i].body) << seen[i].body.size() << " bytes arrived";
   }
 }
 
