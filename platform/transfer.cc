@@ -322,8 +322,10 @@ void Transfer::OnFinalHeaders() {
   curl_off_t length = -1;
   curl_easy_getinfo(slot_->easy(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
   content_length_ = length > 0 ? static_cast<std::uint64_t>(length) : 0;
-  // The announced length is a hint: room for what may be kept, no more.
-  spill_.Reserve(static_cast<std::size_t>(std::min<std::uint64_t>(content_length_, kSpillLimit)));
+  // A body announced to fit is kept whole while nobody reads (the length is only a hint: the
+  // bound still holds), with room made for it at once.
+  keep_whole_body_ = content_length_ > 0 && content_length_ <= kSpillLimit;
+  if (keep_whole_body_) spill_.Reserve(static_cast<std::size_t>(content_length_));
 }
 
 size_t Transfer::OnHeader(const char* data, size_t size) {
@@ -379,14 +381,17 @@ size_t Transfer::OnBody(const char* data, size_t size) {
   }
   const std::size_t rest = size - taken;
   if (rest == 0) return size;
-  // Bytes nobody has room for are kept up to one receive buffer, so that a body that arrives
-  // with its headers or in one receive completes, and frees its connection, without a pause
-  // and resume. The rest of a chunk partly taken is always kept: libcurl cannot take it back.
-  if (taken > 0 || spill_.empty() || spill_.pending() + rest <= kSpillLimit) {
+  // The rest of a chunk partly taken is kept: libcurl cannot take it back. While nobody reads
+  // (the open is returning), the first chunk is kept, and a small body whole, so that it
+  // completes, and frees its connection, without a pause and resume. A reader whose buffer is
+  // full pauses the transfer instead: bytes kept here would reach every later read second-hand.
+  if (taken > 0 || (target_ == nullptr &&
+                    (spill_.empty() ||
+                     (keep_whole_body_ && spill_.pending() + rest <= kSpillLimit)))) {
     spill_.Append(data + taken, rest);
     return size;
   }
-  // Nobody is reading: stop the transfer; libcurl delivers this chunk again when it resumes.
+  // Nobody has room: stop the transfer; libcurl delivers this chunk again when it resumes.
   MoveTo(TransferState::kPaused);
   return CURL_WRITEFUNC_PAUSE;
 }

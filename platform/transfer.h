@@ -1,8 +1,9 @@
 // The platform layer's one libcurl transfer engine, used by the WinINet requests and the URL
 // Moniker downloads alike. The calling thread drives its own transfer through a multi handle;
-// body bytes are pulled into the reader's buffer; bytes that come while nobody reads are kept up
-// to one receive buffer, and past that the transfer is paused, so what the engine holds beyond
-// the reader's buffer is bounded by a receive buffer or two whatever the body's size. Redirects are followed by one policy, time-outs kept by one clock
+// body bytes are pulled into the reader's buffer, and between reads the transfer is paused (a
+// body announced as no larger than one receive buffer is kept whole instead), so what the engine
+// holds beyond the reader's buffer is bounded by a receive buffer or two whatever the body's
+// size. Redirects are followed by one policy, time-outs kept by one clock
 // (transfer_state.h). One thread at a time uses a Transfer; StopSignal::Stop may come from any.
 #pragma once
 
@@ -128,8 +129,7 @@ class Transfer {
   static constexpr std::size_t kDrainLimit = 64 * 1024;
   // libcurl's receive buffer.
   static constexpr long kBufferSize = 256 * 1024;
-  // Body bytes kept beyond the reader's buffer before the transfer is paused: what one receive
-  // brings, plus the rest of one chunk.
+  // The largest announced body kept whole while nobody reads.
   static constexpr std::size_t kSpillLimit = kBufferSize;
 
   Transfer(SlotSource& slots, StopSignal& stop) : slots_(slots), stop_(stop) {}
@@ -220,6 +220,7 @@ class Transfer {
   HeaderBlock pending_;   // the block being received
   HeaderBlock response_;  // the last complete block
   std::uint64_t content_length_ = 0;
+  bool keep_whole_body_ = false;  // the announced body fits what is kept while nobody reads
   DWORD header_error_ = 0;  // why a header block was refused
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body

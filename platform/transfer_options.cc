@@ -23,6 +23,7 @@ void Transfer::ClearResponse() {
   pending_.Clear();
   response_.Clear();
   content_length_ = 0;
+  keep_whole_body_ = false;
   header_error_ = 0;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;
