@@ -1,6 +1,7 @@
 // ScriptedServer over cpp-httplib, with HTTPS when given a certificate.
 #include <httplib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -78,7 +79,14 @@ ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<
     const_cast<httplib::Request&>(req).ranges.clear();
     res.status = answer.status;
     for (const auto& [name, value] : answer.headers) res.headers.emplace(name, value);
-    res.set_content(answer.body, "application/octet-stream");
+    if (answer.chunk_size == 0) return res.set_content(answer.body, "application/octet-stream");
+    auto body = std::make_shared<std::string>(answer.body);
+    const std::size_t piece = answer.chunk_size;
+    res.set_chunked_content_provider("application/octet-stream", [body, piece](std::size_t at,
+                                                                               auto& sink) {
+      if (at >= body->size()) return sink.done(), true;
+      return sink.write(body->data() + at, std::min(piece, body->size() - at));
+    });
   };
   server->Get(".*", handler).Post(".*", handler).Put(".*", handler);
   server->Delete(".*", handler).Options(".*", handler).Patch(".*", handler);

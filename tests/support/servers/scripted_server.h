@@ -28,6 +28,10 @@ struct ScriptedResponse {
     headers.emplace_back(std::move(name), std::move(value));
     return *this;
   }
+  ScriptedResponse& Chunked(std::size_t piece) {
+    chunk_size = piece;
+    return *this;
+  }
   ScriptedResponse& Hold(Gate* gate) {
     hold = gate;
     return *this;
@@ -37,6 +41,8 @@ struct ScriptedResponse {
   // Sent in this order; a repeated name is sent repeatedly.
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;  // sent as application/octet-stream
+  // Sends the body with chunked transfer encoding, in pieces of this many bytes (0: not chunked).
+  std::size_t chunk_size = 0;
   // When set, the answer waits at this gate (owned by the test) before it is sent.
   Gate* hold = nullptr;
 };

@@ -3,6 +3,7 @@
 // cpp-httplib server does where tests can tell (headers it adds, HEAD, keep-alive); HTTPS is not
 // served (ok() is false with a certificate).
 #include <cctype>
+#include <cstdio>
 #include <map>
 #include <string_view>
 
@@ -76,6 +77,12 @@ bool Parse(const std::string& head, RecordedRequest* record, std::string* versio
   return true;
 }
 
+std::string Hex(std::size_t value) {
+  char text[20];
+  std::snprintf(text, sizeof text, "%zx", value);
+  return text;
+}
+
 // The bytes cpp-httplib would send for `answer`.
 std::string Format(const ScriptedResponse& answer, const RecordedRequest& record, bool close) {
   std::string head =
@@ -88,14 +95,23 @@ std::string Format(const ScriptedResponse& answer, const RecordedRequest& record
     head += name + ": " + value + "\r\n";
   }
   head += close ? "Connection: close\r\n" : "Keep-Alive: timeout=5, max=100000\r\n";
-  if (!answer.body.empty()) {
+  std::string body = answer.body;
+  if (answer.chunk_size > 0) {
+    head += "Content-Type: application/octet-stream\r\nTransfer-Encoding: chunked\r\n";
+    body.clear();
+    for (std::size_t at = 0; at < answer.body.size(); at += answer.chunk_size) {
+      const std::string piece = answer.body.substr(at, answer.chunk_size);
+      body += Hex(piece.size()) + "\r\n" + piece + "\r\n";
+    }
+    body += "0\r\n\r\n";
+  } else if (!answer.body.empty()) {
     head += "Content-Type: application/octet-stream\r\nContent-Length: " +
             std::to_string(answer.body.size()) + "\r\n";
   } else if (!has_length) {
     head += "Content-Length: 0\r\n";
   }
   if (record.method == "HEAD") return head + "Accept-Ranges: bytes\r\n\r\n";
-  return head + "\r\n" + answer.body;
+  return head + "\r\n" + body;
 }
 
 }  // namespace
