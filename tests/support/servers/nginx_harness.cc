@@ -44,10 +44,14 @@ std::filesystem::path FixtureDirectory() {
 
 bool NginxHarness::Installed() { return !FixtureDirectory().empty(); }
 
-NginxHarness::NginxHarness() {
+NginxHarness::NginxHarness(std::string server_directives) {
   const std::filesystem::path dir = FixtureDirectory();
   if (dir.empty()) {
     error_ = "no nginx: TQ_NGINX_DIR does not name the directory of CTest's nginx fixture";
+    return;
+  }
+  if (!server_directives.empty()) {
+    error_ = "server directives need an nginx of the caller's own, which Windows cannot start";
     return;
   }
   int port = -1;
@@ -103,7 +107,8 @@ bool Accepts(int port) {
 
 bool NginxHarness::Installed() { return access(kBinary, X_OK) == 0; }
 
-NginxHarness::NginxHarness() : dir_(std::make_unique<TempDir>()) {
+NginxHarness::NginxHarness(std::string server_directives)
+    : dir_(std::make_unique<TempDir>()) {
   root_ = dir_->path() / "www";
   if (!Installed()) {
     error_ = std::string(kBinary) + " is not installed";
@@ -113,11 +118,11 @@ NginxHarness::NginxHarness() : dir_(std::make_unique<TempDir>()) {
   // The port is free when chosen but may be taken before nginx binds it: try a few.
   for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
     const int port = FreePort();
-    if (port > 0 && Start(port)) port_ = port;
+    if (port > 0 && Start(port, server_directives)) port_ = port;
   }
 }
 
-bool NginxHarness::Start(int port) {
+bool NginxHarness::Start(int port, const std::string& server_directives) {
   const std::string dir = dir_->path().string();
   std::ostringstream conf;
   conf << "daemon off;\n"
@@ -144,6 +149,7 @@ bool NginxHarness::Start(int port) {
        << "    server_name localhost;\n"
        << "    root " << dir << "/www;\n"
        << "    location / { }\n"
+       << "    " << server_directives << "\n"
        << "  }\n"
        << "}\n";
   dir_->WriteFile("nginx.conf", conf.str());

@@ -21,8 +21,10 @@ class NginxHarness {
   static constexpr const char* kBinary = "/usr/sbin/nginx";
   static bool Installed();
 
-  // Starts nginx and waits (bounded) until it accepts connections.
-  NginxHarness();
+  // Starts nginx and waits (bounded) until it accepts connections. `server_directives` go
+  // inside the server block (a benchmark's access log, say); a Windows harness, which serves
+  // CTest's nginx, refuses them.
+  explicit NginxHarness(std::string server_directives = {});
   ~NginxHarness();
   NginxHarness(const NginxHarness&) = delete;
   NginxHarness& operator=(const NginxHarness&) = delete;
@@ -37,7 +39,7 @@ class NginxHarness {
   std::filesystem::path WriteFile(std::string_view relative, std::string_view contents) const;
 
  private:
-  bool Start(int port);
+  bool Start(int port, const std::string& server_directives);
   void Stop();
 
   std::unique_ptr<TempDir> dir_;  // configuration, logs and root (not on Windows)
