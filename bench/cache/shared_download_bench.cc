@@ -66,9 +66,7 @@ int main(int argc, char** argv) {
   const unsigned long mebibytes = tq::bench::Setting(argc, argv, 1, "TQ_BENCH_SHARED_MIB", 64);
   tq::test::TempDir work;
   const fs::path access_log = work.path() / "access.log";
-  tq::test::NginxHarness::Options options;
-  options.server_directives = "access_log " + access_log.string() + ";";
-  tq::test::NginxHarness nginx(options);
+  tq::test::NginxHarness nginx("access_log " + access_log.string() + ";");
   if (!nginx.ok()) return std::fprintf(stderr, "nginx: %s\n", nginx.error().c_str()), 1;
   const std::uint64_t size = static_cast<std::uint64_t>(mebibytes) << 20;
   {

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,7 +16,7 @@
 #include "net/stream/read_stream.h"
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/read_all.h"
-#include "tests/support/servers/raw_responder.h"
+#include "tests/support/same_answer_server.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
 #include "tqutil/sys_time.h"
@@ -66,52 +65,20 @@ const std::string kNotModified =
     "Cache-Control: max-age=60\r\n"
     "ETag: \"grind-1\"\r\n\r\n";
 
-// Serves /plain and /chunked, and 304 to a request carrying If-None-Match, every answer `piece`
-// bytes at a time, as many requests per connection as the client sends.
-class GrindServer {
- public:
-  explicit GrindServer(std::size_t piece)
-      : responder_([this, piece](RawConnection& c) {
-          for (std::string head; !(head = c.ReadRequestHead()).empty();) {
-            {
-              std::lock_guard lock(mutex_);
-              heads_.push_back(head);
-            }
-            const bool conditional =
-                head.find("\r\nIf-None-Match: \"grind-1\"\r\n") != std::string::npos;
-            const bool chunked = head.find(" /chunked ") != std::string::npos;
-            if (!c.Send(conditional ? kNotModified
-                        : chunked   ? ChunkedAnswer()
-                                    : PlainAnswer(),
-                        piece)) {
-              return;
-            }
-          }
-        }) {}
+// /plain and /chunked, and 304 to a request carrying If-None-Match.
+std::string Answer(const std::string& head) {
+  if (head.find("\r\nIf-None-Match: \"grind-1\"\r\n") != std::string::npos) return kNotModified;
+  return head.find(" /chunked ") != std::string::npos ? ChunkedAnswer() : PlainAnswer();
+}
 
-  bool ok() const { return responder_.ok(); }
-  std::string Url(const std::string& path) const { return responder_.Url(path); }
-  int port() const { return responder_.port(); }
-  std::size_t connections() const { return responder_.connection_count(); }
-  std::size_t requests() const {
-    std::lock_guard lock(mutex_);
-    return heads_.size();
+// "conditional" or "plain" for each request, in order.
+std::string Kinds(const SameAnswerServer& server) {
+  std::string kinds;
+  for (const auto& head : server.heads()) {
+    kinds += head.find("If-None-Match") != std::string::npos ? "conditional " : "plain ";
   }
-  // "conditional" or "plain" for each request, in order.
-  std::string Kinds() const {
-    std::lock_guard lock(mutex_);
-    std::string kinds;
-    for (const auto& head : heads_) {
-      kinds += head.find("If-None-Match") != std::string::npos ? "conditional " : "plain ";
-    }
-    return kinds;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> heads_;
-  RawResponder responder_;  // last: its threads stop before the members they use go
-};
+  return kinds;
+}
 
 // The body as a transcript line: short when it is the one sent.
 std::string Seen(const std::string& body) {
@@ -137,7 +104,7 @@ Transcript GrindEverySize(Grind grind) {
   std::vector<Transcript> transcripts;
   for (const std::size_t piece : kPieces) {
     SCOPED_TRACE(testing::Message() << piece << " bytes at a time");
-    GrindServer server(piece);
+    SameAnswerServer server(Answer, piece);  // as many requests per connection as are sent
     EXPECT_TRUE(server.ok());
     transcripts.push_back(grind(server));
     qv::net::HttpConnectionPool::Terminate();  // before the server goes
@@ -163,7 +130,7 @@ class ChunkGrindTest : public ::testing::Test {
 };
 
 TEST_F(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
-  const Transcript reference = GrindEverySize([](GrindServer& server) {
+  const Transcript reference = GrindEverySize([](SameAnswerServer& server) {
     Transcript out;
     Handle session = OpenSession();
     Handle connection = Connect(session, server.port());
@@ -209,7 +176,7 @@ std::string ReadStreamConnections(std::size_t count) {
 }
 
 TEST_F(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
-  const Transcript reference = GrindEverySize([](GrindServer& server) {
+  const Transcript reference = GrindEverySize([](SameAnswerServer& server) {
     Transcript out;
     const auto describe = [&](qv::net::HttpReadStream& stream) {
       const auto size = stream.ContentSize();
@@ -242,7 +209,7 @@ TEST_F(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) 
   struct RestoreClock {
     ~RestoreClock() { TqUSysTime::SetClockForTesting({}); }
   } restore_clock;
-  const Transcript reference = GrindEverySize([&now](GrindServer& server) {
+  const Transcript reference = GrindEverySize([&now](SameAnswerServer& server) {
     Transcript out;
     TempDir dir;
     qv::net::DiskCache cache(dir.path().wstring().c_str());
@@ -262,7 +229,7 @@ TEST_F(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) 
       now = kDate + 61;
       open();  // stale: revalidated, the 304 keeps the body
     }
-    out.push_back(server.Kinds() + "on " + std::to_string(server.connections()) + " connection");
+    out.push_back(Kinds(server) + "on " + std::to_string(server.connections()) + " connection");
     return out;
   });
   const std::string tag = kTag;

@@ -7,15 +7,15 @@
 #include <chrono>
 #include <filesystem>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "platform/fault_injection.h"
 #include "platform/urlmon.h"
 #include "platform/urlmon_internal.h"
 #include "tests/platform/wininet_test_util.h"
+#include "tests/support/same_answer_server.h"
 #include "tests/support/servers/gate.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/temp_dir.h"
@@ -28,54 +28,25 @@ using namespace std::chrono_literals;
 std::string RequestLine(const std::string& head) { return head.substr(0, head.find("\r\n")); }
 
 TEST(HostilePlatform, DotSegmentsAreRemovedBeforeTheRequestIsSent) {
-  std::mutex mutex;
-  std::vector<std::string> seen;
-  RawResponder server([&](RawConnection& c) {
-    for (std::string head; !(head = c.ReadRequestHead()).empty();) {
-      {
-        std::lock_guard lock(mutex);
-        seen.push_back(RequestLine(head));
-      }
-      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
-    }
-  });
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
   ASSERT_TRUE(server.ok());
   Handle session = OpenSession();
   Handle connection = Connect(session, server.port());
-  const struct {
-    const wchar_t* path;
-    const char* sent;
-  } cases[] = {
-      {L"/x/../b", "GET /b HTTP/1.1"},
-      {L"/a/./b/../../c?q=/../", "GET /c?q=/../ HTTP/1.1"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.path);
-    Handle request = OpenRequest(connection, c.path);
+  for (const auto& [path, sent] : {std::pair{L"/x/../b", "GET /b HTTP/1.1"},
+                                   std::pair{L"/a/./b/../../c?q=/../", "GET /c?q=/../ HTTP/1.1"}}) {
+    SCOPED_TRACE(testing::Message() << path);
+    Handle request = OpenRequest(connection, path);
     ASSERT_TRUE(Send(request));
-    {
-      std::lock_guard lock(mutex);
-      ASSERT_FALSE(seen.empty());
-      EXPECT_EQ(seen.back(), c.sent);
-    }
+    EXPECT_EQ(RequestLine(server.heads().back()), sent);
     // What the request-headers query reports is what went out.
-    const std::string reported =
-        QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF | HTTP_QUERY_FLAG_REQUEST_HEADERS);
-    EXPECT_EQ(RequestLine(reported), c.sent);
+    EXPECT_EQ(RequestLine(QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF |
+                                                 HTTP_QUERY_FLAG_REQUEST_HEADERS)),
+              sent);
   }
 }
 
 TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {
-  std::mutex mutex;
-  std::string last_head;
-  RawResponder server([&](RawConnection& c) {
-    const std::string head = c.ReadRequestHead();
-    {
-      std::lock_guard lock(mutex);
-      last_head = head;
-    }
-    c.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
-  });
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
   ASSERT_TRUE(server.ok());
   Handle session = OpenSession();
   Handle connection = Connect(session, server.port());
@@ -90,68 +61,57 @@ TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {
     SCOPED_TRACE(testing::Message() << "case " << (&headers - refused));
     Handle request = OpenRequest(connection, L"/");
     SetLastError(0);
-    EXPECT_FALSE(HttpSendRequestW(request.get(), headers.c_str(),
-                                  static_cast<DWORD>(headers.size()), nullptr, 0));
+    EXPECT_FALSE(Send(request, headers));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
   }
-  EXPECT_EQ(server.connection_count(), 0u);
+  EXPECT_EQ(server.connections(), 0u);
 
   // Lines ending in CR LF or LF go out, each as its own header; a length that counts the
   // terminator is no NUL inside the text.
-  const std::wstring fine(L"X-One: 1\r\nX-Two: 2\nX-Three: 3\0", 30);
   Handle request = OpenRequest(connection, L"/");
-  ASSERT_TRUE(HttpSendRequestW(request.get(), fine.c_str(), static_cast<DWORD>(fine.size()),
-                               nullptr, 0));
-  std::lock_guard lock(mutex);
-  EXPECT_NE(last_head.find("\r\nX-One: 1\r\nX-Two: 2\r\nX-Three: 3\r\n"), std::string::npos)
-      << last_head;
+  ASSERT_TRUE(Send(request, std::wstring(L"X-One: 1\r\nX-Two: 2\nX-Three: 3\0", 30)));
+  EXPECT_NE(server.heads().at(0).find("\r\nX-One: 1\r\nX-Two: 2\r\nX-Three: 3\r\n"),
+            std::string::npos);
 }
 
-// Answers with one header line every 50 ms (or stops when `ended` opens): every line is
-// progress, the block as a whole never arrives in time. Without one deadline for the block the
-// answer would be taken after all 40.
-RawResponder::Script DripHeaders(Gate& ended, std::atomic<int>& lines_sent) {
-  return [&ended, &lines_sent](RawConnection& c) {
-    c.ReadRequestHead();
-    if (!c.Send("HTTP/1.1 200 OK\r\n")) return;
-    for (int i = 0; i < 40; ++i) {
-      if (ended.Wait(50ms) || !c.Send("X-Drip-" + std::to_string(i) + ": x\r\n")) return;
-      ++lines_sent;
+// One header line every 50 ms: every line is progress, the block as a whole never arrives in
+// time. Without one deadline for the block the answer would be taken after all 40 lines, by the
+// WinINet layer and by a URL download alike.
+TEST(HostilePlatform, DrippedHeaderLinesEndAtTheTimeOut) {
+  for (const bool download : {false, true}) {
+    SCOPED_TRACE(download ? "URL download" : "WinINet request");
+    Gate ended;  // outlives the server, whose shut-down fails the script's next send
+    std::atomic<int> lines_sent{0};
+    RawResponder server([&](RawConnection& c) {
+      c.ReadRequestHead();
+      if (!c.Send("HTTP/1.1 200 OK\r\n")) return;
+      for (int i = 0; i < 40; ++i) {
+        if (ended.Wait(50ms) || !c.Send("X-Drip-" + std::to_string(i) + ": x\r\n")) return;
+        ++lines_sent;
+      }
+      c.Send("Content-Length: 2\r\n\r\nok");
+    });
+    ASSERT_TRUE(server.ok());
+    if (download) {
+      TempDir dir;
+      const auto previous = tqplatform::SetUrlDownloadLimitsForTesting({5'000, 300});
+      const std::string url = server.Url("/file");
+      EXPECT_EQ(URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
+                                   (dir.path() / "file").wstring().c_str(), 0, nullptr),
+                INET_E_CONNECTION_TIMEOUT);
+      tqplatform::SetUrlDownloadLimitsForTesting(previous);
+      EXPECT_FALSE(std::filesystem::exists(dir.path() / "file"));
+    } else {
+      Handle session = OpenSession();
+      Handle connection = Connect(session, server.port());
+      ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_RECEIVE_TIMEOUT, 300));
+      Handle request = OpenRequest(connection, L"/");
+      SetLastError(0);
+      EXPECT_FALSE(Send(request));
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_TIMEOUT));
     }
-    c.Send("Content-Length: 2\r\n\r\nok");
-  };
-}
-
-TEST(HostilePlatform, DrippedHeaderLinesEndAtTheReceiveTimeOut) {
-  Gate ended;  // outlives the server, whose shut-down fails the script's next send
-  std::atomic<int> lines_sent{0};
-  RawResponder server(DripHeaders(ended, lines_sent));
-  ASSERT_TRUE(server.ok());
-  Handle session = OpenSession();
-  Handle connection = Connect(session, server.port());
-  ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_RECEIVE_TIMEOUT, 300));
-  Handle request = OpenRequest(connection, L"/");
-  SetLastError(0);
-  EXPECT_FALSE(Send(request));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_TIMEOUT));
-  EXPECT_LT(lines_sent.load(), 40);
-}
-
-TEST(HostilePlatform, DrippedHeaderLinesEndAUrlDownloadAtItsStallLimit) {
-  Gate ended;  // outlives the server, whose shut-down fails the script's next send
-  std::atomic<int> lines_sent{0};
-  RawResponder server(DripHeaders(ended, lines_sent));
-  ASSERT_TRUE(server.ok());
-  TempDir dir;
-  const auto previous = tqplatform::SetUrlDownloadLimitsForTesting({5'000, 300});
-  const std::string ascii_url = server.Url("/file");
-  const std::wstring url(ascii_url.begin(), ascii_url.end());
-  const std::wstring file = (dir.path() / "file").wstring();
-  EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), file.c_str(), 0, nullptr),
-            INET_E_CONNECTION_TIMEOUT);
-  tqplatform::SetUrlDownloadLimitsForTesting(previous);
-  EXPECT_LT(lines_sent.load(), 40);
-  EXPECT_FALSE(std::filesystem::exists(dir.path() / "file"));
+    EXPECT_LT(lines_sent.load(), 40);
+  }
 }
 
 // The hook below tells the test that a call on the request has reached its wait for the

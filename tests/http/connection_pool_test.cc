@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include "tests/support/latch.h"
 #include <set>
 #include <vector>
 
 #include "net/http/http_api.h"
 #include "tests/support/fake_http_api.h"
+#include "tests/support/latch.h"
 
 namespace qv::net {
 namespace {
@@ -68,19 +68,6 @@ TEST_F(ConnectionPoolTest, ConcurrentFirstCallsShareOnePoolAndOneConnection) {
   EXPECT_NE(*handles.begin(), nullptr);
   EXPECT_EQ(m_api.CountCalls("OpenInternet"), 1);
   EXPECT_EQ(m_api.CountCalls("Connect"), 1);
-}
-
-TEST(ConnectionKeyHashTest, Fnv1aOverUtf16CodeUnits) {
-  detail::ConnectionKeyHash hash;
-  constexpr std::uint64_t kBasis = 0xcbf29ce484222325ull;
-  constexpr std::uint64_t kPrime = 0x100000001b3ull;
-  const std::uint64_t port_80 = ((kBasis ^ 80) * kPrime ^ 0) * kPrime;
-  // A character outside the BMP hashes as its surrogate pair on every system.
-  std::uint64_t host = kBasis;
-  for (unsigned char byte : {0x3D, 0xD8, 0x00, 0xDE}) host = (host ^ byte) * kPrime;  // U+1F600
-  EXPECT_EQ(hash({L"\U0001F600", 80, L"", L""}),
-            ((((kBasis << 1) ^ kBasis) << 1 ^ port_80) << 1) ^ host);
-  EXPECT_NE(hash({L"a", 80, L"u", L""}), hash({L"a", 80, L"", L"u"}));
 }
 
 }  // namespace

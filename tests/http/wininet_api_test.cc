@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 
+#include "net/http/send_watch.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/scripted_server.h"
+#include "tests/support/wine.h"
 
 namespace qv::net {
 namespace {
@@ -43,23 +46,15 @@ class WinInetTest : public ::testing::Test {
   void* m_request = nullptr;
 };
 
-TEST_F(WinInetTest, RoundTripSendsHeadersAndQueriesGrowTheirBuffer) {
-  m_server.Route("/file", tq::test::ScriptedResponse(200, "hello world")
-                              .Header("X-Short", "1234567")
-                              .Header("ETag", "\"a-much-longer-tag-than-seven\"")
-                              .Header("Date", "Sun, 06 Nov 1994 08:49:37 GMT"));
+// Header values of every length, numbers, dates by name and absent headers are read by the grind
+// through this class; here: what goes out, and a value that just fits the first buffer.
+TEST_F(WinInetTest, SendsPathQueryAndHeadersAndReadsTheAnswer) {
+  m_server.Route("/file",
+                 tq::test::ScriptedResponse(200, "hello world").Header("X-Short", "1234567"));
   ASSERT_TRUE(Send(m_server.Url("/file?x=1")));
   EXPECT_EQ(m_api.QueryStatusCode(m_request), 200u);
-  // At most 7 characters fit the first 16-byte buffer; longer grows it. The text ends without
-  // the terminator.
   EXPECT_EQ(m_api.QueryHeader(m_request, std::wstring(L"X-Short"), nullptr),
-            std::wstring(L"1234567"));
-  EXPECT_EQ(m_api.QueryHeader(m_request, HttpHeader::ETag, nullptr),
-            std::wstring(L"\"a-much-longer-tag-than-seven\""));
-  EXPECT_EQ(m_api.QueryHeaderNumeric(m_request, HttpHeader::ContentLength, nullptr), 11u);
-  // A date by name: the first buffer holds only the name, WinINet asks for more.
-  EXPECT_EQ(m_api.QueryHeaderDateTime(m_request, std::wstring(L"Date"), nullptr), 784111777);
-  EXPECT_FALSE(m_api.QueryHeader(m_request, std::wstring(L"X-Absent"), nullptr).has_value());
+            std::wstring(L"1234567"));  // at most 7 characters fit the first 16-byte buffer
   char body[64];
   std::uint32_t read = 0, total = 0;
   do {
@@ -67,11 +62,9 @@ TEST_F(WinInetTest, RoundTripSendsHeadersAndQueriesGrowTheirBuffer) {
     total += read;
   } while (read != 0);
   EXPECT_EQ(std::string(body, total), "hello world");
-
   const tq::test::RecordedRequest seen = m_server.requests().at(0);
   EXPECT_EQ(seen.query, "x=1");
   EXPECT_EQ(seen.Header("X-Test"), "yes");
-  EXPECT_EQ(seen.Header("User-Agent"), "Torvik-Quillstone/23.1");
 }
 
 TEST_F(WinInetTest, FailedConnectLogsHostAndCode) {
@@ -79,6 +72,35 @@ TEST_F(WinInetTest, FailedConnectLogsHostAndCode) {
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", 12029, 1, 0));
   EXPECT_FALSE(Send("http://unreachable.example:81/"));
   EXPECT_EQ(log.Text(), "WinInet: InternetConnect(unreachable.example) failed with code 12029\n");
+}
+
+// Regression: a stop requested while the answer's headers were awaited was heard only when the
+// receive time-out ended the wait; the watcher closes the request handle at once.
+TEST_F(WinInetTest, AStopWhileHeadersAreAwaitedClosesTheRequestAndEndsTheSend) {
+  if (tq::test::IsWine()) {
+    // Wine's InternetCloseHandle does not end a call blocked on the handle in another thread:
+    // the send waits for its receive time-out (30 s) whatever the watcher does.
+    GTEST_SKIP() << "Wine difference: closing a request handle does not cancel a blocked send";
+  }
+  tq::test::Gate answer;  // the server holds its answer here
+  m_server.Route("/silent", tq::test::ScriptedResponse(200, "late").Hold(&answer));
+  qv::stop_source stop;
+  std::thread user([&] {
+    answer.WaitForWaiters(1);
+    stop.request_stop();
+  });
+  const qv::stop_token token = stop.get_token();  // the scope keeps its address
+  bool sent = false;
+  {
+    detail::SendStopScope scope(token);
+    sent = Send(m_server.Url("/silent"));
+  }
+  EXPECT_EQ(answer.waiters(), 1) << "the send ended only when the server gave up holding";
+  user.join();
+  answer.Open();
+  EXPECT_FALSE(sent);
+  EXPECT_EQ(m_request, nullptr) << "a stopped send hands back no request";
+  EXPECT_EQ(m_server.request_count(), 1u);
 }
 
 }  // namespace

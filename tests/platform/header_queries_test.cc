@@ -1,15 +1,13 @@
 // HttpQueryInfoW's buffer rules, through the WinINet API on one answer from a raw server.
 // Lengths are bytes, sizeof(WCHAR) a character, in and out: the length needed counts the
 // terminator, the length on success does not, and nothing is written past the length given.
-// Run under AddressSanitizer, any write past a malloc'ed buffer aborts.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
 #include <cwchar>
 #include <string>
-#include <vector>
 
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/servers/raw_responder.h"
@@ -19,28 +17,42 @@ namespace {
 using namespace tq::test;
 
 const std::string kHead =
-    "HTTP/1.1 206 Partial Content\r\n"
-    "Content-Type: text/plain\r\n"
-    "ETag: \"abcdefgh\"\r\n"
-    "Set-Cookie: a=1\r\n"
-    "set-cookie: b=2\r\n"
-    "Content-Range: bytes 0-4/5000\r\n"
+    "HTTP/1.1 206 Partial Content\r\nContent-Type: text/plain\r\nETag: \"abcdefgh\"\r\n"
+    "Set-Cookie: a=1\r\nset-cookie: b=2\r\nContent-Range: bytes 0-4/5000\r\n"
     "X-Custom-Header: a value of some length\r\n"
-    "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n"
-    "Content-Length: 5\r\n"
-    "\r\n";
+    "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\nContent-Length: 5\r\n\r\n";
 
 constexpr DWORD W = sizeof(WCHAR);
+constexpr DWORD kShort = ERROR_INSUFFICIENT_BUFFER, kAbsent = ERROR_HTTP_HEADER_NOT_FOUND;
 
 class HeaderQueriesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server_.ok());
-    ASSERT_TRUE(session_);
     connection_ = Connect(session_, server_.port());
     request_ = OpenRequest(connection_, L"/");
     ASSERT_TRUE(Send(request_));
   }
+
+  // Queries into *length bytes of a marked buffer (none with `null_buffer`) that holds `name`,
+  // HTTP_QUERY_CUSTOM's header name; fails the test if a byte past both is written. The error.
+  DWORD Query(DWORD level, const wchar_t* name, DWORD* length, bool null_buffer = false,
+              DWORD* index = nullptr) {
+    std::memset(storage_, 0xA5, sizeof storage_);
+    std::size_t untouched = *length;
+    if (name != nullptr) {
+      std::wcscpy(buffer(), name);
+      untouched = std::max(untouched, (std::wcslen(name) + 1) * W);
+    }
+    SetLastError(0);
+    const bool ok = HttpQueryInfoW(request_.get(), level, null_buffer ? nullptr : storage_,
+                                   length, index);
+    for (std::size_t i = untouched; i < sizeof storage_; ++i) {
+      EXPECT_EQ(storage_[i], 0xA5) << "written past the buffer at byte " << i;
+    }
+    return ok ? DWORD{ERROR_SUCCESS} : GetLastError();
+  }
+  wchar_t* buffer() { return reinterpret_cast<wchar_t*>(storage_); }
 
   RawResponder server_{[](RawConnection& c) {
     c.ReadRequestHead();
@@ -50,100 +62,19 @@ class HeaderQueriesTest : public ::testing::Test {
       InternetOpenW(L"sdk-conformance", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0)};
   Handle connection_;
   Handle request_;
+  alignas(SYSTEMTIME) alignas(wchar_t) unsigned char storage_[300 * sizeof(wchar_t)];
 };
 
-TEST_F(HeaderQueriesTest, LengthsErrorsAndValuesForEachKindOfQuery) {
-  constexpr DWORD kNum = HTTP_QUERY_FLAG_NUMBER, kCustom = HTTP_QUERY_CUSTOM;
-  constexpr DWORD kOk = ERROR_SUCCESS, kAny = 0xFFFFFFFFu;
-  constexpr DWORD kShort = ERROR_INSUFFICIENT_BUFFER, kAbsent = ERROR_HTTP_HEADER_NOT_FOUND;
-  struct Case {
-    DWORD level;
-    const wchar_t* name;  // HTTP_QUERY_CUSTOM reads it from the buffer
-    DWORD length;         // bytes
-    DWORD error;
-    DWORD length_after;   // or kAny
-    const wchar_t* text;  // the buffer afterwards (a number rendered), or null
-  } cases[] = {
-      {HTTP_QUERY_ETAG, nullptr, 11 * W - 1, kShort, 11 * W, nullptr},
-      {HTTP_QUERY_ETAG, nullptr, 10 * W, kShort, 11 * W, nullptr},
-      {HTTP_QUERY_ETAG, nullptr, 11 * W, kOk, 10 * W, L"\"abcdefgh\""},
-      {HTTP_QUERY_LOCATION, nullptr, 8, kAbsent, kAny, nullptr},
-      // By name: case-insensitive; on failure the buffer is left as it was. The name is read
-      // from as many whole characters as the length holds.
-      {kCustom, L"CONTENT-range", 64 * W, kOk, 14 * W, L"bytes 0-4/5000"},
-      {kCustom, L"Content-Range", 14 * W, kShort, 15 * W, L"Content-Range"},
-      {kCustom, L"Content-Range", 13 * W - 1, kAbsent, kAny, L"Content-Range"},
-      {kCustom, L"X-Missing", 64 * W, kAbsent, kAny, nullptr},
-      {kCustom, L"E", W - 1, kAbsent, kAny, nullptr},
-      {HTTP_QUERY_CONTENT_LENGTH | kNum, nullptr, 4, kOk, 4, L"5"},
-      {HTTP_QUERY_CONTENT_LENGTH | kNum, nullptr, 3, kShort, 4, nullptr},
-      {HTTP_QUERY_ETAG | kNum, nullptr, 4, ERROR_HTTP_INVALID_HEADER, kAny, nullptr},
-      {HTTP_QUERY_STATUS_CODE, nullptr, 4 * W, kOk, 3 * W, L"206"},
-      {HTTP_QUERY_STATUS_CODE, nullptr, 3 * W, kShort, 4 * W, nullptr},
-      {HTTP_QUERY_STATUS_TEXT, nullptr, 64 * W, kOk, 15 * W, L"Partial Content"},
-      {HTTP_QUERY_MAX + 5, nullptr, 64, ERROR_HTTP_INVALID_QUERY_REQUEST, kAny, nullptr},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message()
-                 << "level " << std::hex << c.level << std::dec << " length " << c.length);
-    // Bytes past the length given are a marker that must survive.
-    alignas(wchar_t) unsigned char storage[80 * sizeof(wchar_t)];
-    std::memset(storage, 0xA5, sizeof storage);
-    auto* buffer = reinterpret_cast<wchar_t*>(storage);
-    if (c.name != nullptr) std::wcscpy(buffer, c.name);
-    const std::size_t untouched_from =
-        std::max<std::size_t>(c.length, c.name != nullptr ? (std::wcslen(c.name) + 1) * W : 0);
-    DWORD length = c.length;
-    SetLastError(0);
-    const DWORD error = HttpQueryInfoW(request_.get(), c.level, buffer, &length, nullptr)
-                            ? DWORD{ERROR_SUCCESS}
-                            : GetLastError();
-    EXPECT_EQ(error, c.error);
-    if (c.length_after != kAny) {
-      EXPECT_EQ(length, c.length_after);
-    }
-    for (std::size_t i = untouched_from; i < sizeof storage; ++i) {
-      ASSERT_EQ(storage[i], 0xA5) << "written past the buffer at byte " << i;
-    }
-    if (c.text == nullptr) continue;
-    if (error == kOk && (c.level & kNum)) {
-      DWORD value;
-      std::memcpy(&value, buffer, sizeof value);
-      EXPECT_EQ(std::to_wstring(value), c.text);
-    } else {
-      EXPECT_EQ(std::wstring(buffer), c.text);
-    }
-  }
-}
-
-TEST_F(HeaderQueriesTest, IndexWalksRepeatedHeadersAndAdvancesOnlyOnSuccess) {
-  wchar_t buffer[64];
-  DWORD index = 0;
-  const auto query = [&](DWORD length) {
-    SetLastError(0);
-    return HttpQueryInfoW(request_.get(), HTTP_QUERY_SET_COOKIE, buffer, &length, &index)
-               ? DWORD{ERROR_SUCCESS}
-               : GetLastError();
-  };
-  ASSERT_EQ(query(sizeof buffer), ERROR_SUCCESS);
-  EXPECT_EQ(std::wstring(buffer), L"a=1");
-  EXPECT_EQ(query(3 * W), ERROR_INSUFFICIENT_BUFFER);
-  ASSERT_EQ(query(sizeof buffer), ERROR_SUCCESS);
-  EXPECT_EQ(std::wstring(buffer), L"b=2");
-  EXPECT_EQ(query(sizeof buffer), ERROR_HTTP_HEADER_NOT_FOUND);
-  EXPECT_EQ(index, 2u);
-}
-
-// A caller written the way the SDK documents the call: ask for the size with a null buffer,
-// allocate exactly that many bytes (malloc, or a vector of len / sizeof(WCHAR) characters),
-// then query for real.
-TEST_F(HeaderQueriesTest, DocumentedTwoCallPatternFitsEveryStringQuery) {
+// The documented two-call pattern: ask for the size (a null buffer, or for HTTP_QUERY_CUSTOM one
+// that holds just the name), then query into exactly that many bytes; one character less is
+// refused with the same length needed, and leaves the name in place.
+TEST_F(HeaderQueriesTest, EveryStringQueryNamesTheBytesItNeedsAndFitsThemExactly) {
   std::wstring raw(kHead.begin(), kHead.end());  // lines end in NUL, the list in an empty one
   for (std::size_t at; (at = raw.find(L"\r\n")) != std::wstring::npos;) raw.replace(at, 2, 1, 0);
   raw.pop_back();
   const struct {
     DWORD level;
-    const WCHAR* name;  // for HTTP_QUERY_CUSTOM, or null
+    const wchar_t* name;
     std::wstring expected;
   } queries[] = {
       {HTTP_QUERY_ETAG, nullptr, L"\"abcdefgh\""},
@@ -156,74 +87,81 @@ TEST_F(HeaderQueriesTest, DocumentedTwoCallPatternFitsEveryStringQuery) {
       {HTTP_QUERY_RAW_HEADERS_CRLF, nullptr, std::wstring(kHead.begin(), kHead.end())},
       {HTTP_QUERY_USER_AGENT | HTTP_QUERY_FLAG_REQUEST_HEADERS, nullptr, L"sdk-conformance"},
       {HTTP_QUERY_CUSTOM, L"x-custom-header", L"a value of some length"},
+      {HTTP_QUERY_CUSTOM, L"CONTENT-range", L"bytes 0-4/5000"},  // names in any case
       {HTTP_QUERY_CUSTOM, L"etag", L"\"abcdefgh\""},
   };
-  for (const auto& query : queries) {
-    SCOPED_TRACE(testing::Message() << "level 0x" << std::hex << query.level);
-    // Copies the name in first, as much of it as fits (a buffer too short for the name is not
-    // the caller's problem to overflow), and queries into `size` bytes.
-    const auto call = [&](void* buffer, DWORD size, DWORD* length) {
-      if (query.name != nullptr && buffer != nullptr) {
-        const std::size_t chars = std::min<std::size_t>(std::wcslen(query.name) + 1, size / W);
-        std::memcpy(buffer, query.name, chars * W);
-      }
-      *length = size;
-      return HttpQueryInfoW(request_.get(), query.level, buffer, length, nullptr);
-    };
-    DWORD needed = 0;
-    if (query.name != nullptr) {  // HTTP_QUERY_CUSTOM's first buffer holds just the name
-      std::vector<WCHAR> name(query.name, query.name + std::wcslen(query.name) + 1);
-      EXPECT_FALSE(call(name.data(), static_cast<DWORD>(name.size() * W), &needed));
-    } else {
-      EXPECT_FALSE(call(nullptr, 0, &needed));
-    }
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
-    ASSERT_EQ(needed, (query.expected.size() + 1) * W);
-
-    void* exact = std::malloc(needed);
-    DWORD length = 0;
-    ASSERT_TRUE(call(exact, needed, &length));
-    EXPECT_EQ(length, needed - W);
-    EXPECT_EQ(std::wstring(static_cast<WCHAR*>(exact), query.expected.size() + 1),
-              query.expected + L'\0');
-    std::free(exact);
-
-    std::vector<WCHAR> chars(needed / W);
-    ASSERT_TRUE(call(chars.data(), needed, &length));
-    EXPECT_EQ(length, needed - W);
-
-    // One character short: refused, with the same length needed.
-    void* small = std::malloc(needed - W);
-    EXPECT_FALSE(call(small, needed - W, &length));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+  for (const auto& q : queries) {
+    SCOPED_TRACE(testing::Message() << "level 0x" << std::hex << q.level);
+    DWORD needed = q.name != nullptr ? static_cast<DWORD>((std::wcslen(q.name) + 1) * W) : 0;
+    EXPECT_EQ(Query(q.level, q.name, &needed, q.name == nullptr), kShort);
+    ASSERT_EQ(needed, (q.expected.size() + 1) * W);
+    DWORD length = needed - W;
+    EXPECT_EQ(Query(q.level, q.name, &length), kShort);
     EXPECT_EQ(length, needed);
-    std::free(small);
+    if (q.name != nullptr) {
+      EXPECT_EQ(std::wstring(buffer()), q.name);
+    }
+    length = needed;
+    ASSERT_EQ(Query(q.level, q.name, &length), 0u);
+    EXPECT_EQ(length, needed - W);
+    EXPECT_EQ(std::wstring(buffer(), q.expected.size() + 1), q.expected + L'\0');
   }
 }
 
-TEST_F(HeaderQueriesTest, FixedSizeAnswersTakeSizeofTheValueInAndOut) {
-  DWORD number = 0;
-  DWORD length = sizeof number;
-  ASSERT_TRUE(HttpQueryInfoW(request_.get(), HTTP_QUERY_CONTENT_LENGTH | HTTP_QUERY_FLAG_NUMBER,
-                             &number, &length, nullptr));
-  EXPECT_EQ(number, 5u);
-  EXPECT_EQ(length, sizeof number);
-  unsigned long long number64 = 0;
-  length = sizeof number64;
-  ASSERT_TRUE(HttpQueryInfoW(request_.get(), HTTP_QUERY_CONTENT_LENGTH | HTTP_QUERY_FLAG_NUMBER64,
-                             &number64, &length, nullptr));
-  EXPECT_EQ(number64, 5u);
-  EXPECT_EQ(length, sizeof number64);
-  SYSTEMTIME time = {};
-  length = sizeof time - 1;
-  EXPECT_FALSE(HttpQueryInfoW(request_.get(), HTTP_QUERY_LAST_MODIFIED | HTTP_QUERY_FLAG_SYSTEMTIME,
-                              &time, &length, nullptr));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
-  EXPECT_EQ(length, sizeof time);
-  ASSERT_TRUE(HttpQueryInfoW(request_.get(), HTTP_QUERY_LAST_MODIFIED | HTTP_QUERY_FLAG_SYSTEMTIME,
-                             &time, &length, nullptr));
-  EXPECT_EQ(time.wYear, 1994);
-  EXPECT_EQ(time.wSecond, 37);
+TEST_F(HeaderQueriesTest, OddLengthsMissingHeadersAndFixedSizeAnswers) {
+  constexpr DWORD kNum = HTTP_QUERY_FLAG_NUMBER, kTime = HTTP_QUERY_FLAG_SYSTEMTIME;
+  constexpr DWORD kAny = 0xFFFFFFFFu;
+  const struct {
+    DWORD level;
+    const wchar_t* name;  // HTTP_QUERY_CUSTOM reads it from as many whole characters as fit
+    DWORD length;
+    DWORD error;
+    DWORD length_after;   // or kAny
+    std::uint64_t value;  // a number, or a time's year; 0: not checked
+  } cases[] = {
+      {HTTP_QUERY_ETAG, nullptr, 11 * W - 1, kShort, 11 * W, 0},
+      {HTTP_QUERY_LOCATION, nullptr, 8, kAbsent, kAny, 0},
+      {HTTP_QUERY_CUSTOM, L"X-Missing", 64 * W, kAbsent, kAny, 0},
+      {HTTP_QUERY_CUSTOM, L"Content-Range", 13 * W - 1, kAbsent, kAny, 0},
+      {HTTP_QUERY_CUSTOM, L"E", W - 1, kAbsent, kAny, 0},
+      {HTTP_QUERY_CONTENT_LENGTH | kNum, nullptr, 3, kShort, 4, 0},
+      {HTTP_QUERY_CONTENT_LENGTH | kNum, nullptr, 4, 0, 4, 5},
+      {HTTP_QUERY_CONTENT_LENGTH | HTTP_QUERY_FLAG_NUMBER64, nullptr, 8, 0, 8, 5},
+      {HTTP_QUERY_ETAG | kNum, nullptr, 4, ERROR_HTTP_INVALID_HEADER, kAny, 0},
+      {HTTP_QUERY_LAST_MODIFIED | kTime, nullptr, sizeof(SYSTEMTIME) - 1, kShort,
+       sizeof(SYSTEMTIME), 0},
+      {HTTP_QUERY_LAST_MODIFIED | kTime, nullptr, sizeof(SYSTEMTIME), 0, sizeof(SYSTEMTIME), 1994},
+      {HTTP_QUERY_MAX + 5, nullptr, 64, ERROR_HTTP_INVALID_QUERY_REQUEST, kAny, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "level " << std::hex << c.level << " length " << c.length);
+    DWORD length = c.length;
+    EXPECT_EQ(Query(c.level, c.name, &length), c.error);
+    if (c.length_after != kAny) {
+      EXPECT_EQ(length, c.length_after);
+    }
+    if (c.value == 0) continue;
+    std::uint64_t value = 0;
+    if (c.level & kTime) {
+      value = reinterpret_cast<const SYSTEMTIME*>(storage_)->wYear;
+    } else {
+      std::memcpy(&value, storage_, std::min<std::size_t>(length, sizeof value));
+    }
+    EXPECT_EQ(value, c.value);
+  }
+
+  // The index walks repeated headers, and advances only on success.
+  DWORD index = 0;
+  for (const wchar_t* cookie : {L"a=1", L"b=2"}) {
+    DWORD length = 3 * W;
+    EXPECT_EQ(Query(HTTP_QUERY_SET_COOKIE, nullptr, &length, false, &index), kShort);
+    length = 4 * W;
+    ASSERT_EQ(Query(HTTP_QUERY_SET_COOKIE, nullptr, &length, false, &index), 0u);
+    EXPECT_EQ(std::wstring(buffer()), cookie);
+  }
+  DWORD length = 64;
+  EXPECT_EQ(Query(HTTP_QUERY_SET_COOKIE, nullptr, &length, false, &index), kAbsent);
+  EXPECT_EQ(index, 2u);
 }
 
 }  // namespace

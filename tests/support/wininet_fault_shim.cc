@@ -20,15 +20,8 @@
 namespace {
 
 enum Function : int {
-  kInternetOpenW,
-  kInternetConnectW,
-  kInternetSetOptionW,
-  kHttpOpenRequestW,
-  kHttpSendRequestW,
-  kHttpQueryInfoW,
-  kInternetReadFile,
-  kInternetCloseHandle,
-  kFunctionCount
+  kInternetOpenW, kInternetConnectW, kInternetSetOptionW, kHttpOpenRequestW, kHttpSendRequestW,
+  kHttpQueryInfoW, kInternetReadFile, kInternetCloseHandle, kFunctionCount
 };
 
 constexpr std::array<const char*, kFunctionCount> kNames = {
@@ -90,82 +83,36 @@ F Real(const wchar_t* module_name, const char* name) {
   return reinterpret_cast<F>(reinterpret_cast<void*>(proc));
 }
 
-#define TQ_REAL(name) \
-  static const auto real = Real<decltype(&::name)>(L"wininet.dll", #name)
-
-HINTERNET WINAPI ShimInternetOpenW(LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass,
-                                   DWORD flags) {
-  if (const DWORD error = TakeFault(kInternetOpenW)) return SetLastError(error), nullptr;
-  TQ_REAL(InternetOpenW);
-  return real(agent, access, proxy, bypass, flags);
-}
-
-HINTERNET WINAPI ShimInternetConnectW(HINTERNET internet, LPCWSTR server, INTERNET_PORT port,
-                                      LPCWSTR user, LPCWSTR password, DWORD service, DWORD flags,
-                                      DWORD_PTR context) {
-  if (const DWORD error = TakeFault(kInternetConnectW)) return SetLastError(error), nullptr;
-  TQ_REAL(InternetConnectW);
-  return real(internet, server, port, user, password, service, flags, context);
-}
-
-WINBOOL WINAPI ShimInternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer,
-                                      DWORD length) {
-  if (const DWORD error = TakeFault(kInternetSetOptionW)) return SetLastError(error), FALSE;
-  TQ_REAL(InternetSetOptionW);
-  return real(internet, option, buffer, length);
-}
-
-HINTERNET WINAPI ShimHttpOpenRequestW(HINTERNET connection, LPCWSTR verb, LPCWSTR object,
-                                      LPCWSTR version, LPCWSTR referrer, LPCWSTR* accept_types,
-                                      DWORD flags, DWORD_PTR context) {
-  if (const DWORD error = TakeFault(kHttpOpenRequestW)) return SetLastError(error), nullptr;
-  TQ_REAL(HttpOpenRequestW);
-  return real(connection, verb, object, version, referrer, accept_types, flags, context);
-}
-
-WINBOOL WINAPI ShimHttpSendRequestW(HINTERNET request, LPCWSTR headers, DWORD headers_length,
-                                    LPVOID optional, DWORD optional_length) {
-  if (const DWORD error = TakeFault(kHttpSendRequestW)) return SetLastError(error), FALSE;
-  TQ_REAL(HttpSendRequestW);
-  return real(request, headers, headers_length, optional, optional_length);
-}
-
-WINBOOL WINAPI ShimHttpQueryInfoW(HINTERNET request, DWORD level, LPVOID buffer, LPDWORD length,
-                                  LPDWORD index) {
-  if (const DWORD error = TakeFault(kHttpQueryInfoW)) return SetLastError(error), FALSE;
-  TQ_REAL(HttpQueryInfoW);
-  return real(request, level, buffer, length, index);
-}
-
-WINBOOL WINAPI ShimInternetReadFile(HINTERNET file, LPVOID buffer, DWORD size, LPDWORD read) {
-  if (const DWORD error = TakeFault(kInternetReadFile)) return SetLastError(error), FALSE;
-  TQ_REAL(InternetReadFile);
-  return real(file, buffer, size, read);
-}
-
-WINBOOL WINAPI ShimInternetCloseHandle(HINTERNET handle) {
-  if (const DWORD error = TakeFault(kInternetCloseHandle)) return SetLastError(error), FALSE;
-  TQ_REAL(InternetCloseHandle);
-  return real(handle);
-}
-
-#undef TQ_REAL
+// Each function's shim: fails the call with the armed error (a null handle or FALSE), or
+// forwards it to wininet.dll's own function.
+template <Function F, class Fn>
+struct Shim;
+template <Function F, class R, class... A>
+struct Shim<F, R (*)(A...)> {
+  static R WINAPI Call(A... args) {
+    if (const DWORD error = TakeFault(F)) {
+      SetLastError(error);
+      return R{};
+    }
+    static const auto real = Real<R (*)(A...)>(L"wininet.dll", kNames[F]);
+    return real(args...);
+  }
+};
 
 }  // namespace
 
 // The import pointers the library's objects call through.
+#define TQ_SHIM(name) decltype(&::name) __imp_##name = &Shim<k##name, decltype(&::name)>::Call;
 extern "C" {
-decltype(&::InternetOpenW) __imp_InternetOpenW = ShimInternetOpenW;
-decltype(&::InternetConnectW) __imp_InternetConnectW = ShimInternetConnectW;
-decltype(&::InternetSetOptionW) __imp_InternetSetOptionW = ShimInternetSetOptionW;
-decltype(&::HttpOpenRequestW) __imp_HttpOpenRequestW = ShimHttpOpenRequestW;
-decltype(&::HttpSendRequestW) __imp_HttpSendRequestW = ShimHttpSendRequestW;
-decltype(&::HttpQueryInfoW) __imp_HttpQueryInfoW = ShimHttpQueryInfoW;
-decltype(&::InternetReadFile) __imp_InternetReadFile = ShimInternetReadFile;
-decltype(&::InternetCloseHandle) __imp_InternetCloseHandle = ShimInternetCloseHandle;
-}
-
-extern "C" {
+TQ_SHIM(InternetOpenW)
+TQ_SHIM(InternetConnectW)
+TQ_SHIM(InternetSetOptionW)
+TQ_SHIM(HttpOpenRequestW)
+TQ_SHIM(HttpSendRequestW)
+TQ_SHIM(HttpQueryInfoW)
+TQ_SHIM(InternetReadFile)
+TQ_SHIM(InternetCloseHandle)
+#undef TQ_SHIM
 
 BOOL TqPlatformInjectFault(const char* function_name, DWORD error, unsigned fail_count,
                            unsigned skip_count) {

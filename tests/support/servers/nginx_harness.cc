@@ -2,7 +2,6 @@
 
 #if defined(_WIN32)
 #include <cstdlib>
-#include <random>
 #else
 #include <signal.h>
 #include <sys/wait.h>
@@ -27,8 +26,6 @@ std::filesystem::path NginxHarness::WriteFile(std::string_view relative,
   return WriteFileUnder(root_, relative, contents);
 }
 
-NginxHarness::NginxHarness() : NginxHarness(Options{}) {}
-
 NginxHarness::~NginxHarness() { Stop(); }
 
 #if defined(_WIN32)
@@ -47,14 +44,14 @@ std::filesystem::path FixtureDirectory() {
 
 bool NginxHarness::Installed() { return !FixtureDirectory().empty(); }
 
-NginxHarness::NginxHarness(const Options& options) {
+NginxHarness::NginxHarness(std::string server_directives) {
   const std::filesystem::path dir = FixtureDirectory();
   if (dir.empty()) {
     error_ = "no nginx: TQ_NGINX_DIR does not name the directory of CTest's nginx fixture";
     return;
   }
-  if (!options.server_directives.empty()) {
-    error_ = "server directives need an nginx of the test's own, which a Windows test cannot start";
+  if (!server_directives.empty()) {
+    error_ = "server directives need an nginx of the caller's own, which Windows cannot start";
     return;
   }
   int port = -1;
@@ -63,22 +60,15 @@ NginxHarness::NginxHarness(const Options& options) {
     error_ = "no port in " + (dir / "port").string();
     return;
   }
-  std::random_device entropy;
-  for (int attempt = 0; attempt < 100 && root_.empty(); ++attempt) {
-    const std::string name = "h" + std::to_string(entropy());
-    if (std::filesystem::create_directory(dir / "www" / name)) {
-      root_ = dir / "www" / name;
-      prefix_ = "/" + name;
-    }
-  }
-  if (root_.empty()) {
-    error_ = "cannot make a directory in " + (dir / "www").string();
+  try {
+    root_ = MakeNewDirectory(dir / "www", "h");
+  } catch (const std::exception& e) {
+    error_ = e.what();
     return;
   }
+  prefix_ = "/" + root_.filename().string();
   port_ = port;
 }
-
-bool NginxHarness::Start(const Options&, int) { return false; }
 
 void NginxHarness::Stop() {
   if (root_.empty()) return;
@@ -117,7 +107,8 @@ bool Accepts(int port) {
 
 bool NginxHarness::Installed() { return access(kBinary, X_OK) == 0; }
 
-NginxHarness::NginxHarness(const Options& options) : dir_(std::make_unique<TempDir>()) {
+NginxHarness::NginxHarness(std::string server_directives)
+    : dir_(std::make_unique<TempDir>()) {
   root_ = dir_->path() / "www";
   if (!Installed()) {
     error_ = std::string(kBinary) + " is not installed";
@@ -127,15 +118,15 @@ NginxHarness::NginxHarness(const Options& options) : dir_(std::make_unique<TempD
   // The port is free when chosen but may be taken before nginx binds it: try a few.
   for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
     const int port = FreePort();
-    if (port > 0 && Start(options, port)) port_ = port;
+    if (port > 0 && Start(port, server_directives)) port_ = port;
   }
 }
 
-bool NginxHarness::Start(const Options& options, int port) {
+bool NginxHarness::Start(int port, const std::string& server_directives) {
   const std::string dir = dir_->path().string();
   std::ostringstream conf;
   conf << "daemon off;\n"
-       << "master_process " << (options.master_process ? "on" : "off") << ";\n"
+       << "master_process off;\n"
        << (geteuid() == 0 ? "user root;\n" : "")
        << "worker_processes 1;\n"
        << "error_log " << dir << "/error.log warn;\n"
@@ -158,7 +149,7 @@ bool NginxHarness::Start(const Options& options, int port) {
        << "    server_name localhost;\n"
        << "    root " << dir << "/www;\n"
        << "    location / { }\n"
-       << "    " << options.server_directives << "\n"
+       << "    " << server_directives << "\n"
        << "  }\n"
        << "}\n";
   dir_->WriteFile("nginx.conf", conf.str());
@@ -198,18 +189,8 @@ bool NginxHarness::Start(const Options& options, int port) {
 
 void NginxHarness::Stop() {
   if (pid_ <= 0) return;
-  const auto pid = static_cast<pid_t>(pid_);
-  kill(pid, SIGTERM);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  for (;;) {
-    if (waitpid(pid, nullptr, WNOHANG) == pid) break;
-    if (std::chrono::steady_clock::now() >= deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
+  kill(static_cast<pid_t>(pid_), SIGKILL);  // it keeps nothing worth a graceful end
+  waitpid(static_cast<pid_t>(pid_), nullptr, 0);
   pid_ = -1;
 }
 

@@ -4,13 +4,7 @@
 // temporary directory; it is stopped on destruction.
 // On Windows a test cannot start nginx: CTest starts one for the whole run
 // (tests/support/servers/nginx-fixture.sh) and names its directory in TQ_NGINX_DIR; a harness
-// then serves a directory of its own there, under a path prefix of its own, and cannot take
-// server directives.
-//
-//   tq::test::NginxHarness nginx;
-//   ASSERT_TRUE(nginx.ok()) << nginx.error();
-//   nginx.WriteFile("a.bin", bytes);
-//   ... GET nginx.Url("/a.bin") ...
+// then serves a directory of its own there, under a path prefix of its own.
 #pragma once
 
 #include <filesystem>
@@ -24,18 +18,13 @@ namespace tq::test {
 
 class NginxHarness {
  public:
-  struct Options {
-    bool master_process = false;
-    // Extra directives inside the server block (e.g. "location /x { return 302 /y; }").
-    std::string server_directives;
-  };
-
   static constexpr const char* kBinary = "/usr/sbin/nginx";
   static bool Installed();
 
-  NginxHarness();
-  // Starts nginx and waits (bounded) until it accepts connections.
-  explicit NginxHarness(const Options& options);
+  // Starts nginx and waits (bounded) until it accepts connections. `server_directives` go
+  // inside the server block (a benchmark's access log, say); a Windows harness, which serves
+  // CTest's nginx, refuses them.
+  explicit NginxHarness(std::string server_directives = {});
   ~NginxHarness();
   NginxHarness(const NginxHarness&) = delete;
   NginxHarness& operator=(const NginxHarness&) = delete;
@@ -50,7 +39,7 @@ class NginxHarness {
   std::filesystem::path WriteFile(std::string_view relative, std::string_view contents) const;
 
  private:
-  bool Start(const Options& options, int port);
+  bool Start(int port, const std::string& server_directives);
   void Stop();
 
   std::unique_ptr<TempDir> dir_;  // configuration, logs and root (not on Windows)

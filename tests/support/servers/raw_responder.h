@@ -1,12 +1,6 @@
 // A raw TCP server on 127.0.0.1 with an ephemeral port, for answers no real server would give:
 // exact bytes, a connection closed or reset half-way, a server that stalls. A script runs for
 // each accepted connection on its own thread.
-//
-//   tq::test::RawResponder responder([](tq::test::RawConnection& c) {
-//     c.ReadRequestHead();
-//     c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nshort");
-//     c.Reset();
-//   });
 #pragma once
 
 #include <atomic>
@@ -23,8 +17,9 @@ namespace tq::test {
 class RawConnection {
  public:
   // Reads one request's head, through the blank line, and the body that its Content-Length
-  // announces; returns the head ("" when the peer closed or the responder is stopping).
-  std::string ReadRequestHead();
+  // announces (into *body when given); returns the head ("" when the peer closed or the
+  // responder is stopping).
+  std::string ReadRequestHead(std::string* body = nullptr);
   // Sends all bytes; false when the peer is gone. With `piece` > 0 the bytes go out that many
   // at a time, one send each (the socket does not delay small sends), so that the client meets
   // every split of the head and body.
@@ -35,15 +30,11 @@ class RawConnection {
   void Reset();
   // Orderly close (FIN). Also done when the script returns.
   void Close();
-  // Index of this connection in accept order, from 0.
-  std::size_t index() const { return index_; }
 
  private:
   friend class RawResponder;
-  RawConnection(sockets::Handle socket, std::size_t index, void* owner)
-      : socket_(socket), index_(index), owner_(owner) {}
+  RawConnection(sockets::Handle socket, void* owner) : socket_(socket), owner_(owner) {}
   sockets::Handle socket_;
-  std::size_t index_;
   void* owner_;
   std::string pending_;  // bytes read past the last request
 };

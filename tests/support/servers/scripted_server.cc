@@ -1,11 +1,12 @@
-#include "tests/support/servers/scripted_server_book.h"
-
+// ScriptedServer over cpp-httplib, with HTTPS when given a certificate.
 #include <httplib.h>
 
 #include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
+
+#include "tests/support/servers/scripted_server.h"
 
 namespace tq::test {
 namespace {
@@ -39,88 +40,65 @@ class ConnectionThreads : public httplib::TaskQueue {
 
 struct ScriptedServer::Impl {
   std::unique_ptr<httplib::Server> server;
-  bool tls = false;
-  int port = -1;
   std::thread thread;
-  Book book;
+};
 
-  void Serve(const httplib::Request& req, httplib::Response& res) {
+ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<Impl>()) {
+  auto& server = impl_->server;
+  tls_ = !options.cert_file.empty() && !options.key_file.empty();
+  if (tls_) {
+    server = std::make_unique<httplib::SSLServer>(options.cert_file.c_str(),
+                                                  options.key_file.c_str());
+  } else {
+    server = std::make_unique<httplib::Server>();
+  }
+  if (!server->is_valid()) return;
+  server->new_task_queue = [this] { return new ConnectionThreads(&accepted_); };
+  server->set_keep_alive_max_count(100000);
+  // httplib writes headers and body separately: without this, Nagle's algorithm and delayed
+  // acknowledgements add 40 ms to every answer.
+  server->set_tcp_nodelay(true);
+  // The accept loop then looks at its socket every 50 ms, so stop() cannot miss it.
+  server->set_idle_interval(0, 50000);
+  const auto handler = [this](const httplib::Request& req, httplib::Response& res) {
     RecordedRequest record;
     record.method = req.method;
     record.path = req.path;
-    const auto query_start = req.target.find('?');
-    if (query_start != std::string::npos) record.query = req.target.substr(query_start + 1);
+    const auto query = req.target.find('?');
+    if (query != std::string::npos) record.query = req.target.substr(query + 1);
     for (const auto& [name, value] : req.headers) {
       // httplib adds these itself; they did not come from the client.
-      if (name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
-          name == "LOCAL_PORT") {
-        continue;
+      if (name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" &&
+          name != "LOCAL_PORT") {
+        record.headers.emplace_back(name, value);
       }
-      record.headers.emplace_back(name, value);
     }
     record.body = req.body;
-    record.remote = req.remote_addr + ":" + std::to_string(req.remote_port);
-    const ScriptedResponse answer = book.Answer(record);
+    const ScriptedResponse answer = Answer(record);
     // The answer goes out as scripted: httplib must not cut it to a requested range itself.
     const_cast<httplib::Request&>(req).ranges.clear();
     res.status = answer.status;
     for (const auto& [name, value] : answer.headers) res.headers.emplace(name, value);
-    if (answer.chunk_size == 0) {
-      res.set_content(answer.body, answer.content_type.c_str());
-    } else {
-      auto body = std::make_shared<std::string>(answer.body);
-      const std::size_t piece = answer.chunk_size;
-      res.set_chunked_content_provider(
-          answer.content_type.c_str(), [body, piece](std::size_t offset, httplib::DataSink& sink) {
-            if (offset < body->size()) {
-              sink.write(body->data() + offset, std::min(piece, body->size() - offset));
-            } else {
-              sink.done();
-            }
-            return true;
-          });
-    }
-  }
-};
-
-ScriptedServer::ScriptedServer() : ScriptedServer(Options{}) {}
-
-ScriptedServer::ScriptedServer(const Options& options) : impl_(std::make_unique<Impl>()) {
-  Impl& impl = *impl_;
-  if (!options.cert_file.empty() && !options.key_file.empty()) {
-    impl.server = std::make_unique<httplib::SSLServer>(options.cert_file.c_str(),
-                                                       options.key_file.c_str());
-    impl.tls = true;
-  } else {
-    impl.server = std::make_unique<httplib::Server>();
-  }
-  if (!impl.server->is_valid()) return;
-  auto* accepted = &impl.book.accepted;
-  impl.server->new_task_queue = [accepted] { return new ConnectionThreads(accepted); };
-  impl.server->set_keep_alive_max_count(options.keep_alive_max);
-  impl.server->set_keep_alive_timeout(options.keep_alive_seconds);
-  // httplib writes headers and body separately: without this, Nagle's algorithm and delayed
-  // acknowledgements add 40 ms to every answer.
-  impl.server->set_tcp_nodelay(true);
-  // The accept loop then looks at its socket every 50 ms, so stop() cannot miss it.
-  impl.server->set_idle_interval(0, 50000);
-  const auto handler = [&impl](const httplib::Request& req, httplib::Response& res) {
-    impl.Serve(req, res);
+    if (answer.chunk_size == 0) return res.set_content(answer.body, "application/octet-stream");
+    auto body = std::make_shared<std::string>(answer.body);
+    const std::size_t piece = answer.chunk_size;
+    res.set_chunked_content_provider("application/octet-stream", [body, piece](std::size_t at,
+                                                                               auto& sink) {
+      if (at >= body->size()) return sink.done(), true;
+      return sink.write(body->data() + at, std::min(piece, body->size() - at));
+    });
   };
-  impl.server->Get(".*", handler);
-  impl.server->Post(".*", handler);
-  impl.server->Put(".*", handler);
-  impl.server->Delete(".*", handler);
-  impl.server->Options(".*", handler);
-  impl.server->Patch(".*", handler);
-  impl.port = impl.server->bind_to_any_port("127.0.0.1");
-  if (impl.port <= 0) return;
-  impl.thread = std::thread([&impl] { impl.server->listen_after_bind(); });
+  server->Get(".*", handler).Post(".*", handler).Put(".*", handler);
+  server->Delete(".*", handler).Options(".*", handler).Patch(".*", handler);
+  const int port = server->bind_to_any_port("127.0.0.1");
+  if (port <= 0) return;
+  impl_->thread = std::thread([this] { impl_->server->listen_after_bind(); });
   // stop() does nothing to a server that has not started running yet.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!impl.server->is_running() && std::chrono::steady_clock::now() < deadline) {
+  while (!server->is_running() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::yield();
   }
+  port_ = port;
 }
 
 ScriptedServer::~ScriptedServer() {
@@ -129,15 +107,5 @@ ScriptedServer::~ScriptedServer() {
     impl_->thread.join();
   }
 }
-
-bool ScriptedServer::ok() const { return impl_->port > 0 && impl_->thread.joinable(); }
-int ScriptedServer::port() const { return impl_->port; }
-
-std::string ScriptedServer::Url(const std::string& path) const {
-  return std::string(impl_->tls ? "https" : "http") + "://127.0.0.1:" +
-         std::to_string(impl_->port) + path;
-}
-
-ScriptedServer::Book& ScriptedServer::book() const { return impl_->book; }
 
 }  // namespace tq::test

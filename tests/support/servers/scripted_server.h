@@ -1,18 +1,15 @@
-// An in-process HTTP/1.1 server (cpp-httplib) on 127.0.0.1 with an ephemeral port, whose answers
-// the test scripts per path. It records every request, counts the TCP connections it accepted
-// and the requests it served at the same time, and can hold answers at a Gate.
-//
-//   tq::test::ScriptedServer server;
-//   server.Route("/a", {.status = 200, .headers = {{"ETag", "\"x\""}}, .body = "hello"});
-//   server.Route("/b", [](const tq::test::RecordedRequest& r) { ... return response; });
-//   ... request http://127.0.0.1:<server.port()>/a ...
-//   EXPECT_EQ(server.connection_count(), 1u);
+// An in-process HTTP/1.1 server on 127.0.0.1 with an ephemeral port, whose answers the test
+// scripts per path: cpp-httplib, or on Windows the raw responder (tests/WINDOWS.md). It records
+// every request, counts the TCP connections it accepted and the requests it served at the same
+// time, and can hold answers at a Gate.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -43,8 +40,7 @@ struct ScriptedResponse {
   int status = 200;
   // Sent in this order; a repeated name is sent repeatedly.
   std::vector<std::pair<std::string, std::string>> headers;
-  std::string body;
-  std::string content_type = "application/octet-stream";
+  std::string body;  // sent as application/octet-stream
   // Sends the body with chunked transfer encoding, in pieces of this many bytes (0: not chunked).
   std::size_t chunk_size = 0;
   // When set, the answer waits at this gate (owned by the test) before it is sent.
@@ -57,7 +53,6 @@ struct RecordedRequest {
   std::string query;  // as sent, without '?'
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
-  std::string remote;  // "address:port" of the client's connection
 
   // The first value of a header (names compared case-insensitively), or nullopt.
   std::optional<std::string> Header(const std::string& name) const;
@@ -71,23 +66,18 @@ class ScriptedServer {
     // With both set, serves HTTPS with this certificate and private key (PEM files).
     std::string cert_file;
     std::string key_file;
-    // Requests served on one connection before the server closes it.
-    std::size_t keep_alive_max = 100000;
-    // How long an idle connection is kept open waiting for the next request.
-    int keep_alive_seconds = 5;
   };
 
-  ScriptedServer();
-  explicit ScriptedServer(const Options& options);
+  explicit ScriptedServer(const Options& options = {});
   // Stops the server and waits for its threads. Clients should close their connections first:
-  // a thread serving an idle keep-alive connection only ends after keep_alive_seconds.
+  // a thread serving an idle keep-alive connection may end only after its idle time-out.
   ~ScriptedServer();
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
 
   // False when the server could not start (no socket, bad certificate).
-  bool ok() const;
-  int port() const;
+  bool ok() const { return port_ > 0; }
+  int port() const { return port_; }
   // "http://127.0.0.1:<port>" + path (https when serving TLS).
   std::string Url(const std::string& path = "/") const;
 
@@ -104,11 +94,20 @@ class ScriptedServer {
   std::vector<RecordedRequest> requests() const;
 
  private:
-  // Routes, the request log and the in-flight count, shared by both backends.
-  struct Book;
-  Book& book() const;
+  // Records the request and answers it as its route says (404 without one), after the answer's
+  // gate opens. Both backends answer through it.
+  ScriptedResponse Answer(const RecordedRequest& record);
+
+  mutable std::mutex mutex_;
+  std::map<std::string, ScriptedHandler> routes_;
+  std::vector<RecordedRequest> requests_;
+  std::size_t in_flight_ = 0;
+  std::size_t max_in_flight_ = 0;
+  std::atomic<std::size_t> accepted_{0};
+  int port_ = -1;  // set once serving
+  bool tls_ = false;
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::unique_ptr<Impl> impl_;  // last: its threads use the members above
 };
 
 }  // namespace tq::test

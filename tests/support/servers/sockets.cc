@@ -13,7 +13,6 @@
 #endif
 
 #include <algorithm>
-#include <chrono>
 
 namespace tq::test::sockets {
 namespace {
@@ -22,6 +21,8 @@ namespace {
 using Native = SOCKET;
 using Length = int;
 constexpr int kNoSignal = 0;
+constexpr int kBothWays = SD_BOTH;
+int CloseNative(SOCKET s) { return ::closesocket(s); }
 // Winsock, started once for the life of the test process.
 bool Started() {
   static const bool started = [] {
@@ -35,6 +36,8 @@ int PollOne(pollfd* entry, int timeout) { return ::WSAPoll(entry, 1, timeout); }
 using Native = int;
 using Length = socklen_t;
 constexpr int kNoSignal = MSG_NOSIGNAL;
+constexpr int kBothWays = SHUT_RDWR;
+int CloseNative(int s) { return ::close(s); }
 bool Started() { return true; }
 int PollOne(pollfd* entry, int timeout) { return ::poll(entry, 1, timeout); }
 #endif
@@ -53,15 +56,14 @@ sockaddr_in Loopback(int port) {
   return address;
 }
 
+// A failed call's INVALID_SOCKET or -1 is kNone.
 Handle NewStreamSocket() {
   if (!Started()) return kNone;
 #if defined(_WIN32)
-  const SOCKET s = ::WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
-                                WSA_FLAG_NO_HANDLE_INHERIT);
-  return s == INVALID_SOCKET ? kNone : static_cast<Handle>(s);
+  return static_cast<Handle>(
+      ::WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT));
 #else
-  const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  return s < 0 ? kNone : s;
+  return static_cast<Handle>(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
 #endif
 }
 
@@ -94,33 +96,18 @@ Handle ConnectToLoopback(int port) {
 }
 
 Handle Accept(Handle listener) {
-  const Native s = ::accept(N(listener), nullptr, nullptr);
-#if defined(_WIN32)
-  return s == INVALID_SOCKET ? kNone : static_cast<Handle>(s);
-#else
-  return s < 0 ? kNone : s;
-#endif
+  return static_cast<Handle>(::accept(N(listener), nullptr, nullptr));  // kNone on failure
 }
 
-bool WaitReadable(Handle s, const std::atomic<bool>& stopping, int timeout_ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    if (stopping) return false;
-    int slice = kWaitSliceMs;
-    if (timeout_ms >= 0) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now())
-                            .count();
-      if (left <= 0) return false;
-      slice = static_cast<int>(std::min<long long>(left, kWaitSliceMs));
-    }
+bool WaitReadable(Handle s, const std::atomic<bool>& stopping) {
+  for (int ready = 0; !stopping; ) {
     pollfd entry{};
     entry.fd = N(s);
     entry.events = POLLIN;
-    const int ready = PollOne(&entry, slice);
-    if (ready > 0) return !stopping;
-    if (ready < 0) return false;
+    ready = PollOne(&entry, kWaitSliceMs);
+    if (ready != 0) return ready > 0 && !stopping;
   }
+  return false;
 }
 
 long Receive(Handle s, char* buffer, std::size_t size) {
@@ -151,77 +138,8 @@ void ResetOnClose(Handle s) {
   ::setsockopt(N(s), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard), sizeof hard);
 }
 
-void Shutdown(Handle s) {
-#if defined(_WIN32)
-  ::shutdown(N(s), SD_BOTH);
-#else
-  ::shutdown(N(s), SHUT_RDWR);
-#endif
-}
+void Shutdown(Handle s) { ::shutdown(N(s), kBothWays); }
 
-void Close(Handle s) {
-#if defined(_WIN32)
-  ::closesocket(N(s));
-#else
-  ::close(N(s));
-#endif
-}
-
-std::string PeerName(Handle s) {
-  sockaddr_in address{};
-  Length length = sizeof address;
-  if (::getpeername(N(s), reinterpret_cast<sockaddr*>(&address), &length) != 0) return "";
-  char text[INET_ADDRSTRLEN] = {};
-  ::inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
-LoopbackServer::LoopbackServer(Serve serve) : serve_(std::move(serve)) {
-  listener_ = ListenOnLoopback(64, &port_);
-  if (listener_ == kNone) {
-    port_ = -1;
-    return;
-  }
-  acceptor_ = std::thread([this] { AcceptLoop(); });
-}
-
-void LoopbackServer::AcceptLoop() {
-  while (WaitReadable(listener_, stopping_)) {
-    const Handle s = Accept(listener_);
-    if (s == kNone) continue;
-    std::lock_guard lock(mutex_);
-    if (stopping_) {  // Stop()'s own connection, made to wake this loop
-      sockets::Close(s);
-      return;
-    }
-    SetNoDelay(s);  // answers sent in pieces go out as they are written
-    open_.insert(s);
-    workers_.emplace_back([this, s, index = accepted_++] { serve_(s, index); });
-  }
-}
-
-void LoopbackServer::Stop() {
-  stopping_ = true;
-  if (acceptor_.joinable()) {
-    const Handle wake = ConnectToLoopback(port_);  // wakes the accept loop at once
-    acceptor_.join();
-    if (wake != kNone) sockets::Close(wake);
-  }
-  std::vector<std::thread> workers;
-  {
-    std::lock_guard lock(mutex_);
-    for (const Handle s : open_) Shutdown(s);  // unblocks reads and sends
-    workers.swap(workers_);
-  }
-  for (auto& worker : workers) worker.join();
-  if (listener_ != kNone) sockets::Close(listener_);
-  listener_ = kNone;
-}
-
-void LoopbackServer::Close(Handle s) {
-  std::lock_guard lock(mutex_);
-  open_.erase(s);
-  sockets::Close(s);
-}
+void Close(Handle s) { CloseNative(N(s)); }
 
 }  // namespace tq::test::sockets

@@ -11,19 +11,20 @@
 
 namespace tq::test {
 
+std::filesystem::path MakeNewDirectory(const std::filesystem::path& base,
+                                       const std::string& prefix) {
+  std::random_device entropy;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const std::filesystem::path candidate = base / (prefix + std::to_string(entropy()));
+    if (std::filesystem::create_directory(candidate)) return candidate;
+  }
+  throw std::runtime_error("cannot create a directory in " + base.string());
+}
+
 TempDir::TempDir() {
 #if defined(_WIN32)
   // No mkdtemp: a random name, taken only if nobody has it yet (TMP / TEMP name the base).
-  const std::filesystem::path base = std::filesystem::temp_directory_path();
-  std::random_device entropy;
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    const std::filesystem::path candidate = base / ("tqtest-" + std::to_string(entropy()));
-    if (std::filesystem::create_directory(candidate)) {
-      path_ = candidate;
-      return;
-    }
-  }
-  throw std::runtime_error("cannot create a temporary directory in " + base.string());
+  path_ = MakeNewDirectory(std::filesystem::temp_directory_path(), "tqtest-");
 #else
   const char* base = std::getenv("TMPDIR");
   std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 #include <string_view>
 
 namespace tq::test {
@@ -10,6 +11,11 @@ namespace tq::test {
 // Throws std::runtime_error when the file cannot be written.
 std::filesystem::path WriteFileUnder(const std::filesystem::path& root, std::string_view relative,
                                      std::string_view contents);
+
+// Makes a new directory base/<prefix><random number>, never one that exists, and returns it.
+// Throws std::runtime_error when none can be made.
+std::filesystem::path MakeNewDirectory(const std::filesystem::path& base,
+                                       const std::string& prefix);
 
 class TempDir {
  public:

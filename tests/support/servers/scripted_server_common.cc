@@ -1,9 +1,9 @@
-// The part of ScriptedServer both backends share: routes, the request log, and the count of
-// requests being answered at once.
-#include "tests/support/servers/scripted_server_book.h"
-
+// The part of ScriptedServer both backends share: routes, the request log, the count of
+// requests being answered at once, and its address.
 #include <algorithm>
 #include <cctype>
+
+#include "tests/support/servers/scripted_server.h"
 
 namespace tq::test {
 
@@ -21,27 +21,24 @@ std::optional<std::string> RecordedRequest::Header(const std::string& name) cons
   return std::nullopt;
 }
 
-ScriptedResponse ScriptedServer::Book::Answer(const RecordedRequest& record) {
+ScriptedResponse ScriptedServer::Answer(const RecordedRequest& record) {
   ScriptedHandler handler;
   {
-    std::lock_guard lock(mutex);
-    requests.push_back(record);
-    max_in_flight = std::max(max_in_flight, ++in_flight);
-    const auto it = routes.find(record.path);
-    if (it != routes.end()) handler = it->second;
+    std::lock_guard lock(mutex_);
+    requests_.push_back(record);
+    max_in_flight_ = std::max(max_in_flight_, ++in_flight_);
+    const auto it = routes_.find(record.path);
+    if (it != routes_.end()) handler = it->second;
   }
-  ScriptedResponse answer;
-  if (handler) {
-    answer = handler(record);
-  } else {
-    answer.status = 404;
-    answer.body = "no route";
-    answer.content_type = "text/plain";
-  }
+  const ScriptedResponse answer = handler ? handler(record) : ScriptedResponse(404, "no route");
   if (answer.hold != nullptr) answer.hold->Wait();
-  std::lock_guard lock(mutex);
-  --in_flight;
+  std::lock_guard lock(mutex_);
+  --in_flight_;
   return answer;
+}
+
+std::string ScriptedServer::Url(const std::string& path) const {
+  return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) + path;
 }
 
 void ScriptedServer::Route(const std::string& path, ScriptedResponse response) {
@@ -49,25 +46,25 @@ void ScriptedServer::Route(const std::string& path, ScriptedResponse response) {
 }
 
 void ScriptedServer::Route(const std::string& path, ScriptedHandler handler) {
-  std::lock_guard lock(book().mutex);
-  book().routes[path] = std::move(handler);
+  std::lock_guard lock(mutex_);
+  routes_[path] = std::move(handler);
 }
 
 std::size_t ScriptedServer::request_count() const {
-  std::lock_guard lock(book().mutex);
-  return book().requests.size();
+  std::lock_guard lock(mutex_);
+  return requests_.size();
 }
 
-std::size_t ScriptedServer::connection_count() const { return book().accepted.load(); }
+std::size_t ScriptedServer::connection_count() const { return accepted_.load(); }
 
 std::size_t ScriptedServer::max_concurrent_requests() const {
-  std::lock_guard lock(book().mutex);
-  return book().max_in_flight;
+  std::lock_guard lock(mutex_);
+  return max_in_flight_;
 }
 
 std::vector<RecordedRequest> ScriptedServer::requests() const {
-  std::lock_guard lock(book().mutex);
-  return book().requests;
+  std::lock_guard lock(mutex_);
+  return requests_;
 }
 
 }  // namespace tq::test
