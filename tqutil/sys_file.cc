@@ -137,9 +137,10 @@ static_assert(sizeof(off_t) == 8, "64-bit file offsets are required");
 // Every open: a link at the name is never followed (O_NOFOLLOW) and the open never waits
 // (O_NONBLOCK: a FIFO opened for reading would wait for a writer forever; a file under another
 // party's lease is refused at once, as the sharing refuses an open). What was opened is
-// checked to be a regular file before anything else is done with it, and only then is the
-// descriptor made blocking again. The directories these files live in may be writable by
-// others, so anything else found at a name is refused.
+// checked to be a regular file before anything else is done with it; the directories these
+// files live in may be writable by others, so anything else found at a name is refused. The
+// flag stays on the descriptor: a regular file ignores it (its reads and writes wait for the
+// disk either way), and clearing it would cost every open one more system call.
 constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 
 // Created files are for their owner only: the cache's files name the URLs the user opened.
@@ -166,29 +167,17 @@ struct Descriptor {
   int fd;
 };
 
-// Takes a whole-file lock without waiting. Open-file-description locks belong to this open
-// (not to the process), so two opens in one process exclude each other like two processes do.
+// Takes a whole-file lock without waiting. A flock lock belongs to this open (the open file
+// description, not the process), so two opens in one process exclude each other like two
+// processes do, and it goes with the open's last descriptor. Of the locks with that owner it is
+// the cheaper one to take and to drop at close, which every cache hit does.
 bool Lock(int fd, bool exclusive) {
   if (TqUSysFileFaults::Fails("lock")) return false;
-#if defined(F_OFD_SETLK)
-  struct flock fl = {};
-  fl.l_type = exclusive ? F_WRLCK : F_RDLCK;
-  fl.l_whence = SEEK_SET;
-  fl.l_start = 0;
-  fl.l_len = 0;  // to the end, however large the file grows
-  fl.l_pid = 0;
-  int rc;
-  do {
-    rc = ::fcntl(fd, F_OFD_SETLK, &fl);
-  } while (rc < 0 && errno == EINTR);
-  return rc == 0;
-#else
   int rc;
   do {
     rc = ::flock(fd, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB);
   } while (rc < 0 && errno == EINTR);
   return rc == 0;
-#endif
 }
 
 // Whether `name` (a link not followed) is still the file `opened` describes.
@@ -197,10 +186,6 @@ bool StillNamed(int dir, const char* name, const struct stat& opened) {
   return ::fstatat(dir, name, &now, AT_SYMLINK_NOFOLLOW) == 0 && now.st_dev == opened.st_dev &&
          now.st_ino == opened.st_ino;
 }
-
-// Of the status flags F_SETFL changes (append, async, direct, no-atime, non-blocking), an open
-// here sets only O_NONBLOCK, so clearing them all clears it without asking for them first.
-bool MakeBlocking(int fd) { return ::fcntl(fd, F_SETFL, 0) == 0; }
 
 bool Unlink(int dir, const char* name) {
   if (TqUSysFileFaults::Fails("remove")) return false;
@@ -262,7 +247,7 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
   }
   if (fd.fd < 0) return TqUSysFile::kInvalid;
   struct stat st = {};
-  if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode) || !MakeBlocking(fd.fd)) {
+  if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     return TqUSysFile::kInvalid;
   }
   OpenedForTesting();

@@ -2,8 +2,9 @@
 //
 // The sharing rules the disk cache relies on hold across threads and processes: readers that
 // allow sharing coexist, an open for writing is exclusive, and an open that the sharing refuses
-// fails at once (it never waits). On POSIX this is done with open-file-description locks, taken
-// before a file is emptied, so a refused writer never truncates another writer's file.
+// fails at once (it never waits). On POSIX this is done with whole-file locks that belong to each
+// open (flock), taken before a file is emptied, so a refused writer never truncates another
+// writer's file.
 //
 // The directories these files live in may be writable by others, so an open only ever opens a
 // regular file at the name itself: a symbolic link (a reparse point on Windows) is never

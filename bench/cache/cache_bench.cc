@@ -10,6 +10,8 @@
 // Each row runs both sides in turn (bench_support.h: Interleave) and reports medians, with the
 // smallest and largest run.
 // Usage: cache_bench hits [count]  (only fresh hits, for a profiler: see HitLoop)
+//        cache_bench open [opens per run]  (the open row alone)
+//        cache_bench cleanup [entries, the small run]  (the clean-up rows alone)
 //        cache_bench [store MiB (default 1024)] [opens per run (default 20000)]
 //                    [clean-up entries, the small run; the large one is 10x (default 10000)]
 //        (or TQ_BENCH_STORE_MIB / TQ_BENCH_OPEN_ITERATIONS / TQ_BENCH_CLEANUP_ENTRIES)
@@ -367,6 +369,13 @@ int HitsOnly(unsigned long count) {
 int main(int argc, char** argv) {
   if (argc > 1 && std::string(argv[1]) == "hits") {
     return HitsOnly(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1000);
+  }
+  // One row alone, for a run while iterating on it.
+  if (argc > 1 && std::string(argv[1]) == "open") {
+    return OpenBench(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 20000);
+  }
+  if (argc > 1 && std::string(argv[1]) == "cleanup") {
+    return CleanUpBench(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 10000);
   }
   const unsigned long store_mib = Setting(argc, argv, 1, "TQ_BENCH_STORE_MIB", 1024);
   const unsigned long iterations = Setting(argc, argv, 2, "TQ_BENCH_OPEN_ITERATIONS", 20000);
