@@ -629,6 +629,17 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
   return TqUSysFile::OpenFile(m_path / name, access, share, creation, reserved1, reserved2);
 }
 
+std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
+                                        std::size_t size) const {
+  TqUSysFile::Handle file = OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
+                                     TqUSysFile::kOpenExisting, 0, 0);
+  if (file == TqUSysFile::kInvalid) return -1;
+  std::uint64_t got = 0;
+  const bool read = TqUSysFile::ReadFileAt(file, buffer, size, 0, &got);
+  TqUSysFile::CloseFile(file);
+  return read ? static_cast<std::int64_t>(got) : -1;
+}
+
 bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   ec.clear();
   if (m_error) {
@@ -733,6 +744,25 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
     return TqUSysFile::kInvalid;
   }
   return OpenAt(m_fd, name, access, share, creation);
+}
+
+std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
+                                        std::size_t size) const {
+  if (m_fd < 0 || name == nullptr || name[0] == 0 || (buffer == nullptr && size > 0)) return -1;
+  // OpenAt's steps for a shared reader, without a handle: a clean-up reads thousands of headers
+  // in a row, and the handle's bookkeeping would cost more than its system calls.
+  Descriptor fd(RetryOpen(m_fd, name, kOpenFlags | O_RDONLY));
+  if (fd.fd < 0) return -1;
+  struct stat st;
+  if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  OpenedForTesting();
+  if (!Lock(fd.fd, false) || TqUSysFileFaults::Fails("read")) return -1;
+  const std::size_t chunk = std::min<std::size_t>(size, 1u << 30);
+  ssize_t got;
+  do {
+    got = ::pread(fd.fd, buffer, chunk, 0);
+  } while (got < 0 && errno == EINTR);
+  return got < 0 ? -1 : static_cast<std::int64_t>(got);
 }
 
 std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
