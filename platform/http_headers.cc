@@ -1,5 +1,6 @@
 #include "platform/http_headers.h"
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -24,10 +25,17 @@ std::string_view TrimSpace(std::string_view s) {
   return s;
 }
 
-bool IsTokenChar(char c) {
-  const auto u = static_cast<unsigned char>(c);
-  return u > 0x20 && u < 0x7F && std::strchr("()<>@,;:\\\"/[]?={}", c) == nullptr;
-}
+// The characters of an HTTP token, as a table: every header name of every response is checked.
+constexpr std::array<bool, 256> kTokenChars = [] {
+  std::array<bool, 256> table{};
+  for (int c = 0x21; c < 0x7F; ++c) table[c] = true;
+  for (const char* s = "()<>@,;:\\\"/[]?={}"; *s != '\0'; ++s) {
+    table[static_cast<unsigned char>(*s)] = false;
+  }
+  return table;
+}();
+
+bool IsTokenChar(char c) { return kTokenChars[static_cast<unsigned char>(c)]; }
 
 // HTTP-version SP 3DIGIT [SP reason-phrase]
 bool ParseStatusLine(std::string_view line, std::string* version, int* code, std::string* text) {
@@ -187,31 +195,59 @@ DWORD WriteFixed(const T& value, void* buffer, DWORD* buffer_length) {
 
 }  // namespace
 
-void HeaderBlock::Clear() { *this = HeaderBlock(); }
+void HeaderBlock::Clear() {
+  // Keeps the room of the text and the lists for the next block.
+  raw_.clear();
+  ends_.clear();
+  folded_.clear();
+  version_.clear();
+  status_code_ = 0;
+  status_text_.clear();
+  headers_.clear();
+  bytes_ = 0;
+}
+
+std::string_view HeaderBlock::Text(std::uint32_t offset, std::uint32_t size, bool folded) const {
+  return std::string_view(folded ? folded_ : raw_).substr(offset, size);
+}
 
 HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response) {
   bytes_ += raw.size();
   if (bytes_ > kMaxBytes) return LineResult::kInvalid;
   const std::string_view line = TrimLineEnd(raw);
-  if (start_line_.empty()) {
+  if (ends_.empty()) {
     if (line.empty()) return LineResult::kInvalid;
     if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {
       return LineResult::kInvalid;
     }
-    start_line_ = std::string(line);
-    raw_lines_.emplace_back(line);
+    // Room for a usual block, so that the text and the lists do not grow line by line.
+    raw_.reserve(kUsualBytes);
+    ends_.reserve(kUsualLines);
+    headers_.reserve(kUsualLines);
+    AppendEntry(line);
     return LineResult::kAccepted;
   }
   if (line.empty()) return LineResult::kEndOfBlock;
   if (line.front() == ' ' || line.front() == '\t') {
-    // An obsolete folded continuation: part of the header before it.
+    // An obsolete folded continuation: part of the header before it, and of its raw line.
     if (headers_.empty()) return LineResult::kInvalid;
+    Header& header = headers_.back();
     const std::string_view more = TrimSpace(line);
     if (!more.empty()) {
-      if (!headers_.back().value.empty()) headers_.back().value.push_back(' ');
-      headers_.back().value.append(more);
+      if (!header.folded) {
+        // Folds are rare: the joined value gets storage of its own, at the end of folded_,
+        // where later folds of the same (last) header extend it.
+        const std::string_view value = Text(header.value, header.value_size, false);
+        header.value = static_cast<std::uint32_t>(folded_.size());
+        folded_.append(value);
+        header.folded = true;
+      }
+      if (header.value_size != 0) folded_.push_back(' ');
+      folded_.append(more);
+      header.value_size = static_cast<std::uint32_t>(folded_.size() - header.value);
     }
-    raw_lines_.back().append("\r\n").append(line);
+    raw_.append(line).append("\r\n");
+    ends_.back() = static_cast<std::uint32_t>(raw_.size());
     return LineResult::kAccepted;
   }
   const auto colon = line.find(':');
@@ -220,9 +256,18 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   for (char c : name) {
     if (!IsTokenChar(c)) return LineResult::kInvalid;
   }
-  headers_.push_back({std::string(name), std::string(TrimSpace(line.substr(colon + 1)))});
-  raw_lines_.emplace_back(line);
+  const std::string_view value = TrimSpace(line.substr(colon + 1));
+  const auto at = static_cast<std::uint32_t>(raw_.size());
+  headers_.push_back({at, static_cast<std::uint32_t>(name.size()),
+                      at + static_cast<std::uint32_t>(value.data() - line.data()),
+                      static_cast<std::uint32_t>(value.size()), false});
+  AppendEntry(line);
   return LineResult::kAccepted;
+}
+
+void HeaderBlock::AppendEntry(std::string_view line) {
+  raw_.append(line).append("\r\n");
+  ends_.push_back(static_cast<std::uint32_t>(raw_.size()));
 }
 
 void HeaderBlock::SetRequest(std::string_view start_line,
@@ -232,21 +277,23 @@ void HeaderBlock::SetRequest(std::string_view start_line,
   for (const auto& line : header_lines) AddLine(line, false);
 }
 
-const std::string* HeaderBlock::Find(std::string_view name, std::size_t index) const {
+std::optional<std::string_view> HeaderBlock::Find(std::string_view name,
+                                                  std::size_t index) const {
   for (const auto& header : headers_) {
-    if (EqualsIgnoreCase(header.name, name)) {
-      if (index == 0) return &header.value;
+    if (EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
+      if (index == 0) return Text(header.value, header.value_size, header.folded);
       --index;
     }
   }
-  return nullptr;
+  return std::nullopt;
 }
 
 bool HeaderBlock::ContentLengthAgrees() const {
   std::optional<std::uint64_t> length;
-  for (const auto& header : headers_) {
-    if (!EqualsIgnoreCase(header.name, "Content-Length")) continue;
-    std::string_view rest = header.value;
+  for (std::size_t i = 0;; ++i) {
+    const std::optional<std::string_view> found = Find("Content-Length", i);
+    if (!found) break;
+    std::string_view rest = *found;
     for (;;) {
       const auto comma = rest.find(',');
       const std::string_view item = TrimSpace(rest.substr(0, comma));
@@ -260,16 +307,16 @@ bool HeaderBlock::ContentLengthAgrees() const {
   return true;
 }
 
-std::string HeaderBlock::RawCrlf() const {
-  std::string out;
-  for (const auto& line : raw_lines_) out.append(line).append("\r\n");
-  out.append("\r\n");
-  return out;
-}
+std::string HeaderBlock::RawCrlf() const { return raw_ + "\r\n"; }
 
 std::string HeaderBlock::RawNul() const {
   std::string out;
-  for (const auto& line : raw_lines_) out.append(line).push_back('\0');
+  out.reserve(raw_.size());
+  std::uint32_t start = 0;
+  for (const std::uint32_t end : ends_) {
+    out.append(raw_, start, end - start - 2).push_back('\0');  // each entry without its CR LF
+    start = end;
+  }
   return out;
 }
 
@@ -324,9 +371,9 @@ DWORD SelectValue(const HeaderBlock& block, std::string_view verb, DWORD level, 
     default: {
       std::string name;
       if (DWORD error = NameOfLevel(level, buffer, buffer_length, &name)) return error;
-      const std::string* found = block.Find(name, wanted);
-      if (found == nullptr) return ERROR_HTTP_HEADER_NOT_FOUND;
-      *value = *found;
+      const std::optional<std::string_view> found = block.Find(name, wanted);
+      if (!found) return ERROR_HTTP_HEADER_NOT_FOUND;
+      value->assign(*found);
       *indexed = true;
       return ERROR_SUCCESS;
     }

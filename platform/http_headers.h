@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,13 +30,14 @@ class HeaderBlock {
   // Sets the start line and headers of a request, as sent (for HTTP_QUERY_FLAG_REQUEST_HEADERS).
   void SetRequest(std::string_view start_line, const std::vector<std::string>& header_lines);
 
-  bool empty() const { return start_line_.empty(); }
+  bool empty() const { return ends_.empty(); }
   int status_code() const { return status_code_; }
   const std::string& version() const { return version_; }
   const std::string& status_text() const { return status_text_; }
 
-  // The value of the index-th (0-based) header with this name (ASCII case-insensitive).
-  const std::string* Find(std::string_view name, std::size_t index = 0) const;
+  // The value of the index-th (0-based) header with this name (ASCII case-insensitive); valid
+  // until the block changes.
+  std::optional<std::string_view> Find(std::string_view name, std::size_t index = 0) const;
 
   // False when Content-Length occurs with values that differ (a repeated or comma-listed equal
   // value is one value) or with one that is not a decimal number: such a body has no length one
@@ -47,16 +50,27 @@ class HeaderBlock {
   std::string RawNul() const;
 
  private:
+  static constexpr std::size_t kUsualLines = 16;
+  static constexpr std::size_t kUsualBytes = 1024;
+  // A header's name and value as places in raw_ (the value in folded_ when it was folded), so
+  // that a block costs a few allocations rather than some per line.
   struct Header {
-    std::string name;
-    std::string value;
+    std::uint32_t name;
+    std::uint32_t name_size;
+    std::uint32_t value;
+    std::uint32_t value_size;
+    bool folded;
   };
-  std::string start_line_;
+  std::string_view Text(std::uint32_t offset, std::uint32_t size, bool folded) const;
+  void AppendEntry(std::string_view line);
+
+  std::string raw_;                  // the lines as received, each followed by CR LF
+  std::vector<std::uint32_t> ends_;  // where each line ends in raw_, its folds included
+  std::string folded_;               // the joined values of folded headers
   std::string version_;
   int status_code_ = 0;
   std::string status_text_;
   std::vector<Header> headers_;
-  std::vector<std::string> raw_lines_;
   std::size_t bytes_ = 0;
 };
 

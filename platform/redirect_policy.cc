@@ -13,8 +13,8 @@ DWORD NextHop(const RedirectRules& rules, const HeaderBlock& response, int hop, 
   if (status != 301 && status != 302 && status != 303 && status != 307 && status != 308) {
     return ERROR_SUCCESS;
   }
-  const std::string* location = response.Find("Location");
-  if (location == nullptr || location->empty()) return ERROR_SUCCESS;
+  const std::optional<std::string> location(response.Find("Location"));
+  if (!location || location->empty()) return ERROR_SUCCESS;
   if (hop >= RedirectRules::kMaxHops) return ERROR_HTTP_REDIRECT_FAILED;
 
   UrlParts from;

@@ -52,6 +52,15 @@ void TransferSlot::ResetOptions() {
   clean_ = true;
 }
 
+const std::string& TransferSlot::SentUrl(const std::string& url) {
+  if (url_asked_.empty() || url != url_asked_) {
+    UrlParts parts;
+    url_sent_ = ParseUrl(url, &parts) ? std::move(parts.text) : url;
+    url_asked_ = url;
+  }
+  return url_sent_;
+}
+
 void TransferSlot::PrepareOptions() {
   if (!clean_) curl_easy_reset(easy_.get());
   clean_ = false;
@@ -313,6 +322,10 @@ void Transfer::OnFinalHeaders() {
   curl_off_t length = -1;
   curl_easy_getinfo(slot_->easy(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
   content_length_ = length > 0 ? static_cast<std::uint64_t>(length) : 0;
+  // A body announced to fit is kept whole while nobody reads (the length is only a hint: the
+  // bound still holds), with room made for it at once.
+  keep_whole_body_ = content_length_ > 0 && content_length_ <= kSpillLimit;
+  if (keep_whole_body_) spill_.Reserve(static_cast<std::size_t>(content_length_));
 }
 
 size_t Transfer::OnHeader(const char* data, size_t size) {
@@ -360,24 +373,27 @@ size_t Transfer::OnBody(const char* data, size_t size) {
     OnFinalHeaders();
   }
   if (state_ == TransferState::kDraining) return OnDrainedBody(size);
-  if (target_ == nullptr && spill_.empty()) {
-    // Nobody reads yet (the open is returning): keep this one chunk rather than pause, so that
-    // a small body completes, and frees its connection, without a pause and resume.
-    spill_.Keep(data, size);
+  std::size_t taken = 0;
+  if (target_ != nullptr) {
+    taken = std::min(target_len_ - target_filled_, size);
+    std::memcpy(target_ + target_filled_, data, taken);
+    target_filled_ += taken;
+  }
+  const std::size_t rest = size - taken;
+  if (rest == 0) return size;
+  // The rest of a chunk partly taken is kept: libcurl cannot take it back. While nobody reads
+  // (the open is returning), the first chunk is kept, and a small body whole, so that it
+  // completes, and frees its connection, without a pause and resume. A reader whose buffer is
+  // full pauses the transfer instead: bytes kept here would reach every later read second-hand.
+  if (taken > 0 || (target_ == nullptr &&
+                    (spill_.empty() ||
+                     (keep_whole_body_ && spill_.pending() + rest <= kSpillLimit)))) {
+    spill_.Append(data + taken, rest);
     return size;
   }
-  const std::size_t room = target_ != nullptr ? target_len_ - target_filled_ : 0;
-  if (room == 0) {
-    // Nobody is reading: stop the transfer; libcurl delivers this chunk again when it resumes.
-    MoveTo(TransferState::kPaused);
-    return CURL_WRITEFUNC_PAUSE;
-  }
-  const std::size_t take = std::min(room, size);
-  std::memcpy(target_ + target_filled_, data, take);
-  target_filled_ += take;
-  // The rest of this chunk waits for the next read; at most one libcurl buffer.
-  if (take < size) spill_.Keep(data + take, size - take);
-  return size;
+  // Nobody has room: stop the transfer; libcurl delivers this chunk again when it resumes.
+  MoveTo(TransferState::kPaused);
+  return CURL_WRITEFUNC_PAUSE;
 }
 
 size_t Transfer::OnDrainedBody(size_t size) {

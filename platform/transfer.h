@@ -1,8 +1,9 @@
 // The platform layer's one libcurl transfer engine, used by the WinINet requests and the URL
 // Moniker downloads alike. The calling thread drives its own transfer through a multi handle;
-// body bytes are pulled into the reader's buffer, and between reads the transfer is paused, so
-// what the engine holds beyond the reader's buffer is bounded by one libcurl buffer whatever the
-// body's size. Redirects are followed by one policy, time-outs kept by one clock
+// body bytes are pulled into the reader's buffer, and between reads the transfer is paused (a
+// body announced as no larger than one receive buffer is kept whole instead), so what the engine
+// holds beyond the reader's buffer is bounded by a receive buffer or two whatever the body's
+// size. Redirects are followed by one policy, time-outs kept by one clock
 // (transfer_state.h). One thread at a time uses a Transfer; StopSignal::Stop may come from any.
 #pragma once
 
@@ -47,6 +48,9 @@ class TransferSlot {
   void PrepareOptions();
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
   std::string& spill_storage() { return spill_storage_; }
+  // The URL as libcurl sends it (dot segments removed; `url` itself when it does not parse).
+  // Successive requests on a slot mostly ask for the same URL, so the last answer is kept.
+  const std::string& SentUrl(const std::string& url);
 
  private:
   TransferSlot() = default;
@@ -55,6 +59,8 @@ class TransferSlot {
   bool attached_ = false;
   bool clean_ = true;
   std::string spill_storage_;
+  std::string url_asked_;
+  std::string url_sent_;
 };
 
 // Who lends slots to a transfer: a WinINet connection's bounded pool, or a download's own slot.
@@ -121,8 +127,10 @@ class Transfer {
   // A response body up to this size is read and dropped when a transfer is ended early, so that
   // its connection stays usable; a larger one closes it.
   static constexpr std::size_t kDrainLimit = 64 * 1024;
-  // libcurl's receive buffer; it also bounds what a read keeps beyond the reader's buffer.
+  // libcurl's receive buffer.
   static constexpr long kBufferSize = 256 * 1024;
+  // The largest announced body kept whole while nobody reads.
+  static constexpr std::size_t kSpillLimit = kBufferSize;
 
   Transfer(SlotSource& slots, StopSignal& stop) : slots_(slots), stop_(stop) {}
   ~Transfer();
@@ -191,6 +199,7 @@ class Transfer {
   void SetCallbacks(CURL* easy);
   void SetProxy(CURL* easy);
   DWORD SetHeaders(CURL* easy);
+  bool AgentAsHeaderLine() const;
   void SetMethod(CURL* easy);
   void SetCredentials(CURL* easy, bool same_origin);
 
@@ -211,6 +220,7 @@ class Transfer {
   HeaderBlock pending_;   // the block being received
   HeaderBlock response_;  // the last complete block
   std::uint64_t content_length_ = 0;
+  bool keep_whole_body_ = false;  // the announced body fits what is kept while nobody reads
   DWORD header_error_ = 0;  // why a header block was refused
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body

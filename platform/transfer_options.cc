@@ -2,13 +2,28 @@
 #include "platform/transfer.h"
 
 #include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/wide_text.h"
 
 namespace tqplatform {
+namespace {
+
+bool HasHeaderLine(const std::vector<std::string>& lines, std::string_view name) {
+  for (const auto& line : lines) {
+    if (EqualsIgnoreCase(std::string_view(line).substr(0, line.find(':')), name)) return true;
+  }
+  return false;
+}
+
+}  // namespace
 
 void Transfer::ClearResponse() {
   pending_.Clear();
   response_.Clear();
   content_length_ = 0;
+  keep_whole_body_ = false;
   header_error_ = 0;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;
@@ -23,8 +38,7 @@ DWORD Transfer::Configure(bool same_origin) {
   slot_->PrepareOptions();
   // No CURLOPT_PATH_AS_IS: libcurl removes dot segments, as browsers do, so "/x/../b" goes out
   // as "/b". A cache keys on the normalised URL; what it keys on must be what is sent.
-  UrlParts parts;
-  sent_url_ = ParseUrl(request_.url, &parts) ? parts.text : request_.url;
+  sent_url_ = slot_->SentUrl(request_.url);
   method_ = request_.method;
   clock_.Start(request_.limits, !request_.body.empty(), TransferClock::Clock::now());
   SetTransport(easy);
@@ -56,7 +70,16 @@ void Transfer::SetTransport(CURL* easy) {
   }
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
                    static_cast<long>(clock_.connect_limit().count()));
-  if (!request_.agent.empty()) curl_easy_setopt(easy, CURLOPT_USERAGENT, request_.agent.c_str());
+  if (!request_.agent.empty() && !AgentAsHeaderLine()) {
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, request_.agent.c_str());
+  }
+}
+
+bool Transfer::AgentAsHeaderLine() const {
+  // Without a proxy the agent goes out among the request's own lines: the same line in the same
+  // place (after Host and credentials), without libcurl formatting it anew for every request.
+  // Through a proxy libcurl's option also puts it into the CONNECT request.
+  return !request_.agent.empty() && request_.proxy_mode == ProxyMode::kDirect;
 }
 
 void Transfer::SetCallbacks(CURL* easy) {
@@ -96,10 +119,15 @@ DWORD Transfer::SetHeaders(CURL* easy) {
     header_list_.reset(grown);
     return true;
   };
+  if (AgentAsHeaderLine() && !HasHeaderLine(request_.header_lines, "User-Agent")) {
+    // A caller's own User-Agent line replaces the agent, as libcurl's option would let it.
+    if (!append(("User-Agent: " + request_.agent).c_str())) return ERROR_NOT_ENOUGH_MEMORY;
+  }
   for (const auto& line : request_.header_lines) {
     if (!append(line.c_str())) return ERROR_NOT_ENOUGH_MEMORY;
   }
-  if (!append("Expect:")) return ERROR_NOT_ENOUGH_MEMORY;  // no 100-continue round trip
+  // No 100-continue round trip before a body (libcurl asks for one only when sending a body).
+  if (!request_.body.empty() && !append("Expect:")) return ERROR_NOT_ENOUGH_MEMORY;
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, header_list_.get());
   return ERROR_SUCCESS;
 }

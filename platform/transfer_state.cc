@@ -96,9 +96,9 @@ std::size_t SpillBuffer::Take(char* out, std::size_t size) {
   return n;
 }
 
-void SpillBuffer::Keep(const char* data, std::size_t size) {
-  bytes_.assign(data, size);
-  pos_ = 0;
+void SpillBuffer::Append(const char* data, std::size_t size) {
+  if (empty()) Clear();
+  bytes_.append(data, size);
 }
 
 void SpillBuffer::Clear() {

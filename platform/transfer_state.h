@@ -71,14 +71,19 @@ class TransferClock {
   Clock::time_point drain_deadline_;
 };
 
-// Body bytes that came while the reader's buffer had no room: at most the rest of one libcurl
-// chunk. Its storage can be swapped with a slot's, so that requests on a slot reuse one buffer.
+// Body bytes that came while the reader's buffer had no room; its owner bounds how many. Its
+// storage can be swapped with a slot's, so that requests on a slot reuse one buffer.
 class SpillBuffer {
  public:
   bool empty() const { return pos_ >= bytes_.size(); }
+  // Bytes kept and not yet taken.
+  std::size_t pending() const { return bytes_.size() - pos_; }
   // Copies up to `size` bytes out; returns how many.
   std::size_t Take(char* out, std::size_t size);
-  void Keep(const char* data, std::size_t size);
+  // Adds bytes after those not yet taken.
+  void Append(const char* data, std::size_t size);
+  // Makes room for `size` bytes in all, so that a body kept whole is not copied as it grows.
+  void Reserve(std::size_t size) { bytes_.reserve(size); }
   void Clear();
   // Exchanges storage with `other` while this holds nothing; false (no exchange) otherwise.
   bool SwapStorage(std::string& other);

@@ -107,8 +107,12 @@ Settings Connection::Effective() const {
 }
 
 DWORD Connection::MaxConns() const {
-  const Settings settings = Effective();
-  return settings.max_conns.value_or(kDefaultMaxConnsPerServer);
+  // The nearest handle that sets it wins, as in Effective().
+  const SettingsHolder* const holders[] = {&settings_, &session_->settings(), &ProcessSettings()};
+  for (const SettingsHolder* holder : holders) {
+    if (const std::optional<DWORD> value = holder->Get(&Settings::max_conns)) return *value;
+  }
+  return kDefaultMaxConnsPerServer;
 }
 
 std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,

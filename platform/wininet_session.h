@@ -56,6 +56,12 @@ class SettingsHolder {
     std::lock_guard lock(mutex_);
     return settings_;
   }
+  // One field, without copying the others.
+  template <class T>
+  T Get(T Settings::*field) const {
+    std::lock_guard lock(mutex_);
+    return settings_.*field;
+  }
   template <class F>
   void Update(F&& change) {
     std::lock_guard lock(mutex_);

@@ -77,7 +77,8 @@ bool QueryStatusCode(HINTERNET request, DWORD* status) {
 }  // namespace detail
 
 bool QueryHeaderText(HINTERNET request, DWORD info_level, TqUWideString* out) {
-  wchar_t buffer[kHeaderChars] = {};
+  // Not cleared: the query writes the text and its terminator, and the length says where it ends.
+  wchar_t buffer[kHeaderChars];
   DWORD length = static_cast<DWORD>((kHeaderChars - 1) * kBytesPerChar);
   if (!HttpQueryInfoW(request, info_level, buffer, &length, nullptr)) return false;
   const std::size_t chars = length / kBytesPerChar;

@@ -2,6 +2,7 @@
 // its body read straight into the caller's buffer.
 #include <algorithm>
 #include <optional>
+#include <string>
 #include <memory>
 #include <vector>
 
@@ -23,13 +24,43 @@ void PostReadError(const wchar_t* format, const TqUWideString& url, int value) {
   TqUError::Post(1, &detail::FileProtocolComponent(), format, url.GetString(), value);
 }
 
+void AppendDecimal(std::uint64_t value, std::wstring* out) {
+  wchar_t digits[20];
+  std::size_t n = 0;
+  do {
+    digits[n++] = static_cast<wchar_t>(L'0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  while (n > 0) out->push_back(digits[--n]);
+}
+
+// The answer's "Content-Range", asked for once however many checks read it; null when absent.
+class ContentRangeHeader {
+ public:
+  explicit ContentRangeHeader(HINTERNET request) : m_request(request) {}
+  const TqUWideString* Get() {
+    if (!m_asked) {
+      m_present = QueryHeaderText(m_request, HTTP_QUERY_CONTENT_RANGE, &m_text);
+      m_asked = true;
+    }
+    return m_present ? &m_text : nullptr;
+  }
+
+ private:
+  HINTERNET m_request;
+  bool m_asked = false;
+  bool m_present = false;
+  TqUWideString m_text;
+};
+
 // The full size of the remote file from the answer's headers; false (message posted) when
 // neither a usable "Content-Range" nor a "Content-Length" is there.
-bool QueryTotalSize(HINTERNET request, const TqUWideString& url, std::uint64_t* total_size) {
+bool QueryTotalSize(HINTERNET request, ContentRangeHeader& content_range,
+                    const TqUWideString& url, std::uint64_t* total_size) {
   TqUWideString text;
   std::uint64_t length = 0;
-  if (QueryHeaderText(request, HTTP_QUERY_CONTENT_RANGE, &text) &&
-      detail::ParseContentRangeLength(text, &length)) {
+  if (const TqUWideString* range = content_range.Get();
+      range != nullptr && detail::ParseContentRangeLength(*range, &length)) {
     *total_size = length;
     return true;
   }
@@ -75,12 +106,12 @@ bool SkipBody(HINTERNET request, std::uint64_t count) {
 // A 206 must carry the range asked for, from `offset` on: bytes from elsewhere in the file
 // would land at the caller's offset as if they belonged there. Its last byte may come before
 // `last` (the file is shorter than the range), never after it. The bytes it carries, or 0.
-std::uint64_t CheckedRangeSize(HINTERNET request, std::uint64_t offset, std::uint64_t last) {
-  TqUWideString text;
+std::uint64_t CheckedRangeSize(ContentRangeHeader& content_range, std::uint64_t offset,
+                               std::uint64_t last) {
+  const TqUWideString* text = content_range.Get();
   detail::ContentRange range;
-  if (!QueryHeaderText(request, HTTP_QUERY_CONTENT_RANGE, &text) ||
-      !detail::ParseContentRange(text.View(), &range) || range.first != offset ||
-      range.last > last) {
+  if (text == nullptr || !detail::ParseContentRange(text->View(), &range) ||
+      range.first != offset || range.last > last) {
     return 0;
   }
   return range.last - range.first + 1;
@@ -115,10 +146,11 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
 
   HttpRequest http_request(url.GetString(), HttpMethod::Get);
   HttpRequestHandlerManager::HandlePreRequest(http_request);
-  TqUWideStringBuffer range;
-  range.Format(L"bytes=%llu-%llu", static_cast<unsigned long long>(offset),
-               static_cast<unsigned long long>(offset + size - 1));
-  http_request.AddHeader(L"Range", range.GetString());
+  std::wstring range = L"bytes=";
+  AppendDecimal(offset, &range);
+  range.push_back(L'-');
+  AppendDecimal(offset + size - 1, &range);
+  http_request.AddHeader(L"Range", range.c_str());
 
   detail::InternetHandle handle(detail::OpenProtocolRequest(
       thread_record->Connection(), http_request.GetMethod(), request_record->Resource().GetString(),
@@ -144,7 +176,10 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
                    url.GetString());
     return -1;
   }
-  if (total_size != nullptr && !QueryTotalSize(handle.Get(), url, total_size)) return -1;
+  ContentRangeHeader content_range(handle.Get());
+  if (total_size != nullptr && !QueryTotalSize(handle.Get(), content_range, url, total_size)) {
+    return -1;
+  }
 
   DWORD status = 0;
   if (!detail::QueryStatusCode(handle.Get(), &status)) {
@@ -162,7 +197,7 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
   // a failure, and a 200 (the range ignored, the whole file sent) is read from `offset` on.
   std::uint64_t wanted = size;
   if (status == 206) {
-    wanted = CheckedRangeSize(handle.Get(), offset, offset + size - 1);
+    wanted = CheckedRangeSize(content_range, offset, offset + size - 1);
     if (wanted == 0) {
       TqUError::Post(1, &detail::FileProtocolComponent(),
                      L"HttpFileProtocol::ReadFile HttpQueryInfo Content-Range for %s does not "

@@ -6,7 +6,6 @@
 #include <windows.h>
 #endif
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
@@ -19,12 +18,11 @@
 #include "net/cache/disk_cache.h"
 #include "tests/support/fake_http_api.h"
 #include "tests/support/read_all.h"
-#include "tqutil/streams.h"
 #include "tqutil/sys_time.h"
 
 namespace tq::test {
 
-// Replaces the cache clock for one scope; tests move time instead of waiting for it.
+// The cache clock for one scope: tests move time instead of waiting for it.
 class ScopedClock {
  public:
   explicit ScopedClock(std::int64_t now) : m_now(now) {
@@ -45,12 +43,14 @@ inline std::string Le(std::uint64_t v, int bytes) {
   return out;
 }
 
-// An entry file's bytes written out by hand from the documented layout, independent of the code
-// under test.
+// An entry file's bytes from the layout, written out by hand, independent of the code under test;
+// `extension` goes after the end marker, inside the header size.
 inline std::string EntryBytes(std::int64_t last_used, std::int64_t expiry, const std::string& tag,
-                              const std::string& key, const std::string& body) {
-  return Le(24 + tag.size() + key.size(), 2) + "\x01\x01" + Le(last_used, 8) + Le(expiry, 8) +
-         Le(tag.size(), 2) + tag + Le(key.size(), 2) + key + "\x02\x02" + body;
+                              const std::string& key, const std::string& body,
+                              const std::string& extension = "") {
+  return Le(24 + tag.size() + key.size() + extension.size(), 2) + "\x01\x01" + Le(last_used, 8) +
+         Le(expiry, 8) + Le(tag.size(), 2) + tag + Le(key.size(), 2) + key + "\x02\x02" +
+         extension + body;
 }
 
 inline std::string ReadFileBytes(const std::filesystem::path& path) {
@@ -85,28 +85,6 @@ inline bool PlantLink(const std::filesystem::path& target, const std::filesystem
 #endif
 }
 
-// A read stream over fixed bytes, in chunks, calling `on_read` after each.
-class BytesSource : public qv::io::IDataReadStream {
- public:
-  explicit BytesSource(std::string bytes, std::size_t chunk = 1 << 20)
-      : m_bytes(std::move(bytes)), m_chunk(chunk) {}
-  std::uint64_t Read(void* buffer, std::uint64_t size) override {
-    const std::size_t n = std::min<std::size_t>({static_cast<std::size_t>(size), m_chunk,
-                                                  m_bytes.size() - m_pos});
-    std::copy_n(m_bytes.data() + m_pos, n, static_cast<char*>(buffer));
-    m_pos += n;
-    if (on_read) on_read();
-    return n;
-  }
-  qv::io::StreamMetaData MetaData() override { return {m_bytes.size(), {}, {}}; }
-  std::function<void()> on_read;
-
- private:
-  std::string m_bytes;
-  std::size_t m_chunk;
-  std::size_t m_pos = 0;
-};
-
 // The workload of the cache's concurrency tests, shared by the test threads and the second
 // process (tests/helpers/cache_worker.cc): one URL whose answers alternate at random between two
 // bodies of different lengths and tags, stale at once, opened and trimmed over and over. A torn
@@ -130,27 +108,17 @@ inline std::function<FakeResponse(const SentRequest&)> ChurnResponder(unsigned s
   };
 }
 
-struct ChurnResult {
-  int served = 0;
-  int null = 0;
-  int torn = 0;
-};
-
-// Opens the URL `iterations` times, and every `cleanup_every`-th time (0: never) trims the cache
-// to the configured limit.
-inline ChurnResult RunChurn(qv::net::DiskCache& cache, int iterations, int cleanup_every) {
-  ChurnResult result;
+// Opens the churn URL `iterations` times, and every `cleanup_every`-th time (0: never) trims the
+// cache to the configured limit. Counts the bodies served whole, and torn.
+inline void Churn(qv::net::DiskCache& cache, int iterations, int cleanup_every, int& whole,
+                  int& torn) {
   for (int i = 0; i < iterations; ++i) {
     if (cleanup_every > 0 && i % cleanup_every == cleanup_every - 1) cache.CleanUp();
-    auto stream = cache.OpenUrl(kChurnUrl, 0, {});
-    if (!stream) {
-      ++result.null;
-      continue;
+    if (auto stream = cache.OpenUrl(kChurnUrl, 0, {})) {
+      const std::string body = ReadAll(*stream, 65536);
+      ++(body == kChurnBodyA || body == kChurnBodyB ? whole : torn);
     }
-    const std::string body = ReadAll(*stream, 65536);
-    ++(body == kChurnBodyA || body == kChurnBodyB ? result.served : result.torn);
   }
-  return result;
 }
 
 }  // namespace tq::test

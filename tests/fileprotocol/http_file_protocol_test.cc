@@ -1,5 +1,5 @@
 // Opening, ranged reads, file information and downloads against servers that script each case
-// (the fault suite drives the hostile ones).
+// (the fault suite drives the hostile ones) and against nginx.
 #include "net/fileprotocol/http_file_protocol.h"
 
 #include <gmock/gmock.h>
@@ -9,9 +9,12 @@
 #else
 #include <sys/mman.h>
 #endif
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <future>
@@ -19,6 +22,7 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +31,7 @@
 #include "net/http/request_handler.h"
 #include "platform/urlmon.h"
 #include "tests/fileprotocol/protocol_fixture.h"
+#include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
 
@@ -47,7 +52,24 @@ class HttpFileProtocolTest : public ProtocolTest {
   ScriptedServer server_;
 };
 
-TEST_F(HttpFileProtocolTest, BadUrlsNullHandlesAndBadRangesAreRefusedWithTheirMessage) {
+// Releases the handles of the read it runs in, as another thread may: at a known point.
+struct Releaser : qv::net::HttpRequestHandler {
+  void HandlePreRequest(qv::net::HttpRequest&) override {
+    released = protocol->ReleaseRequestHandle(request) && protocol->ReleaseThreadHandle(thread) &&
+               protocol->CloseFile(file);
+  }
+  HttpFileProtocol* protocol = nullptr;
+  TqUFileHandle* file = nullptr;
+  TqUThreadHandle* thread = nullptr;
+  TqUFileRequestHandle* request = nullptr;
+  bool released = false;
+};
+
+// Handles are looked up among the live ones, never read: a released handle (reading it was a
+// use after free) and a pointer to a copy of a live handle's bytes (which was trusted) are
+// refused without a request, as are bad URLs, null handles and a range past 2^64. Handles
+// released during a read live until it returns, with its bytes.
+TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWithoutARequest) {
   EXPECT_EQ(TqUFileProtocolRegistry::Get()->Lookup(L"HTTPS"), protocol_);
   TqUFileInfo info;
   for (const wchar_t* url : {L"not a url", static_cast<const wchar_t*>(nullptr)}) {
@@ -58,46 +80,39 @@ TEST_F(HttpFileProtocolTest, BadUrlsNullHandlesAndBadRangesAreRefusedWithTheirMe
   EXPECT_EQ(protocol_->CreateThreadHandle(nullptr), nullptr);
   EXPECT_THAT(TakeLog(), IsEmpty());
 
-  SameAnswerServer server("HTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n");
-  OpenedFile f(protocol_, server.Url("/f"));
-  ASSERT_TRUE(f.ok());
-  std::vector<unsigned char> buffer(4);
-  EXPECT_EQ(f.Read(UINT64_MAX, 2, buffer.data()), -1);
-  EXPECT_TRUE(server.heads().empty());
-  EXPECT_THAT(TakeLog(), ElementsAre(Posted{
-                             1, "HttpFileProtocol::ReadFile invalid buffer or range for " +
-                                    f.url_utf8()}));
-}
-
-// Handles are looked up among the live ones, never read: a released handle (reading it was a
-// use after free) and a pointer to a copy of a live handle's bytes (which was trusted) are
-// refused without a request.
-TEST_F(HttpFileProtocolTest, StaleAndForeignHandlesAreRefusedWithoutBeingRead) {
   SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
-  const std::wstring url = W(server.Url("/f"));
   std::vector<unsigned char> buffer(4);
-  TqUFileHandle* file = protocol_->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
-  TqUThreadHandle* thread = protocol_->CreateThreadHandle(file);
-  TqUFileRequestHandle* request = protocol_->SetupReadFile(file, 0, 4);
-  ASSERT_TRUE(file != nullptr && thread != nullptr && request != nullptr);
-
+  Releaser r;
+  r.protocol = protocol_;
+  r.file = protocol_->OpenFile(W(server.Url("/f")).c_str(), TqUFileProtocol::OpenRead);
+  r.thread = protocol_->CreateThreadHandle(r.file);
+  r.request = protocol_->SetupReadFile(r.file, 0, 4);
+  ASSERT_TRUE(r.file != nullptr && r.thread != nullptr && r.request != nullptr);
+  EXPECT_EQ(protocol_->ReadFileToSize(r.file, r.thread, r.request, UINT64_MAX, 2, buffer.data(),
+                                      nullptr), -1);
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile invalid buffer or "
+                                               "range for " + server.Url("/f")}));
   alignas(std::max_align_t) unsigned char copy[sizeof(qv::net::HttpFileThreadHandle)];
-  std::memcpy(copy, static_cast<const void*>(thread), sizeof copy);
-  EXPECT_FALSE(protocol_->ReadFile(file, reinterpret_cast<TqUThreadHandle*>(copy), request, 0, 4,
-                                   buffer.data()));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-
-  EXPECT_TRUE(protocol_->ReleaseRequestHandle(request));
-  EXPECT_TRUE(protocol_->ReleaseThreadHandle(thread));
-  EXPECT_TRUE(protocol_->CloseFile(file));
-  EXPECT_EQ(protocol_->CreateThreadHandle(file), nullptr);
-  EXPECT_EQ(protocol_->SetupReadFile(file, 0, 4), nullptr);
-  EXPECT_FALSE(protocol_->ReadFile(file, thread, request, 0, 4, buffer.data()));
-  EXPECT_FALSE(protocol_->ReleaseRequestHandle(request));
-  EXPECT_FALSE(protocol_->ReleaseThreadHandle(thread));
-  EXPECT_FALSE(protocol_->CloseFile(file));
+  std::memcpy(copy, static_cast<const void*>(r.thread), sizeof copy);
+  EXPECT_FALSE(protocol_->ReadFile(r.file, reinterpret_cast<TqUThreadHandle*>(copy), r.request, 0,
+                                   4, buffer.data()));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
   EXPECT_TRUE(server.heads().empty());
+
+  qv::net::HttpRequestHandlerManager::RegisterHandler(&r);
+  EXPECT_TRUE(protocol_->ReadFile(r.file, r.thread, r.request, 0, 4, buffer.data()));
+  qv::net::HttpRequestHandlerManager::UnregisterHandler(&r);
+  EXPECT_TRUE(r.released);
+  EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "abcd");
+
+  EXPECT_EQ(protocol_->CreateThreadHandle(r.file), nullptr);
+  EXPECT_EQ(protocol_->SetupReadFile(r.file, 0, 4), nullptr);
+  EXPECT_FALSE(protocol_->ReadFile(r.file, r.thread, r.request, 0, 4, buffer.data()));
+  EXPECT_FALSE(protocol_->ReleaseRequestHandle(r.request));
+  EXPECT_FALSE(protocol_->ReleaseThreadHandle(r.thread));
+  EXPECT_FALSE(protocol_->CloseFile(r.file));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(server.heads().size(), 1u);
   auto refused = [](const std::string& operation) {
     return Posted{1, "HttpFileProtocol::" + operation + " invalid handle"};
   };
@@ -105,40 +120,6 @@ TEST_F(HttpFileProtocolTest, StaleAndForeignHandlesAreRefusedWithoutBeingRead) {
                                      refused("SetupReadFile"), refused("ReadFile"),
                                      refused("ReleaseRequestHandle"),
                                      refused("ReleaseThreadHandle"), refused("CloseFile")));
-}
-
-// Another thread may release the handles of a read in progress. A pre-request handler runs
-// inside the read, so it releases them at a known point: the read still ends with its bytes,
-// and the records die (the connection closes) only after it.
-TEST_F(HttpFileProtocolTest, HandlesReleasedDuringAReadLiveUntilItReturns) {
-  struct Releaser : qv::net::HttpRequestHandler {
-    void HandlePreRequest(qv::net::HttpRequest&) override {
-      released = protocol->ReleaseRequestHandle(request) && protocol->ReleaseThreadHandle(thread) &&
-                 protocol->CloseFile(file);
-    }
-    HttpFileProtocol* protocol = nullptr;
-    TqUFileHandle* file = nullptr;
-    TqUThreadHandle* thread = nullptr;
-    TqUFileRequestHandle* request = nullptr;
-    bool released = false;
-  } releaser;
-  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
-  const std::wstring url = W(server.Url("/f"));
-  releaser.protocol = protocol_;
-  releaser.file = protocol_->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
-  releaser.thread = protocol_->CreateThreadHandle(releaser.file);
-  releaser.request = protocol_->SetupReadFile(releaser.file, 0, 4);
-  ASSERT_NE(releaser.request, nullptr);
-  qv::net::HttpRequestHandlerManager::RegisterHandler(&releaser);
-  std::vector<unsigned char> buffer(4);
-  const bool read = protocol_->ReadFile(releaser.file, releaser.thread, releaser.request, 0, 4,
-                                        buffer.data());
-  qv::net::HttpRequestHandlerManager::UnregisterHandler(&releaser);
-  EXPECT_TRUE(releaser.released);
-  EXPECT_TRUE(read);
-  EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "abcd");
-  EXPECT_EQ(protocol_->SetupReadFile(releaser.file, 0, 4), nullptr);
-  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::SetupReadFile invalid handle"}));
 }
 
 TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstOpenReplacesTheDefault) {
@@ -164,21 +145,6 @@ TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstOpenReplacesTheDefault) {
 #else
   EXPECT_THAT(heads[1], HasSubstr("\r\nUser-Agent: Host-\xc3\xa9/2.0\r\n"));
 #endif
-}
-
-// A range past the end: the server's 416 fails the read with its status, after one request for
-// exactly that range. (Ranges served, cut or ignored: the hostile and nginx tests.)
-TEST_F(HttpFileProtocolTest, ARangePastTheEndFailsWithTheStatusTheServerRefusedItWith) {
-  SameAnswerServer server("HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */900\r\n"
-                          "Content-Length: 0\r\n\r\n");
-  OpenedFile f(protocol_, server.Url("/f"));
-  std::vector<unsigned char> buffer(10);
-  EXPECT_EQ(f.Read(1000, 10, buffer.data()), -1);
-  ASSERT_EQ(server.heads().size(), 1u);
-  EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=1000-1009\r\n"));
-  const std::string line =
-      "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for " + f.url_utf8();
-  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, line + ": 416"}));
 }
 
 TEST_F(HttpFileProtocolTest, ReadOf4GiBOrMoreAsksForEveryByte) {
@@ -210,7 +176,7 @@ TEST_F(HttpFileProtocolTest, ReadOf4GiBOrMoreAsksForEveryByte) {
   EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=0-4294967311\r\n"));
 }
 
-TEST_F(HttpFileProtocolTest, FailedOpensArePostedAndTwoSendTimeOutsAreRetried) {
+TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedAndTwoSendTimeOutsAreRetried) {
   ASSERT_TRUE(TqPlatformInjectFault("InternetOpenW", ERROR_INTERNET_INTERNAL_ERROR, 1, 0));
   EXPECT_EQ(protocol_->OpenFile(L"http://127.0.0.1:1/f", TqUFileProtocol::OpenRead), nullptr);
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_NAME_NOT_RESOLVED, 1, 0));
@@ -232,6 +198,17 @@ TEST_F(HttpFileProtocolTest, FailedOpensArePostedAndTwoSendTimeOutsAreRetried) {
                                     "http://127.0.0.1:1/f failed: 12007"},
                           Posted{1, "HttpFileProtocol::ReadFile HttpOpenRequest for " +
                                         f.url_utf8() + " failed: 12001"}));
+
+  // A range past the end: the server's 416 fails the read with its status, after one request
+  // for exactly that range. (Ranges served, cut or ignored: the hostile and nginx tests.)
+  SameAnswerServer refusing("HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */900\r\n"
+                            "Content-Length: 0\r\n\r\n");
+  OpenedFile past(protocol_, refusing.Url("/f"));
+  EXPECT_EQ(past.Read(1000, 4, buffer.data()), -1);
+  ASSERT_EQ(refusing.heads().size(), 1u);
+  EXPECT_THAT(refusing.heads()[0], HasSubstr("\r\nRange: bytes=1000-1003\r\n"));
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled "
+                                               "Status Code for " + past.url_utf8() + ": 416"}));
 }
 
 ScriptedResponse FullAnswer() {
@@ -241,12 +218,10 @@ ScriptedResponse FullAnswer() {
 }
 
 TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvivesRetriedFailures) {
+  // (Size, tag and time from a HEAD: the nginx test.)
   server_.Route("/f", FullAnswer());
   TqUFileInfo info;
   ASSERT_TRUE(Info("/f", &info));
-  EXPECT_EQ(info.GetFileSize(), 900u);
-  EXPECT_EQ(info.GetFileRevisionId(), L"\"abc-123\"");
-  EXPECT_EQ(info.GetFileModificationTime(), 784111777);
   // Two connect time-outs are retried, a third ends the call; a new URL text misses the cache.
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_TIMEOUT, 2, 0));
   EXPECT_TRUE(Info("/f?1", &info));
@@ -290,6 +265,7 @@ TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumera
   EXPECT_EQ(info.GetFileSize(), 900u);
 
   static std::atomic<int> hook_calls{0};
+  hook_calls = 0;  // a repeated run starts the count again
   HttpFileProtocol::SetPreHTTPAuthenticationFunc([](const wchar_t*, HttpCredentials*) {
     ++hook_calls;
     return static_cast<HttpFileProtocol::PreHTTPAuthenticationResult>(7);
@@ -374,6 +350,113 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesThePathOfTheCopy) {
 #endif
   EXPECT_EQ(ReadAll(cached), "pdf bytes");
   EXPECT_EQ(progress.values.back(), 1.0);
+}
+
+// Against nginx, the real-world peer, byte for byte.
+constexpr std::uint64_t kFileSize = 64ull << 20;
+
+class NginxFileProtocolTest : public ProtocolTest {
+ protected:
+  static void SetUpTestSuite() {
+    if (!NginxHarness::Installed()) return;
+    nginx_ = new NginxHarness();
+    content_ = new std::string(kFileSize, '\0');
+    std::mt19937_64 random(42);
+    std::generate(content_->begin(), content_->end(), [&] { return static_cast<char>(random()); });
+    if (nginx_->ok()) nginx_->WriteFile("data/file.bin", *content_);
+  }
+  static void TearDownTestSuite() {
+    delete nginx_;
+    delete content_;
+  }
+  void SetUp() override {
+    if (nginx_ == nullptr) GTEST_SKIP() << "nginx is not installed";
+    ASSERT_TRUE(nginx_->ok()) << nginx_->error();
+    ProtocolTest::SetUp();
+  }
+
+  static inline NginxHarness* nginx_ = nullptr;
+  static inline std::string* content_ = nullptr;
+};
+
+TEST_F(NginxFileProtocolTest, RandomRangesOnFourThreadsReturnExactlyTheFilesBytes) {
+  constexpr int kThreads = 4;
+  constexpr std::uint64_t kMaxRead = 256 * 1024;
+  TqUFileHandle* file =
+      protocol_->OpenFile(W(nginx_->Url("/data/file.bin")).c_str(), TqUFileProtocol::OpenRead);
+  ASSERT_NE(file, nullptr);
+  std::vector<std::string> first_failure(kThreads);  // empty while every read is right
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      auto fail = [&](const std::string& what) {
+        if (first_failure[t].empty()) first_failure[t] = what;
+      };
+      TqUThreadHandle* thread = protocol_->CreateThreadHandle(file);
+      if (thread == nullptr) return fail("no thread handle");
+      std::mt19937_64 random(1000 + t);
+      std::vector<unsigned char> buffer(kMaxRead);
+      for (int i = 0; i < 250; ++i) {
+        std::uint64_t offset = random() % kFileSize;
+        std::uint64_t size = 1 + random() % kMaxRead;
+        if (i == 0) offset = 0, size = 1;
+        if (i == 1) offset = kFileSize - 1, size = 1;
+        if (i == 2) offset = kFileSize - 100, size = 1000;
+        const std::uint64_t expected = std::min(size, kFileSize - offset);
+        const std::string at = " at " + std::to_string(offset);
+        TqUFileRequestHandle* request = protocol_->SetupReadFile(file, offset, size);
+        std::uint64_t total = 0;
+        const std::int64_t n = protocol_->ReadFileToSize(file, thread, request, offset, size,
+                                                         buffer.data(), &total);
+        protocol_->ReleaseRequestHandle(request);
+        if (n != static_cast<std::int64_t>(expected)) {
+          fail("count " + std::to_string(n) + at);
+        } else if (total != kFileSize) {
+          fail("total " + std::to_string(total) + at);
+        } else if (content_->compare(offset, expected,
+                                     reinterpret_cast<const char*>(buffer.data()), expected)) {
+          fail("bytes" + at);
+        }
+      }
+      protocol_->ReleaseThreadHandle(thread);
+    });
+  }
+  for (auto& t : threads) t.join();
+  protocol_->CloseFile(file);
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(first_failure[t], "") << "thread " << t;
+  EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
+TEST_F(NginxFileProtocolTest, FileInformationAndGetFileMatchWhatNginxServes) {
+#if defined(_WIN32)
+  struct _stat64 st {};
+  ASSERT_EQ(_wstat64((nginx_->root() / "data" / "file.bin").c_str(), &st), 0);
+#else
+  struct stat st {};
+  ASSERT_EQ(stat((nginx_->root() / "data" / "file.bin").c_str(), &st), 0);
+#endif
+  char etag[64];
+  std::snprintf(etag, sizeof etag, "\"%llx-%llx\"", static_cast<unsigned long long>(st.st_mtime),
+                static_cast<unsigned long long>(st.st_size));
+  const std::wstring url = W(nginx_->Url("/data/file.bin"));
+  TqUFileInfo info;
+  ASSERT_TRUE(protocol_->GetFileInfo(url.c_str(), &info));
+  EXPECT_EQ(info.GetFileSize(), kFileSize);
+  EXPECT_EQ(info.GetFileRevisionId(), W(etag));
+  EXPECT_EQ(info.GetFileModificationTime(), static_cast<std::int64_t>(st.st_mtime));
+
+  TempDir dir;
+  const auto target = dir.path() / "copy.bin";
+  RecordedProgress progress;
+  ASSERT_TRUE(protocol_->GetFile(url.c_str(), W(target.string()).c_str(), &progress));
+  std::ifstream in(target, std::ios::binary);
+  EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(in), {}) == *content_);
+  const auto& p = progress.values;
+  ASSERT_GE(p.size(), 3u);
+  EXPECT_EQ(p.front(), 0.0);
+  EXPECT_EQ(p.back(), 1.0);
+  EXPECT_TRUE(std::is_sorted(p.begin(), p.end()));
+  EXPECT_TRUE(std::any_of(p.begin(), p.end(), [](double f) { return f > 0.0 && f < 1.0; }));
 }
 
 }  // namespace

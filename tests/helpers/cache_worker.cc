@@ -1,17 +1,15 @@
 // A second process for the cache's multi-process tests. Over a scripted transport it either
 //   churn <dir> <iterations>   opens one URL again and again while answers alternate between two
-//                              bodies of different lengths and tags, checks every body it is
-//                              served, and trims the cache now and then; or
-//   kill-mid-store <dir>       starts storing a new body for the URL, prints "storing <pid>" once
-//                              part of it is written, and blocks until it is killed.
-// Exit status 0 means every body it saw was whole.
+//                              bodies of different lengths and tags (exit status 0: every body
+//                              it was served was whole); or
+//   kill-mid-store <dir>       starts storing a new body for the URL, prints "storing" once part
+//                              of it is written, and blocks until it is killed.
 #if defined(_WIN32)
 #include <windows.h>
 #else
 #include <unistd.h>
 #endif
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -22,72 +20,42 @@
 #include "tests/cache/cache_test_support.h"
 #include "tests/support/fake_transport_fixture.h"
 
-namespace {
-
-int ProcessId() {
-#if defined(_WIN32)
-  return static_cast<int>(::GetCurrentProcessId());
-#else
-  return static_cast<int>(::getpid());
-#endif
-}
-
-[[noreturn]] void BlockForever() {
-  for (;;) {
-#if defined(_WIN32)
-    ::Sleep(INFINITE);
-#else
-    ::pause();
-#endif
-  }
-}
-
-int Churn(const std::wstring& directory, int iterations) {
-  tq::test::FakeHttpApi api;
-  qv::net::SetHttpApi(&api);
-  api.SetResponder(tq::test::ChurnResponder(static_cast<unsigned>(ProcessId())));
-  qv::net::DiskCache cache(directory.c_str());
-  const tq::test::ChurnResult result = tq::test::RunChurn(cache, iterations, 0);
-  qv::net::HttpConnectionPool::Terminate();
-  qv::net::SetHttpApi(nullptr);
-  if (result.torn != 0) {
-    std::fprintf(stderr, "cache_worker: %d torn bodies\n", result.torn);
-    return 1;
-  }
-  std::printf("served %d, null %d\n", result.served, result.null);
-  return 0;
-}
-
-int KillMidStore(const std::wstring& directory) {
+int main(int argc, char** argv) {
+  const std::string mode = argc >= 3 ? argv[1] : "";
   tq::test::HookedFakeHttpApi api;
   qv::net::SetHttpApi(&api);
-  std::atomic<int> reads{0};
-  api.on_read = [&] {
-    if (++reads == 2) {  // the first chunk is in the temporary file
-      std::printf("storing %d\n", ProcessId());
-      std::fflush(stdout);
-      BlockForever();
-    }
-  };
-  tq::test::FakeResponse response;
-  response.status = 200;
-  response.dates[L"Date"] = 1;
-  response.Header(L"ETag", L"\"new tag of another length\"");
-  response.Body(std::string(100000, 'N')).Body(std::string(100000, 'N'));
-  api.Queue(response);
-  qv::net::DiskCache cache(directory.c_str());
-  cache.OpenUrl(tq::test::kChurnUrl, 0, {});
-  return 2;  // never reached: killed while storing
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc >= 4 && std::string(argv[1]) == "churn") {
-    return Churn(qv::Utf8ToWide(argv[2]), std::atoi(argv[3]));
+  if (mode == "churn" && argc >= 4) {
+    qv::net::DiskCache cache(qv::Utf8ToWide(argv[2]).c_str());
+#if defined(_WIN32)
+    api.SetResponder(tq::test::ChurnResponder(static_cast<unsigned>(::GetCurrentProcessId())));
+#else
+    api.SetResponder(tq::test::ChurnResponder(static_cast<unsigned>(::getpid())));
+#endif
+    int whole = 0;
+    int torn = 0;
+    tq::test::Churn(cache, std::atoi(argv[3]), 0, whole, torn);
+    qv::net::HttpConnectionPool::Terminate();
+    std::printf("served %d, torn %d\n", whole, torn);
+    return torn == 0 ? 0 : 1;
   }
-  if (argc >= 3 && std::string(argv[1]) == "kill-mid-store") {
-    return KillMidStore(qv::Utf8ToWide(argv[2]));
+  if (mode == "kill-mid-store") {
+    int reads = 0;
+    api.on_read = [&] {
+      if (++reads != 2) return;  // the first chunk is in the temporary file
+      std::printf("storing\n");
+      std::fflush(stdout);
+#if defined(_WIN32)
+      ::Sleep(INFINITE);
+#else
+      for (;;) ::pause();
+#endif
+    };
+    tq::test::FakeResponse response;
+    response.dates[L"Date"] = 1;
+    response.Header(L"ETag", L"\"new tag of another length\"");
+    api.Queue(response.Body(std::string(100000, 'N')).Body(std::string(100000, 'N')));
+    qv::net::DiskCache(qv::Utf8ToWide(argv[2]).c_str()).OpenUrl(tq::test::kChurnUrl, 0, {});
+    return 2;  // never reached: killed while storing
   }
   std::fprintf(stderr, "usage: cache_worker churn <dir> <iterations> | kill-mid-store <dir>\n");
   return 64;
