@@ -137,9 +137,10 @@ static_assert(sizeof(off_t) == 8, "64-bit file offsets are required");
 // Every open: a link at the name is never followed (O_NOFOLLOW) and the open never waits
 // (O_NONBLOCK: a FIFO opened for reading would wait for a writer forever; a file under another
 // party's lease is refused at once, as the sharing refuses an open). What was opened is
-// checked to be a regular file before anything else is done with it, and only then is the
-// descriptor made blocking again. The directories these files live in may be writable by
-// others, so anything else found at a name is refused.
+// checked to be a regular file before anything else is done with it; the directories these
+// files live in may be writable by others, so anything else found at a name is refused. The
+// flag stays on the descriptor: a regular file ignores it (its reads and writes wait for the
+// disk either way), and clearing it would cost every open one more system call.
 constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 
 // Created files are for their owner only: the cache's files name the URLs the user opened.
@@ -166,29 +167,17 @@ struct Descriptor {
   int fd;
 };
 
-// Takes a whole-file lock without waiting. Open-file-description locks belong to this open
-// (not to the process), so two opens in one process exclude each other like two processes do.
+// Takes a whole-file lock without waiting. A flock lock belongs to this open (the open file
+// description, not the process), so two opens in one process exclude each other like two
+// processes do, and it goes with the open's last descriptor. Of the locks with that owner it is
+// the cheaper one to take and to drop at close, which every cache hit does.
 bool Lock(int fd, bool exclusive) {
   if (TqUSysFileFaults::Fails("lock")) return false;
-#if defined(F_OFD_SETLK)
-  struct flock fl = {};
-  fl.l_type = exclusive ? F_WRLCK : F_RDLCK;
-  fl.l_whence = SEEK_SET;
-  fl.l_start = 0;
-  fl.l_len = 0;  // to the end, however large the file grows
-  fl.l_pid = 0;
-  int rc;
-  do {
-    rc = ::fcntl(fd, F_OFD_SETLK, &fl);
-  } while (rc < 0 && errno == EINTR);
-  return rc == 0;
-#else
   int rc;
   do {
     rc = ::flock(fd, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB);
   } while (rc < 0 && errno == EINTR);
   return rc == 0;
-#endif
 }
 
 // Whether `name` (a link not followed) is still the file `opened` describes.
@@ -197,10 +186,6 @@ bool StillNamed(int dir, const char* name, const struct stat& opened) {
   return ::fstatat(dir, name, &now, AT_SYMLINK_NOFOLLOW) == 0 && now.st_dev == opened.st_dev &&
          now.st_ino == opened.st_ino;
 }
-
-// Of the status flags F_SETFL changes (append, async, direct, no-atime, non-blocking), an open
-// here sets only O_NONBLOCK, so clearing them all clears it without asking for them first.
-bool MakeBlocking(int fd) { return ::fcntl(fd, F_SETFL, 0) == 0; }
 
 bool Unlink(int dir, const char* name) {
   if (TqUSysFileFaults::Fails("remove")) return false;
@@ -262,7 +247,7 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
   }
   if (fd.fd < 0) return TqUSysFile::kInvalid;
   struct stat st = {};
-  if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode) || !MakeBlocking(fd.fd)) {
+  if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     return TqUSysFile::kInvalid;
   }
   OpenedForTesting();
@@ -644,6 +629,17 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
   return TqUSysFile::OpenFile(m_path / name, access, share, creation, reserved1, reserved2);
 }
 
+std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
+                                        std::size_t size) const {
+  TqUSysFile::Handle file = OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
+                                     TqUSysFile::kOpenExisting, 0, 0);
+  if (file == TqUSysFile::kInvalid) return -1;
+  std::uint64_t got = 0;
+  const bool read = TqUSysFile::ReadFileAt(file, buffer, size, 0, &got);
+  TqUSysFile::CloseFile(file);
+  return read ? static_cast<std::int64_t>(got) : -1;
+}
+
 bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   ec.clear();
   if (m_error) {
@@ -748,6 +744,25 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
     return TqUSysFile::kInvalid;
   }
   return OpenAt(m_fd, name, access, share, creation);
+}
+
+std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
+                                        std::size_t size) const {
+  if (m_fd < 0 || name == nullptr || name[0] == 0 || (buffer == nullptr && size > 0)) return -1;
+  // OpenAt's steps for a shared reader, without a handle: a clean-up reads thousands of headers
+  // in a row, and the handle's bookkeeping would cost more than its system calls.
+  Descriptor fd(RetryOpen(m_fd, name, kOpenFlags | O_RDONLY));
+  if (fd.fd < 0) return -1;
+  struct stat st;
+  if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  OpenedForTesting();
+  if (!Lock(fd.fd, false) || TqUSysFileFaults::Fails("read")) return -1;
+  const std::size_t chunk = std::min<std::size_t>(size, 1u << 30);
+  ssize_t got;
+  do {
+    got = ::pread(fd.fd, buffer, chunk, 0);
+  } while (got < 0 && errno == EINTR);
+  return got < 0 ? -1 : static_cast<std::int64_t>(got);
 }
 
 std::int64_t TqUSysDirectory::FileSize(const Char* name) const {

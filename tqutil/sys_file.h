@@ -2,8 +2,9 @@
 //
 // The sharing rules the disk cache relies on hold across threads and processes: readers that
 // allow sharing coexist, an open for writing is exclusive, and an open that the sharing refuses
-// fails at once (it never waits). On POSIX this is done with open-file-description locks, taken
-// before a file is emptied, so a refused writer never truncates another writer's file.
+// fails at once (it never waits). On POSIX this is done with whole-file locks that belong to each
+// open (flock), taken before a file is emptied, so a refused writer never truncates another
+// writer's file.
 //
 // The directories these files live in may be writable by others, so an open only ever opens a
 // regular file at the name itself: a symbolic link (a reparse point on Windows) is never
@@ -117,6 +118,11 @@ class TQUTIL_API TqUSysDirectory {
   TqUSysFile::Handle OpenFile(const Char* name, std::uint32_t access, std::uint32_t share,
                               std::uint32_t creation, std::uint32_t reserved1,
                               std::uint32_t reserved2) const;
+  /// Reads up to `size` bytes from the start of the file `name`, opened as OpenFile opens it for
+  /// a reader that shares (no link followed, regular files only, refused at once while a writer
+  /// holds it), and closes it again. The count read (short only at the file's end), or -1 when
+  /// the file cannot be opened or read. Makes no handle: for the first bytes of many files.
+  std::int64_t ReadStart(const Char* name, void* buffer, std::size_t size) const;
   /// Whether anything lies at `name` (a link counts, whatever it leads to); false with `ec` set
   /// when it cannot tell.
   bool Exists(const Char* name, std::error_code& ec) const;

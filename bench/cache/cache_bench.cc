@@ -10,6 +10,9 @@
 // Each row runs both sides in turn (bench_support.h: Interleave) and reports medians, with the
 // smallest and largest run.
 // Usage: cache_bench hits [count]  (only fresh hits, for a profiler: see HitLoop)
+//        cache_bench open [opens per run]  (the open row alone)
+//        cache_bench cleanup [entries, the small run]  (the clean-up rows alone)
+//        cache_bench cleanup-once [entries]  (one clean-up, for strace -c or a profiler)
 //        cache_bench [store MiB (default 1024)] [opens per run (default 20000)]
 //                    [clean-up entries, the small run; the large one is 10x (default 10000)]
 //        (or TQ_BENCH_STORE_MIB / TQ_BENCH_OPEN_ITERATIONS / TQ_BENCH_CLEANUP_ENTRIES)
@@ -133,6 +136,16 @@ int OpenBench(unsigned long iterations) {
   return 0;
 }
 
+// Processor seconds (user and system, all threads) of the last CleanUpSeconds.
+double g_cleanup_cpu = 0;
+
+double CpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
 // Seconds of one CleanUp over `count` 1 KiB entries whose total is 10 % over the limit.
 double CleanUpSeconds(std::size_t count, std::size_t* remaining) {
   tq::test::TempDir dir;  // under $TMPDIR
@@ -151,9 +164,11 @@ double CleanUpSeconds(std::size_t count, std::size_t* remaining) {
       static_cast<std::int32_t>(static_cast<double>(count * kFileSize) / 1.1 / 1048576);
   TqUOption::SetInt32("general.localcache.max_size", std::max(limit_mib, 1));
   ::sync();  // the files' creation is not the clean-up's cost
+  const double cpu = CpuSeconds();
   const auto start = Clock::now();
   cache.CleanUp();
   const double seconds = Seconds(start);
+  g_cleanup_cpu = CpuSeconds() - cpu;
   TqUOption::Unset("general.localcache.max_size");
   *remaining = static_cast<std::size_t>(
       std::distance(fs::directory_iterator(cache.Directory()), fs::directory_iterator()));
@@ -367,6 +382,21 @@ int HitsOnly(unsigned long count) {
 int main(int argc, char** argv) {
   if (argc > 1 && std::string(argv[1]) == "hits") {
     return HitsOnly(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1000);
+  }
+  // One row alone, for a run while iterating on it.
+  if (argc > 1 && std::string(argv[1]) == "open") {
+    return OpenBench(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 20000);
+  }
+  if (argc > 1 && std::string(argv[1]) == "cleanup-once") {
+    std::size_t left = 0;
+    const double seconds =
+        CleanUpSeconds(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 100000, &left);
+    std::printf("clean-up %.3f s (processor %.3f s), %zu entries left\n", seconds, g_cleanup_cpu,
+                left);
+    return 0;
+  }
+  if (argc > 1 && std::string(argv[1]) == "cleanup") {
+    return CleanUpBench(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 10000);
   }
   const unsigned long store_mib = Setting(argc, argv, 1, "TQ_BENCH_STORE_MIB", 1024);
   const unsigned long iterations = Setting(argc, argv, 2, "TQ_BENCH_OPEN_ITERATIONS", 20000);

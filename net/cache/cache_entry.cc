@@ -229,13 +229,35 @@ CacheEntry CacheEntry::Load(const fs::path& path, EntryFile* keep_open) {
 CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
                                          const TqUSysDirectory::Char* name,
                                          std::int64_t* last_used, std::int64_t* expiry) {
-  HeaderFields fields;
+  // One read of the file's first bytes holds the header of nearly every entry; a longer one
+  // (a long tag or key) is read as Load reads it.
+  constexpr std::size_t kFirstRead = 512;
+  unsigned char first[kFirstRead];
+  const std::int64_t got = directory.ReadStart(name, first, kFirstRead);
+  if (got < 0) return Probe::kUnusable;
+  const auto have = static_cast<std::size_t>(got);
+  // The checks of ReadHeader, on the bytes read: a file shorter than its header is no entry.
+  // `need` grows with each length read, up to the end marker's last byte.
+  std::size_t need = ef::kTagOffset;
   bool valid = false;
-  {
+  if (have >= need && ef::GetU16(first + ef::kStartMarkerOffset) == ef::kStartMarker) {
+    need += ef::GetU16(first + ef::kTagLengthOffset) + std::size_t{2};
+    if (have >= need) {
+      need += ef::GetU16(first + need - 2) + std::size_t{2};
+      if (have >= need) valid = ef::GetU16(first + need - 2) == ef::kEndMarker;
+    }
+  }
+  // A header longer than the first read, in a file that may be long enough for it.
+  const bool longer = need > have && have == kFirstRead;
+  HeaderFields fields;
+  if (longer) {
     UniqueFile file(directory.OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
                                        TqUSysFile::kOpenExisting, 0, 0));
     if (!file) return Probe::kUnusable;
     valid = ReadHeader(file.get(), fields, false);
+  } else if (valid) {
+    fields.last_used = ef::GetI64(first + ef::kLastUsedOffset);
+    fields.expiry = ef::GetI64(first + ef::kExpiryOffset);
   }
   if (valid) {
     *last_used = fields.last_used;
