@@ -32,8 +32,11 @@ TEST(HostilePlatform, DotSegmentsAreRemovedBeforeTheRequestIsSent) {
   ASSERT_TRUE(server.ok());
   Handle session = OpenSession();
   Handle connection = Connect(session, server.port());
+  // One connection: a request's URL as sent must not be the last one's.
   for (const auto& [path, sent] : {std::pair{L"/x/../b", "GET /b HTTP/1.1"},
-                                   std::pair{L"/a/./b/../../c?q=/../", "GET /c?q=/../ HTTP/1.1"}}) {
+                                   std::pair{L"/a/./b/../../c?q=/../", "GET /c?q=/../ HTTP/1.1"},
+                                   std::pair{L"/x/y/../../b", "GET /b HTTP/1.1"},
+                                   std::pair{L"/c", "GET /c HTTP/1.1"}}) {
     SCOPED_TRACE(testing::Message() << path);
     Handle request = OpenRequest(connection, path);
     ASSERT_TRUE(Send(request));
@@ -43,6 +46,7 @@ TEST(HostilePlatform, DotSegmentsAreRemovedBeforeTheRequestIsSent) {
                                                  HTTP_QUERY_FLAG_REQUEST_HEADERS)),
               sent);
   }
+  EXPECT_EQ(server.connections(), 1u);
 }
 
 TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {

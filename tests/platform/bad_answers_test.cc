@@ -57,13 +57,11 @@ TEST(BadAnswersTest, EachEndsInAWinInetErrorAfterWhatArrived) {
        ERROR_INTERNET_TIMEOUT, "first", true},
       // Content-Length values that disagree, or are no single decimal number, fail the send.
       {"5 then 400", lengths("Content-Length: 5\r\nContent-Length: 400\r\n"), invalid, 0, "", true},
-      {"400 then 5", lengths("Content-Length: 400\r\nContent-Length: 5\r\n"), invalid, 0, "", true},
       {"list 5, 400", lengths("Content-Length: 5, 400\r\n"), invalid, 0, "", true},
       {"list 5,", lengths("Content-Length: 5,\r\n"), invalid, 0, "", true},
       {"negative", lengths("Content-Length: -5\r\n"), invalid, 0, "", true},
       {"past 64 bits", lengths("Content-Length: 99999999999999999999\r\n"), invalid, 0, "", true},
       {"5 twice", lengths("Content-Length: 5\r\ncontent-length: 5\r\n"), 0, 0, "hello", true},
-      {"list 5, 5", lengths("Content-Length: 5, 5\r\n"), 0, 0, "hello", true},
       {"spaced 5", lengths("Content-Length:  5 \r\n"), 0, 0, "hello", true},
   };
   for (const auto& c : cases) {
