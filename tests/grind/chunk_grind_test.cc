@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -69,15 +68,6 @@ const std::string kNotModified =
 std::string Answer(const std::string& head) {
   if (head.find("\r\nIf-None-Match: \"grind-1\"\r\n") != std::string::npos) return kNotModified;
   return head.find(" /chunked ") != std::string::npos ? ChunkedAnswer() : PlainAnswer();
-}
-
-// "conditional" or "plain" for each request, in order.
-std::string Kinds(const SameAnswerServer& server) {
-  std::string kinds;
-  for (const auto& head : server.heads()) {
-    kinds += head.find("If-None-Match") != std::string::npos ? "conditional " : "plain ";
-  }
-  return kinds;
 }
 
 // The body as a transcript line: short when it is the one sent.
@@ -228,7 +218,11 @@ TEST_F(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) 
       now = kDate + 61;
       open();  // stale: revalidated, the 304 keeps the body
     }
-    out.push_back(Kinds(server));
+    std::string kinds;  // "conditional" or "plain" for each request, in order
+    for (const auto& head : server.heads()) {
+      kinds += head.find("If-None-Match") != std::string::npos ? "conditional " : "plain ";
+    }
+    out.push_back(kinds);
     out.push_back(Connections(server.connections()));
     return out;
   });

@@ -16,6 +16,16 @@ using qv::net::detail::SendWatch;
 using qv::net::detail::ShutdownStopWatcher;
 using qv::net::detail::StopWatch;
 
+// A watch on a stopped token runs: the watcher thread is serving (again).
+void ExpectAStoppedWatchRuns() {
+  qv::stop_source source;
+  source.request_stop();
+  tq::test::Latch ran(1);
+  StopWatch watch(source.get_token(), [&] { ran.count_down(); });
+  ran.wait();
+  EXPECT_TRUE(watch.Finish());
+}
+
 TEST(StopWatcherTest, AStopRunsTheActionOnceOnAnotherThreadAndAFinishedWatchNeverRunsIt) {
   qv::stop_source source;
   tq::test::Latch ran(1);
@@ -33,8 +43,7 @@ TEST(StopWatcherTest, AStopRunsTheActionOnceOnAnotherThreadAndAFinishedWatchNeve
   EXPECT_EQ(runs, 1);
   EXPECT_NE(runner, std::this_thread::get_id());
 
-  // Finished before its stop: never runs. A later watch that does run proves the watcher has
-  // looked at its tokens since.
+  // Finished before its stop: never runs, though the watcher has looked at its tokens since.
   qv::stop_source early;
   std::atomic<bool> early_ran{false};
   {
@@ -42,12 +51,7 @@ TEST(StopWatcherTest, AStopRunsTheActionOnceOnAnotherThreadAndAFinishedWatchNeve
     EXPECT_FALSE(finished.Finish());
   }
   early.request_stop();
-  qv::stop_source later;
-  later.request_stop();
-  tq::test::Latch later_ran(1);
-  StopWatch after(later.get_token(), [&] { later_ran.count_down(); });
-  later_ran.wait();
-  EXPECT_TRUE(after.Finish());
+  ExpectAStoppedWatchRuns();
   EXPECT_FALSE(early_ran);
 }
 
@@ -73,12 +77,7 @@ TEST(StopWatcherTest, FinishWaitsForARunningActionAndTheThreadRestartsAfterShutd
   StopWatch waiting(orphan.get_token(), [] {});
   ShutdownStopWatcher();
   ShutdownStopWatcher();
-  qv::stop_source again;
-  again.request_stop();
-  tq::test::Latch ran(1);
-  StopWatch restarted(again.get_token(), [&] { ran.count_down(); });
-  ran.wait();
-  EXPECT_TRUE(restarted.Finish());
+  ExpectAStoppedWatchRuns();
   EXPECT_FALSE(waiting.Finish());
   ShutdownStopWatcher();
 }
