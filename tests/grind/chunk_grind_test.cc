@@ -87,10 +87,11 @@ std::string Narrow(Text text) {
   return std::string(text.begin(), text.end());
 }
 
-// Runs `grind` for every piece size; each transcript must equal the 4096-byte one, which the
-// caller checks against what was sent.
+// Runs `grind` for every piece size over the real transport; each transcript must equal the
+// 4096-byte one, which the caller checks against what was sent.
 template <class Grind>
 Transcript GrindEverySize(Grind grind) {
+  qv::net::IHttpApi* const previous = qv::net::SetHttpApi(new qv::net::WinInet());
   std::vector<Transcript> transcripts;
   for (const std::size_t piece : kPieces) {
     SCOPED_TRACE(testing::Message() << piece << " bytes at a time");
@@ -99,25 +100,12 @@ Transcript GrindEverySize(Grind grind) {
     transcripts.push_back(grind(server));
     qv::net::HttpConnectionPool::Terminate();  // before the server goes
   }
+  delete qv::net::SetHttpApi(previous);
   for (std::size_t i = 0; i + 1 < transcripts.size(); ++i) {
     EXPECT_EQ(transcripts[i], transcripts.back()) << kPieces[i] << " bytes at a time";
   }
   return transcripts.back();
 }
-
-// The WinINet layer, and the real transport behind the library's streams and cache, with the
-// connection pool emptied afterwards so that no kept-alive connection outlives its server.
-class ChunkGrindTest : public ::testing::Test {
- protected:
-  ChunkGrindTest() : previous_(qv::net::SetHttpApi(new qv::net::WinInet())) {}
-  ~ChunkGrindTest() override {
-    qv::net::HttpConnectionPool::Terminate();
-    delete qv::net::SetHttpApi(previous_);
-  }
-
- private:
-  qv::net::IHttpApi* previous_;
-};
 
 // Wine's WinINet now and then opens a second connection when an answer arrives a few bytes at
 // a time (seen in every case below, about one run in five): there the count is not compared.
@@ -126,7 +114,7 @@ std::string Connections(std::size_t count) {
                             : "connections " + std::to_string(count);
 }
 
-TEST_F(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
+TEST(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
   const Transcript reference = GrindEverySize([](SameAnswerServer& server) {
     Transcript out;
     Handle session = OpenSession();
@@ -164,7 +152,7 @@ TEST_F(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
                   kNotModified, "<absent> \"grind-1\" <absent>", "", Connections(1)}));
 }
 
-TEST_F(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
+TEST(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
   const Transcript reference = GrindEverySize([](SameAnswerServer& server) {
     Transcript out;
     const auto describe = [&](qv::net::HttpReadStream& stream) {
@@ -192,7 +180,7 @@ TEST_F(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
                                    Connections(1)}));
 }
 
-TEST_F(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) {
+TEST(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) {
   std::int64_t now = kDate;
   TqUSysTime::SetClockForTesting([&now] { return now; });
   struct RestoreClock {

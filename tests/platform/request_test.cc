@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <future>
-#include <tuple>
+#include <string_view>
 #include <vector>
 
 #include "platform/fault_injection.h"
@@ -26,9 +26,14 @@ class RequestTest : public ::testing::Test {
     ASSERT_TRUE(connection_);
   }
 
-  static std::string Body(const Handle& request) {
-    std::string body;
-    return ReadAll(request, &body) ? body : "error " + std::to_string(GetLastError());
+  // The body of a request sent with `body`, or "error N".
+  std::string Get(const wchar_t* path, const wchar_t* verb = L"GET", std::string_view body = {}) {
+    Handle request = OpenRequest(connection_, path, verb);
+    std::string got;
+    if (!Send(request, L"", body) || !ReadAll(request, &got)) {
+      return "error " + std::to_string(GetLastError());
+    }
+    return got;
   }
 
   ScriptedServer server_;  // destroyed last: clients close their connections first
@@ -42,10 +47,7 @@ TEST_F(RequestTest, ConcurrentRequestsWaitForABoundedNumberOfConnections) {
   server_.Route("/held", ScriptedResponse(200, "done").Hold(&gate));
   std::vector<std::future<std::string>> results;
   for (int i = 0; i < 8; ++i) {
-    results.push_back(std::async(std::launch::async, [this] {
-      Handle request = OpenRequest(connection_, L"/held");
-      return Send(request) ? Body(request) : "error " + std::to_string(GetLastError());
-    }));
+    results.push_back(std::async(std::launch::async, [this] { return Get(L"/held"); }));
   }
   ASSERT_TRUE(gate.WaitForWaiters(4));
   EXPECT_EQ(server_.request_count(), 4u);  // the rest wait for a slot, not at the server
@@ -68,7 +70,9 @@ TEST_F(RequestTest, SameRequestHandleCanBeSentAgain) {
   // Resent without reading the first body: the small rest is drained, the connection kept.
   ASSERT_TRUE(Send(request));
   EXPECT_EQ(StatusCode(request), 200u);
-  EXPECT_EQ(Body(request), "good");
+  std::string body;
+  EXPECT_TRUE(ReadAll(request, &body));
+  EXPECT_EQ(body, "good");
   EXPECT_EQ(server_.connection_count(), 1u);
 }
 
@@ -83,16 +87,10 @@ TEST_F(RequestTest, RedirectsAreFollowedAsWinInetDoes) {
   }
   server_.Route("/chain", ScriptedResponse(301).Header("Location", "/302"));
   server_.Route("/loop", ScriptedResponse(302).Header("Location", "/loop"));
-  for (const auto& [path, verb, expected] : {std::tuple{L"/chain", L"GET", "GET:"},
-                                             std::tuple{L"/303", L"POST", "GET:"},
-                                             std::tuple{L"/307", L"POST", "POST:data"}}) {
-    Handle request = OpenRequest(connection_, path, verb);
-    ASSERT_TRUE(Send(request, L"", std::wstring(verb) == L"POST" ? "data" : ""));
-    EXPECT_EQ(Body(request), expected);
-  }
-  Handle loop = OpenRequest(connection_, L"/loop");
-  EXPECT_FALSE(Send(loop));
-  EXPECT_EQ(GetLastError(), ERROR_HTTP_REDIRECT_FAILED);
+  EXPECT_EQ(Get(L"/chain"), "GET:");
+  EXPECT_EQ(Get(L"/303", L"POST", "data"), "GET:");
+  EXPECT_EQ(Get(L"/307", L"POST", "data"), "POST:data");
+  EXPECT_EQ(Get(L"/loop"), "error " + std::to_string(ERROR_HTTP_REDIRECT_FAILED));
 }
 
 // Certificates are verified, and a trusted server works with keep-alive.
