@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <future>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "platform/fault_injection.h"
