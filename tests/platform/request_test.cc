@@ -1,8 +1,7 @@
-// Requests through the real layer against the in-process scripted server: connections, resends,
+// Requests through the real layer against the in-process scripted server: bounded connections,
 // redirects, HTTPS certificates and proxies.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <future>
 #include <string_view>
@@ -56,24 +55,6 @@ TEST_F(RequestTest, ConcurrentRequestsWaitForABoundedNumberOfConnections) {
   EXPECT_EQ(server_.request_count(), 8u);
   EXPECT_LE(server_.connection_count(), 4u);
   EXPECT_EQ(server_.max_concurrent_requests(), 4u);
-}
-
-TEST_F(RequestTest, SameRequestHandleCanBeSentAgain) {
-  std::atomic<int> calls{0};
-  server_.Route("/flaky", [&](const RecordedRequest&) {
-    if (calls++ == 0) return ScriptedResponse(502, std::string(1000, 'e'));
-    return ScriptedResponse(200, "good");
-  });
-  Handle request = OpenRequest(connection_, L"/flaky");
-  ASSERT_TRUE(Send(request));
-  EXPECT_EQ(StatusCode(request), 502u);
-  // Resent without reading the first body: the small rest is drained, the connection kept.
-  ASSERT_TRUE(Send(request));
-  EXPECT_EQ(StatusCode(request), 200u);
-  std::string body;
-  EXPECT_TRUE(ReadAll(request, &body));
-  EXPECT_EQ(body, "good");
-  EXPECT_EQ(server_.connection_count(), 1u);
 }
 
 // The policy's table is the transfer test's; here its moves happen on the wire.
