@@ -44,7 +44,6 @@ TEST_F(HostileFileProtocol, OnlyTheBytesAtTheOffsetAskedForAreEverPlaced) {
   auto range = [&](const char* text) { return partial + "Content-Range: bytes " + text + "\r\n"; };
   const Case cases[] = {
       {"the start of the file instead", range("0-9/900"), &file, 0, 10, 100, -1},
-      {"a later range", range("300-309/900"), &file, 300, 10, 100, -1},
       {"more than asked for", range("100-119/900"), &file, 100, 20, 100, -1},
       {"no range at all", partial, &file, 100, 10, 100, -1},
       {"no length part", range("100-109"), &file, 100, 10, 100, -1},
