@@ -5,14 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "net/http/connection_pool.h"
-#include "net/http/http_api.h"
 #include "net/http/wininet_api.h"
 #include "net/stream/open_file_or_url.h"
 #include "net/stream/stream_copy.h"
@@ -22,7 +19,6 @@
 #include "tests/support/servers/gate.h"
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/raw_responder.h"
-#include "tests/support/servers/scripted_server.h"
 #include "tests/support/wine.h"
 
 namespace {
@@ -40,23 +36,14 @@ std::string Pattern(std::size_t size) {
 
 class HttpStreamsEndToEndTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_previous_api = qv::net::SetHttpApi(new qv::net::WinInet());
-    m_previous_sleep = qv::net::detail::SetRetrySleepForTesting(
-        [this](std::chrono::milliseconds wait) { m_sleeps.push_back(wait); });
-  }
+  void SetUp() override { m_previous_api = qv::net::SetHttpApi(new qv::net::WinInet()); }
   void TearDown() override {
     qv::net::HttpConnectionPool::Terminate();
     delete qv::net::SetHttpApi(m_previous_api);
-    qv::net::detail::SetRetrySleepForTesting(std::move(m_previous_sleep));
   }
 
   tq::test::LogCapture m_log;
-  std::vector<std::chrono::milliseconds> m_sleeps;  // the opening thread's retry waits
-
- private:
   qv::net::IHttpApi* m_previous_api = nullptr;
-  qv::net::detail::RetrySleepFunction m_previous_sleep;
 };
 
 // Into memory: the room is sized from Content-Length up to a bound, and grows past it as the
@@ -65,10 +52,12 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
   if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
   tq::test::NginxHarness nginx;
   ASSERT_TRUE(nginx.ok()) << nginx.error();
+  const std::wstring url = Wide(nginx.Url("/data.bin"));
+  std::string body;
   for (const std::size_t size : {std::size_t{3 * 1024 * 1024 + 17}, std::size_t{5 << 20} + 3}) {
-    const std::string body = Pattern(size);
+    body = Pattern(size);
     nginx.WriteFile("data.bin", body);
-    auto memory = qv::net::ReadUrlIntoMemory(Wide(nginx.Url("/data.bin")), {});
+    auto memory = qv::net::ReadUrlIntoMemory(url, {});
     ASSERT_NE(memory, nullptr);
     const auto& bytes = memory->Sink()->bytes;
     EXPECT_TRUE(std::string(bytes.begin(), bytes.end()) == body) << size;
@@ -78,11 +67,10 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
       EXPECT_LE(bytes.capacity(), 2 * size);
     }
   }
-  const std::wstring url = Wide(nginx.Url("/data.bin"));
   auto head_first = HttpReadStream::Open(url, HttpReadStream::FlagMakeHeadRequest, {});
   EXPECT_TRUE(head_first->Succeeded());
-  EXPECT_EQ(head_first->ContentSize(), Pattern((5 << 20) + 3).size());
-  EXPECT_TRUE(tq::test::ReadAll(*head_first) == Pattern((5 << 20) + 3));
+  EXPECT_EQ(head_first->ContentSize(), body.size());
+  EXPECT_TRUE(tq::test::ReadAll(*head_first) == body);
   head_first.reset();
   EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 
@@ -91,38 +79,6 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
   EXPECT_EQ(tq::test::ReadAll(*empty), "");
   EXPECT_THAT(tq::test::LinesBeyondWine(m_log), ElementsAre("Error: HTTP Response 404 for GET " +
                                          nginx.Url("/missing.bin") + "\n"));
-}
-
-// Over the real transport: a Retry-After of up to 30 s is waited (through the recording hook)
-// and the request sent again, a longer one is not; a 304 to a conditional GET is not logged.
-TEST_F(HttpStreamsEndToEndTest, ScriptedServerRetryAfterUpTo30SecondsAndA304ToAConditionalGet) {
-  tq::test::ScriptedServer server;
-  ASSERT_TRUE(server.ok());
-  std::atomic<int> calls{0};
-  server.Route("/busy", [&](const tq::test::RecordedRequest&) {
-    if (calls++ == 0) return tq::test::ScriptedResponse(429, "").Header("Retry-After", "2");
-    return tq::test::ScriptedResponse(200, "finally");
-  });
-  server.Route("/refuse", tq::test::ScriptedResponse(429, "").Header("Retry-After", "31"));
-  server.Route("/entry", tq::test::ScriptedResponse(304, ""));
-  EXPECT_EQ(tq::test::ReadAll(*HttpReadStream::Open(Wide(server.Url("/busy")), 0, {})), "finally");
-  auto refused = HttpReadStream::Open(Wide(server.Url("/refuse")), 0, {});
-  EXPECT_EQ(refused->QueryStatusCode(), qv::net::HttpStatus::TooManyRequests);
-  refused.reset();
-  EXPECT_THAT(m_sleeps, ElementsAre(std::chrono::seconds(2))) << "31 s is not waited";
-  EXPECT_EQ(server.request_count(), 2u + 1u);
-  EXPECT_THAT(tq::test::LinesBeyondWine(m_log),
-              ElementsAre("Error: HTTP Response 429 for GET " + server.Url("/refuse") + "\n"));
-  m_log.Clear();
-  qv::net::HttpRequest request(Wide(server.Url("/entry")).c_str(), qv::net::HttpMethod::Get);
-  request.AddHeader(L"If-None-Match", L"\"v1\"");
-  auto stream = HttpReadStream::Open(request, {});
-  EXPECT_EQ(stream->QueryStatusCode(), qv::net::HttpStatus::NotModified);
-  EXPECT_FALSE(stream->Succeeded());
-  stream.reset();
-  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
-  // Our keep-alive connections go first, so that the server stops without waiting for them.
-  qv::net::HttpConnectionPool::Terminate();
 }
 
 // A write stream that opens a gate at its first write.

@@ -9,10 +9,10 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -84,17 +84,11 @@ struct NullTarget : qv::io::IDataWriteStream {
 };
 
 bool FileHoldsPositions(const std::filesystem::path& path, std::uint64_t size) {
-  if (std::filesystem::file_size(path) != size) return false;
   std::ifstream in(path, std::ios::binary);
-  std::string chunk(1 << 20, '\0');
-  for (std::uint64_t at = 0; at < size;) {
-    in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-    const auto got = static_cast<std::uint64_t>(in.gcount());
-    if (got == 0) return false;
-    for (std::uint64_t i = 0; i < got; ++i) {
-      if (chunk[i] != ByteAt(at + i)) return false;
-    }
-    at += got;
+  const std::string bytes(std::istreambuf_iterator<char>(in), {});
+  if (bytes.size() != size) return false;
+  for (std::uint64_t i = 0; i < size; ++i) {
+    if (bytes[i] != ByteAt(i)) return false;
   }
   return true;
 }
@@ -119,13 +113,9 @@ TEST_F(CopyIntoFileTest, EveryByteLandsInPlaceTheNextReadOverlapsTheWriteAndStop
     std::uint64_t most_per_read;
     End end;
   } cases[] = {
-      {0, C, kWhole},          {100, C, kWhole},
-      {C, C, kWhole},          {C + 1, C, kWhole},
-      {3 * kMiB + 7, 65536 + 3, kWhole},
-      {2 * C + 12345, 5 * kMiB + 1, kWhole},
-      {4 * C + 5, C, kOverlap},
-      {5 * C, C, kWriteFails}, {5 * C, C, kWriteThrowsLogicError},
-      {6 * C, C, kStop},
+      {0, C, kWhole},          {C, C, kWhole},           {C + 1, 65536 + 3, kWhole},
+      {2 * C + 12345, 5 * kMiB + 1, kWhole},             {4 * C + 5, C, kOverlap},
+      {5 * C, C, kWriteFails}, {5 * C, C, kWriteThrowsLogicError}, {6 * C, C, kStop},
   };
   PositionSource::dirty_starts = 0;
   std::mutex mutex;
@@ -176,9 +166,7 @@ TEST_F(CopyIntoFileTest, EveryByteLandsInPlaceTheNextReadOverlapsTheWriteAndStop
       continue;
     }
     const std::uint64_t size = c.end == kStop ? read_at_stop : c.size;
-    if (c.end == kStop) {
-      EXPECT_GT(read_at_stop, 0u);
-    }
+    EXPECT_TRUE(c.end != kStop || read_at_stop > 0);
     EXPECT_EQ(result.bytes_copied, size);
     EXPECT_TRUE(FileHoldsPositions(Target(), size));
     EXPECT_EQ(m_log.Text(), "");
