@@ -193,16 +193,6 @@ TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedAndTwoSendTimeOutsAreRe
                           Posted{1, "HttpFileProtocol::ReadFile HttpOpenRequest for " +
                                         f.url_utf8() + " failed: 12001"}));
 
-  // A range past the end: the server's 416 fails the read with its status, after one request
-  // for exactly that range. (Ranges served, cut or ignored: the hostile and nginx tests.)
-  SameAnswerServer refusing("HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */900\r\n"
-                            "Content-Length: 0\r\n\r\n");
-  OpenedFile past(protocol_, refusing.Url("/f"));
-  EXPECT_EQ(past.Read(1000, 4, buffer.data()), -1);
-  ASSERT_EQ(refusing.heads().size(), 1u);
-  EXPECT_THAT(refusing.heads()[0], HasSubstr("\r\nRange: bytes=1000-1003\r\n"));
-  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled "
-                                               "Status Code for " + past.url_utf8() + ": 416"}));
 }
 
 ScriptedResponse FullAnswer() {
