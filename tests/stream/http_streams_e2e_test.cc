@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +21,7 @@
 #include "tests/support/servers/gate.h"
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/raw_responder.h"
+#include "tests/support/servers/scripted_server.h"
 #include "tests/support/wine.h"
 
 namespace {
@@ -36,14 +39,21 @@ std::string Pattern(std::size_t size) {
 
 class HttpStreamsEndToEndTest : public ::testing::Test {
  protected:
-  void SetUp() override { m_previous_api = qv::net::SetHttpApi(new qv::net::WinInet()); }
+  void SetUp() override {
+    m_previous_api = qv::net::SetHttpApi(new qv::net::WinInet());
+    m_previous_sleep = qv::net::detail::SetRetrySleepForTesting(
+        [this](std::chrono::milliseconds wait) { m_sleeps.push_back(wait); });
+  }
   void TearDown() override {
     qv::net::HttpConnectionPool::Terminate();
     delete qv::net::SetHttpApi(m_previous_api);
+    qv::net::detail::SetRetrySleepForTesting(std::move(m_previous_sleep));
   }
 
   tq::test::LogCapture m_log;
+  std::vector<std::chrono::milliseconds> m_sleeps;  // the opening thread's retry waits
   qv::net::IHttpApi* m_previous_api = nullptr;
+  qv::net::detail::RetrySleepFunction m_previous_sleep;
 };
 
 // Into memory: the room is sized from Content-Length up to a bound, and grows past it as the
@@ -79,6 +89,21 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
   EXPECT_EQ(tq::test::ReadAll(*empty), "");
   EXPECT_THAT(tq::test::LinesBeyondWine(m_log), ElementsAre("Error: HTTP Response 404 for GET " +
                                          nginx.Url("/missing.bin") + "\n"));
+}
+
+// The transport reads Retry-After for the wait. (Its bounds, and a silent 304: the fake's table.)
+TEST_F(HttpStreamsEndToEndTest, ScriptedServerRetryAfterIsWaitedAndTheRequestSentAgain) {
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  std::atomic<int> calls{0};
+  server.Route("/busy", [&](const tq::test::RecordedRequest&) {
+    if (calls++ == 0) return tq::test::ScriptedResponse(429, "").Header("Retry-After", "7");
+    return tq::test::ScriptedResponse(200, "finally");
+  });
+  EXPECT_EQ(tq::test::ReadAll(*HttpReadStream::Open(Wide(server.Url("/busy")), 0, {})), "finally");
+  EXPECT_THAT(m_sleeps, ElementsAre(std::chrono::seconds(7)));
+  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
+  qv::net::HttpConnectionPool::Terminate();  // so that the server stops without waiting for it
 }
 
 // A write stream that opens a gate at its first write.
