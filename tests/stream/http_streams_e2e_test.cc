@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "net/http/connection_pool.h"
-#include "net/http/http_api.h"
 #include "net/http/wininet_api.h"
 #include "net/stream/open_file_or_url.h"
 #include "net/stream/stream_copy.h"
@@ -53,8 +52,6 @@ class HttpStreamsEndToEndTest : public ::testing::Test {
 
   tq::test::LogCapture m_log;
   std::vector<std::chrono::milliseconds> m_sleeps;  // the opening thread's retry waits
-
- private:
   qv::net::IHttpApi* m_previous_api = nullptr;
   qv::net::detail::RetrySleepFunction m_previous_sleep;
 };
@@ -65,10 +62,12 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
   if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
   tq::test::NginxHarness nginx;
   ASSERT_TRUE(nginx.ok()) << nginx.error();
+  const std::wstring url = Wide(nginx.Url("/data.bin"));
+  std::string body;
   for (const std::size_t size : {std::size_t{3 * 1024 * 1024 + 17}, std::size_t{5 << 20} + 3}) {
-    const std::string body = Pattern(size);
+    body = Pattern(size);
     nginx.WriteFile("data.bin", body);
-    auto memory = qv::net::ReadUrlIntoMemory(Wide(nginx.Url("/data.bin")), {});
+    auto memory = qv::net::ReadUrlIntoMemory(url, {});
     ASSERT_NE(memory, nullptr);
     const auto& bytes = memory->Sink()->bytes;
     EXPECT_TRUE(std::string(bytes.begin(), bytes.end()) == body) << size;
@@ -78,11 +77,10 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
       EXPECT_LE(bytes.capacity(), 2 * size);
     }
   }
-  const std::wstring url = Wide(nginx.Url("/data.bin"));
   auto head_first = HttpReadStream::Open(url, HttpReadStream::FlagMakeHeadRequest, {});
   EXPECT_TRUE(head_first->Succeeded());
-  EXPECT_EQ(head_first->ContentSize(), Pattern((5 << 20) + 3).size());
-  EXPECT_TRUE(tq::test::ReadAll(*head_first) == Pattern((5 << 20) + 3));
+  EXPECT_EQ(head_first->ContentSize(), body.size());
+  EXPECT_TRUE(tq::test::ReadAll(*head_first) == body);
   head_first.reset();
   EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 
@@ -93,36 +91,19 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
                                          nginx.Url("/missing.bin") + "\n"));
 }
 
-// Over the real transport: a Retry-After of up to 30 s is waited (through the recording hook)
-// and the request sent again, a longer one is not; a 304 to a conditional GET is not logged.
-TEST_F(HttpStreamsEndToEndTest, ScriptedServerRetryAfterUpTo30SecondsAndA304ToAConditionalGet) {
+// The transport reads Retry-After for the wait. (Its bounds, and a silent 304: the fake's table.)
+TEST_F(HttpStreamsEndToEndTest, ScriptedServerRetryAfterIsWaitedAndTheRequestSentAgain) {
   tq::test::ScriptedServer server;
   ASSERT_TRUE(server.ok());
   std::atomic<int> calls{0};
   server.Route("/busy", [&](const tq::test::RecordedRequest&) {
-    if (calls++ == 0) return tq::test::ScriptedResponse(429, "").Header("Retry-After", "2");
+    if (calls++ == 0) return tq::test::ScriptedResponse(429, "").Header("Retry-After", "7");
     return tq::test::ScriptedResponse(200, "finally");
   });
-  server.Route("/refuse", tq::test::ScriptedResponse(429, "").Header("Retry-After", "31"));
-  server.Route("/entry", tq::test::ScriptedResponse(304, ""));
   EXPECT_EQ(tq::test::ReadAll(*HttpReadStream::Open(Wide(server.Url("/busy")), 0, {})), "finally");
-  auto refused = HttpReadStream::Open(Wide(server.Url("/refuse")), 0, {});
-  EXPECT_EQ(refused->QueryStatusCode(), qv::net::HttpStatus::TooManyRequests);
-  refused.reset();
-  EXPECT_THAT(m_sleeps, ElementsAre(std::chrono::seconds(2))) << "31 s is not waited";
-  EXPECT_EQ(server.request_count(), 2u + 1u);
-  EXPECT_THAT(tq::test::LinesBeyondWine(m_log),
-              ElementsAre("Error: HTTP Response 429 for GET " + server.Url("/refuse") + "\n"));
-  m_log.Clear();
-  qv::net::HttpRequest request(Wide(server.Url("/entry")).c_str(), qv::net::HttpMethod::Get);
-  request.AddHeader(L"If-None-Match", L"\"v1\"");
-  auto stream = HttpReadStream::Open(request, {});
-  EXPECT_EQ(stream->QueryStatusCode(), qv::net::HttpStatus::NotModified);
-  EXPECT_FALSE(stream->Succeeded());
-  stream.reset();
+  EXPECT_THAT(m_sleeps, ElementsAre(std::chrono::seconds(7)));
   EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
-  // Our keep-alive connections go first, so that the server stops without waiting for them.
-  qv::net::HttpConnectionPool::Terminate();
+  qv::net::HttpConnectionPool::Terminate();  // so that the server stops without waiting for it
 }
 
 // A write stream that opens a gate at its first write.

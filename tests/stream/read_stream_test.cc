@@ -98,34 +98,25 @@ TEST_F(HttpReadStreamTest, TooManyRequestsAndBadGatewayRetriesAreBoundedAndHonou
   }
 }
 
-// The retry resends the headers the handlers left, without running them again; a handler's
-// header holding a line break is dropped rather than sent as lines of its own; a 304 is silent.
+// The retry resends the headers the handlers left, without running them again; a 304 is silent.
+// (A handler's header holding a line break: the request's own test.)
 TEST_F(HttpReadStreamTest, ARetryResendsTheHandlersHeadersAndA304IsNotLogged) {
-  for (const wchar_t* added : {L"X-Handler", L"X-Trace\r\nX-Injected"}) {
-    CountingHandler handler;
-    handler.AddHeaderOnEachCall(added);
-    ScopedHandler scoped(&handler);
-    qv::net::HttpRequest request(kUrl, qv::net::HttpMethod::Get);
-    request.AddHeader(L"If-None-Match", L"\"v1\"");
-    const std::size_t sent_before = m_api.Sent().size();
-    m_api.Queue(Status(502));
-    m_api.Queue(Status(304));
-    auto stream = HttpReadStream::Open(request, {});
-    EXPECT_TRUE(stream->IsOpen());
-    EXPECT_FALSE(stream->Succeeded());
-    EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::NotModified);
-    EXPECT_EQ(handler.Count(), 1) << "the handlers do not run again for the retry";
-    const auto sent = m_api.Sent();
-    ASSERT_EQ(sent.size(), sent_before + 2);
-    const std::string kDropped = "Request header dropped: its name or value holds CR, LF or NUL\n";
-    const std::wstring expected = added == std::wstring(L"X-Handler")
-                                      ? L"If-None-Match: \"v1\"\r\nX-Handler: 1"
-                                      : L"If-None-Match: \"v1\"";
-    EXPECT_EQ(sent[sent_before].headers, expected);
-    EXPECT_EQ(sent[sent_before + 1].headers, expected);
-    EXPECT_EQ(m_log.Text(), expected.size() > 20 ? "" : kDropped) << "a 304 is not logged";
-    m_log.Clear();
-  }
+  CountingHandler handler;
+  handler.AddHeaderOnEachCall(L"X-Handler");
+  ScopedHandler scoped(&handler);
+  qv::net::HttpRequest request(kUrl, qv::net::HttpMethod::Get);
+  request.AddHeader(L"If-None-Match", L"\"v1\"");
+  m_api.Queue(Status(502));
+  m_api.Queue(Status(304));
+  auto stream = HttpReadStream::Open(request, {});
+  EXPECT_TRUE(stream->IsOpen());
+  EXPECT_FALSE(stream->Succeeded());
+  EXPECT_EQ(stream->QueryStatusCode(), HttpStatus::NotModified);
+  EXPECT_EQ(handler.Count(), 1) << "the handlers do not run again for the retry";
+  const auto sent = m_api.Sent();
+  ASSERT_EQ(sent.size(), 2u);
+  for (const auto& one : sent) EXPECT_EQ(one.headers, L"If-None-Match: \"v1\"\r\nX-Handler: 1");
+  EXPECT_EQ(m_log.Text(), "") << "a 304 is not logged";
 }
 
 // Regression: a 200 carrying two different Content-Length values was served (and stored by the
