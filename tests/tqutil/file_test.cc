@@ -1,12 +1,15 @@
 #if defined(_WIN32)
 #include <windows.h>
 #else
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #endif
 
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <future>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -368,5 +371,68 @@ TEST(FileProtocolTest, ResolvesAgainstTheBaseAndRegistersSchemesOnceInAnyCase) {
   TqUFileProtocolRegistry::Terminate();
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), nullptr);
 }
+
+// TqUSysDirectory::ReadStart of `name` into a buffer of `size`: the bytes read, or "<refused>".
+std::string Start(const TqUSysDirectory& dir, const Path& name, std::size_t size) {
+  std::string buffer(size, '\0');
+  const std::int64_t got = dir.ReadStart(name.c_str(), buffer.data(), size);
+  if (got < 0) return "<refused>";
+  EXPECT_LE(static_cast<std::size_t>(got), size);
+  buffer.resize(static_cast<std::size_t>(got));
+  return buffer;
+}
+
+TEST(ReadStartTest, ReadsTheFirstBytesOfRegularFilesOnlyAndNeverWhileAWriterHoldsThem) {
+  tq::test::TempDir dir;
+  const TqUSysDirectory directory(dir.path());
+  ASSERT_FALSE(directory.Error());
+  WriteText(dir / "file", "0123456789");
+  WriteText(dir / "empty", "");
+  std::filesystem::create_directory(dir / "sub");
+  const std::tuple<const char*, std::size_t, std::string> cases[] = {
+      {"file", 4, "0123"},          {"file", 64, "0123456789"}, {"empty", 16, ""},
+      {"missing", 16, "<refused>"}, {"sub", 16, "<refused>"}};
+  for (const auto& [name, size, expected] : cases) {
+    EXPECT_EQ(Start(directory, name, size), expected) << name << ", " << size;
+  }
+  {
+    Open reader(dir / "file", kRead);  // a reader that shares does not keep it out
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(Start(directory, "file", 4), "0123");
+  }
+  {
+    Open writer(dir / "file", kRewrite);
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(Start(directory, "file", 4), "<refused>");
+  }
+  EXPECT_TRUE(Open(dir / "file", kRewrite)) << "nothing of the read stays open";
+  EXPECT_EQ(Start(TqUSysDirectory(dir / "absent"), "file", 4), "<refused>");
+}
+
+#if !defined(_WIN32)  // links need rights on Windows; a Windows directory holds no FIFO
+TEST(ReadStartTest, ALinkIsNotFollowedAndAFifoOrDeviceIsRefusedWithoutWaiting) {
+  tq::test::TempDir outside;
+  WriteText(outside / "target", "secret");
+  tq::test::TempDir dir;
+  const TqUSysDirectory directory(dir.path());
+  std::filesystem::create_symlink(outside / "target", dir / "link");
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  // A hard link to a device is what a planted device looks like; a symbolic one is refused as
+  // a link, so the device is reached by a directory of its own instead.
+  const TqUSysDirectory dev("/dev");
+  EXPECT_EQ(Start(directory, "link", 16), "<refused>");
+  EXPECT_EQ(Start(dev, "zero", 16), "<refused>");
+  EXPECT_EQ(Start(dev, "null", 16), "<refused>");
+  auto attempt = std::async(std::launch::async, [&] { return Start(directory, "fifo", 16); });
+  const bool returned = attempt.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+  if (!returned) {  // hung: a writer end lets it return, so the test can end
+    const int unblock = ::open((dir / "fifo").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    attempt.wait();
+    if (unblock >= 0) ::close(unblock);
+  }
+  EXPECT_TRUE(returned);
+  EXPECT_EQ(attempt.get(), "<refused>");
+}
+#endif
 
 }  // namespace
