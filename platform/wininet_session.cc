@@ -99,17 +99,20 @@ Connection::~Connection() {
   idle_.clear();
 }
 
+std::array<const SettingsHolder*, 3> Connection::Chain() const {
+  return {&settings_, &session_->settings(), &ProcessSettings()};
+}
+
 Settings Connection::Effective() const {
-  Settings settings = settings_.Get();
-  settings.Inherit(session_->settings().Get());
-  settings.Inherit(ProcessSettings().Get());
+  const auto chain = Chain();
+  Settings settings = chain[0]->Get();
+  for (std::size_t i = 1; i < chain.size(); ++i) settings.Inherit(chain[i]->Get());
   return settings;
 }
 
 DWORD Connection::MaxConns() const {
-  // The nearest handle that sets it wins, as in Effective().
-  const SettingsHolder* const holders[] = {&settings_, &session_->settings(), &ProcessSettings()};
-  for (const SettingsHolder* holder : holders) {
+  // One field looked up along the chain, without copying every setting of every handle.
+  for (const SettingsHolder* holder : Chain()) {
     if (const std::optional<DWORD> value = holder->Get(&Settings::max_conns)) return *value;
   }
   return kDefaultMaxConnsPerServer;

@@ -8,6 +8,7 @@
 // per-server bound and sequential requests reuse the warm connection of the last slot returned.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -132,6 +133,8 @@ class Connection : public InternetObject, public SlotSource {
   void WakeWaiters();
 
  private:
+  // Where settings come from, nearest first: the connection, its session, the process.
+  std::array<const SettingsHolder*, 3> Chain() const;
   DWORD MaxConns() const;
 
   std::shared_ptr<Session> session_;  // outlives the slots, whose easy handles use its share

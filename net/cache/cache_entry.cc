@@ -237,18 +237,10 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
   if (got < 0) return Probe::kUnusable;
   const auto have = static_cast<std::size_t>(got);
   // The checks of ReadHeader, on the bytes read: a file shorter than its header is no entry.
-  // `need` grows with each length read, up to the end marker's last byte.
-  std::size_t need = ef::kTagOffset;
-  bool valid = false;
-  if (have >= need && ef::GetU16(first + ef::kStartMarkerOffset) == ef::kStartMarker) {
-    need += ef::GetU16(first + ef::kTagLengthOffset) + std::size_t{2};
-    if (have >= need) {
-      need += ef::GetU16(first + need - 2) + std::size_t{2};
-      if (have >= need) valid = ef::GetU16(first + need - 2) == ef::kEndMarker;
-    }
-  }
+  const ef::HeaderWalk walk = ef::WalkHeader(first, have);
+  bool valid = walk.complete;
   // A header longer than the first read, in a file that may be long enough for it.
-  const bool longer = need > have && have == kFirstRead;
+  const bool longer = walk.end > have && have == kFirstRead;
   HeaderFields fields;
   if (longer) {
     UniqueFile file(directory.OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,

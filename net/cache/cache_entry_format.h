@@ -96,4 +96,28 @@ inline std::int64_t GetI64(const unsigned char* in) {
   return static_cast<std::int64_t>(bits);
 }
 
+// A header walked over the first `have` bytes of an entry file, as far as they reach: `end` is
+// how many bytes the walk has needed so far (the end marker's last byte once the lengths are
+// read), and `complete` says that all of them were there and both markers are right. A caller
+// that read fewer bytes than `end` may read more and walk again.
+struct HeaderWalk {
+  bool complete = false;
+  std::size_t end = kTagOffset;
+  std::size_t key_offset = 0;  // the key's first byte, once the tag length is known
+  std::size_t key_length = 0;
+};
+
+inline HeaderWalk WalkHeader(const unsigned char* bytes, std::size_t have) {
+  HeaderWalk walk;
+  if (have < walk.end || GetU16(bytes + kStartMarkerOffset) != kStartMarker) return walk;
+  walk.end += GetU16(bytes + kTagLengthOffset) + std::size_t{2};
+  if (have < walk.end) return walk;
+  walk.key_offset = walk.end;
+  walk.key_length = GetU16(bytes + walk.end - 2);
+  walk.end += walk.key_length + 2;
+  if (have < walk.end) return walk;
+  walk.complete = GetU16(bytes + walk.end - 2) == kEndMarker;
+  return walk;
+}
+
 }  // namespace qv::net::entry_format

@@ -133,19 +133,13 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenFreshEntryBody(const EntryN
   // longer than those is left to the full path.
   const unsigned char* bytes = stream->Bytes();
   const std::size_t have = stream->Have();
-  if (have < ef::kTagOffset || ef::GetU16(bytes + ef::kStartMarkerOffset) != ef::kStartMarker) {
-    return nullptr;
-  }
+  const ef::HeaderWalk walk = ef::WalkHeader(bytes, have);
+  if (!walk.complete) return nullptr;
   const std::uint16_t header_size = ef::GetU16(bytes + ef::kHeaderSizeOffset);
   const std::int64_t last_used = ef::GetI64(bytes + ef::kLastUsedOffset);
   const std::int64_t expiry = ef::GetI64(bytes + ef::kExpiryOffset);
-  const std::size_t key_length_offset = ef::kTagOffset + ef::GetU16(bytes + ef::kTagLengthOffset);
-  if (have < key_length_offset + 2) return nullptr;
-  const std::size_t key_length = ef::GetU16(bytes + key_length_offset);
-  const std::size_t end_marker_offset = key_length_offset + 2 + key_length;
-  if (have < end_marker_offset + 2 || ef::GetU16(bytes + end_marker_offset) != ef::kEndMarker ||
-      header_size == 0 || expiry < now || last_used != now ||
-      std::string_view(reinterpret_cast<const char*>(bytes + key_length_offset + 2), key_length) !=
+  if (header_size == 0 || expiry < now || last_used != now ||
+      std::string_view(reinterpret_cast<const char*>(bytes + walk.key_offset), walk.key_length) !=
           name.key) {
     return nullptr;
   }
