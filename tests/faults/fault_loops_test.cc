@@ -29,7 +29,6 @@ namespace fs = std::filesystem;
 using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using namespace std::chrono_literals;
 
 #if defined(_WIN32)
 constexpr int kFileFault = ERROR_ACCESS_DENIED;

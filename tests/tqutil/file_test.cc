@@ -72,6 +72,16 @@ const char* NoLinkReason() {
                             : "this account may not make symbolic links";
 }
 
+// TqUSysDirectory::ReadStart of `name` into a buffer of `size`: the bytes read, or "<refused>".
+std::string Start(const TqUSysDirectory& dir, const Path& name, std::size_t size) {
+  std::string buffer(size, '\0');
+  const std::int64_t got = dir.ReadStart(name.c_str(), buffer.data(), size);
+  if (got < 0) return "<refused>";
+  EXPECT_LE(static_cast<std::size_t>(got), size);
+  buffer.resize(static_cast<std::size_t>(got));
+  return buffer;
+}
+
 // Two opens of one file (the cache's processes each hold one; the locks are per open, so one
 // process shows the rules): a writer excludes everyone, readers exclude writers.
 TEST(SysFileTest, AWriterExcludesEveryOtherOpenAndReadersExcludeWriters) {
@@ -95,6 +105,9 @@ TEST(SysFileTest, AWriterExcludesEveryOtherOpenAndReadersExcludeWriters) {
         Path("entry.tmp").c_str(), other.access, other.share, other.creation, 0, 0);
     F::CloseFile(by_name);
     EXPECT_EQ(by_name != nullptr, opens) << "by name";
+    // A first read of the file (the clean-up's) is kept out by a writer, never by a reader.
+    EXPECT_EQ(Start(TqUSysDirectory(dir.path()), "entry.tmp", 4) == "<refused>",
+              held.access == F::kAccessWrite);
 #if !defined(_WIN32)  // Windows lets nobody read a file that its writer holds alone
     // Regression: the loser of a race for the same temporary file must not truncate the
     // winner's half-written body.
@@ -189,6 +202,7 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
                          kOpenAlways}) {
       EXPECT_FALSE(opens("fifo", m)) << m.access << " " << m.share << " " << m.creation;
     }
+    EXPECT_EQ(Start(directory, "fifo", 16), "<refused>") << "a first read waits on no FIFO";
     EXPECT_TRUE(opens("fifo", kCreate));
     EXPECT_TRUE(std::filesystem::is_regular_file(dir / "fifo"));
 #endif
@@ -196,6 +210,9 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
     // temporary name: removed, and a new file of its own created in its place.
     if (!(links = MakeLink(target, dir / "entry"))) continue;
     for (const Mode m : {kRead, kRewrite, kOpenAlways}) EXPECT_FALSE(opens("entry", m));
+#if !defined(_WIN32)
+    EXPECT_EQ(Start(directory, "entry", 16), "<refused>");
+#endif
     ASSERT_TRUE(MakeLink(target, dir / "link.tmp"));
     EXPECT_TRUE(opens("link.tmp", kCreate, "entry"));
     EXPECT_FALSE(std::filesystem::is_symlink(dir / "link.tmp"));
@@ -208,6 +225,10 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
   const Path device = "/dev/zero";
 #endif
   EXPECT_FALSE(Open(device, kRead)) << "devices are not files either";
+#if !defined(_WIN32)
+  // A hard link to a device is what a planted one looks like; reached here through its directory.
+  EXPECT_EQ(Start(TqUSysDirectory("/dev"), "zero", 16), "<refused>");
+#endif
   if (!links) GTEST_SKIP() << "links unchecked: " << NoLinkReason();
 }
 
@@ -367,6 +388,23 @@ TEST(FileProtocolTest, ResolvesAgainstTheBaseAndRegistersSchemesOnceInAnyCase) {
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), registry) << "still counted once";
   TqUFileProtocolRegistry::Terminate();
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), nullptr);
+}
+
+TEST(ReadStartTest, ReadsTheFirstBytesOfRegularFilesOnlyAndLeavesNothingOpen) {
+  tq::test::TempDir dir;
+  const TqUSysDirectory directory(dir.path());
+  ASSERT_FALSE(directory.Error());
+  WriteText(dir / "file", "0123456789");
+  WriteText(dir / "empty", "");
+  std::filesystem::create_directory(dir / "sub");
+  const std::tuple<const char*, std::size_t, std::string> cases[] = {
+      {"file", 4, "0123"},          {"file", 64, "0123456789"}, {"empty", 16, ""},
+      {"missing", 16, "<refused>"}, {"sub", 16, "<refused>"}};
+  for (const auto& [name, size, expected] : cases) {
+    EXPECT_EQ(Start(directory, name, size), expected) << name << ", " << size;
+  }
+  EXPECT_TRUE(Open(dir / "file", kRewrite)) << "nothing of the read stays open";
+  EXPECT_EQ(Start(TqUSysDirectory(dir / "absent"), "file", 4), "<refused>");
 }
 
 }  // namespace
