@@ -47,11 +47,6 @@ void TransferSlot::Detach() {
   attached_ = false;
 }
 
-void TransferSlot::ResetOptions() {
-  curl_easy_reset(easy_.get());
-  clean_ = true;
-}
-
 const std::string& TransferSlot::SentUrl(const std::string& url) {
   if (url_asked_.empty() || url != url_asked_) {
     UrlParts parts;
@@ -59,11 +54,6 @@ const std::string& TransferSlot::SentUrl(const std::string& url) {
     url_asked_ = url;
   }
   return url_sent_;
-}
-
-void TransferSlot::PrepareOptions() {
-  if (!clean_) curl_easy_reset(easy_.get());
-  clean_ = false;
 }
 
 void StopSignal::Stop() {
@@ -104,7 +94,7 @@ void Transfer::ReleaseSlot() {
   if (slot_ == nullptr) return;
   stop_.Watch(nullptr);
   slot_->Detach();
-  slot_->ResetOptions();
+  slot_->ReleaseOptions();
   // The larger spill buffer goes back with the slot, unless it still holds bytes to read.
   if (slot_->spill_storage().capacity() < spill_.capacity()) {
     spill_.SwapStorage(slot_->spill_storage());
@@ -351,7 +341,8 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
     header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
     return 0;
   }
-  response_ = std::move(pending_);
+  // Swapped, not moved: each block keeps the room it grew for the next one.
+  std::swap(response_, pending_);
   pending_.Clear();
   // libcurl answers an authentication challenge itself when it has credentials: such a block
   // is final only if no other response follows it (the body or the end of the transfer tells).

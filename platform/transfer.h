@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/curl_handles.h"
+#include "platform/easy_options.h"
 #include "platform/http_headers.h"
 #include "platform/redirect_policy.h"
 #include "platform/transfer_state.h"
@@ -42,10 +43,10 @@ class TransferSlot {
   // Takes the easy handle out of the multi: an unfinished transfer closes its connection, a
   // finished one leaves it in the multi's cache for the next transfer.
   void Detach();
-  // Clears every option, so that none of a finished transfer (callbacks, header list) outlives it.
-  void ResetOptions();
-  // Before setting a transfer's options: clears those left from the last one, if any.
-  void PrepareOptions();
+  // Sets a hop's options on the easy handle (only those that changed since the last hop).
+  bool ApplyOptions(const HopOptions& options) { return applied_.Apply(easy_.get(), options); }
+  // Drops what the handle holds of a finished transfer (callbacks' target, header list, body).
+  void ReleaseOptions() { applied_.Release(easy_.get()); }
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
   std::string& spill_storage() { return spill_storage_; }
   // The URL as libcurl sends it (dot segments removed; `url` itself when it does not parse).
@@ -57,7 +58,7 @@ class TransferSlot {
   CurlMulti multi_;
   CurlEasy easy_;
   bool attached_ = false;
-  bool clean_ = true;
+  AppliedOptions applied_;
   std::string spill_storage_;
   std::string url_asked_;
   std::string url_sent_;
@@ -90,8 +91,6 @@ class StopSignal {
   std::mutex mutex_;
   CURLM* watched_ = nullptr;  // not owned: the multi of the running transfer
 };
-
-enum class ProxyMode { kEnvironment, kDirect, kNamed };
 
 // What to send. Header lines are "Name: value"; an empty value ("Accept:") removes a header
 // libcurl would add.
@@ -192,16 +191,12 @@ class Transfer {
   void OnFinalHeaders();
   void Resume();
 
-  // Transfer options, one concern each (transfer_options.cc).
+  // Transfer options (transfer_options.cc).
   DWORD Configure(bool same_origin);
   void ClearResponse();
-  void SetTransport(CURL* easy);
-  void SetCallbacks(CURL* easy);
-  void SetProxy(CURL* easy);
-  DWORD SetHeaders(CURL* easy);
+  HopOptions Options(bool same_origin) const;
+  DWORD MakeHeaderList();
   bool AgentAsHeaderLine() const;
-  void SetMethod(CURL* easy);
-  void SetCredentials(CURL* easy, bool same_origin);
 
   SlotSource& slots_;
   StopSignal& stop_;

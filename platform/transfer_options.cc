@@ -34,45 +34,53 @@ void Transfer::ClearResponse() {
 
 DWORD Transfer::Configure(bool same_origin) {
   ClearResponse();
-  CURL* easy = slot_->easy();
-  slot_->PrepareOptions();
   // No CURLOPT_PATH_AS_IS: libcurl removes dot segments, as browsers do, so "/x/../b" goes out
   // as "/b". A cache keys on the normalised URL; what it keys on must be what is sent.
   sent_url_ = slot_->SentUrl(request_.url);
   method_ = request_.method;
   clock_.Start(request_.limits, !request_.body.empty(), TransferClock::Clock::now());
-  SetTransport(easy);
-  SetCallbacks(easy);
-  SetProxy(easy);
-  if (DWORD error = SetHeaders(easy)) return error;
-  SetMethod(easy);
-  SetCredentials(easy, same_origin);
+  if (DWORD error = MakeHeaderList()) return error;
+  // libcurl answers a challenge itself when it has the credentials for it.
+  answers_401_ = same_origin && !request_.user.empty();
+  answers_407_ = !request_.proxy_user.empty();
+  if (!slot_->ApplyOptions(Options(same_origin))) return ERROR_NOT_ENOUGH_MEMORY;
   if (!slot_->Attach()) return ERROR_INTERNET_INTERNAL_ERROR;
   MoveTo(TransferState::kConnecting);
   return ERROR_SUCCESS;
 }
 
-void Transfer::SetTransport(CURL* easy) {
-  curl_easy_setopt(easy, CURLOPT_URL, sent_url_.c_str());
-  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  if (request_.share != nullptr) curl_easy_setopt(easy, CURLOPT_SHARE, request_.share);
-  // HTTP/1.1 at most: paused HTTP/2 streams have a history of stalls.
-  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION,
-                   request_.http10 ? CURL_HTTP_VERSION_1_0 : CURL_HTTP_VERSION_1_1);
-  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kBufferSize);
-  // Bodies are handed over as sent, Content-Encoding included.
-  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
-  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error_text_);
-  if (!request_.verify_host) curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
-  if (request_.ca_file.has_value()) {
-    curl_easy_setopt(easy, CURLOPT_CAINFO, request_.ca_file->c_str());
+HopOptions Transfer::Options(bool same_origin) const {
+  HopOptions options;
+  options.url = sent_url_;
+  options.method = request_.method;
+  options.body = request_.body;
+  options.headers = header_list_.get();
+  options.http10 = request_.http10;
+  options.buffer_size = kBufferSize;
+  options.connect_timeout_ms = static_cast<long>(clock_.connect_limit().count());
+  if (!AgentAsHeaderLine()) options.agent = request_.agent;
+  options.owner = const_cast<Transfer*>(this);
+  options.error_buffer = const_cast<char*>(error_text_);
+  options.header_function = &Transfer::HeaderCallback;
+  options.write_function = &Transfer::WriteCallback;
+  options.prereq_function = &Transfer::PrereqCallback;
+  options.share = request_.share;
+  options.verify_host = request_.verify_host;
+  options.ca_file = &request_.ca_file;
+  options.proxy_mode = request_.proxy_mode;
+  if (request_.proxy_mode == ProxyMode::kNamed) {
+    const bool secure = request_.url.rfind("https:", 0) == 0;
+    options.proxy = secure ? request_.https_proxy : request_.http_proxy;
+    options.no_proxy = request_.no_proxy;
   }
-  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
-                   static_cast<long>(clock_.connect_limit().count()));
-  if (!request_.agent.empty() && !AgentAsHeaderLine()) {
-    curl_easy_setopt(easy, CURLOPT_USERAGENT, request_.agent.c_str());
+  // Credentials answer a 401 challenge; they go to the first origin only.
+  if (same_origin) {
+    options.user = request_.user;
+    options.password = request_.password;
   }
+  options.proxy_user = request_.proxy_user;
+  options.proxy_password = request_.proxy_password;
+  return options;
 }
 
 bool Transfer::AgentAsHeaderLine() const {
@@ -82,35 +90,7 @@ bool Transfer::AgentAsHeaderLine() const {
   return !request_.agent.empty() && request_.proxy_mode == ProxyMode::kDirect;
 }
 
-void Transfer::SetCallbacks(CURL* easy) {
-  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Transfer::HeaderCallback);
-  curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Transfer::WriteCallback);
-  curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &Transfer::PrereqCallback);
-  curl_easy_setopt(easy, CURLOPT_PREREQDATA, this);
-}
-
-void Transfer::SetProxy(CURL* easy) {
-  switch (request_.proxy_mode) {
-    case ProxyMode::kEnvironment:
-      break;  // libcurl reads http_proxy, https_proxy and no_proxy
-    case ProxyMode::kDirect:
-      curl_easy_setopt(easy, CURLOPT_PROXY, "");
-      break;
-    case ProxyMode::kNamed: {
-      const bool secure = request_.url.rfind("https:", 0) == 0;
-      curl_easy_setopt(easy, CURLOPT_PROXY,
-                       (secure ? request_.https_proxy : request_.http_proxy).c_str());
-      if (!request_.no_proxy.empty()) {
-        curl_easy_setopt(easy, CURLOPT_NOPROXY, request_.no_proxy.c_str());
-      }
-      break;
-    }
-  }
-}
-
-DWORD Transfer::SetHeaders(CURL* easy) {
+DWORD Transfer::MakeHeaderList() {
   header_list_.reset();
   auto append = [this](const char* line) {
     curl_slist* grown = curl_slist_append(header_list_.get(), line);
@@ -128,40 +108,7 @@ DWORD Transfer::SetHeaders(CURL* easy) {
   }
   // No 100-continue round trip before a body (libcurl asks for one only when sending a body).
   if (!request_.body.empty() && !append("Expect:")) return ERROR_NOT_ENOUGH_MEMORY;
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, header_list_.get());
   return ERROR_SUCCESS;
-}
-
-void Transfer::SetMethod(CURL* easy) {
-  const std::string& method = request_.method;
-  if (method == "HEAD") {
-    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-  } else if (!request_.body.empty() || method == "POST") {
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request_.body.data());
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(request_.body.size()));
-    if (method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
-  } else if (method == "GET") {
-    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-  } else {
-    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
-  }
-}
-
-void Transfer::SetCredentials(CURL* easy, bool same_origin) {
-  // Credentials answer a 401 challenge; they go to the first origin only.
-  answers_401_ = same_origin && !request_.user.empty();
-  if (answers_401_) {
-    curl_easy_setopt(easy, CURLOPT_USERNAME, request_.user.c_str());
-    curl_easy_setopt(easy, CURLOPT_PASSWORD, request_.password.c_str());
-    curl_easy_setopt(easy, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
-  }
-  answers_407_ = !request_.proxy_user.empty();
-  if (answers_407_) {
-    curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, request_.proxy_user.c_str());
-    curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, request_.proxy_password.c_str());
-    curl_easy_setopt(easy, CURLOPT_PROXYAUTH, CURLAUTH_ANY);
-  }
 }
 
 }  // namespace tqplatform

@@ -1,0 +1,94 @@
+// The options a transfer sets on a slot's easy handle, applied as one whole for every hop.
+//
+// A slot's easy handle serves request after request. Rather than clearing every option and
+// setting them all again each time, the slot remembers what it last applied and calls libcurl
+// only for the options whose value changed; every option a request may change is in HopOptions,
+// so none can be left over from the request before. A change of an option that requests rarely
+// change (TLS verification, the proxy, the share, the callbacks) or any use of credentials
+// clears the handle and sets everything again: libcurl keeps authentication state that follows
+// the credentials, and some defaults cannot be set back one by one.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tqplatform {
+
+enum class ProxyMode { kEnvironment, kDirect, kNamed };
+
+// Views into the request being sent; they need to stay valid only while applied (libcurl copies
+// strings), except `body` and `headers`, which libcurl reads while the transfer runs.
+struct HopOptions {
+  // Changed from request to request.
+  std::string_view url;
+  std::string_view method;  // "GET", "HEAD", "POST" or any other verb
+  std::string_view body;    // sent when not empty, or when the method is POST
+  curl_slist* headers = nullptr;
+  bool http10 = false;
+  long buffer_size = 0;
+  long connect_timeout_ms = 0;
+  std::string_view agent;  // libcurl's User-Agent option; empty: none
+  void* owner = nullptr;   // what the callbacks are given
+  char* error_buffer = nullptr;
+
+  // Rarely changed: a change clears the handle.
+  curl_write_callback header_function = nullptr;
+  curl_write_callback write_function = nullptr;
+  curl_prereq_callback prereq_function = nullptr;
+  CURLSH* share = nullptr;
+  bool verify_host = true;
+  const std::optional<std::string>* ca_file = nullptr;  // null or empty: libcurl's default
+  ProxyMode proxy_mode = ProxyMode::kEnvironment;
+  std::string_view proxy;     // kNamed: the proxy for the URL's scheme ("" for none)
+  std::string_view no_proxy;  // kNamed: libcurl's bypass list ("" for none)
+  // Credentials answer 401 (user) and 407 (proxy user) challenges; empty: none.
+  std::string_view user;
+  std::string_view password;
+  std::string_view proxy_user;
+  std::string_view proxy_password;
+};
+
+// What a slot last set on its easy handle.
+class AppliedOptions {
+ public:
+  // Brings the handle to `wanted`. False when libcurl refuses an option (out of memory).
+  bool Apply(CURL* easy, const HopOptions& wanted);
+  // Drops the pointers into the transfer that ran (its callbacks' target, its header list, its
+  // body), so that a handle lying idle refers to nothing that may be gone.
+  void Release(CURL* easy);
+
+ private:
+  enum class MethodKind { kGet, kHead, kBody, kCustom };
+  bool SameRareOptions(const HopOptions& wanted) const;
+  bool SetAll(CURL* easy, const HopOptions& wanted);
+  bool SetChanged(CURL* easy, const HopOptions& wanted);
+  bool SetMethod(CURL* easy, const HopOptions& wanted);
+
+  bool fresh_ = true;  // nothing applied since the handle was made or cleared
+
+  std::string url_;
+  MethodKind method_ = MethodKind::kGet;
+  std::string custom_method_;
+  long http_version_ = CURL_HTTP_VERSION_NONE;
+  long buffer_size_ = 0;
+  long connect_timeout_ms_ = 0;
+  std::string agent_;
+  void* owner_ = nullptr;
+  char* error_buffer_ = nullptr;
+
+  curl_write_callback header_function_ = nullptr;
+  curl_write_callback write_function_ = nullptr;
+  curl_prereq_callback prereq_function_ = nullptr;
+  CURLSH* share_ = nullptr;
+  bool verify_host_ = true;
+  std::optional<std::string> ca_file_;
+  ProxyMode proxy_mode_ = ProxyMode::kEnvironment;
+  std::string proxy_;
+  std::string no_proxy_;
+  bool credentials_ = false;
+};
+
+}  // namespace tqplatform

@@ -1,0 +1,93 @@
+// A connection's requests take turns on one libcurl handle, which keeps its options from one
+// request to the next: nothing a request asked for (its method, body, range, own header lines,
+// credentials) may reach the request after it, in any order of requests.
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <string>
+#include <vector>
+
+#include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/scripted_server.h"
+
+namespace {
+
+using namespace tq::test;
+
+constexpr char kBody[] = "0123456789";
+
+bool SetText(const Handle& request, DWORD option, const wchar_t* text) {
+  return InternetSetOptionW(request.get(), option, const_cast<wchar_t*>(text),
+                            static_cast<DWORD>(std::wcslen(text))) != FALSE;
+}
+
+TEST(OptionResetTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
+  ScriptedServer server;
+  // Asks for credentials when the request says so; any Range gets a part.
+  server.Route("/r", [](const RecordedRequest& request) {
+    if (request.Header("X-Want-Auth") && !request.Header("Authorization")) {
+      return ScriptedResponse(401, "who?").Header("WWW-Authenticate", "Basic realm=\"t\"");
+    }
+    if (request.Header("Range")) return ScriptedResponse(206, "part");
+    return ScriptedResponse(200, kBody);
+  });
+  const Handle session = OpenSession();
+  const Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(connection);
+
+  const struct Step {
+    const wchar_t* verb;
+    const wchar_t* headers;
+    std::string body;
+    bool credentials;
+    std::string read;  // the body the caller reads
+  } steps[] = {
+      {L"HEAD", L"", "", false, ""},
+      {L"GET", L"Range: bytes=2-4\r\nX-Extra: 1\r\n", "", false, "part"},
+      {L"GET", L"", "", false, kBody},
+      {L"POST", L"", "abc", false, kBody},
+      {L"GET", L"", "", false, kBody},
+      {L"PUT", L"", "xyz", false, kBody},
+      {L"DELETE", L"", "", false, kBody},
+      {L"GET", L"X-Want-Auth: 1\r\n", "", true, kBody},
+      {L"GET", L"", "", false, kBody},
+      {L"HEAD", L"Range: bytes=0-0\r\n", "", false, ""},
+      {L"POST", L"", "q", false, kBody},
+      {L"HEAD", L"", "", false, ""},
+      {L"GET", L"", "", false, kBody},
+  };
+  std::size_t seen = 0;
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    const Step& step = steps[i];
+    SCOPED_TRACE(i);
+    const Handle request = OpenRequest(connection, L"/r", step.verb);
+    if (step.credentials) {
+      ASSERT_TRUE(SetText(request, INTERNET_OPTION_USERNAME, L"user"));
+      ASSERT_TRUE(SetText(request, INTERNET_OPTION_PASSWORD, L"secret"));
+    }
+    std::string read;
+    ASSERT_TRUE(Send(request, step.headers, step.body)) << GetLastError();
+    ASSERT_TRUE(ReadAll(request, &read)) << GetLastError();
+    EXPECT_EQ(read, step.read);
+
+    // The request as the server saw it last (a challenge answered makes two).
+    const std::vector<RecordedRequest> requests = server.requests();
+    ASSERT_GT(requests.size(), seen);
+    seen = requests.size();
+    const RecordedRequest& got = requests.back();
+    const std::wstring verb = step.verb;
+    EXPECT_EQ(got.method, std::string(verb.begin(), verb.end()));
+    EXPECT_EQ(got.body, step.body);
+    const std::wstring headers = step.headers;
+    const auto sent = [&](const wchar_t* name) { return headers.find(name) != headers.npos; };
+    EXPECT_EQ(got.Header("Range").has_value(), sent(L"Range:"));
+    EXPECT_EQ(got.Header("X-Extra").has_value(), sent(L"X-Extra:"));
+    EXPECT_EQ(got.Header("Authorization").has_value(), step.credentials);
+    EXPECT_EQ(got.Header("Content-Length").has_value(), !step.body.empty());
+    EXPECT_EQ(got.Header("User-Agent"), "tqnetwork-test");
+  }
+  // Every answer was read to its end: one connection served them all.
+  EXPECT_EQ(server.connection_count(), 1u);
+}
+
+}  // namespace
