@@ -1,4 +1,4 @@
-// The options of one hop of a transfer, one concern per function.
+// The options of one hop of a transfer and its list of header lines.
 #include "platform/transfer.h"
 
 #include <string>
@@ -15,6 +15,24 @@ bool HasHeaderLine(const std::vector<std::string>& lines, std::string_view name)
     if (EqualsIgnoreCase(std::string_view(line).substr(0, line.find(':')), name)) return true;
   }
   return false;
+}
+
+// The one Accept line, when it asks for "*/*": libcurl sends that line itself when no line names
+// Accept, without formatting one of ours for every request. Null otherwise.
+const std::string* DefaultAcceptLine(const std::vector<std::string>& lines) {
+  const std::string* found = nullptr;
+  for (const auto& line : lines) {
+    const std::string_view text = line;
+    const auto colon = text.find(':');
+    if (!EqualsIgnoreCase(text.substr(0, colon), "Accept")) continue;
+    if (found != nullptr) return nullptr;
+    std::string_view value = text.substr(colon + 1);
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
+    while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
+    if (value != "*/*") return nullptr;
+    found = &line;
+  }
+  return found;
 }
 
 }  // namespace
@@ -103,8 +121,9 @@ DWORD Transfer::MakeHeaderList() {
     // A caller's own User-Agent line replaces the agent, as libcurl's option would let it.
     if (!append(("User-Agent: " + request_.agent).c_str())) return ERROR_NOT_ENOUGH_MEMORY;
   }
+  const std::string* default_accept = DefaultAcceptLine(request_.header_lines);
   for (const auto& line : request_.header_lines) {
-    if (!append(line.c_str())) return ERROR_NOT_ENOUGH_MEMORY;
+    if (&line != default_accept && !append(line.c_str())) return ERROR_NOT_ENOUGH_MEMORY;
   }
   // No 100-continue round trip before a body (libcurl asks for one only when sending a body).
   if (!request_.body.empty() && !append("Expect:")) return ERROR_NOT_ENOUGH_MEMORY;

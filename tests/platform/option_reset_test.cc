@@ -3,6 +3,8 @@
 // credentials) may reach the request after it, in any order of requests.
 #include <gtest/gtest.h>
 
+#include <strings.h>
+
 #include <cwchar>
 #include <string>
 #include <vector>
@@ -88,6 +90,47 @@ TEST(OptionResetTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
   }
   // Every answer was read to its end: one connection served them all.
   EXPECT_EQ(server.connection_count(), 1u);
+}
+
+// The Accept line as the caller asked for it, once: from the accept types, from a line of the
+// caller's own (which replaces them), or none at all.
+TEST(OptionResetTest, TheAcceptLineGoesOutOnceAsAskedForInAnyOrderOfRequests) {
+  ScriptedServer server;
+  server.Route("/r", ScriptedResponse(200, kBody));
+  const Handle session = OpenSession();
+  const Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(connection);
+  const wchar_t* all[] = {L"*/*", nullptr};
+  const wchar_t* text[] = {L"text/html", nullptr};
+  const wchar_t* two[] = {L"text/html", L"*/*", nullptr};
+  const struct {
+    const wchar_t** types;
+    const wchar_t* headers;
+    std::vector<std::string> accept;  // every Accept value the server sees
+  } cases[] = {
+      {all, L"", {"*/*"}},
+      {nullptr, L"", {}},
+      {text, L"", {"text/html"}},
+      {all, L"", {"*/*"}},
+      {two, L"", {"text/html, */*"}},
+      {nullptr, L"Accept: */*\r\n", {"*/*"}},
+      {all, L"accept: image/png\r\n", {"*/*", "image/png"}},
+      {nullptr, L"", {}},
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(i);
+    const Handle request(HttpOpenRequestW(connection.get(), L"GET", L"/r", nullptr, nullptr,
+                                          cases[i].types, 0, 0));
+    std::string read;
+    ASSERT_TRUE(Send(request, cases[i].headers)) << GetLastError();
+    ASSERT_TRUE(ReadAll(request, &read)) << GetLastError();
+    const std::vector<RecordedRequest> requests = server.requests();
+    std::vector<std::string> accept;
+    for (const auto& [name, value] : requests.back().headers) {
+      if (name.size() == 6 && strncasecmp(name.c_str(), "Accept", 6) == 0) accept.push_back(value);
+    }
+    EXPECT_EQ(accept, cases[i].accept);
+  }
 }
 
 }  // namespace
