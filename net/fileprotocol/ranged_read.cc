@@ -1,6 +1,7 @@
 // Ranged reads: one GET with a "Range" header per read, on the reading thread's connection,
 // its body read straight into the caller's buffer.
 #include <algorithm>
+#include <cwchar>
 #include <optional>
 #include <string>
 #include <memory>
@@ -144,7 +145,12 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
   }
   const TqUWideString& url = file_record->UrlText();
 
-  HttpRequest http_request(url.GetString(), HttpMethod::Get);
+  // The request carries the URL as the caller gave it. The file's parsed URL is that URL unless
+  // it was resolved to another: copied, it spares parsing the text again for every read.
+  const TqUURL& parsed = file_record->ParsedUrl();
+  HttpRequest http_request = std::wcscmp(parsed.GetString(), url.GetString()) == 0
+                                 ? HttpRequest(parsed, HttpMethod::Get)
+                                 : HttpRequest(url.GetString(), HttpMethod::Get);
   HttpRequestHandlerManager::HandlePreRequest(http_request);
   std::wstring range = L"bytes=";
   AppendDecimal(offset, &range);
