@@ -103,7 +103,7 @@ bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {
     ok = ok && SetText(easy, CURLOPT_URL, url_, false);
   }
   ok = ok && SetMethod(easy, wanted);
-  // The list belongs to the transfer: set every time, even at an address seen before.
+  // A list made again may sit at the address of the last one: set every time.
   ok = ok && Set(easy, CURLOPT_HTTPHEADER, wanted.headers);
   // HTTP/1.1 at most: paused HTTP/2 streams have a history of stalls.
   const long version = wanted.http10 ? CURL_HTTP_VERSION_1_0 : CURL_HTTP_VERSION_1_1;

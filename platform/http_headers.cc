@@ -290,10 +290,10 @@ std::optional<std::string_view> HeaderBlock::Find(std::string_view name,
 
 bool HeaderBlock::ContentLengthAgrees() const {
   std::optional<std::uint64_t> length;
-  for (std::size_t i = 0;; ++i) {
-    const std::optional<std::string_view> found = Find("Content-Length", i);
-    if (!found) break;
-    std::string_view rest = *found;
+  // One pass over the headers: every response is checked.
+  for (const auto& header : headers_) {
+    if (!EqualsIgnoreCase(Text(header.name, header.name_size, false), "Content-Length")) continue;
+    std::string_view rest = Text(header.value, header.value_size, header.folded);
     for (;;) {
       const auto comma = rest.find(',');
       const std::string_view item = TrimSpace(rest.substr(0, comma));

@@ -56,6 +56,29 @@ const std::string& TransferSlot::SentUrl(const std::string& url) {
   return url_sent_;
 }
 
+curl_slist* TransferSlot::HeaderList(bool* ok) {
+  *ok = true;
+  if (std::equal(wanted_lines_.begin(), wanted_lines_.end(), listed_lines_.begin(),
+                 listed_lines_.end())) {
+    return header_list_.get();
+  }
+  header_list_.reset();
+  listed_lines_.clear();
+  for (const std::string_view line : wanted_lines_) {
+    listed_lines_.emplace_back(line);
+    curl_slist* grown = curl_slist_append(header_list_.get(), listed_lines_.back().c_str());
+    if (grown == nullptr) {
+      header_list_.reset();
+      listed_lines_.clear();
+      *ok = false;
+      return nullptr;
+    }
+    (void)header_list_.release();  // `grown` starts with the list so far
+    header_list_.reset(grown);
+  }
+  return header_list_.get();
+}
+
 void StopSignal::Stop() {
   stopped_.store(true);
   std::lock_guard lock(mutex_);
@@ -95,6 +118,7 @@ void Transfer::ReleaseSlot() {
   stop_.Watch(nullptr);
   slot_->Detach();
   slot_->ReleaseOptions();
+  header_list_ = nullptr;
   // The larger spill buffer goes back with the slot, unless it still holds bytes to read.
   if (slot_->spill_storage().capacity() < spill_.capacity()) {
     spill_.SwapStorage(slot_->spill_storage());

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/curl_handles.h"
@@ -49,6 +50,15 @@ class TransferSlot {
   void ReleaseOptions() { applied_.Release(easy_.get()); }
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
   std::string& spill_storage() { return spill_storage_; }
+  // The header lines of the next request, gathered into `lines` (cleared here), and room for a
+  // line the transfer makes; HeaderList then gives libcurl's list of them, made again only when
+  // they differ from the last request's. Null for no lines, and on running out of memory.
+  std::vector<std::string_view>& NewHeaderLines() {
+    wanted_lines_.clear();
+    return wanted_lines_;
+  }
+  std::string& made_line() { return made_line_; }
+  curl_slist* HeaderList(bool* ok);
   // The URL as libcurl sends it (dot segments removed; `url` itself when it does not parse).
   // Successive requests on a slot mostly ask for the same URL, so the last answer is kept.
   const std::string& SentUrl(const std::string& url);
@@ -62,6 +72,10 @@ class TransferSlot {
   std::string spill_storage_;
   std::string url_asked_;
   std::string url_sent_;
+  std::vector<std::string_view> wanted_lines_;
+  std::string made_line_;
+  std::vector<std::string> listed_lines_;  // what header_list_ holds
+  CurlHeaderList header_list_;
 };
 
 // Who lends slots to a transfer: a WinINet connection's bounded pool, or a download's own slot.
@@ -203,7 +217,7 @@ class Transfer {
   HINTERNET waiter_ = nullptr;
   TransferRequest request_;
   std::unique_ptr<TransferSlot> slot_;
-  CurlHeaderList header_list_;
+  curl_slist* header_list_ = nullptr;  // the slot's, for the running hop
   TransferState state_ = TransferState::kIdle;
   TransferClock clock_;
 

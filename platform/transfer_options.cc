@@ -72,7 +72,7 @@ HopOptions Transfer::Options(bool same_origin) const {
   options.url = sent_url_;
   options.method = request_.method;
   options.body = request_.body;
-  options.headers = header_list_.get();
+  options.headers = header_list_;
   options.http10 = request_.http10;
   options.buffer_size = kBufferSize;
   options.connect_timeout_ms = static_cast<long>(clock_.connect_limit().count());
@@ -109,25 +109,22 @@ bool Transfer::AgentAsHeaderLine() const {
 }
 
 DWORD Transfer::MakeHeaderList() {
-  header_list_.reset();
-  auto append = [this](const char* line) {
-    curl_slist* grown = curl_slist_append(header_list_.get(), line);
-    if (grown == nullptr) return false;  // the list so far stays owned
-    (void)header_list_.release();
-    header_list_.reset(grown);
-    return true;
-  };
+  std::vector<std::string_view>& lines = slot_->NewHeaderLines();
   if (AgentAsHeaderLine() && !HasHeaderLine(request_.header_lines, "User-Agent")) {
     // A caller's own User-Agent line replaces the agent, as libcurl's option would let it.
-    if (!append(("User-Agent: " + request_.agent).c_str())) return ERROR_NOT_ENOUGH_MEMORY;
+    std::string& agent_line = slot_->made_line();
+    agent_line.assign("User-Agent: ").append(request_.agent);
+    lines.emplace_back(agent_line);
   }
   const std::string* default_accept = DefaultAcceptLine(request_.header_lines);
   for (const auto& line : request_.header_lines) {
-    if (&line != default_accept && !append(line.c_str())) return ERROR_NOT_ENOUGH_MEMORY;
+    if (&line != default_accept) lines.emplace_back(line);
   }
   // No 100-continue round trip before a body (libcurl asks for one only when sending a body).
-  if (!request_.body.empty() && !append("Expect:")) return ERROR_NOT_ENOUGH_MEMORY;
-  return ERROR_SUCCESS;
+  if (!request_.body.empty()) lines.emplace_back("Expect:");
+  bool ok = true;
+  header_list_ = slot_->HeaderList(&ok);
+  return ok ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
 }
 
 }  // namespace tqplatform

@@ -108,8 +108,9 @@ bool HasHeader(const std::vector<std::string>& lines, std::string_view name) {
 Request::Request(std::shared_ptr<Connection> connection, std::string verb, std::string path,
                  bool http10, std::vector<std::string> fixed_headers, DWORD flags)
     : InternetObject(kKind), connection_(std::move(connection)), verb_(std::move(verb)),
-      path_(std::move(path)), http10_(http10), fixed_headers_(std::move(fixed_headers)),
-      flags_(flags) {}
+      url_(Origin((flags & INTERNET_FLAG_SECURE) != 0, connection_->host(), connection_->port()) +
+           path),
+      http10_(http10), fixed_headers_(std::move(fixed_headers)), flags_(flags) {}
 
 Request::~Request() = default;
 
@@ -120,14 +121,13 @@ void Request::OnClose() {
 
 Settings Request::Effective() const {
   Settings settings = settings_.Get();
-  settings.Inherit(connection_->Effective());
+  connection_->FillUnset(&settings);
   return settings;
 }
 
 TransferRequest Request::Describe(const Settings& settings, std::string body) const {
   TransferRequest out;
-  const bool secure = (flags_ & INTERNET_FLAG_SECURE) != 0;
-  out.url = Origin(secure, connection_->host(), connection_->port()) + path_;
+  out.url = url_;
   out.method = verb_;
   out.body = std::move(body);
   out.header_lines = sent_lines_;

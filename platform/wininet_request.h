@@ -40,7 +40,7 @@ class Request : public InternetObject {
 
   const std::shared_ptr<Connection> connection_;  // lends the slots; outlives transfer_
   const std::string verb_;
-  const std::string path_;
+  const std::string url_;  // origin and path, as the first hop asks for it
   const bool http10_;
   const std::vector<std::string> fixed_headers_;  // Accept, Referer
   const DWORD flags_;

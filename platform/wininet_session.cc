@@ -1,6 +1,7 @@
 // InternetOpenW, InternetConnectW, InternetSetOptionW and InternetCloseHandle.
 #include "platform/wininet_session.h"
 
+#include <atomic>
 #include <cstring>
 #include <new>
 
@@ -34,9 +35,11 @@ SettingsHolder& ProcessSettings() {
 namespace {
 std::mutex g_ca_mutex;
 std::optional<std::string> g_ca_file;
+std::atomic<bool> g_ca_file_set{false};  // spares every request the lock outside such tests
 }  // namespace
 
 std::optional<std::string> TestCaFile() {
+  if (!g_ca_file_set.load(std::memory_order_acquire)) return std::nullopt;
   std::lock_guard lock(g_ca_mutex);
   return g_ca_file;
 }
@@ -104,10 +107,13 @@ std::array<const SettingsHolder*, 3> Connection::Chain() const {
 }
 
 Settings Connection::Effective() const {
-  const auto chain = Chain();
-  Settings settings = chain[0]->Get();
-  for (std::size_t i = 1; i < chain.size(); ++i) settings.Inherit(chain[i]->Get());
+  Settings settings;
+  FillUnset(&settings);
   return settings;
+}
+
+void Connection::FillUnset(Settings* out) const {
+  for (const SettingsHolder* holder : Chain()) holder->FillUnset(out);
 }
 
 DWORD Connection::MaxConns() const {
@@ -294,6 +300,7 @@ BOOL TqPlatformSetCaFile(const char* pem_path) {
   } else {
     g_ca_file = pem_path;
   }
+  g_ca_file_set.store(g_ca_file.has_value(), std::memory_order_release);
   return TRUE;
 }
 

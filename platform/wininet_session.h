@@ -63,6 +63,11 @@ class SettingsHolder {
     std::lock_guard lock(mutex_);
     return settings_.*field;
   }
+  // Fills the fields of `out` that are unset from these settings, without copying the others.
+  void FillUnset(Settings* out) const {
+    std::lock_guard lock(mutex_);
+    out->Inherit(settings_);
+  }
   template <class F>
   void Update(F&& change) {
     std::lock_guard lock(mutex_);
@@ -122,6 +127,9 @@ class Connection : public InternetObject, public SlotSource {
 
   // Settings of this connection with its session's and the process's filled in.
   Settings Effective() const;
+  // Fills the fields of `out` that are unset from this connection's settings, its session's and
+  // the process's, in that order.
+  void FillUnset(Settings* out) const;
 
   // Checks a slot out, waiting while all "max connections" slots are in use. A stop must be
   // followed by WakeWaiters to end the wait.
