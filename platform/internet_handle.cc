@@ -1,15 +1,27 @@
 #include "platform/internet_handle.h"
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <unordered_map>
 
 namespace tqplatform {
 namespace {
 
-struct HandleTable {
+// Every call looks its handle up: the table is split, each part with its own lock on its own
+// cache line, so that threads working on their own handles do not wait for one another.
+struct alignas(64) HandleShard {
   std::mutex mutex;
-  std::uintptr_t next = 0x10000;
   std::unordered_map<std::uintptr_t, std::shared_ptr<InternetObject>> objects;
+};
+
+struct HandleTable {
+  static constexpr std::size_t kShards = 16;
+  std::atomic<std::uintptr_t> next{0x10000};
+  std::array<HandleShard, kShards> shards;
+
+  // Successive values (steps of 4) go to successive parts.
+  HandleShard& ShardOf(std::uintptr_t value) { return shards[(value >> 2) % kShards]; }
 };
 
 HandleTable& Table() {
@@ -30,21 +42,22 @@ bool InternetObject::AddChild(const std::shared_ptr<InternetObject>& child) {
 
 HINTERNET RegisterHandle(const std::shared_ptr<InternetObject>& object) {
   HandleTable& table = Table();
-  std::lock_guard lock(table.mutex);
   // Steps of 4 keep the values looking like aligned pointers to callers that print them.
-  const std::uintptr_t value = table.next;
-  table.next += 4;
+  const std::uintptr_t value = table.next.fetch_add(4, std::memory_order_relaxed);
   object->handle_ = reinterpret_cast<HINTERNET>(value);
-  table.objects.emplace(value, object);
+  HandleShard& shard = table.ShardOf(value);
+  std::lock_guard lock(shard.mutex);
+  shard.objects.emplace(value, object);
   return object->handle_;
 }
 
 std::shared_ptr<InternetObject> LookupAnyHandle(HINTERNET handle) {
   if (handle == nullptr) return nullptr;
-  HandleTable& table = Table();
-  std::lock_guard lock(table.mutex);
-  const auto it = table.objects.find(reinterpret_cast<std::uintptr_t>(handle));
-  return it == table.objects.end() ? nullptr : it->second;
+  const auto value = reinterpret_cast<std::uintptr_t>(handle);
+  HandleShard& shard = Table().ShardOf(value);
+  std::lock_guard lock(shard.mutex);
+  const auto it = shard.objects.find(value);
+  return it == shard.objects.end() ? nullptr : it->second;
 }
 
 std::shared_ptr<InternetObject> LookupHandle(HINTERNET handle, HandleKind kind) {
@@ -57,12 +70,13 @@ std::shared_ptr<InternetObject> LookupHandle(HINTERNET handle, HandleKind kind) 
 bool CloseHandleTree(HINTERNET handle) {
   std::shared_ptr<InternetObject> object;
   {
-    HandleTable& table = Table();
-    std::lock_guard lock(table.mutex);
-    const auto it = table.objects.find(reinterpret_cast<std::uintptr_t>(handle));
-    if (it == table.objects.end()) return false;
+    const auto value = reinterpret_cast<std::uintptr_t>(handle);
+    HandleShard& shard = Table().ShardOf(value);
+    std::lock_guard lock(shard.mutex);
+    const auto it = shard.objects.find(value);
+    if (it == shard.objects.end()) return false;
     object = std::move(it->second);
-    table.objects.erase(it);
+    shard.objects.erase(it);
   }
   std::vector<std::weak_ptr<InternetObject>> children;
   {

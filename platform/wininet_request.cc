@@ -57,17 +57,6 @@ std::string EncodePath(const std::wstring_view resource) {
   return out;
 }
 
-std::string Origin(bool secure, const std::string& host, INTERNET_PORT port) {
-  std::string url = secure ? "https://" : "http://";
-  if (host.find(':') != std::string::npos) {
-    url += "[" + host + "]";
-  } else {
-    url += host;
-  }
-  if (port != INTERNET_INVALID_PORT_NUMBER) url += ":" + std::to_string(port);
-  return url;
-}
-
 // Splits the caller's header text into lines ("Name: value") at CR LF or a bare LF. A CR that
 // does not start a CR LF, or a NUL, is refused (ERROR_INVALID_PARAMETER) rather than split at:
 // where one reader ends a line another may not, and the text after it would travel as a header
@@ -108,8 +97,7 @@ bool HasHeader(const std::vector<std::string>& lines, std::string_view name) {
 Request::Request(std::shared_ptr<Connection> connection, std::string verb, std::string path,
                  bool http10, std::vector<std::string> fixed_headers, DWORD flags)
     : InternetObject(kKind), connection_(std::move(connection)), verb_(std::move(verb)),
-      url_(Origin((flags & INTERNET_FLAG_SECURE) != 0, connection_->host(), connection_->port()) +
-           path),
+      url_(connection_->Origin((flags & INTERNET_FLAG_SECURE) != 0) + path),
       http10_(http10), fixed_headers_(std::move(fixed_headers)), flags_(flags) {}
 
 Request::~Request() = default;

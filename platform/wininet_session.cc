@@ -27,6 +27,14 @@ void Settings::Inherit(const Settings& parent) {
   fill(agent, parent.agent);
 }
 
+namespace {
+std::atomic<std::uint64_t> g_settings_generation{0};
+}  // namespace
+
+std::uint64_t SettingsGeneration() { return g_settings_generation.load(std::memory_order_acquire); }
+
+void SettingsHolder::Changed() { g_settings_generation.fetch_add(1, std::memory_order_acq_rel); }
+
 SettingsHolder& ProcessSettings() {
   static auto* holder = new SettingsHolder;
   return *holder;
@@ -94,8 +102,24 @@ std::string Session::ProxyFor(const std::string& scheme) const {
 
 // --- Transfer slots and connections ------------------------------------------------------------
 
+namespace {
+
+std::string MakeOrigin(bool secure, const std::string& host, INTERNET_PORT port) {
+  std::string url = secure ? "https://" : "http://";
+  if (host.find(':') != std::string::npos) {
+    url += "[" + host + "]";
+  } else {
+    url += host;
+  }
+  if (port != INTERNET_INVALID_PORT_NUMBER) url += ":" + std::to_string(port);
+  return url;
+}
+
+}  // namespace
+
 Connection::Connection(std::shared_ptr<Session> session, std::string host, INTERNET_PORT port)
-    : InternetObject(kKind), session_(std::move(session)), host_(std::move(host)), port_(port) {}
+    : InternetObject(kKind), session_(std::move(session)), host_(std::move(host)), port_(port),
+      origins_{MakeOrigin(false, host_, port_), MakeOrigin(true, host_, port_)} {}
 
 Connection::~Connection() {
   std::lock_guard lock(slots_mutex_);
@@ -112,16 +136,27 @@ Settings Connection::Effective() const {
   return settings;
 }
 
+const Settings& Connection::InheritedLocked() const {
+  // The generation is read before the holders: a change made meanwhile leaves a newer generation
+  // than the one recorded, and the next call looks again.
+  const std::uint64_t generation = SettingsGeneration();
+  if (!inherited_valid_ || inherited_generation_ != generation) {
+    inherited_ = Settings();
+    for (const SettingsHolder* holder : Chain()) holder->FillUnset(&inherited_);
+    inherited_generation_ = generation;
+    inherited_valid_ = true;
+  }
+  return inherited_;
+}
+
 void Connection::FillUnset(Settings* out) const {
-  for (const SettingsHolder* holder : Chain()) holder->FillUnset(out);
+  std::lock_guard lock(inherited_mutex_);
+  out->Inherit(InheritedLocked());
 }
 
 DWORD Connection::MaxConns() const {
-  // One field looked up along the chain, without copying every setting of every handle.
-  for (const SettingsHolder* holder : Chain()) {
-    if (const std::optional<DWORD> value = holder->Get(&Settings::max_conns)) return *value;
-  }
-  return kDefaultMaxConnsPerServer;
+  std::lock_guard lock(inherited_mutex_);
+  return InheritedLocked().max_conns.value_or(kDefaultMaxConnsPerServer);
 }
 
 std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,

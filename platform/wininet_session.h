@@ -11,6 +11,7 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -51,6 +52,10 @@ struct Settings {
   void Inherit(const Settings& parent);
 };
 
+// Counts the changes of every SettingsHolder in the process, so that what is derived from
+// settings can be kept until one of them changes.
+std::uint64_t SettingsGeneration();
+
 class SettingsHolder {
  public:
   Settings Get() const {
@@ -70,11 +75,16 @@ class SettingsHolder {
   }
   template <class F>
   void Update(F&& change) {
-    std::lock_guard lock(mutex_);
-    change(settings_);
+    {
+      std::lock_guard lock(mutex_);
+      change(settings_);
+    }
+    Changed();
   }
 
  private:
+  static void Changed();
+
   mutable std::mutex mutex_;
   Settings settings_;
 };
@@ -123,12 +133,15 @@ class Connection : public InternetObject, public SlotSource {
   const std::shared_ptr<Session>& session() const { return session_; }
   const std::string& host() const { return host_; }
   INTERNET_PORT port() const { return port_; }
+  // "scheme://host[:port]" of the requests made on this connection.
+  const std::string& Origin(bool secure) const { return origins_[secure ? 1 : 0]; }
   SettingsHolder& settings() { return settings_; }
 
   // Settings of this connection with its session's and the process's filled in.
   Settings Effective() const;
   // Fills the fields of `out` that are unset from this connection's settings, its session's and
-  // the process's, in that order.
+  // the process's, in that order. What they give is kept until a setting changes anywhere, so
+  // that requests do not each look through (and lock) handles other threads share.
   void FillUnset(Settings* out) const;
 
   // Checks a slot out, waiting while all "max connections" slots are in use. A stop must be
@@ -144,11 +157,19 @@ class Connection : public InternetObject, public SlotSource {
   // Where settings come from, nearest first: the connection, its session, the process.
   std::array<const SettingsHolder*, 3> Chain() const;
   DWORD MaxConns() const;
+  // The chain's settings, brought up to date; inherited_mutex_ must be held.
+  const Settings& InheritedLocked() const;
 
   std::shared_ptr<Session> session_;  // outlives the slots, whose easy handles use its share
   const std::string host_;
   const INTERNET_PORT port_;
+  const std::array<std::string, 2> origins_;  // http, https
   SettingsHolder settings_;
+
+  mutable std::mutex inherited_mutex_;
+  mutable Settings inherited_;  // the chain's settings as of inherited_generation_
+  mutable std::uint64_t inherited_generation_ = 0;
+  mutable bool inherited_valid_ = false;
 
   mutable std::mutex slots_mutex_;
   std::condition_variable slots_cv_;

@@ -92,6 +92,39 @@ TEST(OptionResetTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
   EXPECT_EQ(server.connection_count(), 1u);
 }
 
+// A setting changed on the session or the connection after requests were sent applies to the
+// next one, the nearest handle's value first.
+TEST(OptionResetTest, ASettingChangedBetweenRequestsAppliesToTheNextOne) {
+  ScriptedServer server;
+  server.Route("/r", ScriptedResponse(200, kBody));
+  const Handle session = OpenSession();
+  const Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(connection);
+  const struct {
+    HINTERNET handle;  // null: no change before this request
+    const wchar_t* agent;
+    std::string seen;
+  } steps[] = {
+      {nullptr, nullptr, "tqnetwork-test"},
+      {session.get(), L"session-2", "session-2"},
+      {connection.get(), L"connection-3", "connection-3"},
+      {session.get(), L"session-4", "connection-3"},
+  };
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    SCOPED_TRACE(i);
+    if (steps[i].handle != nullptr) {
+      ASSERT_TRUE(InternetSetOptionW(steps[i].handle, INTERNET_OPTION_USER_AGENT,
+                                     const_cast<wchar_t*>(steps[i].agent),
+                                     static_cast<DWORD>(std::wcslen(steps[i].agent))));
+    }
+    const Handle request = OpenRequest(connection, L"/r");
+    std::string read;
+    ASSERT_TRUE(Send(request)) << GetLastError();
+    ASSERT_TRUE(ReadAll(request, &read)) << GetLastError();
+    EXPECT_EQ(server.requests().back().Header("User-Agent"), steps[i].seen);
+  }
+}
+
 // The Accept line as the caller asked for it, once: from the accept types, from a line of the
 // caller's own (which replaces them), or none at all.
 TEST(OptionResetTest, TheAcceptLineGoesOutOnceAsAskedForInAnyOrderOfRequests) {
