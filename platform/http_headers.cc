@@ -142,19 +142,22 @@ static_assert(std::size(kLevelNames) == HTTP_QUERY_MAX + 1);
 // that a caller who allocates the length a size query reported always has room. The buffer may
 // be unaligned: it is written byte-wise.
 DWORD WriteText(std::string_view bytes, void* buffer, DWORD* buffer_length) {
-  const std::wstring text = Latin1ToWide(bytes);
-  const std::uint64_t needed = (static_cast<std::uint64_t>(text.size()) + 1) * sizeof(wchar_t);
+  // Latin-1: each byte is one character, widened in place, with no text made in between.
+  const std::uint64_t needed = (static_cast<std::uint64_t>(bytes.size()) + 1) * sizeof(wchar_t);
   if (needed > std::numeric_limits<DWORD>::max()) return ERROR_NOT_ENOUGH_MEMORY;
   if (buffer == nullptr || *buffer_length < needed) {
     *buffer_length = static_cast<DWORD>(needed);
     return ERROR_INSUFFICIENT_BUFFER;
   }
   auto* out = static_cast<char*>(buffer);
-  const std::size_t text_bytes = text.size() * sizeof(wchar_t);
-  std::memcpy(out, text.data(), text_bytes);
+  for (const char c : bytes) {
+    const auto wide = static_cast<wchar_t>(static_cast<unsigned char>(c));
+    std::memcpy(out, &wide, sizeof wide);
+    out += sizeof wide;
+  }
   constexpr wchar_t kNul = L'\0';
-  std::memcpy(out + text_bytes, &kNul, sizeof kNul);
-  *buffer_length = static_cast<DWORD>(text_bytes);
+  std::memcpy(out, &kNul, sizeof kNul);
+  *buffer_length = static_cast<DWORD>(bytes.size() * sizeof(wchar_t));
   return ERROR_SUCCESS;
 }
 
@@ -224,7 +227,7 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
     raw_.reserve(kUsualBytes);
     ends_.reserve(kUsualLines);
     headers_.reserve(kUsualLines);
-    AppendEntry(line);
+    AppendEntry(raw, line);
     return LineResult::kAccepted;
   }
   if (line.empty()) return LineResult::kEndOfBlock;
@@ -261,12 +264,17 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   headers_.push_back({at, static_cast<std::uint32_t>(name.size()),
                       at + static_cast<std::uint32_t>(value.data() - line.data()),
                       static_cast<std::uint32_t>(value.size()), false});
-  AppendEntry(line);
+  AppendEntry(raw, line);
   return LineResult::kAccepted;
 }
 
-void HeaderBlock::AppendEntry(std::string_view line) {
-  raw_.append(line).append("\r\n");
+void HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
+  // Lines mostly come with their CR LF: kept as they are, in one piece.
+  if (raw.size() == line.size() + 2) {
+    raw_.append(raw);
+  } else {
+    raw_.append(line).append("\r\n");
+  }
   ends_.push_back(static_cast<std::uint32_t>(raw_.size()));
 }
 
@@ -291,8 +299,12 @@ std::optional<std::string_view> HeaderBlock::Find(std::string_view name,
 bool HeaderBlock::ContentLengthAgrees() const {
   std::optional<std::uint64_t> length;
   // One pass over the headers: every response is checked.
+  constexpr std::string_view kName = "Content-Length";
   for (const auto& header : headers_) {
-    if (!EqualsIgnoreCase(Text(header.name, header.name_size, false), "Content-Length")) continue;
+    if (header.name_size != kName.size() ||
+        !EqualsIgnoreCase(Text(header.name, header.name_size, false), kName)) {
+      continue;
+    }
     std::string_view rest = Text(header.value, header.value_size, header.folded);
     for (;;) {
       const auto comma = rest.find(',');

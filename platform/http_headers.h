@@ -62,7 +62,8 @@ class HeaderBlock {
     bool folded;
   };
   std::string_view Text(std::uint32_t offset, std::uint32_t size, bool folded) const;
-  void AppendEntry(std::string_view line);
+  // Adds a line as received (`raw`) without its line end (`line`), followed by CR LF.
+  void AppendEntry(std::string_view raw, std::string_view line);
 
   std::string raw_;                  // the lines as received, each followed by CR LF
   std::vector<std::uint32_t> ends_;  // where each line ends in raw_, its folds included
