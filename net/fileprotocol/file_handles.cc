@@ -1,5 +1,8 @@
 #include "net/fileprotocol/file_handles.h"
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -8,33 +11,38 @@
 namespace qv::net {
 namespace {
 
-// The live records of one kind, keyed by the handle value the file layer holds. The lock covers
-// only the table: records are destroyed after it is let go (a thread handle's destructor closes
-// its connection).
+// The live records of one kind, keyed by the handle value the file layer holds. The locks cover
+// only the table: records are destroyed after they are let go (a thread handle's destructor
+// closes its connection). The table is split in parts, each with its own lock on its own cache
+// line, so that reading threads, each with its own thread and request handles, do not take
+// turns at one lock for every read.
 template <typename Record, typename Handle>
 class LiveRecords {
  public:
   Handle* Adopt(std::unique_ptr<Record> record) {
     std::shared_ptr<Record> shared(std::move(record));
     Handle* handle = shared.get();
-    std::lock_guard lock(m_mutex);
-    m_live.emplace(handle, std::move(shared));
+    Shard& shard = ShardOf(handle);
+    std::lock_guard lock(shard.mutex);
+    shard.live.emplace(handle, std::move(shared));
     return handle;
   }
 
   std::shared_ptr<Record> Find(Handle* handle) {
     if (handle == nullptr) return nullptr;
-    std::lock_guard lock(m_mutex);
-    const auto it = m_live.find(handle);
-    return it == m_live.end() ? nullptr : it->second;
+    Shard& shard = ShardOf(handle);
+    std::lock_guard lock(shard.mutex);
+    const auto it = shard.live.find(handle);
+    return it == shard.live.end() ? nullptr : it->second;
   }
 
   // Takes the record out of the table and hands it back, so that it dies (unless a call still
   // holds it) after the lock is let go.
   std::shared_ptr<Record> Remove(Handle* handle) {
     if (handle == nullptr) return nullptr;
-    std::lock_guard lock(m_mutex);
-    auto node = m_live.extract(handle);
+    Shard& shard = ShardOf(handle);
+    std::lock_guard lock(shard.mutex);
+    auto node = shard.live.extract(handle);
     return node.empty() ? nullptr : std::move(node.mapped());
   }
 
@@ -45,8 +53,19 @@ class LiveRecords {
   }
 
  private:
-  std::mutex m_mutex;
-  std::unordered_map<const Handle*, std::shared_ptr<Record>> m_live;
+  static constexpr std::size_t kShards = 16;
+  struct alignas(64) Shard {
+    std::mutex mutex;
+    std::unordered_map<const Handle*, std::shared_ptr<Record>> live;
+  };
+
+  // The address mixed, so that records allocated close together land in different parts.
+  Shard& ShardOf(const Handle* handle) {
+    const auto value = reinterpret_cast<std::uintptr_t>(handle) >> 4;
+    return m_shards[static_cast<std::size_t>((value * 0x9E3779B97F4A7C15ull) >> 60) % kShards];
+  }
+
+  std::array<Shard, kShards> m_shards;
 };
 
 using LiveFiles = LiveRecords<HttpFileHandle, TqUFileHandle>;
