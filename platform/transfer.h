@@ -50,9 +50,10 @@ class TransferSlot {
   void ReleaseOptions() { applied_.Release(easy_.get()); }
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
   std::string& spill_storage() { return spill_storage_; }
-  // The header lines of the next request, gathered into `lines` (cleared here), and room for a
-  // line the transfer makes; HeaderList then gives libcurl's list of them, made again only when
-  // they differ from the last request's. Null for no lines, and on running out of memory.
+  // The next request's header lines are gathered into NewHeaderLines (emptied first), with
+  // made_line as room for a line the transfer composes; HeaderList then gives libcurl's list of
+  // them, made again only when they differ from the last request's. Null for no lines, and (with
+  // *ok false) when memory runs out.
   std::vector<std::string_view>& NewHeaderLines() {
     wanted_lines_.clear();
     return wanted_lines_;
