@@ -3,7 +3,7 @@
 namespace tqplatform {
 namespace {
 
-// Sets a string option; a null or empty view with `none_if_empty` clears it (libcurl's default).
+// Sets a string option; empty text with `none_if_empty` clears it (libcurl's default).
 bool SetText(CURL* easy, CURLoption option, const std::string& text, bool none_if_empty) {
   const char* value = none_if_empty && text.empty() ? nullptr : text.c_str();
   return curl_easy_setopt(easy, option, value) == CURLE_OK;
@@ -38,10 +38,13 @@ bool AppliedOptions::SameRareOptions(const HopOptions& wanted) const {
 bool AppliedOptions::Apply(CURL* easy, const HopOptions& wanted) {
   // libcurl's authentication state follows the credentials: a request that uses them, or
   // follows one that did, starts from a cleared handle.
-  if (fresh_ || credentials_ || HasCredentials(wanted) || !SameRareOptions(wanted)) {
-    return SetAll(easy, wanted);
-  }
-  return SetChanged(easy, wanted);
+  const bool ok = fresh_ || failed_ || credentials_ || HasCredentials(wanted) ||
+                          !SameRareOptions(wanted)
+                      ? SetAll(easy, wanted)
+                      : SetChanged(easy, wanted);
+  // After a refusal what is recorded may not be what the handle holds: clear it next time.
+  if (!ok) failed_ = true;
+  return ok;
 }
 
 bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {

@@ -40,7 +40,7 @@ struct HopOptions {
   curl_prereq_callback prereq_function = nullptr;
   CURLSH* share = nullptr;
   bool verify_host = true;
-  const std::optional<std::string>* ca_file = nullptr;  // null or empty: libcurl's default
+  const std::optional<std::string>* ca_file = nullptr;  // null or unset: libcurl's default
   ProxyMode proxy_mode = ProxyMode::kEnvironment;
   std::string_view proxy;     // kNamed: the proxy for the URL's scheme ("" for none)
   std::string_view no_proxy;  // kNamed: libcurl's bypass list ("" for none)
@@ -68,6 +68,7 @@ class AppliedOptions {
   bool SetMethod(CURL* easy, const HopOptions& wanted);
 
   bool fresh_ = true;  // nothing applied since the handle was made or cleared
+  bool failed_ = false;  // libcurl refused an option since
 
   std::string url_;
   MethodKind method_ = MethodKind::kGet;
