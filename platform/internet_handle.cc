@@ -1,27 +1,18 @@
 #include "platform/internet_handle.h"
 
-#include <array>
 #include <atomic>
 #include <cstdint>
-#include <unordered_map>
+
+#include "tqutil/sharded_map.h"
 
 namespace tqplatform {
 namespace {
 
-// Every call looks its handle up: the table is split, each part with its own lock on its own
-// cache line, so that threads working on their own handles do not wait for one another.
-struct alignas(64) HandleShard {
-  std::mutex mutex;
-  std::unordered_map<std::uintptr_t, std::shared_ptr<InternetObject>> objects;
-};
-
+// Every call looks its handle up: the table is split, so that threads working on their own
+// handles do not wait for one another.
 struct HandleTable {
-  static constexpr std::size_t kShards = 16;
   std::atomic<std::uintptr_t> next{0x10000};
-  std::array<HandleShard, kShards> shards;
-
-  // Successive values (steps of 4) go to successive parts.
-  HandleShard& ShardOf(std::uintptr_t value) { return shards[(value >> 2) % kShards]; }
+  qv::ShardedMap<std::uintptr_t, std::shared_ptr<InternetObject>> objects;
 };
 
 HandleTable& Table() {
@@ -45,19 +36,13 @@ HINTERNET RegisterHandle(const std::shared_ptr<InternetObject>& object) {
   // Steps of 4 keep the values looking like aligned pointers to callers that print them.
   const std::uintptr_t value = table.next.fetch_add(4, std::memory_order_relaxed);
   object->handle_ = reinterpret_cast<HINTERNET>(value);
-  HandleShard& shard = table.ShardOf(value);
-  std::lock_guard lock(shard.mutex);
-  shard.objects.emplace(value, object);
+  table.objects.Insert(value, object);
   return object->handle_;
 }
 
 std::shared_ptr<InternetObject> LookupAnyHandle(HINTERNET handle) {
   if (handle == nullptr) return nullptr;
-  const auto value = reinterpret_cast<std::uintptr_t>(handle);
-  HandleShard& shard = Table().ShardOf(value);
-  std::lock_guard lock(shard.mutex);
-  const auto it = shard.objects.find(value);
-  return it == shard.objects.end() ? nullptr : it->second;
+  return Table().objects.Find(reinterpret_cast<std::uintptr_t>(handle));
 }
 
 std::shared_ptr<InternetObject> LookupHandle(HINTERNET handle, HandleKind kind) {
@@ -68,16 +53,9 @@ std::shared_ptr<InternetObject> LookupHandle(HINTERNET handle, HandleKind kind) 
 }
 
 bool CloseHandleTree(HINTERNET handle) {
-  std::shared_ptr<InternetObject> object;
-  {
-    const auto value = reinterpret_cast<std::uintptr_t>(handle);
-    HandleShard& shard = Table().ShardOf(value);
-    std::lock_guard lock(shard.mutex);
-    const auto it = shard.objects.find(value);
-    if (it == shard.objects.end()) return false;
-    object = std::move(it->second);
-    shard.objects.erase(it);
-  }
+  const std::shared_ptr<InternetObject> object =
+      Table().objects.Take(reinterpret_cast<std::uintptr_t>(handle));
+  if (object == nullptr) return false;
   std::vector<std::weak_ptr<InternetObject>> children;
   {
     std::lock_guard lock(object->children_mutex_);

@@ -1,20 +1,16 @@
 #include "net/fileprotocol/file_handles.h"
 
-#include <array>
-#include <cstddef>
-#include <cstdint>
 #include <memory>
-#include <mutex>
-#include <unordered_map>
 #include <utility>
+
+#include "tqutil/sharded_map.h"
 
 namespace qv::net {
 namespace {
 
-// The live records of one kind, keyed by the handle value the file layer holds. The locks cover
-// only the table: records are destroyed after they are let go (a thread handle's destructor
-// closes its connection). The table is split in parts, each with its own lock on its own cache
-// line, so that reading threads, each with its own thread and request handles, do not take
+// The live records of one kind, keyed by the handle value the file layer holds. Records are
+// destroyed after the table's lock is let go (a thread handle's destructor closes its
+// connection), and reading threads, each with its own thread and request handles, do not take
 // turns at one lock for every read.
 template <typename Record, typename Handle>
 class LiveRecords {
@@ -22,28 +18,18 @@ class LiveRecords {
   Handle* Adopt(std::unique_ptr<Record> record) {
     std::shared_ptr<Record> shared(std::move(record));
     Handle* handle = shared.get();
-    Shard& shard = ShardOf(handle);
-    std::lock_guard lock(shard.mutex);
-    shard.live.emplace(handle, std::move(shared));
+    m_live.Insert(handle, std::move(shared));
     return handle;
   }
 
   std::shared_ptr<Record> Find(Handle* handle) {
-    if (handle == nullptr) return nullptr;
-    Shard& shard = ShardOf(handle);
-    std::lock_guard lock(shard.mutex);
-    const auto it = shard.live.find(handle);
-    return it == shard.live.end() ? nullptr : it->second;
+    return handle == nullptr ? nullptr : m_live.Find(handle);
   }
 
   // Takes the record out of the table and hands it back, so that it dies (unless a call still
   // holds it) after the lock is let go.
   std::shared_ptr<Record> Remove(Handle* handle) {
-    if (handle == nullptr) return nullptr;
-    Shard& shard = ShardOf(handle);
-    std::lock_guard lock(shard.mutex);
-    auto node = shard.live.extract(handle);
-    return node.empty() ? nullptr : std::move(node.mapped());
+    return handle == nullptr ? nullptr : m_live.Take(handle);
   }
 
   // Never destroyed: a host may release handles from its own static destructors.
@@ -53,19 +39,7 @@ class LiveRecords {
   }
 
  private:
-  static constexpr std::size_t kShards = 16;
-  struct alignas(64) Shard {
-    std::mutex mutex;
-    std::unordered_map<const Handle*, std::shared_ptr<Record>> live;
-  };
-
-  // The address mixed, so that records allocated close together land in different parts.
-  Shard& ShardOf(const Handle* handle) {
-    const auto value = reinterpret_cast<std::uintptr_t>(handle) >> 4;
-    return m_shards[static_cast<std::size_t>((value * 0x9E3779B97F4A7C15ull) >> 60) % kShards];
-  }
-
-  std::array<Shard, kShards> m_shards;
+  qv::ShardedMap<const Handle*, std::shared_ptr<Record>> m_live;
 };
 
 using LiveFiles = LiveRecords<HttpFileHandle, TqUFileHandle>;
