@@ -19,12 +19,6 @@ std::string_view TrimLineEnd(std::string_view line) {
   return line;
 }
 
-std::string_view TrimSpace(std::string_view s) {
-  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
-  return s;
-}
-
 // The characters of an HTTP token, as a table: every header name of every response is checked.
 constexpr std::array<bool, 256> kTokenChars = [] {
   std::array<bool, 256> table{};

@@ -26,10 +26,7 @@ const std::string* DefaultAcceptLine(const std::vector<std::string>& lines) {
     const auto colon = text.find(':');
     if (!EqualsIgnoreCase(text.substr(0, colon), "Accept")) continue;
     if (found != nullptr) return nullptr;
-    std::string_view value = text.substr(colon + 1);
-    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
-    while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
-    if (value != "*/*") return nullptr;
+    if (TrimSpace(text.substr(colon + 1)) != "*/*") return nullptr;
     found = &line;
   }
   return found;

@@ -25,5 +25,7 @@ std::wstring Latin1ToWide(std::string_view bytes);
 
 // ASCII case-insensitive equality, as header names are compared.
 bool EqualsIgnoreCase(std::string_view a, std::string_view b);
+// Without the spaces and tabs at either end, as header values are read.
+std::string_view TrimSpace(std::string_view s);
 
 }  // namespace tqplatform

@@ -130,12 +130,6 @@ std::array<const SettingsHolder*, 3> Connection::Chain() const {
   return {&settings_, &session_->settings(), &ProcessSettings()};
 }
 
-Settings Connection::Effective() const {
-  Settings settings;
-  FillUnset(&settings);
-  return settings;
-}
-
 const Settings& Connection::InheritedLocked() const {
   // The generation is read before the holders: a change made meanwhile leaves a newer generation
   // than the one recorded, and the next call looks again.

@@ -137,8 +137,6 @@ class Connection : public InternetObject, public SlotSource {
   const std::string& Origin(bool secure) const { return origins_[secure ? 1 : 0]; }
   SettingsHolder& settings() { return settings_; }
 
-  // Settings of this connection with its session's and the process's filled in.
-  Settings Effective() const;
   // Fills the fields of `out` that are unset from this connection's settings, its session's and
   // the process's, in that order. What they give is kept until a setting changes anywhere, so
   // that requests do not each look through (and lock) handles other threads share.
