@@ -21,6 +21,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "net/fileprotocol/downloads.h"
@@ -60,6 +61,58 @@ struct Releaser : qv::net::HttpRequestHandler {
   TqUFileRequestHandle* request = nullptr;
   bool released = false;
 };
+
+// Sends every file to one other URL.
+class ResolvingProtocol : public HttpFileProtocol {
+ public:
+  explicit ResolvingProtocol(std::wstring target) : target_(std::move(target)) {}
+  bool SetupOpenFile(const wchar_t*, TqUWideStringBuffer* resolved, OpenMode) override {
+    resolved->SetString(target_.c_str());
+    return true;
+  }
+
+ private:
+  std::wstring target_;
+};
+
+struct SeenUrls : qv::net::HttpRequestHandler {
+  void HandlePreRequest(qv::net::HttpRequest& request) override {
+    urls.emplace_back(request.GetRawUrl());
+  }
+  std::vector<std::wstring> urls;
+};
+
+// The request a ranged read hands to the pre-request handlers carries the URL as the caller gave
+// it, whether or not the protocol resolved the file to another URL, while the bytes come from
+// the resolved one; a second read is made as the first.
+TEST_F(HttpFileProtocolTest, RangedReadHandlersSeeTheUrlAsGivenAndTheBytesComeFromTheResolvedOne) {
+  server_.Route("/asked", ScriptedResponse(200, "asked"));
+  server_.Route("/resolved", ScriptedResponse(200, "resolved"));
+  ResolvingProtocol resolving(W(server_.Url("/resolved")));
+  const std::pair<HttpFileProtocol*, std::string> cases[] = {{protocol_, "ask"},
+                                                             {&resolving, "res"}};
+  for (const auto& [protocol, expected] : cases) {
+    SeenUrls seen;
+    const std::wstring url = W(server_.Url("/asked"));
+    TqUFileHandle* file = protocol->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
+    ASSERT_NE(file, nullptr);
+    TqUThreadHandle* thread = protocol->CreateThreadHandle(file);
+    TqUFileRequestHandle* request = protocol->SetupReadFile(file, 0, 3);
+    std::string got(3, '\0');
+    qv::net::HttpRequestHandlerManager::RegisterHandler(&seen);
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(protocol->ReadFileToSize(file, thread, request, 0, 3,
+                                         reinterpret_cast<unsigned char*>(got.data()), nullptr),
+                3);
+      EXPECT_EQ(got, expected);
+    }
+    qv::net::HttpRequestHandlerManager::UnregisterHandler(&seen);
+    EXPECT_EQ(seen.urls, std::vector<std::wstring>(2, url));
+    protocol->ReleaseRequestHandle(request);
+    protocol->ReleaseThreadHandle(thread);
+    protocol->CloseFile(file);
+  }
+}
 
 // Handles are looked up among the live ones, never read: a released handle (reading it was a
 // use after free) and a pointer to a copy of a live handle's bytes (which was trusted) are

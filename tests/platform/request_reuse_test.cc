@@ -1,10 +1,12 @@
-// Sequential requests on one connection handle reuse its transfer slot: what a slot remembers
-// from the last request (the room kept for body bytes, headers, a body) must never leak into the
-// next one. The URL as sent: the hostile dot-segment case.
+// Sequential requests on one connection handle reuse its transfer slot and its libcurl handle,
+// which keeps its options from one request to the next: nothing a request asked for or left
+// behind (its method, body, range, own header lines, credentials, the room kept for body bytes)
+// may reach the request after it, in any order of requests.
 #include <gtest/gtest.h>
 
 #include <strings.h>
 
+#include <cwchar>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -22,6 +24,22 @@ std::string Pattern(std::size_t size) {
   std::string bytes(size, '\0');
   for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 251) % 256);
   return bytes;
+}
+
+// Every value of a header the request carried, names compared without case.
+std::vector<std::string> Values(const RecordedRequest& request, const std::string& name) {
+  std::vector<std::string> values;
+  for (const auto& [n, value] : request.headers) {
+    if (n.size() == name.size() && strncasecmp(n.c_str(), name.c_str(), n.size()) == 0) {
+      values.push_back(value);
+    }
+  }
+  return values;
+}
+
+bool SetText(HINTERNET handle, DWORD option, const wchar_t* text) {
+  return InternetSetOptionW(handle, option, const_cast<wchar_t*>(text),
+                            static_cast<DWORD>(std::wcslen(text))) != FALSE;
 }
 
 class RequestReuseTest : public ::testing::Test {
@@ -85,34 +103,137 @@ TEST_F(RequestReuseTest, ABodyLeftUnreadIsDroppedAndTheNextRequestIsServed) {
   }
 }
 
-TEST_F(RequestReuseTest, TheAgentLineGoesOutOnceAndAPostBodyWithoutAskingToContinue) {
+// The agent and Accept lines go out once, as asked: the session's agent unless a line of the
+// caller's own replaces it; the accept types, a line of the caller's own, both, or none. A body
+// goes without asking to continue first.
+TEST_F(RequestReuseTest, AgentAndAcceptLinesGoOutOnceAsAskedAndABodyWithoutAskingToContinue) {
   server.Route("/", ScriptedResponse(200, "ok"));
   const std::string big_body(1536 * 1024, 'p');  // past the size libcurl asks to continue for
+  const wchar_t* all[] = {L"*/*", nullptr};
+  const wchar_t* text[] = {L"text/html", nullptr};
+  const wchar_t* two[] = {L"text/html", L"*/*", nullptr};
+  using Lines = std::vector<std::string>;
+  const Lines ours{"tqnetwork-test"};
   const struct {
     const wchar_t* verb;
+    const wchar_t** types;
     std::wstring headers;
     std::string body;
-    const char* agent;  // the one User-Agent the server must see
+    Lines agent, accept;  // every value of each that the server must see
   } cases[] = {
-      {L"GET", L"", "", "tqnetwork-test"},
-      {L"GET", L"user-agent: mine\r\n", "", "mine"},
-      {L"POST", L"Content-Type: application/octet-stream\r\n", big_body, "tqnetwork-test"},
-      {L"PUT", L"User-Agent: put-agent\r\n", "small", "put-agent"},
+      {L"GET", all, L"", "", ours, {"*/*"}},
+      {L"GET", all, L"user-agent: mine\r\n", "", {"mine"}, {"*/*"}},
+      {L"POST", all, L"Content-Type: application/octet-stream\r\n", big_body, ours, {"*/*"}},
+      {L"PUT", all, L"User-Agent: put-agent\r\n", "small", {"put-agent"}, {"*/*"}},
+      {L"GET", nullptr, L"", "", ours, {}},
+      {L"GET", text, L"", "", ours, {"text/html"}},
+      {L"GET", all, L"", "", ours, {"*/*"}},
+      {L"GET", two, L"", "", ours, {"text/html, */*"}},
+      {L"GET", nullptr, L"Accept: */*\r\n", "", ours, {"*/*"}},
+      {L"GET", all, L"accept: image/png\r\n", "", ours, {"*/*", "image/png"}},
+      {L"GET", nullptr, L"", "", ours, {}},
   };
-  for (const auto& c : cases) EXPECT_EQ(Get(L"/", c.verb, c.headers, c.body), "ok");
-  const std::vector<RecordedRequest> seen = server.requests();
-  ASSERT_EQ(seen.size(), std::size(cases));
-  for (std::size_t i = 0; i < seen.size(); ++i) {
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE(i);
-    std::vector<std::string> agents;
-    for (const auto& [name, value] : seen[i].headers) {
-      if (name.size() == 10 && strncasecmp(name.c_str(), "User-Agent", 10) == 0) {
-        agents.push_back(value);
-      }
+    const Handle request(HttpOpenRequestW(connection.get(), cases[i].verb, L"/", nullptr, nullptr,
+                                          cases[i].types, 0, 0));
+    std::string read;
+    ASSERT_TRUE(Send(request, cases[i].headers, cases[i].body)) << GetLastError();
+    ASSERT_TRUE(ReadAll(request, &read)) << GetLastError();
+    EXPECT_EQ(read, "ok");
+    const RecordedRequest seen = server.requests().back();
+    EXPECT_EQ(Values(seen, "User-Agent"), cases[i].agent);
+    EXPECT_EQ(Values(seen, "Accept"), cases[i].accept);
+    EXPECT_EQ(seen.Header("Expect"), std::nullopt);
+    EXPECT_TRUE(seen.body == cases[i].body) << seen.body.size() << " bytes arrived";
+  }
+}
+
+TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
+  static constexpr char kBody[] = "0123456789";
+  // Asks for credentials when the request says so; any Range gets a part.
+  server.Route("/r", [](const RecordedRequest& request) {
+    if (request.Header("X-Want-Auth") && !request.Header("Authorization")) {
+      return ScriptedResponse(401, "who?").Header("WWW-Authenticate", "Basic realm=\"t\"");
     }
-    EXPECT_EQ(agents, std::vector<std::string>{cases[i].agent});
-    EXPECT_EQ(seen[i].Header("Expect"), std::nullopt);
-    EXPECT_TRUE(seen[i].body == cases[i].body) << seen[i].body.size() << " bytes arrived";
+    if (request.Header("Range")) return ScriptedResponse(206, "part");
+    return ScriptedResponse(200, kBody);
+  });
+  const struct Step {
+    const wchar_t* verb;
+    const wchar_t* headers;
+    std::string body;
+    bool credentials;
+    std::string read;  // the body the caller reads
+  } steps[] = {
+      {L"HEAD", L"", "", false, ""},
+      {L"GET", L"Range: bytes=2-4\r\nX-Extra: 1\r\n", "", false, "part"},
+      {L"GET", L"", "", false, kBody},
+      {L"POST", L"", "abc", false, kBody},
+      {L"GET", L"", "", false, kBody},
+      {L"PUT", L"", "xyz", false, kBody},
+      {L"DELETE", L"", "", false, kBody},
+      {L"GET", L"X-Want-Auth: 1\r\n", "", true, kBody},
+      {L"GET", L"", "", false, kBody},
+      {L"HEAD", L"Range: bytes=0-0\r\n", "", false, ""},
+      {L"POST", L"", "q", false, kBody},
+      {L"HEAD", L"", "", false, ""},
+      {L"GET", L"", "", false, kBody},
+  };
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    const Step& step = steps[i];
+    SCOPED_TRACE(i);
+    const Handle request = OpenRequest(connection, L"/r", step.verb);
+    if (step.credentials) {
+      ASSERT_TRUE(SetText(request.get(), INTERNET_OPTION_USERNAME, L"user"));
+      ASSERT_TRUE(SetText(request.get(), INTERNET_OPTION_PASSWORD, L"secret"));
+    }
+    const std::size_t before = server.requests().size();
+    std::string read;
+    ASSERT_TRUE(Send(request, step.headers, step.body)) << GetLastError();
+    ASSERT_TRUE(ReadAll(request, &read)) << GetLastError();
+    EXPECT_EQ(read, step.read);
+
+    // The request as the server saw it last (a challenge answered makes two).
+    const std::vector<RecordedRequest> requests = server.requests();
+    ASSERT_GT(requests.size(), before);
+    const RecordedRequest& got = requests.back();
+    const std::wstring verb = step.verb;
+    EXPECT_EQ(got.method, std::string(verb.begin(), verb.end()));
+    EXPECT_EQ(got.body, step.body);
+    const std::wstring headers = step.headers;
+    const auto sent = [&](const wchar_t* name) { return headers.find(name) != headers.npos; };
+    EXPECT_EQ(got.Header("Range").has_value(), sent(L"Range:"));
+    EXPECT_EQ(got.Header("X-Extra").has_value(), sent(L"X-Extra:"));
+    EXPECT_EQ(got.Header("Authorization").has_value(), step.credentials);
+    EXPECT_EQ(got.Header("Content-Length").has_value(), !step.body.empty());
+    EXPECT_EQ(got.Header("User-Agent"), "tqnetwork-test");
+  }
+  // Every answer was read to its end: one connection served them all.
+  EXPECT_EQ(server.connection_count(), 1u);
+}
+
+// A setting changed on the session or the connection after requests were sent applies to the
+// next one, the nearest handle's value first.
+TEST_F(RequestReuseTest, ASettingChangedBetweenRequestsAppliesToTheNextOne) {
+  server.Route("/r", ScriptedResponse(200, "ok"));
+  const struct {
+    HINTERNET handle;  // null: no change before this request
+    const wchar_t* agent;
+    std::string seen;
+  } steps[] = {
+      {nullptr, nullptr, "tqnetwork-test"},
+      {session.get(), L"session-2", "session-2"},
+      {connection.get(), L"connection-3", "connection-3"},
+      {session.get(), L"session-4", "connection-3"},
+  };
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    SCOPED_TRACE(i);
+    if (steps[i].handle != nullptr) {
+      ASSERT_TRUE(SetText(steps[i].handle, INTERNET_OPTION_USER_AGENT, steps[i].agent));
+    }
+    EXPECT_EQ(Get(L"/r"), "ok");
+    EXPECT_EQ(server.requests().back().Header("User-Agent"), steps[i].seen);
   }
 }
 
