@@ -1,4 +1,4 @@
-// The one decimal number parser of the tree: digits only, checked. Header-only and standing on
+// The one decimal number parser of the tree (digits only, checked) and its formatter. Header-only and standing on
 // the standard library alone, so that platform/'s Linux implementation includes it as well as
 // tqutil and net/ do, without linking tqutil (see tqutil/utf8.h).
 #pragma once
@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace qv {
@@ -71,6 +72,18 @@ constexpr std::optional<std::uint64_t> TakeDecimal(std::string_view& text,
 constexpr std::optional<std::uint64_t> TakeDecimal(std::wstring_view& text,
                                                    std::uint64_t max = kMaxDecimal) {
   return decimal_detail::Take(text, max);
+}
+
+// Appends `value` in decimal digits: for wide text on hot paths, where the standard library's
+// wide formatting goes through a printf-style call.
+inline void AppendDecimal(std::uint64_t value, std::wstring* out) {
+  wchar_t digits[20];
+  std::size_t n = 0;
+  do {
+    digits[n++] = static_cast<wchar_t>(L'0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  while (n > 0) out->push_back(digits[--n]);
 }
 
 }  // namespace qv

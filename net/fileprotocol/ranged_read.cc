@@ -10,6 +10,7 @@
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/fileprotocol/protocol_internal.h"
 #include "net/http/request_handler.h"
+#include "tqutil/decimal.h"
 
 namespace qv::net {
 namespace {
@@ -23,16 +24,6 @@ constexpr std::uint64_t kSkipChunk = 64 * 1024;
 
 void PostReadError(const wchar_t* format, const TqUWideString& url, int value) {
   TqUError::Post(1, &detail::FileProtocolComponent(), format, url.GetString(), value);
-}
-
-void AppendDecimal(std::uint64_t value, std::wstring* out) {
-  wchar_t digits[20];
-  std::size_t n = 0;
-  do {
-    digits[n++] = static_cast<wchar_t>(L'0' + value % 10);
-    value /= 10;
-  } while (value != 0);
-  while (n > 0) out->push_back(digits[--n]);
 }
 
 // The answer's "Content-Range", asked for once however many checks read it; null when absent.
@@ -153,9 +144,9 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
                                  : HttpRequest(url.GetString(), HttpMethod::Get);
   HttpRequestHandlerManager::HandlePreRequest(http_request);
   std::wstring range = L"bytes=";
-  AppendDecimal(offset, &range);
+  qv::AppendDecimal(offset, &range);
   range.push_back(L'-');
-  AppendDecimal(offset + size - 1, &range);
+  qv::AppendDecimal(offset + size - 1, &range);
   http_request.AddHeader(L"Range", range.c_str());
 
   detail::InternetHandle handle(detail::OpenProtocolRequest(

@@ -46,6 +46,12 @@ TEST(DecimalTest, OnlyDigitsWithinTheLimitAreANumber) {
   }
   EXPECT_EQ(ParseDecimal(std::wstring_view(L"\x0661")), std::nullopt);  // ARABIC-INDIC ONE
   EXPECT_EQ(ParseDecimal(std::wstring_view(L"\xFF11")), std::nullopt);  // FULLWIDTH ONE
+  // What the formatter appends reads back as the same number.
+  for (const std::uint64_t value : {std::uint64_t{0}, std::uint64_t{10}, kMax}) {
+    std::wstring text = L"=";
+    qv::AppendDecimal(value, &text);
+    EXPECT_EQ(text, L"=" + std::to_wstring(value));
+  }
 }
 
 TEST(DecimalTest, TakingANumberOffTheFrontLeavesTheRestOrNothingOnRefusal) {
