@@ -1,85 +1,103 @@
 #include "net/http/http_status.h"
 
+#include <algorithm>
+#include <iterator>
+
+#include "net/http/status_names.h"
+
 namespace qv::net {
 namespace {
 
-// The enumerator's name of a listed code; null for 0 and codes that are not listed.
-const char* StatusName(int code) {
-  switch (code) {
-    case 100: return "Continue";
-    case 101: return "SwitchingProtocols";
-    case 102: return "Processing";
-    case 103: return "EarlyHints";
-    case 200: return "OK";
-    case 201: return "Created";
-    case 202: return "Accepted";
-    case 203: return "NonAuthoritativeInformation";
-    case 204: return "NoContent";
-    case 205: return "ResetContent";
-    case 206: return "PartialContent";
-    case 207: return "MultiStatus";
-    case 208: return "AlreadyReported";
-    case 226: return "IMUsed";
-    case 300: return "MultipleChoices";
-    case 301: return "MovedPermanently";
-    case 302: return "Found";
-    case 303: return "SeeOther";
-    case 304: return "NotModified";
-    case 305: return "UseProxy";
-    case 307: return "TemporaryRedirect";
-    case 308: return "PermanentRedirect";
-    case 400: return "BadRequest";
-    case 401: return "Unauthorized";
-    case 402: return "PaymentRequired";
-    case 403: return "Forbidden";
-    case 404: return "NotFound";
-    case 405: return "MethodNotAllowed";
-    case 406: return "NotAcceptable";
-    case 407: return "ProxyAuthenticationRequired";
-    case 408: return "RequestTimeout";
-    case 409: return "Conflict";
-    case 410: return "Gone";
-    case 411: return "LengthRequired";
-    case 412: return "PreconditionFailed";
-    case 413: return "PayloadTooLarge";
-    case 414: return "URITooLong";
-    case 415: return "UnsupportedMediaType";
-    case 416: return "RangeNotSatisfiable";
-    case 417: return "ExpectationFailed";
-    case 421: return "MisdirectedRequest";
-    case 422: return "UnprocessableContent";
-    case 423: return "Locked";
-    case 424: return "FailedDependency";
-    case 425: return "TooEarly";
-    case 426: return "UpgradeRequired";
-    case 428: return "PreconditionRequired";
-    case 429: return "TooManyRequests";
-    case 431: return "RequestHeaderFieldsTooLarge";
-    case 451: return "UnavailableForLegalReasons";
-    case 500: return "InternalServerError";
-    case 501: return "NotImplemented";
-    case 502: return "BadGateway";
-    case 503: return "ServiceUnavailable";
-    case 504: return "GatewayTimeout";
-    case 505: return "HTTPVersionNotSupported";
-    case 506: return "VariantAlsoNegotiates";
-    case 507: return "InsufficientStorage";
-    case 508: return "LoopDetected";
-    case 510: return "NotExtended";
-    case 511: return "NetworkAuthenticationRequired";
-    default: return nullptr;
-  }
-}
+// By code, for FindStatus to search by halves.
+constexpr detail::StatusNames kStatuses[] = {
+    {100, "Continue", "Continue"},
+    {101, "SwitchingProtocols", "Switching Protocols"},
+    {102, "Processing", "Processing"},
+    {103, "EarlyHints", "Early Hints"},
+    {200, "OK", "OK"},
+    {201, "Created", "Created"},
+    {202, "Accepted", "Accepted"},
+    {203, "NonAuthoritativeInformation", "Non-Authoritative Information"},
+    {204, "NoContent", "No Content"},
+    {205, "ResetContent", "Reset Content"},
+    {206, "PartialContent", "Partial Content"},
+    {207, "MultiStatus", "Multi-Status"},
+    {208, "AlreadyReported", "Already Reported"},
+    {226, "IMUsed", "IM Used"},
+    {300, "MultipleChoices", "Multiple Choices"},
+    {301, "MovedPermanently", "Moved Permanently"},
+    {302, "Found", "Found"},
+    {303, "SeeOther", "See Other"},
+    {304, "NotModified", "Not Modified"},
+    {305, "UseProxy", "Use Proxy"},
+    {307, "TemporaryRedirect", "Temporary Redirect"},
+    {308, "PermanentRedirect", "Permanent Redirect"},
+    {400, "BadRequest", "Bad Request"},
+    {401, "Unauthorized", "Unauthorized"},
+    {402, "PaymentRequired", "Payment Required"},
+    {403, "Forbidden", "Forbidden"},
+    {404, "NotFound", "Not Found"},
+    {405, "MethodNotAllowed", "Method Not Allowed"},
+    {406, "NotAcceptable", "Not Acceptable"},
+    {407, "ProxyAuthenticationRequired", "Proxy Authentication Required"},
+    {408, "RequestTimeout", "Request Timeout"},
+    {409, "Conflict", "Conflict"},
+    {410, "Gone", "Gone"},
+    {411, "LengthRequired", "Length Required"},
+    {412, "PreconditionFailed", "Precondition Failed"},
+    {413, "PayloadTooLarge", "Content Too Large"},
+    {414, "URITooLong", "URI Too Long"},
+    {415, "UnsupportedMediaType", "Unsupported Media Type"},
+    {416, "RangeNotSatisfiable", "Range Not Satisfiable"},
+    {417, "ExpectationFailed", "Expectation Failed"},
+    {418, "ImATeapot", "I'm a teapot"},
+    {421, "MisdirectedRequest", "Misdirected Request"},
+    {422, "UnprocessableContent", "Unprocessable Content"},
+    {423, "Locked", "Locked"},
+    {424, "FailedDependency", "Failed Dependency"},
+    {425, "TooEarly", "Too Early"},
+    {426, "UpgradeRequired", "Upgrade Required"},
+    {428, "PreconditionRequired", "Precondition Required"},
+    {429, "TooManyRequests", "Too Many Requests"},
+    {431, "RequestHeaderFieldsTooLarge", "Request Header Fields Too Large"},
+    {451, "UnavailableForLegalReasons", "Unavailable For Legal Reasons"},
+    {500, "InternalServerError", "Internal Server Error"},
+    {501, "NotImplemented", "Not Implemented"},
+    {502, "BadGateway", "Bad Gateway"},
+    {503, "ServiceUnavailable", "Service Unavailable"},
+    {504, "GatewayTimeout", "Gateway Timeout"},
+    {505, "HTTPVersionNotSupported", "HTTP Version Not Supported"},
+    {506, "VariantAlsoNegotiates", "Variant Also Negotiates"},
+    {507, "InsufficientStorage", "Insufficient Storage"},
+    {508, "LoopDetected", "Loop Detected"},
+    {510, "NotExtended", "Not Extended"},
+    {511, "NetworkAuthenticationRequired", "Network Authentication Required"},
+};
+static_assert(std::is_sorted(std::begin(kStatuses), std::end(kStatuses),
+                             [](const detail::StatusNames& a, const detail::StatusNames& b) {
+                               return a.code < b.code;
+                             }));
 
 }  // namespace
+
+namespace detail {
+
+const StatusNames* FindStatus(int code) {
+  const auto* found = std::lower_bound(
+      std::begin(kStatuses), std::end(kStatuses), code,
+      [](const StatusNames& entry, int wanted) { return entry.code < wanted; });
+  return found != std::end(kStatuses) && found->code == code ? found : nullptr;
+}
+
+}  // namespace detail
 
 const char* HttpErrorCategory::name() const noexcept { return "http"; }
 
 std::string HttpErrorCategory::message(int code) const {
-  if (code == 418) return "I'm A Teapot (418)";
-  const char* name = StatusName(code);
-  if (name == nullptr) return "Unknown";
-  return std::string(name) + " (" + std::to_string(code) + ")";
+  if (code == 418) return "I'm A Teapot (418)";  // its enumerator's name reads badly as words
+  const detail::StatusNames* status = detail::FindStatus(code);
+  if (status == nullptr) return "Unknown";
+  return std::string(status->name) + " (" + std::to_string(code) + ")";
 }
 
 const std::error_category& HttpCategory() {
