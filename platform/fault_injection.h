@@ -19,8 +19,7 @@
 
 #ifndef _WIN32
 
-// Passed as fail_count: the call keeps failing until the fault is cleared.
-inline constexpr unsigned kTqPlatformFaultForever = 0xFFFFFFFFu;
+#include "platform/fault_table.h"  // kTqPlatformFaultForever, for fail_count
 
 extern "C" {
 // Arms a fault for one function: the next skip_count calls run normally, then fail_count calls

@@ -9,7 +9,7 @@
 #include <windows.h>
 #include <wininet.h>
 
-inline constexpr unsigned kTqPlatformFaultForever = 0xFFFFFFFFu;  // fails until cleared
+#include "platform/fault_table.h"  // kTqPlatformFaultForever, for fail_count
 
 extern "C" {
 // The next skip_count calls of the function run normally, then fail_count calls fail with

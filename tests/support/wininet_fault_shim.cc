@@ -10,68 +10,29 @@
 
 #include "tests/support/fault_injection.h"
 
-#include <array>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <mutex>
+
+#include "platform/fault_table.h"
 
 namespace {
 
-enum Function : int {
-  kInternetOpenW, kInternetConnectW, kInternetSetOptionW, kHttpOpenRequestW, kHttpSendRequestW,
-  kHttpQueryInfoW, kInternetReadFile, kInternetCloseHandle, kFunctionCount
-};
-
-constexpr std::array<const char*, kFunctionCount> kNames = {
-    "InternetOpenW",    "InternetConnectW", "InternetSetOptionW", "HttpOpenRequestW",
-    "HttpSendRequestW", "HttpQueryInfoW",   "InternetReadFile",   "InternetCloseHandle"};
-
-struct Fault {
-  DWORD error = 0;
-  unsigned skip = 0;
-  unsigned fail = 0;
-  unsigned failures = 0;
-};
-
-struct FaultTable {
-  std::mutex mutex;
-  std::array<Fault, kFunctionCount> faults;
-  std::atomic<bool> armed{false};  // lets the common case (nothing armed) skip the lock
-};
+using tqplatform::FaultTable;
 
 FaultTable& Table() {
   static FaultTable table;
   return table;
 }
 
-int IndexOf(const char* name) {
-  if (name == nullptr) return -1;
-  for (int i = 0; i < kFunctionCount; ++i) {
-    if (std::strcmp(kNames[static_cast<std::size_t>(i)], name) == 0) return i;
-  }
-  return -1;
-}
+// The shimmed functions, as indexes into FaultTable::kFunctions.
+enum Function : int {
+  kInternetOpenW, kInternetConnectW, kInternetSetOptionW, kHttpOpenRequestW, kHttpSendRequestW,
+  kHttpQueryInfoW, kInternetReadFile, kInternetCloseHandle
+};
+static_assert(kInternetCloseHandle + 1 == FaultTable::kFunctions.size());
 
-// The error to fail the call with, or 0 to forward it.
-DWORD TakeFault(Function function) {
-  FaultTable& table = Table();
-  if (!table.armed.load(std::memory_order_acquire)) return 0;
-  std::lock_guard lock(table.mutex);
-  Fault& fault = table.faults[function];
-  if (fault.error == 0 || fault.fail == 0) return 0;
-  if (fault.skip > 0) {
-    --fault.skip;
-    return 0;
-  }
-  if (fault.fail != kTqPlatformFaultForever) --fault.fail;
-  ++fault.failures;
-  return fault.error;
-}
-
-// The real function of the system's DLL (wininet.dll). A
-// missing one ends the test program: every test would otherwise fail for a reason far from here.
+// The real function of the system's DLL (wininet.dll). A missing one ends the test program:
+// every test would otherwise fail for a reason far from here.
 template <class F>
 F Real(const wchar_t* module_name, const char* name) {
   const HMODULE module = LoadLibraryW(module_name);
@@ -90,11 +51,11 @@ struct Shim;
 template <Function F, class R, class... A>
 struct Shim<F, R (*)(A...)> {
   static R WINAPI Call(A... args) {
-    if (const DWORD error = TakeFault(F)) {
+    if (const DWORD error = Table().Take(FaultTable::kFunctions[F])) {
       SetLastError(error);
       return R{};
     }
-    static const auto real = Real<R (*)(A...)>(L"wininet.dll", kNames[F]);
+    static const auto real = Real<R (*)(A...)>(L"wininet.dll", FaultTable::kFunctions[F]);
     return real(args...);
   }
 };
@@ -116,32 +77,15 @@ TQ_SHIM(InternetCloseHandle)
 
 BOOL TqPlatformInjectFault(const char* function_name, DWORD error, unsigned fail_count,
                            unsigned skip_count) {
-  const int index = IndexOf(function_name);
-  if (index < 0 || error == 0) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
-  FaultTable& table = Table();
-  std::lock_guard lock(table.mutex);
-  Fault& fault = table.faults[static_cast<std::size_t>(index)];
-  fault = Fault{error, skip_count, fail_count, fault.failures};
-  table.armed.store(true, std::memory_order_release);
-  return TRUE;
+  if (Table().Arm(function_name, error, fail_count, skip_count)) return TRUE;
+  SetLastError(ERROR_INVALID_PARAMETER);
+  return FALSE;
 }
 
-void TqPlatformClearFaults() {
-  FaultTable& table = Table();
-  std::lock_guard lock(table.mutex);
-  table.faults.fill(Fault{});
-  table.armed.store(false, std::memory_order_release);
-}
+void TqPlatformClearFaults() { Table().Clear(); }
 
 unsigned TqPlatformInjectedFailures(const char* function_name) {
-  const int index = IndexOf(function_name);
-  if (index < 0) return 0;
-  FaultTable& table = Table();
-  std::lock_guard lock(table.mutex);
-  return table.faults[static_cast<std::size_t>(index)].failures;
+  return Table().Failures(function_name);
 }
 
 }  // extern "C"
