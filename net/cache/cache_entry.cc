@@ -26,10 +26,35 @@ UniqueFile OpenForReading(const fs::path& path) {
                                          TqUSysFile::kOpenExisting, 0, 0));
 }
 
+// A body read from an entry file whose length is taken when it is opened. Stores replace the
+// file by rename and the sharing keeps writers of ours out, so the file cannot shrink under
+// the reader unless some other program cuts it: the end of the file before that length is then
+// a read error, never the end of a body that would look whole to the caller.
+class EntryBodyStream final : public qv::io::FileReadStream {
+ public:
+  EntryBodyStream(TqUSysFile::Handle file, std::uint64_t end)
+      : qv::io::FileReadStream(file), m_end(end) {}
+
+  std::uint64_t Read(void* buffer, std::uint64_t size) override {
+    const std::uint64_t got = FileReadStream::Read(buffer, size);
+    if (got == 0 && size > 0 && RTell() < m_end) {
+      throw std::runtime_error("FileReadStream: cannot read the file");
+    }
+    return got;
+  }
+
+ private:
+  std::uint64_t m_end;  // the body's length when opened
+};
+
 // A stream over the body of `file`, which starts at `offset`; null when the file cannot seek.
 std::unique_ptr<qv::io::IDataSeekableReadStream> BodyStream(UniqueFile file,
                                                             std::uint64_t offset) {
-  auto stream = std::make_unique<qv::io::FileReadStream>(file.release());
+  const std::int64_t size = TqUSysFile::GetFileSize(file.get());
+  if (size < 0) return nullptr;
+  const std::uint64_t end =
+      static_cast<std::uint64_t>(size) > offset ? static_cast<std::uint64_t>(size) - offset : 0;
+  auto stream = std::make_unique<EntryBodyStream>(file.release(), end);
   stream->SetBaseOffset(offset);
   // Moved by the stream itself, which then knows where the file stands without asking again.
   try {
