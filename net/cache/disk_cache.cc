@@ -423,14 +423,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
       if (auto stream = entry.OpenLoadedBody(std::move(lookup.m_loaded_file))) return stream;
     }
     lookup.m_loaded_file.reset();
-    // Used after now: the clock has been set back since, and an expiry counted on the clock as
-    // it was would keep the entry fresh for as long again. It is revalidated (the use then
-    // recorded is on the clock as it is); one that never expires needs no server.
-    const bool clock_set_back =
-        entry.LastUsed() > now && entry.Expiry() != entry_format::kNeverExpires;
-    if (entry.IsValid() && IsFresh(entry.Expiry(), now) && !clock_set_back) {
-      return entry.OpenReadStream(now);
-    }
+    if (entry.IsValid() && IsFresh(entry.Expiry(), now)) return entry.OpenReadStream(now);
     return RefreshShared(lookup, stop, directory);
   } catch (const std::exception& e) {
     LogOpenFailure(lookup.m_url, e);

@@ -195,30 +195,6 @@ TEST(FreshnessTest, DirectivesCountFromTheDateAndTheDefaultLifetimeFromNow) {
   EXPECT_FALSE(qv::net::IsFresh(kNow - 1, kNow));
 }
 
-// The clock set back after an entry was stored or used (it had run a year ahead): the expiry
-// counted on the wrong clock no longer says how long the entry is fresh, so it is revalidated
-// once; an entry that never expires is still served without asking.
-TEST_F(CacheTest, AnEntryUsedAfterTheClockIsSetBackIsRevalidatedOnce) {
-  constexpr std::int64_t kYear = 365 * 86'400;
-  m_clock.Set(kDate + kYear);
-  m_api.Queue(Ok("body", std::nullopt, L"\"a\""));  // fresh for 30 days from our clock
-  EXPECT_EQ(Open(), "body");
-  m_clock.Set(kDate + 5);
-  m_api.Queue(Ok("", std::nullopt, std::nullopt, kDate, 304));
-  EXPECT_EQ(Open(), "body");
-  EXPECT_EQ(Open(), "body");
-  ASSERT_EQ(m_api.Sent().size(), 2u);
-  EXPECT_EQ(m_api.Sent()[1].headers, L"If-None-Match: \"a\"");
-  EXPECT_EQ(m_cache.ExpiryTime(kUrl), kDate + 5 + 2'592'000);
-
-  m_clock.Set(kDate + kYear);
-  m_api.Queue(Ok("kept", std::nullopt, L"\"k\""));
-  EXPECT_EQ(Open(L"http://example.test/kept", IUrlCache::NeverExpire), "kept");
-  m_clock.Set(kDate + 5);
-  EXPECT_EQ(Open(L"http://example.test/kept", IUrlCache::NeverExpire), "kept");
-  EXPECT_EQ(m_api.Sent().size(), 3u);
-}
-
 // A clock that moves on every reading: an open that read it twice would record a use and an
 // expiry from two different times, and count more than one reading.
 TEST_F(CacheTest, OneOpenReadsTheClockOnceForExpiryAndUse) {
