@@ -377,9 +377,7 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
   return file.release();
 }
 
-bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now,
-                       bool* untouched) {
-  if (untouched != nullptr) *untouched = true;
+bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now) {
   m_last_used = now;
   fs::path temporary = m_path;
   temporary += ".tmp";
@@ -399,7 +397,6 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
   // escapes it (out of memory, a logic error of a source) must not leave a half-written
   // temporary file behind either.
   CopyStreamResult copy;
-  if (untouched != nullptr) *untouched = false;
   try {
     copy = CopyStream(source, *target, std::move(stop));
   } catch (...) {

@@ -77,10 +77,8 @@ class CacheEntry {
   // Replaces the file with a header and the bytes of `source`, through `path` + ".tmp" and a
   // rename. False, with the old file untouched and no ".tmp" left, when the copy is stopped or
   // fails or the rename fails; an exception that escapes the copy also leaves no ".tmp".
-  // The entry is recorded as used at `now`. `*untouched` (when given) tells whether it failed
-  // before anything was read from `source`.
-  bool Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now,
-             bool* untouched = nullptr);
+  // The entry is recorded as used at `now`.
+  bool Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now);
 
   // A stream over a fresh body written straight into the entry file (no ".tmp"); position 0 is
   // the first body byte, the entry recorded as used at `now`. Null when the file cannot be

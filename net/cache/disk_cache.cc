@@ -217,8 +217,7 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
     }
     const bool stale_serving_changed =
         SetStaleServingRule(entry, *response, lookup.m_flags, changed);
-    // The response served from memory, the entry dropped.
-    const auto serve_from_memory = [&]() -> RefreshResult {
+    if (freshness.no_store) {
       auto memory = std::make_unique<qv::io::MemoryStream>();
       const CopyStreamResult copy = CopyStream(*response, *memory, stop);
       if (!copy.completed) {
@@ -240,17 +239,9 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
       }
       memory->RSeek(0, qv::io::StreamPosition::Begin);
       return {std::move(memory), RefreshCode::DropEntry};
-    };
-    if (freshness.no_store) return serve_from_memory();
+    }
     if (changed) {
-      bool untouched = false;
-      if (entry.Store(*response, stop, lookup.m_now, &untouched)) {
-        return {nullptr, RefreshCode::UseEntry};
-      }
-      // No file could be made for the body (the cache directory removed, replaced or full, a
-      // directory planted at the temporary name): the caller still gets the body, which is
-      // all unread, as if the response had said "no-store".
-      if (untouched && !stop.stop_requested()) return serve_from_memory();
+      if (entry.Store(*response, stop, lookup.m_now)) return {nullptr, RefreshCode::UseEntry};
       if (may_serve_stale && !stop.stop_requested()) {
         return serve_stale("the new body could not be stored");
       }

@@ -19,7 +19,6 @@
 #include <algorithm>
 #include <condition_variable>
 #include <filesystem>
-#include <functional>
 #include <future>
 #include <limits>
 #include <mutex>
@@ -350,36 +349,6 @@ TEST_F(RepeatedOpenTest, AnEntryCutShortWhileItsBodyIsReadIsAReadErrorNotAShortB
   }
   EXPECT_TRUE(m_api.Sent().empty());
 #endif
-}
-
-// No file can be made for a new body: the cache directory removed or replaced by a plain file
-// while the program runs, or a directory planted at the temporary name. The body is served
-// from memory all the same, and an outdated entry is not kept.
-TEST_F(CacheTest, ABodyThatNoFileCanBeMadeForIsServedFromMemory) {
-  const fs::path directory = m_cache.Directory();
-  fs::path temporary = EntryPath();
-  temporary += ".tmp";
-  const std::vector<std::pair<const char*, std::function<void()>>> cases = {
-      {"directory removed", [&] { fs::remove_all(directory); }},
-      {"directory replaced by a file",
-       [&] { fs::remove_all(directory), WriteFileBytes(directory, "not a directory"); }},
-      {"directory at the temporary name",
-       [&] {
-         WriteFileBytes(EntryPath(), EntryBytes(1, 2, "\"old\"", kKey, "old body"));
-         fs::create_directory(temporary);
-       }},
-  };
-  for (const auto& [name, breakage] : cases) {
-    SCOPED_TRACE(name);
-    breakage();
-    m_api.Queue(Ok("new body", L"max-age=60", L"\"new\""));
-    EXPECT_EQ(Open(), "new body");
-    EXPECT_EQ(m_log.Text(), "");
-    EXPECT_FALSE(fs::exists(EntryPath())) << "an outdated entry was kept";
-    fs::remove_all(directory);
-    fs::create_directories(directory);
-  }
-  EXPECT_EQ(m_api.Sent().size(), cases.size());
 }
 
 TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
