@@ -289,10 +289,8 @@ void DiskCache::EnforceSizeLimit() {
     if (victims.empty()) return;
     removed.assign(victims.size(), 0);
     RunInParallel(victims.size(), kRemovalsPerThread, [&](std::size_t i) {
-      // Gone already (another clean-up took it) counts as removed: its bytes have left too.
       std::error_code ec;
-      const bool gone = directory.RemoveFile(listing.Name(candidates[victims[i]].name), ec);
-      removed[i] = gone || !ec ? 1 : 0;
+      removed[i] = directory.RemoveFile(listing.Name(candidates[victims[i]].name), ec) ? 1 : 0;
     });
     for (std::size_t i = 0; i < victims.size(); ++i) {
       if (removed[i]) Subtract(total, candidates[victims[i]].size);

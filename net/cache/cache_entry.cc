@@ -251,16 +251,6 @@ CacheEntry CacheEntry::Load(const fs::path& path, EntryFile* keep_open) {
   return entry;
 }
 
-// A file the probe could not open: gone meanwhile (removed by another clean-up or a Clear)
-// counts as deleted, so that its bytes are not made up for by deleting others; anything else
-// (a writer holds it) leaves it unusable.
-static CacheEntry::Probe Unopened(const TqUSysDirectory& directory,
-                                  const TqUSysDirectory::Char* name) {
-  std::error_code ec;
-  if (!directory.Exists(name, ec) && !ec) return CacheEntry::Probe::kDeleted;
-  return CacheEntry::Probe::kUnusable;
-}
-
 CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
                                          const TqUSysDirectory::Char* name,
                                          std::int64_t* last_used, std::int64_t* expiry) {
@@ -269,7 +259,7 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
   constexpr std::size_t kFirstRead = 512;
   unsigned char first[kFirstRead];
   const std::int64_t got = directory.ReadStart(name, first, kFirstRead);
-  if (got < 0) return Unopened(directory, name);
+  if (got < 0) return Probe::kUnusable;
   const auto have = static_cast<std::size_t>(got);
   // The checks of ReadHeader, on the bytes read: a file shorter than its header is no entry.
   const ef::HeaderWalk walk = ef::WalkHeader(first, have);
@@ -280,7 +270,7 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
   if (longer) {
     UniqueFile file(directory.OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
                                        TqUSysFile::kOpenExisting, 0, 0));
-    if (!file) return Unopened(directory, name);
+    if (!file) return Probe::kUnusable;
     valid = ReadHeader(file.get(), fields, false);
   } else if (valid) {
     fields.last_used = ef::GetI64(first + ef::kLastUsedOffset);

@@ -51,7 +51,7 @@ class CacheEntry {
   // Load reads and checks a file, without building an entry (no path, key or tag is kept).
   enum class Probe {
     kEntry,     // an entry: *last_used and *expiry are set
-    kDeleted,   // not an entry, and deleted (where Load throws invalid_cache_header); or gone
+    kDeleted,   // not an entry, and deleted (where Load throws invalid_cache_header)
     kUnusable,  // cannot be opened, or not an entry and cannot be deleted (Load's other errors)
   };
   static Probe ProbeTimes(const TqUSysDirectory& directory, const TqUSysDirectory::Char* name,

@@ -790,41 +790,6 @@ TEST_F(CacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims
   EXPECT_EQ(Remaining(), expected);
 }
 
-// Entries that another clean-up (or a Clear) removes while a run reads or removes them are gone
-// from the directory: their bytes no longer count, and the run deletes no more than it must.
-TEST_F(CacheTest, EntriesThatVanishDuringACleanUpAreNotMadeUpForByDeletingOthers) {
-  Limit(1);  // 1,700,000 bytes; once the two vanish, one more entry is enough to go below 80 %
-  const auto vanish = [this] {
-    fs::remove(m_cache.Directory() / "gone_1");
-    fs::remove(m_cache.Directory() / "gone_2");
-  };
-  for (const bool before_reading : {true, false}) {
-    SCOPED_TRACE(before_reading ? "gone before their headers are read" : "gone before removal");
-    RemoveAll();
-    Entry("gone_1", kDate - 20000, kNever, 400000);  // the oldest: the first to be removed
-    Entry("gone_2", kDate - 20000, kNever, 400000);
-    Entry("a_old", kDate - 7200, kNever, 300000);
-    Entry("b_mid", kDate - 3000, kNever, 300000);
-    Entry("c_new", kDate - 10, kNever, 300000);
-    std::atomic<bool> vanished{false};
-    if (before_reading) {  // at the run's first open of a file, after the listing
-      TqUSysFile::SetOpenHookForTesting([&] {
-        if (!vanished.exchange(true)) vanish();
-      });
-    } else {  // at the run's first removal, that of one of the two
-      TqUSysDirectory::SetRemoveFaultForTesting([&](const TqUSysDirectory::Char*) {
-        if (!vanished.exchange(true)) vanish();
-        return false;
-      });
-    }
-    EXPECT_TRUE(m_cache.CleanUp());
-    TqUSysFile::SetOpenHookForTesting({});
-    TqUSysDirectory::SetRemoveFaultForTesting({});
-    EXPECT_TRUE(vanished);
-    EXPECT_EQ(Remaining(), (Names{"b_mid", "c_new"}));
-  }
-}
-
 // The second process (tests/helpers/cache_worker, built beside this test) started from a test,
 // its standard output read through a pipe. Finish() gives its exit status, or kKilled.
 class WorkerProcess {
