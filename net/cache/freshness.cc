@@ -52,11 +52,6 @@ Freshness FreshnessOf(std::optional<std::int64_t> date,
   }
   const detail::CacheControl parsed = detail::ParseCacheControl(*cache_control, *date);
   freshness.expiry = parsed.expiry;
-  // An expiry before the response's own date ("no-cache" won) means stale at once; counted
-  // from a date that a server's fast clock put after `now`, it would be fresh until then.
-  if (freshness.expiry && *freshness.expiry < *date && *freshness.expiry >= now) {
-    freshness.expiry = OneSecondBefore(now);
-  }
   freshness.no_store = parsed.no_store;
   return freshness;
 }

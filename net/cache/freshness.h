@@ -19,8 +19,7 @@ struct Freshness {
 // The freshness of a response received at `now` with the "Date" `date` and the "cache-control"
 // value `cache_control` (none when the header is absent). Without a date nothing is known and
 // nothing is set; with a date but no "cache-control" the response stays fresh for 30 days from
-// `now`; otherwise its directives decide (detail::ParseCacheControl), "no-cache" being stale at
-// `now` whatever the date.
+// `now`; otherwise its directives decide (detail::ParseCacheControl).
 Freshness FreshnessOf(std::optional<std::int64_t> date,
                       std::optional<std::wstring_view> cache_control, std::int64_t now);
 
