@@ -419,7 +419,13 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(st
   if (handle == TqUSysFile::kInvalid) return nullptr;
   auto stream = std::make_unique<qv::io::FileWriteStream>(handle);
   const std::uint64_t offset = ef::BodyOffset(m_header_size);
-  if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) return nullptr;
+  if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) {
+    // The caller is told nothing was stored: the header just written must not stay behind as
+    // an entry with an empty body, read back later as if it had been stored.
+    DeleteHeldFile(stream, m_path);
+    m_header_size = 0;
+    return nullptr;
+  }
   stream->SetBaseOffset(offset);
   return stream;
 }

@@ -141,6 +141,58 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
   }
 }
 
+// A body kept under a name of the caller's is written straight into its entry file. When the
+// open of the write stream fails, the caller is told (null) and no other body than the old one
+// whole is ever read back under the name; a write that fails throws to the caller.
+TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLeavesAFakeBody) {
+  TempDir dir;
+  ScopedClock clock(1000);
+  qv::net::DiskCache cache(dir.path().wstring().c_str());
+  const std::string old_body(50000, 'o');
+  const std::string new_body(100000, 'n');
+  // What a reader gets under the name, told in a few words.
+  const auto read_back = [&]() -> std::string {
+    auto stream = cache.OpenReadStream(L"name");
+    if (!stream) return "<null>";
+    const std::string body = ReadAll(*stream);
+    if (body == old_body) return "old body";
+    if (body == new_body) return "new body";
+    return "another body of " + std::to_string(body.size()) + " bytes";
+  };
+  bool written = false;
+  for (std::uint64_t n = 0; !written; ++n) {
+    ASSERT_LT(n, 200u) << "the write never got through";
+    {
+      auto stream = cache.OpenWriteStream(L"name");
+      ASSERT_NE(stream, nullptr);
+      ASSERT_EQ(stream->Write(old_body.data(), old_body.size()), old_body.size());
+    }
+    const int descriptors = OpenDescriptors();
+    TqUSysFileFaults::Arm(n, kFileFault);
+    std::string outcome = "<null>";
+    if (auto stream = cache.OpenWriteStream(L"name")) {
+      try {
+        stream->Write(new_body.data(), new_body.size());
+        outcome = "written";
+      } catch (const std::runtime_error& e) {
+        outcome = std::string("<thrown> ") + e.what();
+      }
+    }
+    const char* failed = TqUSysFileFaults::Failed();
+    const std::uint64_t operations = TqUSysFileFaults::Disarm();
+    written = operations <= n;
+    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + (failed ? failed : "none"));
+    EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptor leaked";
+    if (outcome == "<null>") {
+      EXPECT_THAT(read_back(), AnyOf("<null>", "old body"));
+    } else if (outcome == "written") {
+      EXPECT_EQ(read_back(), "new body");
+    } else {
+      EXPECT_EQ(outcome, "<thrown> FileWriteStream: cannot write the file");
+    }
+  }
+}
+
 using ReadStreamFaultLoop = FakeTransportTest;
 
 TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfThatCall) {
