@@ -50,10 +50,12 @@ class EntryBodyStream final : public qv::io::FileReadStream {
 // A stream over the body of `file`, which starts at `offset`; null when the file cannot seek.
 std::unique_ptr<qv::io::IDataSeekableReadStream> BodyStream(UniqueFile file,
                                                             std::uint64_t offset) {
+  // A length that cannot be had leaves nothing to check against (0).
   const std::int64_t size = TqUSysFile::GetFileSize(file.get());
-  if (size < 0) return nullptr;
   const std::uint64_t end =
-      static_cast<std::uint64_t>(size) > offset ? static_cast<std::uint64_t>(size) - offset : 0;
+      size >= 0 && static_cast<std::uint64_t>(size) > offset
+          ? static_cast<std::uint64_t>(size) - offset
+          : 0;
   auto stream = std::make_unique<EntryBodyStream>(file.release(), end);
   stream->SetBaseOffset(offset);
   // Moved by the stream itself, which then knows where the file stands without asking again.
