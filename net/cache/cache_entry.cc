@@ -188,13 +188,23 @@ void DeleteHeldFile(Owner& owner, const fs::path& path) {
 template <class Owner>
 bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
   std::error_code ec;
-  TqUSysFile::RenameFile(from, to, ec);
-  owner.reset();
-  if (!ec) return true;
+  if (TqUSysFile::RenameFile(from, to, ec)) {
+    owner.reset();
+    return true;
+  }
   // Gone (the cache was cleared under us): nothing to rename and nothing of ours to delete.
-  if (ec == std::errc::no_such_file_or_directory) return false;
+  const bool gone = ec == std::errc::no_such_file_or_directory;
+#if defined(_WIN32)
+  owner.reset();
+  if (gone) return false;
   if (TqUSysFile::RenameFile(from, to, ec)) return true;
   TqUSysFile::RemoveFile(from, ec);
+#else
+  // Failed for good: once the lock is dropped, the name may hold another writer's half-written
+  // file, which a second try would put in place. Ours goes while it is still held.
+  if (!gone) TqUSysFile::RemoveFile(from, ec);
+  owner.reset();
+#endif
   return false;
 }
 

@@ -141,6 +141,56 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
   }
 }
 
+// A store whose rename fails has lost its body: it is not renamed into place later, once the
+// temporary file is no longer held (another writer may have taken the temporary name by then,
+// and its half-written file would become the entry). The temporary file goes while still held.
+// Windows renames no open file, so there the rename is made once it is closed.
+TEST_F(CacheStoreFaultLoop, AStoreWhoseRenameFailsServesNothingAndLeavesNothing) {
+  const wchar_t* const url = L"http://example.test/entry";
+  TempDir dir;
+  ScopedClock clock(1000);
+  qv::net::DiskCache cache(dir.path().wstring().c_str());
+  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory());
+  fs::path temporary = entry;
+  temporary += ".tmp";
+  m_api.SetResponder([](const SentRequest&) {
+    FakeResponse answer;
+    answer.dates[L"Date"] = 1000;
+    answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"").Body("new body");
+    return answer;
+  });
+  int renames_failed = 0;
+  bool done = false;
+  for (std::uint64_t n = 0; !done; ++n) {
+    ASSERT_LT(n, 200u);
+    TqUSysFileFaults::Arm(n, kFileFault);
+    std::string served = "<null>";
+    if (auto stream = cache.OpenUrl(url, 0, {})) {
+      try {
+        served = ReadAll(*stream);
+      } catch (const std::runtime_error&) {
+        served = "<thrown>";  // a read of the stored body failed: no rename was
+      }
+    }
+    const char* failed = TqUSysFileFaults::Failed();
+    done = TqUSysFileFaults::Disarm() <= n;
+    const bool rename_failed = failed != nullptr && std::string(failed) == "rename";
+    if (rename_failed) {
+      ++renames_failed;
+      SCOPED_TRACE("failing operation " + std::to_string(n));
+#if defined(_WIN32)
+      EXPECT_THAT(served, AnyOf("<null>", "new body"));
+#else
+      EXPECT_EQ(served, "<null>");
+      EXPECT_FALSE(fs::exists(entry));
+#endif
+      EXPECT_FALSE(fs::exists(temporary));
+    }
+    fs::remove(entry);
+  }
+  EXPECT_GT(renames_failed, 0);
+}
+
 // A body kept under a name of the caller's is written straight into its entry file. When the
 // open of the write stream fails, the caller is told (null) and no other body than the old one
 // whole is ever read back under the name; a write that fails throws to the caller.
