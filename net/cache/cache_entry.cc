@@ -406,10 +406,7 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
     m_header_size = previous_size;
     throw;
   }
-  // On the disk before it takes the entry's name: after a crash of the system the name then
-  // holds the old entry or the whole new one, never a header over a body that did not reach
-  // the disk.
-  if (!copy.completed || !TqUSysFile::FlushFile(handle)) {
+  if (!copy.completed) {
     DeleteHeldFile(target, temporary);
     m_header_size = previous_size;
     return false;

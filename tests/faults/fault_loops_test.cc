@@ -4,13 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -191,52 +189,6 @@ TEST_F(CacheStoreFaultLoop, AStoreWhoseRenameFailsServesNothingAndLeavesNothing)
     fs::remove(entry);
   }
   EXPECT_GT(renames_failed, 0);
-}
-
-// A new body is on the disk before it takes the entry's name, so that a crash of the system
-// never leaves a header under the name over a body that did not reach the disk: when that
-// flush fails, the store fails as a failed write does and nothing is renamed.
-TEST_F(CacheStoreFaultLoop, AStoreReachesTheDiskBeforeItIsRenamedIntoPlace) {
-  const wchar_t* const url = L"http://example.test/entry";
-  TempDir dir;
-  ScopedClock clock(1000);
-  qv::net::DiskCache cache(dir.path().wstring().c_str());
-  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory());
-  fs::path temporary = entry;
-  temporary += ".tmp";
-  m_api.SetResponder([](const SentRequest&) {
-    FakeResponse answer;
-    answer.dates[L"Date"] = 1000;
-    answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"").Body("new body");
-    return answer;
-  });
-  std::vector<std::string> operations;  // the kind of each file operation of a store, in order
-  bool done = false;
-  for (std::uint64_t n = 0; !done; ++n) {
-    ASSERT_LT(n, 200u);
-    TqUSysFileFaults::Arm(n, kFileFault);
-    std::string served = "<null>";
-    if (auto stream = cache.OpenUrl(url, 0, {})) {
-      try {
-        served = ReadAll(*stream);
-      } catch (const std::runtime_error&) {
-        served = "<thrown>";
-      }
-    }
-    const char* failed = TqUSysFileFaults::Failed();
-    done = TqUSysFileFaults::Disarm() <= n;
-    if (failed != nullptr) operations.push_back(failed);
-    if (failed != nullptr && std::string(failed) == "flush") {
-      SCOPED_TRACE("failing operation " + std::to_string(n));
-      EXPECT_EQ(served, "<null>");
-      EXPECT_FALSE(fs::exists(entry));
-      EXPECT_FALSE(fs::exists(temporary));
-    }
-    fs::remove(entry);
-  }
-  const auto flush = std::find(operations.begin(), operations.end(), "flush");
-  const auto rename = std::find(operations.begin(), operations.end(), "rename");
-  EXPECT_TRUE(flush < rename) << ::testing::PrintToString(operations);
 }
 
 // A body kept under a name of the caller's is written straight into its entry file. When the
