@@ -22,7 +22,6 @@ struct HttpReadStream::Impl {
   HttpStatus m_status = HttpStatus::Unknown;
   std::optional<std::uint64_t> m_content_size;
   std::optional<std::string> m_etag;
-  qv::stop_token m_stop;  // also heard by a read that blocks in the transport
 };
 
 namespace {
@@ -264,7 +263,6 @@ RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep) {
 // gives size and entity tag early; any other answer to it is ignored without a word.
 HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token stop)
     : m_impl(std::make_unique<Impl>()) {
-  m_impl->m_stop = stop;
   const std::wstring text(url);
   const TqUURL parsed(text.c_str(), false);
   void* connection = ConnectOrThrow(parsed, stop);
@@ -297,7 +295,6 @@ HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token 
 // The caller's request, as the handlers leave it; never a HEAD first.
 HttpReadStream::HttpReadStream(HttpRequest& request, qv::stop_token stop)
     : m_impl(std::make_unique<Impl>()) {
-  m_impl->m_stop = stop;
   void* connection = ConnectOrThrow(request.GetUrl(), stop);
   RequestGuard guard{*m_impl};
   m_impl->m_succeeded = SendAndCheck(*m_impl, connection, request, stop);
@@ -323,23 +320,9 @@ std::uint64_t HttpReadStream::Read(void* buffer, std::uint64_t size) {
       std::min<std::uint64_t>(size, std::numeric_limits<std::uint32_t>::max()));
   std::uint32_t bytes_read = 0;
   IHttpApi* api = HttpApi();
-  if (api == nullptr) throw http_exception("Unable to read HTTP data\n");
-  void* const request = m_impl->m_request;
-  bool ok = false;
-  bool cancelled = false;
-  {
-    // A server that stops sending in mid-body holds the read until the transport's idle
-    // time-out. A stop meanwhile closes the handle under the read, as for a blocked send; the
-    // read then fails, and the handle, closed already, is dropped.
-    detail::StopWatch watch(m_impl->m_stop, [api, request] { api->CloseHandle(request); });
-    ok = api->Read(request, buffer, chunk, bytes_read);
-    cancelled = watch.Finish();
-  }
-  if (cancelled) {
-    m_impl->m_request = nullptr;
+  if (api == nullptr || !api->Read(m_impl->m_request, buffer, chunk, bytes_read)) {
     throw http_exception("Unable to read HTTP data\n");
   }
-  if (!ok) throw http_exception("Unable to read HTTP data\n");
   return bytes_read;
 }
 

@@ -18,12 +18,10 @@
 
 namespace qv::net {
 
-/// Used by one thread at a time. The stop token is heard within a fraction of a second even
-/// while a pause before a retry, or the send and the wait for the response headers (with a
-/// transport that hands its request handle to the send's stop watcher, as the WinINet backend
-/// does) block, and the stream then ends without a request. After the constructor it is heard
-/// only by a read blocked in the transport: the request handle is closed under it, and the read
-/// throws as a failed read does.
+/// Used by one thread at a time. The stop token is read only while the constructor runs; it is
+/// heard within a fraction of a second even while a pause before a retry, or the send and the
+/// wait for the response headers (with a transport that hands its request handle to the send's
+/// stop watcher, as the WinINet backend does) block, and the stream then ends without a request.
 class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
  public:
   /// Bit 0 of the URL constructor's flags: send a HEAD first to learn size and entity tag.

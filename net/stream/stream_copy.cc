@@ -117,10 +117,6 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteS
       }
     }
   } catch (const std::runtime_error& e) {
-    result.completed = false;
-    // A read that the stop cut short (a stream that hears the stop while its read blocks) is
-    // the cancel the caller asked for, not an error.
-    if (stop.stop_requested()) return result;
     TqUSysError::LogUTF8String("Failed to read or write stream in CopyStream: ");
     TqUSysError::LogUTF8String(ExceptionText(e));
     TqUSysError::LogUTF8String("\n");

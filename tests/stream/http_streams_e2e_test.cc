@@ -153,28 +153,6 @@ TEST_F(HttpStreamsEndToEndTest, AStopFromAnotherThreadEndsACopyBetweenChunks) {
   EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 }
 
-// A stop while the body stalls is heard by the blocked read, not only at the transport's idle
-// time-out (a minute by default): the open ends in null and logs nothing, as a stop between
-// chunks does.
-TEST_F(HttpStreamsEndToEndTest, AStopEndsAnOpenWhoseBodyStallsWithoutWaitingForTheTimeOut) {
-  tq::test::Gate sent;  // before the responder: its threads end before the gate goes
-  tq::test::RawResponder responder([&](tq::test::RawConnection& connection) {
-    connection.ReadRequestHead();
-    connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 2000\r\n\r\n" + std::string(1000, 'a'));
-    sent.Open();
-    connection.Stall();
-  });
-  ASSERT_TRUE(responder.ok());
-  qv::stop_source stop;
-  std::thread user([&] {
-    sent.Wait();
-    stop.request_stop();
-  });
-  EXPECT_EQ(qv::net::OpenFileOrUrl(Wide(responder.Url("/stall")), 0, stop.get_token()), nullptr);
-  user.join();
-  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
-}
-
 TEST_F(HttpStreamsEndToEndTest, BadInputEndsInNullOrEmptyNeverACrash) {
   for (const wchar_t* name : {L"http://", L"http://[::1/x", L"gopher://example.test/x",
                               L"HTTP://127.0.0.1:1/x", L"/no/such/dir/tq_missing_file.bin",

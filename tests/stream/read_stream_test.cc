@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -220,102 +217,6 @@ TEST_F(HttpReadStreamTest, AStopDuringABlockedSendOrARetryPauseEndsWithoutAnothe
   }
   m_api.OnBlocked({});
   EXPECT_EQ(m_log.Text(), "");
-}
-
-// A server that stops sending in mid-body: the read waits in the transport until the idle
-// time-out (a minute by default). A stop requested meanwhile must end that wait: the watcher
-// closes the request handle under the blocked read, which then fails, and the handle is not
-// closed a second time. ReadUrlIntoMemory (the road of OpenFileOrUrl without a cache) gives
-// null, and logs nothing: a stop is not an error. Before, the stop was only heard once the
-// transport's own time-out ended the read.
-class StallingApi : public tq::test::FakeHttpApi {
- public:
-  // Once the scripted body is used up, a read blocks until its handle is closed from another
-  // thread (or kMaxBlock passes, which fails the test) instead of reporting the end.
-  bool Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& bytes_read) override {
-    const bool ok = FakeHttpApi::Read(request, buffer, size, bytes_read);
-    if (!ok || bytes_read > 0) return ok;
-    std::unique_lock lock(m_mutex);
-    m_stalled.notify_all();
-    ++m_stalls;
-    if (m_closed.wait_for(lock, kMaxBlock, [&] { return m_closed_handles.count(request) > 0; })) {
-      ++m_cancelled;
-    }
-    return false;  // WinINet's read fails when its handle is closed under it
-  }
-  bool CloseHandle(void* handle) override {
-    {
-      std::lock_guard lock(m_mutex);
-      m_closed_handles.insert(handle);
-    }
-    m_closed.notify_all();
-    return FakeHttpApi::CloseHandle(handle);
-  }
-  void WaitForStall(int count) {
-    std::unique_lock lock(m_mutex);
-    m_stalled.wait(lock, [&] { return m_stalls >= count; });
-  }
-  int Cancelled() {
-    std::lock_guard lock(m_mutex);
-    return m_cancelled;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_stalled, m_closed;
-  std::set<void*> m_closed_handles;
-  int m_stalls = 0;
-  int m_cancelled = 0;
-};
-
-TEST(HttpReadStreamStallTest, AStopEndsAReadBlockedInTheTransport) {
-  StallingApi api;
-  qv::net::IHttpApi* previous = qv::net::SetHttpApi(&api);
-  tq::test::LogCapture log;
-  const auto answer = [] {
-    return Status(200).Header(L"Content-Length", L"100").Body("first part");
-  };
-
-  // The stream on its own: the blocked read throws, and the stream no longer holds the handle.
-  {
-    api.Queue(answer());
-    qv::stop_source source;
-    auto stream = HttpReadStream::Open(kUrl, 0, source.get_token());
-    char buffer[64];
-    EXPECT_EQ(stream->Read(buffer, sizeof buffer), 10u);
-    std::thread user([&] {
-      api.WaitForStall(1);
-      source.request_stop();
-    });
-    try {
-      stream->Read(buffer, sizeof buffer);
-      ADD_FAILURE() << "a read cancelled under its feet must not report the end of the body";
-    } catch (const qv::net::http_exception& e) {
-      EXPECT_STREQ(e.what(), "Unable to read HTTP data\n");
-    }
-    user.join();
-    EXPECT_FALSE(stream->IsOpen());
-    stream.reset();
-    EXPECT_EQ(api.Cancelled(), 1);
-  }
-
-  // Reading a URL into memory, as OpenFileOrUrl does without a cache.
-  {
-    api.Queue(answer());
-    qv::stop_source source;
-    std::thread user([&] {
-      api.WaitForStall(2);
-      source.request_stop();
-    });
-    EXPECT_EQ(qv::net::ReadUrlIntoMemory(kUrl, source.get_token()), nullptr);
-    user.join();
-    EXPECT_EQ(api.Cancelled(), 2);
-  }
-  EXPECT_EQ(api.CloseCount(), 2) << "each request handle closed exactly once";
-  EXPECT_EQ(api.OpenRequestHandles(), 0u);
-  EXPECT_EQ(log.Text(), "");
-  qv::net::HttpConnectionPool::Terminate();
-  qv::net::SetHttpApi(previous);
 }
 
 // Regression: the announced Content-Length was reserved up front, so 8 GiB announced for a
