@@ -485,6 +485,19 @@ std::int64_t TqUSysFile::GetFileSize(Handle file) {
 #endif
 }
 
+bool TqUSysFile::FlushFile(Handle file) {
+  if (!IsLive(file) || TqUSysFileFaults::Fails("flush")) return false;
+#if defined(_WIN32)
+  return ::FlushFileBuffers(file->file) != 0;
+#else
+  int rc;
+  do {
+    rc = ::fdatasync(file->fd);
+  } while (rc < 0 && errno == EINTR);
+  return rc == 0;
+#endif
+}
+
 bool TqUSysFile::CloseFile(Handle file) {
   if (!Forget(file)) return false;
 #if defined(_WIN32)

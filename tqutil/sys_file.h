@@ -62,6 +62,9 @@ class TQUTIL_API TqUSysFile {
   /// origin: 0 start, 1 current, 2 end. Returns the new position, or -1 on error.
   static std::int64_t SeekFile(Handle file, std::int64_t offset, int origin);
   static std::int64_t GetFileSize(Handle file);  ///< -1 on error
+  /// Waits until the file's data written so far is on the disk, so that it survives a crash
+  /// of the system; false on error (the data may then be lost).
+  static bool FlushFile(Handle file);
   /// Closes `file`; false on error (the handle is gone either way).
   static bool CloseFile(Handle file);
   /// Renames `from` over `to`, replacing a file there; false with `ec` set on error.

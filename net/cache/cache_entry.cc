@@ -26,10 +26,37 @@ UniqueFile OpenForReading(const fs::path& path) {
                                          TqUSysFile::kOpenExisting, 0, 0));
 }
 
+// A body read from an entry file whose length is taken when it is opened. Stores replace the
+// file by rename and the sharing keeps writers of ours out, so the file cannot shrink under
+// the reader unless some other program cuts it: the end of the file before that length is then
+// a read error, never the end of a body that would look whole to the caller.
+class EntryBodyStream final : public qv::io::FileReadStream {
+ public:
+  EntryBodyStream(TqUSysFile::Handle file, std::uint64_t end)
+      : qv::io::FileReadStream(file), m_end(end) {}
+
+  std::uint64_t Read(void* buffer, std::uint64_t size) override {
+    const std::uint64_t got = FileReadStream::Read(buffer, size);
+    if (got == 0 && size > 0 && RTell() < m_end) {
+      throw std::runtime_error("FileReadStream: cannot read the file");
+    }
+    return got;
+  }
+
+ private:
+  std::uint64_t m_end;  // the body's length when opened
+};
+
 // A stream over the body of `file`, which starts at `offset`; null when the file cannot seek.
 std::unique_ptr<qv::io::IDataSeekableReadStream> BodyStream(UniqueFile file,
                                                             std::uint64_t offset) {
-  auto stream = std::make_unique<qv::io::FileReadStream>(file.release());
+  // A length that cannot be had leaves nothing to check against (0).
+  const std::int64_t size = TqUSysFile::GetFileSize(file.get());
+  const std::uint64_t end =
+      size >= 0 && static_cast<std::uint64_t>(size) > offset
+          ? static_cast<std::uint64_t>(size) - offset
+          : 0;
+  auto stream = std::make_unique<EntryBodyStream>(file.release(), end);
   stream->SetBaseOffset(offset);
   // Moved by the stream itself, which then knows where the file stands without asking again.
   try {
@@ -161,13 +188,23 @@ void DeleteHeldFile(Owner& owner, const fs::path& path) {
 template <class Owner>
 bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
   std::error_code ec;
-  TqUSysFile::RenameFile(from, to, ec);
-  owner.reset();
-  if (!ec) return true;
+  if (TqUSysFile::RenameFile(from, to, ec)) {
+    owner.reset();
+    return true;
+  }
   // Gone (the cache was cleared under us): nothing to rename and nothing of ours to delete.
-  if (ec == std::errc::no_such_file_or_directory) return false;
+  const bool gone = ec == std::errc::no_such_file_or_directory;
+#if defined(_WIN32)
+  owner.reset();
+  if (gone) return false;
   if (TqUSysFile::RenameFile(from, to, ec)) return true;
   TqUSysFile::RemoveFile(from, ec);
+#else
+  // Failed for good: once the lock is dropped, the name may hold another writer's half-written
+  // file, which a second try would put in place. Ours goes while it is still held.
+  if (!gone) TqUSysFile::RemoveFile(from, ec);
+  owner.reset();
+#endif
   return false;
 }
 
@@ -369,7 +406,10 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
     m_header_size = previous_size;
     throw;
   }
-  if (!copy.completed) {
+  // On the disk before it takes the entry's name: after a crash of the system the name then
+  // holds the old entry or the whole new one, never a header over a body that did not reach
+  // the disk.
+  if (!copy.completed || !TqUSysFile::FlushFile(handle)) {
     DeleteHeldFile(target, temporary);
     m_header_size = previous_size;
     return false;
@@ -394,7 +434,13 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(st
   if (handle == TqUSysFile::kInvalid) return nullptr;
   auto stream = std::make_unique<qv::io::FileWriteStream>(handle);
   const std::uint64_t offset = ef::BodyOffset(m_header_size);
-  if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) return nullptr;
+  if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) {
+    // The caller is told nothing was stored: the header just written must not stay behind as
+    // an entry with an empty body, read back later as if it had been stored.
+    DeleteHeldFile(stream, m_path);
+    m_header_size = 0;
+    return nullptr;
+  }
   stream->SetBaseOffset(offset);
   return stream;
 }

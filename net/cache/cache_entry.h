@@ -75,8 +75,9 @@ class CacheEntry {
   TqUSysFile::Handle CreateEntryFile(const std::filesystem::path& path);
 
   // Replaces the file with a header and the bytes of `source`, through `path` + ".tmp" and a
-  // rename. False, with the old file untouched and no ".tmp" left, when the copy is stopped or
-  // fails or the rename fails; an exception that escapes the copy also leaves no ".tmp".
+  // rename, once it is on the disk. False, with the old file untouched and no ".tmp" left, when
+  // the copy is stopped or fails, the flush to the disk fails or the rename fails; an exception
+  // that escapes the copy also leaves no ".tmp".
   // The entry is recorded as used at `now`.
   bool Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now);
 

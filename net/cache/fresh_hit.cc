@@ -32,9 +32,12 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
     std::uint64_t got = 0;
     if (!TqUSysFile::ReadFileAt(m_file.get(), m_bytes, kPrefetch, 0, &got)) return false;
     m_have = static_cast<std::size_t>(got);
-    // A regular file reads short only at its end.
-    if (m_have < kPrefetch) m_file_size = m_have;
-    return true;
+    // A regular file reads short only at its end. A longer one is measured now: its length
+    // when opened is the body's, so that a file some other program cuts under the reader
+    // (ours are kept out) ends the body with an error instead of early.
+    m_file_size = m_have < kPrefetch ? static_cast<std::int64_t>(m_have)
+                                     : TqUSysFile::GetFileSize(m_file.get());
+    return m_file_size >= 0;
   }
   const unsigned char* Bytes() const { return m_bytes; }
   std::size_t Have() const { return m_have; }
@@ -51,7 +54,7 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
     }
     if (m_file_size >= 0 && at >= static_cast<std::uint64_t>(m_file_size)) return 0;
     std::uint64_t got = 0;
-    if (!TqUSysFile::ReadFileAt(m_file.get(), buffer, size, at, &got)) {
+    if (!TqUSysFile::ReadFileAt(m_file.get(), buffer, size, at, &got) || got == 0) {
       Fail("FileReadStream: cannot read the file");
     }
     m_position += got;
@@ -103,7 +106,7 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
   std::uint64_t m_body = 0;      // the body's first byte in the file
   std::uint64_t m_position = 0;  // in the body
   std::size_t m_have = 0;        // the file's first m_have bytes are in m_bytes
-  std::int64_t m_file_size = -1; // known once a read came up short
+  std::int64_t m_file_size = -1; // when opened; known once prefetched
   unsigned char m_bytes[kPrefetch];
 };
 

@@ -320,6 +320,33 @@ TEST_F(RepeatedOpenTest, AnOpenBodyKeepsWritersOutAndReadsOnAcrossARename) {
   EXPECT_EQ(Open(), stored_body);
 }
 
+// A process that ignores the entry files' locks cuts an entry short while a body is read from
+// it: the read fails instead of ending early, on the first open and on a later one.
+TEST_F(RepeatedOpenTest, AnEntryCutShortWhileItsBodyIsReadIsAReadErrorNotAShortBody) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "the reader's sharing keeps every writer out of the file";
+#else
+  const std::string body = Pattern(100000);
+  for (int open = 0; open < 2; ++open) {
+    SCOPED_TRACE(open);
+    WriteFileBytes(EntryPath(), EntryBytes(kDate + 5, kNever, "\"t\"", kKey, body));
+    auto stream = m_cache.OpenUrl(kUrl, 0, {});
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(stream->MetaData().size, body.size());
+    std::string first(20000, '\0');
+    for (std::size_t done = 0; done < first.size();) {
+      const std::uint64_t got = stream->Read(first.data() + done, first.size() - done);
+      ASSERT_GT(got, 0u);
+      done += got;
+    }
+    fs::resize_file(EntryPath(), 50000);
+    std::string rest;
+    EXPECT_THROW(rest = ReadAll(*stream, 4096), std::runtime_error) << rest.size() << " bytes";
+  }
+  EXPECT_TRUE(m_api.Sent().empty());
+#endif
+}
+
 TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
   const std::string good = EntryBytes(1, 2, "\"t\"", kKey, "");
   // Random bytes, a length far beyond the file (refused without reading or allocating it), and

@@ -4,11 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -138,6 +140,154 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
     EXPECT_EQ(ReadAll(*again), new_body);
     again.reset();  // Windows removes no open file
     fs::remove(entry);
+  }
+}
+
+// A store whose rename fails has lost its body: it is not renamed into place later, once the
+// temporary file is no longer held (another writer may have taken the temporary name by then,
+// and its half-written file would become the entry). The temporary file goes while still held.
+// Windows renames no open file, so there the rename is made once it is closed.
+TEST_F(CacheStoreFaultLoop, AStoreWhoseRenameFailsServesNothingAndLeavesNothing) {
+  const wchar_t* const url = L"http://example.test/entry";
+  TempDir dir;
+  ScopedClock clock(1000);
+  qv::net::DiskCache cache(dir.path().wstring().c_str());
+  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory());
+  fs::path temporary = entry;
+  temporary += ".tmp";
+  m_api.SetResponder([](const SentRequest&) {
+    FakeResponse answer;
+    answer.dates[L"Date"] = 1000;
+    answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"").Body("new body");
+    return answer;
+  });
+  int renames_failed = 0;
+  bool done = false;
+  for (std::uint64_t n = 0; !done; ++n) {
+    ASSERT_LT(n, 200u);
+    TqUSysFileFaults::Arm(n, kFileFault);
+    std::string served = "<null>";
+    if (auto stream = cache.OpenUrl(url, 0, {})) {
+      try {
+        served = ReadAll(*stream);
+      } catch (const std::runtime_error&) {
+        served = "<thrown>";  // a read of the stored body failed: no rename was
+      }
+    }
+    const char* failed = TqUSysFileFaults::Failed();
+    done = TqUSysFileFaults::Disarm() <= n;
+    const bool rename_failed = failed != nullptr && std::string(failed) == "rename";
+    if (rename_failed) {
+      ++renames_failed;
+      SCOPED_TRACE("failing operation " + std::to_string(n));
+#if defined(_WIN32)
+      EXPECT_THAT(served, AnyOf("<null>", "new body"));
+#else
+      EXPECT_EQ(served, "<null>");
+      EXPECT_FALSE(fs::exists(entry));
+#endif
+      EXPECT_FALSE(fs::exists(temporary));
+    }
+    fs::remove(entry);
+  }
+  EXPECT_GT(renames_failed, 0);
+}
+
+// A new body is on the disk before it takes the entry's name, so that a crash of the system
+// never leaves a header under the name over a body that did not reach the disk: when that
+// flush fails, the store fails as a failed write does and nothing is renamed.
+TEST_F(CacheStoreFaultLoop, AStoreReachesTheDiskBeforeItIsRenamedIntoPlace) {
+  const wchar_t* const url = L"http://example.test/entry";
+  TempDir dir;
+  ScopedClock clock(1000);
+  qv::net::DiskCache cache(dir.path().wstring().c_str());
+  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory());
+  fs::path temporary = entry;
+  temporary += ".tmp";
+  m_api.SetResponder([](const SentRequest&) {
+    FakeResponse answer;
+    answer.dates[L"Date"] = 1000;
+    answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"").Body("new body");
+    return answer;
+  });
+  std::vector<std::string> operations;  // the kind of each file operation of a store, in order
+  bool done = false;
+  for (std::uint64_t n = 0; !done; ++n) {
+    ASSERT_LT(n, 200u);
+    TqUSysFileFaults::Arm(n, kFileFault);
+    std::string served = "<null>";
+    if (auto stream = cache.OpenUrl(url, 0, {})) {
+      try {
+        served = ReadAll(*stream);
+      } catch (const std::runtime_error&) {
+        served = "<thrown>";
+      }
+    }
+    const char* failed = TqUSysFileFaults::Failed();
+    done = TqUSysFileFaults::Disarm() <= n;
+    if (failed != nullptr) operations.push_back(failed);
+    if (failed != nullptr && std::string(failed) == "flush") {
+      SCOPED_TRACE("failing operation " + std::to_string(n));
+      EXPECT_EQ(served, "<null>");
+      EXPECT_FALSE(fs::exists(entry));
+      EXPECT_FALSE(fs::exists(temporary));
+    }
+    fs::remove(entry);
+  }
+  const auto flush = std::find(operations.begin(), operations.end(), "flush");
+  const auto rename = std::find(operations.begin(), operations.end(), "rename");
+  EXPECT_TRUE(flush < rename) << ::testing::PrintToString(operations);
+}
+
+// A body kept under a name of the caller's is written straight into its entry file. When the
+// open of the write stream fails, the caller is told (null) and no other body than the old one
+// whole is ever read back under the name; a write that fails throws to the caller.
+TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLeavesAFakeBody) {
+  TempDir dir;
+  ScopedClock clock(1000);
+  qv::net::DiskCache cache(dir.path().wstring().c_str());
+  const std::string old_body(50000, 'o');
+  const std::string new_body(100000, 'n');
+  // What a reader gets under the name, told in a few words.
+  const auto read_back = [&]() -> std::string {
+    auto stream = cache.OpenReadStream(L"name");
+    if (!stream) return "<null>";
+    const std::string body = ReadAll(*stream);
+    if (body == old_body) return "old body";
+    if (body == new_body) return "new body";
+    return "another body of " + std::to_string(body.size()) + " bytes";
+  };
+  bool written = false;
+  for (std::uint64_t n = 0; !written; ++n) {
+    ASSERT_LT(n, 200u) << "the write never got through";
+    {
+      auto stream = cache.OpenWriteStream(L"name");
+      ASSERT_NE(stream, nullptr);
+      ASSERT_EQ(stream->Write(old_body.data(), old_body.size()), old_body.size());
+    }
+    const int descriptors = OpenDescriptors();
+    TqUSysFileFaults::Arm(n, kFileFault);
+    std::string outcome = "<null>";
+    if (auto stream = cache.OpenWriteStream(L"name")) {
+      try {
+        stream->Write(new_body.data(), new_body.size());
+        outcome = "written";
+      } catch (const std::runtime_error& e) {
+        outcome = std::string("<thrown> ") + e.what();
+      }
+    }
+    const char* failed = TqUSysFileFaults::Failed();
+    const std::uint64_t operations = TqUSysFileFaults::Disarm();
+    written = operations <= n;
+    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + (failed ? failed : "none"));
+    EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptor leaked";
+    if (outcome == "<null>") {
+      EXPECT_THAT(read_back(), AnyOf("<null>", "old body"));
+    } else if (outcome == "written") {
+      EXPECT_EQ(read_back(), "new body");
+    } else {
+      EXPECT_EQ(outcome, "<thrown> FileWriteStream: cannot write the file");
+    }
   }
 }
 
