@@ -10,6 +10,8 @@ constexpr DWORD kCachePathChars = 260;
 
 }  // namespace
 
+MyBindStatusCallback::~MyBindStatusCallback() { ReleaseBinding(); }
+
 HRESULT MyBindStatusCallback::QueryInterface(REFIID riid, void** object) {
   if (object == nullptr) return E_POINTER;
   if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IBindStatusCallback)) {
@@ -42,8 +44,7 @@ HRESULT MyBindStatusCallback::OnProgress(ULONG progress, ULONG progress_max, ULO
 }
 
 HRESULT MyBindStatusCallback::OnStopBinding(HRESULT, LPCWSTR) {
-  if (m_binding != nullptr) m_binding->Release();
-  m_binding = nullptr;
+  ReleaseBinding();
   Report(1.0);
   return S_OK;
 }
@@ -57,22 +58,38 @@ HRESULT MyBindStatusCallback::OnDataAvailable(DWORD, DWORD, FORMATETC*, STGMEDIU
 HRESULT MyBindStatusCallback::OnObjectAvailable(REFIID, IUnknown*) { return S_OK; }
 
 void MyBindStatusCallback::Report(double fraction) {
-  if (m_progress != nullptr) m_progress->SetProgress(fraction);
+  if (m_progress == nullptr) return;
+  try {
+    m_progress->SetProgress(fraction);
+  } catch (...) {
+    if (!m_progress_error) m_progress_error = std::current_exception();
+  }
+}
+
+void MyBindStatusCallback::ReleaseBinding() {
+  if (m_binding != nullptr) m_binding->Release();
+  m_binding = nullptr;
+}
+
+void MyBindStatusCallback::RethrowProgressError() const {
+  if (m_progress_error) std::rethrow_exception(m_progress_error);
 }
 
 bool HttpFileProtocol::GetFile(const wchar_t* url, const wchar_t* local_path,
                                TqUProgress* progress) {
   MyBindStatusCallback callback(progress);
-  return SUCCEEDED(URLDownloadToFileW(nullptr, url, local_path, 0, &callback));
+  const HRESULT result = URLDownloadToFileW(nullptr, url, local_path, 0, &callback);
+  callback.RethrowProgressError();
+  return SUCCEEDED(result);
 }
 
 bool HttpFileProtocol::GetFileToCache(const wchar_t* url, TqUProgress* progress,
                                       TqUWideStringBuffer* cache_path) {
   MyBindStatusCallback callback(progress);
   wchar_t path[kCachePathChars] = {};
-  if (FAILED(URLDownloadToCacheFileW(nullptr, url, path, kCachePathChars, 0, &callback))) {
-    return false;
-  }
+  const HRESULT result = URLDownloadToCacheFileW(nullptr, url, path, kCachePathChars, 0, &callback);
+  callback.RethrowProgressError();
+  if (FAILED(result)) return false;
   if (cache_path != nullptr) cache_path->SetString(path);
   return true;
 }

@@ -1,6 +1,8 @@
 // The status callback through which whole-file downloads report progress to the host.
 #pragma once
 
+#include <exception>
+
 #include "net/host/platform.h"
 #include "net/host/tqutil.h"
 
@@ -10,9 +12,15 @@ namespace qv::net {
 // calling thread. Does no reference counting and never cancels: every callback returns S_OK.
 // Reports 0.0 when the download starts, the received fraction as it goes, and 1.0 when it ends,
 // whether it succeeded or not. A null progress object is allowed: nothing is reported.
+// An exception from the progress object must not unwind through the URL Moniker (the binding
+// would never be released, and on Windows the system's own frames would be unwound): the first
+// one is kept, the callback returns S_OK as always, and the caller rethrows it once the download
+// has returned (RethrowProgressError).
 class MyBindStatusCallback : public IBindStatusCallback {
  public:
   explicit MyBindStatusCallback(TqUProgress* progress) : m_progress(progress) {}
+  // Releases a binding the download never ended with OnStopBinding.
+  virtual ~MyBindStatusCallback();
   MyBindStatusCallback(const MyBindStatusCallback&) = delete;
   MyBindStatusCallback& operator=(const MyBindStatusCallback&) = delete;
 
@@ -33,11 +41,16 @@ class MyBindStatusCallback : public IBindStatusCallback {
   // The binding of the running download; null before OnStartBinding and after OnStopBinding.
   IBinding* Binding() const { return m_binding; }
 
+  // Throws what the progress object threw, if it did.
+  void RethrowProgressError() const;
+
  private:
   void Report(double fraction);
+  void ReleaseBinding();
 
   IBinding* m_binding = nullptr;
   TqUProgress* m_progress;
+  std::exception_ptr m_progress_error;
 };
 
 }  // namespace qv::net

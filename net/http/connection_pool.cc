@@ -60,9 +60,13 @@ struct HttpConnectionPool::Impl {
   std::mutex m_mutex;
 
   ~Impl() {
-    for (auto& [key, connection] : m_connections) HttpApi()->CloseHandle(connection);
+    // With the transport gone (a host that released it first) the handles went with it: there
+    // is nothing left to close them through.
+    if (IHttpApi* api = HttpApi()) {
+      for (auto& [key, connection] : m_connections) api->CloseHandle(connection);
+      if (m_internet != nullptr) api->CloseHandle(m_internet);
+    }
     m_connections.clear();
-    if (m_internet != nullptr) HttpApi()->CloseHandle(m_internet);
   }
 };
 
@@ -75,11 +79,15 @@ HttpConnectionPool::Impl* g_pool = nullptr;
 // pool's own mutex serialises everything after.
 std::mutex g_pool_creation_mutex;
 
+// Null when there is no transport to open the pool through: no record is made then, so that
+// the first call after a transport is installed opens one.
 HttpConnectionPool::Impl* PoolRecord() {
   std::lock_guard lock(g_pool_creation_mutex);
   if (!g_pool) {
+    IHttpApi* api = HttpApi();
+    if (api == nullptr) return nullptr;
     auto record = std::make_unique<HttpConnectionPool::Impl>();
-    record->m_internet = HttpApi()->OpenInternet(qv::kUserAgentWide);
+    record->m_internet = api->OpenInternet(qv::kUserAgentWide);
     g_pool = record.release();  // published even when opening failed
   }
   return g_pool;
@@ -89,6 +97,8 @@ HttpConnectionPool::Impl* PoolRecord() {
 
 void* HttpConnectionPool::CreateConnection(const TqUURL& url) {
   Impl* pool = PoolRecord();
+  if (pool == nullptr) return nullptr;
+  IHttpApi* api = HttpApi();
   // Held across Connect: concurrent first requests to a server open exactly one connection.
   std::lock_guard lock(pool->m_mutex);
   if (pool->m_internet == nullptr) return nullptr;
@@ -99,12 +109,13 @@ void* HttpConnectionPool::CreateConnection(const TqUURL& url) {
                             password ? password : L""};
   if (auto it = pool->m_connections.find(key); it != pool->m_connections.end()) return it->second;
 
-  void* connection = HttpApi()->Connect(pool->m_internet, url);
+  if (api == nullptr) return nullptr;
+  void* connection = api->Connect(pool->m_internet, url);
   if (connection == nullptr) return nullptr;  // nothing stored: the next call tries again
   try {
     pool->m_connections.emplace(std::move(key), connection);
   } catch (...) {
-    HttpApi()->CloseHandle(connection);
+    api->CloseHandle(connection);
     throw;
   }
   return connection;

@@ -363,6 +363,95 @@ TEST_F(HttpFileProtocolTest, AbortFromAnotherThreadEndsTheDownloadAndLeavesNoFil
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
+// A host's progress object that throws at a chosen report. Its exception must not unwind
+// through the URL Moniker, which would skip OnStopBinding and so never give back the reference
+// taken on the binding (and on Windows unwind the system's own frames). Every callback still
+// answers S_OK and reports as before, so the download runs its course; the first exception then
+// reaches the caller of GetFile.
+TEST_F(HttpFileProtocolTest, AProgressThatThrowsReachesTheCallerAfterTheDownloadAndNothingLeaks) {
+  struct Cancelled {};
+  struct ThrowingProgress : TqUProgress {
+    explicit ThrowingProgress(int throw_at) : throw_at(throw_at) {}
+    bool SetProgress(double fraction) override {
+      values.push_back(fraction);
+      if (static_cast<int>(values.size()) >= throw_at) throw Cancelled{};
+      return true;
+    }
+    int throw_at;
+    std::vector<double> values;
+  };
+  // Counts the references the callback takes on the binding it is handed.
+  struct CountedBinding : IBinding {
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
+      *object = nullptr;
+      return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++refs); }
+    ULONG STDMETHODCALLTYPE Release() override { return static_cast<ULONG>(--refs); }
+    HRESULT STDMETHODCALLTYPE Abort() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE Suspend() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Resume() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE SetPriority(LONG) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE GetPriority(LONG*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE GetBindResult(CLSID*, DWORD*, LPOLESTR*, DWORD*) override {
+      return E_NOTIMPL;
+    }
+    int refs = 0;
+  };
+
+  // The callback on its own, with a progress that throws from the first report on or from the
+  // second: nothing escapes a callback, each answers S_OK, every fraction is still reported,
+  // the binding is given back, and the first exception is kept for the caller.
+  for (int throw_at : {1, 2}) {
+    SCOPED_TRACE(throw_at);
+    ThrowingProgress progress(throw_at);
+    CountedBinding binding;
+    {
+      qv::net::MyBindStatusCallback callback(&progress);
+      EXPECT_EQ(callback.OnStartBinding(0, &binding), S_OK);
+      EXPECT_EQ(callback.OnProgress(50, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
+      EXPECT_EQ(callback.OnStopBinding(S_OK, nullptr), S_OK);
+      EXPECT_THROW(callback.RethrowProgressError(), Cancelled);
+    }
+    EXPECT_EQ(binding.refs, 0);
+    EXPECT_EQ(progress.values, (std::vector<double>{0.0, 0.25, 1.0}));
+  }
+  // One that never throws leaves nothing to rethrow.
+  RecordedProgress quiet;
+  qv::net::MyBindStatusCallback callback(&quiet);
+  EXPECT_NO_THROW(callback.RethrowProgressError());
+
+  // Through GetFile and GetFileToCache: the download is complete, then the exception arrives.
+  TempDir dir;
+  const std::string body(256 * 1024, 'x');
+  server_.Route("/big", ScriptedResponse(200, body));
+  const std::wstring url = W(server_.Url("/big"));
+  for (int throw_at : {1, 2}) {
+    SCOPED_TRACE(throw_at);
+    ThrowingProgress progress(throw_at);
+    const std::filesystem::path target = dir.path() / ("file" + std::to_string(throw_at));
+    EXPECT_THROW(protocol_->GetFile(url.c_str(), W(target.string()).c_str(), &progress),
+                 Cancelled);
+    EXPECT_EQ(ReadAll(target), body);
+    EXPECT_EQ(progress.values.back(), 1.0);
+  }
+#if !defined(_WIN32)
+  setenv("XDG_CACHE_HOME", (dir.path() / "cache").c_str(), 1);
+#endif
+  // A URL not fetched before, naming a file: Wine's URL Moniker caches nothing else.
+  server_.Route("/dir/to-cache.bin", ScriptedResponse(200, body));
+  const std::wstring cache_url = W(server_.Url("/dir/to-cache.bin"));
+  ThrowingProgress progress(1);
+  TqUWideStringBuffer path;
+  path.SetString(L"untouched");
+  EXPECT_THROW(protocol_->GetFileToCache(cache_url.c_str(), &progress, &path), Cancelled);
+#if !defined(_WIN32)
+  unsetenv("XDG_CACHE_HOME");
+#endif
+  EXPECT_EQ(std::wstring(path.View()), L"untouched");
+  EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
 TEST_F(HttpFileProtocolTest, GetFileToCacheGivesThePathOfTheCopy) {
   server_.Route("/dir/report.pdf", ScriptedResponse(200, "pdf bytes"));
   TqUWideStringBuffer path;

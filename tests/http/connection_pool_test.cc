@@ -70,5 +70,29 @@ TEST_F(ConnectionPoolTest, ConcurrentFirstCallsShareOnePoolAndOneConnection) {
   EXPECT_EQ(m_api.CountCalls("Connect"), 1);
 }
 
+// Without a transport no connection can be had: null, and nothing is created that would keep
+// later calls failing once a transport is installed. A host that shuts down in the wrong order
+// (the transport first) gets a pool that lets go of its record without closing handles through
+// a transport that is gone. Both used to dereference the missing transport.
+TEST_F(ConnectionPoolTest, WithoutATransportNoConnectionIsHadAndTerminateDoesNotCrash) {
+  SetHttpApi(nullptr);
+  EXPECT_EQ(Connect(L"http://example.com/"), nullptr);
+  HttpConnectionPool::Terminate();  // no record was made
+
+  SetHttpApi(&m_api);
+  ASSERT_NE(Connect(L"http://example.com/"), nullptr);
+  EXPECT_EQ(m_api.OpenHandles(), 2u);  // the internet handle and the connection
+  SetHttpApi(nullptr);
+  HttpConnectionPool::Terminate();
+  EXPECT_EQ(m_api.CloseCount(), 0);
+
+  // A later pool starts afresh through the transport then installed.
+  SetHttpApi(&m_api);
+  ASSERT_NE(Connect(L"http://example.com/"), nullptr);
+  EXPECT_EQ(m_api.CountCalls("OpenInternet"), 2);
+  HttpConnectionPool::Terminate();
+  EXPECT_EQ(m_api.CloseCount(), 2);
+}
+
 }  // namespace
 }  // namespace qv::net
