@@ -357,6 +357,12 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
       break;
   }
   const int status = pending_.status_code();
+  if (status == 101) {
+    // No request here asks to switch protocols; libcurl would hand over what follows as the
+    // body of a response that has no status at all.
+    header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
+    return 0;
+  }
   if (status >= 100 && status < 200) {  // interim response; the real one follows
     pending_.Clear();
     return size;
