@@ -210,7 +210,7 @@ class Transfer {
   DWORD Configure(bool same_origin);
   void ClearResponse();
   HopOptions Options(bool same_origin) const;
-  DWORD MakeHeaderList();
+  DWORD MakeHeaderList(bool same_origin);
   bool AgentAsHeaderLine() const;
 
   SlotSource& slots_;

@@ -32,6 +32,14 @@ const std::string* DefaultAcceptLine(const std::vector<std::string>& lines) {
   return found;
 }
 
+// Lines a caller writes for the origin it asked: libcurl's own following never takes them to
+// another host, and neither does this layer's.
+bool OnlyForTheFirstOrigin(std::string_view line) {
+  const std::string_view name = line.substr(0, line.find(':'));
+  return EqualsIgnoreCase(name, "Host") || EqualsIgnoreCase(name, "Authorization") ||
+         EqualsIgnoreCase(name, "Cookie");
+}
+
 }  // namespace
 
 void Transfer::ClearResponse() {
@@ -54,7 +62,7 @@ DWORD Transfer::Configure(bool same_origin) {
   sent_url_ = slot_->SentUrl(request_.url);
   method_ = request_.method;
   clock_.Start(request_.limits, !request_.body.empty(), TransferClock::Clock::now());
-  if (DWORD error = MakeHeaderList()) return error;
+  if (DWORD error = MakeHeaderList(same_origin)) return error;
   // libcurl answers a challenge itself when it has the credentials for it.
   answers_401_ = same_origin && !request_.user.empty();
   answers_407_ = !request_.proxy_user.empty();
@@ -105,7 +113,7 @@ bool Transfer::AgentAsHeaderLine() const {
   return !request_.agent.empty() && request_.proxy_mode == ProxyMode::kDirect;
 }
 
-DWORD Transfer::MakeHeaderList() {
+DWORD Transfer::MakeHeaderList(bool same_origin) {
   std::vector<std::string_view>& lines = slot_->NewHeaderLines();
   if (AgentAsHeaderLine() && !HasHeaderLine(request_.header_lines, "User-Agent")) {
     // A caller's own User-Agent line replaces the agent, as libcurl's option would let it.
@@ -115,7 +123,8 @@ DWORD Transfer::MakeHeaderList() {
   }
   const std::string* default_accept = DefaultAcceptLine(request_.header_lines);
   for (const auto& line : request_.header_lines) {
-    if (&line != default_accept) lines.emplace_back(line);
+    if (&line == default_accept || (!same_origin && OnlyForTheFirstOrigin(line))) continue;
+    lines.emplace_back(line);
   }
   // No 100-continue round trip before a body (libcurl asks for one only when sending a body).
   if (!request_.body.empty()) lines.emplace_back("Expect:");

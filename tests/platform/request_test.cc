@@ -74,6 +74,45 @@ TEST_F(RequestTest, RedirectsAreFollowedAsWinInetDoes) {
   EXPECT_EQ(Get(L"/loop"), "error " + std::to_string(ERROR_HTTP_REDIRECT_FAILED));
 }
 
+// The caller's Host, Authorization and Cookie lines are meant for the origin asked: a redirect
+// elsewhere (another port is another origin) goes without them, as libcurl's own following does.
+TEST_F(RequestTest, ARedirectToAnotherOriginLeavesTheCallersCredentialLinesBehind) {
+  ScriptedServer other;
+  ASSERT_TRUE(other.ok());
+  const auto echo = [](const RecordedRequest& r) {
+    std::string seen;
+    for (const char* name : {"Host", "Authorization", "Cookie", "X-Other"}) {
+      seen += std::string(name) + "=" + r.Header(name).value_or("<none>") + ";";
+    }
+    return ScriptedResponse(200, seen);
+  };
+  server_.Route("/seen", echo);
+  other.Route("/seen", echo);
+  server_.Route("/here", ScriptedResponse(302).Header("Location", "/seen"));
+  server_.Route("/away", ScriptedResponse(302).Header("Location", other.Url("/seen")));
+  server_.Route("/away-and-back", ScriptedResponse(302).Header("Location", other.Url("/back")));
+  other.Route("/back", ScriptedResponse(302).Header("Location", server_.Url("/seen")));
+  const std::wstring lines =
+      L"Host: named\r\nAuthorization: Bearer t\r\nCookie: c=1\r\nX-Other: o\r\n";
+  const auto get = [&](const wchar_t* path) {
+    Handle request = OpenRequest(connection_, path);
+    std::string got;
+    if (!Send(request, lines) || !ReadAll(request, &got)) {
+      return "error " + std::to_string(GetLastError());
+    }
+    return got;
+  };
+  const std::string other_host = "127.0.0.1:" + std::to_string(other.port());
+  EXPECT_EQ(get(L"/here"), "Host=named;Authorization=Bearer t;Cookie=c=1;X-Other=o;");
+  EXPECT_EQ(get(L"/away"),
+            "Host=" + other_host + ";Authorization=<none>;Cookie=<none>;X-Other=o;");
+  // Once the chain has left the origin, coming back does not make the lines safe again.
+  const std::string host = "127.0.0.1:" + std::to_string(server_.port());
+  EXPECT_EQ(get(L"/away-and-back"),
+            "Host=" + host + ";Authorization=<none>;Cookie=<none>;X-Other=o;");
+  connection_.reset();  // its kept-alive connections go before `other` stops
+}
+
 // Certificates are verified, and a trusted server works with keep-alive.
 TEST(HttpsTest, SelfSignedServerIsRefusedUntilTrusted) {
   TempDir dir;
