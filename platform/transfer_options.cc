@@ -124,6 +124,11 @@ DWORD Transfer::MakeHeaderList(bool same_origin) {
   const std::string* default_accept = DefaultAcceptLine(request_.header_lines);
   for (const auto& line : request_.header_lines) {
     if (&line == default_accept || (!same_origin && OnlyForTheFirstOrigin(line))) continue;
+    // libcurl writes the length of the body it really sends (none when a redirect drops it): a
+    // caller's other number would make the server read the rest of the body as a request.
+    if (EqualsIgnoreCase(std::string_view(line).substr(0, line.find(':')), "Content-Length")) {
+      continue;
+    }
     lines.emplace_back(line);
   }
   // No 100-continue round trip before a body (libcurl asks for one only when sending a body).

@@ -113,6 +113,26 @@ TEST_F(RequestTest, ARedirectToAnotherOriginLeavesTheCallersCredentialLinesBehin
   connection_.reset();  // its kept-alive connections go before `other` stops
 }
 
+// The length on the wire is the body's, whatever the caller's Content-Length line says: the
+// bytes past a smaller number would reach the server as a request of their own.
+TEST_F(RequestTest, TheBodySentIsTheLengthAnnounced) {
+  server_.Route("/echo", [](const RecordedRequest& r) {
+    return ScriptedResponse(200, r.method + ":" + r.body);
+  });
+  server_.Route("/303", ScriptedResponse(303).Header("Location", "/echo"));
+  const std::string body = "12345GET /smuggled HTTP/1.1\r\nHost: x\r\n\r\n";
+  for (const wchar_t* lines : {L"Content-Length: 5\r\n", L"content-length:99999\r\n"}) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(lines)));
+    for (const wchar_t* path : {L"/echo", L"/303"}) {
+      Handle request = OpenRequest(connection_, path, L"POST");
+      std::string got;
+      ASSERT_TRUE(Send(request, lines, body) && ReadAll(request, &got)) << GetLastError();
+      EXPECT_EQ(got, std::wstring_view(path) == L"/echo" ? "POST:" + body : "GET:");
+    }
+  }
+  EXPECT_EQ(server_.request_count(), 6u);
+}
+
 // Certificates are verified, and a trusted server works with keep-alive.
 TEST(HttpsTest, SelfSignedServerIsRefusedUntilTrusted) {
   TempDir dir;
