@@ -264,10 +264,15 @@ bool IsStringOption(DWORD option) {
   }
 }
 
+// The agent goes out as the value of a header line: a line break in it would start a line of
+// the caller's making.
+bool ValidAgent(std::string_view agent) { return agent.find_first_of("\r\n") == agent.npos; }
+
 // String options: the length counts characters, as InternetSetOptionW documents.
 DWORD SetStringOption(SettingsHolder* target, DWORD option, const void* buffer,
                       DWORD buffer_length) {
   std::string text = ReadWideOption(buffer, buffer_length);
+  if (option == INTERNET_OPTION_USER_AGENT && !ValidAgent(text)) return ERROR_INVALID_PARAMETER;
   target->Update([&](Settings& s) {
     switch (option) {
       case INTERNET_OPTION_USERNAME: s.user = std::move(text); break;
@@ -353,6 +358,8 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
   }
   // Only synchronous use is supported: there is no status callback to complete async calls.
   if ((flags & INTERNET_FLAG_ASYNC) != 0) return FailNull(ERROR_INVALID_PARAMETER);
+  std::string agent_text = WideToUtf8(agent != nullptr ? agent : L"");
+  if (!ValidAgent(agent_text)) return FailNull(ERROR_INVALID_PARAMETER);
   EnsureCurlInitialised();
   std::string proxy_text;
   std::string bypass_text;
@@ -362,7 +369,7 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
   }
   std::shared_ptr<Session> session;
   try {
-    session = std::make_shared<Session>(WideToUtf8(agent != nullptr ? agent : L""), mode,
+    session = std::make_shared<Session>(std::move(agent_text), mode,
                                         std::move(proxy_text), std::move(bypass_text));
   } catch (const std::bad_alloc&) {
     return FailNull(ERROR_NOT_ENOUGH_MEMORY);

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cwchar>
 #include <filesystem>
 #include <future>
 #include <string>
@@ -65,6 +66,21 @@ TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {
     Handle request = OpenRequest(connection, L"/");
     SetLastError(0);
     EXPECT_FALSE(Send(request, headers));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  }
+  // The agent is a header value too, whether given to the session or set on a request.
+  for (const wchar_t* agent : {L"agent\r\nX-Injected: 1", L"agent\nX-Injected: 1", L"agent\r"}) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(agent)));
+    for (const DWORD access : {INTERNET_OPEN_TYPE_DIRECT, INTERNET_OPEN_TYPE_PRECONFIG}) {
+      SetLastError(0);
+      EXPECT_EQ(Handle(InternetOpenW(agent, access, nullptr, nullptr, 0)), nullptr);
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
+    Handle request = OpenRequest(connection, L"/");
+    SetLastError(0);
+    EXPECT_FALSE(InternetSetOptionW(request.get(), INTERNET_OPTION_USER_AGENT,
+                                    const_cast<wchar_t*>(agent),
+                                    static_cast<DWORD>(std::wcslen(agent))));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
   }
   EXPECT_EQ(server.connections(), 0u);
