@@ -133,6 +133,12 @@ DWORD Transfer::MakeHeaderList(bool same_origin) {
   }
   // No 100-continue round trip before a body (libcurl asks for one only when sending a body).
   if (!request_.body.empty()) lines.emplace_back("Expect:");
+  // libcurl labels a body it sends as a form unless told otherwise; the body is the caller's
+  // bytes, labelled as the caller says or not at all.
+  if ((!request_.body.empty() || request_.method == "POST") &&
+      !HasHeaderLine(request_.header_lines, "Content-Type")) {
+    lines.emplace_back("Content-Type:");
+  }
   bool ok = true;
   header_list_ = slot_->HeaderList(&ok);
   return ok ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;

@@ -105,7 +105,7 @@ TEST_F(RequestReuseTest, ABodyLeftUnreadIsDroppedAndTheNextRequestIsServed) {
 
 // The agent and Accept lines go out once, as asked: the session's agent unless a line of the
 // caller's own replaces it; the accept types, a line of the caller's own, both, or none. A body
-// goes without asking to continue first.
+// goes without asking to continue first, labelled with the caller's Content-Type or none.
 TEST_F(RequestReuseTest, AgentAndAcceptLinesGoOutOnceAsAskedAndABodyWithoutAskingToContinue) {
   server.Route("/", ScriptedResponse(200, "ok"));
   const std::string big_body(1536 * 1024, 'p');  // past the size libcurl asks to continue for
@@ -119,19 +119,22 @@ TEST_F(RequestReuseTest, AgentAndAcceptLinesGoOutOnceAsAskedAndABodyWithoutAskin
     const wchar_t** types;
     std::wstring headers;
     std::string body;
-    Lines agent, accept;  // every value of each that the server must see
+    Lines agent, accept, type;  // every value of each that the server must see
   } cases[] = {
-      {L"GET", all, L"", "", ours, {"*/*"}},
-      {L"GET", all, L"user-agent: mine\r\n", "", {"mine"}, {"*/*"}},
-      {L"POST", all, L"Content-Type: application/octet-stream\r\n", big_body, ours, {"*/*"}},
-      {L"PUT", all, L"User-Agent: put-agent\r\n", "small", {"put-agent"}, {"*/*"}},
-      {L"GET", nullptr, L"", "", ours, {}},
-      {L"GET", text, L"", "", ours, {"text/html"}},
-      {L"GET", all, L"", "", ours, {"*/*"}},
-      {L"GET", two, L"", "", ours, {"text/html, */*"}},
-      {L"GET", nullptr, L"Accept: */*\r\n", "", ours, {"*/*"}},
-      {L"GET", all, L"accept: image/png\r\n", "", ours, {"*/*", "image/png"}},
-      {L"GET", nullptr, L"", "", ours, {}},
+      {L"GET", all, L"", "", ours, {"*/*"}, {}},
+      {L"GET", all, L"user-agent: mine\r\n", "", {"mine"}, {"*/*"}, {}},
+      {L"POST", all, L"Content-Type: application/octet-stream\r\n", big_body, ours, {"*/*"},
+       {"application/octet-stream"}},
+      {L"PUT", all, L"User-Agent: put-agent\r\n", "small", {"put-agent"}, {"*/*"}, {}},
+      {L"POST", all, L"", "", ours, {"*/*"}, {}},
+      {L"POST", all, L"", "form?", ours, {"*/*"}, {}},
+      {L"GET", nullptr, L"", "", ours, {}, {}},
+      {L"GET", text, L"", "", ours, {"text/html"}, {}},
+      {L"GET", all, L"", "", ours, {"*/*"}, {}},
+      {L"GET", two, L"", "", ours, {"text/html, */*"}, {}},
+      {L"GET", nullptr, L"Accept: */*\r\n", "", ours, {"*/*"}, {}},
+      {L"GET", all, L"accept: image/png\r\n", "", ours, {"*/*", "image/png"}, {}},
+      {L"GET", nullptr, L"", "", ours, {}, {}},
   };
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE(i);
@@ -144,6 +147,7 @@ TEST_F(RequestReuseTest, AgentAndAcceptLinesGoOutOnceAsAskedAndABodyWithoutAskin
     const RecordedRequest seen = server.requests().back();
     EXPECT_EQ(Values(seen, "User-Agent"), cases[i].agent);
     EXPECT_EQ(Values(seen, "Accept"), cases[i].accept);
+    EXPECT_EQ(Values(seen, "Content-Type"), cases[i].type);
     EXPECT_EQ(seen.Header("Expect"), std::nullopt);
     EXPECT_TRUE(seen.body == cases[i].body) << seen.body.size() << " bytes arrived";
   }
