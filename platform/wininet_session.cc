@@ -264,15 +264,19 @@ bool IsStringOption(DWORD option) {
   }
 }
 
-// The agent goes out as the value of a header line: a line break in it would start a line of
-// the caller's making.
-bool ValidAgent(std::string_view agent) { return agent.find_first_of("\r\n") == agent.npos; }
+// The agent goes out as the value of a header line, and a user name inside one when a server
+// asks for Digest: a line break in either would start a line of the caller's making.
+bool FitsOneLine(std::string_view text) { return text.find_first_of("\r\n") == text.npos; }
 
 // String options: the length counts characters, as InternetSetOptionW documents.
 DWORD SetStringOption(SettingsHolder* target, DWORD option, const void* buffer,
                       DWORD buffer_length) {
   std::string text = ReadWideOption(buffer, buffer_length);
-  if (option == INTERNET_OPTION_USER_AGENT && !ValidAgent(text)) return ERROR_INVALID_PARAMETER;
+  if ((option == INTERNET_OPTION_USER_AGENT || option == INTERNET_OPTION_USERNAME ||
+       option == INTERNET_OPTION_PROXY_USERNAME) &&
+      !FitsOneLine(text)) {
+    return ERROR_INVALID_PARAMETER;
+  }
   target->Update([&](Settings& s) {
     switch (option) {
       case INTERNET_OPTION_USERNAME: s.user = std::move(text); break;
@@ -359,7 +363,7 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
   // Only synchronous use is supported: there is no status callback to complete async calls.
   if ((flags & INTERNET_FLAG_ASYNC) != 0) return FailNull(ERROR_INVALID_PARAMETER);
   std::string agent_text = WideToUtf8(agent != nullptr ? agent : L"");
-  if (!ValidAgent(agent_text)) return FailNull(ERROR_INVALID_PARAMETER);
+  if (!FitsOneLine(agent_text)) return FailNull(ERROR_INVALID_PARAMETER);
   EnsureCurlInitialised();
   std::string proxy_text;
   std::string bypass_text;
@@ -392,9 +396,11 @@ HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name, INTERNET_POR
   if (!ValidHostName(host)) {
     return FailNull(host.empty() ? ERROR_INVALID_PARAMETER : ERROR_INTERNET_INVALID_URL);
   }
+  std::string user = WideToUtf8(user_name != nullptr ? user_name : L"");
+  if (!FitsOneLine(user)) return FailNull(ERROR_INVALID_PARAMETER);
   auto connection = std::make_shared<Connection>(session, std::move(host), server_port);
   connection->settings().Update([&](Settings& s) {
-    if (WideLength(user_name) != 0) s.user = WideToUtf8(user_name);
+    if (!user.empty()) s.user = std::move(user);
     if (WideLength(password) != 0) s.password = WideToUtf8(password);
   });
   HINTERNET handle = RegisterHandle(connection);

@@ -68,20 +68,30 @@ TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {
     EXPECT_FALSE(Send(request, headers));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
   }
-  // The agent is a header value too, whether given to the session or set on a request.
-  for (const wchar_t* agent : {L"agent\r\nX-Injected: 1", L"agent\nX-Injected: 1", L"agent\r"}) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(agent)));
+  // The agent is a header value too, whether given to the session or set on a request; so is a
+  // user name, which a Digest answer quotes in its line.
+  for (const wchar_t* text : {L"agent\r\nX-Injected: 1", L"agent\nX-Injected: 1", L"agent\r"}) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(text)));
     for (const DWORD access : {INTERNET_OPEN_TYPE_DIRECT, INTERNET_OPEN_TYPE_PRECONFIG}) {
       SetLastError(0);
-      EXPECT_EQ(Handle(InternetOpenW(agent, access, nullptr, nullptr, 0)), nullptr);
+      EXPECT_EQ(Handle(InternetOpenW(text, access, nullptr, nullptr, 0)), nullptr);
       EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     }
-    Handle request = OpenRequest(connection, L"/");
     SetLastError(0);
-    EXPECT_FALSE(InternetSetOptionW(request.get(), INTERNET_OPTION_USER_AGENT,
-                                    const_cast<wchar_t*>(agent),
-                                    static_cast<DWORD>(std::wcslen(agent))));
+    EXPECT_EQ(Handle(InternetConnectW(session.get(), L"127.0.0.1",
+                                      static_cast<INTERNET_PORT>(server.port()), text, L"pw",
+                                      INTERNET_SERVICE_HTTP, 0, 0)),
+              nullptr);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    Handle request = OpenRequest(connection, L"/");
+    for (const DWORD option : {INTERNET_OPTION_USER_AGENT, INTERNET_OPTION_USERNAME,
+                               INTERNET_OPTION_PROXY_USERNAME}) {
+      SCOPED_TRACE(option);
+      SetLastError(0);
+      EXPECT_FALSE(InternetSetOptionW(request.get(), option, const_cast<wchar_t*>(text),
+                                      static_cast<DWORD>(std::wcslen(text))));
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
   }
   EXPECT_EQ(server.connections(), 0u);
 
