@@ -1,11 +1,13 @@
 // The options of one hop of a transfer and its list of header lines.
 #include "platform/transfer.h"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/wide_text.h"
+#include "tqutil/decimal.h"
 
 namespace tqplatform {
 namespace {
@@ -38,6 +40,18 @@ bool OnlyForTheFirstOrigin(std::string_view line) {
   const std::string_view name = line.substr(0, line.find(':'));
   return EqualsIgnoreCase(name, "Host") || EqualsIgnoreCase(name, "Authorization") ||
          EqualsIgnoreCase(name, "Cookie");
+}
+
+// A caller's Content-Length line that is not the length of the body really sent (none when a
+// redirect drops it): the server would read the bytes past a smaller number as a request of
+// their own, or wait for bytes that never come. libcurl writes the right line in its place.
+bool WrongLength(std::string_view line, std::size_t body_size) {
+  const auto colon = line.find(':');
+  if (colon == std::string_view::npos ||
+      !EqualsIgnoreCase(line.substr(0, colon), "Content-Length")) {
+    return false;
+  }
+  return qv::ParseDecimal(TrimSpace(line.substr(colon + 1))) != std::uint64_t{body_size};
 }
 
 }  // namespace
@@ -124,11 +138,7 @@ DWORD Transfer::MakeHeaderList(bool same_origin) {
   const std::string* default_accept = DefaultAcceptLine(request_.header_lines);
   for (const auto& line : request_.header_lines) {
     if (&line == default_accept || (!same_origin && OnlyForTheFirstOrigin(line))) continue;
-    // libcurl writes the length of the body it really sends (none when a redirect drops it): a
-    // caller's other number would make the server read the rest of the body as a request.
-    if (EqualsIgnoreCase(std::string_view(line).substr(0, line.find(':')), "Content-Length")) {
-      continue;
-    }
+    if (WrongLength(line, request_.body.size())) continue;
     lines.emplace_back(line);
   }
   // No 100-continue round trip before a body (libcurl asks for one only when sending a body).

@@ -113,24 +113,37 @@ TEST_F(RequestTest, ARedirectToAnotherOriginLeavesTheCallersCredentialLinesBehin
   connection_.reset();  // its kept-alive connections go before `other` stops
 }
 
-// The length on the wire is the body's, whatever the caller's Content-Length line says: the
-// bytes past a smaller number would reach the server as a request of their own.
-TEST_F(RequestTest, TheBodySentIsTheLengthAnnounced) {
+// The length on the wire is the body's: a caller's Content-Length line goes out when it is
+// that length, and is replaced when not; the bytes past a smaller number would reach the server
+// as a request of their own, and a body a redirect drops leaves no length behind.
+TEST_F(RequestTest, TheLengthSentIsTheBodys) {
   server_.Route("/echo", [](const RecordedRequest& r) {
-    return ScriptedResponse(200, r.method + ":" + r.body);
+    return ScriptedResponse(200, r.method + ":" + r.body + ":" +
+                                     r.Header("Content-Length").value_or("none"));
   });
   server_.Route("/303", ScriptedResponse(303).Header("Location", "/echo"));
-  const std::string body = "12345GET /smuggled HTTP/1.1\r\nHost: x\r\n\r\n";
-  for (const wchar_t* lines : {L"Content-Length: 5\r\n", L"content-length:99999\r\n"}) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(lines)));
-    for (const wchar_t* path : {L"/echo", L"/303"}) {
-      Handle request = OpenRequest(connection_, path, L"POST");
-      std::string got;
-      ASSERT_TRUE(Send(request, lines, body) && ReadAll(request, &got)) << GetLastError();
-      EXPECT_EQ(got, std::wstring_view(path) == L"/echo" ? "POST:" + body : "GET:");
-    }
+  const std::string body = "12345GET /smuggled HTTP/1.1\r\nHost: x\r\n\r\n";  // 40 bytes
+  const struct {
+    const wchar_t* verb;
+    const wchar_t* path;
+    const wchar_t* lines;
+    std::string body, answer;
+  } cases[] = {
+      {L"POST", L"/echo", L"Content-Length: 5\r\n", body, "POST:" + body + ":40"},
+      {L"POST", L"/echo", L"content-length:99999\r\n", body, "POST:" + body + ":40"},
+      {L"POST", L"/echo", L"Content-Length:  40 \r\n", body, "POST:" + body + ":40"},
+      {L"POST", L"/303", L"Content-Length: 40\r\n", body, "GET::none"},
+      {L"PUT", L"/echo", L"Content-Length: 0\r\n", "", "PUT::0"},
+      {L"GET", L"/echo", L"Content-Length: 7\r\n", "", "GET::none"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(c.path) + L" " + c.lines));
+    Handle request = OpenRequest(connection_, c.path, c.verb);
+    std::string got;
+    ASSERT_TRUE(Send(request, c.lines, c.body) && ReadAll(request, &got)) << GetLastError();
+    EXPECT_EQ(got, c.answer);
   }
-  EXPECT_EQ(server_.request_count(), 6u);
+  EXPECT_EQ(server_.request_count(), std::size(cases) + 1);  // and the 303's second request
 }
 
 // Certificates are verified, and a trusted server works with keep-alive.
