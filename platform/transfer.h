@@ -174,6 +174,9 @@ class Transfer {
   // The URL and method of the last request sent (the last hop of a redirect chain).
   const std::string& sent_url() const { return sent_url_; }
   const std::string& method() const { return method_; }
+  // Whether a line of the caller's went out with the last request sent: not when it is for the
+  // first origin only and the chain left it, nor a Content-Length that is not the body's.
+  bool CallerLineSent(std::string_view line) const;
   // libcurl's result of the transfer that ended, and its error text.
   CURLcode curl_result() const { return result_; }
   const char* error_text() const { return error_text_; }
@@ -210,7 +213,7 @@ class Transfer {
   DWORD Configure(bool same_origin);
   void ClearResponse();
   HopOptions Options(bool same_origin) const;
-  DWORD MakeHeaderList(bool same_origin);
+  DWORD MakeHeaderList();
   bool AgentAsHeaderLine() const;
 
   SlotSource& slots_;
@@ -223,6 +226,7 @@ class Transfer {
   TransferClock clock_;
 
   std::string sent_url_;
+  bool sent_same_origin_ = true;
   std::string method_;
   // libcurl answers a 401 / 407 challenge itself when it has credentials for it.
   bool answers_401_ = false;

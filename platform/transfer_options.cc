@@ -74,9 +74,10 @@ DWORD Transfer::Configure(bool same_origin) {
   // No CURLOPT_PATH_AS_IS: libcurl removes dot segments, as browsers do, so "/x/../b" goes out
   // as "/b". A cache keys on the normalised URL; what it keys on must be what is sent.
   sent_url_ = slot_->SentUrl(request_.url);
+  sent_same_origin_ = same_origin;
   method_ = request_.method;
   clock_.Start(request_.limits, !request_.body.empty(), TransferClock::Clock::now());
-  if (DWORD error = MakeHeaderList(same_origin)) return error;
+  if (DWORD error = MakeHeaderList()) return error;
   // libcurl answers a challenge itself when it has the credentials for it.
   answers_401_ = same_origin && !request_.user.empty();
   answers_407_ = !request_.proxy_user.empty();
@@ -120,6 +121,11 @@ HopOptions Transfer::Options(bool same_origin) const {
   return options;
 }
 
+bool Transfer::CallerLineSent(std::string_view line) const {
+  return (sent_same_origin_ || !OnlyForTheFirstOrigin(line)) &&
+         !WrongLength(line, request_.body.size());
+}
+
 bool Transfer::AgentAsHeaderLine() const {
   // Without a proxy the agent goes out among the request's own lines: the same line in the same
   // place (after Host and credentials), without libcurl formatting it anew for every request.
@@ -127,7 +133,7 @@ bool Transfer::AgentAsHeaderLine() const {
   return !request_.agent.empty() && request_.proxy_mode == ProxyMode::kDirect;
 }
 
-DWORD Transfer::MakeHeaderList(bool same_origin) {
+DWORD Transfer::MakeHeaderList() {
   std::vector<std::string_view>& lines = slot_->NewHeaderLines();
   if (AgentAsHeaderLine() && !HasHeaderLine(request_.header_lines, "User-Agent")) {
     // A caller's own User-Agent line replaces the agent, as libcurl's option would let it.
@@ -137,9 +143,7 @@ DWORD Transfer::MakeHeaderList(bool same_origin) {
   }
   const std::string* default_accept = DefaultAcceptLine(request_.header_lines);
   for (const auto& line : request_.header_lines) {
-    if (&line == default_accept || (!same_origin && OnlyForTheFirstOrigin(line))) continue;
-    if (WrongLength(line, request_.body.size())) continue;
-    lines.emplace_back(line);
+    if (&line != default_accept && CallerLineSent(line)) lines.emplace_back(line);
   }
   // No 100-continue round trip before a body (libcurl asks for one only when sending a body).
   if (!request_.body.empty()) lines.emplace_back("Expect:");

@@ -184,7 +184,9 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   std::vector<std::string> lines;
   lines.push_back("Host: " + url.substr(authority_start, path_start - authority_start));
   if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
-  lines.insert(lines.end(), sent_lines_.begin(), sent_lines_.end());
+  for (const std::string& line : sent_lines_) {
+    if (transfer_.CallerLineSent(line)) lines.push_back(line);
+  }
   HeaderBlock block;
   block.SetRequest(transfer_.method() + " " +
                        (path_start == std::string::npos ? "/" : url.substr(path_start)) +

@@ -100,6 +100,10 @@ TEST_F(RequestTest, ARedirectToAnotherOriginLeavesTheCallersCredentialLinesBehin
     if (!Send(request, lines) || !ReadAll(request, &got)) {
       return "error " + std::to_string(GetLastError());
     }
+    // The request-headers query reports what went out.
+    const std::string reported =
+        QueryText(request, HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_REQUEST_HEADERS, L"Cookie");
+    EXPECT_EQ(reported, got.find("Cookie=<none>") == std::string::npos ? "c=1" : "<absent>");
     return got;
   };
   const std::string other_host = "127.0.0.1:" + std::to_string(other.port());
