@@ -346,7 +346,14 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
   const auto now = Clock::now();
   clock_.Progress(now);
   OnConnected();
-  if (state_ != TransferState::kAwaitingHeaders) return size;  // trailers of a chunked body
+  if (state_ != TransferState::kAwaitingHeaders) {
+    // Trailers of a chunked body: not kept here, but libcurl keeps them, and each line counts as
+    // progress; without a bound a server could go on sending them until memory runs out.
+    trailer_bytes_ += size;
+    if (trailer_bytes_ <= HeaderBlock::kMaxBytes) return size;
+    header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
+    return 0;
+  }
   switch (pending_.AddLine(std::string_view(data, size))) {
     case HeaderBlock::LineResult::kInvalid:
       header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;

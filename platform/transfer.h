@@ -236,6 +236,7 @@ class Transfer {
   std::uint64_t content_length_ = 0;
   bool keep_whole_body_ = false;  // the announced body fits what is kept while nobody reads
   DWORD header_error_ = 0;  // why a header block was refused
+  std::size_t trailer_bytes_ = 0;  // of the chunked body's trailers
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
   char error_text_[CURL_ERROR_SIZE] = {};

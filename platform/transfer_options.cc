@@ -62,6 +62,7 @@ void Transfer::ClearResponse() {
   content_length_ = 0;
   keep_whole_body_ = false;
   header_error_ = 0;
+  trailer_bytes_ = 0;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;
   error_text_[0] = '\0';

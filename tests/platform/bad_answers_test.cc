@@ -51,6 +51,13 @@ TEST(BadAnswersTest, EachEndsInAWinInetErrorAfterWhatArrived) {
       {"invalid chunk size",
        Answer(ok + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\nzz\r\nbroken\r\n0\r\n\r\n"), 0,
        ERROR_HTTP_INVALID_SERVER_RESPONSE, "hello", false},
+      {"trailers past the header block's bound",
+       Answer(ok + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n" + [] {
+         std::string lines;
+         while (lines.size() <= 300 * 1024) lines += "X-Trailer: " + std::string(89, 't') + "\r\n";
+         return lines;
+       }() + "\r\n"),
+       0, ERROR_HTTP_INVALID_SERVER_RESPONSE, "hello", true},
       {"reset mid-body",
        Answer(ok + "Content-Length: 100000\r\n\r\n" + std::string(1000, 'x'), Reset), 0,
        ERROR_INTERNET_CONNECTION_RESET, std::string(1000, 'x'), false},
