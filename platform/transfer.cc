@@ -322,6 +322,7 @@ size_t Transfer::WriteCallback(char* data, size_t size, size_t count, void* self
 }
 
 int Transfer::PrereqCallback(void* self, char*, char*, int, int) {
+  static_cast<Transfer*>(self)->request_out_ = true;
   static_cast<Transfer*>(self)->OnConnected();
   return CURL_PREREQFUNC_OK;
 }
@@ -345,8 +346,11 @@ void Transfer::OnFinalHeaders() {
 size_t Transfer::OnHeader(const char* data, size_t size) {
   const auto now = Clock::now();
   clock_.Progress(now);
-  OnConnected();
-  if (state_ != TransferState::kAwaitingHeaders) {
+  // Lines that come before libcurl sends the request are a proxy's answer to its CONNECT for an
+  // https tunnel, not the origin's.
+  const bool tunnel = !request_out_;
+  if (!tunnel) OnConnected();
+  if (!tunnel && state_ != TransferState::kAwaitingHeaders) {
     // Trailers of a chunked body: not kept here, but libcurl keeps them, and each line counts as
     // progress; without a bound a server could go on sending them until memory runs out.
     trailer_bytes_ += size;
@@ -364,6 +368,13 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
       break;
   }
   const int status = pending_.status_code();
+  if (tunnel && status >= 200 && status < 300) {  // the tunnel is up: the origin answers next
+    pending_.Clear();
+    return size;
+  }
+  // A tunnel refused is answered as WinINet does: the proxy's answer is the response (a 407 the
+  // caller may answer with credentials), unless libcurl answers the challenge itself.
+  if (tunnel && !(status == 407 && answers_407_)) OnConnected();
   if (status == 101) {
     // No request here asks to switch protocols; libcurl would hand over what follows as the
     // body of a response that has no status at all.

@@ -237,6 +237,7 @@ class Transfer {
   bool keep_whole_body_ = false;  // the announced body fits what is kept while nobody reads
   DWORD header_error_ = 0;  // why a header block was refused
   std::size_t trailer_bytes_ = 0;  // of the chunked body's trailers
+  bool request_out_ = false;  // libcurl has sent this hop's request (a tunnel is up before)
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
   char error_text_[CURL_ERROR_SIZE] = {};

@@ -63,6 +63,7 @@ void Transfer::ClearResponse() {
   keep_whole_body_ = false;
   header_error_ = 0;
   trailer_bytes_ = 0;
+  request_out_ = false;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;
   error_text_[0] = '\0';

@@ -2,14 +2,18 @@
 // redirects, HTTPS certificates and proxies.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <future>
+#include <thread>
 #include <string_view>
 #include <vector>
 
 #include "platform/fault_injection.h"
 #include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/sockets.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/servers/tls_files.h"
 
@@ -217,6 +221,128 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
   EXPECT_EQ(via_environment, 200u);
   EXPECT_EQ(direct, 0u);
   EXPECT_EQ(direct_error, static_cast<DWORD>(ERROR_INTERNET_NAME_NOT_RESOLVED));
+}
+
+// An https proxy: answers one CONNECT at a time with 200 (and a header of its own), then relays
+// bytes both ways between the client and the port on 127.0.0.1 that the CONNECT names.
+class TunnelProxy {
+ public:
+  TunnelProxy() : listener_(sockets::ListenOnLoopback(4, &port_)) {
+    if (ok()) thread_ = std::thread([this] { Serve(); });
+  }
+  ~TunnelProxy() {
+    stopping_ = true;
+    if (thread_.joinable()) thread_.join();
+    if (ok()) sockets::Close(listener_);
+  }
+  bool ok() const { return listener_ != sockets::kNone; }
+  int port() const { return port_; }
+
+ private:
+  void Serve() {
+    while (sockets::WaitReadable(listener_, stopping_)) {
+      const sockets::Handle client = sockets::Accept(listener_);
+      if (client == sockets::kNone) continue;
+      std::string head;
+      char buffer[16 * 1024];
+      while (head.find("\r\n\r\n") == std::string::npos &&
+             sockets::WaitReadable(client, stopping_)) {
+        const long n = sockets::Receive(client, buffer, sizeof buffer);
+        if (n <= 0) break;
+        head.append(buffer, static_cast<std::size_t>(n));
+      }
+      const auto target_end = head.find(' ', 8);  // "CONNECT host:port HTTP/1.1"
+      const auto colon = head.rfind(':', target_end);
+      const sockets::Handle origin =
+          head.rfind("CONNECT ", 0) == 0 && colon != std::string::npos
+              ? sockets::ConnectToLoopback(std::atoi(head.c_str() + colon + 1))
+              : sockets::kNone;
+      static constexpr char kUp[] = "HTTP/1.1 200 Connection established\r\nX-Proxy: yes\r\n\r\n";
+      if (origin != sockets::kNone && sockets::SendAll(client, kUp, sizeof kUp - 1)) {
+        std::thread up([&] { Relay(client, origin); });
+        Relay(origin, client);
+        up.join();
+      }
+      if (origin != sockets::kNone) sockets::Close(origin);
+      sockets::Close(client);
+    }
+  }
+  void Relay(sockets::Handle from, sockets::Handle to) {
+    char buffer[16 * 1024];
+    while (sockets::WaitReadable(from, stopping_)) {
+      const long n = sockets::Receive(from, buffer, sizeof buffer);
+      if (n <= 0 || !sockets::SendAll(to, buffer, static_cast<std::size_t>(n))) break;
+    }
+    sockets::Shutdown(to);
+  }
+
+  int port_ = 0;
+  const sockets::Handle listener_;
+  std::atomic<bool> stopping_{false};
+  std::thread thread_;
+};
+
+// Through a proxy an https request goes in a tunnel: the proxy's answer to the CONNECT is not
+// the origin's response. A tunnel refused is answered with the proxy's own response, and a
+// tunnel to something that is no TLS server fails the send.
+TEST(ProxyTest, AnHttpsTunnelGivesTheOriginsAnswerNotTheProxys) {
+  TempDir dir;
+  TlsFiles tls;
+  ASSERT_TRUE(MakeSelfSignedCert(dir.path(), "127.0.0.1", &tls));
+  ScriptedServer origin({.cert_file = tls.cert.string(), .key_file = tls.key.string()});
+  ASSERT_TRUE(origin.ok());
+  origin.Route("/gone", ScriptedResponse(404, "not here").Header("ETag", "\"e1\""));
+  TunnelProxy tunnel;
+  ASSERT_TRUE(tunnel.ok());
+  ASSERT_TRUE(TqPlatformSetCaFile(tls.cert.c_str()));
+  const auto open = [](int proxy_port, int origin_port) {
+    const std::wstring proxy = L"https=127.0.0.1:" + std::to_wstring(proxy_port);
+    Handle session(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PROXY, proxy.c_str(), nullptr, 0));
+    Handle connection(InternetConnectW(session.get(), L"127.0.0.1",
+                                       static_cast<INTERNET_PORT>(origin_port), nullptr, nullptr,
+                                       INTERNET_SERVICE_HTTP, 0, 0));
+    return std::pair(std::move(session), std::move(connection));
+  };
+  {
+    const auto [session, connection] = open(tunnel.port(), origin.port());
+    for (int i = 0; i < 2; ++i) {  // the second goes through the tunnel the first made
+      SCOPED_TRACE(i);
+      Handle request = OpenRequest(connection, L"/gone", L"GET", INTERNET_FLAG_SECURE);
+      std::string body;
+      ASSERT_TRUE(Send(request) && ReadAll(request, &body)) << GetLastError();
+      EXPECT_EQ(StatusCode(request), 404u);
+      EXPECT_EQ(QueryText(request, HTTP_QUERY_ETAG), "\"e1\"");
+      EXPECT_EQ(QueryText(request, HTTP_QUERY_CUSTOM, L"X-Proxy"), "<absent>");
+      EXPECT_EQ(body, "not here");
+    }
+  }
+  TqPlatformSetCaFile(nullptr);
+
+  const struct {
+    const char* answer;
+    DWORD status;  // 0: the send fails with `error`
+    DWORD error;
+  } refusals[] = {
+      {"HTTP/1.1 407 Who\r\nProxy-Authenticate: Basic realm=\"p\"\r\nContent-Length: 0\r\n\r\n", 407, 0},
+      {"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", 403, 0},
+      {"HTTP/1.1 200 Connection established\r\n\r\nno TLS here\r\n\r\n", 0,
+       ERROR_INTERNET_SECURITY_CHANNEL_ERROR},
+  };
+  for (const auto& refusal : refusals) {
+    SCOPED_TRACE(refusal.answer);
+    const std::string answer = refusal.answer;
+    RawResponder proxy([answer](RawConnection& c) {
+      c.ReadRequestHead();
+      c.Send(answer);
+    });
+    ASSERT_TRUE(proxy.ok());
+    const auto [session, connection] = open(proxy.port(), 443);
+    Handle request = OpenRequest(connection, L"/gone", L"GET", INTERNET_FLAG_SECURE);
+    SetLastError(0);
+    const bool sent = Send(request);
+    EXPECT_EQ(sent ? StatusCode(request) : 0u, refusal.status);
+    EXPECT_EQ(sent ? 0u : GetLastError(), refusal.error);
+  }
 }
 
 }  // namespace
