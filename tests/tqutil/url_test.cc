@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -57,6 +59,36 @@ TEST(UrlTest, ResolvesRelativeReferencesToWhatTheirTextSays) {
         << qv::WideToUtf8(c.base) << " + " << qv::WideToUtf8(c.relative);
   }
   EXPECT_STREQ(TqUURL(L".//c", true).GetString(), L".//c");
+}
+
+// The URL library decoded every percent-encoding that its component allows, and read an encoded
+// "/" as a separator when it removed dot segments: "a%2Fb" (one segment) became "a/b" (two) and
+// "?q=a%26b" a query of two fields, so a normalised or resolved URL named another resource.
+TEST(UrlTest, NormalisingAndResolvingKeepEncodedReservedCharacters) {
+  const std::pair<const wchar_t*, const wchar_t*> normalised[] = {
+      {L"http://h/a%2Fb", L"http://h/a%2Fb"},
+      {L"http://h/a%2fb/c", L"http://h/a%2Fb/c"},
+      {L"http://h/a?b=%26c&d=%3D#x%2Fy", L"http://h/a?b=%26c&d=%3D#x%2Fy"},
+      {L"http://h/a%2F..%2Fb", L"http://h/a%2F..%2Fb"},
+      {L"http://h/a/b/%2F../c", L"http://h/a/b/%2F../c"},
+      {L"http://h/a/%2F/../b", L"http://h/a/b"},
+      {L"HTTP://H%41/%7e/x/%2e%2E/%41?%7E", L"http://ha/~/A?~"},
+      {L"http://h/..", L"http://h/"},
+      {L"x:/.//c", L"x:/.//c"},
+  };
+  for (const auto& [text, expected] : normalised) {
+    EXPECT_STREQ(TqUURL(text, true).GetString(), expected) << qv::WideToUtf8(text);
+  }
+  const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*> resolved[] = {
+      {L"http://h/a%2Fb/c", L"../x", L"http://h/x"},
+      {L"http://h/a/b", L"x%2F?y=%26", L"http://h/a/x%2F?y=%26"},
+      {L"http://h/a/b", L"%2e%2e/x%2F", L"http://h/x%2F"},
+  };
+  for (const auto& [base, relative, expected] : resolved) {
+    TqUURL result;
+    ASSERT_TRUE(TqUURL::ResolveRelative(TqUURL(base, false), TqUURL(relative, false), result));
+    EXPECT_STREQ(result.GetString(), expected) << qv::WideToUtf8(relative);
+  }
 }
 
 TEST(UrlTest, InvalidTextsAreNotValid) {
