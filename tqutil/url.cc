@@ -222,6 +222,22 @@ Parts Resolve(const Parts& base, const Parts& r) {
   return t;
 }
 
+// What the getters hand out must be what the text names. The parser wraps ports above 65535
+// (and a connection to port 0 goes to the scheme's default port), and a host or user name
+// decoded to text with a NUL in it ends there as a C string ("evil%00.example" would be
+// "evil"): such a URL would reach another server than the one it names, so it does not parse.
+bool Connectable(const urls::url_view& u) {
+  if (u.has_port() && !u.port().empty() &&
+      qv::ParseDecimal(std::string_view(u.port().data(), u.port().size()), 65535).value_or(0) == 0) {
+    return false;
+  }
+  const auto holds_nul = [](std::string_view text) {
+    return text.find('\0') != std::string_view::npos;
+  };
+  return !holds_nul(u.host_address()) && !(u.has_userinfo() && holds_nul(u.user())) &&
+         !(u.has_password() && holds_nul(u.password()));
+}
+
 }  // namespace
 
 struct TqUURL::Impl {
@@ -240,7 +256,8 @@ struct TqUURL::Impl {
       // After an authority the path must be empty or start with "/"; the parser lets
       // "http://h:80x/" through as port 80 and path "x/", which is not a URL.
       if (r && !(r->has_authority() && !r->encoded_path().empty() &&
-                 r->encoded_path().front() != '/')) {
+                 r->encoded_path().front() != '/') &&
+          Connectable(*r)) {
         url.emplace(*r);
       }
     } catch (const std::exception&) {
@@ -271,13 +288,6 @@ struct TqUURL::Impl {
       target += url->encoded_query();
     }
     resource = AsciiToWide(target);
-  }
-
-  bool PortIsValid() const {
-    if (!url || !url->has_port()) return true;
-    // The parser wraps values above 65535 instead of refusing them. An empty port is none.
-    const std::string_view port(url->port().data(), url->port().size());
-    return port.empty() || qv::ParseDecimal(port, 65535).has_value();
   }
 };
 
@@ -311,7 +321,7 @@ const TqUURL::Impl& TqUURL::Get() const {
 
 bool TqUURL::IsValid() const {
   const Impl& impl = Get();
-  if (!impl.url || !impl.url->has_scheme() || !impl.PortIsValid()) return false;
+  if (!impl.url || !impl.url->has_scheme()) return false;
   if (impl.scheme == L"http" || impl.scheme == L"https") {
     return impl.url->has_authority() && !impl.url->encoded_host().empty();
   }
@@ -345,7 +355,7 @@ const wchar_t* TqUURL::GetHostName() const { return Get().host.c_str(); }
 
 std::uint16_t TqUURL::GetPort() const {
   const Impl& impl = Get();
-  if (impl.url && impl.url->has_port() && !impl.url->port().empty() && impl.PortIsValid()) {
+  if (impl.url && impl.url->has_port() && !impl.url->port().empty()) {
     return impl.url->port_number();
   }
   return DefaultPort(impl.scheme);

@@ -99,6 +99,29 @@ TEST(UrlTest, InvalidTextsAreNotValid) {
   EXPECT_FALSE(TqUURL(nullptr, false).IsValid());
 }
 
+// A port out of range was read as the scheme's default port, port 0 means the default port to
+// the transport, and a host or user name decoded to text with a NUL ended at it: each URL named
+// one server and reached another. None of them names a host now, so no connection is made.
+TEST(UrlTest, UrlsThatWouldReachAnotherServerNameNoHost) {
+  for (const wchar_t* text : {L"http://h:65536/x", L"http://h:65616/x", L"http://h:0/x",
+                              L"http://h:00/x", L"http://evil.example%00.h/x",
+                              L"http://u%00x:p@h/x", L"http://u:p%00x@h/x"}) {
+    for (const bool normalise : {false, true}) {
+      const TqUURL u(text, normalise);
+      EXPECT_FALSE(u.IsValid()) << qv::WideToUtf8(text);
+      EXPECT_STREQ(u.GetHostName(), L"") << qv::WideToUtf8(text);
+      EXPECT_EQ(u.GetUserNameW(), nullptr) << qv::WideToUtf8(text);
+      EXPECT_EQ(u.GetPassword(), nullptr) << qv::WideToUtf8(text);
+      EXPECT_STREQ(u.GetString(), text);
+    }
+  }
+  const TqUURL top(L"http://h:65535/", false);
+  EXPECT_TRUE(top.IsValid());
+  EXPECT_EQ(top.GetPort(), 65535);
+  EXPECT_EQ(TqUURL(L"http://h:0080/", false).GetPort(), 80);
+  EXPECT_STREQ(TqUURL(L"http://u%41:p%40@h/", false).GetPassword(), L"p@");
+}
+
 using qv::Utf8ToWide;
 using qv::WideToUtf8;
 
