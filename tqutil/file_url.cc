@@ -54,7 +54,8 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
     path.erase(0, 1);
   }
 #endif
-  if (path.empty()) return {};
+  // A NUL decoded into the path would end it where the system reads it: another file.
+  if (path.empty() || path.find('\0') != std::string::npos) return {};
   return qv::PathOfUtf8(path);
 }
 

@@ -358,6 +358,9 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   EXPECT_EQ(*meta.modified, kModified) << "whole seconds, rounded down";
   EXPECT_EQ(*meta.etag, "9-" + std::to_string(kModified)) << "a tag from size and time";
   EXPECT_FALSE(TqUFileURL::OpenURLReadStream(L"file://otherhost/etc/hostname", {}));
+  // Regression: a NUL decoded into the path ended it where the system read it, so this URL
+  // opened "f" although it names another file.
+  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(path) + L"%00.txt").c_str(), {}));
   qv::stop_source stop;
   stop.request_stop();
   EXPECT_FALSE(TqUFileURL::OpenURLReadStream(url.c_str(), stop.get_token()))
