@@ -223,10 +223,12 @@ Parts Resolve(const Parts& base, const Parts& r) {
 }
 
 // What the getters hand out must be what the text names. The parser wraps ports above 65535
-// (and a connection to port 0 goes to the scheme's default port), and a host or user name
-// decoded to text with a NUL in it ends there as a C string ("evil%00.example" would be
-// "evil"): such a URL would reach another server than the one it names, so it does not parse.
+// (and a connection to port 0 goes to the scheme's default port), a host or user name decoded
+// to text with a NUL in it ends there as a C string ("evil%00.example" would be "evil"), and an
+// IP literal of a future version ("[v1.example]") would be looked up as the name inside its
+// brackets: such a URL would reach another server than the one it names, so it does not parse.
 bool Connectable(const urls::url_view& u) {
+  if (u.host_type() == urls::host_type::ipvfuture) return false;
   if (u.has_port() && !u.port().empty() &&
       qv::ParseDecimal(std::string_view(u.port().data(), u.port().size()), 65535).value_or(0) == 0) {
     return false;
