@@ -361,6 +361,11 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   // Regression: a NUL decoded into the path ended it where the system read it, so this URL
   // opened "f" although it names another file.
   EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(path) + L"%00.txt").c_str(), {}));
+  // Regression: an encoded "/" was decoded into a separator, so this URL, which names a file
+  // "../f" inside "sub", opened "f" beside "sub".
+  std::filesystem::create_directory(dir / "sub");
+  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(dir / "sub") + L"/..%2Ff").c_str(), {}));
+  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(dir / "sub") + L"/..%2ff").c_str(), {}));
   qv::stop_source stop;
   stop.request_stop();
   EXPECT_FALSE(TqUFileURL::OpenURLReadStream(url.c_str(), stop.get_token()))
