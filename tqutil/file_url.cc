@@ -59,6 +59,9 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
 #endif
   }
   std::string path = u.path();
+  // "file:////server/share/x" has no host, but its path is one of another host's files on
+  // Windows (a UNC path), which the host check above refuses when the URL names it there.
+  if (path.substr(0, 2) == "//") return {};
 #if defined(_WIN32)
   // "file:///C:/x" names "C:/x".
   if (path.size() >= 3 && path[0] == '/' && std::isalpha(static_cast<unsigned char>(path[1])) &&
