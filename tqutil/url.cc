@@ -229,8 +229,8 @@ Parts Resolve(const Parts& base, const Parts& r) {
 // brackets: such a URL would reach another server than the one it names, so it does not parse.
 bool Connectable(const urls::url_view& u) {
   if (u.host_type() == urls::host_type::ipvfuture) return false;
-  if (u.has_port() && !u.port().empty() &&
-      qv::ParseDecimal(std::string_view(u.port().data(), u.port().size()), 65535).value_or(0) == 0) {
+  const std::string_view port(u.port().data(), u.port().size());
+  if (u.has_port() && !port.empty() && qv::ParseDecimal(port, 65535).value_or(0) == 0) {
     return false;
   }
   const auto holds_nul = [](std::string_view text) {
