@@ -48,14 +48,30 @@ struct TqULogRecorderAccess {
 
 namespace {
 
-void Deliver(const TqULogRecord& record) {
-  TqULogRecorderAccess::Keep(record);
+// Throws nothing: writers log on their failure paths and at a thread's end, where an exception
+// would replace the failure they report or end the process. A line the host's sink refuses
+// (by throwing) goes to standard error instead, so it is not lost.
+void Deliver(const TqULogRecord& record) noexcept {
+  try {
+    TqULogRecorderAccess::Keep(record);
+  } catch (...) {
+    // Out of memory: the recorder misses the line; the sink still gets it.
+  }
   SinkState& state = State();
   std::lock_guard lock(state.mutex);
-  if (state.sink) {
-    state.sink(record);
-  } else {
+  try {
+    if (state.sink) {
+      // A copy runs: the sink may install another (SetSink) from inside its own call.
+      const TqULogSink sink = state.sink;
+      sink(record);
+      return;
+    }
+  } catch (...) {
+  }
+  try {
     WriteToStderr(record);
+  } catch (...) {
+    // Out of memory: nowhere left to write the line.
   }
 }
 

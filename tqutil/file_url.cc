@@ -4,6 +4,7 @@
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include <boost/url/parse.hpp>
@@ -46,7 +47,21 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
   if (scheme != "file") return {};
   const std::string host = u.host();
   if (!host.empty() && host != "localhost") return {};
+  // An encoded separator is part of a file's name in the URL ("..%2Ff" is one segment), but
+  // decoded it would separate names, and "..%2F" would climb out of the directory the URL names.
+  std::string_view encoded = u.encoded_path();
+  for (std::size_t at = encoded.find('%'); at != std::string_view::npos;
+       at = encoded.find('%', at + 1)) {
+    const std::string_view code = encoded.substr(at + 1, 2);
+    if (code == "2F" || code == "2f") return {};
+#if defined(_WIN32)
+    if (code == "5C" || code == "5c") return {};
+#endif
+  }
   std::string path = u.path();
+  // "file:////server/share/x" has no host, but its path is one of another host's files on
+  // Windows (a UNC path), which the host check above refuses when the URL names it there.
+  if (path.substr(0, 2) == "//") return {};
 #if defined(_WIN32)
   // "file:///C:/x" names "C:/x".
   if (path.size() >= 3 && path[0] == '/' && std::isalpha(static_cast<unsigned char>(path[1])) &&
@@ -54,7 +69,8 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
     path.erase(0, 1);
   }
 #endif
-  if (path.empty()) return {};
+  // A NUL decoded into the path would end it where the system reads it: another file.
+  if (path.empty() || path.find('\0') != std::string::npos) return {};
   return qv::PathOfUtf8(path);
 }
 

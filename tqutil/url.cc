@@ -1,6 +1,7 @@
 #include "tqutil/url.h"
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include <boost/url/parse.hpp>
@@ -47,22 +48,196 @@ std::uint16_t DefaultPort(std::wstring_view scheme) {
   return 0;
 }
 
-// RFC 3986 remove_dot_segments drops ".." segments that would climb above the root
-// ("http://a/../g" is "http://a/g"); this parser keeps them, so they are dropped here.
-// Boost.URL 1.81's normalize() and resolve() can leave their count of path segments out of step
-// with the text (a "./" kept before an empty segment, as in ".//a"), and the next edit or resolve
-// then reads past the end of the path. Parsing the text again makes the URL what its text says.
-void Reparse(urls::url& u) {
-  if (auto reparsed = urls::parse_uri_reference(u.buffer())) u = *reparsed;
+bool IsUnreserved(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '.' || c == '_' || c == '~';
 }
 
-void DropLeadingDotDots(urls::url& u) {
-  std::string_view path = u.encoded_path();
-  if (path.substr(0, 3) != "/.." || (path.size() > 3 && path[3] != '/')) return;
-  while (path.substr(0, 3) == "/.." && (path.size() == 3 || path[3] == '/')) {
-    path.remove_prefix(3);
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// Decodes the percent-encodings of unreserved characters and writes the others in upper case.
+// Only these are the same URL either way: an encoded "/", "&", "=" or "?" is data, and decoding
+// it would name another resource ("a%2Fb" is one segment, "a/b" two). Boost.URL 1.81's
+// normalize() decodes every character its component allows, so it is not used for this.
+std::string NormalizePercentEncodings(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const int hi = text[i] == '%' && i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
+    const int lo = hi >= 0 ? HexValue(text[i + 2]) : -1;
+    if (lo < 0) {
+      out.push_back(text[i]);
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(hi * 16 + lo);
+    if (IsUnreserved(byte)) {
+      out.push_back(static_cast<char>(byte));
+    } else {
+      out.push_back('%');
+      out.push_back(kHex[hi]);
+      out.push_back(kHex[lo]);
+    }
+    i += 2;
   }
-  u.set_encoded_path(path.empty() ? std::string("/") : std::string(path));
+  return out;
+}
+
+// A segment written with encoded dots ("%2e%2E") is the dot segment it decodes to.
+std::string DecodeDotSegments(std::string_view path) {
+  std::string out;
+  out.reserve(path.size());
+  while (true) {
+    const std::size_t end = path.find('/');
+    const std::string_view segment = path.substr(0, end);
+    std::string dots;
+    for (std::size_t i = 0; i < segment.size() && dots.size() <= 2; ++i) {
+      if (segment[i] == '.') {
+        dots.push_back('.');
+      } else if (segment.substr(i, 3) == "%2e" || segment.substr(i, 3) == "%2E") {
+        dots.push_back('.');
+        i += 2;
+      } else {
+        dots = "...";  // not a dot segment
+      }
+    }
+    out.append(!dots.empty() && dots.size() <= 2 ? std::string_view(dots) : segment);
+    if (end == std::string_view::npos) return out;
+    out.push_back('/');
+    path.remove_prefix(end + 1);
+  }
+}
+
+// RFC 3986 remove_dot_segments on encoded path text: only "." and ".." segments count (written
+// with encoded dots or not), and only a literal "/" separates segments. Boost.URL 1.81 reads an
+// encoded "/" as a separator here as well, so this is done by hand. ".." segments that would
+// climb above the root are dropped ("http://a/../g" is "http://a/g").
+std::string RemoveDotSegments(std::string_view path) {
+  const std::string decoded = DecodeDotSegments(path);
+  std::string_view in = decoded;
+  std::string out;
+  auto drop_last_segment = [&out] {
+    const std::size_t slash = out.rfind('/');
+    out.erase(slash == std::string::npos ? 0 : slash);
+  };
+  while (!in.empty()) {
+    if (in.substr(0, 3) == "../") {
+      in.remove_prefix(3);
+    } else if (in.substr(0, 2) == "./") {
+      in.remove_prefix(2);
+    } else if (in.substr(0, 3) == "/./") {
+      in.remove_prefix(2);
+    } else if (in == "/.") {
+      in = "/";
+    } else if (in.substr(0, 4) == "/../") {
+      in.remove_prefix(3);
+      drop_last_segment();
+    } else if (in == "/..") {
+      in = "/";
+      drop_last_segment();
+    } else if (in == "." || in == "..") {
+      in = {};
+    } else {
+      const std::size_t end = in.find('/', in.front() == '/' ? 1 : 0);
+      const std::size_t length = end == std::string_view::npos ? in.size() : end;
+      out.append(in.substr(0, length));
+      in.remove_prefix(length);
+    }
+  }
+  return out;
+}
+
+// The parts of a URL reference, as encoded text.
+struct Parts {
+  std::optional<std::string> scheme, authority, query, fragment;
+  std::string path;
+};
+
+Parts PartsOf(const urls::url_view_base& u) {
+  Parts p;
+  if (u.has_scheme()) p.scheme = std::string(u.scheme());
+  if (u.has_authority()) p.authority = std::string(u.encoded_authority());
+  p.path = std::string(u.encoded_path());
+  if (u.has_query()) p.query = std::string(u.encoded_query());
+  if (u.has_fragment()) p.fragment = std::string(u.encoded_fragment());
+  return p;
+}
+
+// RFC 3986 recomposition, parsed again. Without an authority a path may not start with "//"
+// (it would be read as one): "/." keeps it a path, as the URL library itself writes it.
+std::optional<urls::url> Compose(const Parts& p) {
+  std::string text;
+  if (p.scheme) text += *p.scheme + ":";
+  if (p.authority) {
+    text += "//" + *p.authority;
+  } else if (p.path.substr(0, 2) == "//") {
+    text += "/.";
+  }
+  text += p.path;
+  if (p.query) text += "?" + *p.query;
+  if (p.fragment) text += "#" + *p.fragment;
+  auto parsed = urls::parse_uri_reference(text);
+  if (!parsed) return std::nullopt;
+  return urls::url(*parsed);
+}
+
+// RFC 3986 section 5.2.2, on the encoded parts; `base` has a scheme.
+Parts Resolve(const Parts& base, const Parts& r) {
+  Parts t;
+  if (r.scheme) {
+    t = r;
+    t.path = RemoveDotSegments(r.path);
+    return t;
+  }
+  if (r.authority) {
+    t.authority = r.authority;
+    t.path = RemoveDotSegments(r.path);
+    t.query = r.query;
+  } else {
+    if (r.path.empty()) {
+      t.path = base.path;
+      t.query = r.query ? r.query : base.query;
+    } else {
+      if (r.path.front() == '/') {
+        t.path = RemoveDotSegments(r.path);
+      } else if (base.authority && base.path.empty()) {
+        t.path = RemoveDotSegments("/" + r.path);
+      } else {
+        const std::size_t slash = base.path.rfind('/');
+        const std::string merged =
+            (slash == std::string::npos ? std::string() : base.path.substr(0, slash + 1)) + r.path;
+        t.path = RemoveDotSegments(merged);
+      }
+      t.query = r.query;
+    }
+    t.authority = base.authority;
+  }
+  t.scheme = base.scheme;
+  t.fragment = r.fragment;
+  return t;
+}
+
+// What the getters hand out must be what the text names. The parser wraps ports above 65535
+// (and a connection to port 0 goes to the scheme's default port), a host or user name decoded
+// to text with a NUL in it ends there as a C string ("evil%00.example" would be "evil"), and an
+// IP literal of a future version ("[v1.example]") would be looked up as the name inside its
+// brackets: such a URL would reach another server than the one it names, so it does not parse.
+bool Connectable(const urls::url_view& u) {
+  if (u.host_type() == urls::host_type::ipvfuture) return false;
+  const std::string_view port(u.port().data(), u.port().size());
+  if (u.has_port() && !port.empty() && qv::ParseDecimal(port, 65535).value_or(0) == 0) {
+    return false;
+  }
+  const auto holds_nul = [](std::string_view text) {
+    return text.find('\0') != std::string_view::npos;
+  };
+  return !holds_nul(u.host_address()) && !(u.has_userinfo() && holds_nul(u.user())) &&
+         !(u.has_password() && holds_nul(u.password()));
 }
 
 }  // namespace
@@ -83,7 +258,8 @@ struct TqUURL::Impl {
       // After an authority the path must be empty or start with "/"; the parser lets
       // "http://h:80x/" through as port 80 and path "x/", which is not a URL.
       if (r && !(r->has_authority() && !r->encoded_path().empty() &&
-                 r->encoded_path().front() != '/')) {
+                 r->encoded_path().front() != '/') &&
+          Connectable(*r)) {
         url.emplace(*r);
       }
     } catch (const std::exception&) {
@@ -114,13 +290,6 @@ struct TqUURL::Impl {
       target += url->encoded_query();
     }
     resource = AsciiToWide(target);
-  }
-
-  bool PortIsValid() const {
-    if (!url || !url->has_port()) return true;
-    // The parser wraps values above 65535 instead of refusing them. An empty port is none.
-    const std::string_view port(url->port().data(), url->port().size());
-    return port.empty() || qv::ParseDecimal(port, 65535).has_value();
   }
 };
 
@@ -154,7 +323,7 @@ const TqUURL::Impl& TqUURL::Get() const {
 
 bool TqUURL::IsValid() const {
   const Impl& impl = Get();
-  if (!impl.url || !impl.url->has_scheme() || !impl.PortIsValid()) return false;
+  if (!impl.url || !impl.url->has_scheme()) return false;
   if (impl.scheme == L"http" || impl.scheme == L"https") {
     return impl.url->has_authority() && !impl.url->encoded_host().empty();
   }
@@ -164,9 +333,18 @@ bool TqUURL::IsValid() const {
 bool TqUURL::Normalize() {
   if (!m_impl || !m_impl->url) return false;
   try {
-    m_impl->url->normalize();
-    Reparse(*m_impl->url);
-    DropLeadingDotDots(*m_impl->url);
+    urls::url& u = *m_impl->url;
+    u.normalize_scheme();
+    u.normalize_authority();
+    Parts parts = PartsOf(u);
+    parts.path = NormalizePercentEncodings(parts.path);
+    // Dot segments are resolved in URLs only: a relative reference keeps them for its resolution.
+    if (parts.scheme) parts.path = RemoveDotSegments(parts.path);
+    if (parts.query) parts.query = NormalizePercentEncodings(*parts.query);
+    if (parts.fragment) parts.fragment = NormalizePercentEncodings(*parts.fragment);
+    std::optional<urls::url> normalised = Compose(parts);
+    if (!normalised) return false;
+    u = std::move(*normalised);
   } catch (const std::exception&) {
     return false;
   }
@@ -179,7 +357,7 @@ const wchar_t* TqUURL::GetHostName() const { return Get().host.c_str(); }
 
 std::uint16_t TqUURL::GetPort() const {
   const Impl& impl = Get();
-  if (impl.url && impl.url->has_port() && !impl.url->port().empty() && impl.PortIsValid()) {
+  if (impl.url && impl.url->has_port() && !impl.url->port().empty()) {
     return impl.url->port_number();
   }
   return DefaultPort(impl.scheme);
@@ -238,12 +416,10 @@ bool TqUURL::ResolveRelative(const TqUURL& base, const TqUURL& relative, TqUURL&
   const Impl& r = relative.Get();
   if (!b.url || !r.url || !b.url->has_scheme()) return false;
   try {
-    urls::url dest;
-    if (!urls::resolve(*b.url, *r.url, dest)) return false;
-    Reparse(dest);
-    DropLeadingDotDots(dest);
+    std::optional<urls::url> dest = Compose(Resolve(PartsOf(*b.url), PartsOf(*r.url)));
+    if (!dest) return false;
     auto impl = std::make_unique<Impl>();
-    impl->url.emplace(std::move(dest));
+    impl->url.emplace(std::move(*dest));
     impl->original = AsciiToWide(impl->url->buffer());
     impl->Refresh();
     result.m_impl = std::move(impl);

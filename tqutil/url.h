@@ -14,11 +14,16 @@
 /// its URI). Component getters return decoded wide text valid until the URL is next changed.
 ///
 /// The constructor's flag `normalise`: when true the URL is normalised at once (as Normalize()
-/// does: scheme and host in lower case, percent-encodings normalised, dot segments removed), so
-/// that texts naming the same resource compare equal. When false it is kept as written.
+/// does: scheme and host in lower case, encoded unreserved characters decoded and other
+/// encodings written in upper case, dot segments removed), so that texts naming the same
+/// resource compare equal. An encoded reserved character ("%2F", "%26") stays encoded: it is
+/// data, not a delimiter. When false the URL is kept as written.
 ///
 /// IsValid() is true for an absolute URL that has a scheme and, for http and https, a host.
 /// Relative references parse (ResolveRelative takes them) but are not valid on their own.
+/// A text that would reach another server than the one it names does not parse (a port above
+/// 65535 or 0, a NUL in the decoded host, user name or password, an IP literal of a future
+/// version): such a URL has no host, so no connection is made for it.
 class TQUTIL_API TqUURL {
  public:
   TqUURL();

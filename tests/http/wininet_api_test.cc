@@ -74,6 +74,17 @@ TEST_F(WinInetTest, FailedConnectLogsHostAndCode) {
   EXPECT_EQ(log.Text(), "WinInet: InternetConnect(unreachable.example) failed with code 12029\n");
 }
 
+// Regression: a URL whose port was out of range connected to the scheme's default port instead
+// (and port 0 means that port to WinINet): it names no server it can reach, so no connection.
+TEST_F(WinInetTest, AUrlWithAPortOutOfRangeGetsNoConnection) {
+  tq::test::LogCapture log;  // the failed connects log their line
+  for (const wchar_t* url : {L"http://127.0.0.1:65616/", L"http://127.0.0.1:0/"}) {
+    void* connection = m_api.Connect(m_internet, TqUURL(url, false));
+    EXPECT_EQ(connection, nullptr) << qv::WideToUtf8(url);
+    if (connection != nullptr) m_api.CloseHandle(connection);
+  }
+}
+
 // Regression: a stop requested while the answer's headers were awaited was heard only when the
 // receive time-out ended the wait; the watcher closes the request handle at once.
 TEST_F(WinInetTest, AStopWhileHeadersAreAwaitedClosesTheRequestAndEndsTheSend) {

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -59,12 +61,67 @@ TEST(UrlTest, ResolvesRelativeReferencesToWhatTheirTextSays) {
   EXPECT_STREQ(TqUURL(L".//c", true).GetString(), L".//c");
 }
 
+// The URL library decoded every percent-encoding that its component allows, and read an encoded
+// "/" as a separator when it removed dot segments: "a%2Fb" (one segment) became "a/b" (two) and
+// "?q=a%26b" a query of two fields, so a normalised or resolved URL named another resource.
+TEST(UrlTest, NormalisingAndResolvingKeepEncodedReservedCharacters) {
+  const std::pair<const wchar_t*, const wchar_t*> normalised[] = {
+      {L"http://h/a%2Fb", L"http://h/a%2Fb"},
+      {L"http://h/a%2fb/c", L"http://h/a%2Fb/c"},
+      {L"http://h/a?b=%26c&d=%3D#x%2Fy", L"http://h/a?b=%26c&d=%3D#x%2Fy"},
+      {L"http://h/a%2F..%2Fb", L"http://h/a%2F..%2Fb"},
+      {L"http://h/a/b/%2F../c", L"http://h/a/b/%2F../c"},
+      {L"http://h/a/%2F/../b", L"http://h/a/b"},
+      {L"HTTP://H%41/%7e/x/%2e%2E/%41?%7E", L"http://ha/~/A?~"},
+      {L"http://h/..", L"http://h/"},
+      {L"x:/.//c", L"x:/.//c"},
+  };
+  for (const auto& [text, expected] : normalised) {
+    EXPECT_STREQ(TqUURL(text, true).GetString(), expected) << qv::WideToUtf8(text);
+  }
+  const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*> resolved[] = {
+      {L"http://h/a%2Fb/c", L"../x", L"http://h/x"},
+      {L"http://h/a/b", L"x%2F?y=%26", L"http://h/a/x%2F?y=%26"},
+      {L"http://h/a/b", L"%2e%2e/x%2F", L"http://h/x%2F"},
+  };
+  for (const auto& [base, relative, expected] : resolved) {
+    TqUURL result;
+    ASSERT_TRUE(TqUURL::ResolveRelative(TqUURL(base, false), TqUURL(relative, false), result));
+    EXPECT_STREQ(result.GetString(), expected) << qv::WideToUtf8(relative);
+  }
+}
+
 TEST(UrlTest, InvalidTextsAreNotValid) {
   for (const wchar_t* text : {L"", L"relative/path", L"http://", L"http://a b/",
                               L"http://h:99999/", L"http://[::1/", L"http://h/%zz"}) {
     EXPECT_FALSE(TqUURL(text, true).IsValid()) << qv::WideToUtf8(text);
   }
   EXPECT_FALSE(TqUURL(nullptr, false).IsValid());
+}
+
+// A port out of range was read as the scheme's default port, port 0 means the default port to
+// the transport, a host or user name decoded to text with a NUL ended at it, and an IP literal
+// of a future version was looked up as a name: each URL named one server and reached another.
+// None of them names a host now, so no connection is made.
+TEST(UrlTest, UrlsThatWouldReachAnotherServerNameNoHost) {
+  for (const wchar_t* text : {L"http://h:65536/x", L"http://h:65616/x", L"http://h:0/x",
+                              L"http://h:00/x", L"http://evil.example%00.h/x",
+                              L"http://u%00x:p@h/x", L"http://u:p%00x@h/x",
+                              L"http://[v1.example.com]/x"}) {
+    for (const bool normalise : {false, true}) {
+      const TqUURL u(text, normalise);
+      EXPECT_FALSE(u.IsValid()) << qv::WideToUtf8(text);
+      EXPECT_STREQ(u.GetHostName(), L"") << qv::WideToUtf8(text);
+      EXPECT_EQ(u.GetUserNameW(), nullptr) << qv::WideToUtf8(text);
+      EXPECT_EQ(u.GetPassword(), nullptr) << qv::WideToUtf8(text);
+      EXPECT_STREQ(u.GetString(), text);
+    }
+  }
+  const TqUURL top(L"http://h:65535/", false);
+  EXPECT_TRUE(top.IsValid());
+  EXPECT_EQ(top.GetPort(), 65535);
+  EXPECT_EQ(TqUURL(L"http://h:0080/", false).GetPort(), 80);
+  EXPECT_STREQ(TqUURL(L"http://u%41:p%40@h/", false).GetPassword(), L"p@");
 }
 
 using qv::Utf8ToWide;

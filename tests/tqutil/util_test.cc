@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -191,6 +192,34 @@ TEST(ErrorLogTest, ARecorderKeepsTheThreadsOwnRecordsWhichStillReachTheSinkAndNe
   EXPECT_EQ(inner_texts, Lines{"posted 7"});
   EXPECT_EQ(outer_texts, (Lines{"first 1\n", "last\n"}));
   EXPECT_EQ(log.Lines(), (Lines{"first 1\n", "another thread\n", "posted 7", "last\n", "after\n"}));
+}
+
+// Regressions: a sink's exception left the log, out of the library's own calls (transport
+// operations that throw nothing, a cache that reports false) and out of a thread's end with half
+// a line written, which ended the process; and a sink that put another in its place from inside
+// its own call was destroyed while it ran.
+TEST(ErrorLogTest, ASinkThatThrowsOrReplacesItselfLeavesTheWritersAlone) {
+  LogCapture log;
+  std::atomic<int> calls{0};
+  TqUError::SetSink([&calls](const TqULogRecord&) {
+    ++calls;
+    throw std::runtime_error("sink");
+  });
+  EXPECT_NO_THROW(TqUError::Post(1, nullptr, L"posted"));
+  EXPECT_NO_THROW(TqUSysError::LogUTF8String("piece\n"));
+  std::thread([] { TqUSysError::LogUTF8String("unfinished"); }).join();
+  EXPECT_EQ(calls.load(), 3);
+
+  Lines seen;
+  // Long enough to live on the heap, where a destroyed sink's copy of it is freed.
+  const std::string tag(100, 't');
+  TqUError::SetSink([&seen, tag](const TqULogRecord& record) {
+    TqUError::SetSink([&seen](const TqULogRecord& r) { seen.push_back("after " + r.text); });
+    seen.push_back(tag.substr(0, 1) + " " + record.text);
+  });
+  TqUSysError::LogUTF8String("one\n");
+  TqUSysError::LogUTF8String("two\n");
+  EXPECT_EQ(seen, (Lines{"t one\n", "after two\n"}));
 }
 
 TEST(ErrorLogTest, LinesOfManyThreadsNeverInterleave) {
