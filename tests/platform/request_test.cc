@@ -334,6 +334,7 @@ TEST(ProxyTest, AnHttpsTunnelGivesTheOriginsAnswerNotTheProxys) {
     RawResponder proxy([answer](RawConnection& c) {
       c.ReadRequestHead();
       c.Send(answer);
+      c.Stall();  // the client ends it
     });
     ASSERT_TRUE(proxy.ok());
     const auto [session, connection] = open(proxy.port(), 443);
