@@ -179,14 +179,22 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
                                    DWORD* index) {
   const std::string& url = transfer_.sent_url();
   if (url.empty()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
-  const auto authority_start = url.find("//") + 2;
+  auto authority_start = url.find("//") + 2;
   const auto path_start = url.find('/', authority_start);
-  std::vector<std::string> lines;
-  lines.push_back("Host: " + url.substr(authority_start, path_start - authority_start));
-  if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
+  // A URL a redirect led to may carry a user name and password; the Host line does not.
+  const auto at = url.rfind('@', path_start);
+  if (at != std::string::npos && at >= authority_start) authority_start = at + 1;
+  std::vector<std::string> sent;
   for (const std::string& line : sent_lines_) {
-    if (transfer_.CallerLineSent(line)) lines.push_back(line);
+    if (transfer_.CallerLineSent(line)) sent.push_back(line);
   }
+  std::vector<std::string> lines;
+  // A Host line of the caller's goes out in place of the one made from the URL.
+  if (!HasHeader(sent, "Host")) {
+    lines.push_back("Host: " + url.substr(authority_start, path_start - authority_start));
+  }
+  if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
+  lines.insert(lines.end(), sent.begin(), sent.end());
   HeaderBlock block;
   block.SetRequest(transfer_.method() + " " +
                        (path_start == std::string::npos ? "/" : url.substr(path_start)) +

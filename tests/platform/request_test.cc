@@ -96,6 +96,9 @@ TEST_F(RequestTest, ARedirectToAnotherOriginLeavesTheCallersCredentialLinesBehin
   server_.Route("/away", ScriptedResponse(302).Header("Location", other.Url("/seen")));
   server_.Route("/away-and-back", ScriptedResponse(302).Header("Location", other.Url("/back")));
   other.Route("/back", ScriptedResponse(302).Header("Location", server_.Url("/seen")));
+  const std::string other_host = "127.0.0.1:" + std::to_string(other.port());
+  server_.Route("/away-with-userinfo",
+                ScriptedResponse(302).Header("Location", "http://u:p@" + other_host + "/seen"));
   const std::wstring lines =
       L"Host: named\r\nAuthorization: Bearer t\r\nCookie: c=1\r\nX-Other: o\r\n";
   const auto get = [&](const wchar_t* path) {
@@ -108,12 +111,16 @@ TEST_F(RequestTest, ARedirectToAnotherOriginLeavesTheCallersCredentialLinesBehin
     const std::string reported =
         QueryText(request, HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_REQUEST_HEADERS, L"Cookie");
     EXPECT_EQ(reported, got.find("Cookie=<none>") == std::string::npos ? "c=1" : "<absent>");
+    const std::string host =
+        QueryText(request, HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_REQUEST_HEADERS, L"Host");
+    EXPECT_NE(got.find("Host=" + host + ";"), std::string::npos) << host;
     return got;
   };
-  const std::string other_host = "127.0.0.1:" + std::to_string(other.port());
   EXPECT_EQ(get(L"/here"), "Host=named;Authorization=Bearer t;Cookie=c=1;X-Other=o;");
   EXPECT_EQ(get(L"/away"),
             "Host=" + other_host + ";Authorization=<none>;Cookie=<none>;X-Other=o;");
+  EXPECT_EQ(get(L"/away-with-userinfo"),
+            "Host=" + other_host + ";Authorization=Basic dTpw;Cookie=<none>;X-Other=o;");
   // Once the chain has left the origin, coming back does not make the lines safe again.
   const std::string host = "127.0.0.1:" + std::to_string(server_.port());
   EXPECT_EQ(get(L"/away-and-back"),
