@@ -12,23 +12,14 @@
 namespace tqplatform {
 namespace {
 
-bool HasHeaderLine(const std::vector<std::string>& lines, std::string_view name) {
-  for (const auto& line : lines) {
-    if (EqualsIgnoreCase(std::string_view(line).substr(0, line.find(':')), name)) return true;
-  }
-  return false;
-}
-
 // The one Accept line, when it asks for "*/*": libcurl sends that line itself when no line names
 // Accept, without formatting one of ours for every request. Null otherwise.
 const std::string* DefaultAcceptLine(const std::vector<std::string>& lines) {
   const std::string* found = nullptr;
   for (const auto& line : lines) {
-    const std::string_view text = line;
-    const auto colon = text.find(':');
-    if (!EqualsIgnoreCase(text.substr(0, colon), "Accept")) continue;
+    if (!EqualsIgnoreCase(LineName(line), "Accept")) continue;
     if (found != nullptr) return nullptr;
-    if (TrimSpace(text.substr(colon + 1)) != "*/*") return nullptr;
+    if (LineValue(line) != "*/*") return nullptr;
     found = &line;
   }
   return found;
@@ -37,7 +28,7 @@ const std::string* DefaultAcceptLine(const std::vector<std::string>& lines) {
 // Lines a caller writes for the origin it asked: libcurl's own following never takes them to
 // another host, and neither does this layer's.
 bool OnlyForTheFirstOrigin(std::string_view line) {
-  const std::string_view name = line.substr(0, line.find(':'));
+  const std::string_view name = LineName(line);
   return EqualsIgnoreCase(name, "Host") || EqualsIgnoreCase(name, "Authorization") ||
          EqualsIgnoreCase(name, "Cookie");
 }
@@ -46,12 +37,8 @@ bool OnlyForTheFirstOrigin(std::string_view line) {
 // redirect drops it): the server would read the bytes past a smaller number as a request of
 // their own, or wait for bytes that never come. libcurl writes the right line in its place.
 bool WrongLength(std::string_view line, std::size_t body_size) {
-  const auto colon = line.find(':');
-  if (colon == std::string_view::npos ||
-      !EqualsIgnoreCase(line.substr(0, colon), "Content-Length")) {
-    return false;
-  }
-  return qv::ParseDecimal(TrimSpace(line.substr(colon + 1))) != std::uint64_t{body_size};
+  return EqualsIgnoreCase(LineName(line), "Content-Length") &&
+         qv::ParseDecimal(LineValue(line)) != std::uint64_t{body_size};
 }
 
 }  // namespace

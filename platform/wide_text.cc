@@ -57,4 +57,18 @@ std::string_view TrimSpace(std::string_view s) {
   return s;
 }
 
+std::string_view LineName(std::string_view line) { return line.substr(0, line.find(':')); }
+
+std::string_view LineValue(std::string_view line) {
+  const auto colon = line.find(':');
+  return colon == std::string_view::npos ? std::string_view() : TrimSpace(line.substr(colon + 1));
+}
+
+bool HasHeaderLine(const std::vector<std::string>& lines, std::string_view name) {
+  for (const std::string& line : lines) {
+    if (EqualsIgnoreCase(LineName(line), name)) return true;
+  }
+  return false;
+}
+
 }  // namespace tqplatform

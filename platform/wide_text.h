@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tqplatform {
 
@@ -27,5 +28,12 @@ std::wstring Latin1ToWide(std::string_view bytes);
 bool EqualsIgnoreCase(std::string_view a, std::string_view b);
 // Without the spaces and tabs at either end, as header values are read.
 std::string_view TrimSpace(std::string_view s);
+
+// The name of a "Name: value" header line (all of it when it has no colon), and its value
+// without the spaces around it (empty when it has no colon).
+std::string_view LineName(std::string_view line);
+std::string_view LineValue(std::string_view line);
+// Whether one of `lines` is named `name` (case ignored).
+bool HasHeaderLine(const std::vector<std::string>& lines, std::string_view name);
 
 }  // namespace tqplatform

@@ -86,12 +86,6 @@ DWORD SplitHeaders(std::wstring_view text, std::vector<std::string>* lines) {
   return ERROR_SUCCESS;
 }
 
-bool HasHeader(const std::vector<std::string>& lines, std::string_view name) {
-  return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-    return EqualsIgnoreCase(std::string_view(line).substr(0, line.find(':')), name);
-  });
-}
-
 }  // namespace
 
 Request::Request(std::shared_ptr<Connection> connection, std::string verb, std::string path,
@@ -119,7 +113,7 @@ TransferRequest Request::Describe(const Settings& settings, std::string body) co
   out.method = verb_;
   out.body = std::move(body);
   out.header_lines = sent_lines_;
-  if (!HasHeader(sent_lines_, "Accept")) out.header_lines.emplace_back("Accept:");  // none sent
+  if (!HasHeaderLine(sent_lines_, "Accept")) out.header_lines.emplace_back("Accept:");  // none sent
   out.http10 = http10_;
   out.agent = sent_agent_;
   const auto& session = connection_->session();
@@ -190,7 +184,7 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   }
   std::vector<std::string> lines;
   // A Host line of the caller's goes out in place of the one made from the URL.
-  if (!HasHeader(sent, "Host")) {
+  if (!HasHeaderLine(sent, "Host")) {
     lines.push_back("Host: " + url.substr(authority_start, path_start - authority_start));
   }
   if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
