@@ -60,8 +60,18 @@ struct UsageError {
 // so that a failure is reported in one line.
 std::mutex g_log_mutex;
 std::string g_last_log;
+// What the first failed exchange of the running operation gave: its words end the message.
+std::optional<tqfetch::Outcome> g_first_failure;
+
+void NoteFailure(const tqfetch::Outcome& outcome) {
+  std::lock_guard lock(g_log_mutex);
+  if (!g_first_failure) g_first_failure = outcome;
+}
 
 void KeepLastLogLine(const TqULogRecord& record) {
+  if (auto outcome = tqfetch::OutcomeFromMessage(record.component, record.text)) {
+    NoteFailure(*outcome);
+  }
   std::string text = record.text;
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
   if (text.empty()) return;
@@ -69,12 +79,18 @@ void KeepLastLogLine(const TqULogRecord& record) {
   g_last_log = text;
 }
 
-// The failure of an operation on `url`, with the reason in words when asking the server again
-// tells it, else with what the library logged.
-Failure Failed(const std::string& what, const std::string& url) {
-  const std::string reason = tqfetch::FailureReason(url);
-  if (!reason.empty()) return Failure{what + ": " + reason};
+// Called as an operation starts: a failure before it is not its reason.
+void ForgetFailures() {
   std::lock_guard lock(g_log_mutex);
+  g_first_failure.reset();
+}
+
+// The failure of an operation, with the reason in words when one of its exchanges failed, else
+// with what the library logged.
+Failure Failed(const std::string& what) {
+  std::lock_guard lock(g_log_mutex);
+  const std::string reason = g_first_failure ? tqfetch::Reason(*g_first_failure) : "";
+  if (!reason.empty()) return Failure{what + ": " + reason};
   return Failure{g_last_log.empty() ? what : what + ": " + g_last_log};
 }
 
@@ -144,6 +160,9 @@ class Library {
  public:
   explicit Library(const wchar_t* cache_directory) {
     qv::net::InitialiseHttp();
+    // The default transport, wrapped so that a failed exchange leaves its reason for the message.
+    std::unique_ptr<qv::net::IHttpApi> backend(qv::net::SetHttpApi(nullptr));
+    qv::net::SetHttpApi(new tqfetch::RecordingHttpApi(std::move(backend), NoteFailure));
     qv::net::InitialiseCache(cache_directory);
   }
   ~Library() {
@@ -171,8 +190,9 @@ std::string ReadAll(qv::io::IDataReadStream& stream) {
 }
 
 std::string FetchThroughCache(const std::string& url) {
+  ForgetFailures();
   auto stream = qv::net::OpenFileOrUrl(Wide(url), 0, {});
-  if (!stream) throw Failed("could not open " + url, url);
+  if (!stream) throw Failed("could not open " + url);
   return ReadAll(*stream);
 }
 
@@ -185,8 +205,9 @@ std::string FormatTime(std::int64_t seconds) {
 
 void PrintInfo(const std::string& url) {
   TqUFileInfo info;
+  ForgetFailures();
   if (!Library::Protocol(url).GetFileInfo(Wide(url).c_str(), &info)) {
-    throw Failed("no file information for " + url, url);
+    throw Failed("no file information for " + url);
   }
   if (auto size = info.GetFileSize()) std::printf("  size      %" PRIu64 " bytes\n", *size);
   if (auto time = info.GetFileModificationTime()) {
@@ -201,8 +222,9 @@ void PrintInfo(const std::string& url) {
 std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
                       std::uint64_t* total) {
   TqUFileProtocol& protocol = Library::Protocol(url);
+  ForgetFailures();
   TqUFileHandle* file = protocol.OpenFile(Wide(url).c_str(), TqUFileProtocol::OpenRead);
-  if (file == nullptr) throw Failed("cannot open " + url, url);
+  if (file == nullptr) throw Failed("cannot open " + url);
   TqUThreadHandle* thread = protocol.CreateThreadHandle(file);
   TqUFileRequestHandle* request = protocol.SetupReadFile(file, offset, size);
   std::string bytes(size, '\0');
@@ -216,8 +238,7 @@ std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_
   protocol.CloseFile(file);
   if (got < 0) {
     throw Failed("cannot read bytes " + std::to_string(offset) + "+" + std::to_string(size) +
-                     " of " + url,
-                 url);
+                 " of " + url);
   }
   bytes.resize(static_cast<std::size_t>(got));
   return bytes;
@@ -225,15 +246,16 @@ std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_
 
 void Download(const std::string& url, const std::string& path) {
   TqUFileProtocol& protocol = Library::Protocol(url);
-  // The size, for the progress line's byte counts; the download reports fractions only.
+  ForgetFailures();
+  // The file information first: the size, for the progress line's byte counts (the download
+  // reports fractions only), and the reason in words should the download fail, since a download
+  // reports none of its own. Its failure alone does not stop the download.
   std::optional<std::uint64_t> total;
   TqUFileInfo info;
-  if (StdoutIsTerminal() && protocol.GetFileInfo(Wide(url).c_str(), &info)) {
-    total = info.GetFileSize();
-  }
+  if (protocol.GetFileInfo(Wide(url).c_str(), &info)) total = info.GetFileSize();
   ProgressBar bar("download", total);
   if (!protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
-    throw Failed("download of " + url + " to " + path + " failed", url);
+    throw Failed("download of " + url + " to " + path + " failed");
   }
 }
 

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "tests/support/servers/scripted_server.h"
@@ -52,6 +54,21 @@ TEST(TqfetchCliTest, AnHttpFailureAndAnUntrustedCertificateAreNamed) {
   const Outcome missing = Tqfetch("fetch " + server.Url("/missing"), home.path());
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.output.find(": HTTP 404 Not Found\n"), std::string::npos) << missing.output;
+
+  // The reason is the failed request's own: a server that answers differently when asked again
+  // (here 404 first, 503 after) is named by its first answer.
+  const std::string changing = server.Url("/changing");
+  for (const std::string& command :
+       {"fetch " + changing, "info " + changing, "range " + changing + " 0 10",
+        "download " + changing + " " + (home.path() / "changing").string()}) {
+    auto answers = std::make_shared<std::atomic<int>>(0);
+    server.Route("/changing", [answers](const tq::test::RecordedRequest&) {
+      return tq::test::ScriptedResponse((*answers)++ == 0 ? 404 : 503);
+    });
+    const Outcome run = Tqfetch(command, home.path());
+    EXPECT_EQ(run.status, 1) << command;
+    EXPECT_TRUE(run.output.ends_with(": HTTP 404 Not Found\n")) << command << ": " << run.output;
+  }
 
   tq::test::TlsFiles tls;
   ASSERT_TRUE(tq::test::MakeSelfSignedCert(home.path(), "127.0.0.1", &tls));
