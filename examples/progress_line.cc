@@ -13,8 +13,12 @@ std::string TwoDigits(std::uint64_t value) {
   return (value < 10 ? "0" : "") + std::to_string(value);
 }
 
-// "0:07", "12:30", "27:30:00".
+// Past this a time left is no estimate worth showing, and past 2^64 s no whole count at all.
+constexpr double kLongestClockSeconds = 9999.0 * 3600;
+
+// "0:07", "12:30", "27:30:00"; "--:--:--" for a time too long (or not a number).
 std::string Clock(double seconds) {
+  if (!(seconds <= kLongestClockSeconds)) return "--:--:--";
   const auto total = static_cast<std::uint64_t>(std::ceil(seconds));
   if (total >= 3600) {
     return std::to_string(total / 3600) + ":" + TwoDigits(total / 60 % 60) + ":" +

@@ -25,6 +25,8 @@ TEST(ProgressLineTest, ShowsBytesRateAndTimeLeft) {
       // A fraction out of range is clamped, not drawn past the bar.
       {{1.5, 1000, 1s}, "100% [########################]  1000 B / 1000 B  1000 B/s"},
       {{-0.5, 1000, 1s}, "  0% [                        ]  0 B / 1000 B"},
+      // A time left too long to count in whole seconds (a stalled download) is not guessed at.
+      {{1e-12, 1000, 1e9s}, "  0% [                        ]  0 B / 1000 B  0 B/s  --:--:-- left"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(FormatProgressLine(c.sample), c.line) << c.sample.fraction;
