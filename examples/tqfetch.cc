@@ -11,6 +11,7 @@
 // Errors are one line on stderr that says why in words. Exit status: 0 success, 1 a network,
 // HTTP or file failure, 2 a usage error.
 #if defined(_WIN32)
+#include <fcntl.h>
 #include <io.h>
 #include <process.h>
 #else
@@ -108,6 +109,16 @@ bool StdoutIsTerminal() {
 #else
   return isatty(1) != 0;
 #endif
+}
+
+// A body as it came, byte for byte: Windows opens standard output in text mode, which would
+// write every line feed as CR LF (and a redirected download would differ from the file).
+void WriteBody(const std::string& bytes) {
+#if defined(_WIN32)
+  std::fflush(stdout);
+  _setmode(_fileno(stdout), _O_BINARY);
+#endif
+  std::fwrite(bytes.data(), 1, bytes.size(), stdout);
 }
 
 int ProcessId() {
@@ -465,7 +476,7 @@ int Run(const std::vector<std::string>& args) {
       out.write(body.data(), static_cast<std::streamsize>(body.size()));
       if (!out) throw Failure{"cannot write " + args[3]};
     } else {
-      std::fwrite(body.data(), 1, body.size(), stdout);
+      WriteBody(body);
     }
     return 0;
   }
@@ -478,7 +489,7 @@ int Run(const std::vector<std::string>& args) {
     Library library(nullptr);
     std::uint64_t total = 0;
     const std::string bytes = ReadRange(args[1], Number(args[2]), Number(args[3]), &total);
-    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+    WriteBody(bytes);
     return 0;
   }
   if (command == "download" && args.size() == 3) {

@@ -81,6 +81,21 @@ TEST(TqfetchCliTest, AnHttpFailureAndAnUntrustedCertificateAreNamed) {
       << untrusted.output;
 }
 
+// What is written to standard output is the body, byte for byte (line ends included).
+TEST(TqfetchCliTest, FetchAndRangeWriteTheBodyAsItCame) {
+  tq::test::TempDir home;
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  const std::string body("a\nb\r\nc\x1a\0d\n", 10);
+  server.Route("/f", tq::test::ScriptedResponse(200, body));
+  const Outcome fetched = Tqfetch("fetch " + server.Url("/f"), home.path());
+  EXPECT_EQ(fetched.status, 0);
+  EXPECT_EQ(fetched.output, body);
+  const Outcome range = Tqfetch("range " + server.Url("/f") + " 1 6", home.path());
+  EXPECT_EQ(range.status, 0);
+  EXPECT_EQ(range.output, body.substr(1, 6));
+}
+
 TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
   tq::test::TempDir home;
   const Outcome help = Tqfetch("--help", home.path());
