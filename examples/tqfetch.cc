@@ -11,6 +11,8 @@
 // Errors are one line on stderr that says why in words. Exit status: 0 success, 1 a network,
 // HTTP or file failure, 2 a usage error.
 #if defined(_WIN32)
+#include <windows.h>
+#include <shellapi.h>
 #include <fcntl.h>
 #include <io.h>
 #include <process.h>
@@ -28,6 +30,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -101,6 +104,11 @@ std::wstring Wide(const std::string& text) { return qv::Utf8ToWide(text); }
 std::string Text(const fs::path& path) {
   const std::u8string text = path.u8string();
   return std::string(text.begin(), text.end());
+}
+
+// A path given as UTF-8 text, on either system.
+fs::path PathOf(const std::string& text) {
+  return fs::path(std::u8string(text.begin(), text.end()));
 }
 
 bool StdoutIsTerminal() {
@@ -472,7 +480,7 @@ int Run(const std::vector<std::string>& args) {
     Library library(nullptr);
     const std::string body = FetchThroughCache(args[1]);
     if (args.size() == 4) {
-      std::ofstream out(args[3], std::ios::binary);
+      std::ofstream out(PathOf(args[3]), std::ios::binary);
       out.write(body.data(), static_cast<std::streamsize>(body.size()));
       if (!out) throw Failure{"cannot write " + args[3]};
     } else {
@@ -511,10 +519,29 @@ int Run(const std::vector<std::string>& args) {
 
 }  // namespace
 
+// The arguments after the program's name, as UTF-8 like every text of the program. Windows hands
+// main() its arguments in the system's ANSI code page, which cannot name every file or URL: they
+// are taken from the wide command line there.
+std::vector<std::string> Arguments(int argc, char** argv) {
+#if defined(_WIN32)
+  (void)argc;
+  (void)argv;
+  int count = 0;
+  wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (wide == nullptr) throw std::runtime_error("cannot read the command line");
+  std::vector<std::string> args;
+  for (int i = 1; i < count; ++i) args.push_back(qv::WideToUtf8(wide[i]));
+  LocalFree(wide);
+  return args;
+#else
+  return std::vector<std::string>(argv + 1, argv + argc);
+#endif
+}
+
 int main(int argc, char** argv) {
   TqUError::SetSink(KeepLastLogLine);
   try {
-    return Run(std::vector<std::string>(argv + 1, argv + argc));
+    return Run(Arguments(argc, argv));
   } catch (const UsageError& error) {
     if (!error.message.empty()) std::fprintf(stderr, "tqfetch: %s\n", error.message.c_str());
     std::fputs(kUsage, stderr);

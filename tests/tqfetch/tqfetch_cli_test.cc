@@ -5,6 +5,9 @@
 
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -94,6 +97,17 @@ TEST(TqfetchCliTest, FetchAndRangeWriteTheBodyAsItCame) {
   const Outcome range = Tqfetch("range " + server.Url("/f") + " 1 6", home.path());
   EXPECT_EQ(range.status, 0);
   EXPECT_EQ(range.output, body.substr(1, 6));
+
+  // So do files, under the names given, whatever their characters.
+  const std::filesystem::path file = home.path() / std::filesystem::path(u8"caf\u00e9 \u65e5.bin");
+  for (const std::string& command :
+       {"fetch " + server.Url("/f") + " -o", "download " + server.Url("/f")}) {
+    std::filesystem::remove(file);
+    const Outcome run = Tqfetch(command + " '" + file.string() + "'", home.path());
+    EXPECT_EQ(run.status, 0) << command << ": " << run.output;
+    std::ifstream in(file, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), body) << command;
+  }
 }
 
 TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
