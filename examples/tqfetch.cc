@@ -215,13 +215,6 @@ std::string FetchThroughCache(const std::string& url) {
   return ReadAll(*stream);
 }
 
-std::string FormatTime(std::int64_t seconds) {
-  const std::time_t t = static_cast<std::time_t>(seconds);
-  char text[64];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", std::gmtime(&t));
-  return text;
-}
-
 void PrintInfo(const std::string& url) {
   TqUFileInfo info;
   ForgetFailures();
@@ -230,7 +223,7 @@ void PrintInfo(const std::string& url) {
   }
   if (auto size = info.GetFileSize()) std::printf("  size      %" PRIu64 " bytes\n", *size);
   if (auto time = info.GetFileModificationTime()) {
-    std::printf("  modified  %s\n", FormatTime(*time).c_str());
+    std::printf("  modified  %s\n", tqfetch::FormatTime(*time).c_str());
   }
   if (auto tag = info.GetFileRevisionId()) {
     std::printf("  revision  %s\n", qv::WideToUtf8(*tag).c_str());

@@ -33,6 +33,25 @@ TEST(ProgressLineTest, ShowsBytesRateAndTimeLeft) {
   }
 }
 
+// Any time a server's Last-Modified gives, and any other, has its text: the C library's gmtime
+// gives up on some (on Windows before 1970 and after 3000).
+TEST(ProgressLineTest, FormatTimeNamesEveryTime) {
+  const struct {
+    std::int64_t seconds;
+    const char* text;
+  } cases[] = {
+      {0, "1970-01-01 00:00:00 UTC"},
+      {1793613600, "2026-11-02 10:00:00 UTC"},
+      {-315619200, "1960-01-01 00:00:00 UTC"},
+      {-11644473600, "1601-01-01 00:00:00 UTC"},
+      {253402300799, "9999-12-31 23:59:59 UTC"},
+      {253402300800, "253402300800 s after 1970"},
+      {INT64_MAX, "9223372036854775807 s after 1970"},
+      {INT64_MIN, "-9223372036854775808 s after 1970"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(FormatTime(c.seconds), c.text) << c.seconds;
+}
+
 // A download of 300 MB calls back thousands of times with the same text: only changed text is
 // drawn, and no more than ten times a second except for the final line.
 TEST(ProgressLineTest, RedrawsOnlyChangedTextAtMostTenTimesASecond) {
