@@ -7,9 +7,12 @@
 #include <chrono>
 #include <cwchar>
 #include <filesystem>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/fault_injection.h"
 #include "platform/urlmon.h"
@@ -140,6 +143,42 @@ TEST(HostilePlatform, DrippedHeaderLinesEndAtTheTimeOut) {
       EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_TIMEOUT));
     }
     EXPECT_LT(lines_sent.load(), 40);
+  }
+}
+
+// A download goes to a temporary name beside the destination first: for a destination whose
+// name is as long as a directory allows, that name must fit too, also when the cut falls inside
+// a character of several bytes.
+TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWritten) {
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  ASSERT_TRUE(server.ok());
+  const std::string url = server.Url("/file");
+  // Names of 255, 254 and 255 bytes of UTF-8, in characters of one, two and three bytes.
+  const struct {
+    wchar_t wide;
+    const char* utf8;
+    int count;
+  } names[] = {{L'n', "n", 255}, {L'\u00e9', "\xc3\xa9", 127}, {L'\u20ac', "\xe2\x82\xac", 85}};
+  for (const auto& name : names) {
+    SCOPED_TRACE(name.utf8);
+    std::string utf8;
+    for (int i = 0; i < name.count; ++i) utf8 += name.utf8;
+    TempDir dir;
+    const std::string destination = dir.path().string() + "/" + utf8;
+    const std::wstring wide_destination =
+        std::wstring(destination.begin(), destination.end() - utf8.size()) +
+        std::wstring(name.count, name.wide);
+    EXPECT_EQ(URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
+                                 wide_destination.c_str(), 0, nullptr),
+              S_OK);
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+      left.push_back(entry.path().filename().string());
+    }
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(left[0], utf8);
+    std::ifstream file(destination);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "hello");
   }
 }
 
