@@ -40,6 +40,13 @@ class TransferSlot {
 
   CURL* easy() const { return easy_.get(); }
   CURLM* multi() const { return multi_.get(); }
+  // Notes the connection a transfer that ended left in the multi's cache (call while attached).
+  void NoteKeptConnection();
+  // Before the next transfer: a kept connection on which bytes, or its end, arrived while it lay
+  // idle is dropped with everything the multi keeps (the multi is made anew). Nothing may come
+  // on an idle HTTP/1.1 connection; bytes a server sent after its answer would be read as the
+  // answer to the next request. False when no new multi can be made.
+  bool DropKeptConnectionIfItSpoke();
   bool Attach();
   // Takes the easy handle out of the multi: an unfinished transfer closes its connection, a
   // finished one leaves it in the multi's cache for the next transfer.
@@ -66,9 +73,12 @@ class TransferSlot {
 
  private:
   TransferSlot() = default;
+  // A multi that keeps one idle connection, the one noted last.
+  static CurlMulti MakeMulti();
   CurlMulti multi_;
   CurlEasy easy_;
   bool attached_ = false;
+  curl_socket_t kept_socket_ = CURL_SOCKET_BAD;
   AppliedOptions applied_;
   std::string spill_storage_;
   std::string url_asked_;

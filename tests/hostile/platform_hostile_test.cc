@@ -146,6 +146,54 @@ TEST(HostilePlatform, DrippedHeaderLinesEndAtTheTimeOut) {
   }
 }
 
+// Bytes a server sends after an answer, on a connection kept alive, are no answer to anything:
+// the next request must not read them as its own, whatever the answer before them was.
+TEST(HostilePlatform, BytesSentAfterAnAnswerAreNotTheNextRequestsAnswer) {
+  const struct {
+    const wchar_t* verb;
+    const char* answer;
+  } cases[] = {{L"GET", "HTTP/1.1 204 No Content\r\n\r\n"},
+               {L"GET", "HTTP/1.1 304 Not Modified\r\n\r\n"},
+               {L"HEAD", "HTTP/1.1 200 OK\r\nContent-Length: 41\r\n\r\n"},
+               {L"GET", "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.answer);
+    Gate answered;
+    Gate stray_sent;
+    RawResponder server([&](RawConnection& connection) {
+      for (std::string head; !(head = connection.ReadRequestHead()).empty();) {
+        if (RequestLine(head).find(" /first ") == std::string::npos) {
+          connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\ngood");
+          continue;
+        }
+        connection.Send(c.answer);
+        if (!answered.Wait()) return;
+        connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nstray");
+        stray_sent.Open();
+      }
+    });
+    ASSERT_TRUE(server.ok());
+    Handle session = OpenSession();
+    Handle connection = Connect(session, server.port());
+    {
+      Handle first = OpenRequest(connection, L"/first", c.verb);
+      ASSERT_TRUE(Send(first));
+      std::string body;
+      ASSERT_TRUE(ReadAll(first, &body));
+    }
+    answered.Open();
+    ASSERT_TRUE(stray_sent.Wait());
+    for (int i = 0; i < 2; ++i) {
+      Handle next = OpenRequest(connection, L"/next");
+      ASSERT_TRUE(Send(next));
+      std::string body;
+      EXPECT_TRUE(ReadAll(next, &body));
+      EXPECT_EQ(body, "good");
+    }
+    EXPECT_EQ(server.connection_count(), 2u);
+  }
+}
+
 // A download goes to a temporary name beside the destination first: for a destination whose
 // name is as long as a directory allows, that name must fit too, also when the cut falls inside
 // a character of several bytes.
