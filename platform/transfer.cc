@@ -368,6 +368,14 @@ int Transfer::PrereqCallback(void* self, char*, char*, int, int) {
   return CURL_PREREQFUNC_OK;
 }
 
+int Transfer::SocketCallback(void* self, curl_socket_t, curlsocktype) {
+  // A new connection: libcurl starts over on it (a kept-alive one that died when the request
+  // went out, or one closed after a challenge), and through a proxy an https request needs a
+  // tunnel on it first, whose answer is not the origin's.
+  static_cast<Transfer*>(self)->request_out_ = false;
+  return CURL_SOCKOPT_OK;
+}
+
 void Transfer::OnConnected() {
   if (state_ != TransferState::kConnecting) return;
   MoveTo(TransferState::kAwaitingHeaders);

@@ -199,6 +199,7 @@ class Transfer {
   static size_t HeaderCallback(char* data, size_t size, size_t count, void* self);
   static size_t WriteCallback(char* data, size_t size, size_t count, void* self);
   static int PrereqCallback(void* self, char*, char*, int, int);
+  static int SocketCallback(void* self, curl_socket_t, curlsocktype);
   size_t OnHeader(const char* data, size_t size);
   size_t OnBody(const char* data, size_t size);
   size_t OnDrainedBody(size_t size);
@@ -247,7 +248,8 @@ class Transfer {
   bool keep_whole_body_ = false;  // the announced body fits what is kept while nobody reads
   DWORD header_error_ = 0;  // why a header block was refused
   std::size_t trailer_bytes_ = 0;  // of the chunked body's trailers
-  bool request_out_ = false;  // libcurl has sent this hop's request (a tunnel is up before)
+  // libcurl has sent this hop's request on the connection it uses now (a tunnel is up before).
+  bool request_out_ = false;
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
   char error_text_[CURL_ERROR_SIZE] = {};

@@ -91,6 +91,7 @@ HopOptions Transfer::Options(bool same_origin) const {
   options.header_function = &Transfer::HeaderCallback;
   options.write_function = &Transfer::WriteCallback;
   options.prereq_function = &Transfer::PrereqCallback;
+  options.sockopt_function = &Transfer::SocketCallback;
   options.share = request_.share;
   options.verify_host = request_.verify_host;
   options.ca_file = &request_.ca_file;
