@@ -444,6 +444,13 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
   // libcurl answers an authentication challenge itself when it has credentials: such a block
   // is final only if no other response follows it (the body or the end of the transfer tells).
   if ((status == 401 && answers_401_) || (status == 407 && answers_407_)) {
+    // libcurl answers as often as it is asked, and each answer starts the header block's
+    // deadline again: a server that never stops asking (a Digest nonce "stale" every time)
+    // would hold the request for ever.
+    if (++challenges_answered_ > kMaxChallengesAnswered) {
+      header_error_ = ERROR_INTERNET_LOGIN_FAILURE;
+      return 0;
+    }
     clock_.RequestSent(now);  // the answer goes out as a new request
     return size;
   }

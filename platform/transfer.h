@@ -242,6 +242,9 @@ class Transfer {
   // libcurl answers a 401 / 407 challenge itself when it has credentials for it.
   bool answers_401_ = false;
   bool answers_407_ = false;
+  // More than a handshake needs (NTLM takes two rounds, a stale Digest nonce one more).
+  static constexpr int kMaxChallengesAnswered = 10;
+  int challenges_answered_ = 0;  // in this hop
   HeaderBlock pending_;   // the block being received
   HeaderBlock response_;  // the last complete block
   std::uint64_t content_length_ = 0;

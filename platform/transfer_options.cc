@@ -50,6 +50,7 @@ void Transfer::ClearResponse() {
   keep_whole_body_ = false;
   header_error_ = 0;
   trailer_bytes_ = 0;
+  challenges_answered_ = 0;
   request_out_ = false;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;

@@ -194,6 +194,44 @@ TEST(HostilePlatform, BytesSentAfterAnAnswerAreNotTheNextRequestsAnswer) {
   }
 }
 
+// A server or proxy that asks for credentials again after every answer (a Digest nonce "stale"
+// each time) is answered a few times, not for as long as it goes on asking.
+TEST(HostilePlatform, ChallengesWithoutEndAreNotAnsweredWithoutEnd) {
+  for (const bool proxy : {false, true}) {
+    SCOPED_TRACE(proxy ? "proxy" : "server");
+    std::atomic<int> requests{0};
+    RawResponder server([&](RawConnection& c) {
+      for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+        const std::string nonce = std::to_string(++requests);
+        if (requests > 100) {  // gives up: the client still asking is what fails the test
+          c.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+          continue;
+        }
+        c.Send(std::string(proxy ? "HTTP/1.1 407 Who\r\nProxy-Authenticate"
+                                 : "HTTP/1.1 401 Who\r\nWWW-Authenticate") +
+               ": Digest realm=\"r\", nonce=\"" + nonce + "\", stale=true\r\n" +
+               "Content-Length: 0\r\n\r\n");
+      }
+    });
+    ASSERT_TRUE(server.ok());
+    const std::wstring proxy_name = L"http=127.0.0.1:" + std::to_wstring(server.port());
+    Handle session(InternetOpenW(L"t", proxy ? INTERNET_OPEN_TYPE_PROXY : INTERNET_OPEN_TYPE_DIRECT,
+                                 proxy ? proxy_name.c_str() : nullptr, nullptr, 0));
+    Handle connection = Connect(session, server.port());
+    wchar_t user[] = L"bob", password[] = L"pw";
+    const DWORD user_option = proxy ? INTERNET_OPTION_PROXY_USERNAME : INTERNET_OPTION_USERNAME;
+    const DWORD password_option =
+        proxy ? INTERNET_OPTION_PROXY_PASSWORD : INTERNET_OPTION_PASSWORD;
+    ASSERT_TRUE(InternetSetOptionW(connection.get(), user_option, user, 3));
+    ASSERT_TRUE(InternetSetOptionW(connection.get(), password_option, password, 2));
+    Handle request = OpenRequest(connection, L"/");
+    SetLastError(0);
+    EXPECT_FALSE(Send(request));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_LOGIN_FAILURE));
+    EXPECT_LE(requests.load(), 11);
+  }
+}
+
 // A download goes to a temporary name beside the destination first: for a destination whose
 // name is as long as a directory allows, that name must fit too, also when the cut falls inside
 // a character of several bytes.
