@@ -60,6 +60,20 @@ TEST_F(RequestTest, ConcurrentRequestsWaitForABoundedNumberOfConnections) {
   EXPECT_EQ(server_.request_count(), 8u);
   EXPECT_LE(server_.connection_count(), 4u);
   EXPECT_EQ(server_.max_concurrent_requests(), 4u);
+
+  // A bound raised while requests wait for a slot lets them go at once.
+  ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 1));
+  Gate raised;
+  server_.Route("/raised", ScriptedResponse(200, "done").Hold(&raised));
+  results.clear();
+  for (int i = 0; i < 3; ++i) {
+    results.push_back(std::async(std::launch::async, [this] { return Get(L"/raised"); }));
+  }
+  ASSERT_TRUE(raised.WaitForWaiters(1));
+  ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 3));
+  EXPECT_TRUE(raised.WaitForWaiters(3));
+  raised.Open();
+  for (auto& result : results) EXPECT_EQ(result.get(), "done");
 }
 
 // The policy's table is the transfer test's; here its moves happen on the wire.
