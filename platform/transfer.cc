@@ -502,4 +502,8 @@ size_t Transfer::OnDrainedBody(size_t size) {
 
 void SetWaitHookForTesting(void (*hook)(HINTERNET)) { g_wait_hook = hook; }
 
+void RunWaitHook(HINTERNET request) {
+  if (auto* hook = g_wait_hook.load(); hook != nullptr) hook(request);
+}
+
 }  // namespace tqplatform

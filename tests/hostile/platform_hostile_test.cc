@@ -268,16 +268,22 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWritten) {
   }
 }
 
-// The hook below tells the test that a call on the request has reached its wait for the
-// network, so the close surely lands while the call is inside.
+// The hook below tells the test that a call on the request has reached its wait: for the
+// network, or (on the thread marked as querying) for the call before it. The close then surely
+// lands while the call is inside.
 Gate* g_waiting = nullptr;
+Gate* g_query_waiting = nullptr;
+thread_local bool t_querying = false;
 void OnWait(HINTERNET) {
-  if (g_waiting != nullptr) g_waiting->Open();
+  Gate* gate = t_querying ? g_query_waiting : g_waiting;
+  if (gate != nullptr) gate->Open();
 }
 
-TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendOrRead) {
-  for (const bool during_read : {false, true}) {
-    SCOPED_TRACE(during_read ? "read" : "send");
+TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendReadOrQuery) {
+  enum Blocked { kSend, kRead, kQueryBehindARead };
+  for (const Blocked blocked_call : {kSend, kRead, kQueryBehindARead}) {
+    SCOPED_TRACE(blocked_call);
+    const bool during_read = blocked_call != kSend;
     Gate request_seen;
     RawResponder server([&](RawConnection& c) {
       c.ReadRequestHead();
@@ -296,7 +302,9 @@ TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendOrRead) {
     }
 
     Gate waiting;
+    Gate query_waiting;
     g_waiting = &waiting;
+    g_query_waiting = &query_waiting;
     tqplatform::SetWaitHookForTesting(&OnWait);
     auto blocked = std::async(std::launch::async, [&] {
       char buffer[100];
@@ -307,12 +315,30 @@ TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendOrRead) {
     });
     ASSERT_TRUE(request_seen.Wait());
     ASSERT_TRUE(waiting.Wait());
+    // The headers are in, but a query that waited for the read the close ended must fail too.
+    std::future<DWORD> query;
+    if (blocked_call == kQueryBehindARead) {
+      query = std::async(std::launch::async, [&] {
+        t_querying = true;
+        DWORD status = 0;
+        DWORD length = sizeof status;
+        return HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status,
+                              &length, nullptr)
+                   ? DWORD{0}
+                   : GetLastError();
+      });
+      ASSERT_TRUE(query_waiting.Wait());
+    }
     ASSERT_TRUE(InternetCloseHandle(request));
     // A close that did not reach the call would leave it waiting out the 60 s time-out.
     ASSERT_EQ(blocked.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(blocked.get(), static_cast<DWORD>(ERROR_INTERNET_OPERATION_CANCELLED));
+    if (query.valid()) {
+      EXPECT_EQ(query.get(), static_cast<DWORD>(ERROR_INTERNET_OPERATION_CANCELLED));
+    }
     tqplatform::SetWaitHookForTesting(nullptr);
     g_waiting = nullptr;
+    g_query_waiting = nullptr;
 
     // The handle is gone for every later call.
     DWORD length = 0;
