@@ -256,6 +256,13 @@ class Progress {
 
   bool aborted() const { return m_aborted; }
 
+  // A report without a count; any failure the callback returns asks to stop, as from Report.
+  void Tell(ULONG status_code, LPCWSTR text) {
+    if (m_callback != nullptr && FAILED(m_callback->OnProgress(0, 0, status_code, text))) {
+      m_aborted = true;
+    }
+  }
+
   void Report(ULONG status_code, std::uint64_t total) {
     if (m_callback == nullptr) return;
     ULONG done = 0;
@@ -381,11 +388,9 @@ HRESULT Download(const std::string& url, const std::string& destination,
 
   TempFile file;
   if (HRESULT hr = file.Create(destination); FAILED(hr)) return finish(hr);
-  if (!cache_file.empty() && callback != nullptr) {
-    callback->OnProgress(0, 0, BINDSTATUS_CACHEFILENAMEAVAILABLE, cache_file.c_str());
-  }
   Progress progress(callback);
-  progress.Report(BINDSTATUS_CONNECTING, 0);
+  if (!cache_file.empty()) progress.Tell(BINDSTATUS_CACHEFILENAMEAVAILABLE, cache_file.c_str());
+  if (!progress.aborted()) progress.Report(BINDSTATUS_CONNECTING, 0);
   const auto stopped = [&] { return progress.aborted() || binding.binding->stop().stopped(); };
   HRESULT result = stopped() ? E_ABORT : Fetch(transfer, url, file, progress);
   if (SUCCEEDED(result) && stopped()) result = E_ABORT;

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cwchar>
 #include <filesystem>
 #include <fstream>
@@ -265,6 +266,69 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWritten) {
     EXPECT_EQ(left[0], utf8);
     std::ifstream file(destination);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "hello");
+  }
+}
+
+// A status callback that asks to stop when it is told `stop_at`, and records how each
+// download ended.
+class StoppingCallback final : public IBindStatusCallback {
+ public:
+  explicit StoppingCallback(ULONG stop_at) : stop_at_(stop_at) {}
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return 1; }
+  ULONG STDMETHODCALLTYPE Release() override { return 1; }
+  HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD, IBinding*) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE GetPriority(LONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE OnLowResource(DWORD) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnProgress(ULONG, ULONG, ULONG status, LPCWSTR) override {
+    return status == stop_at_ ? E_ABORT : S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnStopBinding(HRESULT result, LPCWSTR) override {
+    stops.push_back(result);
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetBindInfo(DWORD*, BINDINFO*) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnDataAvailable(DWORD, DWORD, FORMATETC*, STGMEDIUM*) override {
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnObjectAvailable(REFIID, IUnknown*) override { return S_OK; }
+
+  std::vector<HRESULT> stops;
+
+ private:
+  const ULONG stop_at_;
+};
+
+// A callback that asks to stop, whatever it is told at the time, ends the download with E_ABORT
+// and nothing is left in the download cache.
+TEST(HostilePlatform, ACallbackThatAsksToStopEndsTheDownloadWithNothingLeft) {
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  ASSERT_TRUE(server.ok());
+  const std::string url = server.Url("/file");
+  TempDir cache;
+  const char* previous = std::getenv("XDG_CACHE_HOME");
+  const std::string saved = previous != nullptr ? previous : "";
+  ASSERT_EQ(setenv("XDG_CACHE_HOME", cache.path().c_str(), 1), 0);
+  for (const ULONG stop_at : {BINDSTATUS_CACHEFILENAMEAVAILABLE, BINDSTATUS_CONNECTING,
+                              BINDSTATUS_BEGINDOWNLOADDATA, BINDSTATUS_DOWNLOADINGDATA}) {
+    SCOPED_TRACE(stop_at);
+    StoppingCallback callback(stop_at);
+    wchar_t path[260] = L"untouched";
+    EXPECT_EQ(URLDownloadToCacheFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(), path,
+                                      260, 0, &callback),
+              E_ABORT);
+    EXPECT_EQ(callback.stops, std::vector<HRESULT>{E_ABORT});
+    EXPECT_EQ(std::wstring(path), L"untouched");
+    const auto directory = std::filesystem::path(tqplatform::UrlDownloadCacheDirectory());
+    EXPECT_TRUE(std::filesystem::is_empty(directory));
+  }
+  if (previous != nullptr) {
+    setenv("XDG_CACHE_HOME", saved.c_str(), 1);
+  } else {
+    unsetenv("XDG_CACHE_HOME");
   }
 }
 
