@@ -106,6 +106,29 @@ std::string Text(const fs::path& path) {
   return std::string(text.begin(), text.end());
 }
 
+// A server's text as it may go to a terminal: its control characters (C0, DEL, and C1 in UTF-8)
+// are written as \xNN or \u00NN, so that the server can neither move the cursor, retitle the
+// window nor clear the screen.
+std::string Printable(const std::string& text) {
+  std::string out;
+  char escape[8];
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+    if (byte < 0x20 || byte == 0x7F) {
+      std::snprintf(escape, sizeof escape, "\\x%02x", byte);
+      out += escape;
+    } else if (byte == 0xC2 && next >= 0x80 && next <= 0x9F) {
+      std::snprintf(escape, sizeof escape, "\\u%04x", next);
+      out += escape;
+      ++i;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
 // A path given as UTF-8 text, on either system.
 fs::path PathOf(const std::string& text) {
   return fs::path(std::u8string(text.begin(), text.end()));
@@ -226,7 +249,7 @@ void PrintInfo(const std::string& url) {
     std::printf("  modified  %s\n", tqfetch::FormatTime(*time).c_str());
   }
   if (auto tag = info.GetFileRevisionId()) {
-    std::printf("  revision  %s\n", qv::WideToUtf8(*tag).c_str());
+    std::printf("  revision  %s\n", Printable(qv::WideToUtf8(*tag)).c_str());
   }
 }
 

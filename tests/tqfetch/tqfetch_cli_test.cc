@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "tests/support/same_answer_server.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/servers/tls_files.h"
@@ -108,6 +109,18 @@ TEST(TqfetchCliTest, FetchAndRangeWriteTheBodyAsItCame) {
     std::ifstream in(file, std::ios::binary);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), body) << command;
   }
+}
+
+// A server's text reaches the terminal without the control characters that would steer it.
+TEST(TqfetchCliTest, InfoShowsTheServersTextWithoutControlCharacters) {
+  tq::test::TempDir home;
+  tq::test::SameAnswerServer server(
+      "HTTP/1.1 200 OK\r\nContent-Length: 4\r\nETag: \"a\x1b]0;title\x07\x1b[2Jb\"\r\n\r\nabcd");
+  ASSERT_TRUE(server.ok());
+  const Outcome run = Tqfetch("info " + server.Url("/f"), home.path());
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.output.find("  revision  \"a\\x1b]0;title\\x07\\x1b[2Jb\"\n"), std::string::npos)
+      << run.output;
 }
 
 TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
