@@ -20,9 +20,11 @@
 #include <unistd.h>
 #endif
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -149,7 +151,11 @@ void WriteBody(const std::string& bytes) {
   std::fflush(stdout);
   _setmode(_fileno(stdout), _O_BINARY);
 #endif
-  std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+  // A full disk or a closed pipe must not pass for success with the bytes lost.
+  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() ||
+      std::fflush(stdout) != 0) {
+    throw Failure{std::string("cannot write to standard output: ") + std::strerror(errno)};
+  }
 }
 
 int ProcessId() {
@@ -498,6 +504,7 @@ int Run(const std::vector<std::string>& args) {
     if (args.size() == 4) {
       std::ofstream out(PathOf(args[3]), std::ios::binary);
       out.write(body.data(), static_cast<std::streamsize>(body.size()));
+      out.close();  // the last bytes may fail only as they leave the buffer
       if (!out) throw Failure{"cannot write " + args[3]};
     } else {
       WriteBody(body);

@@ -99,6 +99,13 @@ TEST(TqfetchCliTest, FetchAndRangeWriteTheBodyAsItCame) {
   EXPECT_EQ(range.status, 0);
   EXPECT_EQ(range.output, body.substr(1, 6));
 
+  // Output that cannot be written is a failure, not a success with the bytes lost.
+  for (const std::string& command : {"fetch " + server.Url("/f") + " >/dev/full",
+                                     "range " + server.Url("/f") + " 1 6 >/dev/full",
+                                     "fetch " + server.Url("/f") + " -o /dev/full"}) {
+    EXPECT_EQ(Tqfetch(command, home.path()).status, 1) << command;
+  }
+
   // So do files, under the names given, whatever their characters.
   const std::filesystem::path file = home.path() / std::filesystem::path(u8"caf\u00e9 \u65e5.bin");
   for (const std::string& command :
