@@ -4,6 +4,13 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <thread>
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/http/connection_pool.h"
@@ -108,6 +115,54 @@ TEST(HttpInitTest, HostExitingWithoutTerminateEndsARunningTaskWhileWhatItUsesExi
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(ExitWhileATaskSends(), ::testing::ExitedWithCode(0), "");
 }
+
+#ifdef _WIN32
+// A function of the library loaded as a host loads it, found by its exported (GCC) name.
+template <typename F>
+F* Exported(HMODULE module, const char* name) {
+  return reinterpret_cast<F*>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+}
+
+// Regression: a host that unloaded the library without TerminateHttp, while the workers or the
+// stop watcher ran, never got FreeLibrary back: the unload ended those threads under the loader
+// lock, which a thread needs to end. The module now stays while they run; the host's own
+// shut-down ends them, and its last reference then unloads the module.
+TEST(HttpInitTest, UnloadingTheLibraryWhileItsThreadsRunKeepsItLoadedUntilTheyEnd) {
+  for (const bool pool : {true, false}) {
+    SCOPED_TRACE(pool ? "worker pool" : "stop watcher alone");
+    HMODULE module = ::LoadLibraryW(L"tqnetwork.dll");
+    ASSERT_NE(module, nullptr);
+    auto* initialise = Exported<void()>(module, "_ZN2qv3net14InitialiseHttpEv");
+    auto* terminate = Exported<void()>(module, "_ZN2qv3net13TerminateHttpEv");
+    auto* terminate_pool = Exported<void()>(module, "_ZN2qv3net18HttpConnectionPool9TerminateEv");
+    auto* set_api = Exported<IHttpApi*(IHttpApi*)>(module, "_ZN2qv3net10SetHttpApiEPNS0_8IHttpApiE");
+    auto* open = Exported<std::unique_ptr<HttpReadStream>(std::wstring_view, int, qv::stop_token)>(
+        module, "_ZN2qv3net14HttpReadStream4OpenESt17basic_string_viewIwSt11char_traitsIwEEiNS_"
+                "10stop_tokenE");
+    ASSERT_TRUE(initialise && terminate && terminate_pool && set_api && open);
+    initialise();
+    if (!pool) {
+      // The library's transport without its pool; a send that can be stopped starts the watcher.
+      IHttpApi* api = set_api(nullptr);
+      terminate();
+      set_api(api);
+      // On a thread that ends while the module is loaded: what a thread keeps of the library's
+      // per-thread state is released as it ends.
+      std::thread([open] {
+        qv::stop_source stop;
+        EXPECT_FALSE(open(L"http://127.0.0.1:1/", 0, stop.get_token())->Succeeded());
+      }).join();
+    }
+    EXPECT_TRUE(::FreeLibrary(module));
+    EXPECT_EQ(::GetModuleHandleW(L"tqnetwork.dll"), module) << "kept while its threads run";
+    ASSERT_EQ(::LoadLibraryW(L"tqnetwork.dll"), module);
+    terminate_pool();
+    terminate();
+    EXPECT_TRUE(::FreeLibrary(module));
+    EXPECT_EQ(::GetModuleHandleW(L"tqnetwork.dll"), nullptr);
+  }
+}
+#endif
 
 }  // namespace
 }  // namespace qv::net
