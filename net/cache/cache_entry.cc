@@ -223,6 +223,8 @@ EntryFileKind KindOfEntryFile(const fs::path& path) {
       return EntryFileKind::kNone;
     case fs::file_type::regular:
       return EntryFileKind::kRegular;
+    case fs::file_type::directory:
+      return EntryFileKind::kDirectory;
     default:
       return EntryFileKind::kForeign;
   }

@@ -362,9 +362,10 @@ TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
   }
 }
 
-// Links and FIFOs planted by another local user at an entry's name or its temporary file's, on a
-// first open and at a name the cache already knows: a miss (fetched, a link's target untouched,
-// an entry of the cache's own put in the place), never a wait on a FIFO.
+// Links, FIFOs and directories planted by another local user at an entry's name or its temporary
+// file's, on a first open and at a name the cache already knows: a miss (fetched, a link's
+// target untouched, an entry of the cache's own put in the place, or, where nothing can replace
+// a directory, served without being kept), never a wait on a FIFO.
 TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTouchNothing) {
   TempDir outside;
   const std::string planted = EntryBytes(1, kNever, "", kKey, "planted outside");
@@ -374,9 +375,11 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
     fs::path at;
     fs::path target;  // empty: a FIFO (POSIX only: Windows has none in a directory)
     std::string target_bytes;
+    bool directory = false;  // a directory with a file in it instead
   } const cases[] = {
       {"link at the entry", EntryPath(), outside.WriteFile("entry", planted), planted},
       {"link at the temporary file", temporary, outside.WriteFile("victim", "kept"), "kept"},
+      {"directory at the entry", EntryPath(), {}, "", true},
 #if !defined(_WIN32)
       {"FIFO at the entry", EntryPath(), {}, ""},
       {"FIFO at the temporary file", temporary, {}, ""},
@@ -386,8 +389,12 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
     for (const char* round : {"first open", "known name"}) {
       SCOPED_TRACE(std::string(c.name) + ", " + round);
       RemoveAll();
+      if (c.directory) {
+        fs::create_directories(c.at);
+        WriteFileBytes(c.at / "inside", "kept");
+      }
 #if !defined(_WIN32)
-      ASSERT_TRUE(!c.target.empty() || ::mkfifo(c.at.c_str(), 0600) == 0);
+      ASSERT_TRUE(c.directory || !c.target.empty() || ::mkfifo(c.at.c_str(), 0600) == 0);
 #endif
       if (!c.target.empty() && !PlantLink(c.target, c.at)) {
         // Wine 8 makes no reparse points; Windows only for a privileged or developer-mode user.
@@ -406,8 +413,13 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
       EXPECT_EQ(opened.get(), "from the server");
       EXPECT_EQ(c.target.empty() ? "" : ReadFileBytes(c.target), c.target_bytes);
       EXPECT_FALSE(IsLink(EntryPath()));
+      if (c.directory) {
+        EXPECT_EQ(ReadFileBytes(c.at / "inside"), "kept");
+        m_api.Queue(Ok("from the server", L"max-age=60", L"\"s\""));
+      }
       EXPECT_EQ(Open(), "from the server") << "served fresh from the cache's own entry";
-      EXPECT_EQ(m_api.Sent().size(), sent + 1);
+      EXPECT_EQ(m_api.Sent().size(), sent + (c.directory ? 2 : 1));
+      if (c.directory) fs::remove_all(c.at);
     }
   }
 }
