@@ -156,16 +156,20 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
   return true;
 }
 
-// The header size that `etag` and `key` need. An over-long tag or key throws the narrowing
-// error of its own length field; a pair that fits one by one but not together is refused the
-// same way, since the header size field cannot hold it and a truncated size would place the
-// body in the middle of the key.
-std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key,
-                                 std::uint8_t flags) {
+// The header size that `etag` and `key` need, which may exceed what the header size field
+// holds. An over-long tag or key throws the narrowing error of its own length field.
+std::size_t HeaderSizeOf(const std::string& etag, const std::string& key, std::uint8_t flags) {
   const auto tag_length = gsl::narrow<std::uint16_t>(etag.size());
   const auto key_length = gsl::narrow<std::uint16_t>(key.size());
-  const std::size_t size = ef::kHeaderOverhead + tag_length + key_length +
-                           (flags != 0 ? ef::kExtensionSize : 0);
+  return ef::kHeaderOverhead + tag_length + key_length + (flags != 0 ? ef::kExtensionSize : 0);
+}
+
+// The same for a header about to be written whole: a pair that fits one by one but not
+// together is refused like an over-long one, since the header size field cannot hold it and a
+// truncated size would place the body in the middle of the key.
+std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key,
+                                 std::uint8_t flags) {
+  const std::size_t size = HeaderSizeOf(etag, key, flags);
   if (size > ef::kMaxHeaderSize) throw gsl::narrowing_error();
   return static_cast<std::uint16_t>(size);
 }
@@ -323,8 +327,11 @@ bool CacheEntry::UpdateETag(const std::optional<std::string>& tag) {
 }
 
 bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
+  // A header on disk that does not add up (a file loaded with a header size its tag and key do
+  // not fill, or overflow) is not one this header fits in front of: refused, not thrown, so
+  // that its body is still served.
+  if (m_header_size != 0 && m_header_size != HeaderSizeOf(m_etag, m_key, m_flags)) return false;
   const std::uint16_t size = RequiredHeaderSize(m_etag, m_key, m_flags);
-  if (m_header_size != 0 && m_header_size != size) return false;
 
   std::vector<unsigned char> header(ef::BodyOffset(size));
   ef::PutU16(&header[ef::kHeaderSizeOffset], size);

@@ -242,6 +242,15 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
   EXPECT_EQ(Open(), "ours");
   EXPECT_EQ(ReadFileBytes(EntryPath()), foreign);
 
+  // A tag and key that fit their fields one by one but not the header size field together: the
+  // body starts where that field says, and the use, which would not fit, is not recorded.
+  const std::string wrapped = EntryBytes(1, kNever, std::string(65535, 't'), kKey, "body");
+  WriteFileBytes(EntryPath(), wrapped);
+  const std::string served = Open();
+  EXPECT_TRUE(served == wrapped.substr((24 + 65535 + kKey.size()) % 65536 + 2))
+      << served.substr(0, 100);
+  EXPECT_TRUE(ReadFileBytes(EntryPath()) == wrapped);
+
   // Gone: fetched, stored anew and then served fresh.
   fs::remove(EntryPath());
   m_api.Queue(Ok("stored", L"max-age=60", L"\"s\"", kDate + 161));
