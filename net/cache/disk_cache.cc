@@ -7,6 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include <gsl/narrow>
+
 #include "net/cache/cache_entry_format.h"
 #include "net/cache/downloads_in_flight.h"
 #include "net/cache/fresh_hit.h"
@@ -166,6 +168,8 @@ void RewriteHeader(CacheEntry& entry, const qv::stop_token& stop, std::int64_t n
     }
   } catch (const std::runtime_error&) {
     stored = false;
+  } catch (const gsl::narrowing_error&) {
+    stored = false;  // the header with the mark would not fit in its size field
   }
   if (!stored) entry.SetStaleAllowed(!entry.StaleAllowed());
 }

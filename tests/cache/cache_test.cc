@@ -728,6 +728,22 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
     EXPECT_EQ(m_log.Lines(), expected);
     EXPECT_EQ(Sleeps().size() - sleeps, c.failure == 502 ? 5u : 0u) << "served after retries";
   }
+
+  // A mark that would not fit: the tag and key fill the header without it. The entry stays
+  // unmarked, and the 304's expiry still reaches the file.
+  const std::wstring url = L"http://example.test/long-tag";
+  const std::string narrow = qv::WideToUtf8(url);
+  const std::string tag(65535 - 24 - narrow.size(), 't');
+  m_clock.Set(kDate);
+  m_api.Queue(Ok("body", L"max-age=60", qv::Utf8ToWide(tag)));
+  ASSERT_EQ(Open(url), "body");
+  m_clock.Set(kDate + 61);
+  m_api.Queue(Ok("", L"max-age=60", qv::Utf8ToWide(tag), kDate + 61, 304));
+  m_log.Clear();
+  EXPECT_EQ(Open(url, kStale), "body");
+  EXPECT_TRUE(ReadFileBytes(EntryPath(url)) ==
+              EntryBytes(kDate + 61, kDate + 121, tag, narrow, "body"));
+  EXPECT_EQ(m_log.Text(), "");
 }
 
 // A clean-up takes expired entries first within an hour's span, and older spans first. A link
