@@ -38,7 +38,8 @@ class TQUTIL_API TqUSysFile {
   static constexpr std::uint32_t kShareRead = 1;
   // creation
   /// A new file made by this open alone: whatever lies at the name (a stale file, a link, a
-  /// FIFO) is removed first, unless an open holds it, and the file is created exclusively.
+  /// FIFO) is removed first, unless an open holds it, and the file is created exclusively. No
+  /// other open finds it at the name before this one holds it.
   static constexpr std::uint32_t kCreateAlways = 1;
   static constexpr std::uint32_t kOpenExistingWrite = 2;   ///< existing file, contents kept
   static constexpr std::uint32_t kOpenExisting = 3;        ///< existing file
