@@ -28,7 +28,8 @@ const std::string* CaFileOf(const HopOptions& options) {
 bool AppliedOptions::SameRareOptions(const HopOptions& wanted) const {
   const std::string* ca_file = CaFileOf(wanted);
   return header_function_ == wanted.header_function && write_function_ == wanted.write_function &&
-         prereq_function_ == wanted.prereq_function && share_ == wanted.share &&
+         prereq_function_ == wanted.prereq_function &&
+         sockopt_function_ == wanted.sockopt_function && share_ == wanted.share &&
          verify_host_ == wanted.verify_host &&
          ca_file_.has_value() == (ca_file != nullptr) && (!ca_file_ || *ca_file_ == *ca_file) &&
          proxy_mode_ == wanted.proxy_mode && proxy_ == wanted.proxy &&
@@ -60,9 +61,13 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
   header_function_ = wanted.header_function;
   write_function_ = wanted.write_function;
   prereq_function_ = wanted.prereq_function;
+  sockopt_function_ = wanted.sockopt_function;
   ok = ok && Set(easy, CURLOPT_HEADERFUNCTION, header_function_) &&
        Set(easy, CURLOPT_WRITEFUNCTION, write_function_) &&
        Set(easy, CURLOPT_PREREQFUNCTION, prereq_function_);
+  if (sockopt_function_ != nullptr) {
+    ok = ok && Set(easy, CURLOPT_SOCKOPTFUNCTION, sockopt_function_);
+  }
   share_ = wanted.share;
   if (share_ != nullptr) ok = ok && Set(easy, CURLOPT_SHARE, share_);
   verify_host_ = wanted.verify_host;
@@ -129,7 +134,7 @@ bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {
   if (owner_ != wanted.owner) {
     owner_ = wanted.owner;
     ok = ok && Set(easy, CURLOPT_HEADERDATA, owner_) && Set(easy, CURLOPT_WRITEDATA, owner_) &&
-         Set(easy, CURLOPT_PREREQDATA, owner_);
+         Set(easy, CURLOPT_PREREQDATA, owner_) && Set(easy, CURLOPT_SOCKOPTDATA, owner_);
   }
   if (error_buffer_ != wanted.error_buffer) {
     error_buffer_ = wanted.error_buffer;
@@ -184,6 +189,7 @@ void AppliedOptions::Release(CURL* easy) {
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, static_cast<void*>(nullptr));
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<void*>(nullptr));
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, static_cast<void*>(nullptr));
+  curl_easy_setopt(easy, CURLOPT_SOCKOPTDATA, static_cast<void*>(nullptr));
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, static_cast<char*>(nullptr));
   owner_ = nullptr;
   error_buffer_ = nullptr;

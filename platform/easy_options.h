@@ -38,6 +38,7 @@ struct HopOptions {
   curl_write_callback header_function = nullptr;
   curl_write_callback write_function = nullptr;
   curl_prereq_callback prereq_function = nullptr;
+  curl_sockopt_callback sockopt_function = nullptr;
   CURLSH* share = nullptr;
   bool verify_host = true;
   const std::optional<std::string>* ca_file = nullptr;  // null or unset: libcurl's default
@@ -83,6 +84,7 @@ class AppliedOptions {
   curl_write_callback header_function_ = nullptr;
   curl_write_callback write_function_ = nullptr;
   curl_prereq_callback prereq_function_ = nullptr;
+  curl_sockopt_callback sockopt_function_ = nullptr;
   CURLSH* share_ = nullptr;
   bool verify_host_ = true;
   std::optional<std::string> ca_file_;

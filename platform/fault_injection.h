@@ -45,9 +45,12 @@ namespace tqplatform {
 DWORD TakeInjectedFault(const char* function_name);
 
 // Test seam: `hook` (null: none) runs on the calling thread each time a send or a read is about
-// to wait for the network, with the request's handle. A test then knows the call is inside and
-// blocked, and can close the handle from another thread at that moment.
+// to wait for the network, and each time a call on a request is about to wait for another call
+// on it to end, with the request's handle. A test then knows the call is inside and blocked, and
+// can close the handle from another thread at that moment.
 void SetWaitHookForTesting(void (*hook)(HINTERNET request));
+// Runs the hook, if any, for `request`.
+void RunWaitHook(HINTERNET request);
 }  // namespace tqplatform
 
 #endif  // _WIN32

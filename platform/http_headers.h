@@ -40,8 +40,8 @@ class HeaderBlock {
   std::optional<std::string_view> Find(std::string_view name, std::size_t index = 0) const;
 
   // False when Content-Length occurs with values that differ (a repeated or comma-listed equal
-  // value is one value) or with one that is not a decimal number: such a body has no length one
-  // can trust, and two readers could split the stream in different places.
+  // value is one value) or with one that is not a decimal number below 2^63: such a body has no
+  // length one can trust, and two readers could split the stream in different places.
   bool ContentLengthAgrees() const;
 
   // Start line and header lines as received, each followed by CR LF, then a final CR LF.

@@ -2,6 +2,8 @@
 // transfer. Its options are set in transfer_options.cc.
 #include "platform/transfer.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cassert>
 #include <cstring>
@@ -27,15 +29,49 @@ std::atomic<void (*)(HINTERNET)> g_wait_hook{nullptr};
 
 // --- slots and the stop signal -----------------------------------------------------------------
 
+CurlMulti TransferSlot::MakeMulti() {
+  CurlMulti multi(curl_multi_init());
+  // One easy handle uses one connection at a time; the one it used last is all that is kept, so
+  // the connection noted is the only one a later transfer can reuse.
+  if (multi != nullptr) curl_multi_setopt(multi.get(), CURLMOPT_MAXCONNECTS, 1L);
+  return multi;
+}
+
 std::unique_ptr<TransferSlot> TransferSlot::Create() {
   std::unique_ptr<TransferSlot> slot(new TransferSlot());
-  slot->multi_.reset(curl_multi_init());
+  slot->multi_ = MakeMulti();
   slot->easy_.reset(curl_easy_init());
   if (slot->multi_ == nullptr || slot->easy_ == nullptr) return nullptr;
   return slot;
 }
 
 TransferSlot::~TransferSlot() { Detach(); }
+
+void TransferSlot::NoteKeptConnection() {
+  // The socket of the connection the transfer returned to the cache; none when it was closed.
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  if (curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK) {
+    socket = CURL_SOCKET_BAD;
+  }
+  kept_socket_ = socket;
+}
+
+bool TransferSlot::DropKeptConnectionIfItSpoke() {
+  const curl_socket_t socket = kept_socket_;
+  kept_socket_ = CURL_SOCKET_BAD;
+  if (socket == CURL_SOCKET_BAD) return true;
+  // Only this slot's multi closes that socket, and it has not run since the note.
+  pollfd idle{socket, POLLIN, 0};
+  if (::poll(&idle, 1, 0) == 0) return true;
+  Detach();
+  CurlMulti fresh = MakeMulti();
+  if (fresh == nullptr) {
+    kept_socket_ = socket;  // looked at again by the next transfer
+    return false;
+  }
+  multi_ = std::move(fresh);  // the old multi closes its connections
+  return true;
+}
 
 bool TransferSlot::Attach() {
   attached_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
@@ -108,6 +144,10 @@ DWORD Transfer::AcquireSlot() {
   DWORD error = ERROR_SUCCESS;
   slot_ = slots_.Acquire(stop_, request_.slot_wait, &error);
   if (slot_ == nullptr) return error;
+  if (!slot_->DropKeptConnectionIfItSpoke()) {
+    slots_.Release(std::move(slot_));
+    return ERROR_NOT_ENOUGH_MEMORY;
+  }
   spill_.SwapStorage(slot_->spill_storage());
   stop_.Watch(slot_->multi());
   return ERROR_SUCCESS;
@@ -300,6 +340,7 @@ void Transfer::End(CURLcode result) {
   } else {
     error_ = result == CURLE_OK ? ERROR_HTTP_INVALID_SERVER_RESPONSE : ErrorOf(result, false);
   }
+  slot_->NoteKeptConnection();
   ReleaseSlot();
   MoveTo(complete ? TransferState::kFinished : TransferState::kFailed);
 }
@@ -325,6 +366,14 @@ int Transfer::PrereqCallback(void* self, char*, char*, int, int) {
   static_cast<Transfer*>(self)->request_out_ = true;
   static_cast<Transfer*>(self)->OnConnected();
   return CURL_PREREQFUNC_OK;
+}
+
+int Transfer::SocketCallback(void* self, curl_socket_t, curlsocktype) {
+  // A new connection: libcurl starts over on it (a kept-alive one that died when the request
+  // went out, or one closed after a challenge), and through a proxy an https request needs a
+  // tunnel on it first, whose answer is not the origin's.
+  static_cast<Transfer*>(self)->request_out_ = false;
+  return CURL_SOCKOPT_OK;
 }
 
 void Transfer::OnConnected() {
@@ -395,6 +444,13 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
   // libcurl answers an authentication challenge itself when it has credentials: such a block
   // is final only if no other response follows it (the body or the end of the transfer tells).
   if ((status == 401 && answers_401_) || (status == 407 && answers_407_)) {
+    // libcurl answers as often as it is asked, and each answer starts the header block's
+    // deadline again: a server that never stops asking (a Digest nonce "stale" every time)
+    // would hold the request for ever.
+    if (++challenges_answered_ > kMaxChallengesAnswered) {
+      header_error_ = ERROR_INTERNET_LOGIN_FAILURE;
+      return 0;
+    }
     clock_.RequestSent(now);  // the answer goes out as a new request
     return size;
   }
@@ -445,5 +501,9 @@ size_t Transfer::OnDrainedBody(size_t size) {
 }
 
 void SetWaitHookForTesting(void (*hook)(HINTERNET)) { g_wait_hook = hook; }
+
+void RunWaitHook(HINTERNET request) {
+  if (auto* hook = g_wait_hook.load(); hook != nullptr) hook(request);
+}
 
 }  // namespace tqplatform

@@ -40,6 +40,13 @@ class TransferSlot {
 
   CURL* easy() const { return easy_.get(); }
   CURLM* multi() const { return multi_.get(); }
+  // Notes the connection a transfer that ended left in the multi's cache (call while attached).
+  void NoteKeptConnection();
+  // Before the next transfer: a kept connection on which bytes, or its end, arrived while it lay
+  // idle is dropped with everything the multi keeps (the multi is made anew). Nothing may come
+  // on an idle HTTP/1.1 connection; bytes a server sent after its answer would be read as the
+  // answer to the next request. False when no new multi can be made.
+  bool DropKeptConnectionIfItSpoke();
   bool Attach();
   // Takes the easy handle out of the multi: an unfinished transfer closes its connection, a
   // finished one leaves it in the multi's cache for the next transfer.
@@ -66,9 +73,12 @@ class TransferSlot {
 
  private:
   TransferSlot() = default;
+  // A multi that keeps one idle connection, the one noted last.
+  static CurlMulti MakeMulti();
   CurlMulti multi_;
   CurlEasy easy_;
   bool attached_ = false;
+  curl_socket_t kept_socket_ = CURL_SOCKET_BAD;
   AppliedOptions applied_;
   std::string spill_storage_;
   std::string url_asked_;
@@ -189,6 +199,7 @@ class Transfer {
   static size_t HeaderCallback(char* data, size_t size, size_t count, void* self);
   static size_t WriteCallback(char* data, size_t size, size_t count, void* self);
   static int PrereqCallback(void* self, char*, char*, int, int);
+  static int SocketCallback(void* self, curl_socket_t, curlsocktype);
   size_t OnHeader(const char* data, size_t size);
   size_t OnBody(const char* data, size_t size);
   size_t OnDrainedBody(size_t size);
@@ -231,13 +242,17 @@ class Transfer {
   // libcurl answers a 401 / 407 challenge itself when it has credentials for it.
   bool answers_401_ = false;
   bool answers_407_ = false;
+  // More than a handshake needs (NTLM takes two rounds, a stale Digest nonce one more).
+  static constexpr int kMaxChallengesAnswered = 10;
+  int challenges_answered_ = 0;  // in this hop
   HeaderBlock pending_;   // the block being received
   HeaderBlock response_;  // the last complete block
   std::uint64_t content_length_ = 0;
   bool keep_whole_body_ = false;  // the announced body fits what is kept while nobody reads
   DWORD header_error_ = 0;  // why a header block was refused
   std::size_t trailer_bytes_ = 0;  // of the chunked body's trailers
-  bool request_out_ = false;  // libcurl has sent this hop's request (a tunnel is up before)
+  // libcurl has sent this hop's request on the connection it uses now (a tunnel is up before).
+  bool request_out_ = false;
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
   char error_text_[CURL_ERROR_SIZE] = {};

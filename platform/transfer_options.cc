@@ -50,6 +50,7 @@ void Transfer::ClearResponse() {
   keep_whole_body_ = false;
   header_error_ = 0;
   trailer_bytes_ = 0;
+  challenges_answered_ = 0;
   request_out_ = false;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;
@@ -91,6 +92,7 @@ HopOptions Transfer::Options(bool same_origin) const {
   options.header_function = &Transfer::HeaderCallback;
   options.write_function = &Transfer::WriteCallback;
   options.prereq_function = &Transfer::PrereqCallback;
+  options.sockopt_function = &Transfer::SocketCallback;
   options.share = request_.share;
   options.verify_host = request_.verify_host;
   options.ca_file = &request_.ca_file;

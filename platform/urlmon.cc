@@ -8,6 +8,7 @@
 #include "platform/urlmon.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -184,13 +185,26 @@ class TempFile {
   }
 
   HRESULT Create(const std::string& destination) {
+    // A destination whose name fits must not fail for want of room for the suffix: its name is
+    // cut to leave that room, and the last character the cut may have split is dropped whole.
+    constexpr std::size_t kSuffixSize = 22;
+    std::string base = destination;
+    const std::size_t name_start = base.rfind('/') + 1;  // npos + 1 == 0
+    if (base.size() - name_start + kSuffixSize > NAME_MAX) {
+      base.resize(name_start + NAME_MAX - kSuffixSize);
+      const auto continuation = [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+      };
+      while (base.size() > name_start && continuation(base.back())) base.pop_back();
+      if (base.size() > name_start) base.pop_back();
+    }
     std::random_device seed;
     std::mt19937_64 random(seed());
     for (int attempt = 0; attempt < 16; ++attempt) {
-      char suffix[24];
+      char suffix[kSuffixSize + 1];
       std::snprintf(suffix, sizeof suffix, ".%016llx.part",
                     static_cast<unsigned long long>(random()));
-      std::string path = destination + suffix;
+      std::string path = base + suffix;
       const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
       if (fd >= 0) {
         m_fd = fd;
@@ -241,6 +255,13 @@ class Progress {
   explicit Progress(IBindStatusCallback* callback) : m_callback(callback) {}
 
   bool aborted() const { return m_aborted; }
+
+  // A report without a count; any failure the callback returns asks to stop, as from Report.
+  void Tell(ULONG status_code, LPCWSTR text) {
+    if (m_callback != nullptr && FAILED(m_callback->OnProgress(0, 0, status_code, text))) {
+      m_aborted = true;
+    }
+  }
 
   void Report(ULONG status_code, std::uint64_t total) {
     if (m_callback == nullptr) return;
@@ -367,11 +388,9 @@ HRESULT Download(const std::string& url, const std::string& destination,
 
   TempFile file;
   if (HRESULT hr = file.Create(destination); FAILED(hr)) return finish(hr);
-  if (!cache_file.empty() && callback != nullptr) {
-    callback->OnProgress(0, 0, BINDSTATUS_CACHEFILENAMEAVAILABLE, cache_file.c_str());
-  }
   Progress progress(callback);
-  progress.Report(BINDSTATUS_CONNECTING, 0);
+  if (!cache_file.empty()) progress.Tell(BINDSTATUS_CACHEFILENAMEAVAILABLE, cache_file.c_str());
+  if (!progress.aborted()) progress.Report(BINDSTATUS_CONNECTING, 0);
   const auto stopped = [&] { return progress.aborted() || binding.binding->stop().stopped(); };
   HRESULT result = stopped() ? E_ABORT : Fetch(transfer, url, file, progress);
   if (SUCCEEDED(result) && stopped()) result = E_ABORT;

@@ -96,6 +96,15 @@ Request::Request(std::shared_ptr<Connection> connection, std::string verb, std::
 
 Request::~Request() = default;
 
+std::unique_lock<std::mutex> Request::LockCall() {
+  std::unique_lock lock(op_mutex_, std::try_to_lock);
+  if (!lock.owns_lock()) {
+    RunWaitHook(handle());
+    lock.lock();
+  }
+  return lock;
+}
+
 void Request::OnClose() {
   stop_.Stop();
   connection_->WakeWaiters();
@@ -143,7 +152,7 @@ TransferRequest Request::Describe(const Settings& settings, std::string body) co
 // --- the operations ----------------------------------------------------------------------------
 
 DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
-  std::lock_guard op(op_mutex_);
+  const auto call = LockCall();
   if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
   // A resend drops what is left of the previous response.
   transfer_.Finish(kDrainWait);
@@ -158,7 +167,7 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
 }
 
 DWORD Request::Read(void* buffer, DWORD size, DWORD* bytes_read) {
-  std::lock_guard op(op_mutex_);
+  const auto call = LockCall();
   *bytes_read = 0;
   if (!transfer_.HasResponse()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
@@ -199,7 +208,9 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
 }
 
 DWORD Request::Query(DWORD level, void* buffer, DWORD* buffer_length, DWORD* index) {
-  std::lock_guard op(op_mutex_);
+  const auto call = LockCall();
+  // A query that waited for a call the handle's close ended fails as that call did.
+  if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
   if ((level & HTTP_QUERY_FLAG_REQUEST_HEADERS) != 0) {
     return QueryRequestHeaders(level, buffer, buffer_length, index);
   }

@@ -34,6 +34,8 @@ class Request : public InternetObject {
   void OnClose() override;
 
  private:
+  // The lock of one call at a time on the request.
+  std::unique_lock<std::mutex> LockCall();
   Settings Effective() const;
   TransferRequest Describe(const Settings& settings, std::string body) const;
   DWORD QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_length, DWORD* index);

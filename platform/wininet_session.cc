@@ -156,9 +156,9 @@ DWORD Connection::MaxConns() const {
 std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
                                                   std::optional<std::chrono::milliseconds> wait,
                                                   DWORD* error) {
-  const DWORD max_conns = MaxConns();
   std::unique_lock lock(slots_mutex_);
-  auto ready = [&] { return stop.stopped() || in_use_ < max_conns; };
+  // The bound is read again at each wake-up: a raised one lets waiting requests go at once.
+  auto ready = [&] { return stop.stopped() || in_use_ < MaxConns(); };
   if (!wait.has_value()) {
     slots_cv_.wait(lock, ready);
   } else if (!slots_cv_.wait_for(lock, *wait, ready)) {

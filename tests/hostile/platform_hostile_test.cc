@@ -5,11 +5,15 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cwchar>
 #include <filesystem>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/fault_injection.h"
 #include "platform/urlmon.h"
@@ -143,16 +147,207 @@ TEST(HostilePlatform, DrippedHeaderLinesEndAtTheTimeOut) {
   }
 }
 
-// The hook below tells the test that a call on the request has reached its wait for the
-// network, so the close surely lands while the call is inside.
-Gate* g_waiting = nullptr;
-void OnWait(HINTERNET) {
-  if (g_waiting != nullptr) g_waiting->Open();
+// Bytes a server sends after an answer, on a connection kept alive, are no answer to anything:
+// the next request must not read them as its own, whatever the answer before them was.
+TEST(HostilePlatform, BytesSentAfterAnAnswerAreNotTheNextRequestsAnswer) {
+  const struct {
+    const wchar_t* verb;
+    const char* answer;
+  } cases[] = {{L"GET", "HTTP/1.1 204 No Content\r\n\r\n"},
+               {L"GET", "HTTP/1.1 304 Not Modified\r\n\r\n"},
+               {L"HEAD", "HTTP/1.1 200 OK\r\nContent-Length: 41\r\n\r\n"},
+               {L"GET", "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.answer);
+    Gate answered;
+    Gate stray_sent;
+    RawResponder server([&](RawConnection& connection) {
+      for (std::string head; !(head = connection.ReadRequestHead()).empty();) {
+        if (RequestLine(head).find(" /first ") == std::string::npos) {
+          connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\ngood");
+          continue;
+        }
+        connection.Send(c.answer);
+        if (!answered.Wait()) return;
+        connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nstray");
+        stray_sent.Open();
+      }
+    });
+    ASSERT_TRUE(server.ok());
+    Handle session = OpenSession();
+    Handle connection = Connect(session, server.port());
+    {
+      Handle first = OpenRequest(connection, L"/first", c.verb);
+      ASSERT_TRUE(Send(first));
+      std::string body;
+      ASSERT_TRUE(ReadAll(first, &body));
+    }
+    answered.Open();
+    ASSERT_TRUE(stray_sent.Wait());
+    for (int i = 0; i < 2; ++i) {
+      Handle next = OpenRequest(connection, L"/next");
+      ASSERT_TRUE(Send(next));
+      std::string body;
+      EXPECT_TRUE(ReadAll(next, &body));
+      EXPECT_EQ(body, "good");
+    }
+    EXPECT_EQ(server.connection_count(), 2u);
+  }
 }
 
-TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendOrRead) {
-  for (const bool during_read : {false, true}) {
-    SCOPED_TRACE(during_read ? "read" : "send");
+// A server or proxy that asks for credentials again after every answer (a Digest nonce "stale"
+// each time) is answered a few times, not for as long as it goes on asking.
+TEST(HostilePlatform, ChallengesWithoutEndAreNotAnsweredWithoutEnd) {
+  for (const bool proxy : {false, true}) {
+    SCOPED_TRACE(proxy ? "proxy" : "server");
+    std::atomic<int> requests{0};
+    RawResponder server([&](RawConnection& c) {
+      for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+        const std::string nonce = std::to_string(++requests);
+        if (requests > 100) {  // gives up: the client still asking is what fails the test
+          c.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+          continue;
+        }
+        c.Send(std::string(proxy ? "HTTP/1.1 407 Who\r\nProxy-Authenticate"
+                                 : "HTTP/1.1 401 Who\r\nWWW-Authenticate") +
+               ": Digest realm=\"r\", nonce=\"" + nonce + "\", stale=true\r\n" +
+               "Content-Length: 0\r\n\r\n");
+      }
+    });
+    ASSERT_TRUE(server.ok());
+    const std::wstring proxy_name = L"http=127.0.0.1:" + std::to_wstring(server.port());
+    Handle session(InternetOpenW(L"t", proxy ? INTERNET_OPEN_TYPE_PROXY : INTERNET_OPEN_TYPE_DIRECT,
+                                 proxy ? proxy_name.c_str() : nullptr, nullptr, 0));
+    Handle connection = Connect(session, server.port());
+    wchar_t user[] = L"bob", password[] = L"pw";
+    const DWORD user_option = proxy ? INTERNET_OPTION_PROXY_USERNAME : INTERNET_OPTION_USERNAME;
+    const DWORD password_option =
+        proxy ? INTERNET_OPTION_PROXY_PASSWORD : INTERNET_OPTION_PASSWORD;
+    ASSERT_TRUE(InternetSetOptionW(connection.get(), user_option, user, 3));
+    ASSERT_TRUE(InternetSetOptionW(connection.get(), password_option, password, 2));
+    Handle request = OpenRequest(connection, L"/");
+    SetLastError(0);
+    EXPECT_FALSE(Send(request));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_LOGIN_FAILURE));
+    EXPECT_LE(requests.load(), 11);
+  }
+}
+
+// A download goes to a temporary name beside the destination first: for a destination whose
+// name is as long as a directory allows, that name must fit too, also when the cut falls inside
+// a character of several bytes.
+TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWritten) {
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  ASSERT_TRUE(server.ok());
+  const std::string url = server.Url("/file");
+  // Names of 255, 254 and 255 bytes of UTF-8, in characters of one, two and three bytes.
+  const struct {
+    wchar_t wide;
+    const char* utf8;
+    int count;
+  } names[] = {{L'n', "n", 255}, {L'\u00e9', "\xc3\xa9", 127}, {L'\u20ac', "\xe2\x82\xac", 85}};
+  for (const auto& name : names) {
+    SCOPED_TRACE(name.utf8);
+    std::string utf8;
+    for (int i = 0; i < name.count; ++i) utf8 += name.utf8;
+    TempDir dir;
+    const std::string destination = dir.path().string() + "/" + utf8;
+    const std::wstring wide_destination =
+        std::wstring(destination.begin(), destination.end() - utf8.size()) +
+        std::wstring(name.count, name.wide);
+    EXPECT_EQ(URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
+                                 wide_destination.c_str(), 0, nullptr),
+              S_OK);
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+      left.push_back(entry.path().filename().string());
+    }
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(left[0], utf8);
+    std::ifstream file(destination);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "hello");
+  }
+}
+
+// A status callback that asks to stop when it is told `stop_at`, and records how each
+// download ended.
+class StoppingCallback final : public IBindStatusCallback {
+ public:
+  explicit StoppingCallback(ULONG stop_at) : stop_at_(stop_at) {}
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return 1; }
+  ULONG STDMETHODCALLTYPE Release() override { return 1; }
+  HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD, IBinding*) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE GetPriority(LONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE OnLowResource(DWORD) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnProgress(ULONG, ULONG, ULONG status, LPCWSTR) override {
+    return status == stop_at_ ? E_ABORT : S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnStopBinding(HRESULT result, LPCWSTR) override {
+    stops.push_back(result);
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetBindInfo(DWORD*, BINDINFO*) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnDataAvailable(DWORD, DWORD, FORMATETC*, STGMEDIUM*) override {
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnObjectAvailable(REFIID, IUnknown*) override { return S_OK; }
+
+  std::vector<HRESULT> stops;
+
+ private:
+  const ULONG stop_at_;
+};
+
+// A callback that asks to stop, whatever it is told at the time, ends the download with E_ABORT
+// and nothing is left in the download cache.
+TEST(HostilePlatform, ACallbackThatAsksToStopEndsTheDownloadWithNothingLeft) {
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  ASSERT_TRUE(server.ok());
+  const std::string url = server.Url("/file");
+  TempDir cache;
+  const char* previous = std::getenv("XDG_CACHE_HOME");
+  const std::string saved = previous != nullptr ? previous : "";
+  ASSERT_EQ(setenv("XDG_CACHE_HOME", cache.path().c_str(), 1), 0);
+  for (const ULONG stop_at : {BINDSTATUS_CACHEFILENAMEAVAILABLE, BINDSTATUS_CONNECTING,
+                              BINDSTATUS_BEGINDOWNLOADDATA, BINDSTATUS_DOWNLOADINGDATA}) {
+    SCOPED_TRACE(stop_at);
+    StoppingCallback callback(stop_at);
+    wchar_t path[260] = L"untouched";
+    EXPECT_EQ(URLDownloadToCacheFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(), path,
+                                      260, 0, &callback),
+              E_ABORT);
+    EXPECT_EQ(callback.stops, std::vector<HRESULT>{E_ABORT});
+    EXPECT_EQ(std::wstring(path), L"untouched");
+    const auto directory = std::filesystem::path(tqplatform::UrlDownloadCacheDirectory());
+    EXPECT_TRUE(std::filesystem::is_empty(directory));
+  }
+  if (previous != nullptr) {
+    setenv("XDG_CACHE_HOME", saved.c_str(), 1);
+  } else {
+    unsetenv("XDG_CACHE_HOME");
+  }
+}
+
+// The hook below tells the test that a call on the request has reached its wait: for the
+// network, or (on the thread marked as querying) for the call before it. The close then surely
+// lands while the call is inside.
+Gate* g_waiting = nullptr;
+Gate* g_query_waiting = nullptr;
+thread_local bool t_querying = false;
+void OnWait(HINTERNET) {
+  Gate* gate = t_querying ? g_query_waiting : g_waiting;
+  if (gate != nullptr) gate->Open();
+}
+
+TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendReadOrQuery) {
+  enum Blocked { kSend, kRead, kQueryBehindARead };
+  for (const Blocked blocked_call : {kSend, kRead, kQueryBehindARead}) {
+    SCOPED_TRACE(blocked_call);
+    const bool during_read = blocked_call != kSend;
     Gate request_seen;
     RawResponder server([&](RawConnection& c) {
       c.ReadRequestHead();
@@ -171,7 +366,9 @@ TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendOrRead) {
     }
 
     Gate waiting;
+    Gate query_waiting;
     g_waiting = &waiting;
+    g_query_waiting = &query_waiting;
     tqplatform::SetWaitHookForTesting(&OnWait);
     auto blocked = std::async(std::launch::async, [&] {
       char buffer[100];
@@ -182,12 +379,30 @@ TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendOrRead) {
     });
     ASSERT_TRUE(request_seen.Wait());
     ASSERT_TRUE(waiting.Wait());
+    // The headers are in, but a query that waited for the read the close ended must fail too.
+    std::future<DWORD> query;
+    if (blocked_call == kQueryBehindARead) {
+      query = std::async(std::launch::async, [&] {
+        t_querying = true;
+        DWORD status = 0;
+        DWORD length = sizeof status;
+        return HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status,
+                              &length, nullptr)
+                   ? DWORD{0}
+                   : GetLastError();
+      });
+      ASSERT_TRUE(query_waiting.Wait());
+    }
     ASSERT_TRUE(InternetCloseHandle(request));
     // A close that did not reach the call would leave it waiting out the 60 s time-out.
     ASSERT_EQ(blocked.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(blocked.get(), static_cast<DWORD>(ERROR_INTERNET_OPERATION_CANCELLED));
+    if (query.valid()) {
+      EXPECT_EQ(query.get(), static_cast<DWORD>(ERROR_INTERNET_OPERATION_CANCELLED));
+    }
     tqplatform::SetWaitHookForTesting(nullptr);
     g_waiting = nullptr;
+    g_query_waiting = nullptr;
 
     // The handle is gone for every later call.
     DWORD length = 0;

@@ -71,6 +71,8 @@ TEST(BadAnswersTest, EachEndsInAWinInetErrorAfterWhatArrived) {
       {"list 5,", lengths("Content-Length: 5,\r\n"), invalid, 0, "", true},
       {"negative", lengths("Content-Length: -5\r\n"), invalid, 0, "", true},
       {"past 64 bits", lengths("Content-Length: 99999999999999999999\r\n"), invalid, 0, "", true},
+      {"2^63", lengths("Content-Length: 9223372036854775808\r\n"), invalid, 0, "", true},
+      {"2^64 - 1", lengths("Content-Length: 18446744073709551615\r\n"), invalid, 0, "", true},
       {"5 twice", lengths("Content-Length: 5\r\ncontent-length: 5\r\n"), 0, 0, "hello", true},
       {"spaced 5", lengths("Content-Length:  5 \r\n"), 0, 0, "hello", true},
   };

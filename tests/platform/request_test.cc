@@ -11,6 +11,7 @@
 
 #include "platform/fault_injection.h"
 #include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/gate.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/sockets.h"
@@ -59,6 +60,20 @@ TEST_F(RequestTest, ConcurrentRequestsWaitForABoundedNumberOfConnections) {
   EXPECT_EQ(server_.request_count(), 8u);
   EXPECT_LE(server_.connection_count(), 4u);
   EXPECT_EQ(server_.max_concurrent_requests(), 4u);
+
+  // A bound raised while requests wait for a slot lets them go at once.
+  ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 1));
+  Gate raised;
+  server_.Route("/raised", ScriptedResponse(200, "done").Hold(&raised));
+  results.clear();
+  for (int i = 0; i < 3; ++i) {
+    results.push_back(std::async(std::launch::async, [this] { return Get(L"/raised"); }));
+  }
+  ASSERT_TRUE(raised.WaitForWaiters(1));
+  ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 3));
+  EXPECT_TRUE(raised.WaitForWaiters(3));
+  raised.Open();
+  for (auto& result : results) EXPECT_EQ(result.get(), "done");
 }
 
 // The policy's table is the transfer test's; here its moves happen on the wire.
@@ -231,9 +246,13 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
 }
 
 // An https proxy: answers one CONNECT at a time with 200 (and a header of its own), then relays
-// bytes both ways between the client and the port on 127.0.0.1 that the CONNECT names.
+// bytes both ways between the client and the port on 127.0.0.1 that the CONNECT names. Once
+// `cut` is open, the client's next bytes end their tunnel unanswered, as a server that closes a
+// kept-alive connection when a request comes.
 class TunnelProxy {
  public:
+  Gate cut;
+
   TunnelProxy() : listener_(sockets::ListenOnLoopback(4, &port_)) {
     if (ok()) thread_ = std::thread([this] { Serve(); });
   }
@@ -266,7 +285,7 @@ class TunnelProxy {
               : sockets::kNone;
       static constexpr char kUp[] = "HTTP/1.1 200 Connection established\r\nX-Proxy: yes\r\n\r\n";
       if (origin != sockets::kNone && sockets::SendAll(client, kUp, sizeof kUp - 1)) {
-        std::thread up([&] { Relay(client, origin); });
+        std::thread up([&] { Relay(client, origin, true); });
         Relay(origin, client);
         up.join();
       }
@@ -274,10 +293,14 @@ class TunnelProxy {
       sockets::Close(client);
     }
   }
-  void Relay(sockets::Handle from, sockets::Handle to) {
+  void Relay(sockets::Handle from, sockets::Handle to, bool cuttable = false) {
     char buffer[16 * 1024];
     while (sockets::WaitReadable(from, stopping_)) {
       const long n = sockets::Receive(from, buffer, sizeof buffer);
+      if (n > 0 && cuttable && cut.is_open() && !cut_done_.exchange(true)) {
+        sockets::Shutdown(from);  // unanswered: the client meets the end of the connection
+        break;
+      }
       if (n <= 0 || !sockets::SendAll(to, buffer, static_cast<std::size_t>(n))) break;
     }
     sockets::Shutdown(to);
@@ -286,11 +309,13 @@ class TunnelProxy {
   int port_ = 0;
   const sockets::Handle listener_;
   std::atomic<bool> stopping_{false};
+  std::atomic<bool> cut_done_{false};
   std::thread thread_;
 };
 
 // Through a proxy an https request goes in a tunnel: the proxy's answer to the CONNECT is not
-// the origin's response. A tunnel refused is answered with the proxy's own response, and a
+// the origin's response, also when a request is sent again through a new tunnel after the
+// kept-alive one died under it. A tunnel refused is answered with the proxy's own response, and a
 // tunnel to something that is no TLS server fails the send.
 TEST(ProxyTest, AnHttpsTunnelGivesTheOriginsAnswerNotTheProxys) {
   TempDir dir;
@@ -312,8 +337,11 @@ TEST(ProxyTest, AnHttpsTunnelGivesTheOriginsAnswerNotTheProxys) {
   };
   {
     const auto [session, connection] = open(tunnel.port(), origin.port());
-    for (int i = 0; i < 2; ++i) {  // the second goes through the tunnel the first made
+    // The second goes through the tunnel the first made; the third too, but that tunnel ends
+    // when it goes out, and it is sent again through a new one.
+    for (int i = 0; i < 3; ++i) {
       SCOPED_TRACE(i);
+      if (i == 2) tunnel.cut.Open();
       Handle request = OpenRequest(connection, L"/gone", L"GET", INTERNET_FLAG_SECURE);
       std::string body;
       ASSERT_TRUE(Send(request) && ReadAll(request, &body)) << GetLastError();
