@@ -573,6 +573,47 @@ bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& 
   return std::filesystem::remove(path, ec);
 }
 
+namespace {
+// Whether `path` (a link not followed) names the file open as `file`. Where an open file can
+// be neither renamed nor removed (Windows), the name always holds it while it is open.
+bool NamesHeldFile(TqUSysFile::Handle file, const std::filesystem::path& path) {
+#if defined(_WIN32)
+  (void)file;
+  (void)path;
+  return true;
+#else
+  struct stat held = {};
+  if (::fstat(file->fd, &held) != 0) return false;
+  return StillNamed(AT_FDCWD, path.c_str(), held);
+#endif
+}
+}  // namespace
+
+bool TqUSysFile::RenameHeldFile(Handle file, const std::filesystem::path& from,
+                                const std::filesystem::path& to, std::error_code& ec) {
+  ec.clear();
+  if (!IsLive(file)) {
+    ec = std::make_error_code(std::errc::bad_file_descriptor);
+    return false;
+  }
+  if (!NamesHeldFile(file, from)) {
+    ec = std::make_error_code(std::errc::no_such_file_or_directory);
+    return false;
+  }
+  return RenameFile(from, to, ec);
+}
+
+bool TqUSysFile::RemoveHeldFile(Handle file, const std::filesystem::path& path,
+                                std::error_code& ec) {
+  ec.clear();
+  if (!IsLive(file)) {
+    ec = std::make_error_code(std::errc::bad_file_descriptor);
+    return false;
+  }
+  if (!NamesHeldFile(file, path)) return false;
+  return RemoveFile(path, ec);
+}
+
 void TqUSysFileFaults::Arm(std::uint64_t fail_at, int error) {
   if (!t_faults.armed) g_armed_threads.fetch_add(1, std::memory_order_relaxed);
   t_faults = {true, 0, fail_at, error, nullptr};

@@ -174,25 +174,29 @@ std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key
   return static_cast<std::uint16_t>(size);
 }
 
-// Deletes a file that `owner` holds open. Where the system lets a locked file be deleted
-// (POSIX), it goes before the lock does, so no other writer can have opened the name in
-// between; where it refuses (Windows), the file is closed first.
+// Deletes the file `held` that `owner` holds open at `path`. Where the system lets a locked
+// file be deleted (POSIX), it goes before the lock does, so no other writer can have opened the
+// name in between; where it refuses (Windows), the file is closed first. A name that holds
+// another writer's file by now (the directory was cleared under us) is left to that writer.
 template <class Owner>
-void DeleteHeldFile(Owner& owner, const fs::path& path) {
+void DeleteHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& path) {
   std::error_code ec;
-  TqUSysFile::RemoveFile(path, ec);
+  TqUSysFile::RemoveHeldFile(held, path, ec);
   owner.reset();
   if (ec) TqUSysFile::RemoveFile(path, ec);
 }
 
-// Renames the file that `owner` holds open over `to`, then closes it. Renaming under the lock
-// keeps a second writer from opening the temporary name, emptying it and having its half-written
-// file renamed into place by us. Windows refuses to rename an open file (and its sharing keeps
-// other writers out instead), so there the rename is tried again once the file is closed.
+// Renames the file `held` that `owner` holds open over `to`, then closes it. Renaming under the
+// lock keeps a second writer from opening the temporary name, emptying it and having its
+// half-written file renamed into place by us; and the name is renamed only while it is still
+// ours (a cleared directory loses it, and another writer may make it anew). Windows refuses
+// to rename an open file (and its sharing keeps other writers out instead), so there the
+// rename is tried again once the file is closed.
 template <class Owner>
-bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
+bool RenameHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& from,
+                    const fs::path& to) {
   std::error_code ec;
-  if (TqUSysFile::RenameFile(from, to, ec)) {
+  if (TqUSysFile::RenameHeldFile(held, from, to, ec)) {
     owner.reset();
     return true;
   }
@@ -206,7 +210,7 @@ bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
 #else
   // Failed for good: once the lock is dropped, the name may hold another writer's half-written
   // file, which a second try would put in place. Ours goes while it is still held.
-  if (!gone) TqUSysFile::RemoveFile(from, ec);
+  if (!gone) TqUSysFile::RemoveHeldFile(held, from, ec);
   owner.reset();
 #endif
   return false;
@@ -381,7 +385,7 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
     return TqUSysFile::kInvalid;
   }
   if (!WriteHeader(file.get(), false)) {
-    DeleteHeldFile(file, path);
+    DeleteHeldFile(file, file.get(), path);
     m_header_size = previous_size;
     return TqUSysFile::kInvalid;
   }
@@ -401,7 +405,7 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
     target = std::make_unique<qv::io::FileWriteStream>(handle);
   } catch (...) {
     UniqueFile held(handle);
-    DeleteHeldFile(held, temporary);
+    DeleteHeldFile(held, handle, temporary);
     throw;
   }
   // The copy catches the read and write errors it knows (runtime errors); anything else that
@@ -411,16 +415,16 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
   try {
     copy = CopyStream(source, *target, std::move(stop));
   } catch (...) {
-    DeleteHeldFile(target, temporary);
+    DeleteHeldFile(target, handle, temporary);
     m_header_size = previous_size;
     throw;
   }
   if (!copy.completed) {
-    DeleteHeldFile(target, temporary);
+    DeleteHeldFile(target, handle, temporary);
     m_header_size = previous_size;
     return false;
   }
-  if (!RenameHeldFile(target, temporary, m_path)) {
+  if (!RenameHeldFile(target, handle, temporary, m_path)) {
     m_header_size = previous_size;
     return false;
   }
@@ -443,7 +447,7 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(st
   if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) {
     // The caller is told nothing was stored: the header just written must not stay behind as
     // an entry with an empty body, read back later as if it had been stored.
-    DeleteHeldFile(stream, m_path);
+    DeleteHeldFile(stream, handle, m_path);
     m_header_size = 0;
     return nullptr;
   }

@@ -489,6 +489,28 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
     EXPECT_THAT(Remaining(), IsEmpty());
     EXPECT_THAT(m_log.Text(), c.log);
   }
+
+#if !defined(_WIN32)  // Windows deletes no file that is open, so no clearing takes it away
+  // The directory is cleared under a store, and another process's writer makes the temporary
+  // file anew: the store neither renames that half-written file into place nor deletes it.
+  const fs::path temporary = fs::path(EntryPath()) += ".tmp";
+  const std::string half = EntryBytes(1, kNever, "\"o\"", kKey, "half");
+  TqUSysFile::Handle other = TqUSysFile::kInvalid;
+  m_api.Queue(two_chunks);
+  m_api.on_read = [&] {
+    if (other != TqUSysFile::kInvalid) return;
+    m_cache.Clear();
+    other = TqUSysFile::OpenFile(temporary, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
+                                 TqUSysFile::kCreateAlways, 0, 0);
+    std::uint64_t written = 0;
+    ASSERT_TRUE(TqUSysFile::WriteFile(other, half.data(), half.size(), &written));
+  };
+  EXPECT_EQ(Open(), "<null>");
+  m_api.on_read = {};
+  TqUSysFile::CloseFile(other);
+  EXPECT_EQ(ReadFileBytes(temporary), half);
+  EXPECT_FALSE(fs::exists(EntryPath()));
+#endif
 }
 
 // The request names what the entry is kept under: a dotted or differently cased spelling is
