@@ -510,6 +510,8 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
   TqUSysFile::CloseFile(other);
   EXPECT_EQ(ReadFileBytes(temporary), half);
   EXPECT_FALSE(fs::exists(EntryPath()));
+  m_api.Queue(Ok("whole", L"max-age=60", L"\"w\""));
+  EXPECT_EQ(Open(), "whole");
 #endif
 }
 
