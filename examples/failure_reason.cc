@@ -1,64 +1,88 @@
 #include "failure_reason.h"
 
-#include <cstdint>
-#include <memory>
-#include <type_traits>
+#include <charconv>
+#include <utility>
 
 #include "net/http/http_error_text.h"
 #include "platform/wininet.h"
-#include "tqutil/strings.h"
-#include "tqutil/url.h"
 
 namespace tqfetch {
-namespace {
 
-struct HandleCloser {
-  void operator()(void* handle) const { InternetCloseHandle(static_cast<HINTERNET>(handle)); }
-};
-using Handle = std::unique_ptr<std::remove_pointer_t<HINTERNET>, HandleCloser>;
-
-// What the exchange gave: a WinINet error, or 0 and the response's status.
-struct Outcome {
-  DWORD error = 0;
-  int status = 0;
-};
-
-Outcome Failed() { return Outcome{GetLastError(), 0}; }
-
-Outcome Ask(const TqUURL& url) {
-  // The library's handles run with WinINet's default time-outs; so does this one, so that a
-  // time-out here means what it meant there.
-  const Handle internet(
-      InternetOpenW(L"tqfetch", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
-  if (!internet) return Failed();
-  const Handle connection(InternetConnectW(internet.get(), url.GetHostName(), url.GetPort(),
-                                           url.GetUserNameW(), url.GetPassword(),
-                                           INTERNET_SERVICE_HTTP, 0, 0));
-  if (!connection) return Failed();
-  DWORD flags = INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_NO_UI;
-  if (TqUSysURL::IsSecureProtocol(url.GetScheme())) flags |= INTERNET_FLAG_SECURE;
-  const Handle request(HttpOpenRequestW(connection.get(), L"GET", url.GetResource(), nullptr,
-                                        nullptr, nullptr, flags, 0));
-  if (!request) return Failed();
-  if (!HttpSendRequestW(request.get(), nullptr, 0, nullptr, 0)) return Failed();
-  DWORD status = 0;
-  DWORD length = sizeof status;
-  if (!HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status,
-                      &length, nullptr)) {
-    return Failed();
-  }
-  return Outcome{0, static_cast<int>(status)};
-}
-
-}  // namespace
-
-std::string FailureReason(const std::string& url_text) {
-  const TqUURL url(qv::Utf8ToWide(url_text).c_str(), true);
-  const std::wstring scheme = url.IsValid() ? url.GetScheme() : L"";
-  if (scheme != L"http" && scheme != L"https") return {};
-  const Outcome outcome = Ask(url);
+std::string Reason(const Outcome& outcome) {
   if (outcome.error == 0 && outcome.status >= 200 && outcome.status < 400) return {};
   return qv::net::HttpErrorText(outcome.error, outcome.status);
 }
+
+std::optional<Outcome> OutcomeFromMessage(std::string_view component, std::string_view text) {
+  if (component != "HttpFileProtocol") return std::nullopt;
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
+  const std::size_t last = text.rfind(": ");
+  if (last == std::string_view::npos) return std::nullopt;
+  const std::string_view number = text.substr(last + 2);
+  // The error is a DWORD printed with %d, so a large one reads as negative.
+  long long value = 0;
+  const auto [end, errc] = std::from_chars(number.data(), number.data() + number.size(), value);
+  if (errc != std::errc() || end != number.data() + number.size() || number.empty()) {
+    return std::nullopt;
+  }
+  const std::string_view head = text.substr(0, last);
+  if (head.find(" Unhandled Status Code for ") != std::string_view::npos) {
+    return Outcome{0, static_cast<int>(value)};
+  }
+  if (head.ends_with(" failed")) return Outcome{static_cast<std::uint32_t>(value), 0};
+  return std::nullopt;
+}
+
+RecordingHttpApi::RecordingHttpApi(std::unique_ptr<qv::net::IHttpApi> inner,
+                                   std::function<void(const Outcome&)> record)
+    : m_inner(std::move(inner)), m_record(std::move(record)) {}
+
+void* RecordingHttpApi::OpenInternet(const wchar_t* user_agent) {
+  void* internet = m_inner->OpenInternet(user_agent);
+  if (internet == nullptr) m_record(Outcome{GetLastError(), 0});
+  return internet;
+}
+
+void* RecordingHttpApi::Connect(void* internet, const TqUURL& url) {
+  void* connection = m_inner->Connect(internet, url);
+  if (connection == nullptr) m_record(Outcome{GetLastError(), 0});
+  return connection;
+}
+
+void* RecordingHttpApi::SendRequest(void* connection, const qv::net::HttpRequest& request,
+                                    const wchar_t** accept_types, bool& sent) {
+  void* handle = m_inner->SendRequest(connection, request, accept_types, sent);
+  // Read at once: the error of the failed WinINet call is the thread's until its next failure.
+  if (handle == nullptr || !sent) m_record(Outcome{GetLastError(), 0});
+  return handle;
+}
+
+std::uint32_t RecordingHttpApi::QueryStatusCode(void* request) {
+  const std::uint32_t status = m_inner->QueryStatusCode(request);
+  if (status >= 400) m_record(Outcome{0, static_cast<int>(status)});
+  return status;
+}
+
+std::optional<std::wstring> RecordingHttpApi::QueryHeader(
+    void* request, const qv::net::HttpHeaderSelector& header, std::uint32_t* index) {
+  return m_inner->QueryHeader(request, header, index);
+}
+
+std::optional<std::uint32_t> RecordingHttpApi::QueryHeaderNumeric(
+    void* request, const qv::net::HttpHeaderSelector& header, std::uint32_t* index) {
+  return m_inner->QueryHeaderNumeric(request, header, index);
+}
+
+std::optional<std::int64_t> RecordingHttpApi::QueryHeaderDateTime(
+    void* request, const qv::net::HttpHeaderSelector& header, std::uint32_t* index) {
+  return m_inner->QueryHeaderDateTime(request, header, index);
+}
+
+bool RecordingHttpApi::Read(void* request, void* buffer, std::uint32_t size,
+                            std::uint32_t& bytes_read) {
+  return m_inner->Read(request, buffer, size, bytes_read);
+}
+
+bool RecordingHttpApi::CloseHandle(void* handle) { return m_inner->CloseHandle(handle); }
 
 }  // namespace tqfetch

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <chrono>
 #include <cstdio>
 
 namespace tqfetch {
@@ -13,8 +14,12 @@ std::string TwoDigits(std::uint64_t value) {
   return (value < 10 ? "0" : "") + std::to_string(value);
 }
 
-// "0:07", "12:30", "27:30:00".
+// Past this a time left is no estimate worth showing, and past 2^64 s no whole count at all.
+constexpr double kLongestClockSeconds = 9999.0 * 3600;
+
+// "0:07", "12:30", "27:30:00"; "--:--:--" for a time too long (or not a number).
 std::string Clock(double seconds) {
+  if (!(seconds <= kLongestClockSeconds)) return "--:--:--";
   const auto total = static_cast<std::uint64_t>(std::ceil(seconds));
   if (total >= 3600) {
     return std::to_string(total / 3600) + ":" + TwoDigits(total / 60 % 60) + ":" +
@@ -38,6 +43,24 @@ std::string FormatBytes(double bytes) {
     ++unit;
   }
   std::snprintf(text, sizeof text, "%.1f %s", bytes, kUnits[unit]);
+  return text;
+}
+
+std::string FormatTime(std::int64_t seconds) {
+  // Counted here rather than by gmtime, which may give up (and give null): Windows' before 1970
+  // and after 3000, every system's once the year no longer fits its int.
+  constexpr std::int64_t kFirst = -62135596800;  // 0001-01-01 00:00:00
+  constexpr std::int64_t kLast = 253402300799;   // 9999-12-31 23:59:59
+  if (seconds < kFirst || seconds > kLast) return std::to_string(seconds) + " s after 1970";
+  using namespace std::chrono;
+  const sys_seconds time{std::chrono::seconds(seconds)};
+  const sys_days day = floor<days>(time);
+  const year_month_day date(day);
+  const hh_mm_ss<std::chrono::seconds> clock(time - day);
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02u %02d:%02d:%02d UTC", int(date.year()),
+                unsigned(date.month()), unsigned(date.day()), int(clock.hours().count()),
+                int(clock.minutes().count()), int(clock.seconds().count()));
   return text;
 }
 

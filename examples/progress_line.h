@@ -1,6 +1,6 @@
 // tqfetch's progress line for a download: what it shows (bytes so far and in all, rate, time
-// left, as curl's bar does) and when it is drawn again. Both are pure, so that they are tested
-// with any numbers and any time, without a terminal or a clock.
+// left, as curl's bar does) and when it is drawn again; and the text of a file's time. All are
+// pure, so that they are tested with any numbers and any time, without a terminal or a clock.
 #pragma once
 
 #include <chrono>
@@ -22,6 +22,9 @@ std::string FormatProgressLine(const ProgressSample& sample);
 
 // "512 B", "12.3 KiB", "4.0 MiB", "1.2 GiB".
 std::string FormatBytes(double bytes);
+
+// A file's modification time (TqUSysTime seconds, from the server) as "2026-11-02 10:00:00 UTC".
+std::string FormatTime(std::int64_t seconds);
 
 // Decides when the line is drawn again: only when its text changed, and at most once per
 // interval, except for the last line, which is drawn at once when it differs from the one shown,

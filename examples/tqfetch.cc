@@ -11,15 +11,20 @@
 // Errors are one line on stderr that says why in words. Exit status: 0 success, 1 a network,
 // HTTP or file failure, 2 a usage error.
 #if defined(_WIN32)
+#include <windows.h>
+#include <shellapi.h>
+#include <fcntl.h>
 #include <io.h>
 #include <process.h>
 #else
 #include <unistd.h>
 #endif
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +32,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,8 +66,18 @@ struct UsageError {
 // so that a failure is reported in one line.
 std::mutex g_log_mutex;
 std::string g_last_log;
+// What the first failed exchange of the running operation gave: its words end the message.
+std::optional<tqfetch::Outcome> g_first_failure;
+
+void NoteFailure(const tqfetch::Outcome& outcome) {
+  std::lock_guard lock(g_log_mutex);
+  if (!g_first_failure) g_first_failure = outcome;
+}
 
 void KeepLastLogLine(const TqULogRecord& record) {
+  if (auto outcome = tqfetch::OutcomeFromMessage(record.component, record.text)) {
+    NoteFailure(*outcome);
+  }
   std::string text = record.text;
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
   if (text.empty()) return;
@@ -69,12 +85,18 @@ void KeepLastLogLine(const TqULogRecord& record) {
   g_last_log = text;
 }
 
-// The failure of an operation on `url`, with the reason in words when asking the server again
-// tells it, else with what the library logged.
-Failure Failed(const std::string& what, const std::string& url) {
-  const std::string reason = tqfetch::FailureReason(url);
-  if (!reason.empty()) return Failure{what + ": " + reason};
+// Called as an operation starts: a failure before it is not its reason.
+void ForgetFailures() {
   std::lock_guard lock(g_log_mutex);
+  g_first_failure.reset();
+}
+
+// The failure of an operation, with the reason in words when one of its exchanges failed, else
+// with what the library logged.
+Failure Failed(const std::string& what) {
+  std::lock_guard lock(g_log_mutex);
+  const std::string reason = g_first_failure ? tqfetch::Reason(*g_first_failure) : "";
+  if (!reason.empty()) return Failure{what + ": " + reason};
   return Failure{g_last_log.empty() ? what : what + ": " + g_last_log};
 }
 
@@ -86,12 +108,54 @@ std::string Text(const fs::path& path) {
   return std::string(text.begin(), text.end());
 }
 
+// A server's text as it may go to a terminal: its control characters (C0, DEL, and C1 in UTF-8)
+// are written as \xNN or \u00NN, so that the server can neither move the cursor, retitle the
+// window nor clear the screen.
+std::string Printable(const std::string& text) {
+  std::string out;
+  char escape[8];
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+    if (byte < 0x20 || byte == 0x7F) {
+      std::snprintf(escape, sizeof escape, "\\x%02x", byte);
+      out += escape;
+    } else if (byte == 0xC2 && next >= 0x80 && next <= 0x9F) {
+      std::snprintf(escape, sizeof escape, "\\u%04x", next);
+      out += escape;
+      ++i;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+// A path given as UTF-8 text, on either system.
+fs::path PathOf(const std::string& text) {
+  return fs::path(std::u8string(text.begin(), text.end()));
+}
+
 bool StdoutIsTerminal() {
 #if defined(_WIN32)
   return _isatty(_fileno(stdout)) != 0;
 #else
   return isatty(1) != 0;
 #endif
+}
+
+// A body as it came, byte for byte: Windows opens standard output in text mode, which would
+// write every line feed as CR LF (and a redirected download would differ from the file).
+void WriteBody(const std::string& bytes) {
+#if defined(_WIN32)
+  std::fflush(stdout);
+  _setmode(_fileno(stdout), _O_BINARY);
+#endif
+  // A full disk or a closed pipe must not pass for success with the bytes lost.
+  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() ||
+      std::fflush(stdout) != 0) {
+    throw Failure{std::string("cannot write to standard output: ") + std::strerror(errno)};
+  }
 }
 
 int ProcessId() {
@@ -144,6 +208,9 @@ class Library {
  public:
   explicit Library(const wchar_t* cache_directory) {
     qv::net::InitialiseHttp();
+    // The default transport, wrapped so that a failed exchange leaves its reason for the message.
+    std::unique_ptr<qv::net::IHttpApi> backend(qv::net::SetHttpApi(nullptr));
+    qv::net::SetHttpApi(new tqfetch::RecordingHttpApi(std::move(backend), NoteFailure));
     qv::net::InitialiseCache(cache_directory);
   }
   ~Library() {
@@ -171,29 +238,24 @@ std::string ReadAll(qv::io::IDataReadStream& stream) {
 }
 
 std::string FetchThroughCache(const std::string& url) {
+  ForgetFailures();
   auto stream = qv::net::OpenFileOrUrl(Wide(url), 0, {});
-  if (!stream) throw Failed("could not open " + url, url);
+  if (!stream) throw Failed("could not open " + url);
   return ReadAll(*stream);
-}
-
-std::string FormatTime(std::int64_t seconds) {
-  const std::time_t t = static_cast<std::time_t>(seconds);
-  char text[64];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", std::gmtime(&t));
-  return text;
 }
 
 void PrintInfo(const std::string& url) {
   TqUFileInfo info;
+  ForgetFailures();
   if (!Library::Protocol(url).GetFileInfo(Wide(url).c_str(), &info)) {
-    throw Failed("no file information for " + url, url);
+    throw Failed("no file information for " + url);
   }
   if (auto size = info.GetFileSize()) std::printf("  size      %" PRIu64 " bytes\n", *size);
   if (auto time = info.GetFileModificationTime()) {
-    std::printf("  modified  %s\n", FormatTime(*time).c_str());
+    std::printf("  modified  %s\n", tqfetch::FormatTime(*time).c_str());
   }
   if (auto tag = info.GetFileRevisionId()) {
-    std::printf("  revision  %s\n", qv::WideToUtf8(*tag).c_str());
+    std::printf("  revision  %s\n", Printable(qv::WideToUtf8(*tag)).c_str());
   }
 }
 
@@ -201,8 +263,9 @@ void PrintInfo(const std::string& url) {
 std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
                       std::uint64_t* total) {
   TqUFileProtocol& protocol = Library::Protocol(url);
+  ForgetFailures();
   TqUFileHandle* file = protocol.OpenFile(Wide(url).c_str(), TqUFileProtocol::OpenRead);
-  if (file == nullptr) throw Failed("cannot open " + url, url);
+  if (file == nullptr) throw Failed("cannot open " + url);
   TqUThreadHandle* thread = protocol.CreateThreadHandle(file);
   TqUFileRequestHandle* request = protocol.SetupReadFile(file, offset, size);
   std::string bytes(size, '\0');
@@ -216,8 +279,7 @@ std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_
   protocol.CloseFile(file);
   if (got < 0) {
     throw Failed("cannot read bytes " + std::to_string(offset) + "+" + std::to_string(size) +
-                     " of " + url,
-                 url);
+                 " of " + url);
   }
   bytes.resize(static_cast<std::size_t>(got));
   return bytes;
@@ -225,15 +287,16 @@ std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_
 
 void Download(const std::string& url, const std::string& path) {
   TqUFileProtocol& protocol = Library::Protocol(url);
-  // The size, for the progress line's byte counts; the download reports fractions only.
+  ForgetFailures();
+  // The file information first: the size, for the progress line's byte counts (the download
+  // reports fractions only), and the reason in words should the download fail, since a download
+  // reports none of its own. Its failure alone does not stop the download.
   std::optional<std::uint64_t> total;
   TqUFileInfo info;
-  if (StdoutIsTerminal() && protocol.GetFileInfo(Wide(url).c_str(), &info)) {
-    total = info.GetFileSize();
-  }
+  if (protocol.GetFileInfo(Wide(url).c_str(), &info)) total = info.GetFileSize();
   ProgressBar bar("download", total);
   if (!protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
-    throw Failed("download of " + url + " to " + path + " failed", url);
+    throw Failed("download of " + url + " to " + path + " failed");
   }
 }
 
@@ -439,11 +502,12 @@ int Run(const std::vector<std::string>& args) {
     Library library(nullptr);
     const std::string body = FetchThroughCache(args[1]);
     if (args.size() == 4) {
-      std::ofstream out(args[3], std::ios::binary);
+      std::ofstream out(PathOf(args[3]), std::ios::binary);
       out.write(body.data(), static_cast<std::streamsize>(body.size()));
+      out.close();  // the last bytes may fail only as they leave the buffer
       if (!out) throw Failure{"cannot write " + args[3]};
     } else {
-      std::fwrite(body.data(), 1, body.size(), stdout);
+      WriteBody(body);
     }
     return 0;
   }
@@ -456,7 +520,7 @@ int Run(const std::vector<std::string>& args) {
     Library library(nullptr);
     std::uint64_t total = 0;
     const std::string bytes = ReadRange(args[1], Number(args[2]), Number(args[3]), &total);
-    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+    WriteBody(bytes);
     return 0;
   }
   if (command == "download" && args.size() == 3) {
@@ -478,10 +542,29 @@ int Run(const std::vector<std::string>& args) {
 
 }  // namespace
 
+// The arguments after the program's name, as UTF-8 like every text of the program. Windows hands
+// main() its arguments in the system's ANSI code page, which cannot name every file or URL: they
+// are taken from the wide command line there.
+std::vector<std::string> Arguments(int argc, char** argv) {
+#if defined(_WIN32)
+  (void)argc;
+  (void)argv;
+  int count = 0;
+  wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (wide == nullptr) throw std::runtime_error("cannot read the command line");
+  std::vector<std::string> args;
+  for (int i = 1; i < count; ++i) args.push_back(qv::WideToUtf8(wide[i]));
+  LocalFree(wide);
+  return args;
+#else
+  return std::vector<std::string>(argv + 1, argv + argc);
+#endif
+}
+
 int main(int argc, char** argv) {
   TqUError::SetSink(KeepLastLogLine);
   try {
-    return Run(std::vector<std::string>(argv + 1, argv + argc));
+    return Run(Arguments(argc, argv));
   } catch (const UsageError& error) {
     if (!error.message.empty()) std::fprintf(stderr, "tqfetch: %s\n", error.message.c_str());
     std::fputs(kUsage, stderr);

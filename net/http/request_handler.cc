@@ -6,11 +6,12 @@
 namespace qv::net {
 namespace {
 
-// Plain process-wide list: set up while no request runs, then only read.
-std::vector<HttpRequestHandler*>& Handlers() {
-  static std::vector<HttpRequestHandler*> handlers;
-  return handlers;
-}
+// Plain process-wide list: set up while no request runs, then only read. Constant-initialised,
+// so a static initialiser elsewhere may register; made at load, so it is destroyed at exit only
+// after the worker pool has ended the tasks that still send.
+std::vector<HttpRequestHandler*> g_handlers;
+
+std::vector<HttpRequestHandler*>& Handlers() { return g_handlers; }
 
 }  // namespace
 

@@ -118,10 +118,11 @@ class Watcher {
   std::thread m_thread;
 };
 
-Watcher& TheWatcher() {
-  static Watcher watcher;
-  return watcher;
-}
+// Made at load, not on first use: the worker pool, ended at exit, is made later and so ends
+// (with the sends of its running tasks) before the watcher goes.
+Watcher g_watcher;
+
+Watcher& TheWatcher() { return g_watcher; }
 
 }  // namespace
 

@@ -6,17 +6,19 @@
 namespace qv::net {
 namespace {
 
-// The process-wide slot. It owns its pool, so a pool left installed is shut down at unload.
-std::unique_ptr<thread_pool> g_worker_pool;
+detail::ThreadStartHook g_start_hook;
+detail::StopHook g_stop_hook;
 
-detail::ThreadStartHook& StartHook() {
-  static detail::ThreadStartHook hook;
-  return hook;
-}
+detail::ThreadStartHook& StartHook() { return g_start_hook; }
+detail::StopHook& StopHookSlot() { return g_stop_hook; }
 
-detail::StopHook& StopHookSlot() {
-  static detail::StopHook hook;
-  return hook;
+// The process-wide slot. It owns its pool, so a pool left installed is shut down at exit or
+// unload, and the tasks still running finish then. It is made on first use, after the load-time
+// statics those tasks use (the stop watcher, the handler list, the hooks above), so that it is
+// destroyed before any of them.
+std::unique_ptr<thread_pool>& Slot() {
+  static std::unique_ptr<thread_pool> slot;
+  return slot;
 }
 
 void RunStopHook() {
@@ -109,10 +111,10 @@ void thread_pool::WorkerLoop() {
   }
 }
 
-thread_pool* WorkerThreadPool() { return g_worker_pool.get(); }
+thread_pool* WorkerThreadPool() { return Slot().get(); }
 
 std::unique_ptr<thread_pool> ExchangeWorkerThreadPool(std::unique_ptr<thread_pool> pool) {
-  g_worker_pool.swap(pool);
+  Slot().swap(pool);
   return pool;
 }
 

@@ -25,10 +25,31 @@ TEST(ProgressLineTest, ShowsBytesRateAndTimeLeft) {
       // A fraction out of range is clamped, not drawn past the bar.
       {{1.5, 1000, 1s}, "100% [########################]  1000 B / 1000 B  1000 B/s"},
       {{-0.5, 1000, 1s}, "  0% [                        ]  0 B / 1000 B"},
+      // A time left too long to count in whole seconds (a stalled download) is not guessed at.
+      {{1e-12, 1000, 1e9s}, "  0% [                        ]  0 B / 1000 B  0 B/s  --:--:-- left"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(FormatProgressLine(c.sample), c.line) << c.sample.fraction;
   }
+}
+
+// Any time a server's Last-Modified gives, and any other, has its text: the C library's gmtime
+// gives up on some (on Windows before 1970 and after 3000).
+TEST(ProgressLineTest, FormatTimeNamesEveryTime) {
+  const struct {
+    std::int64_t seconds;
+    const char* text;
+  } cases[] = {
+      {0, "1970-01-01 00:00:00 UTC"},
+      {1793613600, "2026-11-02 10:00:00 UTC"},
+      {-315619200, "1960-01-01 00:00:00 UTC"},
+      {-11644473600, "1601-01-01 00:00:00 UTC"},
+      {253402300799, "9999-12-31 23:59:59 UTC"},
+      {253402300800, "253402300800 s after 1970"},
+      {INT64_MAX, "9223372036854775807 s after 1970"},
+      {INT64_MIN, "-9223372036854775808 s after 1970"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(FormatTime(c.seconds), c.text) << c.seconds;
 }
 
 // A download of 300 MB calls back thousands of times with the same text: only changed text is
