@@ -69,7 +69,7 @@ class CopyBuffer {
   void Used(std::uint64_t n) { m_used = std::max(m_used, static_cast<std::size_t>(n)); }
   // The copy ended without an exception: the buffer is cleared and kept for a later copy.
   void GiveBack() noexcept {
-    qv::RezeroMemory(m_memory, m_used);
+    if (!qv::RezeroMemory(m_memory, m_used)) return;  // lost pages: freed, not kept
     g_kept_buffers.Give(m_memory);
   }
 
