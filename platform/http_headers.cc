@@ -195,7 +195,7 @@ DWORD WriteFixed(const T& value, void* buffer, DWORD* buffer_length) {
 void HeaderBlock::Clear() {
   // Keeps the room of the text and the lists for the next block.
   raw_.clear();
-  ends_.clear();
+  start_end_ = 0;
   folded_.clear();
   version_.clear();
   status_code_ = 0;
@@ -212,16 +212,15 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   bytes_ += raw.size();
   if (bytes_ > kMaxBytes) return LineResult::kInvalid;
   const std::string_view line = TrimLineEnd(raw);
-  if (ends_.empty()) {
+  if (start_end_ == 0) {
     if (line.empty()) return LineResult::kInvalid;
     if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {
       return LineResult::kInvalid;
     }
     // Room for a usual block, so that the text and the lists do not grow line by line.
     raw_.reserve(kUsualBytes);
-    ends_.reserve(kUsualLines);
     headers_.reserve(kUsualLines);
-    AppendEntry(raw, line);
+    start_end_ = AppendEntry(raw, line);
     return LineResult::kAccepted;
   }
   if (line.empty()) return LineResult::kEndOfBlock;
@@ -244,7 +243,7 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
       header.value_size = static_cast<std::uint32_t>(folded_.size() - header.value);
     }
     raw_.append(line).append("\r\n");
-    ends_.back() = static_cast<std::uint32_t>(raw_.size());
+    header.end = static_cast<std::uint32_t>(raw_.size());
     return LineResult::kAccepted;
   }
   const auto colon = line.find(':');
@@ -255,21 +254,21 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   }
   const std::string_view value = TrimSpace(line.substr(colon + 1));
   const auto at = static_cast<std::uint32_t>(raw_.size());
+  const std::uint32_t end = AppendEntry(raw, line);
   headers_.push_back({at, static_cast<std::uint32_t>(name.size()),
                       at + static_cast<std::uint32_t>(value.data() - line.data()),
-                      static_cast<std::uint32_t>(value.size()), false});
-  AppendEntry(raw, line);
+                      static_cast<std::uint32_t>(value.size()), end, false});
   return LineResult::kAccepted;
 }
 
-void HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
+std::uint32_t HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
   // Lines mostly come with their CR LF: kept as they are, in one piece.
   if (raw.size() == line.size() + 2) {
     raw_.append(raw);
   } else {
     raw_.append(line).append("\r\n");
   }
-  ends_.push_back(static_cast<std::uint32_t>(raw_.size()));
+  return static_cast<std::uint32_t>(raw_.size());
 }
 
 void HeaderBlock::SetRequest(std::string_view start_line,
@@ -321,10 +320,13 @@ std::string HeaderBlock::RawCrlf() const { return raw_ + "\r\n"; }
 std::string HeaderBlock::RawNul() const {
   std::string out;
   out.reserve(raw_.size());
-  std::uint32_t start = 0;
-  for (const std::uint32_t end : ends_) {
-    out.append(raw_, start, end - start - 2).push_back('\0');  // each entry without its CR LF
-    start = end;
+  if (empty()) return out;
+  // Each entry without its CR LF.
+  out.append(raw_, 0, start_end_ - 2).push_back('\0');
+  std::uint32_t start = start_end_;
+  for (const Header& header : headers_) {
+    out.append(raw_, start, header.end - start - 2).push_back('\0');
+    start = header.end;
   }
   return out;
 }
