@@ -186,11 +186,13 @@ DWORD Transfer::RunHop(int hop, bool* same_origin, bool* follow) {
   if (DWORD error = Configure(*same_origin)) return error;
   if (DWORD error = Drive(Goal::kHeaders)) return error;
   if (state_ == TransferState::kFailed) return error_;
-  Hop next{request_.url, request_.method, *same_origin};
-  if (DWORD error = NextHop(request_.redirects, response_, hop, &next, follow)) return error;
+  // Lent to the policy and taken back: it changes them only when the response redirects.
+  Hop next{std::move(request_.url), std::move(request_.method), *same_origin};
+  const DWORD error = NextHop(request_.redirects, response_, hop, &next, follow);
+  request_.url = std::move(next.url);
+  request_.method = std::move(next.method);
+  if (error != ERROR_SUCCESS) return error;
   if (*follow) {
-    request_.url = std::move(next.url);
-    request_.method = std::move(next.method);
     if (next.drop_body) request_.body.clear();
     *same_origin = next.same_origin;
   }
