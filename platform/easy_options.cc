@@ -29,7 +29,9 @@ bool AppliedOptions::SameRareOptions(const HopOptions& wanted) const {
   const std::string* ca_file = CaFileOf(wanted);
   return header_function_ == wanted.header_function && write_function_ == wanted.write_function &&
          prereq_function_ == wanted.prereq_function &&
-         sockopt_function_ == wanted.sockopt_function && share_ == wanted.share &&
+         sockopt_function_ == wanted.sockopt_function &&
+         closesocket_function_ == wanted.closesocket_function &&
+         closesocket_data_ == wanted.closesocket_data && share_ == wanted.share &&
          verify_host_ == wanted.verify_host &&
          ca_file_.has_value() == (ca_file != nullptr) && (!ca_file_ || *ca_file_ == *ca_file) &&
          proxy_mode_ == wanted.proxy_mode && proxy_ == wanted.proxy &&
@@ -67,6 +69,12 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
        Set(easy, CURLOPT_PREREQFUNCTION, prereq_function_);
   if (sockopt_function_ != nullptr) {
     ok = ok && Set(easy, CURLOPT_SOCKOPTFUNCTION, sockopt_function_);
+  }
+  closesocket_function_ = wanted.closesocket_function;
+  closesocket_data_ = wanted.closesocket_data;
+  if (closesocket_function_ != nullptr) {
+    ok = ok && Set(easy, CURLOPT_CLOSESOCKETFUNCTION, closesocket_function_) &&
+         Set(easy, CURLOPT_CLOSESOCKETDATA, closesocket_data_);
   }
   share_ = wanted.share;
   if (share_ != nullptr) ok = ok && Set(easy, CURLOPT_SHARE, share_);

@@ -39,6 +39,8 @@ struct HopOptions {
   curl_write_callback write_function = nullptr;
   curl_prereq_callback prereq_function = nullptr;
   curl_sockopt_callback sockopt_function = nullptr;
+  curl_closesocket_callback closesocket_function = nullptr;  // null: libcurl closes them
+  void* closesocket_data = nullptr;
   CURLSH* share = nullptr;
   bool verify_host = true;
   const std::optional<std::string>* ca_file = nullptr;  // null or unset: libcurl's default
@@ -85,6 +87,8 @@ class AppliedOptions {
   curl_write_callback write_function_ = nullptr;
   curl_prereq_callback prereq_function_ = nullptr;
   curl_sockopt_callback sockopt_function_ = nullptr;
+  curl_closesocket_callback closesocket_function_ = nullptr;
+  void* closesocket_data_ = nullptr;
   CURLSH* share_ = nullptr;
   bool verify_host_ = true;
   std::optional<std::string> ca_file_;

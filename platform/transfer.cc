@@ -3,6 +3,7 @@
 #include "platform/transfer.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -49,11 +50,24 @@ TransferSlot::~TransferSlot() { Detach(); }
 
 void TransferSlot::NoteKeptConnection() {
   // The socket of the connection the transfer returned to the cache; none when it was closed.
+  // The cache keeps one connection, so once a transfer is done at most one socket is open.
+  if (open_sockets_.size() <= 1) {
+    kept_socket_ = open_sockets_.empty() ? CURL_SOCKET_BAD : open_sockets_.front();
+    return;
+  }
   curl_socket_t socket = CURL_SOCKET_BAD;
   if (curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK) {
     socket = CURL_SOCKET_BAD;
   }
   kept_socket_ = socket;
+}
+
+void TransferSlot::SocketOpened(curl_socket_t socket) { open_sockets_.push_back(socket); }
+
+int TransferSlot::CloseSocketCallback(void* slot, curl_socket_t socket) {
+  auto& open = static_cast<TransferSlot*>(slot)->open_sockets_;
+  std::erase(open, socket);
+  return ::close(socket);
 }
 
 bool TransferSlot::DropKeptConnectionIfItSpoke() {
@@ -370,11 +384,13 @@ int Transfer::PrereqCallback(void* self, char*, char*, int, int) {
   return CURL_PREREQFUNC_OK;
 }
 
-int Transfer::SocketCallback(void* self, curl_socket_t, curlsocktype) {
+int Transfer::SocketCallback(void* self, curl_socket_t socket, curlsocktype) {
   // A new connection: libcurl starts over on it (a kept-alive one that died when the request
   // went out, or one closed after a challenge), and through a proxy an https request needs a
   // tunnel on it first, whose answer is not the origin's.
-  static_cast<Transfer*>(self)->request_out_ = false;
+  auto* transfer = static_cast<Transfer*>(self);
+  transfer->request_out_ = false;
+  if (transfer->slot_ != nullptr) transfer->slot_->SocketOpened(socket);
   return CURL_SOCKOPT_OK;
 }
 

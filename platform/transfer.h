@@ -42,6 +42,11 @@ class TransferSlot {
   CURLM* multi() const { return multi_.get(); }
   // Notes the connection a transfer that ended left in the multi's cache (call while attached).
   void NoteKeptConnection();
+  // The sockets of the slot's connections, as libcurl opens (reported by the transfer's socket
+  // callback) and closes them (through CloseSocketCallback, given the slot): the connection
+  // left in the cache is known without looking through the multi's cache for it.
+  void SocketOpened(curl_socket_t socket);
+  static int CloseSocketCallback(void* slot, curl_socket_t socket);
   // Before the next transfer: a kept connection on which bytes, or its end, arrived while it lay
   // idle is dropped with everything the multi keeps (the multi is made anew). Nothing may come
   // on an idle HTTP/1.1 connection; bytes a server sent after its answer would be read as the
@@ -75,6 +80,8 @@ class TransferSlot {
   TransferSlot() = default;
   // A multi that keeps one idle connection, the one noted last.
   static CurlMulti MakeMulti();
+  // Before the multi: its clean-up closes its connections through CloseSocketCallback.
+  std::vector<curl_socket_t> open_sockets_;
   CurlMulti multi_;
   CurlEasy easy_;
   bool attached_ = false;

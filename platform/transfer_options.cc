@@ -93,6 +93,8 @@ HopOptions Transfer::Options(bool same_origin) const {
   options.write_function = &Transfer::WriteCallback;
   options.prereq_function = &Transfer::PrereqCallback;
   options.sockopt_function = &Transfer::SocketCallback;
+  options.closesocket_function = &TransferSlot::CloseSocketCallback;
+  options.closesocket_data = slot_.get();
   options.share = request_.share;
   options.verify_host = request_.verify_host;
   options.ca_file = &request_.ca_file;
