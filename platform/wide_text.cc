@@ -13,7 +13,16 @@ std::size_t WideLength(const wchar_t* text) {
   return n;
 }
 
-std::string WideToUtf8(std::wstring_view text) { return qv::utf8::FromWide(text); }
+std::string WideToUtf8(std::wstring_view text) {
+  // Verbs, paths and host names are mostly ASCII: written in one pass, each character once.
+  std::string out(text.size(), '\0');
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto cp = static_cast<std::uint32_t>(text[i]);
+    if (cp >= 0x80) return qv::utf8::FromWide(text);
+    out[i] = static_cast<char>(cp);
+  }
+  return out;
+}
 
 std::wstring Utf8ToWideStrict(std::string_view text, bool* ok) {
   std::wstring out = qv::utf8::ToWide(text, ok);
@@ -22,12 +31,14 @@ std::wstring Utf8ToWideStrict(std::string_view text, bool* ok) {
 }
 
 bool WideToLatin1(std::wstring_view text, std::string* out) {
-  out->clear();
-  out->reserve(text.size());
-  for (wchar_t c : text) {
-    const auto cp = static_cast<std::uint32_t>(c);
-    if (cp > 0xFF) return false;
-    out->push_back(static_cast<char>(cp));
+  out->resize(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto cp = static_cast<std::uint32_t>(text[i]);
+    if (cp > 0xFF) {
+      out->resize(i);  // what was converted, as before the refusal
+      return false;
+    }
+    (*out)[i] = static_cast<char>(cp);
   }
   return true;
 }

@@ -42,6 +42,7 @@ bool IsToken(std::string_view s) {
 std::string EncodePath(const std::wstring_view resource) {
   const std::string utf8 = WideToUtf8(resource);
   std::string out;
+  out.reserve(utf8.size() + 1);
   if (utf8.empty() || (utf8.front() != '/' && utf8.front() != '*')) out.push_back('/');
   static constexpr char kHex[] = "0123456789ABCDEF";
   for (char c : utf8) {
@@ -245,17 +246,19 @@ HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
   }
   std::vector<std::string> fixed;
   if (accept_types != nullptr) {
-    std::string accept;
+    // The line is made in place: "Accept: " and the types joined with ", ".
+    constexpr std::string_view kAccept = "Accept: ";
+    std::string accept(kAccept);
+    std::string text;
     for (LPCWSTR* type = accept_types; *type != nullptr; ++type) {
-      std::string text;
       if (!WideToLatin1(*type, &text) || text.find_first_of("\r\n") != std::string::npos) {
         return FailNull(ERROR_INVALID_PARAMETER);
       }
       if (text.empty()) continue;
-      if (!accept.empty()) accept += ", ";
+      if (accept.size() > kAccept.size()) accept += ", ";
       accept += text;
     }
-    if (!accept.empty()) fixed.push_back("Accept: " + accept);
+    if (accept.size() > kAccept.size()) fixed.push_back(std::move(accept));
   }
   if (WideLength(referrer) != 0) {
     std::string text;
