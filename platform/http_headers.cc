@@ -31,6 +31,9 @@ constexpr std::array<bool, 256> kTokenChars = [] {
 
 bool IsTokenChar(char c) { return kTokenChars[static_cast<unsigned char>(c)]; }
 
+// The white space TrimSpace removes.
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
 // HTTP-version SP 3DIGIT [SP reason-phrase]
 bool ParseStatusLine(std::string_view line, std::string* version, int* code, std::string* text) {
   if (line.substr(0, 5) != "HTTP/") return false;
@@ -246,18 +249,20 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
     header.end = static_cast<std::uint32_t>(raw_.size());
     return LineResult::kAccepted;
   }
-  const auto colon = line.find(':');
-  if (colon == std::string_view::npos || colon == 0) return LineResult::kInvalid;
-  const std::string_view name = line.substr(0, colon);
-  for (char c : name) {
-    if (!IsTokenChar(c)) return LineResult::kInvalid;
-  }
-  const std::string_view value = TrimSpace(line.substr(colon + 1));
+  // The name is token characters up to the first colon: one pass finds the colon and checks
+  // the name.
+  std::size_t colon = 0;
+  while (colon < line.size() && IsTokenChar(line[colon])) ++colon;
+  if (colon == 0 || colon == line.size() || line[colon] != ':') return LineResult::kInvalid;
+  std::size_t value_start = colon + 1;
+  std::size_t value_end = line.size();
+  while (value_start < value_end && IsBlank(line[value_start])) ++value_start;
+  while (value_end > value_start && IsBlank(line[value_end - 1])) --value_end;
   const auto at = static_cast<std::uint32_t>(raw_.size());
   const std::uint32_t end = AppendEntry(raw, line);
-  headers_.push_back({at, static_cast<std::uint32_t>(name.size()),
-                      at + static_cast<std::uint32_t>(value.data() - line.data()),
-                      static_cast<std::uint32_t>(value.size()), end, false});
+  headers_.push_back({at, static_cast<std::uint32_t>(colon),
+                      at + static_cast<std::uint32_t>(value_start),
+                      static_cast<std::uint32_t>(value_end - value_start), end, false});
   return LineResult::kAccepted;
 }
 
