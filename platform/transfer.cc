@@ -112,6 +112,7 @@ curl_slist* TransferSlot::HeaderList(bool* ok) {
                  listed_lines_.end())) {
     return header_list_.get();
   }
+  applied_.ForgetHeaders(easy_.get());  // the handle must not refer to the list freed here
   header_list_.reset();
   listed_lines_.clear();
   for (const std::string_view line : wanted_lines_) {
@@ -163,6 +164,7 @@ DWORD Transfer::AcquireSlot() {
     return ERROR_NOT_ENOUGH_MEMORY;
   }
   spill_.SwapStorage(slot_->spill_storage());
+  slot_->set_transfer(this);
   stop_.Watch(slot_->multi());
   return ERROR_SUCCESS;
 }
@@ -172,6 +174,12 @@ void Transfer::ReleaseSlot() {
   stop_.Watch(nullptr);
   slot_->Detach();
   slot_->ReleaseOptions();
+  slot_->set_transfer(nullptr);
+  // What libcurl wrote into the slot's error buffer stays with the transfer.
+  const char* text = slot_->error_text();
+  const std::size_t length = strnlen(text, CURL_ERROR_SIZE - 1);
+  std::memcpy(error_text_, text, length);
+  error_text_[length] = '\0';
   header_list_ = nullptr;
   // The larger spill buffer goes back with the slot, unless it still holds bytes to read.
   if (slot_->spill_storage().capacity() < spill_.capacity()) {
@@ -370,27 +378,34 @@ DWORD Transfer::ErrorOf(CURLcode result, bool had_headers) const {
 
 // --- libcurl's callbacks -----------------------------------------------------------------------
 
-size_t Transfer::HeaderCallback(char* data, size_t size, size_t count, void* self) {
-  return static_cast<Transfer*>(self)->OnHeader(data, size * count);
+// Each is given the slot (TransferSlot::set_transfer); libcurl calls them only while a transfer
+// runs on it, so a slot without one refuses rather than touch anything.
+
+size_t Transfer::HeaderCallback(char* data, size_t size, size_t count, void* slot) {
+  Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
+  return self != nullptr ? self->OnHeader(data, size * count) : 0;
 }
 
-size_t Transfer::WriteCallback(char* data, size_t size, size_t count, void* self) {
-  return static_cast<Transfer*>(self)->OnBody(data, size * count);
+size_t Transfer::WriteCallback(char* data, size_t size, size_t count, void* slot) {
+  Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
+  return self != nullptr ? self->OnBody(data, size * count) : 0;
 }
 
-int Transfer::PrereqCallback(void* self, char*, char*, int, int) {
-  static_cast<Transfer*>(self)->request_out_ = true;
-  static_cast<Transfer*>(self)->OnConnected();
+int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {
+  Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
+  if (self == nullptr) return CURL_PREREQFUNC_ABORT;
+  self->request_out_ = true;
+  self->OnConnected();
   return CURL_PREREQFUNC_OK;
 }
 
-int Transfer::SocketCallback(void* self, curl_socket_t socket, curlsocktype) {
+int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
+  auto* owner = static_cast<TransferSlot*>(slot);
+  owner->SocketOpened(socket);
   // A new connection: libcurl starts over on it (a kept-alive one that died when the request
   // went out, or one closed after a challenge), and through a proxy an https request needs a
   // tunnel on it first, whose answer is not the origin's.
-  auto* transfer = static_cast<Transfer*>(self);
-  transfer->request_out_ = false;
-  if (transfer->slot_ != nullptr) transfer->slot_->SocketOpened(socket);
+  if (Transfer* self = owner->transfer()) self->request_out_ = false;
   return CURL_SOCKOPT_OK;
 }
 

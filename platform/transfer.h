@@ -28,6 +28,8 @@
 
 namespace tqplatform {
 
+class Transfer;
+
 // One multi handle with its easy handle. The multi's connection cache keeps the connection
 // alive between the transfers of successive users of the slot.
 class TransferSlot {
@@ -58,6 +60,13 @@ class TransferSlot {
   void Detach();
   // Sets a hop's options on the easy handle (only those that changed since the last hop).
   bool ApplyOptions(const HopOptions& options) { return applied_.Apply(easy_.get(), options); }
+  // libcurl's callbacks are given the slot, which outlives its handles, and reach the transfer
+  // using it through this: the handle's callback data and error buffer are set once, and an
+  // idle handle refers to nothing that may be gone. Null while nobody uses the slot.
+  void set_transfer(Transfer* transfer) { transfer_ = transfer; }
+  Transfer* transfer() const { return transfer_; }
+  // libcurl's error text of the transfer running on the slot.
+  char* error_text() { return error_text_; }
   // Drops what the handle holds of a finished transfer (callbacks' target, header list, body).
   void ReleaseOptions() { applied_.Release(easy_.get()); }
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
@@ -82,6 +91,8 @@ class TransferSlot {
   static CurlMulti MakeMulti();
   // Before the multi: its clean-up closes its connections through CloseSocketCallback.
   std::vector<curl_socket_t> open_sockets_;
+  Transfer* transfer_ = nullptr;
+  char error_text_[CURL_ERROR_SIZE] = {};
   CurlMulti multi_;
   CurlEasy easy_;
   bool attached_ = false;
@@ -196,7 +207,7 @@ class Transfer {
   bool CallerLineSent(std::string_view line) const;
   // libcurl's result of the transfer that ended, and its error text.
   CURLcode curl_result() const { return result_; }
-  const char* error_text() const { return error_text_; }
+  const char* error_text() const { return slot_ != nullptr ? slot_->error_text() : error_text_; }
   // The final response's Content-Length; 0 when none was given.
   std::uint64_t content_length() const { return content_length_; }
 
@@ -262,7 +273,7 @@ class Transfer {
   bool request_out_ = false;
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
-  char error_text_[CURL_ERROR_SIZE] = {};
+  char error_text_[CURL_ERROR_SIZE] = {};  // the slot's, kept when the slot goes back
 
   char* target_ = nullptr;  // the waiting reader's buffer
   std::size_t target_len_ = 0;
