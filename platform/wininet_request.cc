@@ -117,37 +117,47 @@ Settings Request::Effective() const {
   return settings;
 }
 
-TransferRequest Request::Describe(const Settings& settings, std::string body) const {
-  TransferRequest out;
-  out.url = url_;
-  out.method = verb_;
-  out.body = std::move(body);
-  out.header_lines = sent_lines_;
-  if (!HasHeaderLine(sent_lines_, "Accept")) out.header_lines.emplace_back("Accept:");  // none sent
-  out.http10 = http10_;
-  out.agent = sent_agent_;
+void Request::Describe(const Settings& settings, std::string body, TransferRequest* out) const {
+  // Every field is set: `out` holds the last send's request.
+  auto set_text = [](std::string& field, const std::optional<std::string>& value) {
+    if (value.has_value()) {
+      field = *value;
+    } else {
+      field.clear();
+    }
+  };
+  out->url = url_;
+  out->method = verb_;
+  out->body = std::move(body);
+  out->header_lines = sent_lines_;
+  if (!HasHeaderLine(sent_lines_, "Accept")) out->header_lines.emplace_back("Accept:");  // none sent
+  out->http10 = http10_;
+  out->agent = sent_agent_;
   const auto& session = connection_->session();
-  out.share = session->share();
-  out.proxy_mode = session->proxy_mode();
-  if (out.proxy_mode == ProxyMode::kNamed) {
-    out.http_proxy = session->ProxyFor("http");
-    out.https_proxy = session->ProxyFor("https");
-    out.no_proxy = session->no_proxy();
+  out->share = session->share();
+  out->proxy_mode = session->proxy_mode();
+  if (out->proxy_mode == ProxyMode::kNamed) {
+    out->http_proxy = session->ProxyFor("http");
+    out->https_proxy = session->ProxyFor("https");
+    out->no_proxy = session->no_proxy();
+  } else {
+    out->http_proxy.clear();
+    out->https_proxy.clear();
+    out->no_proxy.clear();
   }
-  out.user = settings.user.value_or("");
-  out.password = settings.password.value_or("");
-  out.proxy_user = settings.proxy_user.value_or("");
-  out.proxy_password = settings.proxy_password.value_or("");
-  out.verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
-  out.ca_file = TestCaFile();
-  out.limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
-  out.limits.idle = LimitOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
-  out.limits.send = LimitOf(settings.send_timeout, kDefaultSendTimeoutMs);
+  set_text(out->user, settings.user);
+  set_text(out->password, settings.password);
+  set_text(out->proxy_user, settings.proxy_user);
+  set_text(out->proxy_password, settings.proxy_password);
+  out->verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
+  out->ca_file = TestCaFile();
+  out->limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
+  out->limits.idle = LimitOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
+  out->limits.send = LimitOf(settings.send_timeout, kDefaultSendTimeoutMs);
   // Waiting for a free connection counts as waiting for the server.
-  out.slot_wait = TimeoutOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
-  out.redirects.follow = (flags_ & INTERNET_FLAG_NO_AUTO_REDIRECT) == 0;
-  out.redirects.allow_https_to_http = (flags_ & INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP) != 0;
-  return out;
+  out->slot_wait = TimeoutOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
+  out->redirects.follow = (flags_ & INTERNET_FLAG_NO_AUTO_REDIRECT) == 0;
+  out->redirects.allow_https_to_http = (flags_ & INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP) != 0;
 }
 
 // --- the operations ----------------------------------------------------------------------------
@@ -164,7 +174,11 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
   sent_lines_ = fixed_headers_;
   sent_lines_.insert(sent_lines_.end(), std::make_move_iterator(header_lines.begin()),
                      std::make_move_iterator(header_lines.end()));
-  return transfer_.Open(Describe(settings, std::move(body)));
+  // Described where the transfer keeps its request: nothing made and moved per send.
+  TransferRequest* request = transfer_.NextRequest();
+  if (request == nullptr) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  Describe(settings, std::move(body), request);
+  return transfer_.OpenNext();
 }
 
 DWORD Request::Read(void* buffer, DWORD size, DWORD* bytes_read) {

@@ -37,7 +37,7 @@ class Request : public InternetObject {
   // The lock of one call at a time on the request.
   std::unique_lock<std::mutex> LockCall();
   Settings Effective() const;
-  TransferRequest Describe(const Settings& settings, std::string body) const;
+  void Describe(const Settings& settings, std::string body, TransferRequest* out) const;
   DWORD QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_length, DWORD* index);
 
   const std::shared_ptr<Connection> connection_;  // lends the slots; outlives transfer_
