@@ -296,13 +296,19 @@ std::optional<std::string_view> HeaderBlock::Find(std::string_view name,
 
 bool HeaderBlock::ContentLengthAgrees() const {
   std::optional<std::uint64_t> length;
-  // One pass over the headers: every response is checked.
-  constexpr std::string_view kName = "Content-Length";
-  for (const auto& header : headers_) {
-    if (header.name_size != kName.size() ||
-        !EqualsIgnoreCase(Text(header.name, header.name_size, false), kName)) {
-      continue;
+  // One pass over the headers: every response is checked. Names are token characters, among
+  // which only a letter's two cases agree with a lower-case letter once bit 5 is set.
+  constexpr std::string_view kName = "content-length";
+  auto is_content_length = [&](const Header& header) {
+    if (header.name_size != kName.size()) return false;
+    const char* name = raw_.data() + header.name;
+    for (std::size_t i = 0; i < kName.size(); ++i) {
+      if ((name[i] | 0x20) != kName[i]) return false;
     }
+    return true;
+  };
+  for (const auto& header : headers_) {
+    if (!is_content_length(header)) continue;
     std::string_view rest = Text(header.value, header.value_size, header.folded);
     for (;;) {
       const auto comma = rest.find(',');
