@@ -118,7 +118,7 @@ Settings Request::Effective() const {
 }
 
 void Request::Describe(const Settings& settings, std::string body, TransferRequest* out) const {
-  // Every field is set: `out` holds the last send's request.
+  // Every field but the header lines (Send sets them) is set: `out` holds the last send's request.
   auto set_text = [](std::string& field, const std::optional<std::string>& value) {
     if (value.has_value()) {
       field = *value;
@@ -129,8 +129,6 @@ void Request::Describe(const Settings& settings, std::string body, TransferReque
   out->url = url_;
   out->method = verb_;
   out->body = std::move(body);
-  out->header_lines = sent_lines_;
-  if (!HasHeaderLine(sent_lines_, "Accept")) out->header_lines.emplace_back("Accept:");  // none sent
   out->http10 = http10_;
   out->agent = sent_agent_;
   const auto& session = connection_->session();
@@ -171,12 +169,17 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
   transfer_.set_waiter(handle());
   const Settings settings = Effective();
   sent_agent_ = settings.agent.value_or("");
-  sent_lines_ = fixed_headers_;
-  sent_lines_.insert(sent_lines_.end(), std::make_move_iterator(header_lines.begin()),
-                     std::make_move_iterator(header_lines.end()));
   // Described where the transfer keeps its request: nothing made and moved per send.
   TransferRequest* request = transfer_.NextRequest();
   if (request == nullptr) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  // The lines as given, kept there for the request header queries too, and "Accept:" (none
+  // sent) after them when none names Accept.
+  std::vector<std::string>& lines = request->header_lines;
+  lines = fixed_headers_;
+  lines.insert(lines.end(), std::make_move_iterator(header_lines.begin()),
+               std::make_move_iterator(header_lines.end()));
+  accept_added_ = !HasHeaderLine(lines, "Accept");
+  if (accept_added_) lines.emplace_back("Accept:");
   Describe(settings, std::move(body), request);
   return transfer_.OpenNext();
 }
@@ -203,8 +206,9 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   const auto at = url.rfind('@', path_start);
   if (at != std::string::npos && at >= authority_start) authority_start = at + 1;
   std::vector<std::string> sent;
-  for (const std::string& line : sent_lines_) {
-    if (transfer_.CallerLineSent(line)) sent.push_back(line);
+  const std::vector<std::string>& given = transfer_.request().header_lines;
+  for (std::size_t i = 0; i + (accept_added_ ? 1 : 0) < given.size(); ++i) {
+    if (transfer_.CallerLineSent(given[i])) sent.push_back(given[i]);
   }
   std::vector<std::string> lines;
   // A Host line of the caller's goes out in place of the one made from the URL.
