@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "platform/http_date.h"
 #include "platform/wide_text.h"
@@ -195,6 +196,17 @@ DWORD WriteFixed(const T& value, void* buffer, DWORD* buffer_length) {
 
 }  // namespace
 
+void HeaderBlock::Swap(HeaderBlock& other) noexcept {
+  raw_.swap(other.raw_);
+  std::swap(start_end_, other.start_end_);
+  folded_.swap(other.folded_);
+  version_.swap(other.version_);
+  std::swap(status_code_, other.status_code_);
+  status_text_.swap(other.status_text_);
+  headers_.swap(other.headers_);
+  std::swap(bytes_, other.bytes_);
+}
+
 void HeaderBlock::Clear() {
   // Keeps the room of the text and the lists for the next block.
   raw_.clear();
@@ -209,6 +221,16 @@ void HeaderBlock::Clear() {
 
 std::string_view HeaderBlock::Text(std::uint32_t offset, std::uint32_t size, bool folded) const {
   return std::string_view(folded ? folded_ : raw_).substr(offset, size);
+}
+
+inline std::uint32_t HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
+  // Lines mostly come with their CR LF: kept as they are, in one piece.
+  if (raw.size() == line.size() + 2) {
+    raw_.append(raw);
+  } else {
+    raw_.append(line).append("\r\n");
+  }
+  return static_cast<std::uint32_t>(raw_.size());
 }
 
 HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response) {
@@ -264,16 +286,6 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
                       at + static_cast<std::uint32_t>(value_start),
                       static_cast<std::uint32_t>(value_end - value_start), end, false});
   return LineResult::kAccepted;
-}
-
-std::uint32_t HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
-  // Lines mostly come with their CR LF: kept as they are, in one piece.
-  if (raw.size() == line.size() + 2) {
-    raw_.append(raw);
-  } else {
-    raw_.append(line).append("\r\n");
-  }
-  return static_cast<std::uint32_t>(raw_.size());
 }
 
 void HeaderBlock::SetRequest(std::string_view start_line,

@@ -481,7 +481,7 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
     return 0;
   }
   // Swapped, not moved: each block keeps the room it grew for the next one.
-  std::swap(response_, pending_);
+  response_.Swap(pending_);
   pending_.Clear();
   // libcurl answers an authentication challenge itself when it has credentials: such a block
   // is final only if no other response follows it (the body or the end of the transfer tells).
