@@ -321,6 +321,12 @@ DWORD Transfer::Drive(Goal goal) {
     if (code != CURLM_OK) {
       return code == CURLM_OUT_OF_MEMORY ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNET_INTERNAL_ERROR;
     }
+    // Bytes that came during the call are stamped once, as it returns, rather than line by line
+    // and chunk by chunk: the call does not wait, so the stamp is as good.
+    if (progress_noted_) {
+      progress_noted_ = false;
+      clock_.Progress(Clock::now());
+    }
     CollectDone();
     if (!IsRunning(state_) || Reached(goal)) return ERROR_SUCCESS;
     if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
@@ -435,8 +441,7 @@ void Transfer::OnFinalHeaders() {
 }
 
 size_t Transfer::OnHeader(const char* data, size_t size) {
-  const auto now = Clock::now();
-  clock_.Progress(now);
+  progress_noted_ = true;
   // Lines that come before libcurl sends the request are a proxy's answer to its CONNECT for an
   // https tunnel, not the origin's.
   const bool tunnel = !request_out_;
@@ -493,7 +498,7 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
       header_error_ = ERROR_INTERNET_LOGIN_FAILURE;
       return 0;
     }
-    clock_.RequestSent(now);  // the answer goes out as a new request
+    clock_.RequestSent(Clock::now());  // the answer goes out as a new request
     return size;
   }
   MoveTo(TransferState::kReceiving);
@@ -502,7 +507,7 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
 }
 
 size_t Transfer::OnBody(const char* data, size_t size) {
-  clock_.Progress(Clock::now());
+  progress_noted_ = true;
   OnConnected();
   if (state_ == TransferState::kAwaitingHeaders) {
     // libcurl hands over only the final response's body.

@@ -260,6 +260,7 @@ class Transfer {
   curl_slist* header_list_ = nullptr;  // the slot's, for the running hop
   TransferState state_ = TransferState::kIdle;
   TransferClock clock_;
+  bool progress_noted_ = false;  // bytes came in the drive call running (see Drive)
 
   std::string sent_url_;
   bool sent_same_origin_ = true;

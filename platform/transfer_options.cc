@@ -51,6 +51,7 @@ void Transfer::ClearResponse() {
   header_error_ = 0;
   trailer_bytes_ = 0;
   challenges_answered_ = 0;
+  progress_noted_ = false;
   request_out_ = false;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;
