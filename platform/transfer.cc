@@ -132,13 +132,20 @@ curl_slist* TransferSlot::HeaderList(bool* ok) {
 
 void StopSignal::Stop() {
   stopped_.store(true);
+  // A transfer that sets its watch after this read sees the flag before it waits (both are
+  // sequentially consistent), so nothing watched means nothing to wake.
+  if (watched_.load() == nullptr) return;
   std::lock_guard lock(mutex_);
-  if (watched_ != nullptr) curl_multi_wakeup(watched_);
+  if (CURLM* multi = watched_.load()) curl_multi_wakeup(multi);
 }
 
 void StopSignal::Watch(CURLM* multi) {
+  if (multi != nullptr) {
+    watched_.store(multi);
+    return;
+  }
   std::lock_guard lock(mutex_);
-  watched_ = multi;
+  watched_.store(nullptr);
 }
 
 // --- the transfer ------------------------------------------------------------------------------

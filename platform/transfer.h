@@ -131,8 +131,10 @@ class StopSignal {
   void Watch(CURLM* multi);
 
   std::atomic<bool> stopped_{false};
+  // Held while a stop wakes the multi and while the watch is taken off it, so that a multi is
+  // never woken once its transfer has let it go; setting the watch needs no lock.
   std::mutex mutex_;
-  CURLM* watched_ = nullptr;  // not owned: the multi of the running transfer
+  std::atomic<CURLM*> watched_{nullptr};  // not owned: the multi of the running transfer
 };
 
 // What to send. Header lines are "Name: value"; an empty value ("Accept:") removes a header
