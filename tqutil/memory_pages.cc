@@ -11,6 +11,8 @@
 #include <unistd.h>
 #endif
 
+#include "tqutil/sys_file_faults.h"
+
 namespace qv {
 namespace {
 
@@ -28,14 +30,28 @@ std::size_t PageSize() {
 #endif
 }
 
-// Gives whole pages back to the system; they read as zero afterwards. False when it did not.
-bool DiscardPages(std::uint8_t* pages, std::size_t size) {
+enum class Discard {
+  kZero,  // the pages went back and read as zero now
+  kKept,  // the pages are as they were: still to be cleared in place
+  kLost,  // the pages went back but could not be had again: they must not be touched
+};
+
+// Gives whole pages back to the system; they read as zero afterwards.
+Discard DiscardPages(std::uint8_t* pages, std::size_t size) {
 #if defined(_WIN32)
-  return ::VirtualFree(pages, size, MEM_DECOMMIT) &&
-         ::VirtualAlloc(pages, size, MEM_COMMIT, PAGE_READWRITE) != nullptr;
+  if (!::VirtualFree(pages, size, MEM_DECOMMIT)) return Discard::kKept;
+  // Committing again needs commit charge, which another party may have taken meanwhile.
+  if (TqUSysFileFaults::Fails("commit") ||
+      ::VirtualAlloc(pages, size, MEM_COMMIT, PAGE_READWRITE) == nullptr) {
+    return Discard::kLost;
+  }
+  return Discard::kZero;
 #else
   // Private anonymous pages come back zero-filled after MADV_DONTNEED.
-  return ::madvise(pages, size, MADV_DONTNEED) == 0;
+  if (TqUSysFileFaults::Fails("discard") || ::madvise(pages, size, MADV_DONTNEED) != 0) {
+    return Discard::kKept;
+  }
+  return Discard::kZero;
 #endif
 }
 
@@ -62,19 +78,26 @@ ZeroedMemory AllocateZeroed(std::size_t size) {
   return ZeroedMemory(static_cast<std::uint8_t*>(memory), ZeroedMemoryDeleter{size});
 }
 
-void RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept {
+bool RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept {
   const std::size_t size = memory.get_deleter().size;
   used = std::min(used, size);
   const std::size_t in_place = std::min(used, kClearInPlace);
   std::memset(memory.get(), 0, in_place);
-  if (used == in_place) return;
+  if (used == in_place) return true;
   // The rest starts on a page boundary (the buffer does, and kClearInPlace is whole pages) and
   // is rounded up to whole pages, which the mapping holds even past `size`.
   const std::size_t page = PageSize();
   const std::size_t rest = (used - in_place + page - 1) / page * page;
-  if (!DiscardPages(memory.get() + in_place, rest)) {
-    std::memset(memory.get() + in_place, 0, used - in_place);
+  switch (DiscardPages(memory.get() + in_place, rest)) {
+    case Discard::kZero:
+      return true;
+    case Discard::kKept:
+      std::memset(memory.get() + in_place, 0, used - in_place);
+      return true;
+    case Discard::kLost:
+      break;
   }
+  return false;
 }
 
 void PrepareForWrite(void* memory, std::size_t size) noexcept {

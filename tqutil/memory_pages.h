@@ -30,8 +30,10 @@ TQUTIL_API ZeroedMemory AllocateZeroed(std::size_t size);
 /// Makes the first `used` bytes of `memory` (from AllocateZeroed) zero again, so that the buffer
 /// can be handed out as new. The first MiB is cleared in place (cheaper than faulting it in
 /// again); pages beyond it go back to the system, which zeroes them when they are next touched,
-/// so a kept buffer holds at most one MiB of memory while it is unused.
-TQUTIL_API void RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept;
+/// so a kept buffer holds at most one MiB of memory while it is unused. False when the system
+/// took those pages but could not give them back (Windows, out of commit charge): the buffer
+/// must then only be freed, never used again.
+[[nodiscard]] TQUTIL_API bool RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept;
 
 /// Tells the system that `size` bytes at `memory` are about to be written, so that their pages
 /// are made present in one call rather than one page fault each. Only a hint: it may do nothing.

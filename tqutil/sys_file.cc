@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <unordered_set>
 #include <utility>
 
@@ -221,6 +222,45 @@ bool RemoveStale(int dir, const char* name) {
   return StillNamed(dir, name, st) && Unlink(dir, name);
 }
 
+TqUSysFile::Handle AdoptDescriptor(int fd) {
+  auto* record = new TqUSysFileHandleTag();
+  record->fd = fd;
+  return Adopt(record);
+}
+
+enum : int { kCreateRefused = -1, kCreateUnsupported = -2 };
+
+// Makes the new file `name` (relative to `dir`) unnamed first, locks it, and only then links it
+// at the name, so that no other open ever finds it there empty and unlocked: a reader would
+// take it for a stale file and delete it, and the store writing it would fail. The descriptor,
+// kCreateRefused (something lies at the name again: another creator won), or
+// kCreateUnsupported where the system or file system makes no unnamed files or cannot link
+// them (the caller then creates the file at its name).
+int CreateHeld(int dir, const char* name) {
+#if defined(O_TMPFILE)
+  const char* slash = std::strrchr(name, '/');
+  const std::string parent =
+      slash == nullptr ? std::string(".") : std::string(name, slash == name ? 1 : slash - name);
+  Descriptor fd(RetryOpen(dir, parent.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC));
+  if (fd.fd < 0) {
+    return errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL ? kCreateUnsupported
+                                                                      : kCreateRefused;
+  }
+  OpenedForTesting();
+  if (!Lock(fd.fd, true)) return kCreateRefused;
+  // Linking a descriptor itself needs a privilege; its /proc name does not.
+  const std::string self = "/proc/self/fd/" + std::to_string(fd.fd);
+  if (::linkat(AT_FDCWD, self.c_str(), dir, name, AT_SYMLINK_FOLLOW) != 0) {
+    return errno == EEXIST ? kCreateRefused : kCreateUnsupported;
+  }
+  return fd.release();
+#else
+  (void)dir;
+  (void)name;
+  return kCreateUnsupported;
+#endif
+}
+
 // OpenFile's POSIX body for `name` relative to `dir` (AT_FDCWD: as a path).
 TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::uint32_t share,
                           std::uint32_t creation) {
@@ -235,6 +275,9 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
     // is removed first, and the file is created exclusively, so that nothing is ever written
     // through a link and two writers never share one file.
     if (!RemoveStale(dir, name)) return TqUSysFile::kInvalid;
+    const int held = CreateHeld(dir, name);
+    if (held >= 0) return AdoptDescriptor(held);
+    if (held == kCreateRefused) return TqUSysFile::kInvalid;
     flags |= O_CREAT | O_EXCL;
   } else if (creation == TqUSysFile::kOpenAlways) {
     flags |= O_CREAT;
@@ -268,9 +311,7 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
       (TqUSysFileFaults::Fails("truncate") || ::ftruncate(fd.fd, 0) != 0)) {
     return TqUSysFile::kInvalid;
   }
-  auto* record = new TqUSysFileHandleTag();
-  record->fd = fd.release();
-  return Adopt(record);
+  return AdoptDescriptor(fd.release());
 }
 #else
 
@@ -530,6 +571,47 @@ bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& 
     return false;
   }
   return std::filesystem::remove(path, ec);
+}
+
+namespace {
+// Whether `path` (a link not followed) names the file open as `file`. Where an open file can
+// be neither renamed nor removed (Windows), the name always holds it while it is open.
+bool NamesHeldFile(TqUSysFile::Handle file, const std::filesystem::path& path) {
+#if defined(_WIN32)
+  (void)file;
+  (void)path;
+  return true;
+#else
+  struct stat held = {};
+  if (::fstat(file->fd, &held) != 0) return false;
+  return StillNamed(AT_FDCWD, path.c_str(), held);
+#endif
+}
+}  // namespace
+
+bool TqUSysFile::RenameHeldFile(Handle file, const std::filesystem::path& from,
+                                const std::filesystem::path& to, std::error_code& ec) {
+  ec.clear();
+  if (!IsLive(file)) {
+    ec = std::make_error_code(std::errc::bad_file_descriptor);
+    return false;
+  }
+  if (!NamesHeldFile(file, from)) {
+    ec = std::make_error_code(std::errc::no_such_file_or_directory);
+    return false;
+  }
+  return RenameFile(from, to, ec);
+}
+
+bool TqUSysFile::RemoveHeldFile(Handle file, const std::filesystem::path& path,
+                                std::error_code& ec) {
+  ec.clear();
+  if (!IsLive(file)) {
+    ec = std::make_error_code(std::errc::bad_file_descriptor);
+    return false;
+  }
+  if (!NamesHeldFile(file, path)) return false;
+  return RemoveFile(path, ec);
 }
 
 void TqUSysFileFaults::Arm(std::uint64_t fail_at, int error) {

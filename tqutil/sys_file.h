@@ -38,7 +38,8 @@ class TQUTIL_API TqUSysFile {
   static constexpr std::uint32_t kShareRead = 1;
   // creation
   /// A new file made by this open alone: whatever lies at the name (a stale file, a link, a
-  /// FIFO) is removed first, unless an open holds it, and the file is created exclusively.
+  /// FIFO) is removed first, unless an open holds it, and the file is created exclusively. No
+  /// other open finds it at the name before this one holds it.
   static constexpr std::uint32_t kCreateAlways = 1;
   static constexpr std::uint32_t kOpenExistingWrite = 2;   ///< existing file, contents kept
   static constexpr std::uint32_t kOpenExisting = 3;        ///< existing file
@@ -70,6 +71,16 @@ class TQUTIL_API TqUSysFile {
   /// Removes the file (or link) at `path`: true when removed; false with `ec` clear when nothing
   /// was there; false with `ec` set when it could not be removed.
   static bool RemoveFile(const std::filesystem::path& path, std::error_code& ec);
+  /// RenameFile of the file open as `file`, made only while `from` still names it: one that
+  /// ignores the sharing (a cleared directory) may have removed it, and another writer made the
+  /// name anew. Otherwise false with `ec` set to no_such_file_or_directory. Where no open file
+  /// can be renamed (Windows), RenameFile.
+  static bool RenameHeldFile(Handle file, const std::filesystem::path& from,
+                             const std::filesystem::path& to, std::error_code& ec);
+  /// RemoveFile of the file open as `file` at `path`, likewise: a name that holds another file
+  /// counts as nothing there.
+  static bool RemoveHeldFile(Handle file, const std::filesystem::path& path,
+                             std::error_code& ec);
 
   /// Runs `hook` inside every open that found a regular file, before it takes its lock (the
   /// moment at which a writer may be overtaken by another); an empty function ends it. Called

@@ -1,8 +1,8 @@
 // A seam for tests of code that works with files: counts the file operations of TqUSysFile and
-// TqUSysDirectory that one thread makes, and makes the Nth of them fail as the system would
-// (errno on POSIX, the last error on Windows). Not part of the library's interface (not
-// exported, not installed): tests reach it through the library's objects. While no thread has
-// armed it, an operation pays one relaxed atomic load.
+// TqUSysDirectory (and RezeroMemory's return of pages) that one thread makes, and makes the Nth
+// of them fail as the system would (errno on POSIX, the last error on Windows). Not part of the
+// library's interface (not exported, not installed): tests reach it through the library's
+// objects. While no thread has armed it, an operation pays one relaxed atomic load.
 #pragma once
 
 #include <cstdint>

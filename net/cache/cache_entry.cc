@@ -156,39 +156,47 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
   return true;
 }
 
-// The header size that `etag` and `key` need. An over-long tag or key throws the narrowing
-// error of its own length field; a pair that fits one by one but not together is refused the
-// same way, since the header size field cannot hold it and a truncated size would place the
-// body in the middle of the key.
-std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key,
-                                 std::uint8_t flags) {
+// The header size that `etag` and `key` need, which may exceed what the header size field
+// holds. An over-long tag or key throws the narrowing error of its own length field.
+std::size_t HeaderSizeOf(const std::string& etag, const std::string& key, std::uint8_t flags) {
   const auto tag_length = gsl::narrow<std::uint16_t>(etag.size());
   const auto key_length = gsl::narrow<std::uint16_t>(key.size());
-  const std::size_t size = ef::kHeaderOverhead + tag_length + key_length +
-                           (flags != 0 ? ef::kExtensionSize : 0);
+  return ef::kHeaderOverhead + tag_length + key_length + (flags != 0 ? ef::kExtensionSize : 0);
+}
+
+// The same for a header about to be written whole: a pair that fits one by one but not
+// together is refused like an over-long one, since the header size field cannot hold it and a
+// truncated size would place the body in the middle of the key.
+std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key,
+                                 std::uint8_t flags) {
+  const std::size_t size = HeaderSizeOf(etag, key, flags);
   if (size > ef::kMaxHeaderSize) throw gsl::narrowing_error();
   return static_cast<std::uint16_t>(size);
 }
 
-// Deletes a file that `owner` holds open. Where the system lets a locked file be deleted
-// (POSIX), it goes before the lock does, so no other writer can have opened the name in
-// between; where it refuses (Windows), the file is closed first.
+// Deletes the file `held` that `owner` holds open at `path`. Where the system lets a locked
+// file be deleted (POSIX), it goes before the lock does, so no other writer can have opened the
+// name in between; where it refuses (Windows), the file is closed first. A name that holds
+// another writer's file by now (the directory was cleared under us) is left to that writer.
 template <class Owner>
-void DeleteHeldFile(Owner& owner, const fs::path& path) {
+void DeleteHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& path) {
   std::error_code ec;
-  TqUSysFile::RemoveFile(path, ec);
+  TqUSysFile::RemoveHeldFile(held, path, ec);
   owner.reset();
   if (ec) TqUSysFile::RemoveFile(path, ec);
 }
 
-// Renames the file that `owner` holds open over `to`, then closes it. Renaming under the lock
-// keeps a second writer from opening the temporary name, emptying it and having its half-written
-// file renamed into place by us. Windows refuses to rename an open file (and its sharing keeps
-// other writers out instead), so there the rename is tried again once the file is closed.
+// Renames the file `held` that `owner` holds open over `to`, then closes it. Renaming under the
+// lock keeps a second writer from opening the temporary name, emptying it and having its
+// half-written file renamed into place by us; and the name is renamed only while it is still
+// ours (a cleared directory loses it, and another writer may make it anew). Windows refuses
+// to rename an open file (and its sharing keeps other writers out instead), so there the
+// rename is tried again once the file is closed.
 template <class Owner>
-bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
+bool RenameHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& from,
+                    const fs::path& to) {
   std::error_code ec;
-  if (TqUSysFile::RenameFile(from, to, ec)) {
+  if (TqUSysFile::RenameHeldFile(held, from, to, ec)) {
     owner.reset();
     return true;
   }
@@ -202,7 +210,7 @@ bool RenameHeldFile(Owner& owner, const fs::path& from, const fs::path& to) {
 #else
   // Failed for good: once the lock is dropped, the name may hold another writer's half-written
   // file, which a second try would put in place. Ours goes while it is still held.
-  if (!gone) TqUSysFile::RemoveFile(from, ec);
+  if (!gone) TqUSysFile::RemoveHeldFile(held, from, ec);
   owner.reset();
 #endif
   return false;
@@ -223,6 +231,8 @@ EntryFileKind KindOfEntryFile(const fs::path& path) {
       return EntryFileKind::kNone;
     case fs::file_type::regular:
       return EntryFileKind::kRegular;
+    case fs::file_type::directory:
+      return EntryFileKind::kDirectory;
     default:
       return EntryFileKind::kForeign;
   }
@@ -321,8 +331,11 @@ bool CacheEntry::UpdateETag(const std::optional<std::string>& tag) {
 }
 
 bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
+  // A header on disk that does not add up (a file loaded with a header size its tag and key do
+  // not fill, or overflow) is not one this header fits in front of: refused, not thrown, so
+  // that its body is still served.
+  if (m_header_size != 0 && m_header_size != HeaderSizeOf(m_etag, m_key, m_flags)) return false;
   const std::uint16_t size = RequiredHeaderSize(m_etag, m_key, m_flags);
-  if (m_header_size != 0 && m_header_size != size) return false;
 
   std::vector<unsigned char> header(ef::BodyOffset(size));
   ef::PutU16(&header[ef::kHeaderSizeOffset], size);
@@ -372,7 +385,7 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
     return TqUSysFile::kInvalid;
   }
   if (!WriteHeader(file.get(), false)) {
-    DeleteHeldFile(file, path);
+    DeleteHeldFile(file, file.get(), path);
     m_header_size = previous_size;
     return TqUSysFile::kInvalid;
   }
@@ -392,7 +405,7 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
     target = std::make_unique<qv::io::FileWriteStream>(handle);
   } catch (...) {
     UniqueFile held(handle);
-    DeleteHeldFile(held, temporary);
+    DeleteHeldFile(held, handle, temporary);
     throw;
   }
   // The copy catches the read and write errors it knows (runtime errors); anything else that
@@ -402,16 +415,16 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
   try {
     copy = CopyStream(source, *target, std::move(stop));
   } catch (...) {
-    DeleteHeldFile(target, temporary);
+    DeleteHeldFile(target, handle, temporary);
     m_header_size = previous_size;
     throw;
   }
   if (!copy.completed) {
-    DeleteHeldFile(target, temporary);
+    DeleteHeldFile(target, handle, temporary);
     m_header_size = previous_size;
     return false;
   }
-  if (!RenameHeldFile(target, temporary, m_path)) {
+  if (!RenameHeldFile(target, handle, temporary, m_path)) {
     m_header_size = previous_size;
     return false;
   }
@@ -434,7 +447,7 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(st
   if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) {
     // The caller is told nothing was stored: the header just written must not stay behind as
     // an entry with an empty body, read back later as if it had been stored.
-    DeleteHeldFile(stream, m_path);
+    DeleteHeldFile(stream, handle, m_path);
     m_header_size = 0;
     return nullptr;
   }

@@ -120,9 +120,10 @@ class CacheEntry {
 
 namespace detail {
 // What lies at an entry file's name, a link not followed: the cache directory may be writable
-// by others, and a link, FIFO or directory planted there is never an entry of ours (the next
-// store replaces it by rename; nothing is read or written through it).
-enum class EntryFileKind { kNone, kRegular, kForeign };
+// by others, and a link, FIFO or directory planted there is never an entry of ours (nothing is
+// read or written through it; the next store replaces it by rename, except a directory, which
+// no rename of a file replaces).
+enum class EntryFileKind { kNone, kRegular, kDirectory, kForeign };
 // Throws filesystem_error named "exists" when it cannot tell.
 EntryFileKind KindOfEntryFile(const std::filesystem::path& path);
 // The existence test used throughout the cache (anything at the name, links not followed):

@@ -7,6 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include <gsl/narrow>
+
 #include "net/cache/cache_entry_format.h"
 #include "net/cache/downloads_in_flight.h"
 #include "net/cache/fresh_hit.h"
@@ -113,8 +115,11 @@ CacheLookup MakeLookupOf(std::wstring_view url, int flags, fs::path path, std::s
   } catch (const std::runtime_error&) {
     // No file, or something that is no entry of ours (a link or FIFO planted at the name, which
     // the load refused without following or waiting on it): a new entry, which a store puts in
-    // its place by rename. In use by a writer, or bad and undeletable: none for this call.
-    if (detail::KindOfEntryFile(path) != detail::EntryFileKind::kRegular) {
+    // its place by rename. In use by a writer, bad and undeletable, or a directory (which no
+    // store could replace, so every open would fetch and then drop its body): none for this
+    // call, and the URL is read into memory.
+    const detail::EntryFileKind kind = detail::KindOfEntryFile(path);
+    if (kind != detail::EntryFileKind::kRegular && kind != detail::EntryFileKind::kDirectory) {
       lookup.m_entry.emplace(std::move(path), std::move(key));
     }
   }
@@ -163,6 +168,8 @@ void RewriteHeader(CacheEntry& entry, const qv::stop_token& stop, std::int64_t n
     }
   } catch (const std::runtime_error&) {
     stored = false;
+  } catch (const gsl::narrowing_error&) {
+    stored = false;  // the header with the mark would not fit in its size field
   }
   if (!stored) entry.SetStaleAllowed(!entry.StaleAllowed());
 }

@@ -7,6 +7,8 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include <gsl/util>
+
 #include "net/stream/url_reading.h"
 
 namespace qv::net {
@@ -86,13 +88,13 @@ class InMemoryCache::Impl : public IUrlCache {
  private:
   // Stores the body (if any) and ends the download under one lock, so that a waiter never sees
   // the URL neither stored nor being downloaded and starts a second download.
+  // Storing can fail for want of memory; the download is ended all the same, or every later
+  // open of the URL would wait for it for ever.
   void EndDownload(const std::wstring& key, std::shared_ptr<qv::io::MemorySink> body) {
-    {
-      std::lock_guard lock(m_mutex);
-      if (body) m_entries.insert_or_assign(key, std::move(body));
-      m_downloading.erase(key);
-    }
-    m_download_ended.notify_all();
+    const auto wake = gsl::finally([this] { m_download_ended.notify_all(); });
+    std::lock_guard lock(m_mutex);
+    const auto end = gsl::finally([&] { m_downloading.erase(key); });
+    if (body) m_entries.insert_or_assign(key, std::move(body));
   }
 
   std::mutex m_mutex;  // guards both sets below

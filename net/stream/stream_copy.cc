@@ -44,7 +44,7 @@ class CopyBuffer {
   void GiveBack() noexcept {
     qv::ZeroedMemory& kept = Kept();
     if (kept) return;
-    qv::RezeroMemory(m_memory, m_used);
+    if (!qv::RezeroMemory(m_memory, m_used)) return;  // lost pages: freed, not kept
     kept = std::move(m_memory);
   }
 

@@ -242,6 +242,15 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
   EXPECT_EQ(Open(), "ours");
   EXPECT_EQ(ReadFileBytes(EntryPath()), foreign);
 
+  // A tag and key that fit their fields one by one but not the header size field together: the
+  // body starts where that field says, and the use, which would not fit, is not recorded.
+  const std::string wrapped = EntryBytes(1, kNever, std::string(65535, 't'), kKey, "body");
+  WriteFileBytes(EntryPath(), wrapped);
+  const std::string served = Open();
+  EXPECT_TRUE(served == wrapped.substr((24 + 65535 + kKey.size()) % 65536 + 2))
+      << served.substr(0, 100);
+  EXPECT_TRUE(ReadFileBytes(EntryPath()) == wrapped);
+
   // Gone: fetched, stored anew and then served fresh.
   fs::remove(EntryPath());
   m_api.Queue(Ok("stored", L"max-age=60", L"\"s\"", kDate + 161));
@@ -362,9 +371,10 @@ TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
   }
 }
 
-// Links and FIFOs planted by another local user at an entry's name or its temporary file's, on a
-// first open and at a name the cache already knows: a miss (fetched, a link's target untouched,
-// an entry of the cache's own put in the place), never a wait on a FIFO.
+// Links, FIFOs and directories planted by another local user at an entry's name or its temporary
+// file's, on a first open and at a name the cache already knows: a miss (fetched, a link's
+// target untouched, an entry of the cache's own put in the place, or, where nothing can replace
+// a directory, served without being kept), never a wait on a FIFO.
 TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTouchNothing) {
   TempDir outside;
   const std::string planted = EntryBytes(1, kNever, "", kKey, "planted outside");
@@ -374,7 +384,10 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
     fs::path at;
     fs::path target;  // empty: a FIFO (POSIX only: Windows has none in a directory)
     std::string target_bytes;
+    bool directory = false;  // a directory with a file in it instead
   } const cases[] = {
+      // First, since where no link can be planted the cases after it are skipped.
+      {"directory at the entry", EntryPath(), {}, "", true},
       {"link at the entry", EntryPath(), outside.WriteFile("entry", planted), planted},
       {"link at the temporary file", temporary, outside.WriteFile("victim", "kept"), "kept"},
 #if !defined(_WIN32)
@@ -386,8 +399,12 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
     for (const char* round : {"first open", "known name"}) {
       SCOPED_TRACE(std::string(c.name) + ", " + round);
       RemoveAll();
+      if (c.directory) {
+        fs::create_directories(c.at);
+        WriteFileBytes(c.at / "inside", "kept");
+      }
 #if !defined(_WIN32)
-      ASSERT_TRUE(!c.target.empty() || ::mkfifo(c.at.c_str(), 0600) == 0);
+      ASSERT_TRUE(c.directory || !c.target.empty() || ::mkfifo(c.at.c_str(), 0600) == 0);
 #endif
       if (!c.target.empty() && !PlantLink(c.target, c.at)) {
         // Wine 8 makes no reparse points; Windows only for a privileged or developer-mode user.
@@ -406,8 +423,13 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
       EXPECT_EQ(opened.get(), "from the server");
       EXPECT_EQ(c.target.empty() ? "" : ReadFileBytes(c.target), c.target_bytes);
       EXPECT_FALSE(IsLink(EntryPath()));
+      if (c.directory) {
+        EXPECT_EQ(ReadFileBytes(c.at / "inside"), "kept");
+        m_api.Queue(Ok("from the server", L"max-age=60", L"\"s\""));
+      }
       EXPECT_EQ(Open(), "from the server") << "served fresh from the cache's own entry";
-      EXPECT_EQ(m_api.Sent().size(), sent + 1);
+      EXPECT_EQ(m_api.Sent().size(), sent + (c.directory ? 2 : 1));
+      if (c.directory) fs::remove_all(c.at);
     }
   }
 }
@@ -467,6 +489,30 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
     EXPECT_THAT(Remaining(), IsEmpty());
     EXPECT_THAT(m_log.Text(), c.log);
   }
+
+#if !defined(_WIN32)  // Windows deletes no file that is open, so no clearing takes it away
+  // The directory is cleared under a store, and another process's writer makes the temporary
+  // file anew: the store neither renames that half-written file into place nor deletes it.
+  const fs::path temporary = fs::path(EntryPath()) += ".tmp";
+  const std::string half = EntryBytes(1, kNever, "\"o\"", kKey, "half");
+  TqUSysFile::Handle other = TqUSysFile::kInvalid;
+  m_api.Queue(two_chunks);
+  m_api.on_read = [&] {
+    if (other != TqUSysFile::kInvalid) return;
+    m_cache.Clear();
+    other = TqUSysFile::OpenFile(temporary, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
+                                 TqUSysFile::kCreateAlways, 0, 0);
+    std::uint64_t written = 0;
+    ASSERT_TRUE(TqUSysFile::WriteFile(other, half.data(), half.size(), &written));
+  };
+  EXPECT_EQ(Open(), "<null>");
+  m_api.on_read = {};
+  TqUSysFile::CloseFile(other);
+  EXPECT_EQ(ReadFileBytes(temporary), half);
+  EXPECT_FALSE(fs::exists(EntryPath()));
+  m_api.Queue(Ok("whole", L"max-age=60", L"\"w\""));
+  EXPECT_EQ(Open(), "whole");
+#endif
 }
 
 // The request names what the entry is kept under: a dotted or differently cased spelling is
@@ -707,6 +753,22 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
     EXPECT_EQ(m_log.Lines(), expected);
     EXPECT_EQ(Sleeps().size() - sleeps, c.failure == 502 ? 5u : 0u) << "served after retries";
   }
+
+  // A mark that would not fit: the tag and key fill the header without it. The entry stays
+  // unmarked, and the 304's expiry still reaches the file.
+  const std::wstring url = L"http://example.test/long-tag";
+  const std::string narrow = qv::WideToUtf8(url);
+  const std::string tag(65535 - 24 - narrow.size(), 't');
+  m_clock.Set(kDate);
+  m_api.Queue(Ok("body", L"max-age=60", qv::Utf8ToWide(tag)));
+  ASSERT_EQ(Open(url), "body");
+  m_clock.Set(kDate + 61);
+  m_api.Queue(Ok("", L"max-age=60", qv::Utf8ToWide(tag), kDate + 61, 304));
+  m_log.Clear();
+  EXPECT_EQ(Open(url, kStale), "body");
+  EXPECT_TRUE(ReadFileBytes(EntryPath(url)) ==
+              EntryBytes(kDate + 61, kDate + 121, tag, narrow, "body"));
+  EXPECT_EQ(m_log.Text(), "");
 }
 
 // A clean-up takes expired entries first within an hour's span, and older spans first. A link

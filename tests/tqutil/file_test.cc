@@ -121,10 +121,33 @@ TEST(SysFileTest, AWriterExcludesEveryOtherOpenAndReadersExcludeWriters) {
 // A file renamed over a writer's name between its open and its lock (through the open hook)
 // is never written through it: the writer is refused, as the file it locked is no longer the
 // path's. Windows applies the sharing as it opens, so there the rename itself fails. Without
-// the rename the open succeeds.
+// the rename the open succeeds. A file being created is never found at its name before its
+// creator holds it: a reader would take it, empty, for a stale one and delete it, and the
+// creator would be refused.
 TEST(SysFileTest, AFileRenamedOverAWritersNameDuringItsOpenIsNeverWrittenThroughIt) {
   tq::test::TempDir dir;
   const auto path = dir / "entry";
+  for (const bool by_name : {false, true}) {
+    SCOPED_TRACE(by_name ? "created by name" : "created by path");
+    std::filesystem::remove(path);
+    const TqUSysDirectory directory(dir.path());
+    int calls = 0;
+    std::string seen;
+    F::SetOpenHookForTesting([&] {
+      if (++calls != 1) return;
+      seen = Open(path, kRead) ? "opened" : Start(directory, "entry", 4);
+    });
+    F::Handle created =
+        by_name ? directory.OpenFile(Path("entry").c_str(), kCreate.access, kCreate.share,
+                                     kCreate.creation, 0, 0)
+                : F::OpenFile(path, kCreate.access, kCreate.share, kCreate.creation, 0, 0);
+    F::SetOpenHookForTesting({});
+    EXPECT_EQ(seen, "<refused>") << "a reader found the file before its creator held it";
+    std::uint64_t n = 0;
+    EXPECT_TRUE(F::WriteFile(created, "body", 4, &n));
+    F::CloseFile(created);
+    EXPECT_EQ(ReadText(path), "body");
+  }
   for (const bool rename : {true, false}) {
     SCOPED_TRACE(rename ? "renamed" : "not renamed");
     WriteText(path, "old");

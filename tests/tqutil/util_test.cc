@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "tqutil/error_log.h"
 #include "tqutil/memory_pages.h"
 #include "tqutil/stop_token.h"
+#include "tqutil/sys_file_faults.h"
 #include "tqutil/sys_time.h"
 
 namespace {
@@ -44,15 +46,33 @@ TEST(ZeroedMemoryTest, BuffersAreZeroAndRezeroedWhereUsed) {
   constexpr std::size_t kSize = 8388608;
   qv::ZeroedMemory memory = qv::AllocateZeroed(kSize);
   ASSERT_NE(memory.get(), nullptr);
-  const auto all_zero = [&] {
-    return std::all_of(memory.get(), memory.get() + kSize, [](std::uint8_t b) { return b == 0; });
+  const auto all_zero = [&](std::size_t n) {
+    return std::all_of(memory.get(), memory.get() + n, [](std::uint8_t b) { return b == 0; });
   };
-  EXPECT_TRUE(all_zero());
+  EXPECT_TRUE(all_zero(kSize));
   for (std::size_t used : {std::size_t{1}, std::size_t{3000001}, kSize}) {
     std::memset(memory.get(), 0x5A, used);
-    qv::RezeroMemory(memory, used);
-    EXPECT_TRUE(all_zero()) << used;
+    EXPECT_TRUE(qv::RezeroMemory(memory, used));
+    EXPECT_TRUE(all_zero(kSize)) << used;
   }
+  // The pages past the first MiB cannot be given back (POSIX: cleared in place), or were given
+  // back and could not be had again (Windows): the call then touches none of them.
+#if defined(_WIN32)
+  constexpr const char* kFault = "commit";
+  constexpr int kError = 1455;  // ERROR_COMMITMENT_LIMIT
+  constexpr bool kReusable = false;
+#else
+  constexpr const char* kFault = "discard";
+  constexpr int kError = ENOMEM;
+  constexpr bool kReusable = true;
+#endif
+  std::memset(memory.get(), 0x5A, kSize);
+  TqUSysFileFaults::Arm(0, kError);
+  const bool reusable = qv::RezeroMemory(memory, kSize);
+  EXPECT_STREQ(TqUSysFileFaults::Failed(), kFault);
+  TqUSysFileFaults::Disarm();
+  EXPECT_EQ(reusable, kReusable);
+  EXPECT_TRUE(all_zero(reusable ? kSize : std::size_t{1} << 20));
   std::vector<std::uint8_t> bytes(300000);
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i % 253);
   const std::vector<std::uint8_t> before = bytes;
