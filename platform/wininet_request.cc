@@ -4,6 +4,7 @@
 #include "platform/wininet_request.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "platform/fault_injection.h"
@@ -28,11 +29,20 @@ milliseconds LimitOf(std::optional<DWORD> value, DWORD fallback) {
   return TimeoutOf(value, fallback).value_or(milliseconds(0));
 }
 
+// The characters of an HTTP token, as a table: verbs and the names of every caller's line.
+constexpr std::array<bool, 256> kTokenChars = [] {
+  std::array<bool, 256> table{};
+  for (int c = 0x21; c < 0x7F; ++c) table[c] = true;
+  for (const char* s = "()<>@,;:\\\"/[]?={}"; *s != '\0'; ++s) {
+    table[static_cast<unsigned char>(*s)] = false;
+  }
+  return table;
+}();
+
 bool IsToken(std::string_view s) {
   if (s.empty()) return false;
   for (char c : s) {
-    const auto u = static_cast<unsigned char>(c);
-    if (u <= 0x20 || u >= 0x7F || std::strchr("()<>@,;:\\\"/[]?={}", c) != nullptr) return false;
+    if (!kTokenChars[static_cast<unsigned char>(c)]) return false;
   }
   return true;
 }
@@ -112,7 +122,9 @@ void Request::OnClose() {
 }
 
 Settings Request::Effective() const {
-  Settings settings = settings_.Get();
+  // The request's own settings fill an empty record: nothing is copied for those unset.
+  Settings settings;
+  settings_.FillUnset(&settings);
   connection_->FillUnset(&settings);
   return settings;
 }
