@@ -29,7 +29,9 @@ bool AppliedOptions::SameRareOptions(const HopOptions& wanted) const {
   const std::string* ca_file = CaFileOf(wanted);
   return header_function_ == wanted.header_function && write_function_ == wanted.write_function &&
          prereq_function_ == wanted.prereq_function &&
-         sockopt_function_ == wanted.sockopt_function && share_ == wanted.share &&
+         sockopt_function_ == wanted.sockopt_function &&
+         closesocket_function_ == wanted.closesocket_function &&
+         closesocket_data_ == wanted.closesocket_data && share_ == wanted.share &&
          verify_host_ == wanted.verify_host &&
          ca_file_.has_value() == (ca_file != nullptr) && (!ca_file_ || *ca_file_ == *ca_file) &&
          proxy_mode_ == wanted.proxy_mode && proxy_ == wanted.proxy &&
@@ -67,6 +69,12 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
        Set(easy, CURLOPT_PREREQFUNCTION, prereq_function_);
   if (sockopt_function_ != nullptr) {
     ok = ok && Set(easy, CURLOPT_SOCKOPTFUNCTION, sockopt_function_);
+  }
+  closesocket_function_ = wanted.closesocket_function;
+  closesocket_data_ = wanted.closesocket_data;
+  if (closesocket_function_ != nullptr) {
+    ok = ok && Set(easy, CURLOPT_CLOSESOCKETFUNCTION, closesocket_function_) &&
+         Set(easy, CURLOPT_CLOSESOCKETDATA, closesocket_data_);
   }
   share_ = wanted.share;
   if (share_ != nullptr) ok = ok && Set(easy, CURLOPT_SHARE, share_);
@@ -111,8 +119,10 @@ bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {
     ok = ok && SetText(easy, CURLOPT_URL, url_, false);
   }
   ok = ok && SetMethod(easy, wanted);
-  // A list made again may sit at the address of the last one: set every time.
-  ok = ok && Set(easy, CURLOPT_HTTPHEADER, wanted.headers);
+  if (headers_ != wanted.headers) {
+    headers_ = wanted.headers;
+    ok = ok && Set(easy, CURLOPT_HTTPHEADER, headers_);
+  }
   // HTTP/1.1 at most: paused HTTP/2 streams have a history of stalls.
   const long version = wanted.http10 ? CURL_HTTP_VERSION_1_0 : CURL_HTTP_VERSION_1_1;
   if (http_version_ != version) {
@@ -183,16 +193,14 @@ bool AppliedOptions::SetMethod(CURL* easy, const HopOptions& wanted) {
   return ok;
 }
 
+void AppliedOptions::ForgetHeaders(CURL* easy) {
+  if (headers_ == nullptr) return;
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, static_cast<curl_slist*>(nullptr));
+  headers_ = nullptr;
+}
+
 void AppliedOptions::Release(CURL* easy) {
   if (fresh_) return;
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, static_cast<curl_slist*>(nullptr));
-  curl_easy_setopt(easy, CURLOPT_HEADERDATA, static_cast<void*>(nullptr));
-  curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<void*>(nullptr));
-  curl_easy_setopt(easy, CURLOPT_PREREQDATA, static_cast<void*>(nullptr));
-  curl_easy_setopt(easy, CURLOPT_SOCKOPTDATA, static_cast<void*>(nullptr));
-  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, static_cast<char*>(nullptr));
-  owner_ = nullptr;
-  error_buffer_ = nullptr;
   if (method_ == MethodKind::kBody) {
     // The body was the transfer's; the next request sets its method again from a plain GET.
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, static_cast<const char*>(nullptr));

@@ -26,19 +26,21 @@ struct HopOptions {
   std::string_view url;
   std::string_view method;  // "GET", "HEAD", "POST" or any other verb
   std::string_view body;    // sent when not empty, or when the method is POST
-  curl_slist* headers = nullptr;
+  curl_slist* headers = nullptr;  // set again only when it differs (see ForgetHeaders)
   bool http10 = false;
   long buffer_size = 0;
   long connect_timeout_ms = 0;
   std::string_view agent;  // libcurl's User-Agent option; empty: none
-  void* owner = nullptr;   // what the callbacks are given
-  char* error_buffer = nullptr;
+  void* owner = nullptr;   // what the callbacks are given; must outlive the handle's use
+  char* error_buffer = nullptr;  // likewise
 
   // Rarely changed: a change clears the handle.
   curl_write_callback header_function = nullptr;
   curl_write_callback write_function = nullptr;
   curl_prereq_callback prereq_function = nullptr;
   curl_sockopt_callback sockopt_function = nullptr;
+  curl_closesocket_callback closesocket_function = nullptr;  // null: libcurl closes them
+  void* closesocket_data = nullptr;
   CURLSH* share = nullptr;
   bool verify_host = true;
   const std::optional<std::string>* ca_file = nullptr;  // null or unset: libcurl's default
@@ -57,9 +59,13 @@ class AppliedOptions {
  public:
   // Brings the handle to `wanted`. False when libcurl refuses an option (out of memory).
   bool Apply(CURL* easy, const HopOptions& wanted);
-  // Drops the pointers into the transfer that ran (its callbacks' target, its header list, its
-  // body), so that a handle lying idle refers to nothing that may be gone.
+  // Drops the pointer into the transfer that ran (its body), so that a handle lying idle refers
+  // to nothing that may be gone; the callbacks' target, error buffer and header list belong to
+  // whoever owns the handle and stay.
   void Release(CURL* easy);
+  // Takes the header list off the handle before its owner frees or remakes it: a list made
+  // again may sit at the address of the last one, and is then set again all the same.
+  void ForgetHeaders(CURL* easy);
 
  private:
   enum class MethodKind { kGet, kHead, kBody, kCustom };
@@ -72,6 +78,7 @@ class AppliedOptions {
   bool failed_ = false;  // libcurl refused an option since
 
   std::string url_;
+  curl_slist* headers_ = nullptr;
   MethodKind method_ = MethodKind::kGet;
   std::string custom_method_;
   long http_version_ = CURL_HTTP_VERSION_NONE;
@@ -85,6 +92,8 @@ class AppliedOptions {
   curl_write_callback write_function_ = nullptr;
   curl_prereq_callback prereq_function_ = nullptr;
   curl_sockopt_callback sockopt_function_ = nullptr;
+  curl_closesocket_callback closesocket_function_ = nullptr;
+  void* closesocket_data_ = nullptr;
   CURLSH* share_ = nullptr;
   bool verify_host_ = true;
   std::optional<std::string> ca_file_;

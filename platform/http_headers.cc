@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "platform/http_date.h"
 #include "platform/wide_text.h"
@@ -30,6 +31,9 @@ constexpr std::array<bool, 256> kTokenChars = [] {
 }();
 
 bool IsTokenChar(char c) { return kTokenChars[static_cast<unsigned char>(c)]; }
+
+// The white space TrimSpace removes.
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
 // HTTP-version SP 3DIGIT [SP reason-phrase]
 bool ParseStatusLine(std::string_view line, std::string* version, int* code, std::string* text) {
@@ -192,10 +196,21 @@ DWORD WriteFixed(const T& value, void* buffer, DWORD* buffer_length) {
 
 }  // namespace
 
+void HeaderBlock::Swap(HeaderBlock& other) noexcept {
+  raw_.swap(other.raw_);
+  std::swap(start_end_, other.start_end_);
+  folded_.swap(other.folded_);
+  version_.swap(other.version_);
+  std::swap(status_code_, other.status_code_);
+  status_text_.swap(other.status_text_);
+  headers_.swap(other.headers_);
+  std::swap(bytes_, other.bytes_);
+}
+
 void HeaderBlock::Clear() {
   // Keeps the room of the text and the lists for the next block.
   raw_.clear();
-  ends_.clear();
+  start_end_ = 0;
   folded_.clear();
   version_.clear();
   status_code_ = 0;
@@ -208,20 +223,29 @@ std::string_view HeaderBlock::Text(std::uint32_t offset, std::uint32_t size, boo
   return std::string_view(folded ? folded_ : raw_).substr(offset, size);
 }
 
+inline std::uint32_t HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
+  // Lines mostly come with their CR LF: kept as they are, in one piece.
+  if (raw.size() == line.size() + 2) {
+    raw_.append(raw);
+  } else {
+    raw_.append(line).append("\r\n");
+  }
+  return static_cast<std::uint32_t>(raw_.size());
+}
+
 HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response) {
   bytes_ += raw.size();
   if (bytes_ > kMaxBytes) return LineResult::kInvalid;
   const std::string_view line = TrimLineEnd(raw);
-  if (ends_.empty()) {
+  if (start_end_ == 0) {
     if (line.empty()) return LineResult::kInvalid;
     if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {
       return LineResult::kInvalid;
     }
     // Room for a usual block, so that the text and the lists do not grow line by line.
     raw_.reserve(kUsualBytes);
-    ends_.reserve(kUsualLines);
     headers_.reserve(kUsualLines);
-    AppendEntry(raw, line);
+    start_end_ = AppendEntry(raw, line);
     return LineResult::kAccepted;
   }
   if (line.empty()) return LineResult::kEndOfBlock;
@@ -244,32 +268,24 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
       header.value_size = static_cast<std::uint32_t>(folded_.size() - header.value);
     }
     raw_.append(line).append("\r\n");
-    ends_.back() = static_cast<std::uint32_t>(raw_.size());
+    header.end = static_cast<std::uint32_t>(raw_.size());
     return LineResult::kAccepted;
   }
-  const auto colon = line.find(':');
-  if (colon == std::string_view::npos || colon == 0) return LineResult::kInvalid;
-  const std::string_view name = line.substr(0, colon);
-  for (char c : name) {
-    if (!IsTokenChar(c)) return LineResult::kInvalid;
-  }
-  const std::string_view value = TrimSpace(line.substr(colon + 1));
+  // The name is token characters up to the first colon: one pass finds the colon and checks
+  // the name.
+  std::size_t colon = 0;
+  while (colon < line.size() && IsTokenChar(line[colon])) ++colon;
+  if (colon == 0 || colon == line.size() || line[colon] != ':') return LineResult::kInvalid;
+  std::size_t value_start = colon + 1;
+  std::size_t value_end = line.size();
+  while (value_start < value_end && IsBlank(line[value_start])) ++value_start;
+  while (value_end > value_start && IsBlank(line[value_end - 1])) --value_end;
   const auto at = static_cast<std::uint32_t>(raw_.size());
-  headers_.push_back({at, static_cast<std::uint32_t>(name.size()),
-                      at + static_cast<std::uint32_t>(value.data() - line.data()),
-                      static_cast<std::uint32_t>(value.size()), false});
-  AppendEntry(raw, line);
+  const std::uint32_t end = AppendEntry(raw, line);
+  headers_.push_back({at, static_cast<std::uint32_t>(colon),
+                      at + static_cast<std::uint32_t>(value_start),
+                      static_cast<std::uint32_t>(value_end - value_start), end, false});
   return LineResult::kAccepted;
-}
-
-void HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
-  // Lines mostly come with their CR LF: kept as they are, in one piece.
-  if (raw.size() == line.size() + 2) {
-    raw_.append(raw);
-  } else {
-    raw_.append(line).append("\r\n");
-  }
-  ends_.push_back(static_cast<std::uint32_t>(raw_.size()));
 }
 
 void HeaderBlock::SetRequest(std::string_view start_line,
@@ -292,13 +308,19 @@ std::optional<std::string_view> HeaderBlock::Find(std::string_view name,
 
 bool HeaderBlock::ContentLengthAgrees() const {
   std::optional<std::uint64_t> length;
-  // One pass over the headers: every response is checked.
-  constexpr std::string_view kName = "Content-Length";
-  for (const auto& header : headers_) {
-    if (header.name_size != kName.size() ||
-        !EqualsIgnoreCase(Text(header.name, header.name_size, false), kName)) {
-      continue;
+  // One pass over the headers: every response is checked. Names are token characters, among
+  // which only a letter's two cases agree with a lower-case letter once bit 5 is set.
+  constexpr std::string_view kName = "content-length";
+  auto is_content_length = [&](const Header& header) {
+    if (header.name_size != kName.size()) return false;
+    const char* name = raw_.data() + header.name;
+    for (std::size_t i = 0; i < kName.size(); ++i) {
+      if ((name[i] | 0x20) != kName[i]) return false;
     }
+    return true;
+  };
+  for (const auto& header : headers_) {
+    if (!is_content_length(header)) continue;
     std::string_view rest = Text(header.value, header.value_size, header.folded);
     for (;;) {
       const auto comma = rest.find(',');
@@ -321,10 +343,13 @@ std::string HeaderBlock::RawCrlf() const { return raw_ + "\r\n"; }
 std::string HeaderBlock::RawNul() const {
   std::string out;
   out.reserve(raw_.size());
-  std::uint32_t start = 0;
-  for (const std::uint32_t end : ends_) {
-    out.append(raw_, start, end - start - 2).push_back('\0');  // each entry without its CR LF
-    start = end;
+  if (empty()) return out;
+  // Each entry without its CR LF.
+  out.append(raw_, 0, start_end_ - 2).push_back('\0');
+  std::uint32_t start = start_end_;
+  for (const Header& header : headers_) {
+    out.append(raw_, start, header.end - start - 2).push_back('\0');
+    start = header.end;
   }
   return out;
 }

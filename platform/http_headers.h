@@ -20,6 +20,8 @@ class HeaderBlock {
   static constexpr std::size_t kMaxBytes = 256 * 1024;
 
   void Clear();
+  // Exchanges contents, storage included, member by member (cheaper than three moves).
+  void Swap(HeaderBlock& other) noexcept;
 
   // Feeds one line as it came from the wire (a trailing CR LF or LF is ignored). The first line
   // is the start line. Refuses a start line that is not an HTTP status line (when `response`),
@@ -30,7 +32,7 @@ class HeaderBlock {
   // Sets the start line and headers of a request, as sent (for HTTP_QUERY_FLAG_REQUEST_HEADERS).
   void SetRequest(std::string_view start_line, const std::vector<std::string>& header_lines);
 
-  bool empty() const { return ends_.empty(); }
+  bool empty() const { return start_end_ == 0; }
   int status_code() const { return status_code_; }
   const std::string& version() const { return version_; }
   const std::string& status_text() const { return status_text_; }
@@ -52,22 +54,25 @@ class HeaderBlock {
  private:
   static constexpr std::size_t kUsualLines = 16;
   static constexpr std::size_t kUsualBytes = 1024;
-  // A header's name and value as places in raw_ (the value in folded_ when it was folded), so
-  // that a block costs a few allocations rather than some per line.
+  // A header's name and value as places in raw_ (the value in folded_ when it was folded), and
+  // where its line ends in raw_, its folds included, so that a block costs a few allocations
+  // rather than some per line.
   struct Header {
     std::uint32_t name;
     std::uint32_t name_size;
     std::uint32_t value;
     std::uint32_t value_size;
+    std::uint32_t end;
     bool folded;
   };
   std::string_view Text(std::uint32_t offset, std::uint32_t size, bool folded) const;
-  // Adds a line as received (`raw`) without its line end (`line`), followed by CR LF.
-  void AppendEntry(std::string_view raw, std::string_view line);
+  // Adds a line as received (`raw`) without its line end (`line`), followed by CR LF; returns
+  // where it ends in raw_.
+  std::uint32_t AppendEntry(std::string_view raw, std::string_view line);
 
-  std::string raw_;                  // the lines as received, each followed by CR LF
-  std::vector<std::uint32_t> ends_;  // where each line ends in raw_, its folds included
-  std::string folded_;               // the joined values of folded headers
+  std::string raw_;              // the lines as received, each followed by CR LF
+  std::uint32_t start_end_ = 0;  // where the start line ends in raw_; 0: no line yet
+  std::string folded_;           // the joined values of folded headers
   std::string version_;
   int status_code_ = 0;
   std::string status_text_;

@@ -3,6 +3,7 @@
 #include "platform/transfer.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -49,11 +50,24 @@ TransferSlot::~TransferSlot() { Detach(); }
 
 void TransferSlot::NoteKeptConnection() {
   // The socket of the connection the transfer returned to the cache; none when it was closed.
+  // The cache keeps one connection, so once a transfer is done at most one socket is open.
+  if (open_sockets_.size() <= 1) {
+    kept_socket_ = open_sockets_.empty() ? CURL_SOCKET_BAD : open_sockets_.front();
+    return;
+  }
   curl_socket_t socket = CURL_SOCKET_BAD;
   if (curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK) {
     socket = CURL_SOCKET_BAD;
   }
   kept_socket_ = socket;
+}
+
+void TransferSlot::SocketOpened(curl_socket_t socket) { open_sockets_.push_back(socket); }
+
+int TransferSlot::CloseSocketCallback(void* slot, curl_socket_t socket) {
+  auto& open = static_cast<TransferSlot*>(slot)->open_sockets_;
+  std::erase(open, socket);
+  return ::close(socket);
 }
 
 bool TransferSlot::DropKeptConnectionIfItSpoke() {
@@ -98,6 +112,7 @@ curl_slist* TransferSlot::HeaderList(bool* ok) {
                  listed_lines_.end())) {
     return header_list_.get();
   }
+  applied_.ForgetHeaders(easy_.get());  // the handle must not refer to the list freed here
   header_list_.reset();
   listed_lines_.clear();
   for (const std::string_view line : wanted_lines_) {
@@ -117,13 +132,20 @@ curl_slist* TransferSlot::HeaderList(bool* ok) {
 
 void StopSignal::Stop() {
   stopped_.store(true);
+  // A transfer that sets its watch after this read sees the flag before it waits (both are
+  // sequentially consistent), so nothing watched means nothing to wake.
+  if (watched_.load() == nullptr) return;
   std::lock_guard lock(mutex_);
-  if (watched_ != nullptr) curl_multi_wakeup(watched_);
+  if (CURLM* multi = watched_.load()) curl_multi_wakeup(multi);
 }
 
 void StopSignal::Watch(CURLM* multi) {
+  if (multi != nullptr) {
+    watched_.store(multi);
+    return;
+  }
   std::lock_guard lock(mutex_);
-  watched_ = multi;
+  watched_.store(nullptr);
 }
 
 // --- the transfer ------------------------------------------------------------------------------
@@ -149,6 +171,7 @@ DWORD Transfer::AcquireSlot() {
     return ERROR_NOT_ENOUGH_MEMORY;
   }
   spill_.SwapStorage(slot_->spill_storage());
+  slot_->set_transfer(this);
   stop_.Watch(slot_->multi());
   return ERROR_SUCCESS;
 }
@@ -158,6 +181,12 @@ void Transfer::ReleaseSlot() {
   stop_.Watch(nullptr);
   slot_->Detach();
   slot_->ReleaseOptions();
+  slot_->set_transfer(nullptr);
+  // What libcurl wrote into the slot's error buffer stays with the transfer.
+  const char* text = slot_->error_text();
+  const std::size_t length = strnlen(text, CURL_ERROR_SIZE - 1);
+  std::memcpy(error_text_, text, length);
+  error_text_[length] = '\0';
   header_list_ = nullptr;
   // The larger spill buffer goes back with the slot, unless it still holds bytes to read.
   if (slot_->spill_storage().capacity() < spill_.capacity()) {
@@ -169,6 +198,15 @@ void Transfer::ReleaseSlot() {
 DWORD Transfer::Open(TransferRequest request) {
   if (state_ != TransferState::kIdle) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   request_ = std::move(request);
+  return OpenNext();
+}
+
+TransferRequest* Transfer::NextRequest() {
+  return state_ == TransferState::kIdle ? &request_ : nullptr;
+}
+
+DWORD Transfer::OpenNext() {
+  if (state_ != TransferState::kIdle) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   bool same_origin = true;
   for (int hop = 0;; ++hop) {
     bool follow = false;
@@ -186,11 +224,13 @@ DWORD Transfer::RunHop(int hop, bool* same_origin, bool* follow) {
   if (DWORD error = Configure(*same_origin)) return error;
   if (DWORD error = Drive(Goal::kHeaders)) return error;
   if (state_ == TransferState::kFailed) return error_;
-  Hop next{request_.url, request_.method, *same_origin};
-  if (DWORD error = NextHop(request_.redirects, response_, hop, &next, follow)) return error;
+  // Lent to the policy and taken back: it changes them only when the response redirects.
+  Hop next{std::move(request_.url), std::move(request_.method), *same_origin};
+  const DWORD error = NextHop(request_.redirects, response_, hop, &next, follow);
+  request_.url = std::move(next.url);
+  request_.method = std::move(next.method);
+  if (error != ERROR_SUCCESS) return error;
   if (*follow) {
-    request_.url = std::move(next.url);
-    request_.method = std::move(next.method);
     if (next.drop_body) request_.body.clear();
     *same_origin = next.same_origin;
   }
@@ -288,6 +328,12 @@ DWORD Transfer::Drive(Goal goal) {
     if (code != CURLM_OK) {
       return code == CURLM_OUT_OF_MEMORY ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNET_INTERNAL_ERROR;
     }
+    // Bytes that came during the call are stamped once, as it returns, rather than line by line
+    // and chunk by chunk: the call does not wait, so the stamp is as good.
+    if (progress_noted_) {
+      progress_noted_ = false;
+      clock_.Progress(Clock::now());
+    }
     CollectDone();
     if (!IsRunning(state_) || Reached(goal)) return ERROR_SUCCESS;
     if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
@@ -354,25 +400,34 @@ DWORD Transfer::ErrorOf(CURLcode result, bool had_headers) const {
 
 // --- libcurl's callbacks -----------------------------------------------------------------------
 
-size_t Transfer::HeaderCallback(char* data, size_t size, size_t count, void* self) {
-  return static_cast<Transfer*>(self)->OnHeader(data, size * count);
+// Each is given the slot (TransferSlot::set_transfer); libcurl calls them only while a transfer
+// runs on it, so a slot without one refuses rather than touch anything.
+
+size_t Transfer::HeaderCallback(char* data, size_t size, size_t count, void* slot) {
+  Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
+  return self != nullptr ? self->OnHeader(data, size * count) : 0;
 }
 
-size_t Transfer::WriteCallback(char* data, size_t size, size_t count, void* self) {
-  return static_cast<Transfer*>(self)->OnBody(data, size * count);
+size_t Transfer::WriteCallback(char* data, size_t size, size_t count, void* slot) {
+  Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
+  return self != nullptr ? self->OnBody(data, size * count) : 0;
 }
 
-int Transfer::PrereqCallback(void* self, char*, char*, int, int) {
-  static_cast<Transfer*>(self)->request_out_ = true;
-  static_cast<Transfer*>(self)->OnConnected();
+int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {
+  Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
+  if (self == nullptr) return CURL_PREREQFUNC_ABORT;
+  self->request_out_ = true;
+  self->OnConnected();
   return CURL_PREREQFUNC_OK;
 }
 
-int Transfer::SocketCallback(void* self, curl_socket_t, curlsocktype) {
+int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
+  auto* owner = static_cast<TransferSlot*>(slot);
+  owner->SocketOpened(socket);
   // A new connection: libcurl starts over on it (a kept-alive one that died when the request
   // went out, or one closed after a challenge), and through a proxy an https request needs a
   // tunnel on it first, whose answer is not the origin's.
-  static_cast<Transfer*>(self)->request_out_ = false;
+  if (Transfer* self = owner->transfer()) self->request_out_ = false;
   return CURL_SOCKOPT_OK;
 }
 
@@ -393,8 +448,7 @@ void Transfer::OnFinalHeaders() {
 }
 
 size_t Transfer::OnHeader(const char* data, size_t size) {
-  const auto now = Clock::now();
-  clock_.Progress(now);
+  progress_noted_ = true;
   // Lines that come before libcurl sends the request are a proxy's answer to its CONNECT for an
   // https tunnel, not the origin's.
   const bool tunnel = !request_out_;
@@ -439,7 +493,7 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
     return 0;
   }
   // Swapped, not moved: each block keeps the room it grew for the next one.
-  std::swap(response_, pending_);
+  response_.Swap(pending_);
   pending_.Clear();
   // libcurl answers an authentication challenge itself when it has credentials: such a block
   // is final only if no other response follows it (the body or the end of the transfer tells).
@@ -451,7 +505,7 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
       header_error_ = ERROR_INTERNET_LOGIN_FAILURE;
       return 0;
     }
-    clock_.RequestSent(now);  // the answer goes out as a new request
+    clock_.RequestSent(Clock::now());  // the answer goes out as a new request
     return size;
   }
   MoveTo(TransferState::kReceiving);
@@ -460,7 +514,7 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
 }
 
 size_t Transfer::OnBody(const char* data, size_t size) {
-  clock_.Progress(Clock::now());
+  progress_noted_ = true;
   OnConnected();
   if (state_ == TransferState::kAwaitingHeaders) {
     // libcurl hands over only the final response's body.

@@ -28,6 +28,8 @@
 
 namespace tqplatform {
 
+class Transfer;
+
 // One multi handle with its easy handle. The multi's connection cache keeps the connection
 // alive between the transfers of successive users of the slot.
 class TransferSlot {
@@ -42,6 +44,11 @@ class TransferSlot {
   CURLM* multi() const { return multi_.get(); }
   // Notes the connection a transfer that ended left in the multi's cache (call while attached).
   void NoteKeptConnection();
+  // The sockets of the slot's connections, as libcurl opens (reported by the transfer's socket
+  // callback) and closes them (through CloseSocketCallback, given the slot): the connection
+  // left in the cache is known without looking through the multi's cache for it.
+  void SocketOpened(curl_socket_t socket);
+  static int CloseSocketCallback(void* slot, curl_socket_t socket);
   // Before the next transfer: a kept connection on which bytes, or its end, arrived while it lay
   // idle is dropped with everything the multi keeps (the multi is made anew). Nothing may come
   // on an idle HTTP/1.1 connection; bytes a server sent after its answer would be read as the
@@ -53,6 +60,13 @@ class TransferSlot {
   void Detach();
   // Sets a hop's options on the easy handle (only those that changed since the last hop).
   bool ApplyOptions(const HopOptions& options) { return applied_.Apply(easy_.get(), options); }
+  // libcurl's callbacks are given the slot, which outlives its handles, and reach the transfer
+  // using it through this: the handle's callback data and error buffer are set once, and an
+  // idle handle refers to nothing that may be gone. Null while nobody uses the slot.
+  void set_transfer(Transfer* transfer) { transfer_ = transfer; }
+  Transfer* transfer() const { return transfer_; }
+  // libcurl's error text of the transfer running on the slot.
+  char* error_text() { return error_text_; }
   // Drops what the handle holds of a finished transfer (callbacks' target, header list, body).
   void ReleaseOptions() { applied_.Release(easy_.get()); }
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
@@ -75,6 +89,10 @@ class TransferSlot {
   TransferSlot() = default;
   // A multi that keeps one idle connection, the one noted last.
   static CurlMulti MakeMulti();
+  // Before the multi: its clean-up closes its connections through CloseSocketCallback.
+  std::vector<curl_socket_t> open_sockets_;
+  Transfer* transfer_ = nullptr;
+  char error_text_[CURL_ERROR_SIZE] = {};
   CurlMulti multi_;
   CurlEasy easy_;
   bool attached_ = false;
@@ -113,8 +131,10 @@ class StopSignal {
   void Watch(CURLM* multi);
 
   std::atomic<bool> stopped_{false};
+  // Held while a stop wakes the multi and while the watch is taken off it, so that a multi is
+  // never woken once its transfer has let it go; setting the watch needs no lock.
   std::mutex mutex_;
-  CURLM* watched_ = nullptr;  // not owned: the multi of the running transfer
+  std::atomic<CURLM*> watched_{nullptr};  // not owned: the multi of the running transfer
 };
 
 // What to send. Header lines are "Name: value"; an empty value ("Accept:") removes a header
@@ -165,6 +185,13 @@ class Transfer {
   // in, or a WinINet error code. When only the body fails, the open succeeds and reads report
   // the failure. Legal from kIdle.
   DWORD Open(TransferRequest request);
+  // The same in two steps, for a caller that fills in the request where the transfer keeps it
+  // (no request made and moved per open): NextRequest is legal from kIdle (null otherwise) and
+  // gives the last request's fields, each to be set; OpenNext then opens it.
+  TransferRequest* NextRequest();
+  DWORD OpenNext();
+  // The last request opened (or being filled in): a redirect changes its URL, method and body.
+  const TransferRequest& request() const { return request_; }
   // Reads body bytes: blocks until at least one byte, the end (0 bytes, ERROR_SUCCESS) or an
   // error. Bytes received before a failure are handed over first; the failure comes next.
   DWORD Read(char* out, std::size_t size, std::size_t* got);
@@ -189,7 +216,7 @@ class Transfer {
   bool CallerLineSent(std::string_view line) const;
   // libcurl's result of the transfer that ended, and its error text.
   CURLcode curl_result() const { return result_; }
-  const char* error_text() const { return error_text_; }
+  const char* error_text() const { return slot_ != nullptr ? slot_->error_text() : error_text_; }
   // The final response's Content-Length; 0 when none was given.
   std::uint64_t content_length() const { return content_length_; }
 
@@ -235,6 +262,7 @@ class Transfer {
   curl_slist* header_list_ = nullptr;  // the slot's, for the running hop
   TransferState state_ = TransferState::kIdle;
   TransferClock clock_;
+  bool progress_noted_ = false;  // bytes came in the drive call running (see Drive)
 
   std::string sent_url_;
   bool sent_same_origin_ = true;
@@ -255,7 +283,7 @@ class Transfer {
   bool request_out_ = false;
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
-  char error_text_[CURL_ERROR_SIZE] = {};
+  char error_text_[CURL_ERROR_SIZE] = {};  // the slot's, kept when the slot goes back
 
   char* target_ = nullptr;  // the waiting reader's buffer
   std::size_t target_len_ = 0;

@@ -51,6 +51,7 @@ void Transfer::ClearResponse() {
   header_error_ = 0;
   trailer_bytes_ = 0;
   challenges_answered_ = 0;
+  progress_noted_ = false;
   request_out_ = false;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;
@@ -61,6 +62,7 @@ void Transfer::ClearResponse() {
 
 DWORD Transfer::Configure(bool same_origin) {
   ClearResponse();
+  slot_->error_text()[0] = '\0';
   // No CURLOPT_PATH_AS_IS: libcurl removes dot segments, as browsers do, so "/x/../b" goes out
   // as "/b". A cache keys on the normalised URL; what it keys on must be what is sent.
   sent_url_ = slot_->SentUrl(request_.url);
@@ -87,12 +89,14 @@ HopOptions Transfer::Options(bool same_origin) const {
   options.buffer_size = kBufferSize;
   options.connect_timeout_ms = static_cast<long>(clock_.connect_limit().count());
   if (!AgentAsHeaderLine()) options.agent = request_.agent;
-  options.owner = const_cast<Transfer*>(this);
-  options.error_buffer = const_cast<char*>(error_text_);
+  options.owner = slot_.get();
+  options.error_buffer = slot_->error_text();
   options.header_function = &Transfer::HeaderCallback;
   options.write_function = &Transfer::WriteCallback;
   options.prereq_function = &Transfer::PrereqCallback;
   options.sockopt_function = &Transfer::SocketCallback;
+  options.closesocket_function = &TransferSlot::CloseSocketCallback;
+  options.closesocket_data = slot_.get();
   options.share = request_.share;
   options.verify_host = request_.verify_host;
   options.ca_file = &request_.ca_file;

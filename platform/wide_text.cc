@@ -1,5 +1,6 @@
 #include "platform/wide_text.h"
 
+#include <array>
 #include <cstdint>
 
 #include "tqutil/utf8.h"
@@ -13,7 +14,16 @@ std::size_t WideLength(const wchar_t* text) {
   return n;
 }
 
-std::string WideToUtf8(std::wstring_view text) { return qv::utf8::FromWide(text); }
+std::string WideToUtf8(std::wstring_view text) {
+  // Verbs, paths and host names are mostly ASCII: written in one pass, each character once.
+  std::string out(text.size(), '\0');
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto cp = static_cast<std::uint32_t>(text[i]);
+    if (cp >= 0x80) return qv::utf8::FromWide(text);
+    out[i] = static_cast<char>(cp);
+  }
+  return out;
+}
 
 std::wstring Utf8ToWideStrict(std::string_view text, bool* ok) {
   std::wstring out = qv::utf8::ToWide(text, ok);
@@ -22,12 +32,14 @@ std::wstring Utf8ToWideStrict(std::string_view text, bool* ok) {
 }
 
 bool WideToLatin1(std::wstring_view text, std::string* out) {
-  out->clear();
-  out->reserve(text.size());
-  for (wchar_t c : text) {
-    const auto cp = static_cast<std::uint32_t>(c);
-    if (cp > 0xFF) return false;
-    out->push_back(static_cast<char>(cp));
+  out->resize(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto cp = static_cast<std::uint32_t>(text[i]);
+    if (cp > 0xFF) {
+      out->resize(i);  // what was converted, as before the refusal
+      return false;
+    }
+    (*out)[i] = static_cast<char>(cp);
   }
   return true;
 }
@@ -39,14 +51,25 @@ std::wstring Latin1ToWide(std::string_view bytes) {
   return out;
 }
 
+namespace {
+
+// ASCII upper case to lower case, everything else as it is: header names are compared often.
+constexpr std::array<unsigned char, 256> kLower = [] {
+  std::array<unsigned char, 256> table{};
+  for (int c = 0; c < 256; ++c) {
+    table[c] = static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  }
+  return table;
+}();
+
+}  // namespace
+
 bool EqualsIgnoreCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
-    char x = a[i];
-    char y = b[i];
-    if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
-    if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
-    if (x != y) return false;
+    if (kLower[static_cast<unsigned char>(a[i])] != kLower[static_cast<unsigned char>(b[i])]) {
+      return false;
+    }
   }
   return true;
 }
@@ -65,8 +88,13 @@ std::string_view LineValue(std::string_view line) {
 }
 
 bool HasHeaderLine(const std::vector<std::string>& lines, std::string_view name) {
+  // The line's name is what comes before its first colon (all of a line without one): the
+  // line names `name` when it starts with it and the colon, or the line end, comes next.
   for (const std::string& line : lines) {
-    if (EqualsIgnoreCase(LineName(line), name)) return true;
+    if (line.size() >= name.size() && (line.size() == name.size() || line[name.size()] == ':') &&
+        EqualsIgnoreCase(std::string_view(line).substr(0, name.size()), name)) {
+      return true;
+    }
   }
   return false;
 }

@@ -33,7 +33,7 @@ std::string_view TrimSpace(std::string_view s);
 // without the spaces around it (empty when it has no colon).
 std::string_view LineName(std::string_view line);
 std::string_view LineValue(std::string_view line);
-// Whether one of `lines` is named `name` (case ignored).
+// Whether one of `lines` is named `name` (a header name, so without a colon; case ignored).
 bool HasHeaderLine(const std::vector<std::string>& lines, std::string_view name);
 
 }  // namespace tqplatform

@@ -4,6 +4,7 @@
 #include "platform/wininet_request.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "platform/fault_injection.h"
@@ -28,11 +29,20 @@ milliseconds LimitOf(std::optional<DWORD> value, DWORD fallback) {
   return TimeoutOf(value, fallback).value_or(milliseconds(0));
 }
 
+// The characters of an HTTP token, as a table: verbs and the names of every caller's line.
+constexpr std::array<bool, 256> kTokenChars = [] {
+  std::array<bool, 256> table{};
+  for (int c = 0x21; c < 0x7F; ++c) table[c] = true;
+  for (const char* s = "()<>@,;:\\\"/[]?={}"; *s != '\0'; ++s) {
+    table[static_cast<unsigned char>(*s)] = false;
+  }
+  return table;
+}();
+
 bool IsToken(std::string_view s) {
   if (s.empty()) return false;
   for (char c : s) {
-    const auto u = static_cast<unsigned char>(c);
-    if (u <= 0x20 || u >= 0x7F || std::strchr("()<>@,;:\\\"/[]?={}", c) != nullptr) return false;
+    if (!kTokenChars[static_cast<unsigned char>(c)]) return false;
   }
   return true;
 }
@@ -42,6 +52,7 @@ bool IsToken(std::string_view s) {
 std::string EncodePath(const std::wstring_view resource) {
   const std::string utf8 = WideToUtf8(resource);
   std::string out;
+  out.reserve(utf8.size() + 1);
   if (utf8.empty() || (utf8.front() != '/' && utf8.front() != '*')) out.push_back('/');
   static constexpr char kHex[] = "0123456789ABCDEF";
   for (char c : utf8) {
@@ -111,42 +122,52 @@ void Request::OnClose() {
 }
 
 Settings Request::Effective() const {
-  Settings settings = settings_.Get();
+  // The request's own settings fill an empty record: nothing is copied for those unset.
+  Settings settings;
+  settings_.FillUnset(&settings);
   connection_->FillUnset(&settings);
   return settings;
 }
 
-TransferRequest Request::Describe(const Settings& settings, std::string body) const {
-  TransferRequest out;
-  out.url = url_;
-  out.method = verb_;
-  out.body = std::move(body);
-  out.header_lines = sent_lines_;
-  if (!HasHeaderLine(sent_lines_, "Accept")) out.header_lines.emplace_back("Accept:");  // none sent
-  out.http10 = http10_;
-  out.agent = sent_agent_;
+void Request::Describe(const Settings& settings, std::string body, TransferRequest* out) const {
+  // Every field but the header lines (Send sets them) is set: `out` holds the last send's request.
+  auto set_text = [](std::string& field, const std::optional<std::string>& value) {
+    if (value.has_value()) {
+      field = *value;
+    } else {
+      field.clear();
+    }
+  };
+  out->url = url_;
+  out->method = verb_;
+  out->body = std::move(body);
+  out->http10 = http10_;
+  out->agent = sent_agent_;
   const auto& session = connection_->session();
-  out.share = session->share();
-  out.proxy_mode = session->proxy_mode();
-  if (out.proxy_mode == ProxyMode::kNamed) {
-    out.http_proxy = session->ProxyFor("http");
-    out.https_proxy = session->ProxyFor("https");
-    out.no_proxy = session->no_proxy();
+  out->share = session->share();
+  out->proxy_mode = session->proxy_mode();
+  if (out->proxy_mode == ProxyMode::kNamed) {
+    out->http_proxy = session->ProxyFor("http");
+    out->https_proxy = session->ProxyFor("https");
+    out->no_proxy = session->no_proxy();
+  } else {
+    out->http_proxy.clear();
+    out->https_proxy.clear();
+    out->no_proxy.clear();
   }
-  out.user = settings.user.value_or("");
-  out.password = settings.password.value_or("");
-  out.proxy_user = settings.proxy_user.value_or("");
-  out.proxy_password = settings.proxy_password.value_or("");
-  out.verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
-  out.ca_file = TestCaFile();
-  out.limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
-  out.limits.idle = LimitOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
-  out.limits.send = LimitOf(settings.send_timeout, kDefaultSendTimeoutMs);
+  set_text(out->user, settings.user);
+  set_text(out->password, settings.password);
+  set_text(out->proxy_user, settings.proxy_user);
+  set_text(out->proxy_password, settings.proxy_password);
+  out->verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
+  out->ca_file = TestCaFile();
+  out->limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
+  out->limits.idle = LimitOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
+  out->limits.send = LimitOf(settings.send_timeout, kDefaultSendTimeoutMs);
   // Waiting for a free connection counts as waiting for the server.
-  out.slot_wait = TimeoutOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
-  out.redirects.follow = (flags_ & INTERNET_FLAG_NO_AUTO_REDIRECT) == 0;
-  out.redirects.allow_https_to_http = (flags_ & INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP) != 0;
-  return out;
+  out->slot_wait = TimeoutOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
+  out->redirects.follow = (flags_ & INTERNET_FLAG_NO_AUTO_REDIRECT) == 0;
+  out->redirects.allow_https_to_http = (flags_ & INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP) != 0;
 }
 
 // --- the operations ----------------------------------------------------------------------------
@@ -160,10 +181,19 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
   transfer_.set_waiter(handle());
   const Settings settings = Effective();
   sent_agent_ = settings.agent.value_or("");
-  sent_lines_ = fixed_headers_;
-  sent_lines_.insert(sent_lines_.end(), std::make_move_iterator(header_lines.begin()),
-                     std::make_move_iterator(header_lines.end()));
-  return transfer_.Open(Describe(settings, std::move(body)));
+  // Described where the transfer keeps its request: nothing made and moved per send.
+  TransferRequest* request = transfer_.NextRequest();
+  if (request == nullptr) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  // The lines as given, kept there for the request header queries too, and "Accept:" (none
+  // sent) after them when none names Accept.
+  std::vector<std::string>& lines = request->header_lines;
+  lines = fixed_headers_;
+  lines.insert(lines.end(), std::make_move_iterator(header_lines.begin()),
+               std::make_move_iterator(header_lines.end()));
+  accept_added_ = !HasHeaderLine(lines, "Accept");
+  if (accept_added_) lines.emplace_back("Accept:");
+  Describe(settings, std::move(body), request);
+  return transfer_.OpenNext();
 }
 
 DWORD Request::Read(void* buffer, DWORD size, DWORD* bytes_read) {
@@ -188,8 +218,9 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   const auto at = url.rfind('@', path_start);
   if (at != std::string::npos && at >= authority_start) authority_start = at + 1;
   std::vector<std::string> sent;
-  for (const std::string& line : sent_lines_) {
-    if (transfer_.CallerLineSent(line)) sent.push_back(line);
+  const std::vector<std::string>& given = transfer_.request().header_lines;
+  for (std::size_t i = 0; i + (accept_added_ ? 1 : 0) < given.size(); ++i) {
+    if (transfer_.CallerLineSent(given[i])) sent.push_back(given[i]);
   }
   std::vector<std::string> lines;
   // A Host line of the caller's goes out in place of the one made from the URL.
@@ -245,17 +276,19 @@ HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
   }
   std::vector<std::string> fixed;
   if (accept_types != nullptr) {
-    std::string accept;
+    // The line is made in place: "Accept: " and the types joined with ", ".
+    constexpr std::string_view kAccept = "Accept: ";
+    std::string accept(kAccept);
+    std::string text;
     for (LPCWSTR* type = accept_types; *type != nullptr; ++type) {
-      std::string text;
       if (!WideToLatin1(*type, &text) || text.find_first_of("\r\n") != std::string::npos) {
         return FailNull(ERROR_INVALID_PARAMETER);
       }
       if (text.empty()) continue;
-      if (!accept.empty()) accept += ", ";
+      if (accept.size() > kAccept.size()) accept += ", ";
       accept += text;
     }
-    if (!accept.empty()) fixed.push_back("Accept: " + accept);
+    if (accept.size() > kAccept.size()) fixed.push_back(std::move(accept));
   }
   if (WideLength(referrer) != 0) {
     std::string text;

@@ -153,17 +153,39 @@ DWORD Connection::MaxConns() const {
   return InheritedLocked().max_conns.value_or(kDefaultMaxConnsPerServer);
 }
 
+DWORD Connection::MaxConnsLocked() const {
+  // The chain is looked through (under its own lock) only when a setting changed somewhere
+  // since the last look; the generation is read first, as InheritedLocked does.
+  const std::uint64_t generation = SettingsGeneration();
+  if (!max_conns_valid_ || max_conns_generation_ != generation) {
+    max_conns_ = MaxConns();
+    max_conns_generation_ = generation;
+    max_conns_valid_ = true;
+  }
+  return max_conns_;
+}
+
 std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
                                                   std::optional<std::chrono::milliseconds> wait,
                                                   DWORD* error) {
   std::unique_lock lock(slots_mutex_);
   // The bound is read again at each wake-up: a raised one lets waiting requests go at once.
-  auto ready = [&] { return stop.stopped() || in_use_ < MaxConns(); };
-  if (!wait.has_value()) {
-    slots_cv_.wait(lock, ready);
-  } else if (!slots_cv_.wait_for(lock, *wait, ready)) {
-    *error = ERROR_INTERNET_TIMEOUT;
-    return nullptr;
+  auto ready = [&] { return stop.stopped() || in_use_ < MaxConnsLocked(); };
+  if (!ready()) {
+    // Counted before the stop and the bound are looked at again (see WakeWaiters).
+    waiting_.fetch_add(1);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    bool in_time = true;
+    if (!wait.has_value()) {
+      slots_cv_.wait(lock, ready);
+    } else {
+      in_time = slots_cv_.wait_for(lock, *wait, ready);
+    }
+    waiting_.fetch_sub(1);
+    if (!in_time) {
+      *error = ERROR_INTERNET_TIMEOUT;
+      return nullptr;
+    }
   }
   if (stop.stopped()) {
     *error = ERROR_INTERNET_OPERATION_CANCELLED;
@@ -185,22 +207,29 @@ std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
 }
 
 void Connection::Release(std::unique_ptr<TransferSlot> slot) {
-  const DWORD max_conns = MaxConns();
   std::unique_ptr<TransferSlot> surplus;
+  bool waiters = false;
   {
     std::lock_guard lock(slots_mutex_);
     --in_use_;
     // After the bound was lowered, surplus slots close their connections.
-    if (idle_.size() + in_use_ < max_conns) {
+    if (idle_.size() + in_use_ < MaxConnsLocked()) {
       idle_.push_back(std::move(slot));
     } else {
       surplus = std::move(slot);
     }
+    // Waiters count themselves under this lock: the count is exact here.
+    waiters = waiting_.load(std::memory_order_relaxed) != 0;
   }
-  slots_cv_.notify_all();
+  if (waiters) slots_cv_.notify_all();
 }
 
 void Connection::WakeWaiters() {
+  // The stop or the new bound was stored before this fence, and a waiter counts itself before
+  // it looks at them: either the count read here includes it, or it sees the change and does
+  // not wait. Nobody waiting spares the lock.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (waiting_.load() == 0) return;
   { std::lock_guard lock(slots_mutex_); }
   slots_cv_.notify_all();
 }

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -155,6 +156,8 @@ class Connection : public InternetObject, public SlotSource {
   // Where settings come from, nearest first: the connection, its session, the process.
   std::array<const SettingsHolder*, 3> Chain() const;
   DWORD MaxConns() const;
+  // MaxConns, kept until a setting changes; slots_mutex_ must be held.
+  DWORD MaxConnsLocked() const;
   // The chain's settings, brought up to date; inherited_mutex_ must be held.
   const Settings& InheritedLocked() const;
 
@@ -173,6 +176,10 @@ class Connection : public InternetObject, public SlotSource {
   std::condition_variable slots_cv_;
   std::vector<std::unique_ptr<TransferSlot>> idle_;  // most recently used last
   DWORD in_use_ = 0;
+  mutable DWORD max_conns_ = 0;  // MaxConns as of max_conns_generation_
+  mutable std::uint64_t max_conns_generation_ = 0;
+  mutable bool max_conns_valid_ = false;
+  std::atomic<std::uint32_t> waiting_{0};  // requests waiting in Acquire
 };
 
 }  // namespace tqplatform
