@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "net/http/module_hold.h"
+
 namespace qv::net::detail {
 
 struct StopWatch::Entry {
@@ -25,7 +27,7 @@ class Watcher {
  public:
   Watcher() = default;
   // At process exit the thread is ended before the entries it reads go.
-  ~Watcher() { Shutdown(); }
+  ~Watcher() { Shutdown(false); }
   Watcher(const Watcher&) = delete;
   Watcher& operator=(const Watcher&) = delete;
 
@@ -39,6 +41,7 @@ class Watcher {
         return false;
       }
       m_running = true;
+      HoldModule();
     }
     m_entries.push_back(entry);
     // A token stopped already is seen at once, not a poll interval later.
@@ -55,7 +58,8 @@ class Watcher {
     return entry->state == StopWatch::Entry::State::Ran;
   }
 
-  void Shutdown() {
+  // `release` gives back the module hold the thread took; not at exit, where nothing may unload.
+  void Shutdown(bool release) {
     std::thread thread;
     {
       std::lock_guard lock(m_mutex);
@@ -68,6 +72,7 @@ class Watcher {
     std::lock_guard lock(m_mutex);
     m_stopping = false;
     m_running = false;
+    if (release) ReleaseModule();
   }
 
  private:
@@ -145,6 +150,6 @@ bool StopWatch::Finish() {
   return m_ran;
 }
 
-void ShutdownStopWatcher() { TheWatcher().Shutdown(); }
+void ShutdownStopWatcher() { TheWatcher().Shutdown(true); }
 
 }  // namespace qv::net::detail

@@ -1,10 +1,12 @@
 #include "net/stream/stream_copy.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -23,14 +25,40 @@ const char* ExceptionText(const std::exception& e) {
   return (text == nullptr || *text == '\0') ? "Unknown exception" : text;
 }
 
-// The 8 MiB buffer of one copy, zero when the copy starts. A thread keeps the buffer of its last
-// copy for the next one, cleared: the worker pool copies one small body after another, and a
-// fresh mapping each time costs its page faults and its unmapping, several times the copy
-// itself. A buffer that may hold bytes the copy did not account for (a read or write threw) is
-// released instead of kept.
+// Cleared buffers of finished copies, kept for the next ones: the worker pool copies one small
+// body after another, and a fresh mapping each time costs its page faults and its unmapping,
+// several times the copy itself. The library keeps them, not each thread: a thread's own slot
+// would be released by code of the library as the thread ends, and a host thread may end after
+// the library has been unloaded. As many as the worker pool has threads; a copy finding none
+// kept maps its own.
+class KeptBuffers {
+ public:
+  qv::ZeroedMemory Take() noexcept {
+    std::lock_guard lock(m_mutex);
+    if (m_count == 0) return {};
+    return std::move(m_buffers[--m_count]);
+  }
+  // Keeps `memory` (cleared) when there is room; it is released otherwise.
+  void Give(qv::ZeroedMemory& memory) noexcept {
+    std::lock_guard lock(m_mutex);
+    if (m_count < m_buffers.size()) m_buffers[m_count++] = std::move(memory);
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::array<qv::ZeroedMemory, 4> m_buffers;
+  std::size_t m_count = 0;
+};
+
+// Made at load: the worker pool, made later and ended first at exit, never copies into a
+// buffer list that is gone.
+KeptBuffers g_kept_buffers;
+
+// The 8 MiB buffer of one copy, zero when the copy starts. A buffer that may hold bytes the copy
+// did not account for (a read or write threw) is released instead of kept.
 class CopyBuffer {
  public:
-  CopyBuffer() : m_memory(std::move(Kept())) {
+  CopyBuffer() : m_memory(g_kept_buffers.Take()) {
     if (!m_memory) m_memory = qv::AllocateZeroed(kCopyChunkSize);
   }
   CopyBuffer(const CopyBuffer&) = delete;
@@ -39,23 +67,13 @@ class CopyBuffer {
   std::uint8_t* get() const { return m_memory.get(); }
   // A read placed `n` bytes at the start of the buffer.
   void Used(std::uint64_t n) { m_used = std::max(m_used, static_cast<std::size_t>(n)); }
-  // The copy ended without an exception: the buffer is cleared and kept for the thread's next
-  // copy (a copy nested in this one may have kept its own meanwhile; one is enough).
+  // The copy ended without an exception: the buffer is cleared and kept for a later copy.
   void GiveBack() noexcept {
-    qv::ZeroedMemory& kept = Kept();
-    if (kept) return;
     if (!qv::RezeroMemory(m_memory, m_used)) return;  // lost pages: freed, not kept
-    kept = std::move(m_memory);
+    g_kept_buffers.Give(m_memory);
   }
 
  private:
-  // The thread's kept buffer. Not a thread_local member: MinGW frees emulated thread-local
-  // storage before such destructors run, so the buffer would be freed through freed memory.
-  struct KeptBuffer {
-    qv::ZeroedMemory memory;
-  };
-  static qv::ZeroedMemory& Kept() { return qv::PerThread<KeptBuffer>().memory; }
-
   qv::ZeroedMemory m_memory;
   std::size_t m_used = 0;
 };

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <system_error>
 
+#include "net/http/module_hold.h"
+
 namespace qv::net {
 namespace {
 
@@ -114,7 +116,12 @@ void thread_pool::WorkerLoop() {
 thread_pool* WorkerThreadPool() { return Slot().get(); }
 
 std::unique_ptr<thread_pool> ExchangeWorkerThreadPool(std::unique_ptr<thread_pool> pool) {
+  // An installed pool's workers keep the module loaded; the slot's own destruction at exit
+  // releases nothing.
+  const bool was_empty = Slot() == nullptr;
+  if (was_empty && pool != nullptr) detail::HoldModule();
   Slot().swap(pool);
+  if (!was_empty && Slot() == nullptr) detail::ReleaseModule();
   return pool;
 }
 

@@ -2,8 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string_view>
+#include <thread>
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/http/connection_pool.h"
@@ -108,6 +118,81 @@ TEST(HttpInitTest, HostExitingWithoutTerminateEndsARunningTaskWhileWhatItUsesExi
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(ExitWhileATaskSends(), ::testing::ExitedWithCode(0), "");
 }
+
+#ifdef _WIN32
+// A function of the library loaded as a host loads it, found by its exported (GCC) name.
+template <typename F>
+F* Exported(HMODULE module, const char* name) {
+  return reinterpret_cast<F*>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+}
+
+// Regressions: a host that unloaded the library without TerminateHttp, while the workers or the
+// stop watcher ran, never got FreeLibrary back: the unload ended those threads under the loader
+// lock, which a thread needs to end. The module now stays while they run; the host's own
+// shut-down ends them, and its last reference then unloads the module. And a host thread that
+// had copied a body through the library crashed as it ended after the unload: the copy buffer
+// kept for the thread was released by the library's code, gone by then.
+TEST(HttpInitTest, UnloadingTheLibraryWhileItsThreadsRunKeepsItLoadedUntilTheyEnd) {
+  // The host's own utility library stays loaded, as it does in a host, to the process's end.
+  ASSERT_NE(::LoadLibraryW(L"tqutil.dll"), nullptr);
+  const auto file = std::filesystem::temp_directory_path() / "tq_unload_copy.txt";
+  std::ofstream(file, std::ios::binary) << "body";
+  for (const bool pool : {true, false}) {
+    SCOPED_TRACE(pool ? "worker pool" : "stop watcher alone");
+    HMODULE module = ::LoadLibraryW(L"tqnetwork.dll");
+    ASSERT_NE(module, nullptr);
+    auto* initialise = Exported<void()>(module, "_ZN2qv3net14InitialiseHttpEv");
+    auto* terminate = Exported<void()>(module, "_ZN2qv3net13TerminateHttpEv");
+    auto* terminate_pool = Exported<void()>(module, "_ZN2qv3net18HttpConnectionPool9TerminateEv");
+    auto* set_api = Exported<IHttpApi*(IHttpApi*)>(module, "_ZN2qv3net10SetHttpApiEPNS0_8IHttpApiE");
+    auto* open = Exported<std::unique_ptr<HttpReadStream>(std::wstring_view, int, qv::stop_token)>(
+        module, "_ZN2qv3net14HttpReadStream4OpenESt17basic_string_viewIwSt11char_traitsIwEEiNS_"
+                "10stop_tokenE");
+    auto* open_file_or_url =
+        Exported<std::unique_ptr<qv::io::IDataSeekableReadStream>(std::wstring_view, int,
+                                                                  qv::stop_token)>(
+            module, "_ZN2qv3net13OpenFileOrUrlESt17basic_string_viewIwSt11char_traitsIwEEiNS_10"
+                    "stop_tokenE");
+    ASSERT_TRUE(initialise && terminate && terminate_pool && set_api && open && open_file_or_url);
+    initialise();
+    // A host thread that copied through the library ends only once the library is gone: what
+    // the library kept for it must not call into the unloaded code as it ends.
+    tq::test::Gate copied, unloaded;
+    std::thread host_thread([&] {
+      // A file URL, with no cache installed, is copied into memory.
+      std::wstring url = L"file:///" + file.wstring();
+      std::replace(url.begin(), url.end(), L'\\', L'/');
+      if (auto stream = open_file_or_url(url, 0, {})) {
+        char text[8] = {};
+        EXPECT_EQ(stream->Read(text, sizeof text), 4u);
+      } else {
+        ADD_FAILURE() << "the file URL was not read";
+      }
+      copied.Open();
+      unloaded.Wait();
+    });
+    EXPECT_TRUE(copied.Wait());
+    if (!pool) {
+      // The library's transport without its pool; a send that can be stopped starts the watcher.
+      IHttpApi* api = set_api(nullptr);
+      terminate();
+      set_api(api);
+      qv::stop_source stop;
+      EXPECT_FALSE(open(L"http://127.0.0.1:1/", 0, stop.get_token())->Succeeded());
+    }
+    EXPECT_TRUE(::FreeLibrary(module));
+    EXPECT_EQ(::GetModuleHandleW(L"tqnetwork.dll"), module) << "kept while its threads run";
+    EXPECT_EQ(::LoadLibraryW(L"tqnetwork.dll"), module);
+    terminate_pool();
+    terminate();
+    EXPECT_TRUE(::FreeLibrary(module));
+    EXPECT_EQ(::GetModuleHandleW(L"tqnetwork.dll"), nullptr);
+    unloaded.Open();
+    host_thread.join();
+  }
+  std::filesystem::remove(file);
+}
+#endif
 
 }  // namespace
 }  // namespace qv::net
