@@ -70,13 +70,8 @@ FileReadStream::~FileReadStream() {
 }
 
 std::unique_ptr<FileReadStream> FileReadStream::Create(const std::filesystem::path& path) {
-  // A path the caller names may lead through links to its file; the open itself follows none.
-  std::error_code ec;
-  const std::filesystem::path resolved = std::filesystem::canonical(path, ec);
-  if (ec) return nullptr;
-  TqUSysFile::Handle file = TqUSysFile::OpenFile(resolved, TqUSysFile::kAccessRead,
-                                                 TqUSysFile::kShareRead,
-                                                 TqUSysFile::kOpenExisting, 0, 0);
+  // A path the caller names may lead through links to its file.
+  TqUSysFile::Handle file = TqUSysFile::OpenNamedFile(path);
   if (file == TqUSysFile::kInvalid) return nullptr;
   return std::make_unique<FileReadStream>(file);
 }

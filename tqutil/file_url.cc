@@ -113,14 +113,10 @@ std::unique_ptr<qv::io::IDataReadStream> TqUFileURL::OpenURLReadStream(const wch
                                                                        qv::stop_token stop) {
   if (!url || stop.stop_requested()) return nullptr;
   try {
-    // A URL the caller names may lead through links to its file; the open itself follows none.
-    std::error_code resolve_error;
-    const std::filesystem::path path =
-        std::filesystem::canonical(FileUrlToPath(url), resolve_error);
-    if (resolve_error || path.empty()) return nullptr;
-    TqUSysFile::Handle file = TqUSysFile::OpenFile(path, TqUSysFile::kAccessRead,
-                                                   TqUSysFile::kShareRead,
-                                                   TqUSysFile::kOpenExisting, 0, 0);
+    // A URL the caller names may lead through links to its file.
+    const std::filesystem::path path = FileUrlToPath(url);
+    if (path.empty()) return nullptr;
+    TqUSysFile::Handle file = TqUSysFile::OpenNamedFile(path);
     if (file == TqUSysFile::kInvalid) return nullptr;
     std::unique_ptr<FileUrlReadStream> stream;
     try {

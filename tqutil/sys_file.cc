@@ -456,6 +456,37 @@ bool ReadOnce(TqUSysFile::Handle file, void* buffer, std::uint64_t size,
 
 }  // namespace
 
+TqUSysFile::Handle TqUSysFile::OpenNamedFile(const std::filesystem::path& path) {
+#if defined(_WIN32)
+  // The system's own answer to where the name leads: std::filesystem::canonical of MinGW's
+  // library refuses names in the long form ("\\?\C:\..."), which the system opens as they are.
+  std::filesystem::path resolved;
+  HANDLE h = ::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return kInvalid;
+  std::wstring name(MAX_PATH, L'\0');
+  for (;;) {
+    const DWORD length = ::GetFinalPathNameByHandleW(h, name.data(),
+                                                     static_cast<DWORD>(name.size()), 0);
+    if (length == 0) break;
+    if (length < name.size()) {
+      name.resize(length);
+      resolved = name;
+      break;
+    }
+    name.resize(length);  // the room needed, its terminator included
+  }
+  ::CloseHandle(h);
+  if (resolved.empty()) return kInvalid;
+#else
+  std::error_code ec;
+  const std::filesystem::path resolved = std::filesystem::canonical(path, ec);
+  if (ec) return kInvalid;
+#endif
+  return OpenFile(resolved, kAccessRead, kShareRead, kOpenExisting, 0, 0);
+}
+
 bool TqUSysFile::ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read) {
   return ReadOnce(file, buffer, size, nullptr, read);
 }

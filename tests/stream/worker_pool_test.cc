@@ -108,6 +108,13 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
   auto local = OpenFileOrUrlAsync(file.wstring(), 0, {});
   ASSERT_EQ(local.wait_for(std::chrono::seconds(0)), std::future_status::ready);
   EXPECT_EQ(tq::test::ReadAll(*local.get(), 32), "local file body");
+#ifdef _WIN32
+  {  // the same file through its long-path form, which the system opens as it is
+    auto long_form = OpenFileOrUrlAsync(L"\\\\?\\" + file.wstring(), 0, {}).get();
+    ASSERT_NE(long_form, nullptr);
+    EXPECT_EQ(tq::test::ReadAll(*long_form, 32), "local file body");
+  }
+#endif
   std::filesystem::remove(file);
   qv::stop_source stop;
   auto stopped = OpenFileOrUrlAsync(L"http://example.test/stopped", 0, stop.get_token());
