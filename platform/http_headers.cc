@@ -20,18 +20,6 @@ std::string_view TrimLineEnd(std::string_view line) {
   return line;
 }
 
-// The characters of an HTTP token, as a table: every header name of every response is checked.
-constexpr std::array<bool, 256> kTokenChars = [] {
-  std::array<bool, 256> table{};
-  for (int c = 0x21; c < 0x7F; ++c) table[c] = true;
-  for (const char* s = "()<>@,;:\\\"/[]?={}"; *s != '\0'; ++s) {
-    table[static_cast<unsigned char>(*s)] = false;
-  }
-  return table;
-}();
-
-bool IsTokenChar(char c) { return kTokenChars[static_cast<unsigned char>(c)]; }
-
 // The white space TrimSpace removes.
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 

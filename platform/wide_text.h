@@ -3,6 +3,7 @@
 // tqutil's header-only one (tqutil/utf8.h), included without linking tqutil.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -33,6 +34,17 @@ std::string_view TrimSpace(std::string_view s);
 // without the spaces around it (empty when it has no colon).
 std::string_view LineName(std::string_view line);
 std::string_view LineValue(std::string_view line);
+// The characters of an HTTP token (a method, a header name), as a table: every header name of
+// every response and of every caller's line is checked.
+inline constexpr std::array<bool, 256> kTokenChars = [] {
+  std::array<bool, 256> table{};
+  for (int c = 0x21; c < 0x7F; ++c) table[c] = true;
+  for (const char* s = "()<>@,;:\\\"/[]?={}"; *s != '\0'; ++s) {
+    table[static_cast<unsigned char>(*s)] = false;
+  }
+  return table;
+}();
+inline bool IsTokenChar(char c) { return kTokenChars[static_cast<unsigned char>(c)]; }
 // Whether one of `lines` is named `name` (a header name, so without a colon; case ignored).
 bool HasHeaderLine(const std::vector<std::string>& lines, std::string_view name);
 

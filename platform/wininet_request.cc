@@ -29,20 +29,10 @@ milliseconds LimitOf(std::optional<DWORD> value, DWORD fallback) {
   return TimeoutOf(value, fallback).value_or(milliseconds(0));
 }
 
-// The characters of an HTTP token, as a table: verbs and the names of every caller's line.
-constexpr std::array<bool, 256> kTokenChars = [] {
-  std::array<bool, 256> table{};
-  for (int c = 0x21; c < 0x7F; ++c) table[c] = true;
-  for (const char* s = "()<>@,;:\\\"/[]?={}"; *s != '\0'; ++s) {
-    table[static_cast<unsigned char>(*s)] = false;
-  }
-  return table;
-}();
-
 bool IsToken(std::string_view s) {
   if (s.empty()) return false;
   for (char c : s) {
-    if (!kTokenChars[static_cast<unsigned char>(c)]) return false;
+    if (!IsTokenChar(c)) return false;
   }
   return true;
 }
