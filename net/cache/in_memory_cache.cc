@@ -87,9 +87,8 @@ class InMemoryCache::Impl : public IUrlCache {
 
  private:
   // Stores the body (if any) and ends the download under one lock, so that a waiter never sees
-  // the URL neither stored nor being downloaded and starts a second download.
-  // Storing can fail for want of memory; the download is ended all the same, or every later
-  // open of the URL would wait for it for ever.
+  // the URL neither stored nor being downloaded and starts a second download. A store that fails
+  // for want of memory still ends the download, or every later open would wait for it for ever.
   void EndDownload(const std::wstring& key, std::shared_ptr<qv::io::MemorySink> body) {
     const auto wake = gsl::finally([this] { m_download_ended.notify_all(); });
     std::lock_guard lock(m_mutex);
