@@ -20,9 +20,6 @@ std::string_view TrimLineEnd(std::string_view line) {
   return line;
 }
 
-// The white space TrimSpace removes.
-bool IsBlank(char c) { return c == ' ' || c == '\t'; }
-
 // HTTP-version SP 3DIGIT [SP reason-phrase]
 bool ParseStatusLine(std::string_view line, std::string* version, int* code, std::string* text) {
   if (line.substr(0, 5) != "HTTP/") return false;
@@ -264,15 +261,12 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   std::size_t colon = 0;
   while (colon < line.size() && IsTokenChar(line[colon])) ++colon;
   if (colon == 0 || colon == line.size() || line[colon] != ':') return LineResult::kInvalid;
-  std::size_t value_start = colon + 1;
-  std::size_t value_end = line.size();
-  while (value_start < value_end && IsBlank(line[value_start])) ++value_start;
-  while (value_end > value_start && IsBlank(line[value_end - 1])) --value_end;
+  const std::string_view value = TrimSpace(line.substr(colon + 1));
   const auto at = static_cast<std::uint32_t>(raw_.size());
   const std::uint32_t end = AppendEntry(raw, line);
   headers_.push_back({at, static_cast<std::uint32_t>(colon),
-                      at + static_cast<std::uint32_t>(value_start),
-                      static_cast<std::uint32_t>(value_end - value_start), end, false});
+                      at + static_cast<std::uint32_t>(value.data() - line.data()),
+                      static_cast<std::uint32_t>(value.size()), end, false});
   return LineResult::kAccepted;
 }
 
