@@ -198,15 +198,6 @@ void Transfer::ReleaseSlot() {
 DWORD Transfer::Open(TransferRequest request) {
   if (state_ != TransferState::kIdle) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   request_ = std::move(request);
-  return OpenNext();
-}
-
-TransferRequest* Transfer::NextRequest() {
-  return state_ == TransferState::kIdle ? &request_ : nullptr;
-}
-
-DWORD Transfer::OpenNext() {
-  if (state_ != TransferState::kIdle) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   bool same_origin = true;
   for (int hop = 0;; ++hop) {
     bool follow = false;

@@ -185,13 +185,6 @@ class Transfer {
   // in, or a WinINet error code. When only the body fails, the open succeeds and reads report
   // the failure. Legal from kIdle.
   DWORD Open(TransferRequest request);
-  // The same in two steps, for a caller that fills in the request where the transfer keeps it
-  // (no request made and moved per open): NextRequest is legal from kIdle (null otherwise) and
-  // gives the last request's fields, each to be set; OpenNext then opens it.
-  TransferRequest* NextRequest();
-  DWORD OpenNext();
-  // The last request opened (or being filled in): a redirect changes its URL, method and body.
-  const TransferRequest& request() const { return request_; }
   // Reads body bytes: blocks until at least one byte, the end (0 bytes, ERROR_SUCCESS) or an
   // error. Bytes received before a failure are handed over first; the failure comes next.
   DWORD Read(char* out, std::size_t size, std::size_t* got);

@@ -119,45 +119,37 @@ Settings Request::Effective() const {
   return settings;
 }
 
-void Request::Describe(const Settings& settings, std::string body, TransferRequest* out) const {
-  // Every field but the header lines (Send sets them) is set: `out` holds the last send's request.
-  auto set_text = [](std::string& field, const std::optional<std::string>& value) {
-    if (value.has_value()) {
-      field = *value;
-    } else {
-      field.clear();
-    }
-  };
-  out->url = url_;
-  out->method = verb_;
-  out->body = std::move(body);
-  out->http10 = http10_;
-  out->agent = sent_agent_;
+TransferRequest Request::Describe(const Settings& settings, std::string body) const {
+  TransferRequest out;
+  out.url = url_;
+  out.method = verb_;
+  out.body = std::move(body);
+  out.header_lines = sent_lines_;
+  if (!HasHeaderLine(sent_lines_, "Accept")) out.header_lines.emplace_back("Accept:");  // none sent
+  out.http10 = http10_;
+  out.agent = sent_agent_;
   const auto& session = connection_->session();
-  out->share = session->share();
-  out->proxy_mode = session->proxy_mode();
-  if (out->proxy_mode == ProxyMode::kNamed) {
-    out->http_proxy = session->ProxyFor("http");
-    out->https_proxy = session->ProxyFor("https");
-    out->no_proxy = session->no_proxy();
-  } else {
-    out->http_proxy.clear();
-    out->https_proxy.clear();
-    out->no_proxy.clear();
+  out.share = session->share();
+  out.proxy_mode = session->proxy_mode();
+  if (out.proxy_mode == ProxyMode::kNamed) {
+    out.http_proxy = session->ProxyFor("http");
+    out.https_proxy = session->ProxyFor("https");
+    out.no_proxy = session->no_proxy();
   }
-  set_text(out->user, settings.user);
-  set_text(out->password, settings.password);
-  set_text(out->proxy_user, settings.proxy_user);
-  set_text(out->proxy_password, settings.proxy_password);
-  out->verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
-  out->ca_file = TestCaFile();
-  out->limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
-  out->limits.idle = LimitOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
-  out->limits.send = LimitOf(settings.send_timeout, kDefaultSendTimeoutMs);
+  out.user = settings.user.value_or("");
+  out.password = settings.password.value_or("");
+  out.proxy_user = settings.proxy_user.value_or("");
+  out.proxy_password = settings.proxy_password.value_or("");
+  out.verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
+  out.ca_file = TestCaFile();
+  out.limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
+  out.limits.idle = LimitOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
+  out.limits.send = LimitOf(settings.send_timeout, kDefaultSendTimeoutMs);
   // Waiting for a free connection counts as waiting for the server.
-  out->slot_wait = TimeoutOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
-  out->redirects.follow = (flags_ & INTERNET_FLAG_NO_AUTO_REDIRECT) == 0;
-  out->redirects.allow_https_to_http = (flags_ & INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP) != 0;
+  out.slot_wait = TimeoutOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
+  out.redirects.follow = (flags_ & INTERNET_FLAG_NO_AUTO_REDIRECT) == 0;
+  out.redirects.allow_https_to_http = (flags_ & INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP) != 0;
+  return out;
 }
 
 // --- the operations ----------------------------------------------------------------------------
@@ -171,19 +163,10 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
   transfer_.set_waiter(handle());
   const Settings settings = Effective();
   sent_agent_ = settings.agent.value_or("");
-  // Described where the transfer keeps its request: nothing made and moved per send.
-  TransferRequest* request = transfer_.NextRequest();
-  if (request == nullptr) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
-  // The lines as given, kept there for the request header queries too, and "Accept:" (none
-  // sent) after them when none names Accept.
-  std::vector<std::string>& lines = request->header_lines;
-  lines = fixed_headers_;
-  lines.insert(lines.end(), std::make_move_iterator(header_lines.begin()),
-               std::make_move_iterator(header_lines.end()));
-  accept_added_ = !HasHeaderLine(lines, "Accept");
-  if (accept_added_) lines.emplace_back("Accept:");
-  Describe(settings, std::move(body), request);
-  return transfer_.OpenNext();
+  sent_lines_ = fixed_headers_;
+  sent_lines_.insert(sent_lines_.end(), std::make_move_iterator(header_lines.begin()),
+                     std::make_move_iterator(header_lines.end()));
+  return transfer_.Open(Describe(settings, std::move(body)));
 }
 
 DWORD Request::Read(void* buffer, DWORD size, DWORD* bytes_read) {
@@ -208,9 +191,8 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   const auto at = url.rfind('@', path_start);
   if (at != std::string::npos && at >= authority_start) authority_start = at + 1;
   std::vector<std::string> sent;
-  const std::vector<std::string>& given = transfer_.request().header_lines;
-  for (std::size_t i = 0; i + (accept_added_ ? 1 : 0) < given.size(); ++i) {
-    if (transfer_.CallerLineSent(given[i])) sent.push_back(given[i]);
+  for (const std::string& line : sent_lines_) {
+    if (transfer_.CallerLineSent(line)) sent.push_back(line);
   }
   std::vector<std::string> lines;
   // A Host line of the caller's goes out in place of the one made from the URL.

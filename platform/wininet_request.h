@@ -37,7 +37,7 @@ class Request : public InternetObject {
   // The lock of one call at a time on the request.
   std::unique_lock<std::mutex> LockCall();
   Settings Effective() const;
-  void Describe(const Settings& settings, std::string body, TransferRequest* out) const;
+  TransferRequest Describe(const Settings& settings, std::string body) const;
   DWORD QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_length, DWORD* index);
 
   const std::shared_ptr<Connection> connection_;  // lends the slots; outlives transfer_
@@ -51,9 +51,7 @@ class Request : public InternetObject {
 
   std::mutex op_mutex_;  // one call at a time on the request; guards everything below
   std::string sent_agent_;
-  // The last send's header lines are the transfer's request's, "Accept:" after them when this
-  // layer added it.
-  bool accept_added_ = false;
+  std::vector<std::string> sent_lines_;  // the header lines of the last send, as given
   Transfer transfer_{*connection_, stop_};
 };
 
