@@ -206,15 +206,7 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
   EXPECT_EQ(Open(), "second, longer");
   EXPECT_TRUE(m_api.Sent().empty());
 
-  // Stale: revalidated with the stored tag; the 304 counts its max-age from its own date.
-  m_clock.Set(kDate + 61);
-  m_api.Queue(Ok("", L"max-age=60", std::nullopt, kDate + 100, 304));
-  EXPECT_EQ(Open(), "second, longer");
-  ASSERT_EQ(m_api.Sent().size(), 1u);
-  EXPECT_EQ(m_api.Sent()[0].headers, L"If-None-Match: \"v1\"");
-  EXPECT_EQ(m_cache.ExpiryTime(kUrl), kDate + 160);
-
-  // A tag of another length: the header grows, and the store still succeeds.
+  // Stale, and answered with a tag of another length: the header grows, the store succeeds.
   m_clock.Set(kDate + 161);
   m_api.Queue(Ok("replaced body", L"max-age=60", L"\"a-much-longer-tag\""));
   EXPECT_EQ(Open(), "replaced body");
@@ -249,7 +241,7 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
             EntryBytes(kDate, kDate + 2'592'000, "\"s\"", kKey, "stored"));
   EXPECT_EQ(Open(), "stored");
   TqUSysTime::SetClockForTesting([this] { return m_clock.Now(); });
-  EXPECT_EQ(m_api.Sent().size(), 4u);
+  EXPECT_EQ(m_api.Sent().size(), 3u);
   EXPECT_EQ(m_log.Text(), "");
 }
 
@@ -837,7 +829,8 @@ int RunWorker(std::vector<std::string> arguments) {
 #if defined(_WIN32)
   std::wstring self(32768, L'\0');
   self.resize(::GetModuleFileNameW(nullptr, self.data(), static_cast<DWORD>(self.size())));
-  std::wstring line = L"\"" + (fs::path(self).parent_path() / L"cache_worker.exe").wstring() + L"\"";
+  const fs::path helper = fs::path(self).parent_path() / L"cache_worker.exe";
+  std::wstring line = L"\"" + helper.wstring() + L"\"";
   for (const std::string& word : arguments) line += L" \"" + qv::Utf8ToWide(word) + L"\"";
   STARTUPINFOW startup = {sizeof startup};
   PROCESS_INFORMATION info = {};
