@@ -31,28 +31,6 @@ using namespace std::chrono_literals;
 
 std::string RequestLine(const std::string& head) { return head.substr(0, head.find("\r\n")); }
 
-TEST(HostilePlatform, DotSegmentsAreRemovedBeforeTheRequestIsSent) {
-  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
-  ASSERT_TRUE(server.ok());
-  Handle session = OpenSession();
-  Handle connection = Connect(session, server.port());
-  // One connection: a request's URL as sent must not be the last one's.
-  for (const auto& [path, sent] : {std::pair{L"/x/../b", "GET /b HTTP/1.1"},
-                                   std::pair{L"/a/./b/../../c?q=/../", "GET /c?q=/../ HTTP/1.1"},
-                                   std::pair{L"/x/y/../../b", "GET /b HTTP/1.1"},
-                                   std::pair{L"/c", "GET /c HTTP/1.1"}}) {
-    SCOPED_TRACE(testing::Message() << path);
-    Handle request = OpenRequest(connection, path);
-    ASSERT_TRUE(Send(request));
-    EXPECT_EQ(RequestLine(server.heads().back()), sent);
-    // What the request-headers query reports is what went out.
-    EXPECT_EQ(RequestLine(QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF |
-                                                 HTTP_QUERY_FLAG_REQUEST_HEADERS)),
-              sent);
-  }
-  EXPECT_EQ(server.connections(), 1u);
-}
-
 TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {
   SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
   ASSERT_TRUE(server.ok());

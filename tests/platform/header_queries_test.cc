@@ -1,4 +1,5 @@
-// HttpQueryInfoW's buffer rules, through the WinINet API on one answer from a raw server.
+// HttpQueryInfoW through the WinINet API on one answer from a raw server: folded, repeated and
+// raw header forms, and the buffer rules.
 // Lengths are bytes, sizeof(WCHAR) a character, in and out: the length needed counts the
 // terminator, the length on success does not, and nothing is written past the length given.
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@ const std::string kHead =
     "HTTP/1.1 206 Partial Content\r\nContent-Type: text/plain\r\nETag: \"abcdefgh\"\r\n"
     "Set-Cookie: a=1\r\nset-cookie: b=2\r\nContent-Range: bytes 0-4/5000\r\n"
     "X-Custom-Header: a value of some length\r\n"
+    "X-Folded: one\r\n two\r\n\t three \r\n   \r\nBlank-First:\r\n  a longer value\r\n"
     "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\nContent-Length: 5\r\n\r\n";
 
 constexpr DWORD W = sizeof(WCHAR);
@@ -62,15 +64,18 @@ class HeaderQueriesTest : public ::testing::Test {
       InternetOpenW(L"sdk-conformance", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0)};
   Handle connection_;
   Handle request_;
-  alignas(SYSTEMTIME) alignas(wchar_t) unsigned char storage_[300 * sizeof(wchar_t)];
+  alignas(SYSTEMTIME) alignas(wchar_t) unsigned char storage_[1024 * sizeof(wchar_t)];
 };
 
 // The documented two-call pattern: ask for the size (a null buffer, or for HTTP_QUERY_CUSTOM one
 // that holds just the name), then query into exactly that many bytes; one character less is
 // refused with the same length needed, and leaves the name in place.
 TEST_F(HeaderQueriesTest, EveryStringQueryNamesTheBytesItNeedsAndFitsThemExactly) {
-  std::wstring raw(kHead.begin(), kHead.end());  // lines end in NUL, the list in an empty one
-  for (std::size_t at; (at = raw.find(L"\r\n")) != std::wstring::npos;) raw.replace(at, 2, 1, 0);
+  // Lines end in NUL, the list in an empty one; a folded line keeps its breaks.
+  std::wstring raw(kHead.begin(), kHead.end());
+  for (std::size_t at = 0; (at = raw.find(L"\r\n", at)) != std::wstring::npos; ++at) {
+    if (raw[at + 2] != L' ' && raw[at + 2] != L'\t') raw.replace(at, 2, 1, 0);
+  }
   raw.pop_back();
   const struct {
     DWORD level;
@@ -87,6 +92,8 @@ TEST_F(HeaderQueriesTest, EveryStringQueryNamesTheBytesItNeedsAndFitsThemExactly
       {HTTP_QUERY_USER_AGENT | HTTP_QUERY_FLAG_REQUEST_HEADERS, nullptr, L"sdk-conformance"},
       {HTTP_QUERY_CUSTOM, L"x-custom-header", L"a value of some length"},
       {HTTP_QUERY_CUSTOM, L"CONTENT-range", L"bytes 0-4/5000"},  // names in any case
+      {HTTP_QUERY_CUSTOM, L"x-folded", L"one two three"},
+      {HTTP_QUERY_CUSTOM, L"blank-first", L"a longer value"},
   };
   for (const auto& q : queries) {
     SCOPED_TRACE(testing::Message() << "level 0x" << std::hex << q.level);
