@@ -1,14 +1,17 @@
 // HttpQueryInfoW through the WinINet API on one answer from a raw server: folded, repeated and
-// raw header forms, and the buffer rules.
+// raw header forms, and the buffer rules; and the header names a block takes.
 // Lengths are bytes, sizeof(WCHAR) a character, in and out: the length needed counts the
 // terminator, the length on success does not, and nothing is written past the length given.
 #include <gtest/gtest.h>
+
+#include "platform/http_headers.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
 #include <string>
+#include <string_view>
 
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/servers/raw_responder.h"
@@ -167,6 +170,21 @@ TEST_F(HeaderQueriesTest, OddLengthsMissingHeadersAndFixedSizeAnswers) {
   DWORD length = 64;
   EXPECT_EQ(Query(HTTP_QUERY_SET_COOKIE, nullptr, &length, false, &index), kAbsent);
   EXPECT_EQ(index, 2u);
+}
+
+// Header names are tokens: every other byte in a name refuses the line.
+TEST(HeaderNameTest, EveryByteOutsideTheTokenCharactersRefusesTheLine) {
+  constexpr std::string_view kSeparators = "()<>@,;\\\"/[]?={}";
+  for (int c = 0; c < 256; ++c) {
+    if (c == ':') continue;  // ends the name
+    const bool token = c > 0x20 && c < 0x7F && kSeparators.find(static_cast<char>(c)) ==
+                                                    std::string_view::npos;
+    using Result = tqplatform::HeaderBlock::LineResult;
+    tqplatform::HeaderBlock block;
+    ASSERT_EQ(block.AddLine("HTTP/1.1 200 OK\r\n"), Result::kAccepted);
+    const std::string line = std::string("X") + static_cast<char>(c) + "Y: v\r\n";
+    EXPECT_EQ(block.AddLine(line), token ? Result::kAccepted : Result::kInvalid) << "byte " << c;
+  }
 }
 
 }  // namespace
