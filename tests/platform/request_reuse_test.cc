@@ -166,6 +166,8 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
     const std::wstring verb = step.verb, headers = step.headers, path = step.path;
     const auto sent = [&](const wchar_t* name) { return headers.find(name) != headers.npos; };
     EXPECT_EQ(read, verb == L"HEAD" ? "" : sent(L"Range:") ? "part" : kBody);
+    // A challenge answered leaves nothing of its own in the answer after it.
+    EXPECT_EQ(QueryText(request, HTTP_QUERY_CUSTOM, L"WWW-Authenticate"), "<absent>");
 
     // The request as the server saw it last (a challenge answered makes two).
     const std::vector<RecordedRequest> requests = server.requests();
