@@ -79,10 +79,7 @@ TEST_F(RequestReuseTest, BodiesAroundWhatIsKeptUnreadArriveWholeAtEveryReadSizeO
       ASSERT_TRUE(InternetReadFile(big.get(), first, sizeof first, &got));
       EXPECT_EQ(std::string(first, got), Pattern(10));
     }
-    const Handle small = OpenRequest(connection, L"/small");
-    std::string body;
-    ASSERT_TRUE(Send(small) && ReadAll(small, &body)) << GetLastError();
-    EXPECT_EQ(body, "next");
+    EXPECT_EQ(Fetch(connection, L"/small"), "next");
   }
 }
 
