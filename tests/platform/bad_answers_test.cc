@@ -86,6 +86,7 @@ TEST(BadAnswersTest, EachEndsInAWinInetErrorAfterWhatArrived) {
       {"2^64 - 1", lengths("Content-Length: 18446744073709551615\r\n"), invalid, 0, "", true},
       {"5 twice", lengths("Content-Length: 5\r\ncontent-length: 5\r\n"), 0, 0, "hello", true},
       {"spaced 5", lengths("Content-Length:  5 \r\n"), 0, 0, "hello", true},
+      {"list 5, 5", lengths("Content-Length: 5, 5\r\n"), 0, 0, "hello", true},
       {"folded 5, 5", lengths("Content-Length: 5,\r\n 5\r\n"), 0, 0, "hello", true},
       {"folded 5 6", lengths("Content-Length: 5\r\n 6\r\n"), invalid, 0, "", true},
   };

@@ -24,7 +24,7 @@ const std::string kHead =
     "HTTP/1.1 206 Partial Content\r\nContent-Type: text/plain\r\nETag: \"abcdefgh\"\r\n"
     "Set-Cookie: a=1\r\nset-cookie: b=2\r\nContent-Range: bytes 0-4/5000\r\n"
     "X-Custom-Header: a value of some length\r\n"
-    "X-Folded: one\r\n two\r\n\t three \r\n   \r\nBlank-First:\r\n  a longer value\r\n"
+    "X-Folded: one\r\n two\n\t three \r\n   \r\nBlank-First:\r\n  a longer value\n"
     "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\nContent-Length: 5\r\n\r\n";
 
 constexpr DWORD W = sizeof(WCHAR);
@@ -74,8 +74,14 @@ class HeaderQueriesTest : public ::testing::Test {
 // that holds just the name), then query into exactly that many bytes; one character less is
 // refused with the same length needed, and leaves the name in place.
 TEST_F(HeaderQueriesTest, EveryStringQueryNamesTheBytesItNeedsAndFitsThemExactly) {
-  // Lines end in NUL, the list in an empty one; a folded line keeps its breaks.
-  std::wstring raw(kHead.begin(), kHead.end());
+  // Lines end in CR LF (also those sent with a bare LF), or in NUL with the list ending in an
+  // empty one; a folded line keeps its breaks.
+  std::wstring crlf;
+  for (const char c : kHead) {
+    if (c == '\n' && (crlf.empty() || crlf.back() != L'\r')) crlf += L'\r';
+    crlf += static_cast<wchar_t>(c);
+  }
+  std::wstring raw = crlf;
   for (std::size_t at = 0; (at = raw.find(L"\r\n", at)) != std::wstring::npos; ++at) {
     if (raw[at + 2] != L' ' && raw[at + 2] != L'\t') raw.replace(at, 2, 1, 0);
   }
@@ -91,7 +97,7 @@ TEST_F(HeaderQueriesTest, EveryStringQueryNamesTheBytesItNeedsAndFitsThemExactly
       {HTTP_QUERY_VERSION, nullptr, L"HTTP/1.1"},
       {HTTP_QUERY_REQUEST_METHOD, nullptr, L"GET"},
       {HTTP_QUERY_RAW_HEADERS, nullptr, raw},
-      {HTTP_QUERY_RAW_HEADERS_CRLF, nullptr, std::wstring(kHead.begin(), kHead.end())},
+      {HTTP_QUERY_RAW_HEADERS_CRLF, nullptr, crlf},
       {HTTP_QUERY_USER_AGENT | HTTP_QUERY_FLAG_REQUEST_HEADERS, nullptr, L"sdk-conformance"},
       {HTTP_QUERY_CUSTOM, L"x-custom-header", L"a value of some length"},
       {HTTP_QUERY_CUSTOM, L"CONTENT-range", L"bytes 0-4/5000"},  // names in any case
