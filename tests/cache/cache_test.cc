@@ -832,7 +832,8 @@ int RunWorker(std::vector<std::string> arguments) {
   const fs::path helper = fs::path(self).parent_path() / L"cache_worker.exe";
   std::wstring line = L"\"" + helper.wstring() + L"\"";
   for (const std::string& word : arguments) line += L" \"" + qv::Utf8ToWide(word) + L"\"";
-  STARTUPINFOW startup = {sizeof startup};
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
   PROCESS_INFORMATION info = {};
   if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                         &startup, &info)) {
