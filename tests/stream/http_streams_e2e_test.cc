@@ -51,7 +51,7 @@ class HttpStreamsEndToEndTest : public ::testing::Test {
 };
 
 // Into memory: the room is sized from Content-Length up to a bound, and grows past it as the
-// bytes come. (Lengths far larger than the body: ReadUrlIntoMemoryTest.)
+// bytes come. (Lengths far larger than the body: the read stream test over the fake.)
 TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAndA404) {
   if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
   tq::test::NginxHarness nginx;
