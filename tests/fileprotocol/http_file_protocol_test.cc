@@ -304,7 +304,18 @@ std::string ReadAll(const std::filesystem::path& path) {
 }
 
 // The callbacks' order and progress: nginx's GetFile; the moniker's cut bodies: tests/faults.
-TEST_F(HttpFileProtocolTest, DownloadFailuresMapToResultCodesAndLeaveNoFile) {
+// The binding aborted from another thread while the server holds its answer ends the download
+// with E_ABORT. (The binding's reference counting is what races there.)
+TEST_F(HttpFileProtocolTest, DownloadFailuresAndAnAbortFromAnotherThreadLeaveNoFile) {
+  struct Starter : qv::net::MyBindStatusCallback {
+    Starter() : MyBindStatusCallback(nullptr) {}
+    HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD reserved, IBinding* binding) override {
+      const HRESULT result = MyBindStatusCallback::OnStartBinding(reserved, binding);
+      started.set_value(binding);
+      return result;
+    }
+    std::promise<IBinding*> started;
+  };
   TempDir dir;
   auto target = [&](const std::string& name) { return W((dir.path() / name).string()); };
   server_.Route("/a", ScriptedResponse(200, "abcd"));
@@ -317,34 +328,19 @@ TEST_F(HttpFileProtocolTest, DownloadFailuresMapToResultCodesAndLeaveNoFile) {
             HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
   EXPECT_FALSE(protocol_->GetFile(url.c_str(), target("no/b").c_str(), nullptr));
   EXPECT_FALSE(protocol_->GetFile(L"not a url", target("b").c_str(), nullptr));
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
-  EXPECT_THAT(TakeLog(), IsEmpty());
-}
 
-// The binding is aborted from another thread while the server holds its answer: the download
-// ends with E_ABORT and leaves no file. (The binding's reference counting is what races here.)
-TEST_F(HttpFileProtocolTest, AbortFromAnotherThreadEndsTheDownloadAndLeavesNoFile) {
-  struct Starter : qv::net::MyBindStatusCallback {
-    Starter() : MyBindStatusCallback(nullptr) {}
-    HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD reserved, IBinding* binding) override {
-      const HRESULT result = MyBindStatusCallback::OnStartBinding(reserved, binding);
-      started.set_value(binding);
-      return result;
-    }
-    std::promise<IBinding*> started;
-  };
-  TempDir dir;
   Gate held;
   ScriptedServer server;  // after the gate: its threads end before the gate goes
   server.Route("/held", ScriptedResponse(200, "late").Hold(&held));
   Starter callback;
   std::thread aborter([&] { callback.started.get_future().get()->Abort(); });
-  EXPECT_EQ(URLDownloadToFileW(nullptr, W(server.Url("/held")).c_str(),
-                               W((dir.path() / "held").string()).c_str(), 0, &callback),
+  EXPECT_EQ(URLDownloadToFileW(nullptr, W(server.Url("/held")).c_str(), target("held").c_str(), 0,
+                               &callback),
             E_ABORT);
   aborter.join();
   held.Open();
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+  EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
 // A host's progress object that throws at a chosen report. Its exception must not unwind
@@ -378,7 +374,6 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
     }
     int refs = 0;
   };
-
   TempDir dir;
   const std::string body(256 * 1024, 'x');
   server_.Route("/big", ScriptedResponse(200, body));
