@@ -84,16 +84,16 @@ struct SeenUrls : qv::net::HttpRequestHandler {
 
 // The request a ranged read hands to the pre-request handlers carries the URL as the caller gave
 // it, whether or not the protocol resolved the file to another URL, while the bytes come from
-// the resolved one; a second read is made as the first.
-TEST_F(HttpFileProtocolTest, RangedReadHandlersSeeTheUrlAsGivenAndTheBytesComeFromTheResolvedOne) {
+// the resolved one; a second read on one request handle is made as the first. A user agent set
+// before a protocol's first open replaces the default.
+TEST_F(HttpFileProtocolTest, RangedReadsSendTheUrlAsGivenToHandlersAndTheUserAgentSetBeforehand) {
   server_.Route("/asked", ScriptedResponse(200, "asked"));
   server_.Route("/resolved", ScriptedResponse(200, "resolved"));
   ResolvingProtocol resolving(W(server_.Url("/resolved")));
-  const std::pair<HttpFileProtocol*, std::string> cases[] = {{protocol_, "ask"},
-                                                             {&resolving, "res"}};
-  for (const auto& [protocol, expected] : cases) {
+  const std::wstring url = W(server_.Url("/asked"));
+  for (HttpFileProtocol* protocol : {protocol_, static_cast<HttpFileProtocol*>(&resolving)}) {
+    if (protocol == &resolving) resolving.SetUserAgentW(L"Host-\u00e9/2.0");
     SeenUrls seen;
-    const std::wstring url = W(server_.Url("/asked"));
     TqUFileHandle* file = protocol->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
     ASSERT_NE(file, nullptr);
     TqUThreadHandle* thread = protocol->CreateThreadHandle(file);
@@ -104,7 +104,7 @@ TEST_F(HttpFileProtocolTest, RangedReadHandlersSeeTheUrlAsGivenAndTheBytesComeFr
       EXPECT_EQ(protocol->ReadFileToSize(file, thread, request, 0, 3,
                                          reinterpret_cast<unsigned char*>(got.data()), nullptr),
                 3);
-      EXPECT_EQ(got, expected);
+      EXPECT_EQ(got, protocol == protocol_ ? "ask" : "res");
     }
     qv::net::HttpRequestHandlerManager::UnregisterHandler(&seen);
     EXPECT_EQ(seen.urls, std::vector<std::wstring>(2, url));
@@ -112,6 +112,16 @@ TEST_F(HttpFileProtocolTest, RangedReadHandlersSeeTheUrlAsGivenAndTheBytesComeFr
     protocol->ReleaseThreadHandle(thread);
     protocol->CloseFile(file);
   }
+#if defined(_WIN32)  // WinINet sends header text in the ANSI code page, the Linux layer UTF-8
+  char agent[32] = {};
+  WideCharToMultiByte(CP_ACP, 0, L"Host-\u00e9/2.0", -1, agent, sizeof agent, nullptr, nullptr);
+#else
+  const char* agent = "Host-\xc3\xa9/2.0";
+#endif
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 4u);
+  EXPECT_EQ(requests[0].Header("User-Agent"), "Torvik-Quillstone/23.1");
+  EXPECT_EQ(requests[3].Header("User-Agent"), std::string(agent));
 }
 
 // Handles are looked up among the live ones, never read: a released handle (reading it was a
@@ -171,66 +181,20 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
                                      refused("ReleaseThreadHandle"), refused("CloseFile")));
 }
 
-TEST_F(HttpFileProtocolTest, UserAgentSetBeforeTheFirstOpenReplacesTheDefault) {
-  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
-  std::vector<unsigned char> buffer(4);
-  auto read_once = [&](HttpFileProtocol* protocol) {
-    OpenedFile f(protocol, server.Url("/f"));
-    EXPECT_TRUE(f.ReadExact(0, 4, buffer.data()));
-  };
-  read_once(protocol_);
-  HttpFileProtocol fresh;
-  fresh.SetUserAgentW(L"Host-\u00e9/2.0");
-  read_once(&fresh);
-  const auto heads = server.heads();
-  ASSERT_EQ(heads.size(), 2u);
-  EXPECT_THAT(heads[0], HasSubstr("\r\nUser-Agent: Torvik-Quillstone/23.1\r\n"));
-#if defined(_WIN32)  // WinINet sends header text in the ANSI code page, the Linux layer UTF-8
-  char agent[32] = {};
-  WideCharToMultiByte(CP_ACP, 0, L"Host-\u00e9/2.0", -1, agent, sizeof agent, nullptr, nullptr);
-#else
-  const char* agent = "Host-\xc3\xa9/2.0";
-#endif
-  EXPECT_THAT(heads[1], HasSubstr("\r\nUser-Agent: " + std::string(agent) + "\r\n"));
-}
-
-TEST_F(HttpFileProtocolTest, ReadOf4GiBOrMoreAsksForEveryByte) {
-  const std::string body = Bytes(100);
-  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + body);
-  OpenedFile f(protocol_, server.Url("/huge"));
-  ASSERT_TRUE(f.ok());
-  // Address space only: the server sends 100 bytes, so only the first page is touched.
-  const std::uint64_t size = (std::uint64_t{1} << 32) + 16;
-#if defined(_WIN32)
-  // Reserved whole, committed only where the server's bytes land.
-  void* memory = VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_NOACCESS);
-  if (memory == nullptr) GTEST_SKIP() << "cannot reserve 4 GiB of address space";
-  ASSERT_NE(VirtualAlloc(memory, 4096, MEM_COMMIT, PAGE_READWRITE), nullptr);
-#else
-  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED) GTEST_SKIP() << "cannot reserve 4 GiB of address space";
-#endif
-  auto* buffer = static_cast<unsigned char*>(memory);
-  EXPECT_EQ(f.Read(0, size, buffer), 100);
-  EXPECT_EQ(std::string(buffer, buffer + 100), body);
-#if defined(_WIN32)
-  VirtualFree(memory, 0, MEM_RELEASE);
-#else
-  munmap(memory, size);
-#endif
-  ASSERT_EQ(server.heads().size(), 1u);
-  EXPECT_THAT(server.heads()[0], HasSubstr("\r\nRange: bytes=0-4294967311\r\n"));
-}
-
-TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedAndTwoSendTimeOutsAreRetried) {
+// A read of 4 GiB or more asks for every byte (the range was once cut to 32 bits).
+TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedTwoSendTimeOutsRetriedAnd4GiBAskedFor) {
   ASSERT_TRUE(TqPlatformInjectFault("InternetOpenW", ERROR_INTERNET_INTERNAL_ERROR, 1, 0));
   EXPECT_EQ(protocol_->OpenFile(L"http://127.0.0.1:1/f", TqUFileProtocol::OpenRead), nullptr);
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_NAME_NOT_RESOLVED, 1, 0));
   EXPECT_FALSE(OpenedFile(protocol_, "http://127.0.0.1:1/f").ok());
 
-  SameAnswerServer server("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-3/4\r\n"
-                "Content-Length: 4\r\n\r\nabcd");
+  SameAnswerServer server([](const std::string& head) -> std::string {
+    if (head.find("Range: bytes=0-3\r\n") == std::string::npos) {
+      return "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd";
+    }
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-3/4\r\n"
+           "Content-Length: 4\r\n\r\nabcd";
+  });
   OpenedFile f(protocol_, server.Url("/f"));
   ASSERT_TRUE(f.ok());
   std::vector<unsigned char> buffer(4);
@@ -246,6 +210,26 @@ TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedAndTwoSendTimeOutsAreRe
                           Posted{1, "HttpFileProtocol::ReadFile HttpOpenRequest for " +
                                         f.url_utf8() + " failed: 12001"}));
 
+  // Address space only: the server sends 4 bytes, so only the first page is touched.
+  const std::uint64_t size = (std::uint64_t{1} << 32) + 16;
+#if defined(_WIN32)
+  void* memory = VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_NOACCESS);
+  if (memory == nullptr) GTEST_SKIP() << "cannot reserve 4 GiB of address space";
+  ASSERT_NE(VirtualAlloc(memory, 4096, MEM_COMMIT, PAGE_READWRITE), nullptr);
+#else
+  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (memory == MAP_FAILED) GTEST_SKIP() << "cannot reserve 4 GiB of address space";
+#endif
+  EXPECT_EQ(f.Read(0, size, static_cast<unsigned char*>(memory)), 4);
+  EXPECT_EQ(std::memcmp(memory, "abcd", 4), 0);
+#if defined(_WIN32)
+  VirtualFree(memory, 0, MEM_RELEASE);
+#else
+  munmap(memory, size);
+#endif
+  ASSERT_EQ(server.heads().size(), 2u);
+  EXPECT_THAT(server.heads()[1], HasSubstr("\r\nRange: bytes=0-4294967311\r\n"));
 }
 
 ScriptedResponse FullAnswer() {
@@ -320,7 +304,18 @@ std::string ReadAll(const std::filesystem::path& path) {
 }
 
 // The callbacks' order and progress: nginx's GetFile; the moniker's cut bodies: tests/faults.
-TEST_F(HttpFileProtocolTest, DownloadFailuresMapToResultCodesAndLeaveNoFile) {
+// The binding aborted from another thread while the server holds its answer ends the download
+// with E_ABORT. (The binding's reference counting is what races there.)
+TEST_F(HttpFileProtocolTest, DownloadFailuresAndAnAbortFromAnotherThreadLeaveNoFile) {
+  struct Starter : qv::net::MyBindStatusCallback {
+    Starter() : MyBindStatusCallback(nullptr) {}
+    HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD reserved, IBinding* binding) override {
+      const HRESULT result = MyBindStatusCallback::OnStartBinding(reserved, binding);
+      started.set_value(binding);
+      return result;
+    }
+    std::promise<IBinding*> started;
+  };
   TempDir dir;
   auto target = [&](const std::string& name) { return W((dir.path() / name).string()); };
   server_.Route("/a", ScriptedResponse(200, "abcd"));
@@ -333,59 +328,40 @@ TEST_F(HttpFileProtocolTest, DownloadFailuresMapToResultCodesAndLeaveNoFile) {
             HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
   EXPECT_FALSE(protocol_->GetFile(url.c_str(), target("no/b").c_str(), nullptr));
   EXPECT_FALSE(protocol_->GetFile(L"not a url", target("b").c_str(), nullptr));
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
-  EXPECT_THAT(TakeLog(), IsEmpty());
-}
 
-// The binding is aborted from another thread while the server holds its answer: the download
-// ends with E_ABORT and leaves no file. (The binding's reference counting is what races here.)
-TEST_F(HttpFileProtocolTest, AbortFromAnotherThreadEndsTheDownloadAndLeavesNoFile) {
-  struct Starter : qv::net::MyBindStatusCallback {
-    Starter() : MyBindStatusCallback(nullptr) {}
-    HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD reserved, IBinding* binding) override {
-      const HRESULT result = MyBindStatusCallback::OnStartBinding(reserved, binding);
-      started.set_value(binding);
-      return result;
-    }
-    std::promise<IBinding*> started;
-  };
-  TempDir dir;
   Gate held;
   ScriptedServer server;  // after the gate: its threads end before the gate goes
   server.Route("/held", ScriptedResponse(200, "late").Hold(&held));
   Starter callback;
   std::thread aborter([&] { callback.started.get_future().get()->Abort(); });
-  EXPECT_EQ(URLDownloadToFileW(nullptr, W(server.Url("/held")).c_str(),
-                               W((dir.path() / "held").string()).c_str(), 0, &callback),
+  EXPECT_EQ(URLDownloadToFileW(nullptr, W(server.Url("/held")).c_str(), target("held").c_str(), 0,
+                               &callback),
             E_ABORT);
   aborter.join();
   held.Open();
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+  EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
 // A host's progress object that throws at a chosen report. Its exception must not unwind
 // through the URL Moniker, which would skip OnStopBinding and so never give back the reference
 // taken on the binding (and on Windows unwind the system's own frames). Every callback still
 // answers S_OK and reports as before, so the download runs its course; the first exception then
-// reaches the caller of GetFile.
-TEST_F(HttpFileProtocolTest, AProgressThatThrowsReachesTheCallerAfterTheDownloadAndNothingLeaks) {
+// reaches the caller of GetFile or GetFileToCache. Without one, GetFileToCache gives the copy.
+TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsReachesTheCaller) {
   struct Cancelled {};
-  struct ThrowingProgress : TqUProgress {
-    explicit ThrowingProgress(int throw_at) : throw_at(throw_at) {}
+  struct ThrowingProgress : RecordedProgress {
+    explicit ThrowingProgress(int at) : throw_at(at) {}
     bool SetProgress(double fraction) override {
-      values.push_back(fraction);
-      if (static_cast<int>(values.size()) >= throw_at) throw Cancelled{};
+      RecordedProgress::SetProgress(fraction);
+      if (throw_at > 0 && static_cast<int>(values.size()) >= throw_at) throw Cancelled{};
       return true;
     }
-    int throw_at;
-    std::vector<double> values;
+    int throw_at;  // 0: never
   };
   // Counts the references the callback takes on the binding it is handed.
   struct CountedBinding : IBinding {
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
     ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++refs); }
     ULONG STDMETHODCALLTYPE Release() override { return static_cast<ULONG>(--refs); }
     HRESULT STDMETHODCALLTYPE Abort() override { return S_OK; }
@@ -398,36 +374,25 @@ TEST_F(HttpFileProtocolTest, AProgressThatThrowsReachesTheCallerAfterTheDownload
     }
     int refs = 0;
   };
-
-  // The callback on its own, with a progress that throws from the first report on or from the
-  // second: nothing escapes a callback, each answers S_OK, every fraction is still reported,
-  // the binding is given back, and the first exception is kept for the caller.
-  for (int throw_at : {1, 2}) {
-    SCOPED_TRACE(throw_at);
-    ThrowingProgress progress(throw_at);
-    CountedBinding binding;
-    {
-      qv::net::MyBindStatusCallback callback(&progress);
-      EXPECT_EQ(callback.OnStartBinding(0, &binding), S_OK);
-      EXPECT_EQ(callback.OnProgress(50, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
-      EXPECT_EQ(callback.OnStopBinding(S_OK, nullptr), S_OK);
-      EXPECT_THROW(callback.RethrowProgressError(), Cancelled);
-    }
-    EXPECT_EQ(binding.refs, 0);
-    EXPECT_EQ(progress.values, (std::vector<double>{0.0, 0.25, 1.0}));
-  }
-  // One that never throws leaves nothing to rethrow.
-  RecordedProgress quiet;
-  qv::net::MyBindStatusCallback callback(&quiet);
-  EXPECT_NO_THROW(callback.RethrowProgressError());
-
-  // Through GetFile and GetFileToCache: the download is complete, then the exception arrives.
   TempDir dir;
   const std::string body(256 * 1024, 'x');
   server_.Route("/big", ScriptedResponse(200, body));
   const std::wstring url = W(server_.Url("/big"));
   for (int throw_at : {1, 2}) {
     SCOPED_TRACE(throw_at);
+    // The callback on its own: nothing escapes, the binding is given back.
+    ThrowingProgress alone(throw_at);
+    CountedBinding binding;
+    {
+      qv::net::MyBindStatusCallback callback(&alone);
+      EXPECT_EQ(callback.OnStartBinding(0, &binding), S_OK);
+      EXPECT_EQ(callback.OnProgress(50, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
+      EXPECT_EQ(callback.OnStopBinding(S_OK, nullptr), S_OK);
+      EXPECT_THROW(callback.RethrowProgressError(), Cancelled);
+    }
+    EXPECT_EQ(binding.refs, 0);
+    EXPECT_EQ(alone.values, (std::vector<double>{0.0, 0.25, 1.0}));
+    // Through GetFile: the download is complete, then the exception arrives.
     ThrowingProgress progress(throw_at);
     const std::filesystem::path target = dir.path() / ("file" + std::to_string(throw_at));
     EXPECT_THROW(protocol_->GetFile(url.c_str(), W(target.string()).c_str(), &progress),
@@ -435,33 +400,22 @@ TEST_F(HttpFileProtocolTest, AProgressThatThrowsReachesTheCallerAfterTheDownload
     EXPECT_EQ(ReadAll(target), body);
     EXPECT_EQ(progress.values.back(), 1.0);
   }
+
 #if !defined(_WIN32)
   setenv("XDG_CACHE_HOME", (dir.path() / "cache").c_str(), 1);
 #endif
-  // A URL not fetched before, naming a file: Wine's URL Moniker caches nothing else.
+  // URLs not fetched before, naming a file: Wine's URL Moniker caches nothing else.
   server_.Route("/dir/to-cache.bin", ScriptedResponse(200, body));
-  const std::wstring cache_url = W(server_.Url("/dir/to-cache.bin"));
-  ThrowingProgress progress(1);
+  server_.Route("/dir/report.pdf", ScriptedResponse(200, "pdf bytes"));
+  ThrowingProgress throwing(1), quiet(0);
   TqUWideStringBuffer path;
   path.SetString(L"untouched");
-  EXPECT_THROW(protocol_->GetFileToCache(cache_url.c_str(), &progress, &path), Cancelled);
-#if !defined(_WIN32)
-  unsetenv("XDG_CACHE_HOME");
-#endif
+  EXPECT_THROW(protocol_->GetFileToCache(W(server_.Url("/dir/to-cache.bin")).c_str(), &throwing,
+                                         &path),
+               Cancelled);
   EXPECT_EQ(std::wstring(path.View()), L"untouched");
-  EXPECT_THAT(TakeLog(), IsEmpty());
-}
-
-TEST_F(HttpFileProtocolTest, GetFileToCacheGivesThePathOfTheCopy) {
-  server_.Route("/dir/report.pdf", ScriptedResponse(200, "pdf bytes"));
-  TqUWideStringBuffer path;
-  RecordedProgress progress;
-#if !defined(_WIN32)
-  TempDir dir;
-  setenv("XDG_CACHE_HOME", (dir.path() / "cache").c_str(), 1);
-#endif
   const bool got = protocol_->GetFileToCache(W(server_.Url("/dir/report.pdf?v=1")).c_str(),
-                                             &progress, &path);
+                                             &quiet, &path);
 #if !defined(_WIN32)
   unsetenv("XDG_CACHE_HOME");
 #endif
@@ -475,41 +429,26 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesThePathOfTheCopy) {
   EXPECT_EQ(cached.filename().string().substr(16), "-report.pdf");
 #endif
   EXPECT_EQ(ReadAll(cached), "pdf bytes");
-  EXPECT_EQ(progress.values.back(), 1.0);
+  EXPECT_EQ(quiet.values.back(), 1.0);
+  EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
-// Against nginx, the real-world peer, byte for byte.
-constexpr std::uint64_t kFileSize = 64ull << 20;
+// Against nginx, the real-world peer, byte for byte: random ranges read on four threads, the
+// file's information, and a download with its progress.
+TEST_F(ProtocolTest, NginxRandomRangesOnFourThreadsInformationAndGetFileMatchWhatItServes) {
+  if (!NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
+  NginxHarness nginx;
+  ASSERT_TRUE(nginx.ok()) << nginx.error();
+  constexpr std::uint64_t kFileSize = 64ull << 20;
+  std::string content(kFileSize, '\0');
+  std::mt19937_64 random(42);
+  std::generate(content.begin(), content.end(), [&] { return static_cast<char>(random()); });
+  nginx.WriteFile("data/file.bin", content);
+  const std::wstring url = W(nginx.Url("/data/file.bin"));
 
-class NginxFileProtocolTest : public ProtocolTest {
- protected:
-  static void SetUpTestSuite() {
-    if (!NginxHarness::Installed()) return;
-    nginx_ = new NginxHarness();
-    content_ = new std::string(kFileSize, '\0');
-    std::mt19937_64 random(42);
-    std::generate(content_->begin(), content_->end(), [&] { return static_cast<char>(random()); });
-    if (nginx_->ok()) nginx_->WriteFile("data/file.bin", *content_);
-  }
-  static void TearDownTestSuite() {
-    delete nginx_;
-    delete content_;
-  }
-  void SetUp() override {
-    if (nginx_ == nullptr) GTEST_SKIP() << "nginx is not installed";
-    ASSERT_TRUE(nginx_->ok()) << nginx_->error();
-    ProtocolTest::SetUp();
-  }
-
-  static inline NginxHarness* nginx_ = nullptr;
-  static inline std::string* content_ = nullptr;
-};
-
-TEST_F(NginxFileProtocolTest, RandomRangesOnFourThreadsReturnExactlyTheFilesBytes) {
   constexpr int kThreads = 4;
   constexpr std::uint64_t kMaxRead = 256 * 1024;
-  TqUFileHandle* file =
-      protocol_->OpenFile(W(nginx_->Url("/data/file.bin")).c_str(), TqUFileProtocol::OpenRead);
+  TqUFileHandle* file = protocol_->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
   ASSERT_NE(file, nullptr);
   std::vector<std::string> first_failure(kThreads);  // empty while every read is right
   std::vector<std::thread> threads;
@@ -534,8 +473,8 @@ TEST_F(NginxFileProtocolTest, RandomRangesOnFourThreadsReturnExactlyTheFilesByte
                                                          buffer.data(), &total);
         protocol_->ReleaseRequestHandle(request);
         if (n != static_cast<std::int64_t>(expected) || total != kFileSize ||
-            content_->compare(offset, expected, reinterpret_cast<const char*>(buffer.data()),
-                              expected) != 0) {
+            content.compare(offset, expected, reinterpret_cast<const char*>(buffer.data()),
+                            expected) != 0) {
           fail("count " + std::to_string(n) + " total " + std::to_string(total) + " at " +
                std::to_string(offset));
         }
@@ -546,21 +485,17 @@ TEST_F(NginxFileProtocolTest, RandomRangesOnFourThreadsReturnExactlyTheFilesByte
   for (auto& t : threads) t.join();
   protocol_->CloseFile(file);
   for (int t = 0; t < kThreads; ++t) EXPECT_EQ(first_failure[t], "") << "thread " << t;
-  EXPECT_THAT(TakeLog(), IsEmpty());
-}
 
-TEST_F(NginxFileProtocolTest, FileInformationAndGetFileMatchWhatNginxServes) {
 #if defined(_WIN32)
   struct _stat64 st {};
-  ASSERT_EQ(_wstat64((nginx_->root() / "data" / "file.bin").c_str(), &st), 0);
+  ASSERT_EQ(_wstat64((nginx.root() / "data" / "file.bin").c_str(), &st), 0);
 #else
   struct stat st {};
-  ASSERT_EQ(stat((nginx_->root() / "data" / "file.bin").c_str(), &st), 0);
+  ASSERT_EQ(stat((nginx.root() / "data" / "file.bin").c_str(), &st), 0);
 #endif
   char etag[64];
   std::snprintf(etag, sizeof etag, "\"%llx-%llx\"", static_cast<unsigned long long>(st.st_mtime),
                 static_cast<unsigned long long>(st.st_size));
-  const std::wstring url = W(nginx_->Url("/data/file.bin"));
   TqUFileInfo info;
   ASSERT_TRUE(protocol_->GetFileInfo(url.c_str(), &info));
   EXPECT_EQ(info.GetFileSize(), kFileSize);
@@ -571,11 +506,12 @@ TEST_F(NginxFileProtocolTest, FileInformationAndGetFileMatchWhatNginxServes) {
   const auto target = dir.path() / "copy.bin";
   RecordedProgress progress;
   ASSERT_TRUE(protocol_->GetFile(url.c_str(), W(target.string()).c_str(), &progress));
-  EXPECT_TRUE(ReadAll(target) == *content_);
+  EXPECT_TRUE(ReadAll(target) == content);
   const auto& p = progress.values;  // from 0 through a value between to 1, never back
   ASSERT_GE(p.size(), 3u);
   EXPECT_TRUE(p.front() == 0.0 && p.back() == 1.0 && std::is_sorted(p.begin(), p.end()));
   EXPECT_TRUE(std::any_of(p.begin(), p.end(), [](double f) { return f > 0.0 && f < 1.0; }));
+  EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
 }  // namespace

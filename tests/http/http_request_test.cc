@@ -12,43 +12,30 @@
 namespace qv::net {
 namespace {
 
-TEST(HttpRequestTest, HeadersKeepOrderAndDuplicatesAndRemoveIsExact) {
+// Headers keep their order and duplicates, and removal is by the exact name. A name or value
+// holding CR or LF is dropped with its log line: an ETag holding a bare CR once went out inside
+// If-None-Match and split the header block, so a server could add headers to later requests.
+TEST(HttpRequestTest, HeadersKeepOrderAndAnyHoldingCrOrLfIsDroppedAndNeverFormatted) {
+  tq::test::LogCapture log;
   HttpRequest request(L"https://example.com/x?y=1", HttpMethod::Get);
   EXPECT_EQ(request.FormatHeaders(), L"");
   request.AddHeader(L"Range", L"1");
+  const wchar_t* refused[][2] = {{L"If-None-Match", L"\"v1\"\rX-Injected: 1"},
+                                 {L"If-None-Match", L"\"v1\"\nX-Injected: 1"},
+                                 {L"X-Injected: 1\r\nIf-None-Match", L"\"v1\""},
+                                 {L"X-Name\n", L"1"},
+                                 {L"X-Value", L"\r"}};
+  for (const auto& header : refused) request.AddHeader(header[0], header[1]);
   request.AddHeader(L"X-Empty", L"");
   request.AddHeader(L"Range", L"3");
   EXPECT_EQ(request.FormatHeaders(), L"Range: 1\r\nX-Empty: \r\nRange: 3");
+  EXPECT_EQ(log.Lines(), std::vector<std::string>(
+                             std::size(refused),
+                             "Request header dropped: its name or value holds CR, LF or NUL\n"));
   request.RemoveHeader(L"range");
   EXPECT_EQ(request.FormatHeaders(), L"Range: 1\r\nX-Empty: \r\nRange: 3");
   request.RemoveHeader(L"Range");
   EXPECT_EQ(request.FormatHeaders(), L"X-Empty: ");
-}
-
-// Regression: an ETag holding a bare CR went out inside If-None-Match, and the header block was
-// split at it, so a server could add headers of its own to later requests.
-TEST(HttpRequestTest, ANameOrValueHoldingCrOrLfIsDroppedAndNeverFormatted) {
-  tq::test::LogCapture log;
-  HttpRequest request(L"http://example.com/", HttpMethod::Get);
-  request.AddHeader(L"Range", L"bytes=0-9");
-  const struct {
-    const wchar_t* name;
-    const wchar_t* value;
-  } refused[] = {
-      {L"If-None-Match", L"\"v1\"\rX-Injected: 1"},
-      {L"If-None-Match", L"\"v1\"\nX-Injected: 1"},
-      {L"X-Injected: 1\r\nIf-None-Match", L"\"v1\""},
-      {L"X-Name\n", L"1"},
-      {L"X-Value", L"\r"},
-  };
-  for (const auto& header : refused) request.AddHeader(header.name, header.value);
-  request.AddHeader(L"X-Last", L"ok");
-  EXPECT_EQ(request.FormatHeaders(), L"Range: bytes=0-9\r\nX-Last: ok");
-  EXPECT_EQ(log.Lines(), std::vector<std::string>(
-                             std::size(refused),
-                             "Request header dropped: its name or value holds CR, LF or NUL\n"));
-  request.RemoveHeader(L"If-None-Match");
-  EXPECT_EQ(request.FormatHeaders(), L"Range: bytes=0-9\r\nX-Last: ok");
 }
 
 // Appends its name to a shared trace and a header to the request; throws if named "throw".

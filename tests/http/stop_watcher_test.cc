@@ -26,58 +26,43 @@ void ExpectAStoppedWatchRuns() {
   EXPECT_TRUE(watch.Finish());
 }
 
-TEST(StopWatcherTest, AStopRunsTheActionOnceOnAnotherThreadAndAFinishedWatchNeverRunsIt) {
+// A stop runs the action once, on the watcher's thread, and Finish waits for it to end; a watch
+// finished before its stop never runs it. A shut-down watcher serves no watch left registered,
+// and a new watch starts its thread again.
+TEST(StopWatcherTest, AStopRunsTheActionOnceElsewhereFinishWaitsForItAndShutdownRestarts) {
   qv::stop_source source;
-  tq::test::Latch ran(1);
+  tq::test::Latch started(1);
+  std::promise<void> release;
   std::atomic<int> runs{0};
   std::thread::id runner;
   StopWatch watch(source.get_token(), [&] {
     runner = std::this_thread::get_id();
-    ++runs;
-    ran.count_down();
-  });
-  source.request_stop();
-  ran.wait();
-  EXPECT_TRUE(watch.Finish());
-  EXPECT_TRUE(watch.Finish()) << "the answer does not change";
-  EXPECT_EQ(runs, 1);
-  EXPECT_NE(runner, std::this_thread::get_id());
-
-  // Finished before its stop: never runs, though the watcher has looked at its tokens since.
-  qv::stop_source early;
-  std::atomic<bool> early_ran{false};
-  {
-    StopWatch finished(early.get_token(), [&] { early_ran = true; });
-    EXPECT_FALSE(finished.Finish());
-  }
-  early.request_stop();
-  ExpectAStoppedWatchRuns();
-  EXPECT_FALSE(early_ran);
-}
-
-TEST(StopWatcherTest, FinishWaitsForARunningActionAndTheThreadRestartsAfterShutdown) {
-  qv::stop_source source;
-  tq::test::Latch started(1);
-  std::promise<void> release;
-  std::atomic<bool> ended{false};
-  StopWatch watch(source.get_token(), [&] {
     started.count_down();
     release.get_future().wait();
-    ended = true;
+    ++runs;
   });
   source.request_stop();
   started.wait();
   std::future<bool> finished = std::async(std::launch::async, [&] { return watch.Finish(); });
   release.set_value();
   EXPECT_TRUE(finished.get());
-  EXPECT_TRUE(ended) << "Finish returned while the action was still running";
+  EXPECT_EQ(runs, 1) << "Finish returned while the action was still running";
+  EXPECT_TRUE(watch.Finish()) << "the answer does not change";
+  EXPECT_NE(runner, std::this_thread::get_id());
 
-  // Shut down with a watch registered: that one is not served, a new one starts the thread.
+  qv::stop_source early;
+  std::atomic<bool> early_ran{false};
+  {
+    StopWatch done(early.get_token(), [&] { early_ran = true; });
+    EXPECT_FALSE(done.Finish());
+  }
+  early.request_stop();
   qv::stop_source orphan;
   StopWatch waiting(orphan.get_token(), [] {});
   ShutdownStopWatcher();
   ShutdownStopWatcher();
-  ExpectAStoppedWatchRuns();
+  ExpectAStoppedWatchRuns();  // the watcher has looked at its tokens since the early stop
+  EXPECT_FALSE(early_ran);
   EXPECT_FALSE(waiting.Finish());
   ShutdownStopWatcher();
 }

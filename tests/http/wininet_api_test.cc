@@ -47,14 +47,17 @@ class WinInetTest : public ::testing::Test {
 };
 
 // Header values of every length, numbers, dates by name and absent headers are read by the grind
-// through this class; here: what goes out, and a value that just fits the first buffer.
+// through this class; here: what goes out, a value that just fits the first buffer, and the
+// Retry-After a read stream waits for.
 TEST_F(WinInetTest, SendsPathQueryAndHeadersAndReadsTheAnswer) {
-  m_server.Route("/file",
-                 tq::test::ScriptedResponse(200, "hello world").Header("X-Short", "1234567"));
+  m_server.Route("/file", tq::test::ScriptedResponse(200, "hello world")
+                              .Header("X-Short", "1234567")
+                              .Header("Retry-After", "7"));
   ASSERT_TRUE(Send(m_server.Url("/file?x=1")));
   EXPECT_EQ(m_api.QueryStatusCode(m_request), 200u);
   EXPECT_EQ(m_api.QueryHeader(m_request, std::wstring(L"X-Short"), nullptr),
             std::wstring(L"1234567"));  // at most 7 characters fit the first 16-byte buffer
+  EXPECT_EQ(m_api.QueryHeaderNumeric(m_request, HttpHeader::RetryAfter, nullptr), 7u);
   char body[64];
   std::uint32_t read = 0, total = 0;
   do {
@@ -67,17 +70,14 @@ TEST_F(WinInetTest, SendsPathQueryAndHeadersAndReadsTheAnswer) {
   EXPECT_EQ(seen.Header("X-Test"), "yes");
 }
 
-TEST_F(WinInetTest, FailedConnectLogsHostAndCode) {
+// A failed connect logs its host and code. Regression: a URL whose port was out of range
+// connected to the scheme's default port instead (and port 0 means that port to WinINet): it
+// names no server it can reach, so no connection.
+TEST_F(WinInetTest, AFailedConnectLogsHostAndCodeAndAPortOutOfRangeGetsNoConnection) {
   tq::test::LogCapture log;
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", 12029, 1, 0));
   EXPECT_FALSE(Send("http://unreachable.example:81/"));
   EXPECT_EQ(log.Text(), "WinInet: InternetConnect(unreachable.example) failed with code 12029\n");
-}
-
-// Regression: a URL whose port was out of range connected to the scheme's default port instead
-// (and port 0 means that port to WinINet): it names no server it can reach, so no connection.
-TEST_F(WinInetTest, AUrlWithAPortOutOfRangeGetsNoConnection) {
-  tq::test::LogCapture log;  // the failed connects log their line
   for (const wchar_t* url : {L"http://127.0.0.1:65616/", L"http://127.0.0.1:0/"}) {
     void* connection = m_api.Connect(m_internet, TqUURL(url, false));
     EXPECT_EQ(connection, nullptr) << qv::WideToUtf8(url);

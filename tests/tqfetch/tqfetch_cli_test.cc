@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <utility>
 #include <string>
 
 #include "tests/support/same_answer_server.h"
@@ -37,41 +38,32 @@ Outcome Tqfetch(const std::string& args, const std::filesystem::path& cache_home
   return run;
 }
 
-TEST(TqfetchCliTest, AClosedPortIsReportedAsConnectionRefusedWithStatus1) {
-  tq::test::TempDir home;
-  const std::string url = "http://127.0.0.1:1/x";  // nothing listens there
-  for (const std::string& command : {"fetch " + url, "info " + url, "range " + url + " 0 10",
-                                    "download " + url + " " + (home.path() / "x").string()}) {
-    const Outcome run = Tqfetch(command, home.path());
-    EXPECT_EQ(run.status, 1) << command;
-    // One line that names the URL and ends in the reason.
-    EXPECT_EQ(run.output.rfind("tqfetch: ", 0), 0u) << command << ": " << run.output;
-    EXPECT_NE(run.output.find(url), std::string::npos) << command << ": " << run.output;
-    EXPECT_TRUE(run.output.ends_with(": connection refused\n")) << command << ": " << run.output;
-  }
-}
-
-TEST(TqfetchCliTest, AnHttpFailureAndAnUntrustedCertificateAreNamed) {
+// Each command's failure is one line that names the URL and ends in the reason. The reason is
+// the failed request's own: a server that answers differently when asked again (here 404
+// first, 503 after) is named by its first answer.
+TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   tq::test::TempDir home;
   tq::test::ScriptedServer server;
   ASSERT_TRUE(server.ok());
-  const Outcome missing = Tqfetch("fetch " + server.Url("/missing"), home.path());
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(missing.output.find(": HTTP 404 Not Found\n"), std::string::npos) << missing.output;
-
-  // The reason is the failed request's own: a server that answers differently when asked again
-  // (here 404 first, 503 after) is named by its first answer.
-  const std::string changing = server.Url("/changing");
-  for (const std::string& command :
-       {"fetch " + changing, "info " + changing, "range " + changing + " 0 10",
-        "download " + changing + " " + (home.path() / "changing").string()}) {
-    auto answers = std::make_shared<std::atomic<int>>(0);
-    server.Route("/changing", [answers](const tq::test::RecordedRequest&) {
-      return tq::test::ScriptedResponse((*answers)++ == 0 ? 404 : 503);
-    });
-    const Outcome run = Tqfetch(command, home.path());
-    EXPECT_EQ(run.status, 1) << command;
-    EXPECT_TRUE(run.output.ends_with(": HTTP 404 Not Found\n")) << command << ": " << run.output;
+  const std::string file = (home.path() / "x").string();
+  const std::pair<std::string, std::string> urls[] = {
+      {"http://127.0.0.1:1/x", "connection refused"},  // nothing listens there
+      {server.Url("/changing"), "HTTP 404 Not Found"}};
+  for (const auto& [url, reason] : urls) {
+    const std::pair<std::string, std::string> commands[] = {
+        {"fetch " + url, "could not open " + url},
+        {"info " + url, "no file information for " + url},
+        {"range " + url + " 0 10", "cannot read bytes 0+10 of " + url},
+        {"download " + url + " " + file, "download of " + url + " to " + file + " failed"}};
+    for (const auto& [command, what] : commands) {
+      auto answers = std::make_shared<std::atomic<int>>(0);
+      server.Route("/changing", [answers](const tq::test::RecordedRequest&) {
+        return tq::test::ScriptedResponse((*answers)++ == 0 ? 404 : 503);
+      });
+      const Outcome run = Tqfetch(command, home.path());
+      EXPECT_EQ(run.status, 1) << command;
+      EXPECT_EQ(run.output, "tqfetch: " + what + ": " + reason + "\n");
+    }
   }
 
   tq::test::TlsFiles tls;
@@ -81,53 +73,48 @@ TEST(TqfetchCliTest, AnHttpFailureAndAnUntrustedCertificateAreNamed) {
   secure.Route("/a", tq::test::ScriptedResponse(200, "a"));
   const Outcome untrusted = Tqfetch("fetch " + secure.Url("/a"), home.path());
   EXPECT_EQ(untrusted.status, 1);
-  EXPECT_NE(untrusted.output.find(": certificate not trusted\n"), std::string::npos)
-      << untrusted.output;
+  EXPECT_EQ(untrusted.output,
+            "tqfetch: could not open " + secure.Url("/a") + ": certificate not trusted\n");
 }
 
-// What is written to standard output is the body, byte for byte (line ends included).
-TEST(TqfetchCliTest, FetchAndRangeWriteTheBodyAsItCame) {
+// What is written to standard output is the body, byte for byte (line ends included); output
+// that cannot be written is a failure, not a success with the bytes lost. So are files, under
+// the names given, whatever their characters. A server's text reaches the terminal without the
+// control characters that would steer it.
+TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesControls) {
   tq::test::TempDir home;
   tq::test::ScriptedServer server;
   ASSERT_TRUE(server.ok());
   const std::string body("a\nb\r\nc\x1a\0d\n", 10);
   server.Route("/f", tq::test::ScriptedResponse(200, body));
-  const Outcome fetched = Tqfetch("fetch " + server.Url("/f"), home.path());
+  const std::string url = server.Url("/f");
+  const Outcome fetched = Tqfetch("fetch " + url, home.path());
   EXPECT_EQ(fetched.status, 0);
   EXPECT_EQ(fetched.output, body);
-  const Outcome range = Tqfetch("range " + server.Url("/f") + " 1 6", home.path());
+  const Outcome range = Tqfetch("range " + url + " 1 6", home.path());
   EXPECT_EQ(range.status, 0);
   EXPECT_EQ(range.output, body.substr(1, 6));
-
-  // Output that cannot be written is a failure, not a success with the bytes lost.
-  for (const std::string& command : {"fetch " + server.Url("/f") + " >/dev/full",
-                                     "range " + server.Url("/f") + " 1 6 >/dev/full",
-                                     "fetch " + server.Url("/f") + " -o /dev/full"}) {
+  for (const std::string& command : {"fetch " + url + " >/dev/full",
+                                     "range " + url + " 1 6 >/dev/full",
+                                     "fetch " + url + " -o /dev/full"}) {
     EXPECT_EQ(Tqfetch(command, home.path()).status, 1) << command;
   }
-
-  // So do files, under the names given, whatever their characters.
   const std::filesystem::path file = home.path() / std::filesystem::path(u8"caf\u00e9 \u65e5.bin");
-  for (const std::string& command :
-       {"fetch " + server.Url("/f") + " -o", "download " + server.Url("/f")}) {
+  for (const std::string& command : {"fetch " + url + " -o", "download " + url}) {
     std::filesystem::remove(file);
     const Outcome run = Tqfetch(command + " '" + file.string() + "'", home.path());
     EXPECT_EQ(run.status, 0) << command << ": " << run.output;
     std::ifstream in(file, std::ios::binary);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), body) << command;
   }
-}
 
-// A server's text reaches the terminal without the control characters that would steer it.
-TEST(TqfetchCliTest, InfoShowsTheServersTextWithoutControlCharacters) {
-  tq::test::TempDir home;
-  tq::test::SameAnswerServer server(
+  tq::test::SameAnswerServer raw(
       "HTTP/1.1 200 OK\r\nContent-Length: 4\r\nETag: \"a\x1b]0;title\x07\x1b[2Jb\"\r\n\r\nabcd");
-  ASSERT_TRUE(server.ok());
-  const Outcome run = Tqfetch("info " + server.Url("/f"), home.path());
-  EXPECT_EQ(run.status, 0);
-  EXPECT_NE(run.output.find("  revision  \"a\\x1b]0;title\\x07\\x1b[2Jb\"\n"), std::string::npos)
-      << run.output;
+  ASSERT_TRUE(raw.ok());
+  const Outcome info = Tqfetch("info " + raw.Url("/f"), home.path());
+  EXPECT_EQ(info.status, 0);
+  EXPECT_NE(info.output.find("  revision  \"a\\x1b]0;title\\x07\\x1b[2Jb\"\n"), std::string::npos)
+      << info.output;
 }
 
 TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
