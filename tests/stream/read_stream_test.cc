@@ -72,7 +72,7 @@ TEST_F(HttpReadStreamTest, HeadFirstLearnsTheSizeButNotFromA405AndAHugeSizeIsNot
 
 // 429 waits 2 s more per retry, 502 50 ms more, in one shared count of five retries; a
 // Retry-After of up to 30 s replaces the wait, a longer one is not retried. A retry resends the
-// headers the handlers left without running them again; a 304 is not logged.
+// caller's headers and those the handlers left without running them again; a 304 is not logged.
 TEST_F(HttpReadStreamTest, TooManyRequestsAndBadGatewayRetriesAreBoundedAndHonourRetryAfter) {
   struct Case {
     std::vector<FakeResponse> script;
@@ -102,12 +102,16 @@ TEST_F(HttpReadStreamTest, TooManyRequestsAndBadGatewayRetriesAreBoundedAndHonou
     const int closes = m_api.CloseCount();
     const int handled = handler.Count();
     for (const FakeResponse& response : c.script) m_api.Queue(response);
-    auto stream = HttpReadStream::Open(kUrl, 0, {});
+    qv::net::HttpRequest request(kUrl, qv::net::HttpMethod::Get);  // the handlers amend it
+    request.AddHeader(L"If-None-Match", L"\"v1\"");
+    auto stream = HttpReadStream::Open(request, {});
     const auto waited = Sleeps();
     EXPECT_THAT(std::vector(waited.begin() + sleeps, waited.end()), ElementsAreArray(c.sleeps));
     const auto sent = m_api.Sent();
     EXPECT_EQ(sent.size() - sends, c.script.size());
-    for (std::size_t i = sends; i < sent.size(); ++i) EXPECT_EQ(sent[i].headers, L"X-Handler: 1");
+    for (std::size_t i = sends; i < sent.size(); ++i) {
+      EXPECT_EQ(sent[i].headers, L"If-None-Match: \"v1\"\r\nX-Handler: 1");
+    }
     EXPECT_EQ(handler.Count() - handled, 1) << "the handlers do not run again for a retry";
     EXPECT_EQ(m_api.CloseCount() - closes, static_cast<int>(c.script.size()) - 1)
         << "each answer retried is closed before the next send";
