@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 namespace {
 
@@ -15,7 +16,7 @@ using qv::TakeDecimal;
 
 constexpr std::uint64_t kMax = 18446744073709551615u;
 
-TEST(DecimalTest, OnlyDigitsWithinTheLimitAreANumber) {
+TEST(DecimalTest, OnlyDigitsWithinTheLimitAreANumberAndReadBackAsWritten) {
   struct Case {
     std::string_view text;
     std::uint64_t max;
@@ -52,24 +53,17 @@ TEST(DecimalTest, OnlyDigitsWithinTheLimitAreANumber) {
     qv::AppendDecimal(value, &text);
     EXPECT_EQ(text, L"=" + std::to_wstring(value));
   }
-}
-
-TEST(DecimalTest, TakingANumberOffTheFrontLeavesTheRestOrNothingOnRefusal) {
-  struct Case {
-    std::string_view text;
-    std::optional<std::uint64_t> expected;
-    std::string_view rest;
-  };
-  const Case cases[] = {
+  // Taking a number off the front leaves the rest, or everything on a refusal.
+  const std::tuple<std::string_view, std::optional<std::uint64_t>, std::string_view> taken[] = {
       {"0-99/100", 0, "-99/100"},
       {"-1", std::nullopt, "-1"},
       {"", std::nullopt, ""},
       {"18446744073709551616-1", std::nullopt, "18446744073709551616-1"},  // too large
   };
-  for (const Case& c : cases) {
-    std::string_view text = c.text;
-    EXPECT_EQ(TakeDecimal(text), c.expected) << std::string(c.text);
-    EXPECT_EQ(text, c.rest) << std::string(c.text);
+  for (const auto& [text, expected, rest] : taken) {
+    std::string_view left = text;
+    EXPECT_EQ(TakeDecimal(left), expected) << std::string(text);
+    EXPECT_EQ(left, rest) << std::string(text);
   }
 }
 

@@ -255,9 +255,14 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
   if (!links) GTEST_SKIP() << "links unchecked: " << NoLinkReason();
 }
 
-TEST(SysFileTest, ADirectoryListsSizesAndRemovesByNameWithoutFollowingLinks) {
+// A directory lists its entries (a link is no regular file, wherever it leads), reads the first
+// bytes of its regular files only, leaving nothing open, and removes by name without following
+// links.
+TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLinks) {
   tq::test::TempDir dir;
-  WriteText(dir / "file", "12345");
+  WriteText(dir / "file", "0123456789");
+  WriteText(dir / "empty", "");
+  std::filesystem::create_directory(dir / "sub");
   const bool links =
       MakeLink(dir / "file", dir / "link") && MakeLink(dir / "missing", dir / "dangling");
   if (!links) std::printf("no links: %s\n", NoLinkReason());
@@ -267,17 +272,27 @@ TEST(SysFileTest, ADirectoryListsSizesAndRemovesByNameWithoutFollowingLinks) {
   EXPECT_FALSE(directory.List([&](const TqUSysDirectory::Item& i) {
     items[Path(Path::string_type(i.name, i.length)).string()] = {i.regular, i.size};
   }));
-  expected["file"] = {true, 5};
+  expected["file"] = {true, 10};
+  expected["empty"] = {true, 0};
+  expected["sub"] = {false, -1};
   if (links) expected["link"] = expected["dangling"] = {false, -1};
   EXPECT_EQ(items, expected);
+  const std::tuple<const char*, std::size_t, std::string> starts[] = {
+      {"file", 4, "0123"},          {"file", 64, "0123456789"}, {"empty", 16, ""},
+      {"missing", 16, "<refused>"}, {"sub", 16, "<refused>"}};
+  for (const auto& [name, size, bytes] : starts) {
+    EXPECT_EQ(Start(directory, name, size), bytes) << name << ", " << size;
+  }
+  EXPECT_TRUE(Open(dir / "file", kRewrite)) << "nothing of the read stays open";
+  EXPECT_EQ(Start(TqUSysDirectory(dir / "absent"), "file", 4), "<refused>");
   std::error_code ec;
-  EXPECT_EQ(directory.FileSize(Path("file").c_str()), 5);
+  EXPECT_EQ(directory.FileSize(Path("file").c_str()), 10);
   EXPECT_FALSE(directory.Exists(Path("none").c_str(), ec));
   if (links) {
     EXPECT_EQ(directory.FileSize(Path("link").c_str()), -1);
     EXPECT_TRUE(directory.Exists(Path("dangling").c_str(), ec)) << "there, wherever it leads";
     EXPECT_TRUE(directory.RemoveFile(Path("link").c_str(), ec));
-    EXPECT_EQ(ReadText(dir / "file"), "12345") << "what a removed link leads to stays";
+    EXPECT_EQ(ReadText(dir / "file"), "0123456789") << "what a removed link leads to stays";
   }
   EXPECT_TRUE(directory.RemoveFile(Path("file").c_str(), ec));
   EXPECT_FALSE(directory.RemoveFile(Path("file").c_str(), ec)) << "nothing there any more";
@@ -423,23 +438,6 @@ TEST(FileProtocolTest, ResolvesAgainstTheBaseAndRegistersSchemesOnceInAnyCase) {
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), registry) << "still counted once";
   TqUFileProtocolRegistry::Terminate();
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), nullptr);
-}
-
-TEST(ReadStartTest, ReadsTheFirstBytesOfRegularFilesOnlyAndLeavesNothingOpen) {
-  tq::test::TempDir dir;
-  const TqUSysDirectory directory(dir.path());
-  ASSERT_FALSE(directory.Error());
-  WriteText(dir / "file", "0123456789");
-  WriteText(dir / "empty", "");
-  std::filesystem::create_directory(dir / "sub");
-  const std::tuple<const char*, std::size_t, std::string> cases[] = {
-      {"file", 4, "0123"},          {"file", 64, "0123456789"}, {"empty", 16, ""},
-      {"missing", 16, "<refused>"}, {"sub", 16, "<refused>"}};
-  for (const auto& [name, size, expected] : cases) {
-    EXPECT_EQ(Start(directory, name, size), expected) << name << ", " << size;
-  }
-  EXPECT_TRUE(Open(dir / "file", kRewrite)) << "nothing of the read stays open";
-  EXPECT_EQ(Start(TqUSysDirectory(dir / "absent"), "file", 4), "<refused>");
 }
 
 }  // namespace
