@@ -1,8 +1,5 @@
 #include "tests/support/servers/temp_dir.h"
 
-#include <stdlib.h>
-
-#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <stdexcept>
@@ -21,19 +18,10 @@ std::filesystem::path MakeNewDirectory(const std::filesystem::path& base,
   throw std::runtime_error("cannot create a directory in " + base.string());
 }
 
-TempDir::TempDir() {
-#if defined(_WIN32)
-  // No mkdtemp: a random name, taken only if nobody has it yet (TMP / TEMP name the base).
-  path_ = MakeNewDirectory(std::filesystem::temp_directory_path(), "tqtest-");
-#else
-  const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                        "/tqtest-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    throw std::runtime_error("cannot create a temporary directory from " + pattern);
-  }
-  path_ = pattern;
-#endif
+// A random name, taken only if nobody has it yet ($TMPDIR, or TMP / TEMP on Windows, names the
+// base), for its owner alone as mkdtemp makes one.
+TempDir::TempDir() : path_(MakeNewDirectory(std::filesystem::temp_directory_path(), "tqtest-")) {
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all);
 }
 
 TempDir::~TempDir() {
