@@ -27,6 +27,7 @@ namespace {
 TEST(StopTokenTest, AStopRequestedOnOneThreadIsSeenOnOthers) {
   auto source = std::make_unique<qv::stop_source>();
   const qv::stop_token survivor = source->get_token();
+  EXPECT_FALSE(survivor.stop_requested());
   std::atomic<int> winners{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
