@@ -382,19 +382,17 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   ASSERT_TRUE(meta.etag && meta.modified);
   EXPECT_EQ(*meta.modified, kModified) << "whole seconds, rounded down";
   EXPECT_EQ(*meta.etag, "9-" + std::to_string(kModified)) << "a tag from size and time";
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream(L"file://otherhost/etc/hostname", {}));
-  // Regression: with an empty host and a path that starts with "//", another host's file (a UNC
-  // path on Windows) was opened, which the URL may not name with a host.
-  const std::wstring two_slashes = L"file:///" + FileUrl(path).substr(7);  // file:////dir/f
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream(two_slashes.c_str(), {}));
-  // Regression: a NUL decoded into the path ended it where the system read it, so this URL
-  // opened "f" although it names another file.
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(path) + L"%00.txt").c_str(), {}));
-  // Regression: an encoded "/" was decoded into a separator, so this URL, which names a file
-  // "../f" inside "sub", opened "f" beside "sub".
+  // Refused: a file of another host; and regressions, each of which opened a file the URL does
+  // not name: an empty host with a path that starts with "//" (another host's file, a UNC path
+  // on Windows), a NUL decoded into the path (it ended there as the system read it, so "f"
+  // opened), an encoded "/" decoded into a separator ("../f" inside "sub" opened "f" beside it).
   std::filesystem::create_directory(dir / "sub");
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(dir / "sub") + L"/..%2Ff").c_str(), {}));
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(dir / "sub") + L"/..%2ff").c_str(), {}));
+  for (const std::wstring& refused :
+       {std::wstring(L"file://otherhost/etc/hostname"), L"file:///" + FileUrl(path).substr(7),
+        FileUrl(path) + L"%00.txt", FileUrl(dir / "sub") + L"/..%2Ff",
+        FileUrl(dir / "sub") + L"/..%2ff"}) {
+    EXPECT_FALSE(TqUFileURL::OpenURLReadStream(refused.c_str(), {})) << qv::WideToUtf8(refused);
+  }
   qv::stop_source stop;
   stop.request_stop();
   EXPECT_FALSE(TqUFileURL::OpenURLReadStream(url.c_str(), stop.get_token()))
