@@ -59,7 +59,25 @@ std::optional<std::string> EntryBody(const std::string& bytes, const std::string
   return bytes.substr(empty.size());
 }
 
-using CacheStoreFaultLoop = FakeTransportTest;
+// A cache on its own directory, and one round of a loop: `act` with the Nth file operation
+// failing. Gives the failing operation's name ("none" once N is past the last one).
+class CacheStoreFaultLoop : public FakeTransportTest {
+ protected:
+  template <class Act>
+  std::string FailAt(std::uint64_t n, Act act) {
+    const int descriptors = OpenDescriptors();
+    TqUSysFileFaults::Arm(n, kFileFault);
+    act();
+    const char* failed = TqUSysFileFaults::Failed();
+    const std::string name = TqUSysFileFaults::Disarm() <= n ? "none" : failed ? failed : "?";
+    EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptor leaked, failing operation " << n;
+    return name;
+  }
+
+  TempDir m_dir;
+  ScopedClock m_clock{1000};
+  qv::net::DiskCache m_cache{m_dir.path().wstring().c_str()};
+};
 
 const std::string kCopyFailed =
     "Failed to read or write stream in CopyStream: FileWriteStream: cannot write the file\n";
@@ -69,48 +87,40 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
   const std::string key = "http://example.test/entry";
   const std::string old_body = "the old body";
   const std::string new_body(100000, 'n');
-  TempDir dir;
-  ScopedClock clock(1000);
-  qv::net::DiskCache cache(dir.path().wstring().c_str());
-  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, cache.Directory());
-  fs::path temporary = entry;
-  temporary += ".tmp";
+  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, m_cache.Directory());
+  const fs::path temporary = fs::path(entry) += ".tmp";
+  FakeResponse answer;
+  answer.dates[L"Date"] = 1000;
+  answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"");
+  answer.Header(L"Content-Length", std::to_wstring(new_body.size()));
+  for (std::size_t at = 0; at < new_body.size(); at += 30000) {
+    answer.Body(new_body.substr(at, 30000));
+  }
 
-  bool stored = false;
   bool rename_failed = false;
-  for (std::uint64_t n = 0; !stored; ++n) {
+  for (std::uint64_t n = 0;; ++n) {
     ASSERT_LT(n, 200u) << "the store never got through";
     // A stale entry of another tag, so that the open loads it, asks anew and replaces it.
     WriteFileBytes(entry, EntryBytes(1, 999, "\"old\"", key, old_body));
-    FakeResponse answer;
-    answer.dates[L"Date"] = 1000;
-    answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"");
-    answer.Header(L"Content-Length", std::to_wstring(new_body.size()));
-    for (std::size_t at = 0; at < new_body.size(); at += 30000) {
-      answer.Body(new_body.substr(at, 30000));
-    }
     m_api.Queue(answer);
     m_log.Clear();
-    const int descriptors = OpenDescriptors();
-
-    TqUSysFileFaults::Arm(n, kFileFault);
     std::string served = "<null>";
-    if (auto stream = cache.OpenUrl(url, 0, {})) {
-      try {
-        served = ReadAll(*stream, 65536);
-      } catch (const std::runtime_error& e) {
-        served = std::string("<thrown> ") + e.what();
+    const std::string failed = FailAt(n, [&] {
+      if (auto stream = m_cache.OpenUrl(url, 0, {})) {
+        try {
+          served = ReadAll(*stream, 65536);
+        } catch (const std::runtime_error& e) {
+          served = std::string("<thrown> ") + e.what();
+        }
       }
-    }
-    const char* failed = TqUSysFileFaults::Failed();
-    const std::uint64_t operations = TqUSysFileFaults::Disarm();
-    stored = operations <= n;
-    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + (failed ? failed : "none"));
+    });
+    const bool stored = failed == "none";
+    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + failed);
     // A store whose rename failed has lost its body: it is not renamed into place later, once
     // the temporary file is no longer held (another writer may have taken that name by then, and
     // its half-written file would become the entry). Windows renames no open file, so there the
     // rename is made once it is closed.
-    if (failed != nullptr && std::string(failed) == "rename") {
+    if (failed == "rename") {
       rename_failed = true;
 #if !defined(_WIN32)
       EXPECT_TRUE(served == "<null>") << "served " << served.size() << " bytes";
@@ -134,7 +144,6 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
       EXPECT_FALSE(old_whole && served == "<null>") << "a refresh that failed kept the old entry";
     }
     EXPECT_FALSE(fs::exists(temporary)) << "temporary file left behind";
-    EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptor leaked";
     if (stored) {
       EXPECT_EQ(served, new_body);
       EXPECT_EQ(EntryBody(ReadFileBytes(entry), "\"new\"", key), new_body);
@@ -144,11 +153,12 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
     if (!stored && !(fs::exists(entry) && EntryBody(ReadFileBytes(entry), "\"new\"", key))) {
       m_api.Queue(answer);
     }
-    auto again = cache.OpenUrl(url, 0, {});
+    auto again = m_cache.OpenUrl(url, 0, {});
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(ReadAll(*again), new_body);
     again.reset();  // Windows removes no open file
     fs::remove(entry);
+    if (stored) break;
   }
   EXPECT_TRUE(rename_failed);
 }
@@ -157,44 +167,36 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
 // open of the write stream fails, the caller is told (null) and no other body than the old one
 // whole is ever read back under the name; a write that fails throws to the caller.
 TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLeavesAFakeBody) {
-  TempDir dir;
-  ScopedClock clock(1000);
-  qv::net::DiskCache cache(dir.path().wstring().c_str());
   const std::string old_body(50000, 'o');
   const std::string new_body(100000, 'n');
   // What a reader gets under the name, told in a few words.
   const auto read_back = [&]() -> std::string {
-    auto stream = cache.OpenReadStream(L"name");
+    auto stream = m_cache.OpenReadStream(L"name");
     if (!stream) return "<null>";
     const std::string body = ReadAll(*stream);
     if (body == old_body) return "old body";
     if (body == new_body) return "new body";
     return "another body of " + std::to_string(body.size()) + " bytes";
   };
-  bool written = false;
-  for (std::uint64_t n = 0; !written; ++n) {
+  for (std::uint64_t n = 0;; ++n) {
     ASSERT_LT(n, 200u) << "the write never got through";
     {
-      auto stream = cache.OpenWriteStream(L"name");
+      auto stream = m_cache.OpenWriteStream(L"name");
       ASSERT_NE(stream, nullptr);
       ASSERT_EQ(stream->Write(old_body.data(), old_body.size()), old_body.size());
     }
-    const int descriptors = OpenDescriptors();
-    TqUSysFileFaults::Arm(n, kFileFault);
     std::string outcome = "<null>";
-    if (auto stream = cache.OpenWriteStream(L"name")) {
-      try {
-        stream->Write(new_body.data(), new_body.size());
-        outcome = "written";
-      } catch (const std::runtime_error& e) {
-        outcome = std::string("<thrown> ") + e.what();
+    const std::string failed = FailAt(n, [&] {
+      if (auto stream = m_cache.OpenWriteStream(L"name")) {
+        try {
+          stream->Write(new_body.data(), new_body.size());
+          outcome = "written";
+        } catch (const std::runtime_error& e) {
+          outcome = std::string("<thrown> ") + e.what();
+        }
       }
-    }
-    const char* failed = TqUSysFileFaults::Failed();
-    const std::uint64_t operations = TqUSysFileFaults::Disarm();
-    written = operations <= n;
-    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + (failed ? failed : "none"));
-    EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptor leaked";
+    });
+    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + failed);
     if (outcome == "<null>") {
       EXPECT_THAT(read_back(), AnyOf("<null>", "old body"));
     } else if (outcome == "written") {
@@ -202,6 +204,7 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
     } else {
       EXPECT_EQ(outcome, "<thrown> FileWriteStream: cannot write the file");
     }
+    if (failed == "none") break;
   }
 }
 

@@ -13,12 +13,12 @@
 #include "net/http/http_api.h"
 #include "net/http/wininet_api.h"
 #include "net/stream/read_stream.h"
+#include "tests/cache/cache_test_support.h"
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/read_all.h"
 #include "tests/support/same_answer_server.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
-#include "tqutil/sys_time.h"
 
 namespace tq::test {
 namespace {
@@ -181,12 +181,8 @@ TEST(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
 }
 
 TEST(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) {
-  std::int64_t now = kDate;
-  TqUSysTime::SetClockForTesting([&now] { return now; });
-  struct RestoreClock {
-    ~RestoreClock() { TqUSysTime::SetClockForTesting({}); }
-  } restore_clock;
-  const Transcript reference = GrindEverySize([&now](SameAnswerServer& server) {
+  ScopedClock clock(kDate);
+  const Transcript reference = GrindEverySize([&clock](SameAnswerServer& server) {
     Transcript out;
     TempDir dir;
     qv::net::DiskCache cache(dir.path().wstring().c_str());
@@ -200,10 +196,10 @@ TEST(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) {
         out.push_back(Narrow(entry.ETag()) + " expires " + std::to_string(entry.Expiry() - kDate) +
                       " after " + std::to_string(server.requests()) + " requests");
       };
-      now = kDate + 5;
+      clock.Set(kDate + 5);
       open();  // stored
       open();  // fresh: served without a request
-      now = kDate + 61;
+      clock.Set(kDate + 61);
       open();  // stale: revalidated, the 304 keeps the body
     }
     std::string kinds;  // "conditional" or "plain" for each request, in order

@@ -2,14 +2,15 @@
 //   churn <dir> <iterations>   opens one URL again and again while answers alternate between two
 //                              bodies of different lengths and tags (exit status 0: every body
 //                              it was served was whole); or
-//   kill-mid-store <dir>       starts storing a new body for the URL, prints "storing" once part
-//                              of it is written, and blocks until it is killed.
+//   kill-mid-store <dir>       starts storing a new body for the URL and, once part of it is
+//                              written, kills itself as kill -9 would, with no clean-up.
 #if defined(_WIN32)
 #include <windows.h>
 #else
 #include <unistd.h>
 #endif
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -42,12 +43,10 @@ int main(int argc, char** argv) {
     int reads = 0;
     api.on_read = [&] {
       if (++reads != 2) return;  // the first chunk is in the temporary file
-      std::printf("storing\n");
-      std::fflush(stdout);
 #if defined(_WIN32)
-      ::Sleep(INFINITE);
+      ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(-9));
 #else
-      for (;;) ::pause();
+      ::raise(SIGKILL);
 #endif
     };
     tq::test::FakeResponse response;
@@ -55,7 +54,7 @@ int main(int argc, char** argv) {
     response.Header(L"ETag", L"\"new tag of another length\"");
     api.Queue(response.Body(std::string(100000, 'N')).Body(std::string(100000, 'N')));
     qv::net::DiskCache(qv::Utf8ToWide(argv[2]).c_str()).OpenUrl(tq::test::kChurnUrl, 0, {});
-    return 2;  // never reached: killed while storing
+    return 2;  // not reached: killed while storing
   }
   std::fprintf(stderr, "usage: cache_worker churn <dir> <iterations> | kill-mid-store <dir>\n");
   return 64;

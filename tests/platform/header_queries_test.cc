@@ -1,13 +1,17 @@
-// HttpQueryInfoW's buffer rules, through the WinINet API on one answer from a raw server.
+// HttpQueryInfoW through the WinINet API on one answer from a raw server: folded, repeated and
+// raw header forms, and the buffer rules; and the header names a block takes.
 // Lengths are bytes, sizeof(WCHAR) a character, in and out: the length needed counts the
 // terminator, the length on success does not, and nothing is written past the length given.
 #include <gtest/gtest.h>
+
+#include "platform/http_headers.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
 #include <string>
+#include <string_view>
 
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/servers/raw_responder.h"
@@ -20,6 +24,7 @@ const std::string kHead =
     "HTTP/1.1 206 Partial Content\r\nContent-Type: text/plain\r\nETag: \"abcdefgh\"\r\n"
     "Set-Cookie: a=1\r\nset-cookie: b=2\r\nContent-Range: bytes 0-4/5000\r\n"
     "X-Custom-Header: a value of some length\r\n"
+    "X-Folded: one\r\n two\n\t three \r\n   \r\nBlank-First:\r\n  a longer value\n"
     "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\nContent-Length: 5\r\n\r\n";
 
 constexpr DWORD W = sizeof(WCHAR);
@@ -62,15 +67,24 @@ class HeaderQueriesTest : public ::testing::Test {
       InternetOpenW(L"sdk-conformance", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0)};
   Handle connection_;
   Handle request_;
-  alignas(SYSTEMTIME) alignas(wchar_t) unsigned char storage_[300 * sizeof(wchar_t)];
+  alignas(SYSTEMTIME) alignas(wchar_t) unsigned char storage_[1024 * sizeof(wchar_t)];
 };
 
 // The documented two-call pattern: ask for the size (a null buffer, or for HTTP_QUERY_CUSTOM one
 // that holds just the name), then query into exactly that many bytes; one character less is
 // refused with the same length needed, and leaves the name in place.
 TEST_F(HeaderQueriesTest, EveryStringQueryNamesTheBytesItNeedsAndFitsThemExactly) {
-  std::wstring raw(kHead.begin(), kHead.end());  // lines end in NUL, the list in an empty one
-  for (std::size_t at; (at = raw.find(L"\r\n")) != std::wstring::npos;) raw.replace(at, 2, 1, 0);
+  // Lines end in CR LF (also those sent with a bare LF), or in NUL with the list ending in an
+  // empty one; a folded line keeps its breaks.
+  std::wstring crlf;
+  for (const char c : kHead) {
+    if (c == '\n' && (crlf.empty() || crlf.back() != L'\r')) crlf += L'\r';
+    crlf += static_cast<wchar_t>(c);
+  }
+  std::wstring raw = crlf;
+  for (std::size_t at = 0; (at = raw.find(L"\r\n", at)) != std::wstring::npos; ++at) {
+    if (raw[at + 2] != L' ' && raw[at + 2] != L'\t') raw.replace(at, 2, 1, 0);
+  }
   raw.pop_back();
   const struct {
     DWORD level;
@@ -83,10 +97,12 @@ TEST_F(HeaderQueriesTest, EveryStringQueryNamesTheBytesItNeedsAndFitsThemExactly
       {HTTP_QUERY_VERSION, nullptr, L"HTTP/1.1"},
       {HTTP_QUERY_REQUEST_METHOD, nullptr, L"GET"},
       {HTTP_QUERY_RAW_HEADERS, nullptr, raw},
-      {HTTP_QUERY_RAW_HEADERS_CRLF, nullptr, std::wstring(kHead.begin(), kHead.end())},
+      {HTTP_QUERY_RAW_HEADERS_CRLF, nullptr, crlf},
       {HTTP_QUERY_USER_AGENT | HTTP_QUERY_FLAG_REQUEST_HEADERS, nullptr, L"sdk-conformance"},
       {HTTP_QUERY_CUSTOM, L"x-custom-header", L"a value of some length"},
       {HTTP_QUERY_CUSTOM, L"CONTENT-range", L"bytes 0-4/5000"},  // names in any case
+      {HTTP_QUERY_CUSTOM, L"x-folded", L"one two three"},
+      {HTTP_QUERY_CUSTOM, L"blank-first", L"a longer value"},
   };
   for (const auto& q : queries) {
     SCOPED_TRACE(testing::Message() << "level 0x" << std::hex << q.level);
@@ -160,6 +176,21 @@ TEST_F(HeaderQueriesTest, OddLengthsMissingHeadersAndFixedSizeAnswers) {
   DWORD length = 64;
   EXPECT_EQ(Query(HTTP_QUERY_SET_COOKIE, nullptr, &length, false, &index), kAbsent);
   EXPECT_EQ(index, 2u);
+}
+
+// Header names are tokens: every other byte in a name refuses the line.
+TEST(HeaderNameTest, EveryByteOutsideTheTokenCharactersRefusesTheLine) {
+  constexpr std::string_view kSeparators = "()<>@,;\\\"/[]?={}";
+  for (int c = 0; c < 256; ++c) {
+    if (c == ':') continue;  // ends the name
+    const bool token = c > 0x20 && c < 0x7F && kSeparators.find(static_cast<char>(c)) ==
+                                                    std::string_view::npos;
+    using Result = tqplatform::HeaderBlock::LineResult;
+    tqplatform::HeaderBlock block;
+    ASSERT_EQ(block.AddLine("HTTP/1.1 200 OK\r\n"), Result::kAccepted);
+    const std::string line = std::string("X") + static_cast<char>(c) + "Y: v\r\n";
+    EXPECT_EQ(block.AddLine(line), token ? Result::kAccepted : Result::kInvalid) << "byte " << c;
+  }
 }
 
 }  // namespace

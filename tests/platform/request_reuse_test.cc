@@ -1,16 +1,13 @@
 // Sequential requests on one connection handle reuse its transfer slot and its libcurl handle,
 // which keeps its options from one request to the next: nothing a request asked for or left
-// behind (its method, body, range, own header lines, credentials, the room kept for body bytes)
-// may reach the request after it, in any order of requests.
+// behind (its method, path, body, range, own header lines, credentials, the room kept for body
+// bytes) may reach the request after it, in any order of requests.
 #include <gtest/gtest.h>
 
 #include <strings.h>
 
 #include <cwchar>
-#include <iterator>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tests/platform/wininet_test_util.h"
@@ -37,36 +34,19 @@ std::vector<std::string> Values(const RecordedRequest& request, const std::strin
   return values;
 }
 
-bool SetText(HINTERNET handle, DWORD option, const wchar_t* text) {
-  return InternetSetOptionW(handle, option, const_cast<wchar_t*>(text),
-                            static_cast<DWORD>(std::wcslen(text))) != FALSE;
-}
-
 class RequestReuseTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(connection); }
-
-  // Sends on the shared connection and reads the whole body; "error N" on a failure.
-  std::string Get(const std::wstring& path, const wchar_t* verb = L"GET",
-                  const std::wstring& headers = L"", std::string_view body = {}, DWORD read = 4096) {
-    const Handle request = OpenRequest(connection, path, verb);
-    std::string got;
-    if (!Send(request, headers, body) || !ReadAll(request, &got, read)) {
-      return "error " + std::to_string(GetLastError());
-    }
-    return got;
-  }
 
   ScriptedServer server;
   const Handle session = OpenSession();  // direct, agent "tqnetwork-test"
   const Handle connection = Connect(session, server.port());
 };
 
-TEST_F(RequestReuseTest, BodiesAroundWhatIsKeptUnreadArriveWholeAtEveryReadSize) {
+TEST_F(RequestReuseTest, BodiesAroundWhatIsKeptUnreadArriveWholeAtEveryReadSizeOrAreDropped) {
   constexpr std::size_t kKept = 256 * 1024;  // what a transfer keeps while nobody reads
-  const std::size_t sizes[] = {0,         1,         64 * 1024 + 3, kKept - 1,
-                               kKept,     kKept + 1, 2 * kKept + 5, 1024 * 1024 + 7};
-  const DWORD reads[] = {1, 7, 4096, 300 * 1024};
+  const std::size_t sizes[] = {0,     1,         64 * 1024 + 3, kKept - 1,
+                               kKept, kKept + 1, 2 * kKept + 5, 1024 * 1024 + 7};
   for (const std::size_t size : sizes) {
     const std::string expected = Pattern(size);
     const std::string path = "/body" + std::to_string(size);
@@ -74,10 +54,11 @@ TEST_F(RequestReuseTest, BodiesAroundWhatIsKeptUnreadArriveWholeAtEveryReadSize)
     // The same bodies chunked, whose pieces libcurl hands over one by one.
     server.Route(path + "c", ScriptedResponse(200, expected).Chunked(40 * 1024));
     for (const std::string& route : {path, path + "c"}) {
-      for (const DWORD read : reads) {
+      for (const DWORD read : {1, 7, 4096, 300 * 1024}) {
         if (read == 1 && size > 64 * 1024 + 3) continue;  // a million calls prove nothing more
-        const std::string body = Get(std::wstring(route.begin(), route.end()), L"GET", L"", {},
-                                     read);
+        const Handle request = OpenRequest(connection, std::wstring(route.begin(), route.end()));
+        std::string body;
+        ASSERT_TRUE(Send(request) && ReadAll(request, &body, read)) << GetLastError();
         EXPECT_TRUE(body == expected) << route << " in reads of " << read << ": got "
                                       << body.size() << " bytes, want " << size;
       }
@@ -85,9 +66,8 @@ TEST_F(RequestReuseTest, BodiesAroundWhatIsKeptUnreadArriveWholeAtEveryReadSize)
   }
   // Every body was read to its end, so every request reused the one connection.
   EXPECT_EQ(server.connection_count(), 1u);
-}
 
-TEST_F(RequestReuseTest, ABodyLeftUnreadIsDroppedAndTheNextRequestIsServed) {
+  // A body left unread is dropped, and the next request is served.
   server.Route("/big", ScriptedResponse(200, Pattern(3 * 1024 * 1024)));
   server.Route("/small", ScriptedResponse(200, "next"));
   for (int round = 0; round < 3; ++round) {
@@ -99,59 +79,31 @@ TEST_F(RequestReuseTest, ABodyLeftUnreadIsDroppedAndTheNextRequestIsServed) {
       ASSERT_TRUE(InternetReadFile(big.get(), first, sizeof first, &got));
       EXPECT_EQ(std::string(first, got), Pattern(10));
     }
-    EXPECT_EQ(Get(L"/small"), "next");
+    EXPECT_EQ(Fetch(connection, L"/small"), "next");
   }
 }
 
-// The agent and Accept lines go out once, as asked: the session's agent unless a line of the
-// caller's own replaces it; the accept types, a line of the caller's own, both, or none. A body
-// goes without asking to continue first, labelled with the caller's Content-Type or none.
-TEST_F(RequestReuseTest, AgentAndAcceptLinesGoOutOnceAsAskedAndABodyWithoutAskingToContinue) {
-  server.Route("/", ScriptedResponse(200, "ok"));
-  const std::string big_body(1536 * 1024, 'p');  // past the size libcurl asks to continue for
-  const wchar_t* all[] = {L"*/*", nullptr};
-  const wchar_t* text[] = {L"text/html", nullptr};
-  const wchar_t* two[] = {L"text/html", L"*/*", nullptr};
-  using Lines = std::vector<std::string>;
-  const Lines ours{"tqnetwork-test"};
-  const struct {
-    const wchar_t* verb;
-    const wchar_t** types;
-    std::wstring headers;
-    std::string body;
-    Lines agent, accept, type;  // every value of each that the server must see
-  } cases[] = {
-      {L"GET", all, L"", "", ours, {"*/*"}, {}},
-      {L"GET", all, L"user-agent: mine\r\n", "", {"mine"}, {"*/*"}, {}},
-      {L"POST", all, L"Content-Type: application/octet-stream\r\n", big_body, ours, {"*/*"},
-       {"application/octet-stream"}},
-      {L"PUT", all, L"User-Agent: put-agent\r\n", "small", {"put-agent"}, {"*/*"}, {}},
-      {L"POST", all, L"", "", ours, {"*/*"}, {}},
-      {L"POST", all, L"", "form?", ours, {"*/*"}, {}},
-      {L"GET", nullptr, L"", "", ours, {}, {}},
-      {L"GET", text, L"", "", ours, {"text/html"}, {}},
-      {L"GET", all, L"", "", ours, {"*/*"}, {}},
-      {L"GET", two, L"", "", ours, {"text/html, */*"}, {}},
-      {L"GET", nullptr, L"Accept: */*\r\n", "", ours, {"*/*"}, {}},
-      {L"GET", all, L"accept: image/png\r\n", "", ours, {"*/*", "image/png"}, {}},
-      {L"GET", nullptr, L"", "", ours, {}, {}},
-  };
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    SCOPED_TRACE(i);
-    const Handle request(HttpOpenRequestW(connection.get(), cases[i].verb, L"/", nullptr, nullptr,
-                                          cases[i].types, 0, 0));
-    std::string read;
-    ASSERT_TRUE(Send(request, cases[i].headers, cases[i].body)) << GetLastError();
-    ASSERT_TRUE(ReadAll(request, &read)) << GetLastError();
-    EXPECT_EQ(read, "ok");
-    const RecordedRequest seen = server.requests().back();
-    EXPECT_EQ(Values(seen, "User-Agent"), cases[i].agent);
-    EXPECT_EQ(Values(seen, "Accept"), cases[i].accept);
-    EXPECT_EQ(Values(seen, "Content-Type"), cases[i].type);
-    EXPECT_EQ(seen.Header("Expect"), std::nullopt);
-    EXPECT_TRUE(seen.body == cases[i].body) << seen.body.size() << " bytes arrived";
-  }
-}
+const wchar_t* kAll[] = {L"*/*", nullptr};
+const wchar_t* kText[] = {L"text/html", nullptr};
+const wchar_t* kTwo[] = {L"text/html", L"*/*", nullptr};
+
+// Each step's request as the server saw it: the agent and Accept lines once, as asked (the
+// nearest handle's agent unless a line of the caller's own replaces it; the accept types, a line
+// of the caller's own, both, or none); dot segments gone from the path; a body sent without
+// asking to continue first, labelled with the caller's Content-Type or none; and nothing else of
+// the steps before it.
+struct Step {
+  const wchar_t* verb = L"GET";
+  const wchar_t* path = L"/r";
+  const wchar_t** types = kAll;
+  std::wstring headers{};
+  std::string body{};
+  bool credentials = false;
+  HINTERNET set_agent_on = nullptr;  // before this step
+  const wchar_t* new_agent = nullptr;
+  std::string agent = "tqnetwork-test";
+  std::vector<std::string> accept = {"*/*"};
+};
 
 TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
   static constexpr char kBody[] = "0123456789";
@@ -163,82 +115,84 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
     if (request.Header("Range")) return ScriptedResponse(206, "part");
     return ScriptedResponse(200, kBody);
   });
-  const struct Step {
-    const wchar_t* verb;
-    const wchar_t* headers;
-    std::string body;
-    bool credentials;
-    std::string read;  // the body the caller reads
-  } steps[] = {
-      {L"HEAD", L"", "", false, ""},
-      {L"GET", L"Range: bytes=2-4\r\nX-Extra: 1\r\n", "", false, "part"},
-      {L"GET", L"", "", false, kBody},
-      {L"POST", L"", "abc", false, kBody},
-      {L"GET", L"", "", false, kBody},
-      {L"PUT", L"", "xyz", false, kBody},
-      {L"DELETE", L"", "", false, kBody},
-      {L"GET", L"X-Want-Auth: 1\r\n", "", true, kBody},
-      {L"GET", L"", "", false, kBody},
-      {L"HEAD", L"Range: bytes=0-0\r\n", "", false, ""},
-      {L"POST", L"", "q", false, kBody},
-      {L"HEAD", L"", "", false, ""},
-      {L"GET", L"", "", false, kBody},
+  const std::string big_body(1536 * 1024, 'p');  // past the size libcurl asks to continue for
+  const Step steps[] = {
+      {.verb = L"HEAD"},
+      {.headers = L"Range: bytes=2-4\r\nX-Extra: 1\r\n"},
+      {.path = L"/x/../r"},
+      {.verb = L"POST", .body = "abc"},
+      {.headers = L"user-agent: mine\r\n", .agent = "mine"},
+      {.verb = L"POST", .headers = L"Content-Type: application/octet-stream\r\n", .body = big_body},
+      {.verb = L"PUT", .headers = L"User-Agent: put\r\n", .body = "xyz", .agent = "put"},
+      {.verb = L"DELETE"},
+      {.verb = L"POST"},
+      {.verb = L"POST", .body = "form?"},
+      {.headers = L"X-Want-Auth: 1\r\n", .credentials = true},
+      {.types = nullptr, .accept = {}},
+      {.path = L"/a/./b/../../r?q=/../", .types = kText, .accept = {"text/html"}},
+      {},
+      {.types = kTwo, .accept = {"text/html, */*"}},
+      {.path = L"/x/y/../../r", .types = nullptr, .headers = L"Accept: */*\r\n"},
+      {.headers = L"accept: image/png\r\n", .accept = {"*/*", "image/png"}},
+      {.verb = L"HEAD", .types = nullptr, .headers = L"Range: bytes=0-0\r\n", .accept = {}},
+      {.verb = L"POST", .body = "q"},
+      {.set_agent_on = session.get(), .new_agent = L"session-2", .agent = "session-2"},
+      {.set_agent_on = connection.get(), .new_agent = L"connection-3", .agent = "connection-3"},
+      {.set_agent_on = session.get(), .new_agent = L"session-4", .agent = "connection-3"},
+      {.verb = L"HEAD", .agent = "connection-3"},
   };
   for (std::size_t i = 0; i < std::size(steps); ++i) {
     const Step& step = steps[i];
     SCOPED_TRACE(i);
-    const Handle request = OpenRequest(connection, L"/r", step.verb);
+    if (step.set_agent_on != nullptr) {
+      ASSERT_TRUE(InternetSetOptionW(step.set_agent_on, INTERNET_OPTION_USER_AGENT,
+                                     const_cast<wchar_t*>(step.new_agent),
+                                     static_cast<DWORD>(std::wcslen(step.new_agent))));
+    }
+    const Handle request(HttpOpenRequestW(connection.get(), step.verb, step.path, nullptr, nullptr,
+                                          step.types, 0, 0));
     if (step.credentials) {
-      ASSERT_TRUE(SetText(request.get(), INTERNET_OPTION_USERNAME, L"user"));
-      ASSERT_TRUE(SetText(request.get(), INTERNET_OPTION_PASSWORD, L"secret"));
+      wchar_t user[] = L"user", password[] = L"secret";
+      ASSERT_TRUE(InternetSetOptionW(request.get(), INTERNET_OPTION_USERNAME, user, 4));
+      ASSERT_TRUE(InternetSetOptionW(request.get(), INTERNET_OPTION_PASSWORD, password, 6));
     }
     const std::size_t before = server.requests().size();
     std::string read;
     ASSERT_TRUE(Send(request, step.headers, step.body)) << GetLastError();
     ASSERT_TRUE(ReadAll(request, &read)) << GetLastError();
-    EXPECT_EQ(read, step.read);
+    const std::wstring verb = step.verb, headers = step.headers, path = step.path;
+    const auto sent = [&](const wchar_t* name) { return headers.find(name) != headers.npos; };
+    EXPECT_EQ(read, verb == L"HEAD" ? "" : sent(L"Range:") ? "part" : kBody);
+    // A challenge answered leaves nothing of its own in the answer after it.
+    EXPECT_EQ(QueryText(request, HTTP_QUERY_CUSTOM, L"WWW-Authenticate"), "<absent>");
 
     // The request as the server saw it last (a challenge answered makes two).
     const std::vector<RecordedRequest> requests = server.requests();
     ASSERT_GT(requests.size(), before);
     const RecordedRequest& got = requests.back();
-    const std::wstring verb = step.verb;
-    EXPECT_EQ(got.method, std::string(verb.begin(), verb.end()));
-    EXPECT_EQ(got.body, step.body);
-    const std::wstring headers = step.headers;
-    const auto sent = [&](const wchar_t* name) { return headers.find(name) != headers.npos; };
+    const std::string query(path.begin() + std::min(path.find(L'?'), path.size()), path.end());
+    const std::string line = std::string(verb.begin(), verb.end()) + " /r" + query + " HTTP/1.1";
+    EXPECT_EQ(got.method + " " + got.path + (got.query.empty() ? "" : "?" + got.query) +
+                  " HTTP/1.1",
+              line);
+    // The request-headers query reports what went out.
+    const std::string reported =
+        QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF | HTTP_QUERY_FLAG_REQUEST_HEADERS);
+    EXPECT_EQ(reported.substr(0, reported.find("\r\n")), line);
+    EXPECT_TRUE(got.body == step.body) << got.body.size() << " bytes arrived";
     EXPECT_EQ(got.Header("Range").has_value(), sent(L"Range:"));
     EXPECT_EQ(got.Header("X-Extra").has_value(), sent(L"X-Extra:"));
     EXPECT_EQ(got.Header("Authorization").has_value(), step.credentials);
-    EXPECT_EQ(got.Header("Content-Length").has_value(), !step.body.empty());
-    EXPECT_EQ(got.Header("User-Agent"), "tqnetwork-test");
+    EXPECT_EQ(got.Header("Content-Length").has_value(), !step.body.empty() || verb == L"POST");
+    EXPECT_EQ(got.Header("Expect"), std::nullopt);
+    EXPECT_EQ(Values(got, "User-Agent"), std::vector<std::string>{step.agent});
+    EXPECT_EQ(Values(got, "Accept"), step.accept);
+    EXPECT_EQ(Values(got, "Content-Type"),
+              sent(L"Content-Type:") ? std::vector<std::string>{"application/octet-stream"}
+                                     : std::vector<std::string>{});
   }
   // Every answer was read to its end: one connection served them all.
   EXPECT_EQ(server.connection_count(), 1u);
-}
-
-// A setting changed on the session or the connection after requests were sent applies to the
-// next one, the nearest handle's value first.
-TEST_F(RequestReuseTest, ASettingChangedBetweenRequestsAppliesToTheNextOne) {
-  server.Route("/r", ScriptedResponse(200, "ok"));
-  const struct {
-    HINTERNET handle;  // null: no change before this request
-    const wchar_t* agent;
-    std::string seen;
-  } steps[] = {
-      {nullptr, nullptr, "tqnetwork-test"},
-      {session.get(), L"session-2", "session-2"},
-      {connection.get(), L"connection-3", "connection-3"},
-      {session.get(), L"session-4", "connection-3"},
-  };
-  for (std::size_t i = 0; i < std::size(steps); ++i) {
-    SCOPED_TRACE(i);
-    if (steps[i].handle != nullptr) {
-      ASSERT_TRUE(SetText(steps[i].handle, INTERNET_OPTION_USER_AGENT, steps[i].agent));
-    }
-    EXPECT_EQ(Get(L"/r"), "ok");
-    EXPECT_EQ(server.requests().back().Header("User-Agent"), steps[i].seen);
-  }
 }
 
 }  // namespace

@@ -53,6 +53,25 @@ inline bool ReadAll(const Handle& request, std::string* body, DWORD chunk = 4096
   return true;
 }
 
+// The whole body of a request sent on `connection`, or "error N" with the failing call's error.
+inline std::string Fetch(const Handle& connection, const std::wstring& path,
+                         const wchar_t* verb = L"GET", const std::wstring& lines = L"",
+                         std::string_view body = {}, DWORD flags = 0) {
+  Handle request = OpenRequest(connection, path, verb, flags);
+  std::string got;
+  if (!Send(request, lines, body) || !ReadAll(request, &got)) {
+    return "error " + std::to_string(GetLastError());
+  }
+  return got;
+}
+
+// 0 when `call` succeeds, else the error it set.
+template <typename Call>
+DWORD ErrorOf(Call call) {
+  SetLastError(0);
+  return call() ? DWORD{0} : GetLastError();
+}
+
 // ASCII header text; `name` for HTTP_QUERY_CUSTOM.
 inline std::string QueryText(const Handle& request, DWORD level, const std::wstring& name = L"") {
   wchar_t buffer[4096] = {};
