@@ -103,9 +103,8 @@ class FakeHttpApi : public qv::net::IHttpApi {
   }
   void* Connect(void* internet, const TqUURL& url) override {
     std::lock_guard lock(m_mutex);
-    if (Fails("Connect " + qv::WideToUtf8(url.GetHostName()) + ":" + std::to_string(url.GetPort()))) {
-      return nullptr;
-    }
+    const std::string host = qv::WideToUtf8(url.GetHostName());
+    if (Fails("Connect " + host + ":" + std::to_string(url.GetPort()))) return nullptr;
     if (Find(internet, Kind::Internet) == nullptr) {
       ADD_FAILURE() << "Connect on a handle that is not an open internet handle";
       return nullptr;
@@ -177,7 +176,8 @@ class FakeHttpApi : public qv::net::IHttpApi {
                                                   std::uint32_t* index) override {
     std::lock_guard lock(m_mutex);
     const auto text = HeaderText("Numeric", request, header, index);
-    const auto value = text ? qv::ParseDecimal(std::wstring_view(*text), 0xFFFFFFFFu) : std::nullopt;
+    const auto value =
+        text ? qv::ParseDecimal(std::wstring_view(*text), 0xFFFFFFFFu) : std::nullopt;
     if (value && index != nullptr) ++*index;
     return value ? std::optional<std::uint32_t>(static_cast<std::uint32_t>(*value)) : std::nullopt;
   }
