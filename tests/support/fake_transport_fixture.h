@@ -40,13 +40,6 @@ class FakeTransportTest : public ::testing::Test {
     std::lock_guard lock(m_sleep_mutex);
     return m_sleeps;
   }
-  // The transport calls without the connection pool's own (OpenInternet, Connect).
-  std::vector<std::string> StreamCalls() const {
-    std::vector<std::string> calls = m_api.Calls();
-    std::erase_if(calls, [](auto& c) { return c == "OpenInternet" || c.starts_with("Connect "); });
-    return calls;
-  }
-
   FakeHttpApi m_api;
   LogCapture m_log;
 

@@ -38,11 +38,19 @@ constexpr Mode kCreate{F::kAccessWrite, F::kShareNone, F::kCreateAlways};
 constexpr Mode kRewrite{F::kAccessWrite, F::kShareNone, F::kOpenExistingWrite};
 constexpr Mode kOpenAlways{F::kAccessWrite, F::kShareNone, F::kOpenAlways};
 
-struct Open {  // closed at the end of the scope
-  Open(const Path& p, Mode m) : h(F::OpenFile(p, m.access, m.share, m.creation, 0, 0)) {}
+// An open of dir/name through its path, or through TqUSysDirectory's names; closed at the end
+// of the scope.
+struct Open {
+  Open(const Path& dir, const Path& name, Mode m, bool by_name = false)
+      : h(by_name ? TqUSysDirectory(dir).OpenFile(name.c_str(), m.access, m.share, m.creation, 0, 0)
+                  : F::OpenFile(dir / name, m.access, m.share, m.creation, 0, 0)) {}
   ~Open() { F::CloseFile(h); }
   Open(const Open&) = delete;
   explicit operator bool() const { return h != nullptr; }
+  bool Write(const std::string& s) const {
+    std::uint64_t n = 0;
+    return F::WriteFile(h, s.data(), s.size(), &n) && n == s.size();
+  }
   F::Handle h;
 };
 
@@ -72,10 +80,11 @@ const char* NoLinkReason() {
                             : "this account may not make symbolic links";
 }
 
-// TqUSysDirectory::ReadStart of `name` into a buffer of `size`: the bytes read, or "<refused>".
-std::string Start(const TqUSysDirectory& dir, const Path& name, std::size_t size) {
+// TqUSysDirectory::ReadStart of `name` in `dir` into a buffer of `size`: the bytes read, or
+// "<refused>".
+std::string Start(const Path& dir, const Path& name, std::size_t size) {
   std::string buffer(size, '\0');
-  const std::int64_t got = dir.ReadStart(name.c_str(), buffer.data(), size);
+  const std::int64_t got = TqUSysDirectory(dir).ReadStart(name.c_str(), buffer.data(), size);
   if (got < 0) return "<refused>";
   EXPECT_LE(static_cast<std::size_t>(got), size);
   buffer.resize(static_cast<std::size_t>(got));
@@ -86,35 +95,27 @@ std::string Start(const TqUSysDirectory& dir, const Path& name, std::size_t size
 // process shows the rules): a writer excludes everyone, readers exclude writers.
 TEST(SysFileTest, AWriterExcludesEveryOtherOpenAndReadersExcludeWriters) {
   tq::test::TempDir dir;
-  const auto path = dir / "entry.tmp";
   const std::tuple<Mode, Mode, bool> cases[] = {
       {kCreate, kRead, false}, {kCreate, kCreate, false}, {kCreate, kRewrite, false},
       {kRead, kRead, true},    {kRead, kRewrite, false},  {kRead, kCreate, false}};
   for (const auto& [held, other, opens] : cases) {
     SCOPED_TRACE(std::to_string(held.access) + " then " + std::to_string(other.access) + ", " +
                  std::to_string(other.creation));
-    WriteText(path, "old body");
-    Open first(path, held);
-    ASSERT_TRUE(first);
-    std::uint64_t n = 0;
-    if (held.access == F::kAccessWrite) {
-      ASSERT_TRUE(F::WriteFile(first.h, "winner's body", 13, &n));
-    }
-    EXPECT_EQ(bool(Open(path, other)), opens);
-    F::Handle by_name = TqUSysDirectory(dir.path()).OpenFile(
-        Path("entry.tmp").c_str(), other.access, other.share, other.creation, 0, 0);
-    F::CloseFile(by_name);
-    EXPECT_EQ(by_name != nullptr, opens) << "by name";
+    WriteText(dir / "entry.tmp", "old body");
+    const Open first(dir.path(), "entry.tmp", held);
+    const bool writer = held.access == F::kAccessWrite;
+    ASSERT_TRUE(first && (!writer || first.Write("winner's body")));
+    EXPECT_EQ(bool(Open(dir.path(), "entry.tmp", other)), opens);
+    EXPECT_EQ(bool(Open(dir.path(), "entry.tmp", other, true)), opens) << "by name";
     // A first read of the file (the clean-up's) is kept out by a writer, never by a reader.
-    EXPECT_EQ(Start(TqUSysDirectory(dir.path()), "entry.tmp", 4) == "<refused>",
-              held.access == F::kAccessWrite);
+    EXPECT_EQ(Start(dir.path(), "entry.tmp", 4) == "<refused>", writer);
 #if !defined(_WIN32)  // Windows lets nobody read a file that its writer holds alone
     // Regression: the loser of a race for the same temporary file must not truncate the
     // winner's half-written body.
-    EXPECT_EQ(ReadText(path), held.access == F::kAccessWrite ? "winner's body" : "old body");
+    EXPECT_EQ(ReadText(dir / "entry.tmp"), writer ? "winner's body" : "old body");
 #endif
   }
-  Open creator(path, kCreate);
+  const Open creator(dir.path(), "entry.tmp", kCreate);
   EXPECT_EQ(F::GetFileSize(creator.h), 0) << "create-always empties the file once it holds it";
 }
 
@@ -128,24 +129,20 @@ TEST(SysFileTest, AFileRenamedOverAWritersNameDuringItsOpenIsNeverWrittenThrough
   tq::test::TempDir dir;
   const auto path = dir / "entry";
   for (const bool by_name : {false, true}) {
-    SCOPED_TRACE(by_name ? "created by name" : "created by path");
     std::filesystem::remove(path);
-    const TqUSysDirectory directory(dir.path());
     int calls = 0;
     std::string seen;
     F::SetOpenHookForTesting([&] {
-      if (++calls != 1) return;
-      seen = Open(path, kRead) ? "opened" : Start(directory, "entry", 4);
+      if (++calls == 1) {
+        seen = Open(dir.path(), "entry", kRead) ? "opened" : Start(dir.path(), "entry", 4);
+      }
     });
-    F::Handle created =
-        by_name ? directory.OpenFile(Path("entry").c_str(), kCreate.access, kCreate.share,
-                                     kCreate.creation, 0, 0)
-                : F::OpenFile(path, kCreate.access, kCreate.share, kCreate.creation, 0, 0);
-    F::SetOpenHookForTesting({});
-    EXPECT_EQ(seen, "<refused>") << "a reader found the file before its creator held it";
-    std::uint64_t n = 0;
-    EXPECT_TRUE(F::WriteFile(created, "body", 4, &n));
-    F::CloseFile(created);
+    {
+      const Open created(dir.path(), "entry", kCreate, by_name);
+      F::SetOpenHookForTesting({});
+      EXPECT_EQ(seen, "<refused>") << by_name << ": a reader found it before its creator held it";
+      EXPECT_TRUE(created.Write("body"));
+    }
     EXPECT_EQ(ReadText(path), "body");
   }
   for (const bool rename : {true, false}) {
@@ -157,7 +154,7 @@ TEST(SysFileTest, AFileRenamedOverAWritersNameDuringItsOpenIsNeverWrittenThrough
     F::SetOpenHookForTesting([&] {
       if (++calls == 1 && rename) std::filesystem::rename(dir / "new", path, rename_error);
     });
-    const bool opened = bool(Open(path, kRewrite));
+    const bool opened = bool(Open(dir.path(), "entry", kRewrite));
     F::SetOpenHookForTesting({});
     EXPECT_EQ(calls, 1);
 #if defined(_WIN32)
@@ -181,17 +178,10 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
   for (const bool by_name : {false, true}) {
     SCOPED_TRACE(by_name ? "by name" : "by path");
     tq::test::TempDir dir;
-    const TqUSysDirectory directory(dir.path());
     const auto opens = [&](const Path& name, Mode m, const std::string& write = "") {
-      F::Handle h = by_name
-                        ? directory.OpenFile(name.c_str(), m.access, m.share, m.creation, 0, 0)
-                        : F::OpenFile(dir.path() / name, m.access, m.share, m.creation, 0, 0);
-      std::uint64_t n = 0;
-      if (h && !write.empty()) {
-        EXPECT_TRUE(F::WriteFile(h, write.data(), write.size(), &n));
-      }
-      F::CloseFile(h);
-      return h != nullptr;
+      const Open open(dir.path(), name, m, by_name);
+      EXPECT_TRUE(!open || write.empty() || open.Write(write));
+      return bool(open);
     };
     WriteText(target, "precious");
 
@@ -211,7 +201,6 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
     std::filesystem::permissions(dir / "stale.tmp", std::filesystem::perms::owner_read);
     EXPECT_TRUE(opens("stale.tmp", kCreate));
     EXPECT_EQ(std::filesystem::file_size(dir / "stale.tmp"), 0u);
-    std::filesystem::permissions(dir / "stale.tmp", std::filesystem::perms::owner_all);
     // A directory at a temporary name is neither removed nor opened.
     std::filesystem::create_directory(dir / "sub.tmp");
     EXPECT_FALSE(opens("sub.tmp", kCreate));
@@ -225,7 +214,7 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
                          kOpenAlways}) {
       EXPECT_FALSE(opens("fifo", m)) << m.access << " " << m.share << " " << m.creation;
     }
-    EXPECT_EQ(Start(directory, "fifo", 16), "<refused>") << "a first read waits on no FIFO";
+    EXPECT_EQ(Start(dir.path(), "fifo", 16), "<refused>") << "a first read waits on no FIFO";
     EXPECT_TRUE(opens("fifo", kCreate));
     EXPECT_TRUE(std::filesystem::is_regular_file(dir / "fifo"));
 #endif
@@ -234,7 +223,7 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
     if (!(links = MakeLink(target, dir / "entry"))) continue;
     for (const Mode m : {kRead, kRewrite, kOpenAlways}) EXPECT_FALSE(opens("entry", m));
 #if !defined(_WIN32)
-    EXPECT_EQ(Start(directory, "entry", 16), "<refused>");
+    EXPECT_EQ(Start(dir.path(), "entry", 16), "<refused>");
 #endif
     ASSERT_TRUE(MakeLink(target, dir / "link.tmp"));
     EXPECT_TRUE(opens("link.tmp", kCreate, "entry"));
@@ -242,22 +231,25 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
     EXPECT_EQ(ReadText(dir / "link.tmp"), "entry");
     EXPECT_EQ(ReadText(target), "precious");
   }
+  // Devices are not files either.
 #if defined(_WIN32)
-  const Path device = L"NUL";
+  EXPECT_FALSE(Open(Path(), L"NUL", kRead));
 #else
-  const Path device = "/dev/zero";
-#endif
-  EXPECT_FALSE(Open(device, kRead)) << "devices are not files either";
-#if !defined(_WIN32)
+  EXPECT_FALSE(Open("/dev", "zero", kRead));
   // A hard link to a device is what a planted one looks like; reached here through its directory.
-  EXPECT_EQ(Start(TqUSysDirectory("/dev"), "zero", 16), "<refused>");
+  EXPECT_EQ(Start("/dev", "zero", 16), "<refused>");
 #endif
   if (!links) GTEST_SKIP() << "links unchecked: " << NoLinkReason();
 }
 
-TEST(SysFileTest, ADirectoryListsSizesAndRemovesByNameWithoutFollowingLinks) {
+// A directory lists its entries (a link is no regular file, wherever it leads), reads the first
+// bytes of its regular files only, leaving nothing open, and removes by name without following
+// links.
+TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLinks) {
   tq::test::TempDir dir;
-  WriteText(dir / "file", "12345");
+  WriteText(dir / "file", "0123456789");
+  WriteText(dir / "empty", "");
+  std::filesystem::create_directory(dir / "sub");
   const bool links =
       MakeLink(dir / "file", dir / "link") && MakeLink(dir / "missing", dir / "dangling");
   if (!links) std::printf("no links: %s\n", NoLinkReason());
@@ -267,17 +259,27 @@ TEST(SysFileTest, ADirectoryListsSizesAndRemovesByNameWithoutFollowingLinks) {
   EXPECT_FALSE(directory.List([&](const TqUSysDirectory::Item& i) {
     items[Path(Path::string_type(i.name, i.length)).string()] = {i.regular, i.size};
   }));
-  expected["file"] = {true, 5};
+  expected["file"] = {true, 10};
+  expected["empty"] = {true, 0};
+  expected["sub"] = {false, -1};
   if (links) expected["link"] = expected["dangling"] = {false, -1};
   EXPECT_EQ(items, expected);
+  const std::tuple<const char*, std::size_t, std::string> starts[] = {
+      {"file", 4, "0123"},          {"file", 64, "0123456789"}, {"empty", 16, ""},
+      {"missing", 16, "<refused>"}, {"sub", 16, "<refused>"}};
+  for (const auto& [name, size, bytes] : starts) {
+    EXPECT_EQ(Start(dir.path(), name, size), bytes) << name << ", " << size;
+  }
+  EXPECT_TRUE(Open(dir.path(), "file", kRewrite)) << "nothing of the read stays open";
+  EXPECT_EQ(Start(dir / "absent", "file", 4), "<refused>");
   std::error_code ec;
-  EXPECT_EQ(directory.FileSize(Path("file").c_str()), 5);
+  EXPECT_EQ(directory.FileSize(Path("file").c_str()), 10);
   EXPECT_FALSE(directory.Exists(Path("none").c_str(), ec));
   if (links) {
     EXPECT_EQ(directory.FileSize(Path("link").c_str()), -1);
     EXPECT_TRUE(directory.Exists(Path("dangling").c_str(), ec)) << "there, wherever it leads";
     EXPECT_TRUE(directory.RemoveFile(Path("link").c_str(), ec));
-    EXPECT_EQ(ReadText(dir / "file"), "12345") << "what a removed link leads to stays";
+    EXPECT_EQ(ReadText(dir / "file"), "0123456789") << "what a removed link leads to stays";
   }
   EXPECT_TRUE(directory.RemoveFile(Path("file").c_str(), ec));
   EXPECT_FALSE(directory.RemoveFile(Path("file").c_str(), ec)) << "nothing there any more";
@@ -290,7 +292,7 @@ TEST(SysFileTest, ADirectoryListsSizesAndRemovesByNameWithoutFollowingLinks) {
 TEST(SysFileTest, AReadAtAnOffsetReadsThereOnlyWithinTheFile) {
   tq::test::TempDir dir;
   WriteText(dir / "file", "0123456789abcdefghij");
-  Open file(dir / "file", kRead);
+  const Open file(dir.path(), "file", kRead);
   char first[4] = {};
   std::uint64_t got = 99;
   ASSERT_TRUE(F::ReadFile(file.h, first, sizeof first, &got));
@@ -380,19 +382,17 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   ASSERT_TRUE(meta.etag && meta.modified);
   EXPECT_EQ(*meta.modified, kModified) << "whole seconds, rounded down";
   EXPECT_EQ(*meta.etag, "9-" + std::to_string(kModified)) << "a tag from size and time";
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream(L"file://otherhost/etc/hostname", {}));
-  // Regression: with an empty host and a path that starts with "//", another host's file (a UNC
-  // path on Windows) was opened, which the URL may not name with a host.
-  const std::wstring two_slashes = L"file:///" + FileUrl(path).substr(7);  // file:////dir/f
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream(two_slashes.c_str(), {}));
-  // Regression: a NUL decoded into the path ended it where the system read it, so this URL
-  // opened "f" although it names another file.
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(path) + L"%00.txt").c_str(), {}));
-  // Regression: an encoded "/" was decoded into a separator, so this URL, which names a file
-  // "../f" inside "sub", opened "f" beside "sub".
+  // Refused: a file of another host; and regressions, each of which opened a file the URL does
+  // not name: an empty host with a path that starts with "//" (another host's file, a UNC path
+  // on Windows), a NUL decoded into the path (it ended there as the system read it, so "f"
+  // opened), an encoded "/" decoded into a separator ("../f" inside "sub" opened "f" beside it).
   std::filesystem::create_directory(dir / "sub");
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(dir / "sub") + L"/..%2Ff").c_str(), {}));
-  EXPECT_FALSE(TqUFileURL::OpenURLReadStream((FileUrl(dir / "sub") + L"/..%2ff").c_str(), {}));
+  for (const std::wstring& refused :
+       {std::wstring(L"file://otherhost/etc/hostname"), L"file:///" + FileUrl(path).substr(7),
+        FileUrl(path) + L"%00.txt", FileUrl(dir / "sub") + L"/..%2Ff",
+        FileUrl(dir / "sub") + L"/..%2ff"}) {
+    EXPECT_FALSE(TqUFileURL::OpenURLReadStream(refused.c_str(), {})) << qv::WideToUtf8(refused);
+  }
   qv::stop_source stop;
   stop.request_stop();
   EXPECT_FALSE(TqUFileURL::OpenURLReadStream(url.c_str(), stop.get_token()))
@@ -423,23 +423,6 @@ TEST(FileProtocolTest, ResolvesAgainstTheBaseAndRegistersSchemesOnceInAnyCase) {
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), registry) << "still counted once";
   TqUFileProtocolRegistry::Terminate();
   EXPECT_EQ(TqUFileProtocolRegistry::Get(), nullptr);
-}
-
-TEST(ReadStartTest, ReadsTheFirstBytesOfRegularFilesOnlyAndLeavesNothingOpen) {
-  tq::test::TempDir dir;
-  const TqUSysDirectory directory(dir.path());
-  ASSERT_FALSE(directory.Error());
-  WriteText(dir / "file", "0123456789");
-  WriteText(dir / "empty", "");
-  std::filesystem::create_directory(dir / "sub");
-  const std::tuple<const char*, std::size_t, std::string> cases[] = {
-      {"file", 4, "0123"},          {"file", 64, "0123456789"}, {"empty", 16, ""},
-      {"missing", 16, "<refused>"}, {"sub", 16, "<refused>"}};
-  for (const auto& [name, size, expected] : cases) {
-    EXPECT_EQ(Start(directory, name, size), expected) << name << ", " << size;
-  }
-  EXPECT_TRUE(Open(dir / "file", kRewrite)) << "nothing of the read stays open";
-  EXPECT_EQ(Start(TqUSysDirectory(dir / "absent"), "file", 4), "<refused>");
 }
 
 }  // namespace

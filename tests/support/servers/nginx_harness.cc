@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -82,9 +83,7 @@ namespace {
 
 std::string ReadTail(const std::filesystem::path& file) {
   std::ifstream in(file);
-  std::stringstream text;
-  text << in.rdbuf();
-  std::string all = text.str();
+  const std::string all(std::istreambuf_iterator<char>(in), {});
   return all.size() > 2000 ? all.substr(all.size() - 2000) : all;
 }
 
@@ -125,33 +124,18 @@ NginxHarness::NginxHarness(std::string server_directives)
 bool NginxHarness::Start(int port, const std::string& server_directives) {
   const std::string dir = dir_->path().string();
   std::ostringstream conf;
-  conf << "daemon off;\n"
-       << "master_process off;\n"
-       << (geteuid() == 0 ? "user root;\n" : "")
-       << "worker_processes 1;\n"
-       << "error_log " << dir << "/error.log warn;\n"
-       << "pid " << dir << "/nginx.pid;\n"
-       << "events { worker_connections 256; }\n"
-       << "http {\n"
-       << "  access_log off;\n"
-       << "  client_body_temp_path " << dir << "/client_body;\n"
-       << "  proxy_temp_path " << dir << "/proxy;\n"
-       << "  fastcgi_temp_path " << dir << "/fastcgi;\n"
-       << "  uwsgi_temp_path " << dir << "/uwsgi;\n"
-       << "  scgi_temp_path " << dir << "/scgi;\n"
-       << "  types { text/plain txt; text/html html; application/octet-stream bin; }\n"
-       << "  default_type application/octet-stream;\n"
-       << "  sendfile on;\n"
-       << "  keepalive_requests 100000;\n"
-       << "  keepalive_timeout 60s;\n"
-       << "  server {\n"
-       << "    listen 127.0.0.1:" << port << ";\n"
-       << "    server_name localhost;\n"
-       << "    root " << dir << "/www;\n"
-       << "    location / { }\n"
-       << "    " << server_directives << "\n"
-       << "  }\n"
-       << "}\n";
+  conf << "daemon off;\nmaster_process off;\n" << (geteuid() == 0 ? "user root;\n" : "")
+       << "worker_processes 1;\nerror_log " << dir << "/error.log warn;\n"
+       << "pid " << dir << "/nginx.pid;\nevents { worker_connections 256; }\nhttp {\n";
+  for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+    conf << "  " << temp << "_temp_path " << dir << "/" << temp << ";\n";
+  }
+  conf << "  types { text/plain txt; text/html html; application/octet-stream bin; }\n"
+       << "  default_type application/octet-stream;\n  access_log off;\n  sendfile on;\n"
+       << "  keepalive_requests 100000;\n  keepalive_timeout 60s;\n"
+       << "  server {\n    listen 127.0.0.1:" << port << ";\n    server_name localhost;\n"
+       << "    root " << dir << "/www;\n    location / { }\n    " << server_directives
+       << "\n  }\n}\n";
   dir_->WriteFile("nginx.conf", conf.str());
   std::filesystem::remove(dir_->path() / "error.log");
 

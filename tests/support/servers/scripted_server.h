@@ -4,7 +4,9 @@
 // time, and can hold answers at a Gate.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -55,7 +57,15 @@ struct RecordedRequest {
   std::string body;
 
   // The first value of a header (names compared case-insensitively), or nullopt.
-  std::optional<std::string> Header(const std::string& name) const;
+  std::optional<std::string> Header(const std::string& name) const {
+    const auto same = [](unsigned char x, unsigned char y) {
+      return std::tolower(x) == std::tolower(y);
+    };
+    for (const auto& [key, value] : headers) {
+      if (std::ranges::equal(key, name, same)) return value;
+    }
+    return std::nullopt;
+  }
 };
 
 using ScriptedHandler = std::function<ScriptedResponse(const RecordedRequest&)>;
@@ -79,24 +89,51 @@ class ScriptedServer {
   bool ok() const { return port_ > 0; }
   int port() const { return port_; }
   // "http://127.0.0.1:<port>" + path (https when serving TLS).
-  std::string Url(const std::string& path = "/") const;
+  std::string Url(const std::string& path = "/") const {
+    return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) + path;
+  }
 
   // Answers requests of any method for exactly this path (the query is ignored). A later call
   // for the same path replaces the earlier one. Paths without a route get 404.
-  void Route(const std::string& path, ScriptedResponse response);
-  void Route(const std::string& path, ScriptedHandler handler);
+  void Route(const std::string& path, ScriptedResponse response) {
+    Route(path, [response](const RecordedRequest&) { return response; });
+  }
+  void Route(const std::string& path, ScriptedHandler handler) {
+    std::lock_guard lock(mutex_);
+    routes_[path] = std::move(handler);
+  }
 
-  std::size_t request_count() const;
+  std::size_t request_count() const { return requests().size(); }
   // TCP connections the server accepted.
-  std::size_t connection_count() const;
+  std::size_t connection_count() const { return accepted_.load(); }
   // The largest number of requests that were being answered at the same time.
-  std::size_t max_concurrent_requests() const;
-  std::vector<RecordedRequest> requests() const;
+  std::size_t max_concurrent_requests() const {
+    std::lock_guard lock(mutex_);
+    return max_in_flight_;
+  }
+  std::vector<RecordedRequest> requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
 
  private:
   // Records the request and answers it as its route says (404 without one), after the answer's
   // gate opens. Both backends answer through it.
-  ScriptedResponse Answer(const RecordedRequest& record);
+  ScriptedResponse Answer(const RecordedRequest& record) {
+    ScriptedHandler handler;
+    {
+      std::lock_guard lock(mutex_);
+      requests_.push_back(record);
+      max_in_flight_ = std::max(max_in_flight_, ++in_flight_);
+      const auto it = routes_.find(record.path);
+      if (it != routes_.end()) handler = it->second;
+    }
+    const ScriptedResponse answer = handler ? handler(record) : ScriptedResponse(404, "no route");
+    if (answer.hold != nullptr) answer.hold->Wait();
+    std::lock_guard lock(mutex_);
+    --in_flight_;
+    return answer;
+  }
 
   mutable std::mutex mutex_;
   std::map<std::string, ScriptedHandler> routes_;
