@@ -76,15 +76,14 @@ class FakeHttpApi : public qv::net::IHttpApi {
   void OnBlocked(std::function<void()> hook) { m_on_blocked = std::move(hook); }
   // Runs before each Read (outside the lock), e.g. to request a stop in mid-copy.
   std::function<void()> on_read;
-  // Asked for every call but CloseHandle, with its record (as Calls() lists it), under the lock:
+  // Asked for every call but CloseHandle, with its record (as CountCalls() sees it), under the lock:
   // true makes the call fail as a transport reports failure (a null handle, status 0, no
   // header, a failed read).
   std::function<bool(const std::string& call)> fail_call;
 
-  // "OpenInternet", "Connect host:port", "Send GET url", "Status", "Header", "Numeric", "Date",
-  // "Read", "Close": one entry per call, in order.
-  std::vector<std::string> Calls() const { return Locked([&] { return m_calls; }); }
   std::vector<SentRequest> Sent() const { return Locked([&] { return m_sent; }); }
+  // Calls are recorded as "OpenInternet", "Connect host:port", "Send GET url", "Status",
+  // "Header", "Numeric", "Date", "Read", "Close"; this counts those starting with `prefix`.
   int CountCalls(const std::string& prefix) const {
     const auto starts = [&](const std::string& call) { return call.starts_with(prefix); };
     return Locked([&] { return int(std::ranges::count_if(m_calls, starts)); });
