@@ -76,7 +76,7 @@ class FakeHttpApi : public qv::net::IHttpApi {
   void OnBlocked(std::function<void()> hook) { m_on_blocked = std::move(hook); }
   // Runs before each Read (outside the lock), e.g. to request a stop in mid-copy.
   std::function<void()> on_read;
-  // Asked for every call but CloseHandle, with its record (as CountCalls() sees it), under the lock:
+  // Asked for every call but CloseHandle, with its record (as CountCalls sees it), under the lock:
   // true makes the call fail as a transport reports failure (a null handle, status 0, no
   // header, a failed read).
   std::function<bool(const std::string& call)> fail_call;
