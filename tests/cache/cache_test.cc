@@ -500,6 +500,32 @@ TEST_F(CacheTest, TheRequestIsBuiltFromTheNormalisedUrlTheEntryIsKeyedOn) {
   EXPECT_EQ(m_api.Sent().size(), 1u);
 }
 
+// A file URL says nothing about how long its body holds: every open asks the file again, and a
+// file rewritten at the same size within the same second is served as it is now, not as stored.
+TEST_F(CacheTest, AFileUrlIsServedAsTheFileIsNowAtEveryOpen) {
+  const fs::path file = m_dir.path() / "source.txt";
+#if defined(_WIN32)
+  const std::wstring url = L"file:///" + file.generic_wstring();
+#else
+  const std::wstring url = L"file://" + file.wstring();
+#endif
+  const auto at = [](std::chrono::milliseconds ms) {
+    using namespace std::chrono;
+    return file_clock::from_sys(sys_seconds(seconds(kDate)) + ms);
+  };
+  WriteFileBytes(file, "first");
+  fs::last_write_time(file, at(100ms));
+  EXPECT_EQ(Open(url), "first");
+  EXPECT_TRUE(fs::exists(EntryPath(url)));
+  WriteFileBytes(file, "again");
+  fs::last_write_time(file, at(600ms));
+  EXPECT_EQ(Open(url), "again");
+  EXPECT_EQ(Open(url), "again");
+  fs::remove(file);
+  EXPECT_EQ(Open(url), "<null>") << "no source, nothing served";
+  EXPECT_TRUE(m_api.Sent().empty());
+}
+
 // A tag holding CR, LF or NUL would split or end the "If-None-Match" line: such a stored tag is
 // no validator (the URL is fetched whole), and such a tag from a server is not kept as one. The
 // terminator a transport leaves at the end of its text is not part of the tag sent back.
