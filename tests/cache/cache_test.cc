@@ -951,6 +951,10 @@ TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgets
   m_api.Queue(Ok("the new body", std::nullopt, std::nullopt));
   EXPECT_EQ(open(), "the new body");
   EXPECT_EQ(ReadAll(*kept), "the body");
+  // A clean-up trims nothing here: the body is still served without a download.
+  EXPECT_TRUE(memory.CleanUp());
+  EXPECT_EQ(open(), "the new body");
+  EXPECT_EQ(m_api.Sent().size(), 2u);
 }
 
 TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsTheDiskCache) {
