@@ -36,6 +36,7 @@
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
+#include "tests/tqutil/file_time.h"
 #include "tqutil/sys_file.h"
 
 namespace tq::test {
@@ -509,16 +510,12 @@ TEST_F(CacheTest, AFileUrlIsServedAsTheFileIsNowAtEveryOpen) {
 #else
   const std::wstring url = L"file://" + file.wstring();
 #endif
-  const auto at = [](std::chrono::milliseconds ms) {
-    using namespace std::chrono;
-    return file_clock::from_sys(sys_seconds(seconds(kDate)) + ms);
-  };
   WriteFileBytes(file, "first");
-  fs::last_write_time(file, at(100ms));
+  ASSERT_TRUE(SetModifiedTime(file, std::chrono::seconds(kDate) + 100ms));
   EXPECT_EQ(Open(url), "first");
   EXPECT_TRUE(fs::exists(EntryPath(url)));
   WriteFileBytes(file, "again");
-  fs::last_write_time(file, at(600ms));
+  ASSERT_TRUE(SetModifiedTime(file, std::chrono::seconds(kDate) + 600ms));
   EXPECT_EQ(Open(url), "again");
   EXPECT_EQ(Open(url), "again");
   fs::remove(file);

@@ -17,6 +17,7 @@
 #include "tests/support/read_all.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
+#include "tests/tqutil/file_time.h"
 #include "tqutil/file_protocol.h"
 #include "tqutil/file_streams.h"
 #include "tqutil/file_url.h"
@@ -354,8 +355,7 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   EXPECT_FALSE(qv::io::FileReadStream::Create(dir / "missing"));
   using namespace std::chrono;
   constexpr std::int64_t kModified = 1700000000;  // seconds since 1970
-  std::filesystem::last_write_time(
-      path, file_clock::from_sys(sys_seconds(seconds(kModified)) + milliseconds(700)));
+  ASSERT_TRUE(tq::test::SetModifiedTime(path, seconds(kModified) + milliseconds(700)));
   // A file the caller names through a link is its target (only the cache's own opens refuse
   // links), both as a path and as a file URL.
   if (MakeLink(path, dir / "link")) {
@@ -387,8 +387,7 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   // A file of the same size renamed over the name while it is opened lends neither its time nor
   // its tag to the bytes read: a cache would keep the old bytes under the new file's tag.
   WriteText(dir / "other", "HDRaBcdeX");
-  std::filesystem::last_write_time(dir / "other",
-                                   file_clock::from_sys(sys_seconds(seconds(kModified + 60))));
+  ASSERT_TRUE(tq::test::SetModifiedTime(dir / "other", seconds(kModified + 60)));
   int calls = 0;
   F::SetOpenHookForTesting([&] {
     if (++calls == 1) std::filesystem::rename(dir / "other", path);
