@@ -45,8 +45,7 @@ struct HopOptions {
   bool verify_host = true;
   const std::optional<std::string>* ca_file = nullptr;  // null or unset: libcurl's default
   ProxyMode proxy_mode = ProxyMode::kEnvironment;
-  std::string_view proxy;     // kNamed: the proxy for the URL's scheme ("" for none)
-  std::string_view no_proxy;  // kNamed: libcurl's bypass list ("" for none)
+  std::string_view proxy;  // kNamed: the proxy for the URL's host and scheme ("" for none)
   // Credentials answer 401 (user) and 407 (proxy user) challenges; empty: none.
   std::string_view user;
   std::string_view password;
@@ -99,7 +98,6 @@ class AppliedOptions {
   std::optional<std::string> ca_file_;
   ProxyMode proxy_mode_ = ProxyMode::kEnvironment;
   std::string proxy_;
-  std::string no_proxy_;
   bool credentials_ = false;
 };
 

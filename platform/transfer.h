@@ -147,11 +147,11 @@ struct TransferRequest {
   bool http10 = false;
   std::string agent;
   ProxyMode proxy_mode = ProxyMode::kEnvironment;
-  // kNamed: the proxies for http and https URLs (empty: none), and the bypass list in libcurl's
-  // form.
+  // kNamed: the proxies for http and https URLs (empty: none), and the host names that go
+  // direct: WinINet's bypass patterns (see BypassesProxy).
   std::string http_proxy;
   std::string https_proxy;
-  std::string no_proxy;
+  std::vector<std::string> proxy_bypass;
   // Answer 401 challenges, at the first hop's origin only; answer 407 challenges.
   std::string user;
   std::string password;
@@ -165,6 +165,10 @@ struct TransferRequest {
   std::optional<std::chrono::milliseconds> slot_wait;
   RedirectRules redirects;
 };
+
+// Whether `host` matches one of WinINet's bypass patterns: each matches the whole host name,
+// ignoring case, with "*" standing for any text; "<local>" matches a name without a dot.
+bool BypassesProxy(const std::vector<std::string>& patterns, std::string_view host);
 
 class Transfer {
  public:

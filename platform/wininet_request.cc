@@ -134,7 +134,7 @@ TransferRequest Request::Describe(const Settings& settings, std::string body) co
   if (out.proxy_mode == ProxyMode::kNamed) {
     out.http_proxy = session->ProxyFor("http");
     out.https_proxy = session->ProxyFor("https");
-    out.no_proxy = session->no_proxy();
+    out.proxy_bypass = session->proxy_bypass();
   }
   out.user = settings.user.value_or("");
   out.password = settings.password.value_or("");
