@@ -232,13 +232,14 @@ class TempFile {
   }
 
   HRESULT Commit(const std::string& destination) {
-    // Flushed before the rename, so that a crash never leaves a short file under the name.
-    if (::fsync(m_fd) != 0 || ::close(m_fd) != 0) {
-      const int error = errno;
-      m_fd = -1;
-      return HResultFromErrno(error);
-    }
+    // Flushed before the rename, so that a crash never leaves a short file under the name. The
+    // descriptor is closed whether or not the flush worked.
+    const int flush_error = ::fsync(m_fd) != 0 ? errno : 0;
+    const int close_error = ::close(m_fd) != 0 ? errno : 0;
     m_fd = -1;
+    if (flush_error != 0 || close_error != 0) {
+      return HResultFromErrno(flush_error != 0 ? flush_error : close_error);
+    }
     if (::rename(m_path.c_str(), destination.c_str()) != 0) return HResultFromErrno(errno);
     m_path.clear();
     return S_OK;
