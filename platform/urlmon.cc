@@ -357,10 +357,18 @@ HRESULT Fetch(Transfer& transfer, const std::string& url, TempFile& file, Progre
   return status >= 200 && status <= 299 ? S_OK : INET_E_DOWNLOAD_FAILURE;
 }
 
-// Checks the URL before any callback: an absolute http or https URL that libcurl can parse.
+// Checks the URL before any callback: an absolute http or https URL that libcurl can parse once
+// what follows its authority is percent-encoded as a request line needs (`*utf8` is that URL).
 HRESULT CheckUrl(LPCWSTR url, std::string* utf8) {
   if (url == nullptr || *url == L'\0') return E_INVALIDARG;
   *utf8 = WideToUtf8(url);
+  const std::size_t authority = utf8->find("://");
+  if (authority != std::string::npos) {
+    const std::size_t rest = utf8->find_first_of("/?#", authority + 3);
+    if (rest != std::string::npos) {
+      *utf8 = utf8->substr(0, rest) + PercentEncodeUnsafe(std::string_view(*utf8).substr(rest));
+    }
+  }
   UrlParts parts;
   if (!ParseUrl(*utf8, &parts)) return MK_E_SYNTAX;
   if (parts.scheme != "http" && parts.scheme != "https") return INET_E_UNKNOWN_PROTOCOL;

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstring>
 
+#include "platform/curl_handles.h"
 #include "platform/fault_injection.h"
 #include "platform/wide_text.h"
 
@@ -41,21 +42,8 @@ bool IsToken(std::string_view s) {
 // (as UTF-8), everything else goes as the caller wrote it.
 std::string EncodePath(const std::wstring_view resource) {
   const std::string utf8 = WideToUtf8(resource);
-  std::string out;
-  out.reserve(utf8.size() + 1);
-  if (utf8.empty() || (utf8.front() != '/' && utf8.front() != '*')) out.push_back('/');
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  for (char c : utf8) {
-    const auto u = static_cast<unsigned char>(c);
-    if (u <= 0x20 || u >= 0x7F || c == '#') {
-      out.push_back('%');
-      out.push_back(kHex[u >> 4]);
-      out.push_back(kHex[u & 15]);
-    } else {
-      out.push_back(c);
-    }
-  }
-  return out;
+  const bool rooted = !utf8.empty() && (utf8.front() == '/' || utf8.front() == '*');
+  return (rooted ? "" : "/") + PercentEncodeUnsafe(utf8, "#");
 }
 
 // Splits the caller's header text into lines ("Name: value") at CR LF or a bare LF. A CR that
