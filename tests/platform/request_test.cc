@@ -330,6 +330,24 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
       EXPECT_EQ(body, "not here");
     }
   }
+  {
+    // A trusted certificate for another name is refused for the name, unless the request
+    // ignores names.
+    TempDir other_dir;
+    TlsFiles other;
+    ASSERT_TRUE(MakeSelfSignedCert(other_dir.path(), "localhost", &other));
+    ScriptedServer misnamed({.cert_file = other.cert.string(), .key_file = other.key.string()});
+    ASSERT_TRUE(misnamed.ok());
+    misnamed.Route("/gone", ScriptedResponse(404, "not here"));
+    ASSERT_TRUE(TqPlatformSetCaFile(other.cert.c_str()));
+    Handle session = OpenSession();
+    Handle connection = Connect(session, misnamed.port());
+    EXPECT_EQ(Fetch(connection, L"/gone", L"GET", L"", {}, INTERNET_FLAG_SECURE),
+              "error " + std::to_string(ERROR_INTERNET_SEC_CERT_CN_INVALID));
+    EXPECT_EQ(Fetch(connection, L"/gone", L"GET", L"", {},
+                    INTERNET_FLAG_SECURE | INTERNET_FLAG_IGNORE_CERT_CN_INVALID),
+              "not here");
+  }
   TqPlatformSetCaFile(nullptr);
 
   const struct {
