@@ -118,6 +118,10 @@ bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {
     url_ = wanted.url;
     ok = ok && SetText(easy, CURLOPT_URL, url_, false);
   }
+  if (request_target_ != wanted.request_target) {
+    request_target_ = wanted.request_target;
+    ok = ok && SetText(easy, CURLOPT_REQUEST_TARGET, request_target_, true);
+  }
   ok = ok && SetMethod(easy, wanted);
   if (headers_ != wanted.headers) {
     headers_ = wanted.headers;

@@ -24,6 +24,7 @@ enum class ProxyMode { kEnvironment, kDirect, kNamed };
 struct HopOptions {
   // Changed from request to request.
   std::string_view url;
+  std::string_view request_target;  // in place of the URL's path; empty: the path
   std::string_view method;  // "GET", "HEAD", "POST" or any other verb
   std::string_view body;    // sent when not empty, or when the method is POST
   curl_slist* headers = nullptr;  // set again only when it differs (see ForgetHeaders)
@@ -77,6 +78,7 @@ class AppliedOptions {
   bool failed_ = false;  // libcurl refused an option since
 
   std::string url_;
+  std::string request_target_;
   curl_slist* headers_ = nullptr;
   MethodKind method_ = MethodKind::kGet;
   std::string custom_method_;

@@ -141,6 +141,8 @@ class StopSignal {
 // libcurl would add.
 struct TransferRequest {
   std::string url;
+  // In place of the URL's path in the first hop's request line ("*"); empty: the path.
+  std::string request_target;
   std::string method = "GET";
   std::string body;
   std::vector<std::string> header_lines;
@@ -207,6 +209,8 @@ class Transfer {
   const HeaderBlock& response() const { return response_; }
   // The URL and method of the last request sent (the last hop of a redirect chain).
   const std::string& sent_url() const { return sent_url_; }
+  // What the last request line named in place of the URL's path; empty: the path.
+  const std::string& sent_target() const { return request_.request_target; }
   const std::string& method() const { return method_; }
   // Whether a line of the caller's went out with the last request sent: not when it is for the
   // first origin only and the chain left it, nor a Content-Length that is not the body's.

@@ -112,6 +112,7 @@ DWORD Transfer::Configure(bool same_origin) {
 HopOptions Transfer::Options(bool same_origin) const {
   HopOptions options;
   options.url = sent_url_;
+  options.request_target = request_.request_target;
   options.method = request_.method;
   options.body = request_.body;
   options.headers = header_list_;
