@@ -48,6 +48,23 @@ void EnsureCurlInitialised() {
   });
 }
 
+std::string PercentEncodeUnsafe(std::string_view text, std::string_view also) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u <= 0x20 || u >= 0x7F || also.find(c) != std::string_view::npos) {
+      out.push_back('%');
+      out.push_back(kHex[u >> 4]);
+      out.push_back(kHex[u & 15]);
+    } else {
+      out.push_back(c);
+    }
+  }
+  return out;
+}
+
 bool ParseUrl(const std::string& url, UrlParts* parts) {
   const CurlUrl parsed(curl_url());
   return parsed != nullptr &&

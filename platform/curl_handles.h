@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace tqplatform {
 
@@ -26,6 +27,10 @@ using CurlMulti = std::unique_ptr<CURLM, CurlDeleter<curl_multi_cleanup>>;
 using CurlShare = std::unique_ptr<CURLSH, CurlDeleter<curl_share_cleanup>>;
 using CurlUrl = std::unique_ptr<CURLU, CurlDeleter<curl_url_cleanup>>;
 using CurlHeaderList = std::unique_ptr<curl_slist, CurlDeleter<curl_slist_free_all>>;
+
+// `text` with the bytes no request line may hold (controls, space, DEL and every byte of a
+// character outside ASCII) and those in `also` percent-encoded (upper-case hex), the rest as is.
+std::string PercentEncodeUnsafe(std::string_view text, std::string_view also = {});
 
 // An absolute URL as libcurl reads it: `text` is its normalised form (dot segments removed),
 // `host` is without IPv6 brackets, `port` has the scheme's default filled in.

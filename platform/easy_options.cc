@@ -34,8 +34,7 @@ bool AppliedOptions::SameRareOptions(const HopOptions& wanted) const {
          closesocket_data_ == wanted.closesocket_data && share_ == wanted.share &&
          verify_host_ == wanted.verify_host &&
          ca_file_.has_value() == (ca_file != nullptr) && (!ca_file_ || *ca_file_ == *ca_file) &&
-         proxy_mode_ == wanted.proxy_mode && proxy_ == wanted.proxy &&
-         no_proxy_ == wanted.no_proxy;
+         proxy_mode_ == wanted.proxy_mode && proxy_ == wanted.proxy;
 }
 
 bool AppliedOptions::Apply(CURL* easy, const HopOptions& wanted) {
@@ -93,9 +92,10 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
       break;
     case ProxyMode::kNamed:
       proxy_ = wanted.proxy;
-      no_proxy_ = wanted.no_proxy;
-      ok = ok && SetText(easy, CURLOPT_PROXY, proxy_, false);
-      if (!no_proxy_.empty()) ok = ok && SetText(easy, CURLOPT_NOPROXY, no_proxy_, false);
+      // The bypass list is applied in `proxy`; an empty list of libcurl's keeps it from reading
+      // the environment's, which a named proxy ignores.
+      ok = ok && SetText(easy, CURLOPT_PROXY, proxy_, false) &&
+           SetText(easy, CURLOPT_NOPROXY, "", false);
       break;
   }
   credentials_ = HasCredentials(wanted);
@@ -117,6 +117,10 @@ bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {
   if (url_.empty() || url_ != wanted.url) {
     url_ = wanted.url;
     ok = ok && SetText(easy, CURLOPT_URL, url_, false);
+  }
+  if (request_target_ != wanted.request_target) {
+    request_target_ = wanted.request_target;
+    ok = ok && SetText(easy, CURLOPT_REQUEST_TARGET, request_target_, true);
   }
   ok = ok && SetMethod(easy, wanted);
   if (headers_ != wanted.headers) {

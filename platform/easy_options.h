@@ -24,6 +24,7 @@ enum class ProxyMode { kEnvironment, kDirect, kNamed };
 struct HopOptions {
   // Changed from request to request.
   std::string_view url;
+  std::string_view request_target;  // in place of the URL's path; empty: the path
   std::string_view method;  // "GET", "HEAD", "POST" or any other verb
   std::string_view body;    // sent when not empty, or when the method is POST
   curl_slist* headers = nullptr;  // set again only when it differs (see ForgetHeaders)
@@ -45,8 +46,7 @@ struct HopOptions {
   bool verify_host = true;
   const std::optional<std::string>* ca_file = nullptr;  // null or unset: libcurl's default
   ProxyMode proxy_mode = ProxyMode::kEnvironment;
-  std::string_view proxy;     // kNamed: the proxy for the URL's scheme ("" for none)
-  std::string_view no_proxy;  // kNamed: libcurl's bypass list ("" for none)
+  std::string_view proxy;  // kNamed: the proxy for the URL's host and scheme ("" for none)
   // Credentials answer 401 (user) and 407 (proxy user) challenges; empty: none.
   std::string_view user;
   std::string_view password;
@@ -78,6 +78,7 @@ class AppliedOptions {
   bool failed_ = false;  // libcurl refused an option since
 
   std::string url_;
+  std::string request_target_;
   curl_slist* headers_ = nullptr;
   MethodKind method_ = MethodKind::kGet;
   std::string custom_method_;
@@ -99,7 +100,6 @@ class AppliedOptions {
   std::optional<std::string> ca_file_;
   ProxyMode proxy_mode_ = ProxyMode::kEnvironment;
   std::string proxy_;
-  std::string no_proxy_;
   bool credentials_ = false;
 };
 

@@ -222,6 +222,7 @@ DWORD Transfer::RunHop(int hop, bool* same_origin, bool* follow) {
   request_.method = std::move(next.method);
   if (error != ERROR_SUCCESS) return error;
   if (*follow) {
+    request_.request_target.clear();
     if (next.drop_body) request_.body.clear();
     *same_origin = next.same_origin;
   }

@@ -141,17 +141,19 @@ class StopSignal {
 // libcurl would add.
 struct TransferRequest {
   std::string url;
+  // In place of the URL's path in the first hop's request line ("*"); empty: the path.
+  std::string request_target;
   std::string method = "GET";
   std::string body;
   std::vector<std::string> header_lines;
   bool http10 = false;
   std::string agent;
   ProxyMode proxy_mode = ProxyMode::kEnvironment;
-  // kNamed: the proxies for http and https URLs (empty: none), and the bypass list in libcurl's
-  // form.
+  // kNamed: the proxies for http and https URLs (empty: none), and the host names that go
+  // direct: WinINet's bypass patterns (see BypassesProxy).
   std::string http_proxy;
   std::string https_proxy;
-  std::string no_proxy;
+  std::vector<std::string> proxy_bypass;
   // Answer 401 challenges, at the first hop's origin only; answer 407 challenges.
   std::string user;
   std::string password;
@@ -165,6 +167,10 @@ struct TransferRequest {
   std::optional<std::chrono::milliseconds> slot_wait;
   RedirectRules redirects;
 };
+
+// Whether `host` matches one of WinINet's bypass patterns: each matches the whole host name,
+// ignoring case, with "*" standing for any text; "<local>" matches a name without a dot.
+bool BypassesProxy(const std::vector<std::string>& patterns, std::string_view host);
 
 class Transfer {
  public:
@@ -203,6 +209,8 @@ class Transfer {
   const HeaderBlock& response() const { return response_; }
   // The URL and method of the last request sent (the last hop of a redirect chain).
   const std::string& sent_url() const { return sent_url_; }
+  // What the last request line named in place of the URL's path; empty: the path.
+  const std::string& sent_target() const { return request_.request_target; }
   const std::string& method() const { return method_; }
   // Whether a line of the caller's went out with the last request sent: not when it is for the
   // first origin only and the chain left it, nor a Content-Length that is not the body's.

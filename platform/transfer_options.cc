@@ -43,6 +43,36 @@ bool WrongLength(std::string_view line, std::size_t body_size) {
 
 }  // namespace
 
+bool BypassesProxy(const std::vector<std::string>& patterns, std::string_view host) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  // Greedy glob: on a mismatch the last "*" takes one character more.
+  const auto matches = [&](std::string_view pattern) {
+    std::size_t p = 0, h = 0, star = std::string_view::npos, star_h = 0;
+    while (h < host.size()) {
+      if (p < pattern.size() && pattern[p] == '*') {
+        star = p++;
+        star_h = h;
+      } else if (p < pattern.size() && lower(pattern[p]) == lower(host[h])) {
+        ++p;
+        ++h;
+      } else if (star != std::string_view::npos) {
+        p = star + 1;
+        h = ++star_h;
+      } else {
+        return false;
+      }
+    }
+    while (p < pattern.size() && pattern[p] == '*') ++p;
+    return p == pattern.size();
+  };
+  for (const std::string& pattern : patterns) {
+    if (pattern == "<local>" ? host.find('.') == std::string_view::npos : matches(pattern)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 void Transfer::ClearResponse() {
   pending_.Clear();
   response_.Clear();
@@ -82,6 +112,7 @@ DWORD Transfer::Configure(bool same_origin) {
 HopOptions Transfer::Options(bool same_origin) const {
   HopOptions options;
   options.url = sent_url_;
+  options.request_target = request_.request_target;
   options.method = request_.method;
   options.body = request_.body;
   options.headers = header_list_;
@@ -104,7 +135,11 @@ HopOptions Transfer::Options(bool same_origin) const {
   if (request_.proxy_mode == ProxyMode::kNamed) {
     const bool secure = request_.url.rfind("https:", 0) == 0;
     options.proxy = secure ? request_.https_proxy : request_.http_proxy;
-    options.no_proxy = request_.no_proxy;
+    UrlParts parts;
+    if (!options.proxy.empty() && !request_.proxy_bypass.empty() &&
+        ParseUrl(request_.url, &parts) && BypassesProxy(request_.proxy_bypass, parts.host)) {
+      options.proxy = {};  // each hop asks anew: a redirect may lead past the list or into it
+    }
   }
   // Credentials answer a 401 challenge; they go to the first origin only.
   if (same_origin) {

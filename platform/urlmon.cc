@@ -232,13 +232,14 @@ class TempFile {
   }
 
   HRESULT Commit(const std::string& destination) {
-    // Flushed before the rename, so that a crash never leaves a short file under the name.
-    if (::fsync(m_fd) != 0 || ::close(m_fd) != 0) {
-      const int error = errno;
-      m_fd = -1;
-      return HResultFromErrno(error);
-    }
+    // Flushed before the rename, so that a crash never leaves a short file under the name. The
+    // descriptor is closed whether or not the flush worked.
+    const int flush_error = ::fsync(m_fd) != 0 ? errno : 0;
+    const int close_error = ::close(m_fd) != 0 ? errno : 0;
     m_fd = -1;
+    if (flush_error != 0 || close_error != 0) {
+      return HResultFromErrno(flush_error != 0 ? flush_error : close_error);
+    }
     if (::rename(m_path.c_str(), destination.c_str()) != 0) return HResultFromErrno(errno);
     m_path.clear();
     return S_OK;
@@ -356,10 +357,18 @@ HRESULT Fetch(Transfer& transfer, const std::string& url, TempFile& file, Progre
   return status >= 200 && status <= 299 ? S_OK : INET_E_DOWNLOAD_FAILURE;
 }
 
-// Checks the URL before any callback: an absolute http or https URL that libcurl can parse.
+// Checks the URL before any callback: an absolute http or https URL that libcurl can parse once
+// what follows its authority is percent-encoded as a request line needs (`*utf8` is that URL).
 HRESULT CheckUrl(LPCWSTR url, std::string* utf8) {
   if (url == nullptr || *url == L'\0') return E_INVALIDARG;
   *utf8 = WideToUtf8(url);
+  const std::size_t authority = utf8->find("://");
+  if (authority != std::string::npos) {
+    const std::size_t rest = utf8->find_first_of("/?#", authority + 3);
+    if (rest != std::string::npos) {
+      *utf8 = utf8->substr(0, rest) + PercentEncodeUnsafe(std::string_view(*utf8).substr(rest));
+    }
+  }
   UrlParts parts;
   if (!ParseUrl(*utf8, &parts)) return MK_E_SYNTAX;
   if (parts.scheme != "http" && parts.scheme != "https") return INET_E_UNKNOWN_PROTOCOL;

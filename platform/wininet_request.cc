@@ -7,6 +7,7 @@
 #include <array>
 #include <cstring>
 
+#include "platform/curl_handles.h"
 #include "platform/fault_injection.h"
 #include "platform/wide_text.h"
 
@@ -41,21 +42,8 @@ bool IsToken(std::string_view s) {
 // (as UTF-8), everything else goes as the caller wrote it.
 std::string EncodePath(const std::wstring_view resource) {
   const std::string utf8 = WideToUtf8(resource);
-  std::string out;
-  out.reserve(utf8.size() + 1);
-  if (utf8.empty() || (utf8.front() != '/' && utf8.front() != '*')) out.push_back('/');
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  for (char c : utf8) {
-    const auto u = static_cast<unsigned char>(c);
-    if (u <= 0x20 || u >= 0x7F || c == '#') {
-      out.push_back('%');
-      out.push_back(kHex[u >> 4]);
-      out.push_back(kHex[u & 15]);
-    } else {
-      out.push_back(c);
-    }
-  }
-  return out;
+  const bool rooted = !utf8.empty() && utf8.front() == '/';
+  return (rooted ? "" : "/") + PercentEncodeUnsafe(utf8, "#");
 }
 
 // Splits the caller's header text into lines ("Name: value") at CR LF or a bare LF. A CR that
@@ -92,7 +80,8 @@ DWORD SplitHeaders(std::wstring_view text, std::vector<std::string>* lines) {
 Request::Request(std::shared_ptr<Connection> connection, std::string verb, std::string path,
                  bool http10, std::vector<std::string> fixed_headers, DWORD flags)
     : InternetObject(kKind), connection_(std::move(connection)), verb_(std::move(verb)),
-      url_(connection_->Origin((flags & INTERNET_FLAG_SECURE) != 0) + path),
+      url_(connection_->Origin((flags & INTERNET_FLAG_SECURE) != 0) + (path == "*" ? "/" : path)),
+      asterisk_(path == "*"),
       http10_(http10), fixed_headers_(std::move(fixed_headers)), flags_(flags) {}
 
 Request::~Request() = default;
@@ -122,6 +111,7 @@ Settings Request::Effective() const {
 TransferRequest Request::Describe(const Settings& settings, std::string body) const {
   TransferRequest out;
   out.url = url_;
+  if (asterisk_) out.request_target = "*";
   out.method = verb_;
   out.body = std::move(body);
   out.header_lines = sent_lines_;
@@ -134,7 +124,7 @@ TransferRequest Request::Describe(const Settings& settings, std::string body) co
   if (out.proxy_mode == ProxyMode::kNamed) {
     out.http_proxy = session->ProxyFor("http");
     out.https_proxy = session->ProxyFor("https");
-    out.no_proxy = session->no_proxy();
+    out.proxy_bypass = session->proxy_bypass();
   }
   out.user = settings.user.value_or("");
   out.password = settings.password.value_or("");
@@ -202,8 +192,11 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
   lines.insert(lines.end(), sent.begin(), sent.end());
   HeaderBlock block;
+  const std::string& target = transfer_.sent_target();
   block.SetRequest(transfer_.method() + " " +
-                       (path_start == std::string::npos ? "/" : url.substr(path_start)) +
+                       (!target.empty()                   ? target
+                        : path_start == std::string::npos ? "/"
+                                                          : url.substr(path_start)) +
                        (http10_ ? " HTTP/1.0" : " HTTP/1.1"),
                    lines);
   return QueryHeaderBlock(block, transfer_.method(), level & ~HTTP_QUERY_FLAG_REQUEST_HEADERS,
@@ -271,7 +264,9 @@ HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
   }
   const std::wstring_view resource =
       object_name != nullptr ? std::wstring_view(object_name) : std::wstring_view(L"/");
-  auto request = std::make_shared<Request>(connection, std::move(method), EncodePath(resource),
+  // "*" (as in "OPTIONS *") names the server itself, not a resource.
+  auto request = std::make_shared<Request>(connection, std::move(method),
+                                           resource == L"*" ? "*" : EncodePath(resource),
                                            http10, std::move(fixed), flags);
   HINTERNET handle = RegisterHandle(request);
   if (!connection->AddChild(request)) {  // the connection was closed meanwhile

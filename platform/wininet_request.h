@@ -43,6 +43,7 @@ class Request : public InternetObject {
   const std::shared_ptr<Connection> connection_;  // lends the slots; outlives transfer_
   const std::string verb_;
   const std::string url_;  // origin and path, as the first hop asks for it
+  const bool asterisk_;    // the first hop's request line names "*" instead of the path
   const bool http10_;
   const std::vector<std::string> fixed_headers_;  // Accept, Referer
   const DWORD flags_;

@@ -54,9 +54,10 @@ std::optional<std::string> TestCaFile() {
 
 // --- Session ---------------------------------------------------------------------------------
 
-Session::Session(std::string agent, ProxyMode mode, std::string proxy, std::string no_proxy)
+Session::Session(std::string agent, ProxyMode mode, std::string proxy,
+                 std::vector<std::string> proxy_bypass)
     : InternetObject(kKind), proxy_mode_(mode), proxy_(std::move(proxy)),
-      no_proxy_(std::move(no_proxy)) {
+      proxy_bypass_(std::move(proxy_bypass)) {
   settings_.Update([&](Settings& s) { s.agent = std::move(agent); });
   share_.reset(curl_share_init());
   if (share_ != nullptr) {
@@ -253,21 +254,17 @@ std::string ReadWideOption(const void* buffer, DWORD length_in_chars) {
   return WideToUtf8(std::wstring_view(text, n));
 }
 
-// The proxy bypass list in libcurl's form: comma separated, "*.example.com" as "example.com".
-// WinINet's "<local>" (names without a dot) has no libcurl equivalent and is dropped.
-std::string NoProxyList(const std::string& bypass) {
-  std::string out;
+// The proxy bypass list's patterns, separated by spaces, semicolons or commas. libcurl's own
+// list cannot stand in: it matches a name's tail ("example.com" for "www.example.com") and
+// knows neither "*" inside a pattern nor "<local>".
+std::vector<std::string> BypassPatterns(const std::string& bypass) {
+  std::vector<std::string> out;
   std::size_t i = 0;
   while (i < bypass.size()) {
     while (i < bypass.size() && std::strchr(" ;,", bypass[i]) != nullptr) ++i;
     const std::size_t start = i;
     while (i < bypass.size() && std::strchr(" ;,", bypass[i]) == nullptr) ++i;
-    std::string entry = bypass.substr(start, i - start);
-    if (entry.empty() || entry == "<local>") continue;
-    while (!entry.empty() && (entry.front() == '*' || entry.front() == '.')) entry.erase(0, 1);
-    if (entry.empty()) entry = "*";
-    if (!out.empty()) out.push_back(',');
-    out += entry;
+    if (i > start) out.push_back(bypass.substr(start, i - start));
   }
   return out;
 }
@@ -395,15 +392,15 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
   if (!FitsOneLine(agent_text)) return FailNull(ERROR_INVALID_PARAMETER);
   EnsureCurlInitialised();
   std::string proxy_text;
-  std::string bypass_text;
+  std::vector<std::string> bypass;
   if (mode == ProxyMode::kNamed) {
     proxy_text = WideToUtf8(proxy);
-    bypass_text = NoProxyList(WideToUtf8(proxy_bypass != nullptr ? proxy_bypass : L""));
+    bypass = BypassPatterns(WideToUtf8(proxy_bypass != nullptr ? proxy_bypass : L""));
   }
   std::shared_ptr<Session> session;
   try {
     session = std::make_shared<Session>(std::move(agent_text), mode,
-                                        std::move(proxy_text), std::move(bypass_text));
+                                        std::move(proxy_text), std::move(bypass));
   } catch (const std::bad_alloc&) {
     return FailNull(ERROR_NOT_ENOUGH_MEMORY);
   }

@@ -100,14 +100,16 @@ class Session : public InternetObject {
  public:
   static constexpr HandleKind kKind = HandleKind::kSession;
 
-  Session(std::string agent, ProxyMode mode, std::string proxy, std::string no_proxy);
+  Session(std::string agent, ProxyMode mode, std::string proxy,
+          std::vector<std::string> proxy_bypass);
   ~Session() override;
 
   CURLSH* share() const { return share_.get(); }
   ProxyMode proxy_mode() const { return proxy_mode_; }
   // The proxy for a scheme ("http" or "https"), in libcurl's form; empty for none.
   std::string ProxyFor(const std::string& scheme) const;
-  const std::string& no_proxy() const { return no_proxy_; }
+  // The bypass list's patterns (see BypassesProxy in transfer.h).
+  const std::vector<std::string>& proxy_bypass() const { return proxy_bypass_; }
   SettingsHolder& settings() { return settings_; }
 
  private:
@@ -118,7 +120,7 @@ class Session : public InternetObject {
   CurlShare share_;  // after the locks: its clean-up still takes them
   ProxyMode proxy_mode_;
   std::string proxy_;
-  std::string no_proxy_;
+  std::vector<std::string> proxy_bypass_;
   SettingsHolder settings_;
 };
 

@@ -175,7 +175,8 @@ TEST(HostilePlatform, ChallengesWithoutEndAreNotAnsweredWithoutEnd) {
 // URL downloads go to a temporary name beside the destination first: for a destination whose
 // name is as long as a directory allows, that name must fit too, also when the cut falls inside
 // a character of several bytes. A status callback that asks to stop, whatever it is told at the
-// time, ends a download with E_ABORT and nothing is left in the download cache.
+// time, ends a download with E_ABORT and nothing is left in the download cache. A space or a
+// character outside ASCII in the URL's path goes out percent-encoded (UTF-8), never as is.
 class StoppingCallback final : public IBindStatusCallback {
  public:
   explicit StoppingCallback(ULONG stop_at) : stop_at_(stop_at) {}
@@ -210,8 +211,8 @@ class StoppingCallback final : public IBindStatusCallback {
 TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesNothing) {
   SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
   ASSERT_TRUE(server.ok());
-  const std::string url_utf8 = server.Url("/file");
-  const std::wstring url(url_utf8.begin(), url_utf8.end());
+  const std::string origin = server.Url("");
+  const std::wstring url = std::wstring(origin.begin(), origin.end()) + L"/a file\u00e9";
   // Names of 255, 254 and 255 bytes of UTF-8, in characters of one, two and three bytes.
   const std::tuple<wchar_t, std::string, int> names[] = {
       {L'n', "n", 255}, {L'\u00e9', "\xc3\xa9", 127}, {L'\u20ac', "\xe2\x82\xac", 85}};
@@ -249,6 +250,10 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
     setenv("XDG_CACHE_HOME", saved.c_str(), 1);
   } else {
     unsetenv("XDG_CACHE_HOME");
+  }
+  ASSERT_GE(server.requests(), std::size(names));
+  for (const std::string& head : server.heads()) {
+    EXPECT_TRUE(head.starts_with("GET /a%20file%C3%A9 HTTP/1.1\r\n")) << head;
   }
 }
 

@@ -55,6 +55,9 @@ TEST(BadAnswersTest, EachEndsInAWinInetErrorAfterWhatArrived) {
       {"101 nobody asked for",
        Answer("HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\n\r\nnot http"),
        ERROR_HTTP_INVALID_SERVER_RESPONSE, 0, "", true},
+      {"interim 103 first", Answer("HTTP/1.1 103 Early Hints\r\nLink: </a>\r\n\r\n" + ok +
+                                   "Content-Length: 5\r\n\r\nhello"),
+       0, 0, "hello", true},
       {"100 KiB header", Answer(ok + "X-Big: " + std::string(100 * 1024, 'a') + "\r\n\r\n"),
        ERROR_HTTP_INVALID_SERVER_RESPONSE, 0, "", true},
       {"stall before the headers", Answer("", Stall), ERROR_INTERNET_TIMEOUT, 0, "", true},

@@ -108,13 +108,15 @@ struct Step {
 TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
   static constexpr char kBody[] = "0123456789";
   // Asks for credentials when the request says so; any Range gets a part.
-  server.Route("/r", [](const RecordedRequest& request) {
+  const auto answer = [](const RecordedRequest& request) {
     if (request.Header("X-Want-Auth") && !request.Header("Authorization")) {
       return ScriptedResponse(401, "who?").Header("WWW-Authenticate", "Basic realm=\"t\"");
     }
     if (request.Header("Range")) return ScriptedResponse(206, "part");
     return ScriptedResponse(200, kBody);
-  });
+  };
+  server.Route("/r", answer);
+  server.Route("*", answer);  // "OPTIONS *" asks the server itself
   const std::string big_body(1536 * 1024, 'p');  // past the size libcurl asks to continue for
   const Step steps[] = {
       {.verb = L"HEAD"},
@@ -124,6 +126,7 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
       {.headers = L"user-agent: mine\r\n", .agent = "mine"},
       {.verb = L"POST", .headers = L"Content-Type: application/octet-stream\r\n", .body = big_body},
       {.verb = L"PUT", .headers = L"User-Agent: put\r\n", .body = "xyz", .agent = "put"},
+      {.verb = L"OPTIONS", .path = L"*"},
       {.verb = L"DELETE"},
       {.verb = L"POST"},
       {.verb = L"POST", .body = "form?"},
@@ -171,7 +174,8 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
     ASSERT_GT(requests.size(), before);
     const RecordedRequest& got = requests.back();
     const std::string query(path.begin() + std::min(path.find(L'?'), path.size()), path.end());
-    const std::string line = std::string(verb.begin(), verb.end()) + " /r" + query + " HTTP/1.1";
+    const std::string target = path == L"*" ? "*" : "/r" + query;
+    const std::string line = std::string(verb.begin(), verb.end()) + " " + target + " HTTP/1.1";
     EXPECT_EQ(got.method + " " + got.path + (got.query.empty() ? "" : "?" + got.query) +
                   " HTTP/1.1",
               line);

@@ -7,6 +7,7 @@
 #include <future>
 #include <thread>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/fault_injection.h"
@@ -179,6 +180,29 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
   EXPECT_EQ(get(named, false), "who");
   EXPECT_EQ(get(named, true), "via proxy");
 
+  // A bypass list's entries match the whole host name, with "*" for any text and "<local>" for
+  // a name without a dot; a named proxy ignores the environment's bypass list.
+  const std::string direct_error = "error " + std::to_string(ERROR_INTERNET_NAME_NOT_RESOLVED);
+  ASSERT_EQ(setenv("no_proxy", "origin.invalid", 1), 0);
+  for (const auto& [bypass, answer] : std::initializer_list<std::pair<const wchar_t*, std::string>>{
+           {nullptr, "via proxy"},
+           {L"", "via proxy"},
+           {L"origin.invalid", direct_error},
+           {L"ORIGIN.Invalid", direct_error},
+           {L"*", direct_error},
+           {L"other.invalid; *.invalid", direct_error},
+           {L"origin.*", direct_error},
+           {L"or*in.inv*", direct_error},
+           {L"invalid", "via proxy"},
+           {L"rigin.invalid", "via proxy"},
+           {L"origin.*.invalid", "via proxy"},
+           {L"<local>", "via proxy"}}) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(bypass != nullptr ? bypass : L"(null)")));
+    Handle session(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PROXY, name.c_str(), bypass, 0));
+    EXPECT_EQ(get(session, true), answer);
+  }
+  unsetenv("no_proxy");
+
   ASSERT_EQ(setenv("http_proxy", proxy.Url("").c_str(), 1), 0);
   Handle preconfigured(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
   const std::string via_environment = get(preconfigured, true);
@@ -305,6 +329,24 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
       EXPECT_EQ(QueryText(request, HTTP_QUERY_CUSTOM, L"X-Proxy"), "<absent>");
       EXPECT_EQ(body, "not here");
     }
+  }
+  {
+    // A trusted certificate for another name is refused for the name, unless the request
+    // ignores names.
+    TempDir other_dir;
+    TlsFiles other;
+    ASSERT_TRUE(MakeSelfSignedCert(other_dir.path(), "localhost", &other));
+    ScriptedServer misnamed({.cert_file = other.cert.string(), .key_file = other.key.string()});
+    ASSERT_TRUE(misnamed.ok());
+    misnamed.Route("/gone", ScriptedResponse(404, "not here"));
+    ASSERT_TRUE(TqPlatformSetCaFile(other.cert.c_str()));
+    Handle session = OpenSession();
+    Handle connection = Connect(session, misnamed.port());
+    EXPECT_EQ(Fetch(connection, L"/gone", L"GET", L"", {}, INTERNET_FLAG_SECURE),
+              "error " + std::to_string(ERROR_INTERNET_SEC_CERT_CN_INVALID));
+    EXPECT_EQ(Fetch(connection, L"/gone", L"GET", L"", {},
+                    INTERNET_FLAG_SECURE | INTERNET_FLAG_IGNORE_CERT_CN_INVALID),
+              "not here");
   }
   TqPlatformSetCaFile(nullptr);
 
