@@ -1,11 +1,9 @@
 #include "tqutil/file_url.h"
 
 #include <cctype>
-#include <chrono>
 #include <filesystem>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>
@@ -126,15 +124,15 @@ std::unique_ptr<qv::io::IDataReadStream> TqUFileURL::OpenURLReadStream(const wch
       throw;
     }
     const std::int64_t size = TqUSysFile::GetFileSize(file);
+    // The time of the file opened, not of the name: a file renamed over the name meanwhile
+    // must not lend its time to these bytes.
     std::optional<std::int64_t> mtime;
-    std::error_code ec;
-    const auto written = std::filesystem::last_write_time(path, ec);
-    if (!ec) {
-      mtime = std::chrono::duration_cast<std::chrono::seconds>(
-                  std::chrono::file_clock::to_sys(written).time_since_epoch())
-                  .count();
-    }
-    std::string tag = std::to_string(size) + "-" + (mtime ? std::to_string(*mtime) : "0");
+    std::int64_t mtime_ns = 0;
+    const bool timed = TqUSysFile::GetFileModifiedTime(file, &mtime_ns);
+    if (timed) mtime = mtime_ns / 1'000'000'000;
+    // The time to the file system's full resolution: a file rewritten at the same size within
+    // one second must get another tag, or a cache keeps serving its old bytes.
+    std::string tag = std::to_string(size) + "-" + (timed ? std::to_string(mtime_ns) : "0");
     stream->SetTag(std::move(tag), mtime);
     return stream;
   } catch (const std::exception&) {

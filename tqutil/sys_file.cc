@@ -557,6 +557,39 @@ std::int64_t TqUSysFile::GetFileSize(Handle file) {
 #endif
 }
 
+bool TqUSysFile::GetFileModifiedTime(Handle file, std::int64_t* nanoseconds) {
+  if (!IsLive(file) || nanoseconds == nullptr) return false;
+  constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+  std::int64_t seconds = 0;
+  std::int64_t fraction = 0;  // nanoseconds past `seconds`, below one second
+#if defined(_WIN32)
+  FILETIME written = {};
+  if (!::GetFileTime(file->file, nullptr, nullptr, &written)) return false;
+  // 100-nanosecond ticks since 1601.
+  const std::uint64_t ticks = (static_cast<std::uint64_t>(written.dwHighDateTime) << 32) |
+                              written.dwLowDateTime;
+  constexpr std::int64_t kTicksPerSecond = 10'000'000;
+  constexpr std::int64_t kSeconds1601To1970 = 11'644'473'600;
+  seconds = static_cast<std::int64_t>(ticks / kTicksPerSecond) - kSeconds1601To1970;
+  fraction = static_cast<std::int64_t>(ticks % kTicksPerSecond) * 100;
+#else
+  struct stat st = {};
+  if (::fstat(file->fd, &st) != 0) return false;
+  seconds = static_cast<std::int64_t>(st.st_mtim.tv_sec);
+  fraction = static_cast<std::int64_t>(st.st_mtim.tv_nsec);
+  if (fraction < 0 || fraction >= kNanosecondsPerSecond) return false;
+#endif
+  // A time set by anyone who can write the file: one beyond the range is refused, not wrapped.
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+  if (seconds > (kMax - fraction) / kNanosecondsPerSecond ||
+      seconds < kMin / kNanosecondsPerSecond) {
+    return false;
+  }
+  *nanoseconds = seconds * kNanosecondsPerSecond + fraction;
+  return true;
+}
+
 bool TqUSysFile::CloseFile(Handle file) {
   if (!Forget(file)) return false;
 #if defined(_WIN32)

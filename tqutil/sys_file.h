@@ -67,6 +67,9 @@ class TQUTIL_API TqUSysFile {
   /// origin: 0 start, 1 current, 2 end. Returns the new position, or -1 on error.
   static std::int64_t SeekFile(Handle file, std::int64_t offset, int origin);
   static std::int64_t GetFileSize(Handle file);  ///< -1 on error
+  /// The open file's last modification, in nanoseconds since 1970 (UTC) to the file system's
+  /// resolution; false on error or when the time lies beyond what 64 bits of them hold.
+  static bool GetFileModifiedTime(Handle file, std::int64_t* nanoseconds);
   /// Closes `file`; false on error (the handle is gone either way).
   static bool CloseFile(Handle file);
   /// Renames `from` over `to`, replacing a file there; false with `ec` set on error.

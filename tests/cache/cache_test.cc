@@ -36,6 +36,7 @@
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
+#include "tests/tqutil/file_time.h"
 #include "tqutil/sys_file.h"
 
 namespace tq::test {
@@ -500,6 +501,28 @@ TEST_F(CacheTest, TheRequestIsBuiltFromTheNormalisedUrlTheEntryIsKeyedOn) {
   EXPECT_EQ(m_api.Sent().size(), 1u);
 }
 
+// A file URL says nothing about how long its body holds: every open asks the file again, and a
+// file rewritten at the same size within the same second is served as it is now, not as stored.
+TEST_F(CacheTest, AFileUrlIsServedAsTheFileIsNowAtEveryOpen) {
+  const fs::path file = m_dir.path() / "source.txt";
+#if defined(_WIN32)
+  const std::wstring url = L"file:///" + file.generic_wstring();
+#else
+  const std::wstring url = L"file://" + file.wstring();
+#endif
+  WriteFileBytes(file, "first");
+  ASSERT_TRUE(SetModifiedTime(file, std::chrono::seconds(kDate) + 100ms));
+  EXPECT_EQ(Open(url), "first");
+  EXPECT_TRUE(fs::exists(EntryPath(url)));
+  WriteFileBytes(file, "again");
+  ASSERT_TRUE(SetModifiedTime(file, std::chrono::seconds(kDate) + 600ms));
+  EXPECT_EQ(Open(url), "again");
+  EXPECT_EQ(Open(url), "again");
+  fs::remove(file);
+  EXPECT_EQ(Open(url), "<null>") << "no source, nothing served";
+  EXPECT_TRUE(m_api.Sent().empty());
+}
+
 // A tag holding CR, LF or NUL would split or end the "If-None-Match" line: such a stored tag is
 // no validator (the URL is fetched whole), and such a tag from a server is not kept as one. The
 // terminator a transport leaves at the end of its text is not part of the tag sent back.
@@ -925,6 +948,10 @@ TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgets
   m_api.Queue(Ok("the new body", std::nullopt, std::nullopt));
   EXPECT_EQ(open(), "the new body");
   EXPECT_EQ(ReadAll(*kept), "the body");
+  // A clean-up trims nothing here: the body is still served without a download.
+  EXPECT_TRUE(memory.CleanUp());
+  EXPECT_EQ(open(), "the new body");
+  EXPECT_EQ(m_api.Sent().size(), 2u);
 }
 
 TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsTheDiskCache) {

@@ -17,6 +17,7 @@
 #include "tests/support/read_all.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
+#include "tests/tqutil/file_time.h"
 #include "tqutil/file_protocol.h"
 #include "tqutil/file_streams.h"
 #include "tqutil/file_url.h"
@@ -354,8 +355,7 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   EXPECT_FALSE(qv::io::FileReadStream::Create(dir / "missing"));
   using namespace std::chrono;
   constexpr std::int64_t kModified = 1700000000;  // seconds since 1970
-  std::filesystem::last_write_time(
-      path, file_clock::from_sys(sys_seconds(seconds(kModified)) + milliseconds(700)));
+  ASSERT_TRUE(tq::test::SetModifiedTime(path, seconds(kModified) + milliseconds(700)));
   // A file the caller names through a link is its target (only the cache's own opens refuse
   // links), both as a path and as a file URL.
   if (MakeLink(path, dir / "link")) {
@@ -381,7 +381,24 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   const auto meta = u->MetaData();
   ASSERT_TRUE(meta.etag && meta.modified);
   EXPECT_EQ(*meta.modified, kModified) << "whole seconds, rounded down";
-  EXPECT_EQ(*meta.etag, "9-" + std::to_string(kModified)) << "a tag from size and time";
+  EXPECT_EQ(*meta.etag, "9-" + std::to_string(kModified) + "700000000")
+      << "a tag from size and time to the nanosecond";
+#if !defined(_WIN32)  // Windows renames no file held open
+  // A file of the same size renamed over the name while it is opened lends neither its time nor
+  // its tag to the bytes read: a cache would keep the old bytes under the new file's tag.
+  WriteText(dir / "other", "HDRaBcdeX");
+  ASSERT_TRUE(tq::test::SetModifiedTime(dir / "other", seconds(kModified + 60)));
+  int calls = 0;
+  F::SetOpenHookForTesting([&] {
+    if (++calls == 1) std::filesystem::rename(dir / "other", path);
+  });
+  auto raced = TqUFileURL::OpenURLReadStream(url.c_str(), {});
+  F::SetOpenHookForTesting({});
+  ASSERT_TRUE(raced);
+  EXPECT_EQ(ReadAll(*raced, 4), "HDRaBcdef");
+  EXPECT_EQ(raced->MetaData().etag.value_or("<none>"), *meta.etag);
+  EXPECT_EQ(raced->MetaData().modified.value_or(0), kModified);
+#endif
   // Refused: a file of another host; and regressions, each of which opened a file the URL does
   // not name: an empty host with a path that starts with "//" (another host's file, a UNC path
   // on Windows), a NUL decoded into the path (it ended there as the system read it, so "f"
