@@ -243,6 +243,11 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   server_.Route("/f", FullAnswer());
   TqUFileInfo info;
   ASSERT_TRUE(Info("/f", &info));
+  // The same URL text again is answered from the protocol's cache, without a request.
+  TqUFileInfo cached;
+  ASSERT_TRUE(Info("/f", &cached));
+  EXPECT_EQ(cached.GetFileSize(), 900u);
+  EXPECT_EQ(cached.GetFileRevisionId(), L"\"abc-123\"");
   // Two connect time-outs are retried, a third ends the call; a new URL text misses the cache.
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_TIMEOUT, 2, 0));
   EXPECT_TRUE(Info("/f?1", &info));
@@ -260,6 +265,10 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   ASSERT_EQ(requests.size(), 4u);
   EXPECT_EQ(requests[2].method + requests[3].method, "HEADGET");
   EXPECT_EQ(requests[3].Header("Range"), "bytes=0-1");
+  // The GET refused as well ends the call: no third request.
+  server_.Route("/405-always", ScriptedResponse(405));
+  EXPECT_FALSE(Info("/405-always", &info));
+  EXPECT_EQ(server_.request_count(), 6u);
 
   auto sent = std::make_shared<std::atomic<int>>(0);
   server_.Route("/502", [sent](const RecordedRequest&) {
@@ -276,17 +285,44 @@ TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumera
                ? FullAnswer()
                : ScriptedResponse(401).Header("WWW-Authenticate", "Basic realm=\"files\"");
   });
+  // The default hook, which Initialise installs, offers only the URL's own user name and
+  // password: for a URL without them the call ends after one request.
+  TqUFileInfo info;
+  EXPECT_FALSE(Info("/f", &info));
+  EXPECT_EQ(server_.request_count(), 1u);
+  const struct {
+    const wchar_t* url;
+    bool supplied;
+  } defaults[] = {{L"http://al%40ice:p%3Aw@h/f", true}, {L"http://alice@h/f", false},
+                  {L"http://alice:@h/f", false},        {L"http://:p@h/f", false},
+                  {L"http://h/f", false},               {L"not a url", false}};
+  for (const auto& d : defaults) {
+    HttpCredentials credentials(L"kept", L"kept");
+    EXPECT_EQ(HttpFileProtocol::DefaultPreHTTPAuthentication(d.url, &credentials),
+              d.supplied ? HttpFileProtocol::CredentialsSupplied : HttpFileProtocol::NoCredentials)
+        << qv::WideToUtf8(d.url);
+    EXPECT_EQ(std::wstring(credentials.GetUsername()), d.supplied ? L"al@ice" : L"kept");
+    EXPECT_EQ(std::wstring(credentials.GetPassword()), d.supplied ? L"p:w" : L"kept");
+  }
+
+  // A hook's credentials are tried once: a second challenge ends the call without asking again.
+  static std::atomic<int> hook_calls{0};
+  static const wchar_t* password = nullptr;
+  hook_calls = 0;  // a repeated run starts the count again
   HttpFileProtocol::SetPreHTTPAuthenticationFunc([](const wchar_t*, HttpCredentials* c) {
+    ++hook_calls;
     c->SetUsername(L"alice");
-    c->SetPassword(L"s3cret");
+    c->SetPassword(password);
     return HttpFileProtocol::CredentialsSupplied;
   });
-  TqUFileInfo info;
+  password = L"s3cret";
   ASSERT_TRUE(Info("/f", &info));
   EXPECT_EQ(info.GetFileSize(), 900u);
+  password = L"wrong";
+  EXPECT_FALSE(Info("/f?wrong", &info));
+  EXPECT_EQ(hook_calls.load(), 2);
 
-  static std::atomic<int> hook_calls{0};
-  hook_calls = 0;  // a repeated run starts the count again
+  hook_calls = 0;
   HttpFileProtocol::SetPreHTTPAuthenticationFunc([](const wchar_t*, HttpCredentials*) {
     ++hook_calls;
     return static_cast<HttpFileProtocol::PreHTTPAuthenticationResult>(7);
