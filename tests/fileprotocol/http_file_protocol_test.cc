@@ -334,6 +334,34 @@ TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumera
   EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
+// Appends `C` to the resolved URL's text.
+template <wchar_t C>
+void Append(const TqUURL&, const TqUURL&, TqUURL& resolved) {
+  resolved = TqUURL((std::wstring(resolved.GetString()) + C).c_str(), false);
+}
+
+// Each callback sees the resolved URL as the ones before it left it; one added twice runs twice,
+// one removal takes every copy, and a null entry is passed over.
+TEST_F(ProtocolTest, ResolutionCallbacksRunInTheOrderAddedAndOneRemovalTakesEveryCopy) {
+  TqUWideStringBuffer result;
+  const auto resolve = [&](const wchar_t* relative) {
+    EXPECT_TRUE(protocol_->ResolveRelative(L"http://h/a/b/c.txt", relative, &result));
+    return std::wstring(result.View());
+  };
+  EXPECT_EQ(resolve(L"../d.txt"), L"http://h/a/d.txt");
+  for (auto* callback : {&Append<L'x'>, static_cast<decltype(&Append<L'x'>)>(nullptr),
+                         &Append<L'y'>, &Append<L'x'>}) {
+    HttpFileProtocol::AddPostUrlResolutionCallback(callback);
+  }
+  EXPECT_EQ(resolve(L"../d.txt"), L"http://h/a/d.txtxyx");
+  HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'x'>);
+  HttpFileProtocol::RemovePostUrlResolutionCallback(nullptr);
+  EXPECT_EQ(resolve(L"e"), L"http://h/a/b/ey");
+  HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'y'>);
+  HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'y'>);  // not there: no change
+  EXPECT_EQ(resolve(L"e"), L"http://h/a/b/e");
+}
+
 std::string ReadAll(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -421,6 +449,14 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
     CountedBinding binding;
     {
       qv::net::MyBindStatusCallback callback(&alone);
+      // It is an IUnknown and an IBindStatusCallback, nothing else, and counts no references.
+      for (const IID* iid : {&IID_IUnknown, &IID_IBindStatusCallback, &IID_IBinding}) {
+        void* object = &binding;
+        const bool known = iid != &IID_IBinding;
+        EXPECT_EQ(callback.QueryInterface(*iid, &object), known ? S_OK : E_NOINTERFACE);
+        EXPECT_EQ(object, known ? static_cast<IBindStatusCallback*>(&callback) : nullptr);
+      }
+      EXPECT_EQ(callback.AddRef() + callback.Release(), 0u);
       EXPECT_EQ(callback.OnStartBinding(0, &binding), S_OK);
       EXPECT_EQ(callback.OnProgress(50, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
       EXPECT_EQ(callback.OnStopBinding(S_OK, nullptr), S_OK);
