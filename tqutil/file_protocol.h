@@ -65,7 +65,8 @@ class TQUTIL_API TqUFileInfoCache {
   TqUFileInfoCache(const TqUFileInfoCache&) = delete;
   TqUFileInfoCache& operator=(const TqUFileInfoCache&) = delete;
 
-  /// The information kept for `name` into `info`; false when none (it then counts as used).
+  /// The information kept for `name` into `info` (the name then counts as the most recently
+  /// used); false when none.
   bool Lookup(const wchar_t* name, TqUFileInfo* info);
   /// Keeps (or replaces) the information for `name`.
   void Add(const wchar_t* name, const TqUFileInfo& info);

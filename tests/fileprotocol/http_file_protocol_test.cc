@@ -341,7 +341,7 @@ void Append(const TqUURL&, const TqUURL&, TqUURL& resolved) {
 }
 
 // Each callback sees the resolved URL as the ones before it left it; one added twice runs twice,
-// one removal takes every copy, and a null entry is passed over.
+// one removal takes every copy, and a null entry is passed over. ResolveAbsolute runs none.
 TEST_F(ProtocolTest, ResolutionCallbacksRunInTheOrderAddedAndOneRemovalTakesEveryCopy) {
   TqUWideStringBuffer result;
   const auto resolve = [&](const wchar_t* relative) {
@@ -354,6 +354,25 @@ TEST_F(ProtocolTest, ResolutionCallbacksRunInTheOrderAddedAndOneRemovalTakesEver
     HttpFileProtocol::AddPostUrlResolutionCallback(callback);
   }
   EXPECT_EQ(resolve(L"../d.txt"), L"http://h/a/d.txtxyx");
+  // Making a path absolute runs none of them: a URL or an absolute path is kept, a relative one
+  // is resolved against the base or joined to the directory, and with neither it fails.
+  const struct {
+    const wchar_t* path;
+    const wchar_t* base;
+    const wchar_t* directory;
+    const wchar_t* absolute;  // null: false
+  } paths[] = {{L"..\\up.png", L"http://h/a/b/c.txt", nullptr, L"http://h/a/up.png"},
+               {L"https://other/x", L"http://h/a/b/c.txt", L"/dir", L"https://other/x"},
+               {L"/etc/x", nullptr, L"/dir", L"/etc/x"},
+               {L"C:\\x", nullptr, L"/dir", L"C:\\x"},
+               {L"b.txt", nullptr, L"/dir", L"/dir/b.txt"},
+               {L"b.txt", nullptr, nullptr, nullptr}};
+  for (const auto& p : paths) {
+    result.SetString(L"untouched");
+    EXPECT_EQ(protocol_->ResolveAbsolute(p.path, p.base, p.directory, &result),
+              p.absolute != nullptr);
+    EXPECT_EQ(std::wstring(result.View()), p.absolute ? p.absolute : L"untouched");
+  }
   HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'x'>);
   HttpFileProtocol::RemovePostUrlResolutionCallback(nullptr);
   EXPECT_EQ(resolve(L"e"), L"http://h/a/b/ey");
