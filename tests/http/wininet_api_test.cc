@@ -78,6 +78,14 @@ TEST_F(WinInetTest, AFailedConnectLogsHostAndCodeAndAPortOutOfRangeGetsNoConnect
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", 12029, 1, 0));
   EXPECT_FALSE(Send("http://unreachable.example:81/"));
   EXPECT_EQ(log.Text(), "WinInet: InternetConnect(unreachable.example) failed with code 12029\n");
+  // A connection whose limit cannot be set is logged and used all the same.
+  log.Clear();
+  ASSERT_TRUE(TqPlatformInjectFault("InternetSetOptionW", ERROR_INTERNET_INTERNAL_ERROR, 1, 0));
+  m_server.Route("/f", tq::test::ScriptedResponse(200, "f"));
+  EXPECT_TRUE(Send(m_server.Url("/f")));
+  EXPECT_EQ(log.Text(), "WinInet: InternetSetOption(INTERNET_OPTION_MAX_CONNS_PER_SERVER, 4) "
+                        "failed with code 12004\n");
+  EXPECT_EQ(m_api.QueryStatusCode(m_request), 200u);
   for (const wchar_t* url : {L"http://127.0.0.1:65616/", L"http://127.0.0.1:0/"}) {
     void* connection = m_api.Connect(m_internet, TqUURL(url, false));
     EXPECT_EQ(connection, nullptr) << qv::WideToUtf8(url);
