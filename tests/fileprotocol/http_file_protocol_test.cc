@@ -210,6 +210,18 @@ TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedTwoSendTimeOutsRetriedA
                           Posted{1, "HttpFileProtocol::ReadFile HttpOpenRequest for " +
                                         f.url_utf8() + " failed: 12001"}));
 
+  // A whole size asked of an answer that tells none (chunked, no Content-Range) fails the read;
+  // without the question the bytes are read.
+  server_.Route("/chunked", ScriptedResponse(200, "abcd").Chunked(2));
+  OpenedFile chunked(protocol_, server_.Url("/chunked"));
+  std::uint64_t total = 7;
+  EXPECT_EQ(chunked.Read(0, 4, buffer.data(), &total), -1);
+  EXPECT_EQ(total, 7u);
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile HttpQueryInfo Can't "
+                                               "find size in headers for " + chunked.url_utf8()}));
+  EXPECT_EQ(chunked.Read(0, 4, buffer.data()), 4);
+  EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "abcd");
+
   // Address space only: the server sends 4 bytes, so only the first page is touched.
   const std::uint64_t size = (std::uint64_t{1} << 32) + 16;
 #if defined(_WIN32)
