@@ -38,9 +38,6 @@ class MyBindStatusCallback : public IBindStatusCallback {
                                             STGMEDIUM* medium) override;
   HRESULT STDMETHODCALLTYPE OnObjectAvailable(REFIID riid, IUnknown* object) override;
 
-  // The binding of the running download; null before OnStartBinding and after OnStopBinding.
-  IBinding* Binding() const { return m_binding; }
-
   // Throws what the progress object threw, if it did.
   void RethrowProgressError() const;
 
@@ -48,7 +45,7 @@ class MyBindStatusCallback : public IBindStatusCallback {
   void Report(double fraction);
   void ReleaseBinding();
 
-  IBinding* m_binding = nullptr;
+  IBinding* m_binding = nullptr;  // from OnStartBinding to OnStopBinding, with a reference held
   TqUProgress* m_progress;
   std::exception_ptr m_progress_error;
 };
