@@ -281,6 +281,21 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   server_.Route("/405-always", ScriptedResponse(405));
   EXPECT_FALSE(Info("/405-always", &info));
   EXPECT_EQ(server_.request_count(), 6u);
+  // Time-outs opening requests count over the whole call: two before the HEAD and one before
+  // the GET end it, silently. Another error ends it with its message.
+  server_.Route("/405-slow", [](const RecordedRequest& r) {
+    if (r.method != "HEAD") return FullAnswer();
+    TqPlatformInjectFault("HttpOpenRequestW", ERROR_INTERNET_TIMEOUT, 1, 0);  // the GET's open
+    return ScriptedResponse(405);
+  });
+  ASSERT_TRUE(TqPlatformInjectFault("HttpOpenRequestW", ERROR_INTERNET_TIMEOUT, 2, 0));
+  EXPECT_FALSE(Info("/405-slow", &info));
+  EXPECT_EQ(server_.request_count(), 7u);
+  EXPECT_THAT(TakeLog(), IsEmpty());
+  ASSERT_TRUE(TqPlatformInjectFault("HttpOpenRequestW", ERROR_INTERNET_INTERNAL_ERROR, 1, 0));
+  EXPECT_FALSE(Info("/405-slow", &info));
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::GetFileInfo InternetOpen for " +
+                                                   server_.Url("/405-slow") + " failed: 12004"}));
 
   auto sent = std::make_shared<std::atomic<int>>(0);
   server_.Route("/502", [sent](const RecordedRequest&) {
