@@ -304,6 +304,12 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   EXPECT_TRUE(Info("/502", &info));
   EXPECT_EQ(sent->load(), 4);
   EXPECT_THAT(TakeLog(), IsEmpty());
+
+  // The cache holds 30 URL texts: after 30 others the least recently used, "/f", is asked again.
+  const std::size_t asked = server_.request_count();
+  for (int i = 0; i < 30; ++i) ASSERT_TRUE(Info("/f?" + std::to_string(100 + i), &info));
+  ASSERT_TRUE(Info("/f", &info));
+  EXPECT_EQ(server_.request_count(), asked + 31);
 }
 
 TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumerationEndsTheCall) {
