@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "platform/curl_handles.h"
 #include "platform/fault_injection.h"
@@ -187,7 +189,11 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   std::vector<std::string> lines;
   // A Host line of the caller's goes out in place of the one made from the URL.
   if (!HasHeaderLine(sent, "Host")) {
-    lines.push_back("Host: " + url.substr(authority_start, path_start - authority_start));
+    // As libcurl sends it: without the port when it is the scheme's own.
+    std::string host = url.substr(authority_start, path_start - authority_start);
+    const std::string_view own_port = url.starts_with("https:") ? ":443" : ":80";
+    if (host.ends_with(own_port)) host.resize(host.size() - own_port.size());
+    lines.push_back("Host: " + host);
   }
   if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
   lines.insert(lines.end(), sent.begin(), sent.end());

@@ -162,10 +162,9 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
     if (r.Header("Proxy-Authorization") != "Basic Ym9iOnB3") {  // "bob:pw"
       return ScriptedResponse(407, "who").Header("Proxy-Authenticate", "Basic realm=\"p\"");
     }
-    return ScriptedResponse(200, "via proxy");
+    return ScriptedResponse(200, "via proxy").Header("X-Host", r.Header("Host").value_or(""));
   });
-  // The body, "who" from the 407 the proxy answers without credentials, or "error N".
-  const auto get = [](const Handle& session, bool credentials) {
+  const auto connect = [](const Handle& session, bool credentials) {
     Handle connection(InternetConnectW(session.get(), L"origin.invalid", 80, nullptr, nullptr,
                                        INTERNET_SERVICE_HTTP, 0, 0));
     wchar_t user[] = L"bob", password[] = L"pw";
@@ -173,12 +172,24 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
       InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_USERNAME, user, 4);
       InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_PASSWORD, password, 3);
     }
-    return Fetch(connection, L"/x");
+    return connection;
+  };
+  // The body, "who" from the 407 the proxy answers without credentials, or "error N".
+  const auto get = [&](const Handle& session, bool credentials) {
+    return Fetch(connect(session, credentials), L"/x");
   };
   const std::wstring name = L"http=127.0.0.1:" + std::to_wstring(proxy.port());
   Handle named(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PROXY, name.c_str(), nullptr, 0));
   EXPECT_EQ(get(named, false), "who");
   EXPECT_EQ(get(named, true), "via proxy");
+  {  // the Host line reported is the one the proxy got: the scheme's own port is left out
+    const Handle connection = connect(named, true);
+    Handle request = OpenRequest(connection, L"/x");
+    ASSERT_TRUE(Send(request));
+    EXPECT_EQ(QueryText(request, HTTP_QUERY_CUSTOM, L"X-Host"), "origin.invalid");
+    EXPECT_EQ(QueryText(request, HTTP_QUERY_HOST | HTTP_QUERY_FLAG_REQUEST_HEADERS),
+              "origin.invalid");
+  }
 
   // A bypass list's entries match the whole host name, with "*" for any text and "<local>" for
   // a name without a dot; a named proxy ignores the environment's bypass list.
