@@ -373,6 +373,21 @@ bool RemoveStale(const wchar_t* path) {
   return deleted;
 }
 
+// Deletes the read-only file at `path` that DeleteFileW refused: POSIX removes one from a
+// writable directory, and a planted or copied read-only file must not hold its name for ever.
+// Others' opens that share deletion keep the file until they close, as DeleteFileW does; a
+// directory (which opens only with FILE_FLAG_BACKUP_SEMANTICS) and a link's target are left
+// alone. True when the file is gone or goes with the last open.
+bool DeleteReadOnly(const wchar_t* path) {
+  HANDLE file = ::CreateFileW(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return false;
+  const bool deleted = MarkForDeletion(file);
+  ::CloseHandle(file);
+  return deleted;
+}
+
 #endif
 
 }  // namespace
@@ -634,7 +649,16 @@ bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& 
     ec = LastFileError();
     return false;
   }
+#if defined(_WIN32)
+  if (std::filesystem::remove(path, ec)) return true;
+  if (ec == std::errc::permission_denied && DeleteReadOnly(path.c_str())) {
+    ec.clear();
+    return true;
+  }
+  return false;
+#else
   return std::filesystem::remove(path, ec);
+#endif
 }
 
 namespace {
@@ -817,6 +841,7 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
   if (::DeleteFileW(path.c_str())) return true;
   const DWORD error = ::GetLastError();
   if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return false;
+  if (error == ERROR_ACCESS_DENIED && DeleteReadOnly(path.c_str())) return true;
   ec = std::error_code(static_cast<int>(error), std::system_category());
   return false;
 }
