@@ -640,6 +640,25 @@ bool TqUSysFile::RenameFile(const std::filesystem::path& from, const std::filesy
     return false;
   }
   std::filesystem::rename(from, to, ec);
+#if defined(_WIN32)
+  // Windows replaces no read-only file, which POSIX does in a writable directory: a planted or
+  // copied read-only entry would refuse every new copy for ever. The flag goes for the rename,
+  // and comes back when the rename still fails.
+  if (ec == std::errc::permission_denied) {
+    const DWORD attributes = ::GetFileAttributesW(to.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0 &&
+        (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      const DWORD writable = attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
+      if (::SetFileAttributesW(to.c_str(), writable != 0 ? writable : FILE_ATTRIBUTE_NORMAL)) {
+        if (::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING)) {
+          ec.clear();
+          return true;
+        }
+        ::SetFileAttributesW(to.c_str(), attributes);
+      }
+    }
+  }
+#endif
   return !ec;
 }
 
