@@ -11,6 +11,7 @@
 #include <string>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -846,6 +847,57 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   return false;
 }
 
+std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
+                                            std::error_code& ec) {
+  ec.clear();
+  // MinGW's remove_all is no use here: its symlink_status follows links (there is no lstat),
+  // so it would take a junction for a directory and empty what it leads to.
+  const DWORD attributes = ::GetFileAttributesW(path.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+      ec = std::error_code(static_cast<int>(error), std::system_category());
+    }
+    return 0;
+  }
+  std::uintmax_t count = 0;
+  const bool link = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    // A file, or a link to one: DeleteFileW removes a link itself.
+    std::error_code removed;
+    if (TqUSysFile::RemoveFile(path, removed)) ++count;
+    if (removed) ec = removed;
+    return count;
+  }
+  if (!link) {
+    std::vector<std::filesystem::path> names;
+    WIN32_FIND_DATAW data;
+    const std::filesystem::path pattern = path / L"*";
+    HANDLE find = ::FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data,
+                                     FindExSearchNameMatch, nullptr, 0);
+    if (find != INVALID_HANDLE_VALUE) {
+      do {
+        if (std::wcscmp(data.cFileName, L".") != 0 && std::wcscmp(data.cFileName, L"..") != 0) {
+          names.push_back(path / data.cFileName);
+        }
+      } while (::FindNextFileW(find, &data));
+      ::FindClose(find);
+    }
+    for (const std::filesystem::path& name : names) {
+      std::error_code inner;
+      count += RemoveTree(name, inner);
+      if (inner && !ec) ec = inner;
+    }
+  }
+  // A directory junction or link goes as itself, whatever lies behind it.
+  if (::RemoveDirectoryW(path.c_str())) {
+    ++count;
+  } else if (!ec) {
+    ec = LastError();
+  }
+  return count;
+}
+
 bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
   ec.clear();
   if (RemovalRefused(name)) {
@@ -973,6 +1025,14 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   if (::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) return true;
   if (errno != ENOENT && errno != ENOTDIR) ec = Errno();
   return false;
+}
+
+std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
+                                            std::error_code& ec) {
+  // libstdc++'s POSIX remove_all looks at every entry without following it, and removes a
+  // link as itself.
+  const std::uintmax_t count = std::filesystem::remove_all(path, ec);
+  return ec ? 0 : count;
 }
 
 bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {

@@ -407,6 +407,14 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
       if (c.directory) fs::remove_all(c.at);
     }
   }
+  // Clearing the cache removes a planted link to a directory as itself: what it leads to stays.
+  fs::create_directories(outside / "dir");
+  WriteFileBytes(outside / "dir" / "kept", "kept");
+  RemoveAll();
+  ASSERT_TRUE(PlantLink(outside / "dir", EntryPath()));
+  m_cache.Clear();
+  EXPECT_EQ(ReadFileBytes(outside / "dir" / "kept"), "kept");
+  EXPECT_FALSE(IsLink(EntryPath()));
 }
 
 // A body that must not be stored is served and takes the old entry with it; a download that

@@ -299,6 +299,19 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
   for (const char* name : {"ro-by-name", "ro-by-path", "new"}) {
     EXPECT_FALSE(std::filesystem::exists(dir / name)) << name;
   }
+  // A tree goes whole, read-only files too; a link in it goes as itself, never entered.
+  WriteText(dir / "sub" / "kept", "kept");
+  std::filesystem::create_directories(dir / "tree" / "inner");
+  WriteText(dir / "tree" / "inner" / "file", "file");
+  WriteText(dir / "tree" / "ro", "ro");
+  std::filesystem::permissions(dir / "tree" / "ro", std::filesystem::perms::owner_read);
+  const bool tree_link = links && MakeLink(dir / "sub", dir / "tree" / "link");
+  EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "tree", ec), tree_link ? 5u : 4u);
+  EXPECT_FALSE(ec) << ec.message();
+  EXPECT_FALSE(std::filesystem::exists(dir / "tree"));
+  EXPECT_EQ(ReadText(dir / "sub" / "kept"), "kept");
+  EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "tree", ec), 0u);
+  EXPECT_FALSE(ec);
   EXPECT_EQ(TqUSysDirectory(dir / "none").Error(), std::errc::no_such_file_or_directory);
 }
 
