@@ -11,6 +11,7 @@
 #include <string>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -373,6 +374,21 @@ bool RemoveStale(const wchar_t* path) {
   return deleted;
 }
 
+// Deletes the read-only file at `path` that DeleteFileW refused: POSIX removes one from a
+// writable directory, and a planted or copied read-only file must not hold its name for ever.
+// Others' opens that share deletion keep the file until they close, as DeleteFileW does; a
+// directory (which opens only with FILE_FLAG_BACKUP_SEMANTICS) and a link's target are left
+// alone. True when the file is gone or goes with the last open.
+bool DeleteReadOnly(const wchar_t* path) {
+  HANDLE file = ::CreateFileW(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return false;
+  const bool deleted = MarkForDeletion(file);
+  ::CloseHandle(file);
+  return deleted;
+}
+
 #endif
 
 }  // namespace
@@ -625,6 +641,25 @@ bool TqUSysFile::RenameFile(const std::filesystem::path& from, const std::filesy
     return false;
   }
   std::filesystem::rename(from, to, ec);
+#if defined(_WIN32)
+  // Windows replaces no read-only file, which POSIX does in a writable directory: a planted or
+  // copied read-only entry would refuse every new copy for ever. The flag goes for the rename,
+  // and comes back when the rename still fails.
+  if (ec == std::errc::permission_denied) {
+    const DWORD attributes = ::GetFileAttributesW(to.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0 &&
+        (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      const DWORD writable = attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
+      if (::SetFileAttributesW(to.c_str(), writable != 0 ? writable : FILE_ATTRIBUTE_NORMAL)) {
+        if (::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING)) {
+          ec.clear();
+          return true;
+        }
+        ::SetFileAttributesW(to.c_str(), attributes);
+      }
+    }
+  }
+#endif
   return !ec;
 }
 
@@ -634,7 +669,16 @@ bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& 
     ec = LastFileError();
     return false;
   }
+#if defined(_WIN32)
+  if (std::filesystem::remove(path, ec)) return true;
+  if (ec == std::errc::permission_denied && DeleteReadOnly(path.c_str())) {
+    ec.clear();
+    return true;
+  }
+  return false;
+#else
   return std::filesystem::remove(path, ec);
+#endif
 }
 
 namespace {
@@ -803,6 +847,57 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   return false;
 }
 
+std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
+                                            std::error_code& ec) {
+  ec.clear();
+  // MinGW's remove_all is no use here: its symlink_status follows links (there is no lstat),
+  // so it would take a junction for a directory and empty what it leads to.
+  const DWORD attributes = ::GetFileAttributesW(path.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+      ec = std::error_code(static_cast<int>(error), std::system_category());
+    }
+    return 0;
+  }
+  std::uintmax_t count = 0;
+  const bool link = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    // A file, or a link to one: DeleteFileW removes a link itself.
+    std::error_code removed;
+    if (TqUSysFile::RemoveFile(path, removed)) ++count;
+    if (removed) ec = removed;
+    return count;
+  }
+  if (!link) {
+    std::vector<std::filesystem::path> names;
+    WIN32_FIND_DATAW data;
+    const std::filesystem::path pattern = path / L"*";
+    HANDLE find = ::FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data,
+                                     FindExSearchNameMatch, nullptr, 0);
+    if (find != INVALID_HANDLE_VALUE) {
+      do {
+        if (std::wcscmp(data.cFileName, L".") != 0 && std::wcscmp(data.cFileName, L"..") != 0) {
+          names.push_back(path / data.cFileName);
+        }
+      } while (::FindNextFileW(find, &data));
+      ::FindClose(find);
+    }
+    for (const std::filesystem::path& name : names) {
+      std::error_code inner;
+      count += RemoveTree(name, inner);
+      if (inner && !ec) ec = inner;
+    }
+  }
+  // A directory junction or link goes as itself, whatever lies behind it.
+  if (::RemoveDirectoryW(path.c_str())) {
+    ++count;
+  } else if (!ec) {
+    ec = LastError();
+  }
+  return count;
+}
+
 bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
   ec.clear();
   if (RemovalRefused(name)) {
@@ -817,6 +912,7 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
   if (::DeleteFileW(path.c_str())) return true;
   const DWORD error = ::GetLastError();
   if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return false;
+  if (error == ERROR_ACCESS_DENIED && DeleteReadOnly(path.c_str())) return true;
   ec = std::error_code(static_cast<int>(error), std::system_category());
   return false;
 }
@@ -929,6 +1025,14 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   if (::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) return true;
   if (errno != ENOENT && errno != ENOTDIR) ec = Errno();
   return false;
+}
+
+std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
+                                            std::error_code& ec) {
+  // libstdc++'s POSIX remove_all looks at every entry without following it, and removes a
+  // link as itself.
+  const std::uintmax_t count = std::filesystem::remove_all(path, ec);
+  return ec ? 0 : count;
 }
 
 bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {

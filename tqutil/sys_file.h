@@ -148,6 +148,12 @@ class TQUTIL_API TqUSysDirectory {
   /// was there; false with `ec` set when it could not be removed.
   bool RemoveFile(const Char* name, std::error_code& ec) const;
 
+  /// Removes `path` and, when it is a directory, everything in it; a link (a reparse point on
+  /// Windows: a junction or a symbolic link) anywhere in the tree is removed as itself, and what
+  /// it leads to is never entered. The count of files and directories removed; `ec` set when
+  /// something could not be removed (the rest is removed still).
+  static std::uintmax_t RemoveTree(const std::filesystem::path& path, std::error_code& ec);
+
   /// Makes RemoveFile refuse (permission denied, the file left in place) every name for which
   /// `refuse` returns true; an empty function ends it. `refuse` is called from whichever
   /// threads remove files, possibly at once.

@@ -19,6 +19,7 @@
 #include "net/stream/read_stream.h"
 #include "net/stream/stream_copy.h"
 #include "net/stream/url_reading.h"
+#include "tqutil/sys_file.h"
 
 namespace qv::net {
 namespace {
@@ -531,7 +532,8 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenUrl(std::wstring
 
 void DiskCache::Clear() {
   std::error_code ec;
-  fs::remove_all(m_directory, ec);
+  // Links planted in the directory go as themselves; what they lead to is not the cache's.
+  TqUSysDirectory::RemoveTree(m_directory, ec);
   detail::EnsureCacheDirectory(m_directory);
 }
 

@@ -344,6 +344,21 @@ TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
     EXPECT_FALSE(m_cache.Contains(kUrl));
     EXPECT_FALSE(fs::exists(EntryPath()));
   }
+  // Read-only (copied in, or left so) too, as a writable directory allows on POSIX; and
+  // clearing the cache takes such a file and whatever else lies in the directory.
+  for (const bool clear : {false, true}) {
+    SCOPED_TRACE(clear ? "cleared" : "looked at");
+    WriteFileBytes(EntryPath(), cases[0]);
+    fs::permissions(EntryPath(), fs::perms::owner_read);
+    if (clear) {
+      fs::create_directories(m_cache.Directory() / "sub");
+      WriteFileBytes(m_cache.Directory() / "sub" / "file", "x");
+      m_cache.Clear();
+    } else {
+      EXPECT_FALSE(m_cache.Contains(kUrl));
+    }
+    EXPECT_THAT(Remaining(), IsEmpty());
+  }
 }
 
 // Links, FIFOs and directories planted by another local user at an entry's name or its temporary
@@ -407,6 +422,14 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
       if (c.directory) fs::remove_all(c.at);
     }
   }
+  // Clearing the cache removes a planted link to a directory as itself: what it leads to stays.
+  fs::create_directories(outside / "dir");
+  WriteFileBytes(outside / "dir" / "kept", "kept");
+  RemoveAll();
+  ASSERT_TRUE(PlantLink(outside / "dir", EntryPath()));
+  m_cache.Clear();
+  EXPECT_EQ(ReadFileBytes(outside / "dir" / "kept"), "kept");
+  EXPECT_FALSE(IsLink(EntryPath()));
 }
 
 // A body that must not be stored is served and takes the old entry with it; a download that

@@ -285,6 +285,33 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
   EXPECT_TRUE(directory.RemoveFile(Path("file").c_str(), ec));
   EXPECT_FALSE(directory.RemoveFile(Path("file").c_str(), ec)) << "nothing there any more";
   EXPECT_FALSE(ec);
+  // A read-only file blocks no name: removed by name or by path, and replaced by a rename, as a
+  // writable directory allows on POSIX.
+  for (const char* name : {"ro-by-name", "ro-by-path", "ro-renamed-over"}) {
+    WriteText(dir / name, name);
+    std::filesystem::permissions(dir / name, std::filesystem::perms::owner_read);
+  }
+  WriteText(dir / "new", "new");
+  EXPECT_TRUE(directory.RemoveFile(Path("ro-by-name").c_str(), ec)) << ec.message();
+  EXPECT_TRUE(F::RemoveFile(dir / "ro-by-path", ec)) << ec.message();
+  EXPECT_TRUE(F::RenameFile(dir / "new", dir / "ro-renamed-over", ec)) << ec.message();
+  EXPECT_EQ(ReadText(dir / "ro-renamed-over"), "new");
+  for (const char* name : {"ro-by-name", "ro-by-path", "new"}) {
+    EXPECT_FALSE(std::filesystem::exists(dir / name)) << name;
+  }
+  // A tree goes whole, read-only files too; a link in it goes as itself, never entered.
+  WriteText(dir / "sub" / "kept", "kept");
+  std::filesystem::create_directories(dir / "tree" / "inner");
+  WriteText(dir / "tree" / "inner" / "file", "file");
+  WriteText(dir / "tree" / "ro", "ro");
+  std::filesystem::permissions(dir / "tree" / "ro", std::filesystem::perms::owner_read);
+  const bool tree_link = links && MakeLink(dir / "sub", dir / "tree" / "link");
+  EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "tree", ec), tree_link ? 5u : 4u);
+  EXPECT_FALSE(ec) << ec.message();
+  EXPECT_FALSE(std::filesystem::exists(dir / "tree"));
+  EXPECT_EQ(ReadText(dir / "sub" / "kept"), "kept");
+  EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "tree", ec), 0u);
+  EXPECT_FALSE(ec);
   EXPECT_EQ(TqUSysDirectory(dir / "none").Error(), std::errc::no_such_file_or_directory);
 }
 
