@@ -681,6 +681,37 @@ bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& 
 #endif
 }
 
+TqUSysFile::NameKind TqUSysFile::KindOfName(const std::filesystem::path& path,
+                                            std::error_code& ec) {
+  ec.clear();
+#if defined(_WIN32)
+  // The name's own attributes: MinGW's symlink_status follows links (it has no lstat).
+  const DWORD attributes = ::GetFileAttributesW(path.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+      ec.assign(static_cast<int>(error), std::system_category());
+    }
+    return NameKind::kNone;
+  }
+  if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) return NameKind::kOther;
+  return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? NameKind::kDirectory : NameKind::kRegular;
+#else
+  const std::filesystem::file_status status = std::filesystem::symlink_status(path, ec);
+  switch (status.type()) {
+    case std::filesystem::file_type::not_found:
+      ec.clear();
+      return NameKind::kNone;
+    case std::filesystem::file_type::regular:
+      return NameKind::kRegular;
+    case std::filesystem::file_type::directory:
+      return NameKind::kDirectory;
+    default:
+      return ec ? NameKind::kNone : NameKind::kOther;
+  }
+#endif
+}
+
 namespace {
 // Whether `path` (a link not followed) names the file open as `file`. Where an open file can
 // be neither renamed nor removed (Windows), the name always holds it while it is open.

@@ -78,6 +78,11 @@ class TQUTIL_API TqUSysFile {
   /// Removes the file (or link) at `path`: true when removed; false with `ec` clear when nothing
   /// was there; false with `ec` set when it could not be removed.
   static bool RemoveFile(const std::filesystem::path& path, std::error_code& ec);
+  /// What lies at `path` itself, a link never followed: a link (on Windows any reparse point),
+  /// FIFO or device is kOther. kNone with `ec` clear when nothing is there, with `ec` set when
+  /// the name could not be looked at.
+  enum class NameKind { kNone, kRegular, kDirectory, kOther };
+  static NameKind KindOfName(const std::filesystem::path& path, std::error_code& ec);
   /// RenameFile of the file open as `file`, made only while `from` still names it: one that
   /// ignores the sharing (a cleared directory) may have removed it, and another writer made the
   /// name anew. Otherwise false with `ec` set to no_such_file_or_directory. Where no open file

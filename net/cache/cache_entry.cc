@@ -9,10 +9,6 @@
 
 #include <gsl/narrow>
 
-#if defined(_WIN32)
-#include <windows.h>
-#endif
-
 #include "net/cache/cache_entry_format.h"
 #include "net/stream/stream_copy.h"
 
@@ -227,36 +223,20 @@ invalid_cache_header::invalid_cache_header()
 
 namespace detail {
 EntryFileKind KindOfEntryFile(const fs::path& path) {
-#if defined(_WIN32)
-  // What lies at the name itself: MinGW's symlink_status follows links (it has no lstat), and a
-  // link planted at an entry's name would pass for the file or directory it leads to.
-  const DWORD attributes = ::GetFileAttributesW(path.c_str());
-  if (attributes == INVALID_FILE_ATTRIBUTES) {
-    const DWORD error = ::GetLastError();
-    if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) {
-      return EntryFileKind::kNone;
-    }
-    throw fs::filesystem_error(
-        "exists", path, std::error_code(static_cast<int>(error), std::system_category()));
-  }
-  if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) return EntryFileKind::kForeign;
-  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return EntryFileKind::kDirectory;
-  return EntryFileKind::kRegular;
-#else
   std::error_code ec;
-  const fs::file_status status = fs::symlink_status(path, ec);
-  if (!fs::status_known(status)) throw fs::filesystem_error("exists", path, ec);
-  switch (status.type()) {
-    case fs::file_type::not_found:
+  const TqUSysFile::NameKind kind = TqUSysFile::KindOfName(path, ec);
+  if (ec) throw fs::filesystem_error("exists", path, ec);
+  switch (kind) {
+    case TqUSysFile::NameKind::kNone:
       return EntryFileKind::kNone;
-    case fs::file_type::regular:
+    case TqUSysFile::NameKind::kRegular:
       return EntryFileKind::kRegular;
-    case fs::file_type::directory:
+    case TqUSysFile::NameKind::kDirectory:
       return EntryFileKind::kDirectory;
-    default:
-      return EntryFileKind::kForeign;
+    case TqUSysFile::NameKind::kOther:
+      break;
   }
-#endif
+  return EntryFileKind::kForeign;
 }
 
 bool EntryFileExists(const fs::path& path) { return KindOfEntryFile(path) != EntryFileKind::kNone; }
