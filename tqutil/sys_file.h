@@ -78,10 +78,10 @@ class TQUTIL_API TqUSysFile {
   /// Removes the file (or link) at `path`: true when removed; false with `ec` clear when nothing
   /// was there; false with `ec` set when it could not be removed.
   static bool RemoveFile(const std::filesystem::path& path, std::error_code& ec);
-  /// What lies at `path` itself, a link never followed: a link (on Windows any reparse point),
-  /// FIFO or device is kOther. kNone with `ec` clear when nothing is there, with `ec` set when
-  /// the name could not be looked at.
+  /// What lies at a name itself: a link (on Windows any reparse point), FIFO or device is kOther.
   enum class NameKind { kNone, kRegular, kDirectory, kOther };
+  /// The kind of `path` itself, a link never followed. kNone with `ec` clear when nothing is
+  /// there, with `ec` set when the name could not be looked at.
   static NameKind KindOfName(const std::filesystem::path& path, std::error_code& ec);
   /// RenameFile of the file open as `file`, made only while `from` still names it: one that
   /// ignores the sharing (a cleared directory) may have removed it, and another writer made the
