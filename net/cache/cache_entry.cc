@@ -224,19 +224,9 @@ invalid_cache_header::invalid_cache_header()
 namespace detail {
 EntryFileKind KindOfEntryFile(const fs::path& path) {
   std::error_code ec;
-  const TqUSysFile::NameKind kind = TqUSysFile::KindOfName(path, ec);
+  const EntryFileKind kind = TqUSysFile::KindOfName(path, ec);
   if (ec) throw fs::filesystem_error("exists", path, ec);
-  switch (kind) {
-    case TqUSysFile::NameKind::kNone:
-      return EntryFileKind::kNone;
-    case TqUSysFile::NameKind::kRegular:
-      return EntryFileKind::kRegular;
-    case TqUSysFile::NameKind::kDirectory:
-      return EntryFileKind::kDirectory;
-    case TqUSysFile::NameKind::kOther:
-      break;
-  }
-  return EntryFileKind::kForeign;
+  return kind;
 }
 
 bool EntryFileExists(const fs::path& path) { return KindOfEntryFile(path) != EntryFileKind::kNone; }

@@ -123,7 +123,7 @@ namespace detail {
 // by others, and a link, FIFO or directory planted there is never an entry of ours (nothing is
 // read or written through it; the next store replaces it by rename, except a directory, which
 // no rename of a file replaces).
-enum class EntryFileKind { kNone, kRegular, kDirectory, kForeign };
+using EntryFileKind = TqUSysFile::NameKind;  // kOther: a link, FIFO or device
 // Throws filesystem_error named "exists" when it cannot tell.
 EntryFileKind KindOfEntryFile(const std::filesystem::path& path);
 // The existence test used throughout the cache (anything at the name, links not followed):

@@ -19,7 +19,6 @@
 #include "net/stream/read_stream.h"
 #include "net/stream/stream_copy.h"
 #include "net/stream/url_reading.h"
-#include "tqutil/sys_file.h"
 
 namespace qv::net {
 namespace {
