@@ -51,8 +51,11 @@ bool AppliedOptions::Apply(CURL* easy, const HopOptions& wanted) {
 
 bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
   if (!fresh_) curl_easy_reset(easy);
-  // What a cleared handle holds: SetChanged below sets every option that differs from it.
+  // What a cleared handle holds: SetChanged below sets every option that differs from it. The
+  // parsed URL is kept for the next parse.
+  CurlUrl parsed_url = std::move(parsed_url_);
   *this = AppliedOptions();
+  parsed_url_ = std::move(parsed_url);
   fresh_ = false;
   // Never changed.
   bool ok = Set(easy, CURLOPT_PROTOCOLS_STR, "http,https") && Set(easy, CURLOPT_NOSIGNAL, 1L) &&
@@ -116,7 +119,7 @@ bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {
   bool ok = true;
   if (url_.empty() || url_ != wanted.url) {
     url_ = wanted.url;
-    ok = ok && SetText(easy, CURLOPT_URL, url_, false);
+    ok = ok && SetUrl(easy);
   }
   if (request_target_ != wanted.request_target) {
     request_target_ = wanted.request_target;
@@ -155,6 +158,21 @@ bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {
     ok = ok && Set(easy, CURLOPT_ERRORBUFFER, error_buffer_);
   }
   return ok;
+}
+
+bool AppliedOptions::SetUrl(CURL* easy) {
+  // Handed over parsed: libcurl then skips parsing and printing the URL again for every
+  // transfer, which is most of its own work on a small request over a kept connection. The flags
+  // are those libcurl parses a URL text with.
+  if (parsed_url_ == nullptr) parsed_url_.reset(curl_url());
+  if (parsed_url_ != nullptr &&
+      curl_url_set(parsed_url_.get(), CURLUPART_URL, url_.c_str(),
+                   CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK) {
+    return Set(easy, CURLOPT_CURLU, parsed_url_.get());
+  }
+  // Unparsable (or no memory to parse it): as text, for libcurl to refuse it in its own words.
+  return Set(easy, CURLOPT_CURLU, static_cast<CURLU*>(nullptr)) &&
+         SetText(easy, CURLOPT_URL, url_, false);
 }
 
 bool AppliedOptions::SetMethod(CURL* easy, const HopOptions& wanted) {

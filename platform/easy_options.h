@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/curl_handles.h"
+
 namespace tqplatform {
 
 enum class ProxyMode { kEnvironment, kDirect, kNamed };
@@ -54,7 +56,8 @@ struct HopOptions {
   std::string_view proxy_password;
 };
 
-// What a slot last set on its easy handle.
+// What a slot last set on its easy handle. The handle refers to the parsed URL held here, so
+// this must outlive the handle's transfers.
 class AppliedOptions {
  public:
   // Brings the handle to `wanted`. False when libcurl refuses an option (out of memory).
@@ -73,11 +76,13 @@ class AppliedOptions {
   bool SetAll(CURL* easy, const HopOptions& wanted);
   bool SetChanged(CURL* easy, const HopOptions& wanted);
   bool SetMethod(CURL* easy, const HopOptions& wanted);
+  bool SetUrl(CURL* easy);
 
   bool fresh_ = true;  // nothing applied since the handle was made or cleared
   bool failed_ = false;  // libcurl refused an option since
 
   std::string url_;
+  CurlUrl parsed_url_;  // url_ parsed, handed to libcurl; null when it does not parse
   std::string request_target_;
   curl_slist* headers_ = nullptr;
   MethodKind method_ = MethodKind::kGet;

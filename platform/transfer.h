@@ -93,11 +93,12 @@ class TransferSlot {
   std::vector<curl_socket_t> open_sockets_;
   Transfer* transfer_ = nullptr;
   char error_text_[CURL_ERROR_SIZE] = {};
+  // Before the handles: the easy handle refers to the parsed URL it holds.
+  AppliedOptions applied_;
   CurlMulti multi_;
   CurlEasy easy_;
   bool attached_ = false;
   curl_socket_t kept_socket_ = CURL_SOCKET_BAD;
-  AppliedOptions applied_;
   std::string spill_storage_;
   std::string url_asked_;
   std::string url_sent_;
