@@ -358,7 +358,7 @@ using FindHandle = std::unique_ptr<void, FindCloser>;
 namespace sys {
 
 OwnedHandle Open(const std::filesystem::path& path, DWORD access, DWORD share,
-                 DWORD disposition, DWORD flags) {
+                       DWORD disposition, DWORD flags) {
   std::wstring name;
   if (!qv::sys_path::ToSystem(path, name)) return nullptr;
   const HANDLE h = ::CreateFileW(name.c_str(), access, share, nullptr, disposition, flags, nullptr);
@@ -686,15 +686,15 @@ bool TqUSysFile::GetFileModifiedTime(Handle file, std::int64_t* nanoseconds) {
 
 bool TqUSysFile::CloseFile(Handle file) {
   if (!Forget(file)) return false;
+  // Closed here, for its result, and taken from the record, which would close it again.
+  const std::unique_ptr<TqUSysFileHandleTag> record(file);
 #if defined(_WIN32)
-  const bool ok = ::CloseHandle(file->file) != 0;
+  return ::CloseHandle(std::exchange(record->file, INVALID_HANDLE_VALUE)) != 0;
 #else
   // The lock goes with the last descriptor of this open; close is not retried on EINTR
   // (Linux has released the descriptor already).
-  const bool ok = ::close(file->fd) == 0;
+  return ::close(std::exchange(record->fd, -1)) == 0;
 #endif
-  delete file;
-  return ok;
 }
 
 namespace {
