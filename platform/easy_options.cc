@@ -60,7 +60,11 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
   // Never changed.
   bool ok = Set(easy, CURLOPT_PROTOCOLS_STR, "http,https") && Set(easy, CURLOPT_NOSIGNAL, 1L) &&
             // Bodies are handed over as sent, Content-Encoding included.
-            Set(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
+            Set(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L) &&
+            // A transfer stopped or timed out while the host name is being looked up ends at
+            // once: the lookup's thread is left to finish on its own instead of being waited
+            // for, which an unanswering name server makes tens of seconds.
+            Set(easy, CURLOPT_QUICK_EXIT, 1L);
   // Rarely changed.
   header_function_ = wanted.header_function;
   write_function_ = wanted.write_function;

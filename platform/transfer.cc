@@ -153,6 +153,17 @@ void StopSignal::Watch(CURLM* multi) {
 Transfer::~Transfer() {
   Finish(milliseconds(0));
   ReleaseSlot();
+  GiveBackStorage();
+}
+
+void Transfer::GiveBackStorage() {
+  // Bodies that arrive before anyone reads them (all of a small one, mostly) are kept here, and
+  // their slot has gone back by the time they are read: without this every such request would
+  // take fresh pages, which cost more to fault in than the body costs to copy.
+  std::string storage;
+  if (slot_ == nullptr && spill_.capacity() > storage.capacity() && spill_.SwapStorage(storage)) {
+    slots_.KeepStorage(std::move(storage));
+  }
 }
 
 bool Transfer::MoveTo(TransferState next) {
@@ -297,6 +308,7 @@ void Transfer::Reset() {
   Finish(milliseconds(0));
   if (state_ != TransferState::kIdle) MoveTo(TransferState::kIdle);
   ClearResponse();
+  GiveBackStorage();
 }
 
 // --- driving -----------------------------------------------------------------------------------

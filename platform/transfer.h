@@ -119,6 +119,10 @@ class SlotSource {
                                                 std::optional<std::chrono::milliseconds> wait,
                                                 DWORD* error) = 0;
   virtual void Release(std::unique_ptr<TransferSlot> slot) = 0;
+  // Takes back the room a transfer kept a body in after its slot went back (the body was read
+  // later), so that the next transfer to check a slot out starts with it instead of fresh
+  // memory; the default lets it go.
+  virtual void KeepStorage(std::string /*storage*/) {}
 };
 
 // Ends a transfer from another thread: Stop sets the flag and wakes the thread in libcurl's wait.
@@ -237,6 +241,8 @@ class Transfer {
   bool MoveTo(TransferState next);
   DWORD AcquireSlot();
   void ReleaseSlot();
+  // Hands the spill's room to the slot source once no slot and no unread byte needs it.
+  void GiveBackStorage();
   DWORD RunHop(int hop, bool* same_origin, bool* follow);
   DWORD FailOpen(DWORD error);
   DWORD Drive(Goal goal);

@@ -125,6 +125,7 @@ Connection::Connection(std::shared_ptr<Session> session, std::string host, INTER
 Connection::~Connection() {
   std::lock_guard lock(slots_mutex_);
   idle_.clear();
+  spare_storage_.clear();
 }
 
 std::array<const SettingsHolder*, 3> Connection::Chain() const {
@@ -203,8 +204,23 @@ std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
       return nullptr;
     }
   }
+  if (!spare_storage_.empty() &&
+      slot->spill_storage().capacity() < spare_storage_.back().capacity()) {
+    slot->spill_storage().swap(spare_storage_.back());
+    spare_storage_.pop_back();
+  }
   ++in_use_;
   return slot;
+}
+
+void Connection::KeepStorage(std::string storage) {
+  std::lock_guard lock(slots_mutex_);
+  if (spare_storage_.size() >= MaxConnsLocked()) return;
+  try {
+    spare_storage_.push_back(std::move(storage));
+  } catch (const std::bad_alloc&) {
+    // No room to keep it: it goes, as it would have without this.
+  }
 }
 
 void Connection::Release(std::unique_ptr<TransferSlot> slot) {

@@ -152,6 +152,8 @@ class Connection : public InternetObject, public SlotSource {
                                         DWORD* error) override;
   // Gives a slot back; its easy handle must no longer be in its multi.
   void Release(std::unique_ptr<TransferSlot> slot) override;
+  // Kept for the next slot checked out without room of its own, up to one per slot.
+  void KeepStorage(std::string storage) override;
   void WakeWaiters();
 
  private:
@@ -177,6 +179,7 @@ class Connection : public InternetObject, public SlotSource {
   mutable std::mutex slots_mutex_;
   std::condition_variable slots_cv_;
   std::vector<std::unique_ptr<TransferSlot>> idle_;  // most recently used last
+  std::vector<std::string> spare_storage_;            // see KeepStorage
   DWORD in_use_ = 0;
   mutable DWORD max_conns_ = 0;  // MaxConns as of max_conns_generation_
   mutable std::uint64_t max_conns_generation_ = 0;

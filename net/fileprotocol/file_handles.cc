@@ -54,8 +54,10 @@ HttpFileHandle::HttpFileHandle(const wchar_t* url_text, const TqUURL& parsed_url
 HttpFileHandle::HttpFileHandle(const HttpFileHandle& other)
     : TqUFileHandle(), m_url_text(other.m_url_text), m_parsed_url(other.m_parsed_url) {}
 
-HttpFileHandle::HttpFileHandle(HttpFileHandle&& other) noexcept
-    : TqUFileHandle(), m_url_text(std::move(other.m_url_text)), m_parsed_url(other.m_parsed_url) {
+HttpFileHandle::HttpFileHandle(HttpFileHandle&& other)
+    : TqUFileHandle(), m_parsed_url(other.m_parsed_url) {
+  // The URL first: if its copy throws, the source still has its text.
+  m_url_text = std::move(other.m_url_text);
   other.m_url_text.SetString(nullptr);
 }
 
@@ -65,11 +67,11 @@ HttpFileHandle& HttpFileHandle::operator=(const HttpFileHandle& other) {
   return *this;
 }
 
-HttpFileHandle& HttpFileHandle::operator=(HttpFileHandle&& other) noexcept {
+HttpFileHandle& HttpFileHandle::operator=(HttpFileHandle&& other) {
   if (this != &other) {
+    m_parsed_url = other.m_parsed_url;  // first, as in the constructor
     m_url_text = std::move(other.m_url_text);
     other.m_url_text.SetString(nullptr);
-    m_parsed_url = other.m_parsed_url;
   }
   return *this;
 }

@@ -24,12 +24,13 @@ class TQNET_EXPORT HttpFileHandle : public TqUFileHandle {
   HttpFileHandle(const wchar_t* url_text, const TqUURL& parsed_url);
   /// A copy with its own text and URL.
   HttpFileHandle(const HttpFileHandle& other);
-  /// Takes the text over (the source's text is left empty) and copies the parsed URL.
-  HttpFileHandle(HttpFileHandle&& other) noexcept;
+  /// Takes the text over (the source's text is left empty) and copies the parsed URL. Not
+  /// noexcept: copying the URL allocates, and out of memory is an exception, not the end.
+  HttpFileHandle(HttpFileHandle&& other);
   /// Assignments with the semantics of the constructors above.
   /// @{
   HttpFileHandle& operator=(const HttpFileHandle& other);
-  HttpFileHandle& operator=(HttpFileHandle&& other) noexcept;
+  HttpFileHandle& operator=(HttpFileHandle&& other);
   /// @}
   ~HttpFileHandle();
 

@@ -146,6 +146,14 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
             ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
   EXPECT_EQ(ErrorOf([&] { return InternetReadFile(connection.get(), buffer, 1, &got); }),
             ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
+
+  // A server name that no URL can hold (an IPv6 address without its closing bracket) is taken
+  // by the connect and refused by the send, before anything goes out.
+  Handle unclosed(InternetConnectW(session.get(), L"[::1", 80, nullptr, nullptr,
+                                   INTERNET_SERVICE_HTTP, 0, 0));
+  ASSERT_TRUE(unclosed);
+  Handle request = OpenRequest(unclosed, L"/");
+  EXPECT_EQ(ErrorOf([&] { return Send(request); }), ERROR_INTERNET_INVALID_URL);
 }
 
 }  // namespace
