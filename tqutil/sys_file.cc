@@ -1,6 +1,7 @@
 #include "tqutil/sys_file.h"
 
 #include "tqutil/sys_file_faults.h"
+#include "tqutil/sys_path.h"
 
 #include <algorithm>
 #include <atomic>
@@ -24,11 +25,21 @@
 #include <unistd.h>
 #endif
 
-// The record behind a handle.
+// The record behind a handle. It owns its file from the moment it holds it: a record that never
+// reaches a caller (out of memory on the way) closes the file as it goes.
 struct TqUSysFileHandleTag {
+  TqUSysFileHandleTag() = default;
+  TqUSysFileHandleTag(const TqUSysFileHandleTag&) = delete;
+  TqUSysFileHandleTag& operator=(const TqUSysFileHandleTag&) = delete;
 #if defined(_WIN32)
+  ~TqUSysFileHandleTag() {
+    if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
+  }
   HANDLE file = INVALID_HANDLE_VALUE;
 #else
+  ~TqUSysFileHandleTag() {
+    if (fd >= 0) ::close(fd);
+  }
   int fd = -1;
 #endif
 };
@@ -53,11 +64,13 @@ bool IsLive(TqUSysFile::Handle h) {
   return r.live.count(h) != 0;
 }
 
-TqUSysFile::Handle Adopt(TqUSysFileHandleTag* record) {
+// Makes `record` a live handle for a caller; should that fail (out of memory), the record
+// closes its file.
+TqUSysFile::Handle Adopt(std::unique_ptr<TqUSysFileHandleTag> record) {
   Registry& r = TheRegistry();
   std::lock_guard lock(r.mutex);
-  r.live.insert(record);
-  return record;
+  r.live.insert(record.get());
+  return record.release();
 }
 
 bool Forget(TqUSysFile::Handle h) {
@@ -189,6 +202,11 @@ bool StillNamed(int dir, const char* name, const struct stat& opened) {
          now.st_ino == opened.st_ino;
 }
 
+// Closes a listing, and the descriptor it was made from with it.
+struct DirCloser {
+  void operator()(DIR* dir) const { ::closedir(dir); }
+};
+
 bool Unlink(int dir, const char* name) {
   if (TqUSysFileFaults::Fails("remove")) return false;
   return ::unlinkat(dir, name, 0) == 0 || errno == ENOENT;
@@ -223,10 +241,11 @@ bool RemoveStale(int dir, const char* name) {
   return StillNamed(dir, name, st) && Unlink(dir, name);
 }
 
-TqUSysFile::Handle AdoptDescriptor(int fd) {
-  auto* record = new TqUSysFileHandleTag();
-  record->fd = fd;
-  return Adopt(record);
+// A handle for the open file `fd` holds; `fd` stays its owner until the record is made.
+TqUSysFile::Handle AdoptDescriptor(Descriptor& fd) {
+  auto record = std::make_unique<TqUSysFileHandleTag>();
+  record->fd = fd.release();
+  return Adopt(std::move(record));
 }
 
 enum : int { kCreateRefused = -1, kCreateUnsupported = -2 };
@@ -277,7 +296,10 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
     // through a link and two writers never share one file.
     if (!RemoveStale(dir, name)) return TqUSysFile::kInvalid;
     const int held = CreateHeld(dir, name);
-    if (held >= 0) return AdoptDescriptor(held);
+    if (held >= 0) {
+      Descriptor created(held);
+      return AdoptDescriptor(created);
+    }
     if (held == kCreateRefused) return TqUSysFile::kInvalid;
     flags |= O_CREAT | O_EXCL;
   } else if (creation == TqUSysFile::kOpenAlways) {
@@ -312,9 +334,81 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
       (TqUSysFileFaults::Fails("truncate") || ::ftruncate(fd.fd, 0) != 0)) {
     return TqUSysFile::kInvalid;
   }
-  return AdoptDescriptor(fd.release());
+  return AdoptDescriptor(fd);
 }
 #else
+
+// Owners of the system's handles, so that every path out of a function closes them: a visitor
+// or an allocation that throws must not leave a file or a directory open (Windows then refuses
+// to remove it, and the handle is lost for the process's life).
+struct HandleCloser {
+  using pointer = HANDLE;
+  void operator()(HANDLE h) const { ::CloseHandle(h); }
+};
+using OwnedHandle = std::unique_ptr<void, HandleCloser>;
+struct FindCloser {
+  using pointer = HANDLE;
+  void operator()(HANDLE h) const { ::FindClose(h); }
+};
+using FindHandle = std::unique_ptr<void, FindCloser>;
+
+// The system's file calls that take a path. Every one of this file goes through these, so each
+// gets its path in the form that works at any length (tqutil/sys_path.h); when a path cannot be
+// put in that form, each fails as the call itself would, with the last error set.
+namespace sys {
+
+OwnedHandle Open(const std::filesystem::path& path, DWORD access, DWORD share,
+                       DWORD disposition, DWORD flags) {
+  std::wstring name;
+  if (!qv::sys_path::ToSystem(path, name)) return nullptr;
+  const HANDLE h = ::CreateFileW(name.c_str(), access, share, nullptr, disposition, flags, nullptr);
+  return OwnedHandle(h == INVALID_HANDLE_VALUE ? nullptr : h);
+}
+
+DWORD Attributes(const std::filesystem::path& path) {
+  std::wstring name;
+  if (!qv::sys_path::ToSystem(path, name)) return INVALID_FILE_ATTRIBUTES;
+  return ::GetFileAttributesW(name.c_str());
+}
+
+bool AttributesEx(const std::filesystem::path& path, WIN32_FILE_ATTRIBUTE_DATA* data) {
+  std::wstring name;
+  return qv::sys_path::ToSystem(path, name) &&
+         ::GetFileAttributesExW(name.c_str(), GetFileExInfoStandard, data);
+}
+
+bool SetAttributes(const std::filesystem::path& path, DWORD attributes) {
+  std::wstring name;
+  return qv::sys_path::ToSystem(path, name) && ::SetFileAttributesW(name.c_str(), attributes);
+}
+
+bool Move(const std::filesystem::path& from, const std::filesystem::path& to, DWORD flags) {
+  std::wstring source, target;
+  return qv::sys_path::ToSystem(from, source) && qv::sys_path::ToSystem(to, target) &&
+         ::MoveFileExW(source.c_str(), target.c_str(), flags);
+}
+
+bool Delete(const std::filesystem::path& path) {
+  std::wstring name;
+  return qv::sys_path::ToSystem(path, name) && ::DeleteFileW(name.c_str());
+}
+
+bool RemoveDir(const std::filesystem::path& path) {
+  std::wstring name;
+  return qv::sys_path::ToSystem(path, name) && ::RemoveDirectoryW(name.c_str());
+}
+
+// The listing of `directory`'s entries, its first one in `data`; null when it cannot be made.
+FindHandle FindFirst(const std::filesystem::path& directory, WIN32_FIND_DATAW* data,
+                     DWORD flags) {
+  std::wstring pattern;
+  if (!qv::sys_path::ToSystem(directory / L"*", pattern)) return nullptr;
+  const HANDLE h = ::FindFirstFileExW(pattern.c_str(), FindExInfoBasic, data,
+                                      FindExSearchNameMatch, nullptr, flags);
+  return FindHandle(h == INVALID_HANDLE_VALUE ? nullptr : h);
+}
+
+}  // namespace sys
 
 // Whether `file` is a plain file on a disk: not a directory, not a reparse point (a link or a
 // junction, opened as itself), not a pipe or a device.
@@ -364,14 +458,26 @@ bool MarkForDeletion(HANDLE file) {
 // the link itself and never what it leads to, unless an open holds it (the sharing then
 // refuses the deleting open, and the caller is refused at once). A directory is left alone
 // (opening one needs FILE_FLAG_BACKUP_SEMANTICS). True when the path is free.
-bool RemoveStale(const wchar_t* path) {
+bool RemoveStale(const std::filesystem::path& path) {
   if (TqUSysFileFaults::Fails("open")) return false;
-  HANDLE old = ::CreateFileW(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, 0,
-                             nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-  if (old == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
-  const bool deleted = MarkForDeletion(old);
-  ::CloseHandle(old);  // the last handle: the name goes with it
-  return deleted;
+  const OwnedHandle old = sys::Open(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
+                                    0, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT);
+  if (!old) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
+  return MarkForDeletion(old.get());  // the last handle: the name goes as it closes
+}
+
+// Opens `path` as CreateFileW does with these values, as a handle when what it opened is a plain
+// file; null otherwise.
+TqUSysFile::Handle OpenPlainFile(const std::filesystem::path& path, DWORD access, DWORD share,
+                                 DWORD disposition, DWORD flags) {
+  if (TqUSysFileFaults::Fails("open")) return TqUSysFile::kInvalid;
+  OwnedHandle h = sys::Open(path, access, share, disposition, FILE_ATTRIBUTE_NORMAL | flags);
+  if (!h) return TqUSysFile::kInvalid;
+  OpenedForTesting();
+  if (!IsPlainFile(h.get())) return TqUSysFile::kInvalid;
+  auto record = std::make_unique<TqUSysFileHandleTag>();
+  record->file = h.release();
+  return Adopt(std::move(record));
 }
 
 // Deletes the read-only file at `path` that DeleteFileW refused: POSIX removes one from a
@@ -379,14 +485,12 @@ bool RemoveStale(const wchar_t* path) {
 // Others' opens that share deletion keep the file until they close, as DeleteFileW does; a
 // directory (which opens only with FILE_FLAG_BACKUP_SEMANTICS) and a link's target are left
 // alone. True when the file is gone or goes with the last open.
-bool DeleteReadOnly(const wchar_t* path) {
-  HANDLE file = ::CreateFileW(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                              OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return false;
-  const bool deleted = MarkForDeletion(file);
-  ::CloseHandle(file);
-  return deleted;
+bool DeleteReadOnly(const std::filesystem::path& path) {
+  const OwnedHandle file =
+      sys::Open(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
+                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING,
+                FILE_FLAG_OPEN_REPARSE_POINT);
+  return file && MarkForDeletion(file.get());
 }
 
 #endif
@@ -406,24 +510,13 @@ TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::
   DWORD disposition = OPEN_EXISTING;
   if (creation == kCreateAlways) {
     // As on POSIX: what lay at the path goes first, and the new file is made by this open.
-    if (!RemoveStale(path.c_str())) return kInvalid;
+    if (!RemoveStale(path)) return kInvalid;
     disposition = CREATE_NEW;
   } else if (creation == kOpenAlways) {
     disposition = OPEN_ALWAYS;
   }
   // A reparse point is opened as itself, never followed, and then refused as not plain.
-  if (TqUSysFileFaults::Fails("open")) return kInvalid;
-  HANDLE h = ::CreateFileW(path.c_str(), desired, share_mode, nullptr, disposition,
-                           FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return kInvalid;
-  OpenedForTesting();
-  if (!IsPlainFile(h)) {
-    ::CloseHandle(h);
-    return kInvalid;
-  }
-  auto* record = new TqUSysFileHandleTag();
-  record->file = h;
-  return Adopt(record);
+  return OpenPlainFile(path, desired, share_mode, disposition, FILE_FLAG_OPEN_REPARSE_POINT);
 #else
   return OpenAt(AT_FDCWD, path.c_str(), access, share, creation);
 #endif
@@ -474,33 +567,18 @@ bool ReadOnce(TqUSysFile::Handle file, void* buffer, std::uint64_t size,
 
 TqUSysFile::Handle TqUSysFile::OpenNamedFile(const std::filesystem::path& path) {
 #if defined(_WIN32)
-  // The system's own answer to where the name leads: std::filesystem::canonical of MinGW's
-  // library refuses names in the long form ("\\?\C:\..."), which the system opens as they are.
-  std::filesystem::path resolved;
-  HANDLE h = ::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
-                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return kInvalid;
-  std::wstring name(MAX_PATH, L'\0');
-  for (;;) {
-    const DWORD length = ::GetFinalPathNameByHandleW(h, name.data(),
-                                                     static_cast<DWORD>(name.size()), 0);
-    if (length == 0) break;
-    if (length < name.size()) {
-      name.resize(length);
-      resolved = name;
-      break;
-    }
-    name.resize(length);  // the room needed, its terminator included
-  }
-  ::CloseHandle(h);
-  if (resolved.empty()) return kInvalid;
+  // The system follows the links on the way as it opens (no FILE_FLAG_OPEN_REPARSE_POINT), and
+  // what they lead to must be a plain file, opened as OpenFile's reader opens it. The name is
+  // opened itself, never resolved to a final path first: Wine gives none past MAX_PATH, and a
+  // volume without a drive letter has none.
+  if (path.empty()) return kInvalid;
+  return OpenPlainFile(path, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0);
 #else
   std::error_code ec;
   const std::filesystem::path resolved = std::filesystem::canonical(path, ec);
   if (ec) return kInvalid;
-#endif
   return OpenFile(resolved, kAccessRead, kShareRead, kOpenExisting, 0, 0);
+#endif
 }
 
 bool TqUSysFile::ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read) {
@@ -608,15 +686,15 @@ bool TqUSysFile::GetFileModifiedTime(Handle file, std::int64_t* nanoseconds) {
 
 bool TqUSysFile::CloseFile(Handle file) {
   if (!Forget(file)) return false;
+  // Closed here, for its result, and taken from the record, which would close it again.
+  const std::unique_ptr<TqUSysFileHandleTag> record(file);
 #if defined(_WIN32)
-  const bool ok = ::CloseHandle(file->file) != 0;
+  return ::CloseHandle(std::exchange(record->file, INVALID_HANDLE_VALUE)) != 0;
 #else
   // The lock goes with the last descriptor of this open; close is not retried on EINTR
   // (Linux has released the descriptor already).
-  const bool ok = ::close(file->fd) == 0;
+  return ::close(std::exchange(record->fd, -1)) == 0;
 #endif
-  delete file;
-  return ok;
 }
 
 namespace {
@@ -640,27 +718,34 @@ bool TqUSysFile::RenameFile(const std::filesystem::path& from, const std::filesy
     ec = LastFileError();
     return false;
   }
-  std::filesystem::rename(from, to, ec);
 #if defined(_WIN32)
+  // The standard library's rename, through the one conversion of paths.
+  constexpr DWORD kFlags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED;
+  if (sys::Move(from, to, kFlags)) return true;
+  const DWORD error = ::GetLastError();
+  ec = std::error_code(static_cast<int>(error), std::system_category());
   // Windows replaces no read-only file, which POSIX does in a writable directory: a planted or
   // copied read-only entry would refuse every new copy for ever. The flag goes for the rename,
   // and comes back when the rename still fails.
-  if (ec == std::errc::permission_denied) {
-    const DWORD attributes = ::GetFileAttributesW(to.c_str());
+  if (error == ERROR_ACCESS_DENIED) {
+    const DWORD attributes = sys::Attributes(to);
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0 &&
         (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
       const DWORD writable = attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
-      if (::SetFileAttributesW(to.c_str(), writable != 0 ? writable : FILE_ATTRIBUTE_NORMAL)) {
-        if (::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING)) {
+      if (sys::SetAttributes(to, writable != 0 ? writable : FILE_ATTRIBUTE_NORMAL)) {
+        if (sys::Move(from, to, kFlags)) {
           ec.clear();
           return true;
         }
-        ::SetFileAttributesW(to.c_str(), attributes);
+        sys::SetAttributes(to, attributes);
       }
     }
   }
-#endif
+  return false;
+#else
+  std::filesystem::rename(from, to, ec);
   return !ec;
+#endif
 }
 
 bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& ec) {
@@ -670,11 +755,19 @@ bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& 
     return false;
   }
 #if defined(_WIN32)
-  if (std::filesystem::remove(path, ec)) return true;
-  if (ec == std::errc::permission_denied && DeleteReadOnly(path.c_str())) {
-    ec.clear();
+  // As the standard library's remove does it (an empty directory goes too), through the one
+  // conversion of paths. The attributes are the name's own: a link goes as itself.
+  const DWORD attributes = sys::Attributes(path);
+  const bool directory =
+      attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  if (attributes != INVALID_FILE_ATTRIBUTES &&
+      (directory ? sys::RemoveDir(path) : sys::Delete(path))) {
     return true;
   }
+  const DWORD error = ::GetLastError();
+  if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return false;
+  if (!directory && error == ERROR_ACCESS_DENIED && DeleteReadOnly(path)) return true;
+  ec = std::error_code(static_cast<int>(error), std::system_category());
   return false;
 #else
   return std::filesystem::remove(path, ec);
@@ -686,7 +779,7 @@ TqUSysFile::NameKind TqUSysFile::KindOfName(const std::filesystem::path& path,
   ec.clear();
 #if defined(_WIN32)
   // The name's own attributes: MinGW's symlink_status follows links (it has no lstat).
-  const DWORD attributes = ::GetFileAttributesW(path.c_str());
+  const DWORD attributes = sys::Attributes(path);
   if (attributes == INVALID_FILE_ATTRIBUTES) {
     const DWORD error = ::GetLastError();
     if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
@@ -785,7 +878,7 @@ void TqUSysDirectory::SetRemoveFaultForTesting(std::function<bool(const Char* na
 #if defined(_WIN32)
 
 TqUSysDirectory::TqUSysDirectory(const std::filesystem::path& path) : m_path(path) {
-  const DWORD attributes = ::GetFileAttributesW(path.c_str());
+  const DWORD attributes = sys::Attributes(path);
   if (attributes == INVALID_FILE_ATTRIBUTES) {
     m_error = LastError();
   } else if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
@@ -799,10 +892,9 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
                                       bool /*sizes: the listing carries them*/) const {
   if (m_error) return m_error;
   WIN32_FIND_DATAW data;
-  const std::filesystem::path pattern = m_path / L"*";
-  HANDLE find = ::FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data,
-                                   FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH);
-  if (find == INVALID_HANDLE_VALUE) {
+  // Closed however the listing ends: a visitor may throw.
+  const FindHandle find = sys::FindFirst(m_path, &data, FIND_FIRST_EX_LARGE_FETCH);
+  if (!find) {
     const std::error_code ec = LastError();
     return ::GetLastError() == ERROR_FILE_NOT_FOUND ? std::error_code() : ec;
   }
@@ -822,19 +914,17 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
       }
       visit(item);
     }
-    if (!::FindNextFileW(find, &data)) {
+    if (!::FindNextFileW(find.get(), &data)) {
       if (::GetLastError() != ERROR_NO_MORE_FILES) result = LastError();
       break;
     }
   }
-  ::FindClose(find);
   return result;
 }
 
 std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
   WIN32_FILE_ATTRIBUTE_DATA data;
-  const std::filesystem::path path = m_path / name;
-  if (!::GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
+  if (!sys::AttributesEx(m_path / name, &data) ||
       (data.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0) {
     return -1;
   }
@@ -869,8 +959,7 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   }
   // The attributes of what lies at the name itself: a link, even one that leads nowhere, has
   // its own (MinGW's symlink_status asks what the link leads to).
-  const std::filesystem::path path = m_path / name;
-  if (::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) return true;
+  if (sys::Attributes(m_path / name) != INVALID_FILE_ATTRIBUTES) return true;
   const DWORD error = ::GetLastError();
   if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
     ec = std::error_code(static_cast<int>(error), std::system_category());
@@ -883,7 +972,7 @@ std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
   ec.clear();
   // MinGW's remove_all is no use here: its symlink_status follows links (there is no lstat),
   // so it would take a junction for a directory and empty what it leads to.
-  const DWORD attributes = ::GetFileAttributesW(path.c_str());
+  const DWORD attributes = sys::Attributes(path);
   if (attributes == INVALID_FILE_ATTRIBUTES) {
     const DWORD error = ::GetLastError();
     if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
@@ -903,16 +992,14 @@ std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
   if (!link) {
     std::vector<std::filesystem::path> names;
     WIN32_FIND_DATAW data;
-    const std::filesystem::path pattern = path / L"*";
-    HANDLE find = ::FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data,
-                                     FindExSearchNameMatch, nullptr, 0);
-    if (find != INVALID_HANDLE_VALUE) {
+    // Closed before the entries go (a directory being listed cannot be removed), and however
+    // the listing ends.
+    if (const FindHandle find = sys::FindFirst(path, &data, 0)) {
       do {
         if (std::wcscmp(data.cFileName, L".") != 0 && std::wcscmp(data.cFileName, L"..") != 0) {
           names.push_back(path / data.cFileName);
         }
-      } while (::FindNextFileW(find, &data));
-      ::FindClose(find);
+      } while (::FindNextFileW(find.get(), &data));
     }
     for (const std::filesystem::path& name : names) {
       std::error_code inner;
@@ -921,7 +1008,7 @@ std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
     }
   }
   // A directory junction or link goes as itself, whatever lies behind it.
-  if (::RemoveDirectoryW(path.c_str())) {
+  if (sys::RemoveDir(path)) {
     ++count;
   } else if (!ec) {
     ec = LastError();
@@ -940,10 +1027,10 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
     return false;
   }
   const std::filesystem::path path = m_path / name;
-  if (::DeleteFileW(path.c_str())) return true;
+  if (sys::Delete(path)) return true;
   const DWORD error = ::GetLastError();
   if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return false;
-  if (error == ERROR_ACCESS_DENIED && DeleteReadOnly(path.c_str())) return true;
+  if (error == ERROR_ACCESS_DENIED && DeleteReadOnly(path)) return true;
   ec = std::error_code(static_cast<int>(error), std::system_category());
   return false;
 }
@@ -966,18 +1053,16 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
   if (m_error) return m_error;
   // A descriptor of its own, so that every listing starts at the beginning and several may
   // run at once.
-  const int fd = RetryOpen(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return Errno();
-  DIR* const dir = ::fdopendir(fd);
-  if (dir == nullptr) {
-    const std::error_code ec = Errno();
-    ::close(fd);
-    return ec;
-  }
+  Descriptor fd(RetryOpen(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.fd < 0) return Errno();
+  // Closed however the listing ends: a visitor may throw.
+  const std::unique_ptr<DIR, DirCloser> dir(::fdopendir(fd.fd));
+  if (!dir) return Errno();
+  fd.release();  // the listing's now
   std::error_code result;
   for (;;) {
     errno = 0;
-    const dirent* const entry = ::readdir(dir);
+    const dirent* const entry = ::readdir(dir.get());
     if (entry == nullptr) {
       if (errno != 0) result = Errno();
       break;
@@ -1004,7 +1089,6 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
     }
     visit(item);
   }
-  ::closedir(dir);
   return result;
 }
 
