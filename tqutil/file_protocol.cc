@@ -25,6 +25,36 @@ std::wstring Join(std::wstring_view directory, std::wstring_view path) {
   return out;
 }
 
+bool IsHexDigit(wchar_t c) {
+  return (c >= L'0' && c <= L'9') || (c >= L'a' && c <= L'f') || (c >= L'A' && c <= L'F');
+}
+
+// A relative file name as a reference against a URL: "/" for "\\", and the ASCII characters a
+// URL cannot hold percent-encoded (a space, controls, "%" that starts no escape, and the
+// delimiters no path may contain), so that "my file.txt" resolves as the file it names.
+// Characters outside ASCII are left to the URL's own encoding; "?" and "#" keep their meaning.
+std::wstring AsRelativeReference(std::wstring_view name) {
+  static constexpr wchar_t kHex[] = L"0123456789ABCDEF";
+  std::wstring out;
+  out.reserve(name.size());
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    const wchar_t c = name[i];
+    const bool stray_percent =
+        c == L'%' && !(i + 2 < name.size() && IsHexDigit(name[i + 1]) && IsHexDigit(name[i + 2]));
+    if (c == L'\\') {
+      out += L'/';
+    } else if (c < 0x80 && (c <= 0x20 || c == 0x7F || stray_percent ||
+                            std::wstring_view(L"\"<>^`{|}[]").find(c) != std::wstring_view::npos)) {
+      out += L'%';
+      out += kHex[(c >> 4) & 0xF];
+      out += kHex[c & 0xF];
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
 std::wstring DirectoryOf(std::wstring_view file) {
   const std::size_t slash = file.find_last_of(L"/\\");
   return slash == std::wstring_view::npos ? std::wstring() : std::wstring(file.substr(0, slash + 1));
@@ -159,11 +189,7 @@ bool TqUFileProtocol::ResolveAbsoluteFileOrURL(const wchar_t* path, const wchar_
   const std::wstring_view dir(directory ? directory : L"");
   if (base && *base) {
     if (TqUFileURL::GetURLType(base) != 0) {
-      // URLs use "/" only: a relative Windows path becomes a relative reference.
-      std::wstring relative(p);
-      for (auto& c : relative) {
-        if (c == L'\\') c = L'/';
-      }
+      const std::wstring relative = AsRelativeReference(p);
       const TqUURL base_url(base, false);
       const TqUURL relative_url(relative.c_str(), false);
       TqUURL resolved;

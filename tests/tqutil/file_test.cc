@@ -581,6 +581,11 @@ TEST(FileProtocolTest, ResolvesAgainstTheBaseAndRegistersSchemesOnceInAnyCase) {
     return ok ? std::wstring(out.View()) : L"<fail>";
   };
   EXPECT_EQ(absolute(L"..\\up.png", L"http://h/docs/page.html", nullptr), L"http://h/up.png");
+  // A name holds what a URL cannot; the escapes it already has and "?" keep their meaning.
+  EXPECT_EQ(absolute(L"my file\\100%.txt", L"http://h/docs/", nullptr),
+            L"http://h/docs/my%20file/100%25.txt");
+  EXPECT_EQ(absolute(L"a{1}|\"b\"^[2].txt?v=%41", L"http://h/", nullptr),
+            L"http://h/a%7B1%7D%7C%22b%22%5E%5B2%5D.txt?v=%41");
   EXPECT_EQ(absolute(L"b.txt", L"sub/a.txt", L"/dir"), L"/dir/sub/b.txt");
   EXPECT_EQ(absolute(nullptr, L"http://h/", nullptr), L"<fail>");
 
