@@ -82,7 +82,8 @@ class AppliedOptions {
   bool failed_ = false;  // libcurl refused an option since
 
   std::string url_;
-  CurlUrl parsed_url_;  // url_ parsed, handed to libcurl; null when it does not parse
+  // url_ parsed, as libcurl is given it; when url_ does not parse, libcurl gets the text.
+  CurlUrl parsed_url_;
   std::string request_target_;
   curl_slist* headers_ = nullptr;
   MethodKind method_ = MethodKind::kGet;
