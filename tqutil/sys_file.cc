@@ -398,6 +398,11 @@ bool RemoveDir(const std::filesystem::path& path) {
   return qv::sys_path::ToSystem(path, name) && ::RemoveDirectoryW(name.c_str());
 }
 
+bool MakeDir(const std::filesystem::path& path) {
+  std::wstring name;
+  return qv::sys_path::ToSystem(path, name) && ::CreateDirectoryW(name.c_str(), nullptr);
+}
+
 // The listing of `directory`'s entries, its first one in `data`; null when it cannot be made.
 FindHandle FindFirst(const std::filesystem::path& directory, WIN32_FIND_DATAW* data,
                      DWORD flags) {
@@ -967,6 +972,22 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   return false;
 }
 
+bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code& ec) {
+  ec.clear();
+  // The directory inherits its parent's access control list: under the user's profile, the
+  // user's alone.
+  if (sys::MakeDir(path)) return true;
+  const DWORD error = ::GetLastError();
+  if (error == ERROR_ALREADY_EXISTS) {
+    const DWORD attributes = sys::Attributes(path);
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+      return true;
+    }
+  }
+  ec = std::error_code(static_cast<int>(error), std::system_category());
+  return false;
+}
+
 std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
                                             std::error_code& ec) {
   ec.clear();
@@ -1139,6 +1160,21 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   struct stat st = {};
   if (::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) return true;
   if (errno != ENOENT && errno != ENOTDIR) ec = Errno();
+  return false;
+}
+
+bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code& ec) {
+  ec.clear();
+  if (::mkdir(path.c_str(), 0700) == 0) {
+    // The mode asked of mkdir loses what the umask takes away; owner-only is set as a whole.
+    if (::chmod(path.c_str(), 0700) == 0) return true;
+    ec = Errno();
+    return false;
+  }
+  const int error = errno;
+  struct stat st = {};
+  if (error == EEXIST && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
+  ec = std::error_code(error, std::generic_category());
   return false;
 }
 

@@ -153,6 +153,12 @@ class TQUTIL_API TqUSysDirectory {
   /// was there; false with `ec` set when it could not be removed.
   bool RemoveFile(const Char* name, std::error_code& ec) const;
 
+  /// Makes the directory `path` (its parent must exist), private to the user where the system
+  /// has permission bits (owner only, whatever the process's umask). True when `path` is a
+  /// directory afterwards, made now or by another meanwhile; false with `ec` set otherwise (a
+  /// file there, no parent). Works at any path length.
+  static bool Create(const std::filesystem::path& path, std::error_code& ec);
+
   /// Removes `path` and, when it is a directory, everything in it; a link (a reparse point on
   /// Windows: a junction or a symbolic link) anywhere in the tree is removed as itself, and what
   /// it leads to is never entered. The count of files and directories removed; `ec` set when

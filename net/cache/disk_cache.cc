@@ -455,19 +455,20 @@ std::wstring StoredBodyUrl(std::wstring_view name) {
 namespace detail {
 void EnsureCacheDirectory(const fs::path& directory) {
   if (EntryFileExists(directory)) return;
-  // Remember what this call creates: those directories, and only those, are made private.
-  // Entry files name the URLs the user has opened.
-  std::vector<fs::path> created;
+  // The missing directories, made from the top down through the system file layer (at any
+  // path length), each private to the user: entry files name the URLs the user has opened.
+  // Those already there are left as they are.
+  std::vector<fs::path> missing;
   std::error_code ec;
   for (fs::path p = directory; !p.empty(); p = p.parent_path()) {
-    if (fs::exists(p, ec) || ec) break;
-    created.push_back(p);
+    if (TqUSysFile::KindOfName(p, ec) != TqUSysFile::NameKind::kNone || ec) break;
+    missing.push_back(p);
     if (p == p.parent_path()) break;
   }
-  fs::create_directories(directory, ec);
-  if (ec) throw fs::filesystem_error("create_directories", directory, ec);
-  for (const fs::path& p : created) {
-    fs::permissions(p, fs::perms::owner_all, fs::perm_options::replace, ec);
+  for (auto p = missing.rbegin(); p != missing.rend(); ++p) {
+    if (!TqUSysDirectory::Create(*p, ec)) {
+      throw fs::filesystem_error("create_directories", directory, ec);
+    }
   }
 }
 }  // namespace detail

@@ -336,17 +336,6 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
   EXPECT_EQ(TqUSysDirectory(dir / "none").Error(), std::errc::no_such_file_or_directory);
 }
 
-// Makes the directory `path` at any length: on Windows the test's own calls need the long form
-// too past MAX_PATH (the standard library's calls do not make it).
-bool MakeDirectory(const Path& path) {
-#if defined(_WIN32)
-  std::wstring name;
-  return qv::sys_path::ToSystem(path, name) && ::CreateDirectoryW(name.c_str(), nullptr);
-#else
-  return std::filesystem::create_directory(path);
-#endif
-}
-
 // A path as the system's file calls take it: drive and share paths in the long form; paths in
 // the system's own form and device names as they are. On Windows a path is made absolute and
 // tidied by the system before the prefix turns that tidying off.
@@ -399,11 +388,20 @@ TEST(SysFileTest, EveryOperationWorksOnPathsPastTheShortLimit) {
   const std::string segment(60, 'd');
   Path deep = top.path();
   std::uintmax_t made = 0;
+  std::error_code ec;
   while (deep.native().size() < 300) {
     deep /= segment;
-    ASSERT_TRUE(MakeDirectory(deep)) << deep.string();
+    ASSERT_TRUE(TqUSysDirectory::Create(deep, ec)) << deep.string() << ": " << ec.message();
     ++made;
   }
+  // Made private; one already there is taken; one with no parent, or a file there, is not.
+#if !defined(_WIN32)
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(deep).permissions() & perms::all, perms::owner_all);
+#endif
+  EXPECT_TRUE(TqUSysDirectory::Create(deep, ec));
+  EXPECT_FALSE(TqUSysDirectory::Create(deep / "no" / "parent", ec));
+  EXPECT_TRUE(ec);
   const std::string name = "0123456789";
   const Path temporary = deep / (name + ".tmp");
   ASSERT_GT(temporary.native().size(), 300u);
@@ -411,7 +409,7 @@ TEST(SysFileTest, EveryOperationWorksOnPathsPastTheShortLimit) {
     const Open tmp(deep, name + ".tmp", kCreate);
     ASSERT_TRUE(tmp && tmp.Write("body"));
   }
-  std::error_code ec;
+  EXPECT_FALSE(TqUSysDirectory::Create(temporary, ec));
   ASSERT_TRUE(F::RenameFile(temporary, deep / name, ec)) << ec.message();
   EXPECT_EQ(F::KindOfName(deep / name, ec), F::NameKind::kRegular);
   EXPECT_EQ(F::KindOfName(temporary, ec), F::NameKind::kNone);
