@@ -1,6 +1,7 @@
 #include "tqutil/file_protocol.h"
 
 #include "tqutil/file_url.h"
+#include "tqutil/percent_encoding.h"
 #include "tqutil/url.h"
 
 namespace {
@@ -25,29 +26,26 @@ std::wstring Join(std::wstring_view directory, std::wstring_view path) {
   return out;
 }
 
-bool IsHexDigit(wchar_t c) {
-  return (c >= L'0' && c <= L'9') || (c >= L'a' && c <= L'f') || (c >= L'A' && c <= L'F');
-}
-
 // A relative file name as a reference against a URL: "/" for "\\", and the ASCII characters a
 // URL cannot hold percent-encoded (a space, controls, "%" that starts no escape, and the
 // delimiters no path may contain), so that "my file.txt" resolves as the file it names.
 // Characters outside ASCII are left to the URL's own encoding; "?" and "#" keep their meaning.
 std::wstring AsRelativeReference(std::wstring_view name) {
-  static constexpr wchar_t kHex[] = L"0123456789ABCDEF";
+  using qv::percent::HexValue;
   std::wstring out;
   out.reserve(name.size());
   for (std::size_t i = 0; i < name.size(); ++i) {
     const wchar_t c = name[i];
+    const auto code = static_cast<std::uint32_t>(c);
     const bool stray_percent =
-        c == L'%' && !(i + 2 < name.size() && IsHexDigit(name[i + 1]) && IsHexDigit(name[i + 2]));
+        c == L'%' &&
+        !(i + 2 < name.size() && HexValue(name[i + 1]) >= 0 && HexValue(name[i + 2]) >= 0);
     if (c == L'\\') {
       out += L'/';
-    } else if (c < 0x80 && (c <= 0x20 || c == 0x7F || stray_percent ||
-                            std::wstring_view(L"\"<>^`{|}[]").find(c) != std::wstring_view::npos)) {
-      out += L'%';
-      out += kHex[(c >> 4) & 0xF];
-      out += kHex[c & 0xF];
+    } else if (code < 0x80 &&
+               (code <= 0x20 || code == 0x7F || stray_percent ||
+                std::wstring_view(L"\"<>^`{|}[]").find(c) != std::wstring_view::npos)) {
+      qv::percent::AppendEscape(out, static_cast<unsigned char>(code));
     } else {
       out += c;
     }

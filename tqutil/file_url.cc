@@ -9,6 +9,7 @@
 #include <boost/url/url_view.hpp>
 
 #include "tqutil/file_streams.h"
+#include "tqutil/percent_encoding.h"
 #include "tqutil/strings.h"
 #include "tqutil/text_path.h"
 
@@ -19,16 +20,13 @@ bool IsAsciiAlpha(wchar_t c) { return (c >= L'a' && c <= L'z') || (c >= L'A' && 
 // UTF-8 URI text with non-ASCII bytes, spaces and controls percent-encoded (file URLs are often
 // written with the path as it stands; those characters never occur in a valid URI).
 std::string ToUriText(const wchar_t* text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
   std::string out;
   for (char ch : qv::WideToUtf8(text)) {
     const auto b = static_cast<unsigned char>(ch);
     if (b > 0x20 && b < 0x7F) {
       out.push_back(ch);
     } else {
-      out += '%';
-      out += kHex[b >> 4];
-      out += kHex[b & 0xF];
+      qv::percent::AppendEscape(out, b);
     }
   }
   return out;

@@ -8,6 +8,7 @@
 #include <boost/url/url.hpp>
 
 #include "tqutil/decimal.h"
+#include "tqutil/percent_encoding.h"
 
 namespace urls = boost::urls;
 
@@ -15,7 +16,6 @@ namespace {
 
 // Wide text as URI text: UTF-8, with every non-ASCII byte percent-encoded.
 std::string ToUriText(const wchar_t* text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
   const std::string utf8 = qv::WideToUtf8(text ? text : L"");
   std::string out;
   out.reserve(utf8.size());
@@ -24,9 +24,7 @@ std::string ToUriText(const wchar_t* text) {
     if (b < 0x80) {
       out.push_back(ch);
     } else {
-      out.push_back('%');
-      out.push_back(kHex[b >> 4]);
-      out.push_back(kHex[b & 0xF]);
+      qv::percent::AppendEscape(out, b);
     }
   }
   return out;
@@ -53,19 +51,12 @@ bool IsUnreserved(unsigned char c) {
          c == '.' || c == '_' || c == '~';
 }
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 // Decodes the percent-encodings of unreserved characters and writes the others in upper case.
 // Only these are the same URL either way: an encoded "/", "&", "=" or "?" is data, and decoding
 // it would name another resource ("a%2Fb" is one segment, "a/b" two). Boost.URL 1.81's
 // normalize() decodes every character its component allows, so it is not used for this.
 std::string NormalizePercentEncodings(std::string_view text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
+  using qv::percent::HexValue;
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -79,9 +70,7 @@ std::string NormalizePercentEncodings(std::string_view text) {
     if (IsUnreserved(byte)) {
       out.push_back(static_cast<char>(byte));
     } else {
-      out.push_back('%');
-      out.push_back(kHex[hi]);
-      out.push_back(kHex[lo]);
+      qv::percent::AppendEscape(out, byte);
     }
     i += 2;
   }
