@@ -13,6 +13,7 @@
 #include <string>
 
 #include "tests/support/same_answer_server.h"
+#include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/servers/tls_files.h"
@@ -66,6 +67,31 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
     }
   }
 
+  // A body cut short fails every command that reads it, in words, and so does a file that
+  // cannot be written.
+  tq::test::RawResponder cut([](tq::test::RawConnection& c) {
+    if (!c.ReadRequestHead().empty()) c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n012");
+  });
+  server.Route("/a", tq::test::ScriptedResponse(200, "a"));
+  const std::string short_url = cut.Url("/cut");
+  const std::string nowhere = (home.path() / "no" / "x").string();
+  const std::pair<std::string, std::string> local_failures[] = {
+      {"fetch " + short_url, "could not open " + short_url + ": connection aborted"},
+      {"range " + short_url + " 1 5", "cannot read bytes 1+5 of " + short_url +
+                                          ": only 2 of 5 bytes arrived"},
+      {"download " + short_url + " " + file,
+       "download of " + short_url + " to " + file + " failed: the transfer did not complete"},
+      {"fetch " + server.Url("/a") + " -o " + nowhere,
+       "cannot write " + nowhere + ": No such file or directory"},
+      {"download " + server.Url("/a") + " " + nowhere,
+       "download of " + server.Url("/a") + " to " + nowhere + " failed: no such directory: " +
+           (home.path() / "no").string()}};
+  for (const auto& [command, line] : local_failures) {
+    const Outcome run = Tqfetch(command, home.path());
+    EXPECT_EQ(run.status, 1) << command;
+    EXPECT_EQ(run.output, "tqfetch: " + line + "\n");
+  }
+
   tq::test::TlsFiles tls;
   ASSERT_TRUE(tq::test::MakeSelfSignedCert(home.path(), "127.0.0.1", &tls));
   tq::test::ScriptedServer secure({tls.cert.string(), tls.key.string()});
@@ -94,6 +120,10 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   const Outcome range = Tqfetch("range " + url + " 1 6", home.path());
   EXPECT_EQ(range.status, 0);
   EXPECT_EQ(range.output, body.substr(1, 6));
+  // More than the file holds, far more than memory: the bytes there are, in bounded room.
+  const Outcome past_the_end = Tqfetch("range " + url + " 3 100000000000", home.path());
+  EXPECT_EQ(past_the_end.status, 0) << past_the_end.output;
+  EXPECT_EQ(past_the_end.output, body.substr(3));
   for (const std::string& command : {"fetch " + url + " >/dev/full",
                                      "range " + url + " 1 6 >/dev/full",
                                      "fetch " + url + " -o /dev/full"}) {
