@@ -149,6 +149,14 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
   ASSERT_TRUE(r.file != nullptr && r.thread != nullptr && r.request != nullptr);
   EXPECT_EQ(protocol_->ReadFileToSize(r.file, r.thread, r.request, UINT64_MAX, 2, buffer.data(),
                                       nullptr), -1);
+  // Nothing asked for, nothing sent: 0 bytes (-1 when the size is wanted), a whole read.
+  std::uint64_t total = 7;
+  EXPECT_EQ(protocol_->ReadFileToSize(r.file, r.thread, r.request, 100, 0, buffer.data(), &total),
+            -1);
+  EXPECT_EQ(protocol_->ReadFileToSize(r.file, r.thread, r.request, 100, 0, buffer.data(), nullptr),
+            0);
+  EXPECT_TRUE(protocol_->ReadFile(r.file, r.thread, r.request, 100, 0, buffer.data()));
+  EXPECT_EQ(total, 7u);
   EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile invalid buffer or "
                                                "range for " + server.Url("/f")}));
   alignas(std::max_align_t) unsigned char copy[sizeof(qv::net::HttpFileThreadHandle)];
