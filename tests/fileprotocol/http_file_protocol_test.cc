@@ -313,6 +313,21 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   EXPECT_EQ(sent->load(), 4);
   EXPECT_THAT(TakeLog(), IsEmpty());
 
+  // An answer naming none of size, revision and time tells nothing, and nothing is kept; a tag
+  // alone is enough. A date that does not parse is no time.
+  for (const auto& [head, found] : {std::pair{"", false}, std::pair{"ETag: \"t\"\r\n", true}}) {
+    SameAnswerServer bare(std::string("HTTP/1.1 200 OK\r\n") + head +
+                          "Last-Modified: yesterday\r\n\r\n");
+    TqUFileInfo bare_info;
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(protocol_->GetFileInfo(W(bare.Url("/b")).c_str(), &bare_info), found);
+    }
+    EXPECT_EQ(bare.requests(), found ? 1u : 2u) << "only what was found is kept";
+    EXPECT_FALSE(bare_info.GetFileSize().has_value());
+    EXPECT_FALSE(bare_info.GetFileModificationTime().has_value());
+  }
+  EXPECT_THAT(TakeLog(), IsEmpty());
+
   // The cache holds 30 URL texts: after 30 others the least recently used, "/f", is asked again.
   const std::size_t asked = server_.request_count();
   for (int i = 0; i < 30; ++i) ASSERT_TRUE(Info("/f?" + std::to_string(100 + i), &info));
