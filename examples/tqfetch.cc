@@ -540,8 +540,12 @@ constexpr const char* kHelp =
 
 std::uint64_t Number(const std::string& text) {
   char* end = nullptr;
+  errno = 0;
   const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-  if (text.empty() || text[0] == '-' || *end != '\0') throw UsageError{"not a number: " + text};
+  // Past 64 bits strtoull gives its largest value: another number than the one written.
+  if (text.empty() || text[0] == '-' || *end != '\0' || errno == ERANGE) {
+    throw UsageError{"not a number: " + text};
+  }
   return value;
 }
 
