@@ -233,19 +233,31 @@ class Library {
   }
 };
 
+// Hands the stream's bytes to `sink` (pointer, count) a piece at a time, as they are read: the
+// room a copy takes does not grow with the body.
+template <class Sink>
+void CopyOut(qv::io::IDataReadStream& stream, Sink&& sink) {
+  std::vector<char> buffer(256 * 1024);
+  while (const std::uint64_t n = stream.Read(buffer.data(), buffer.size())) {
+    sink(buffer.data(), static_cast<std::size_t>(n));
+  }
+}
+
 std::string ReadAll(qv::io::IDataReadStream& stream) {
   std::string body;
-  char buffer[65536];
-  while (std::uint64_t n = stream.Read(buffer, sizeof buffer)) body.append(buffer, n);
+  CopyOut(stream, [&](const char* data, std::size_t n) { body.append(data, n); });
   return body;
 }
 
-std::string FetchThroughCache(const std::string& url) {
+// The URL through the disk cache, which holds the body whole by the time it is handed out.
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenThroughCache(const std::string& url) {
   ForgetFailures();
   auto stream = qv::net::OpenFileOrUrl(Wide(url), 0, {});
   if (!stream) throw Failed("could not open " + url);
-  return ReadAll(*stream);
+  return stream;
 }
+
+std::string FetchThroughCache(const std::string& url) { return ReadAll(*OpenThroughCache(url)); }
 
 void PrintInfo(const std::string& url) {
   TqUFileInfo info;
@@ -567,20 +579,24 @@ int Run(const std::vector<std::string>& args) {
   }
   if (command == "fetch" && (args.size() == 2 || (args.size() == 4 && args[2] == "-o"))) {
     Library library(nullptr);
-    const std::string body = FetchThroughCache(args[1]);
+    const auto stream = OpenThroughCache(args[1]);
     if (args.size() == 4) {
+      // The system's words for a failure (no such directory, no room left), where it gave some.
+      const auto cannot_write = [&] {
+        const int error = errno;
+        return Failure{"cannot write " + args[3] +
+                       (error != 0 ? std::string(": ") + std::strerror(error) : std::string())};
+      };
       errno = 0;
       std::ofstream out(PathOf(args[3]), std::ios::binary);
-      out.write(body.data(), static_cast<std::streamsize>(body.size()));
+      if (!out) throw cannot_write();
+      CopyOut(*stream, [&](const char* data, std::size_t n) {
+        if (!out.write(data, static_cast<std::streamsize>(n))) throw cannot_write();
+      });
       out.close();  // the last bytes may fail only as they leave the buffer
-      if (!out) {
-        // The system's words for it (no such directory, no room left), where it gave some.
-        const int error = errno;
-        throw Failure{"cannot write " + args[3] +
-                      (error != 0 ? std::string(": ") + std::strerror(error) : std::string())};
-      }
+      if (!out) throw cannot_write();
     } else {
-      WriteBody(body);
+      CopyOut(*stream, [](const char* data, std::size_t n) { WriteBody(data, n); });
     }
     return 0;
   }

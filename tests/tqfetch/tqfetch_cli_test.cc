@@ -1,4 +1,5 @@
 // tqfetch run as a person runs it: its words on failure, its exit status, its help.
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -124,6 +125,35 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   const Outcome past_the_end = Tqfetch("range " + url + " 3 100000000000", home.path());
   EXPECT_EQ(past_the_end.status, 0) << past_the_end.output;
   EXPECT_EQ(past_the_end.output, body.substr(3));
+  // A body far larger than the room fetch takes: written out as it is read, never held whole.
+  // Made as it is sent, so that this process stays small too: the child's peak counts from a
+  // copy of it.
+  constexpr std::size_t kBig = 64 << 20, kPiece = 1 << 20;
+  const auto piece = [](std::size_t at) {
+    std::string bytes(kPiece, '\0');
+    for (std::size_t i = 0; i < kPiece; ++i) bytes[i] = static_cast<char>((at + i) * 131 % 251);
+    return bytes;
+  };
+  tq::test::RawResponder big([&](tq::test::RawConnection& c) {
+    if (c.ReadRequestHead().empty()) return;
+    c.Send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kBig) + "\r\n\r\n");
+    for (std::size_t at = 0; at < kBig && c.Send(piece(at)); at += kPiece) {
+    }
+  });
+  const std::filesystem::path copy = home.path() / "big.bin";
+  const Outcome whole = Tqfetch("fetch " + big.Url("/big") + " -o " + copy.string(), home.path());
+  EXPECT_EQ(whole.status, 0) << whole.output;
+  ASSERT_EQ(std::filesystem::file_size(copy), kBig);
+  std::ifstream copied(copy, std::ios::binary);
+  std::string got(kPiece, '\0');
+  for (std::size_t at = 0; at < kBig && copied.read(got.data(), kPiece); at += kPiece) {
+    ASSERT_TRUE(got == piece(at)) << "at " << at;
+  }
+#if !defined(__SANITIZE_ADDRESS__)  // the sanitizer's own memory is no measure of the program's
+  rusage children{};
+  ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &children), 0);
+  EXPECT_LT(children.ru_maxrss, 48 * 1024) << "KiB, for a body of 64 MiB";
+#endif
   for (const std::string& command : {"fetch " + url + " >/dev/full",
                                      "range " + url + " 1 6 >/dev/full",
                                      "fetch " + url + " -o /dev/full"}) {
