@@ -159,8 +159,6 @@ void WriteBody(const char* bytes, std::size_t size) {
   }
 }
 
-void WriteBody(const std::string& bytes) { WriteBody(bytes.data(), bytes.size()); }
-
 int ProcessId() {
 #if defined(_WIN32)
   return _getpid();
