@@ -816,6 +816,19 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
   EXPECT_TRUE(m_cache.CleanUp());
   EXPECT_EQ(Remaining(), (Names{"c_next_span_expired"}));
 
+  // Last uses in the future (a clock moved back) and at either end of time (a corrupt file) go
+  // by age like the rest; a span that begins at the end of time holds what is used then, and
+  // its expired entry goes first.
+  RemoveAll();
+  constexpr std::int64_t kFirst = std::numeric_limits<std::int64_t>::min();
+  Entry("a_start_of_time", kFirst, kNever, 50000);
+  Entry("b_now", kDate, kNever, 50000);
+  Entry("c_ten_years_on", kDate + 10 * 365 * 86400, kNever, 50000);
+  Entry("d_end_of_time", kNever, kNever, 600000);
+  Entry("e_end_of_time_expired", kNever, 0, 300000);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), (Names{"d_end_of_time"}));
+
   // The header is read from each file's first bytes: headers of every length count (the key
   // lengths: short, across the first read, long, the largest header), and a header claiming a
   // key longer than its file is no entry, deleted.
