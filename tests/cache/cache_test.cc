@@ -990,15 +990,40 @@ TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgets
   EXPECT_EQ(m_api.Sent().size(), 2u);
 }
 
+// A "v1" that is a link is taken for what it leads to: a cache moved to another disk is used
+// there, and one whose disk is not mounted now is unusable, like a path below a plain file.
 TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsTheDiskCache) {
   TempDir dir;
   dir.WriteFile("plain", "x");
-  qv::net::InitialiseCache(qv::Utf8ToWide((dir.path() / "plain" / "below").string()).c_str());
-  EXPECT_NE(dynamic_cast<qv::net::InMemoryCache*>(qv::net::CacheSystem()), nullptr);
-  qv::net::TerminateCache();
-  qv::net::InitialiseCache(qv::Utf8ToWide(dir.path().string()).c_str());
-  EXPECT_NE(dynamic_cast<DiskCache*>(qv::net::CacheSystem()), nullptr);
-  qv::net::TerminateCache();
+  std::vector<fs::path> unusable = {dir.path() / "plain" / "below"};
+  std::vector<fs::path> usable = {dir.path()};
+  fs::create_directories(dir.path() / "moved" / "v1");
+  fs::create_directory(dir.path() / "unmounted");
+  fs::create_directory(dir.path() / "elsewhere");
+#if !defined(_WIN32)  // Windows links a directory only with a flag of its own
+  PlantLink(dir.path() / "moved" / "v1", dir.path() / "elsewhere" / "v1");
+  usable.push_back(dir.path() / "elsewhere");
+#endif
+  if (PlantLink(dir.path() / "not-mounted", dir.path() / "unmounted" / "v1")) {
+    unusable.push_back(dir.path() / "unmounted");
+  }
+  for (const fs::path& path : unusable) {
+    SCOPED_TRACE(path.string());
+    qv::net::InitialiseCache(qv::Utf8ToWide(path.string()).c_str());
+    EXPECT_NE(dynamic_cast<qv::net::InMemoryCache*>(qv::net::CacheSystem()), nullptr);
+    qv::net::TerminateCache();
+  }
+  for (const fs::path& path : usable) {
+    SCOPED_TRACE(path.string());
+    qv::net::InitialiseCache(qv::Utf8ToWide(path.string()).c_str());
+    IUrlCache* cache = qv::net::CacheSystem();
+    EXPECT_NE(dynamic_cast<DiskCache*>(cache), nullptr);
+    if (auto stream = cache->OpenWriteStream(L"kept")) stream->Write("body", 4);
+    auto stream = cache->OpenReadStream(L"kept");
+    EXPECT_EQ(stream ? ReadAll(*stream) : "<null>", "body");
+    stream.reset();
+    qv::net::TerminateCache();
+  }
   EXPECT_EQ(qv::net::CacheSystem(), nullptr);
 }
 
