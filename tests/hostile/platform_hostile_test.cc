@@ -115,7 +115,8 @@ TEST(HostilePlatform, ADownloadThatIsNotWholeLeavesNoFile) {
   const std::pair<const char*, HRESULT> cases[] = {
       {"HTTP/1.0 200 OK\r\n\r\nhello", S_OK},
       {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhello", INET_E_DOWNLOAD_FAILURE},
-      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n", INET_E_DOWNLOAD_FAILURE},
+      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n",
+       INET_E_DOWNLOAD_FAILURE},
       {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\nContent-Length: 4\r\n\r\nhello",
        INET_E_DOWNLOAD_FAILURE},
       {"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4/100\r\nContent-Length: 5\r\n\r\n"
