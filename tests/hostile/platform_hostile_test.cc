@@ -1,6 +1,7 @@
 // The WinINet layer and URL downloads against a server that misbehaves on purpose: answers that
-// drip, stray bytes after an answer, challenges without end, header text that would smuggle a
-// line, and a request closed from another thread while a call waits on it.
+// drip, downloads that end short or in part, stray bytes after an answer, challenges without
+// end, header text that would smuggle a line, and a request closed from another thread while a
+// call waits on it.
 #include <gtest/gtest.h>
 
 #include <atomic>
