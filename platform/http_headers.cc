@@ -320,6 +320,15 @@ bool HeaderBlock::ContentLengthAgrees() const {
   return true;
 }
 
+bool HeaderBlock::Folded(std::string_view name) const {
+  for (const auto& header : headers_) {
+    if (header.folded && EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 std::string HeaderBlock::RawCrlf() const { return raw_ + "\r\n"; }
 
 std::string HeaderBlock::RawNul() const {

@@ -46,6 +46,9 @@ class HeaderBlock {
   // length one can trust, and two readers could split the stream in different places.
   bool ContentLengthAgrees() const;
 
+  // True when a header of this name was continued on a folded line that added to its value.
+  bool Folded(std::string_view name) const;
+
   // Start line and header lines as received, each followed by CR LF, then a final CR LF.
   std::string RawCrlf() const;
   // The same lines each followed by a NUL (the list's final NUL is the caller's terminator).

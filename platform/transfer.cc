@@ -492,7 +492,9 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
     pending_.Clear();
     return size;
   }
-  if (!pending_.ContentLengthAgrees()) {
+  // libcurl frames the body by each Transfer-Encoding line as it came, without what a folded
+  // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body.
+  if (!pending_.ContentLengthAgrees() || pending_.Folded("Transfer-Encoding")) {
     header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
     return 0;
   }

@@ -341,6 +341,8 @@ HRESULT Fetch(Transfer& transfer, const std::string& url, TempFile& file, Progre
   }
   const long status = transfer.response().status_code();
   if (status >= 400) return HResultFromStatus(status);  // an error page is never saved
+  // A part of the file, where the whole was asked for: saved, it would pass for the file.
+  if (status == 206) return INET_E_DOWNLOAD_FAILURE;
   std::unique_ptr<char[]> buffer(new char[Transfer::kBufferSize]);
   for (;;) {
     std::size_t got = 0;

@@ -216,6 +216,46 @@ bool RenameHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& from,
   return false;
 }
 
+// A body written straight into its entry file by a caller. A write that fails (a full disk)
+// would leave the body cut short under the entry's name, where a later read takes it for the
+// whole body: the entry goes at once, while the file is still held so that no other writer's
+// file is taken for it, and the stream writes nothing more. Where an open file cannot be
+// deleted (Windows), its start marker is cleared instead, and the next look at the name
+// deletes it as no entry.
+class EntryBodyWriteStream final : public qv::io::FileWriteStream {
+ public:
+  EntryBodyWriteStream(TqUSysFile::Handle file, fs::path path)
+      : qv::io::FileWriteStream(file), m_file(file), m_path(std::move(path)) {}
+
+  std::uint64_t Write(const void* buffer, std::uint64_t size) override {
+    if (m_failed) throw std::runtime_error("FileWriteStream: cannot write the file");
+    try {
+      return FileWriteStream::Write(buffer, size);
+    } catch (...) {
+      Discard();
+      throw;
+    }
+  }
+
+ private:
+  void Discard() noexcept {
+    m_failed = true;
+    std::error_code ec;
+    if (TqUSysFile::RemoveHeldFile(m_file, m_path, ec)) return;
+    if (!ec) return;  // the name holds another file by now, or none
+    static constexpr unsigned char kNoMarker[2] = {0, 0};
+    std::uint64_t written = 0;
+    if (TqUSysFile::SeekFile(m_file, static_cast<std::int64_t>(ef::kStartMarkerOffset), 0) ==
+        static_cast<std::int64_t>(ef::kStartMarkerOffset)) {
+      TqUSysFile::WriteFile(m_file, kNoMarker, sizeof kNoMarker, &written);
+    }
+  }
+
+  TqUSysFile::Handle m_file;  // owned by the base
+  fs::path m_path;
+  bool m_failed = false;
+};
+
 }  // namespace
 
 invalid_cache_header::invalid_cache_header()
@@ -431,9 +471,10 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(st
   // Writing a body is a store: the last-used time says so, or a clean-up would take a body
   // just written for one that has not been touched since it was loaded.
   m_last_used = now;
+  fs::path path = m_path;
   const TqUSysFile::Handle handle = CreateEntryFile(m_path);
   if (handle == TqUSysFile::kInvalid) return nullptr;
-  auto stream = std::make_unique<qv::io::FileWriteStream>(handle);
+  auto stream = std::make_unique<EntryBodyWriteStream>(handle, std::move(path));
   const std::uint64_t offset = ef::BodyOffset(m_header_size);
   if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) {
     // The caller is told nothing was stored: the header just written must not stay behind as

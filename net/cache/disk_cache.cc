@@ -454,7 +454,24 @@ std::wstring StoredBodyUrl(std::wstring_view name) {
 
 namespace detail {
 void EnsureCacheDirectory(const fs::path& directory) {
-  if (EntryFileExists(directory)) return;
+  switch (KindOfEntryFile(directory)) {
+    case EntryFileKind::kNone:
+      break;
+    case EntryFileKind::kOther: {
+      // A link is what it leads to, as every use of the directory will find it: a cache moved
+      // elsewhere, or one that leads nowhere (a disk not mounted now), where no directory can
+      // be made either. Taken for a directory, that one would fail every store and serve no
+      // URL at all; refused, it leaves the caller to keep the cache in memory.
+      std::error_code ec;
+      const fs::file_status target = fs::status(directory, ec);
+      if (!fs::status_known(target)) throw fs::filesystem_error("exists", directory, ec);
+      if (fs::exists(target)) return;
+      throw fs::filesystem_error("create_directories", directory,
+                                 std::make_error_code(std::errc::file_exists));
+    }
+    default:
+      return;
+  }
   // The missing directories, made from the top down through the system file layer (at any
   // path length), each private to the user: entry files name the URLs the user has opened.
   // Those already there are left as they are.

@@ -816,6 +816,19 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
   EXPECT_TRUE(m_cache.CleanUp());
   EXPECT_EQ(Remaining(), (Names{"c_next_span_expired"}));
 
+  // Last uses in the future (a clock moved back) and at either end of time (a corrupt file) go
+  // by age like the rest; a span that begins at the end of time holds what is used then, and
+  // its expired entry goes first.
+  RemoveAll();
+  constexpr std::int64_t kFirst = std::numeric_limits<std::int64_t>::min();
+  Entry("a_start_of_time", kFirst, kNever, 50000);
+  Entry("b_now", kDate, kNever, 50000);
+  Entry("c_ten_years_on", kDate + 10 * 365 * 86400, kNever, 50000);
+  Entry("d_end_of_time", kNever, kNever, 600000);
+  Entry("e_end_of_time_expired", kNever, 0, 300000);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), (Names{"d_end_of_time"}));
+
   // The header is read from each file's first bytes: headers of every length count (the key
   // lengths: short, across the first read, long, the largest header), and a header claiming a
   // key longer than its file is no entry, deleted.
@@ -977,15 +990,40 @@ TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgets
   EXPECT_EQ(m_api.Sent().size(), 2u);
 }
 
+// A "v1" that is a link is taken for what it leads to: a cache moved to another disk is used
+// there, and one whose disk is not mounted now is unusable, like a path below a plain file.
 TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsTheDiskCache) {
   TempDir dir;
   dir.WriteFile("plain", "x");
-  qv::net::InitialiseCache(qv::Utf8ToWide((dir.path() / "plain" / "below").string()).c_str());
-  EXPECT_NE(dynamic_cast<qv::net::InMemoryCache*>(qv::net::CacheSystem()), nullptr);
-  qv::net::TerminateCache();
-  qv::net::InitialiseCache(qv::Utf8ToWide(dir.path().string()).c_str());
-  EXPECT_NE(dynamic_cast<DiskCache*>(qv::net::CacheSystem()), nullptr);
-  qv::net::TerminateCache();
+  std::vector<fs::path> unusable = {dir.path() / "plain" / "below"};
+  std::vector<fs::path> usable = {dir.path()};
+  fs::create_directories(dir.path() / "moved" / "v1");
+  fs::create_directory(dir.path() / "unmounted");
+  fs::create_directory(dir.path() / "elsewhere");
+#if !defined(_WIN32)  // Windows links a directory only with a flag of its own
+  PlantLink(dir.path() / "moved" / "v1", dir.path() / "elsewhere" / "v1");
+  usable.push_back(dir.path() / "elsewhere");
+#endif
+  if (PlantLink(dir.path() / "not-mounted", dir.path() / "unmounted" / "v1")) {
+    unusable.push_back(dir.path() / "unmounted");
+  }
+  for (const fs::path& path : unusable) {
+    SCOPED_TRACE(path.string());
+    qv::net::InitialiseCache(qv::Utf8ToWide(path.string()).c_str());
+    EXPECT_NE(dynamic_cast<qv::net::InMemoryCache*>(qv::net::CacheSystem()), nullptr);
+    qv::net::TerminateCache();
+  }
+  for (const fs::path& path : usable) {
+    SCOPED_TRACE(path.string());
+    qv::net::InitialiseCache(qv::Utf8ToWide(path.string()).c_str());
+    IUrlCache* cache = qv::net::CacheSystem();
+    EXPECT_NE(dynamic_cast<DiskCache*>(cache), nullptr);
+    if (auto stream = cache->OpenWriteStream(L"kept")) stream->Write("body", 4);
+    auto stream = cache->OpenReadStream(L"kept");
+    EXPECT_EQ(stream ? ReadAll(*stream) : "<null>", "body");
+    stream.reset();
+    qv::net::TerminateCache();
+  }
   EXPECT_EQ(qv::net::CacheSystem(), nullptr);
 }
 

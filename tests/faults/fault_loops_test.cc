@@ -165,7 +165,8 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
 
 // A body kept under a name of the caller's is written straight into its entry file. When the
 // open of the write stream fails, the caller is told (null) and no other body than the old one
-// whole is ever read back under the name; a write that fails throws to the caller.
+// whole is ever read back under the name; a write that fails throws to the caller and leaves
+// no body under the name.
 TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLeavesAFakeBody) {
   const std::string old_body(50000, 'o');
   const std::string new_body(100000, 'n');
@@ -203,6 +204,7 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
       EXPECT_EQ(read_back(), "new body");
     } else {
       EXPECT_EQ(outcome, "<thrown> FileWriteStream: cannot write the file");
+      EXPECT_EQ(read_back(), "<null>") << "a body cut short by the failed write is read back";
     }
     if (failed == "none") break;
   }

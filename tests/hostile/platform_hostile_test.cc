@@ -1,6 +1,7 @@
 // The WinINet layer and URL downloads against a server that misbehaves on purpose: answers that
-// drip, stray bytes after an answer, challenges without end, header text that would smuggle a
-// line, and a request closed from another thread while a call waits on it.
+// drip, downloads that end short or in part, stray bytes after an answer, challenges without
+// end, header text that would smuggle a line, and a request closed from another thread while a
+// call waits on it.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -106,6 +107,44 @@ TEST(HostilePlatform, DrippedHeaderLinesEndADownloadAtTheTimeOut) {
   tqplatform::SetUrlDownloadLimitsForTesting(previous);
   EXPECT_FALSE(std::filesystem::exists(dir.path() / "file"));
   EXPECT_LT(lines_sent.load(), 40);
+}
+
+// A download is whole or it is nothing: a body cut short, one framed two ways, or a part of the
+// file where the whole was asked for leaves no file under the name; a body that its close ends
+// (no length given) is whole.
+TEST(HostilePlatform, ADownloadThatIsNotWholeLeavesNoFile) {
+  const std::pair<const char*, HRESULT> cases[] = {
+      {"HTTP/1.0 200 OK\r\n\r\nhello", S_OK},
+      {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhello", INET_E_DOWNLOAD_FAILURE},
+      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n",
+       INET_E_DOWNLOAD_FAILURE},
+      {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\nContent-Length: 4\r\n\r\nhello",
+       INET_E_DOWNLOAD_FAILURE},
+      {"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4/100\r\nContent-Length: 5\r\n\r\n"
+       "hello",
+       INET_E_DOWNLOAD_FAILURE},
+  };
+  for (const auto& [answer, result] : cases) {
+    SCOPED_TRACE(answer);
+    RawResponder server([answer](RawConnection& c) {
+      c.ReadRequestHead();
+      c.Send(answer);
+    });
+    ASSERT_TRUE(server.ok());
+    TempDir dir;
+    const std::string url = server.Url("/file");
+    EXPECT_EQ(URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
+                                 (dir.path() / "file").wstring().c_str(), 0, nullptr),
+              result);
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+      std::ifstream file(entry.path());
+      left.push_back(entry.path().filename().string() + ": " +
+                     std::string(std::istreambuf_iterator<char>(file), {}));
+    }
+    EXPECT_EQ(left, result == S_OK ? std::vector<std::string>{"file: hello"}
+                                   : std::vector<std::string>{});
+  }
 }
 
 // Bytes a server sends after an answer, on a connection kept alive, are no answer to anything:

@@ -50,6 +50,8 @@ TEST(BadAnswersTest, EachEndsInAWinInetErrorAfterWhatArrived) {
   } cases[] = {
       {"malformed status line", Answer("HTTP/1.1 abc OK\r\nContent-Length: 0\r\n\r\n"),
        ERROR_HTTP_INVALID_SERVER_RESPONSE, 0, "", true},
+      {"status line without a reason", Answer("HTTP/1.1 200\r\nContent-Length: 5\r\n\r\nhello"), 0,
+       0, "hello", true},
       {"header line without colon", Answer(ok + "no header here\r\nContent-Length: 0\r\n\r\n"),
        ERROR_HTTP_INVALID_SERVER_RESPONSE, 0, "", true},
       {"101 nobody asked for",
@@ -92,6 +94,14 @@ TEST(BadAnswersTest, EachEndsInAWinInetErrorAfterWhatArrived) {
       {"list 5, 5", lengths("Content-Length: 5, 5\r\n"), 0, 0, "hello", true},
       {"folded 5, 5", lengths("Content-Length: 5,\r\n 5\r\n"), 0, 0, "hello", true},
       {"folded 5 6", lengths("Content-Length: 5\r\n 6\r\n"), invalid, 0, "", true},
+      // libcurl frames the body by a Transfer-Encoding line alone, without what a fold adds to
+      // it: the chunks' framing would come as the body, and the close would end it as whole.
+      {"chunked folded in",
+       Answer(ok + "Transfer-Encoding: gzip,\r\n chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"),
+       invalid, 0, "", true},
+      {"chunked folded alone",
+       Answer(ok + "Transfer-Encoding:\r\n\tchunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"), invalid,
+       0, "", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

@@ -71,6 +71,7 @@ TEST(RedirectPolicyTest, WhereEachAnswerLeads) {
       {"http://a.test/", "POST", "303 See", "/r", false, 0, 0, "GET http://a.test/r no body"},
       {"http://a.test/", "POST", "301 Moved", "/r", false, 0, 0, "GET http://a.test/r no body"},
       {"http://a.test/", "POST", "307 Temp", "/r", false, 0, 0, "POST http://a.test/r"},
+      {"http://a.test/", "POST", "308 Perm", "/r", false, 0, 0, "POST http://a.test/r"},
       {"http://a.test/", "HEAD", "303 See", "/r", false, 0, 0, "HEAD http://a.test/r"},
       {"http://a.test/", "GET", "302 Found", "http://b.test/", false, 0, 0,
        "GET http://b.test/ cross-origin"},
