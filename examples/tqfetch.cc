@@ -311,7 +311,8 @@ constexpr std::uint64_t kRangePiece = 8 << 20;
 
 // Hands `size` bytes from `offset` to `sink` (pointer, count) in reads of at most kRangePiece,
 // as they come; fewer only when the file ends first. The file's size comes with each read, so
-// a body that ends before it is told from the file's end: a failure, never a shorter success.
+// a body that ends before it is told from the file's end: a failure, never a shorter success;
+// so is a size that changes from one piece to the next.
 template <class Sink>
 void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size, Sink&& sink,
                std::uint64_t* total_size = nullptr) {
@@ -322,11 +323,17 @@ void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
   if (!file.ok()) throw Failed(what);
   std::vector<char> buffer(static_cast<std::size_t>(std::min(size, kRangePiece)));
   std::uint64_t done = 0;
+  std::optional<std::uint64_t> first_total;
   while (done < size) {
     const std::uint64_t ask = std::min(size - done, kRangePiece);
     std::uint64_t total = 0;
     const std::int64_t got = file.Read(offset + done, ask, buffer.data(), &total);
     if (got < 0) throw Failed(what);
+    // Pieces of two versions of the file must not pass for one range.
+    if (first_total && total != *first_total) {
+      throw Failure{what + ": the file changed while it was read"};
+    }
+    first_total = total;
     if (total_size != nullptr) *total_size = total;
     const auto count = static_cast<std::uint64_t>(got);
     // A cut piece is not handed on: only whole pieces go out ahead of a failure.

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cinttypes>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -92,6 +93,37 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
     EXPECT_EQ(run.status, 1) << command;
     EXPECT_EQ(run.output, "tqfetch: " + line + "\n");
   }
+
+  // A file whose size changes between two pieces of one range (read 8 MiB at a time) is a
+  // failure: the bytes that would follow are another version's.
+  auto answers = std::make_shared<std::atomic<int>>(0);
+  tq::test::RawResponder changing([answers](tq::test::RawConnection& c) {
+    for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+      std::uint64_t first = 0, last = 0;
+      const std::size_t at = head.find("Range: bytes=");
+      if (at == std::string::npos ||
+          std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+        return;
+      }
+      const std::uint64_t total = (*answers)++ == 0 ? 9 << 20 : 10 << 20;
+      if (!c.Send("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) +
+                  "-" + std::to_string(last) + "/" + std::to_string(total) +
+                  "\r\nContent-Length: " + std::to_string(last - first + 1) + "\r\n\r\n" +
+                  std::string(last - first + 1, 'v'))) {
+        return;
+      }
+    }
+  });
+  const std::string changed = changing.Url("/v");
+  const Outcome stitched = Tqfetch("range " + changed + " 0 " + std::to_string(9 << 20),
+                                   home.path());
+  EXPECT_EQ(stitched.status, 1);
+  EXPECT_EQ(answers->load(), 2);
+  ASSERT_GE(stitched.output.size(), std::size_t{8 << 20});
+  EXPECT_EQ(stitched.output.find_first_not_of('v'), std::size_t{8 << 20}) << "the first piece";
+  EXPECT_EQ(stitched.output.substr(8 << 20), "tqfetch: cannot read bytes 0+" +
+                                                 std::to_string(9 << 20) + " of " + changed +
+                                                 ": the file changed while it was read\n");
 
   tq::test::TlsFiles tls;
   ASSERT_TRUE(tq::test::MakeSelfSignedCert(home.path(), "127.0.0.1", &tls));
