@@ -80,7 +80,10 @@ std::optional<std::int64_t> RecordingHttpApi::QueryHeaderDateTime(
 
 bool RecordingHttpApi::Read(void* request, void* buffer, std::uint32_t size,
                             std::uint32_t& bytes_read) {
-  return m_inner->Read(request, buffer, size, bytes_read);
+  if (m_inner->Read(request, buffer, size, bytes_read)) return true;
+  // A body that ends before its length, or a connection lost while it comes.
+  if (const std::uint32_t error = GetLastError(); error != 0) m_record(Outcome{error, 0});
+  return false;
 }
 
 bool RecordingHttpApi::CloseHandle(void* handle) { return m_inner->CloseHandle(handle); }

@@ -30,8 +30,8 @@ std::string Reason(const Outcome& outcome);
 std::optional<Outcome> OutcomeFromMessage(std::string_view component, std::string_view text);
 
 // A transport that passes every call on to the one it wraps (and owns), and tells `record` what
-// each failed exchange gave: the error of a connection or a send that failed, or a status of
-// 400 or more. `record` may be called from several threads at once.
+// each failed exchange gave: the error of a connection, a send or a body read that failed, or a
+// status of 400 or more. `record` may be called from several threads at once.
 class RecordingHttpApi : public qv::net::IHttpApi {
  public:
   RecordingHttpApi(std::unique_ptr<qv::net::IHttpApi> inner,

@@ -20,6 +20,7 @@
 #include <unistd.h>
 #endif
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -92,12 +93,13 @@ void ForgetFailures() {
 }
 
 // The failure of an operation, with the reason in words when one of its exchanges failed, else
-// with what the library logged.
-Failure Failed(const std::string& what) {
+// with what the library logged, else with `otherwise`.
+Failure Failed(const std::string& what, const std::string& otherwise = {}) {
   std::lock_guard lock(g_log_mutex);
   const std::string reason = g_first_failure ? tqfetch::Reason(*g_first_failure) : "";
   if (!reason.empty()) return Failure{what + ": " + reason};
-  return Failure{g_last_log.empty() ? what : what + ": " + g_last_log};
+  if (!g_last_log.empty()) return Failure{what + ": " + g_last_log};
+  return Failure{otherwise.empty() ? what : what + ": " + otherwise};
 }
 
 std::wstring Wide(const std::string& text) { return qv::Utf8ToWide(text); }
@@ -146,14 +148,13 @@ bool StdoutIsTerminal() {
 
 // A body as it came, byte for byte: Windows opens standard output in text mode, which would
 // write every line feed as CR LF (and a redirected download would differ from the file).
-void WriteBody(const std::string& bytes) {
+void WriteBody(const char* bytes, std::size_t size) {
 #if defined(_WIN32)
   std::fflush(stdout);
   _setmode(_fileno(stdout), _O_BINARY);
 #endif
   // A full disk or a closed pipe must not pass for success with the bytes lost.
-  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() ||
-      std::fflush(stdout) != 0) {
+  if (std::fwrite(bytes, 1, size, stdout) != size || std::fflush(stdout) != 0) {
     throw Failure{std::string("cannot write to standard output: ") + std::strerror(errno)};
   }
 }
@@ -230,19 +231,31 @@ class Library {
   }
 };
 
+// Hands the stream's bytes to `sink` (pointer, count) a piece at a time, as they are read: the
+// room a copy takes does not grow with the body.
+template <class Sink>
+void CopyOut(qv::io::IDataReadStream& stream, Sink&& sink) {
+  std::vector<char> buffer(256 * 1024);
+  while (const std::uint64_t n = stream.Read(buffer.data(), buffer.size())) {
+    sink(buffer.data(), static_cast<std::size_t>(n));
+  }
+}
+
 std::string ReadAll(qv::io::IDataReadStream& stream) {
   std::string body;
-  char buffer[65536];
-  while (std::uint64_t n = stream.Read(buffer, sizeof buffer)) body.append(buffer, n);
+  CopyOut(stream, [&](const char* data, std::size_t n) { body.append(data, n); });
   return body;
 }
 
-std::string FetchThroughCache(const std::string& url) {
+// The URL through the disk cache, which holds the body whole by the time it is handed out.
+std::unique_ptr<qv::io::IDataSeekableReadStream> OpenThroughCache(const std::string& url) {
   ForgetFailures();
   auto stream = qv::net::OpenFileOrUrl(Wide(url), 0, {});
   if (!stream) throw Failed("could not open " + url);
-  return ReadAll(*stream);
+  return stream;
 }
+
+std::string FetchThroughCache(const std::string& url) { return ReadAll(*OpenThroughCache(url)); }
 
 void PrintInfo(const std::string& url) {
   TqUFileInfo info;
@@ -259,30 +272,97 @@ void PrintInfo(const std::string& url) {
   }
 }
 
-// Reads one range through the file protocol's handles, as the host's file layer does.
-std::string ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
-                      std::uint64_t* total) {
-  TqUFileProtocol& protocol = Library::Protocol(url);
-  ForgetFailures();
-  TqUFileHandle* file = protocol.OpenFile(Wide(url).c_str(), TqUFileProtocol::OpenRead);
-  if (file == nullptr) throw Failed("cannot open " + url);
-  TqUThreadHandle* thread = protocol.CreateThreadHandle(file);
-  TqUFileRequestHandle* request = protocol.SetupReadFile(file, offset, size);
-  std::string bytes(size, '\0');
-  const std::int64_t got =
-      thread && request ? protocol.ReadFileToSize(file, thread, request, offset, size,
-                                                  reinterpret_cast<unsigned char*>(bytes.data()),
-                                                  total)
-                        : -1;
-  protocol.ReleaseRequestHandle(request);
-  protocol.ReleaseThreadHandle(thread);
-  protocol.CloseFile(file);
-  if (got < 0) {
-    throw Failed("cannot read bytes " + std::to_string(offset) + "+" + std::to_string(size) +
-                 " of " + url);
+// A remote file opened through the file protocol's handles for one reading thread, as the
+// host's file layer opens it; released in reverse order.
+class RemoteFile {
+ public:
+  explicit RemoteFile(const std::string& url) : m_protocol(Library::Protocol(url)) {
+    m_file = m_protocol.OpenFile(Wide(url).c_str(), TqUFileProtocol::OpenRead);
+    if (m_file != nullptr) m_thread = m_protocol.CreateThreadHandle(m_file);
   }
-  bytes.resize(static_cast<std::size_t>(got));
+  ~RemoteFile() {
+    m_protocol.ReleaseThreadHandle(m_thread);
+    m_protocol.CloseFile(m_file);
+  }
+  RemoteFile(const RemoteFile&) = delete;
+  RemoteFile& operator=(const RemoteFile&) = delete;
+
+  bool ok() const { return m_thread != nullptr; }
+  // One ranged read with a request handle of its own: the bytes placed, or -1.
+  std::int64_t Read(std::uint64_t offset, std::uint64_t size, char* buffer,
+                    std::uint64_t* total) {
+    TqUFileRequestHandle* request = m_protocol.SetupReadFile(m_file, offset, size);
+    const std::int64_t got =
+        request ? m_protocol.ReadFileToSize(m_file, m_thread, request, offset, size,
+                                            reinterpret_cast<unsigned char*>(buffer), total)
+                : -1;
+    m_protocol.ReleaseRequestHandle(request);
+    return got;
+  }
+
+ private:
+  TqUFileProtocol& m_protocol;
+  TqUFileHandle* m_file = nullptr;
+  TqUThreadHandle* m_thread = nullptr;
+};
+
+// The most one ranged read asks for: the room the bytes take, whatever size is asked.
+constexpr std::uint64_t kRangePiece = 8 << 20;
+
+// Hands `size` bytes from `offset` to `sink` (pointer, count) in reads of at most kRangePiece,
+// as they come; fewer only when the file ends first. The file's size comes with each read, so
+// a body that ends before it is told from the file's end: a failure, never a shorter success;
+// so is a size that changes from one piece to the next.
+template <class Sink>
+void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size, Sink&& sink,
+               std::uint64_t* total_size = nullptr) {
+  ForgetFailures();
+  RemoteFile file(url);
+  const std::string what =
+      "cannot read bytes " + std::to_string(offset) + "+" + std::to_string(size) + " of " + url;
+  if (!file.ok()) throw Failed(what);
+  std::vector<char> buffer(static_cast<std::size_t>(std::min(size, kRangePiece)));
+  std::uint64_t done = 0;
+  std::optional<std::uint64_t> first_total;
+  while (done < size) {
+    const std::uint64_t ask = std::min(size - done, kRangePiece);
+    std::uint64_t total = 0;
+    const std::int64_t got = file.Read(offset + done, ask, buffer.data(), &total);
+    if (got < 0) throw Failed(what);
+    // Pieces of two versions of the file must not pass for one range.
+    if (first_total && total != *first_total) {
+      throw Failure{what + ": the file changed while it was read"};
+    }
+    first_total = total;
+    if (total_size != nullptr) *total_size = total;
+    const auto count = static_cast<std::uint64_t>(got);
+    // A cut piece is not handed on: only whole pieces go out ahead of a failure.
+    if (count < ask && offset + done + count < total) {
+      throw Failure{what + ": only " + std::to_string(done + count) + " of " +
+                    std::to_string(std::min(size, total - offset)) + " bytes arrived"};
+    }
+    sink(buffer.data(), static_cast<std::size_t>(count));
+    done += count;
+    if (count < ask) break;  // the file ends inside the range
+  }
+}
+
+// One range whole, for the tour's small reads.
+std::string ReadRangeText(const std::string& url, std::uint64_t offset, std::uint64_t size,
+                          std::uint64_t* total) {
+  std::string bytes;
+  ReadRange(url, offset, size, [&](const char* data, std::size_t n) { bytes.append(data, n); },
+            total);
   return bytes;
+}
+
+// Why a download failed when none of its exchanges said: where it was to land, or the transfer.
+std::string DownloadFailure(const fs::path& target) {
+  std::error_code ignored;
+  const fs::path parent = target.has_parent_path() ? target.parent_path() : fs::path(".");
+  if (!fs::is_directory(parent, ignored)) return "no such directory: " + Text(parent);
+  if (fs::is_directory(target, ignored)) return Text(target) + " is a directory";
+  return "the transfer did not complete";
 }
 
 void Download(const std::string& url, const std::string& path) {
@@ -296,7 +376,7 @@ void Download(const std::string& url, const std::string& path) {
   if (protocol.GetFileInfo(Wide(url).c_str(), &info)) total = info.GetFileSize();
   ProgressBar bar("download", total);
   if (!protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
-    throw Failed("download of " + url + " to " + path + " failed");
+    throw Failed("download of " + url + " to " + path + " failed", DownloadFailure(PathOf(path)));
   }
 }
 
@@ -402,7 +482,7 @@ void Tour() {
   Step("5. A file opened through the file protocol and read in ranges");
   std::uint64_t total = 0;
   for (std::uint64_t offset : {0ull, 1000000ull, (8ull << 20) - 10}) {
-    const std::string bytes = ReadRange(big, offset, 16, &total);
+    const std::string bytes = ReadRangeText(big, offset, 16, &total);
     std::printf("  bytes %8" PRIu64 "..%-8" PRIu64 " %-16s %s\n", offset, offset + 15,
                 bytes.c_str(),
                 bytes == server.Body("/big.bin").substr(offset, 16) ? "(matches)" : "(WRONG)");
@@ -477,8 +557,12 @@ constexpr const char* kHelp =
 
 std::uint64_t Number(const std::string& text) {
   char* end = nullptr;
+  errno = 0;
   const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-  if (text.empty() || text[0] == '-' || *end != '\0') throw UsageError{"not a number: " + text};
+  // Past 64 bits strtoull gives its largest value: another number than the one written.
+  if (text.empty() || text[0] == '-' || *end != '\0' || errno == ERANGE) {
+    throw UsageError{"not a number: " + text};
+  }
   return value;
 }
 
@@ -500,14 +584,24 @@ int Run(const std::vector<std::string>& args) {
   }
   if (command == "fetch" && (args.size() == 2 || (args.size() == 4 && args[2] == "-o"))) {
     Library library(nullptr);
-    const std::string body = FetchThroughCache(args[1]);
+    const auto stream = OpenThroughCache(args[1]);
     if (args.size() == 4) {
+      // The system's words for a failure (no such directory, no room left), where it gave some.
+      const auto cannot_write = [&] {
+        const int error = errno;
+        return Failure{"cannot write " + args[3] +
+                       (error != 0 ? std::string(": ") + std::strerror(error) : std::string())};
+      };
+      errno = 0;
       std::ofstream out(PathOf(args[3]), std::ios::binary);
-      out.write(body.data(), static_cast<std::streamsize>(body.size()));
+      if (!out) throw cannot_write();
+      CopyOut(*stream, [&](const char* data, std::size_t n) {
+        if (!out.write(data, static_cast<std::streamsize>(n))) throw cannot_write();
+      });
       out.close();  // the last bytes may fail only as they leave the buffer
-      if (!out) throw Failure{"cannot write " + args[3]};
+      if (!out) throw cannot_write();
     } else {
-      WriteBody(body);
+      CopyOut(*stream, [](const char* data, std::size_t n) { WriteBody(data, n); });
     }
     return 0;
   }
@@ -518,9 +612,8 @@ int Run(const std::vector<std::string>& args) {
   }
   if (command == "range" && args.size() == 4) {
     Library library(nullptr);
-    std::uint64_t total = 0;
-    const std::string bytes = ReadRange(args[1], Number(args[2]), Number(args[3]), &total);
-    WriteBody(bytes);
+    ReadRange(args[1], Number(args[2]), Number(args[3]),
+              [](const char* data, std::size_t n) { WriteBody(data, n); });
     return 0;
   }
   if (command == "download" && args.size() == 3) {

@@ -38,8 +38,12 @@ HRESULT MyBindStatusCallback::GetPriority(LONG*) { return E_NOTIMPL; }
 HRESULT MyBindStatusCallback::OnLowResource(DWORD) { return S_OK; }
 
 HRESULT MyBindStatusCallback::OnProgress(ULONG progress, ULONG progress_max, ULONG, LPCWSTR) {
+  // A host is told a fraction between 0 and 1: more bytes than the announced length (a wrong
+  // Content-Length) count as all of it.
   Report(progress_max == 0 ? 0.0
-                           : static_cast<double>(progress) / static_cast<double>(progress_max));
+         : progress >= progress_max
+             ? 1.0
+             : static_cast<double>(progress) / static_cast<double>(progress_max));
   return S_OK;
 }
 

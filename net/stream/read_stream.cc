@@ -11,6 +11,7 @@
 #include "net/http/request_handler.h"
 #include "net/http/send_watch.h"
 #include "net/http/stop_watcher.h"
+#include "net/stream/thread_pool.h"
 
 namespace qv::net {
 
@@ -32,8 +33,14 @@ constexpr int kRetryAllowanceLimit = 250;
 // A server asking for a longer pause than this gets its answer passed on instead.
 constexpr std::uint32_t kLongestRetryAfterSeconds = 30;
 
-// Sleeps `wait` unless a stop is requested first, in slices short enough that the stop is
-// heard within one of them. The deadline saturates at the clock's end instead of overflowing.
+// A pause before a retry ends early for a stop, and when the worker pool whose task pauses is
+// shutting down: the host then waits for the task, and the pause (up to 30 s) would be its wait.
+bool PauseCut(const qv::stop_token& stop) {
+  return stop.stop_requested() || thread_pool::CallerPoolStopping();
+}
+
+// Sleeps `wait` unless the pause is cut first, in slices short enough that the cut is heard
+// within one of them. The deadline saturates at the clock's end instead of overflowing.
 void SleepUnlessStopped(std::chrono::milliseconds wait, const qv::stop_token& stop) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point now = Clock::now();
@@ -42,7 +49,7 @@ void SleepUnlessStopped(std::chrono::milliseconds wait, const qv::stop_token& st
       wait >= std::chrono::duration_cast<std::chrono::milliseconds>(headroom)
           ? Clock::time_point::max()
           : now + std::chrono::duration_cast<Clock::duration>(wait);
-  for (Clock::time_point at = now; at < deadline && !stop.stop_requested(); at = Clock::now()) {
+  for (Clock::time_point at = now; at < deadline && !PauseCut(stop); at = Clock::now()) {
     const Clock::duration left = deadline - at;
     std::this_thread::sleep_for(std::min<Clock::duration>(left, detail::kStopPollInterval));
   }
@@ -54,10 +61,13 @@ detail::RetrySleepFunction& RetrySleep() {
   return sleep;
 }
 
-// The pause before a retry. True when it ran its course; false when a stop was requested
-// before or during it (the caller then gives up instead of sending again).
-bool WaitBeforeRetry(std::chrono::milliseconds wait, const qv::stop_token& stop) {
-  if (wait.count() > 0) {
+enum class Pause { Done, Stopped, PoolStopping };
+
+// The pause before a retry, and how it ended: Done when it ran its course; Stopped for a stop
+// requested before or during it (the caller gives up instead of sending again); PoolStopping
+// when the pool whose task this is shuts down (the caller keeps the answer it has).
+Pause WaitBeforeRetry(std::chrono::milliseconds wait, const qv::stop_token& stop) {
+  if (wait.count() > 0 && !PauseCut(stop)) {
     const detail::RetrySleepFunction& sleep = RetrySleep();
     if (sleep) {
       sleep(wait);
@@ -65,7 +75,8 @@ bool WaitBeforeRetry(std::chrono::milliseconds wait, const qv::stop_token& stop)
       SleepUnlessStopped(wait, stop);
     }
   }
-  return !stop.stop_requested();
+  if (stop.stop_requested()) return Pause::Stopped;
+  return thread_pool::CallerPoolStopping() ? Pause::PoolStopping : Pause::Done;
 }
 
 IHttpApi& Api() {
@@ -136,7 +147,8 @@ void* SendWatched(IHttpApi& api, void* connection, const HttpRequest& request,
 // time-out, or for minutes of Retry-After pauses, holding a worker thread all the while. A send
 // cancelled that way comes back without a request handle, and a stopped pause closes the answer
 // it was waiting on, so both end as a stop seen between the steps does: no request, nothing
-// succeeded.
+// succeeded. A pause cut by the shut-down of the worker pool whose task it is keeps its answer
+// instead, as when the retries are spent: the host's shut-down waits for nothing more.
 void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpRequest& request,
                            const qv::stop_token& stop) {
   IHttpApi& api = Api();
@@ -178,9 +190,11 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
       return handle;
     }
 
-    const bool waited = WaitBeforeRetry(wait, stop);
+    const Pause pause = WaitBeforeRetry(wait, stop);
+    // A pool shutting down ends the retries as a spent allowance does: its answer is the last.
+    if (pause == Pause::PoolStopping) return handle;
     api.CloseHandle(handle);
-    if (!waited) return nullptr;
+    if (pause == Pause::Stopped) return nullptr;
     sent = false;
     handle = SendWatched(api, connection, request, accept_types, sent, stop);
   }

@@ -76,9 +76,9 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
 
 namespace detail {
 /// The wait between retries. Tests replace it so that no test waits through a real delay; an
-/// empty function restores the real wait, which ends early when the stream's stop is requested.
-/// The stop is looked at again once the replacement returns. Not thread-safe: set while no
-/// stream is opened.
+/// empty function restores the real wait, which ends early when the stream's stop is requested
+/// or the worker pool whose task waits shuts down. Both are looked at again once the replacement
+/// returns. Not thread-safe: set while no stream is opened.
 using RetrySleepFunction = std::function<void(std::chrono::milliseconds)>;
 TQNET_EXPORT RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep);
 }  // namespace detail

@@ -8,6 +8,10 @@
 namespace qv::net {
 namespace {
 
+// The stop flag of the pool whose worker this thread is; null on other threads. A plain
+// pointer, so that nothing of the library runs as a thread ends.
+thread_local const std::atomic<bool>* t_worker_pool_stopped = nullptr;
+
 detail::ThreadStartHook g_start_hook;
 detail::StopHook g_stop_hook;
 
@@ -94,8 +98,13 @@ void thread_pool::Enqueue(vemo::function_wrapper task) {
   m_queue_cv.notify_one();
 }
 
+bool thread_pool::CallerPoolStopping() {
+  return t_worker_pool_stopped != nullptr && t_worker_pool_stopped->load();
+}
+
 void thread_pool::WorkerLoop() {
   if (m_done) return;
+  t_worker_pool_stopped = &m_queue_stopped;
   for (;;) {
     vemo::function_wrapper task;
     {

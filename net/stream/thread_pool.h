@@ -74,6 +74,11 @@ class thread_pool {
 
   std::size_t ThreadCount() const { return m_threads.size(); }
 
+  // True while the caller is a task of a pool that is shutting down; false on any other thread.
+  // A task's own waits (a pause before a retry) end early then, so that the shut-down does not
+  // wait them out.
+  static bool CallerPoolStopping();
+
   // Stops taking tasks and waits for the running ones to end; returns when every worker has
   // ended. Queued tasks stay queued (never run) until the pool is destroyed. Idempotent; call
   // from one thread. Called from one of the pool's own tasks it throws std::system_error

@@ -149,6 +149,14 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
   ASSERT_TRUE(r.file != nullptr && r.thread != nullptr && r.request != nullptr);
   EXPECT_EQ(protocol_->ReadFileToSize(r.file, r.thread, r.request, UINT64_MAX, 2, buffer.data(),
                                       nullptr), -1);
+  // Nothing asked for, nothing sent: 0 bytes (-1 when the size is wanted), a whole read.
+  std::uint64_t total = 7;
+  EXPECT_EQ(protocol_->ReadFileToSize(r.file, r.thread, r.request, 100, 0, buffer.data(), &total),
+            -1);
+  EXPECT_EQ(protocol_->ReadFileToSize(r.file, r.thread, r.request, 100, 0, buffer.data(), nullptr),
+            0);
+  EXPECT_TRUE(protocol_->ReadFile(r.file, r.thread, r.request, 100, 0, buffer.data()));
+  EXPECT_EQ(total, 7u);
   EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile invalid buffer or "
                                                "range for " + server.Url("/f")}));
   alignas(std::max_align_t) unsigned char copy[sizeof(qv::net::HttpFileThreadHandle)];
@@ -303,6 +311,21 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   });
   EXPECT_TRUE(Info("/502", &info));
   EXPECT_EQ(sent->load(), 4);
+  EXPECT_THAT(TakeLog(), IsEmpty());
+
+  // An answer naming none of size, revision and time tells nothing, and nothing is kept; a tag
+  // alone is enough. A date that does not parse is no time.
+  for (const auto& [head, found] : {std::pair{"", false}, std::pair{"ETag: \"t\"\r\n", true}}) {
+    SameAnswerServer bare(std::string("HTTP/1.1 200 OK\r\n") + head +
+                          "Last-Modified: yesterday\r\n\r\n");
+    TqUFileInfo bare_info;
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(protocol_->GetFileInfo(W(bare.Url("/b")).c_str(), &bare_info), found);
+    }
+    EXPECT_EQ(bare.requests(), found ? 1u : 2u) << "only what was found is kept";
+    EXPECT_FALSE(bare_info.GetFileSize().has_value());
+    EXPECT_FALSE(bare_info.GetFileModificationTime().has_value());
+  }
   EXPECT_THAT(TakeLog(), IsEmpty());
 
   // The cache holds 30 URL texts: after 30 others the least recently used, "/f", is asked again.
@@ -511,11 +534,13 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
       EXPECT_EQ(callback.AddRef() + callback.Release(), 0u);
       EXPECT_EQ(callback.OnStartBinding(0, &binding), S_OK);
       EXPECT_EQ(callback.OnProgress(50, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
+      // More than the announced length (a length the server got wrong) is never past 100%.
+      EXPECT_EQ(callback.OnProgress(300, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
       EXPECT_EQ(callback.OnStopBinding(S_OK, nullptr), S_OK);
       EXPECT_THROW(callback.RethrowProgressError(), Cancelled);
     }
     EXPECT_EQ(binding.refs, 0);
-    EXPECT_EQ(alone.values, (std::vector<double>{0.0, 0.25, 1.0}));
+    EXPECT_EQ(alone.values, (std::vector<double>{0.0, 0.25, 1.0, 1.0}));
     // Through GetFile: the download is complete, then the exception arrives.
     ThrowingProgress progress(throw_at);
     const std::filesystem::path target = dir.path() / ("file" + std::to_string(throw_at));

@@ -89,6 +89,8 @@ TEST_F(HttpReadStreamTest, TooManyRequestsAndBadGatewayRetriesAreBoundedAndHonou
       {{retry_after(L"30"), Status(200)}, {30s}, HttpStatus::OK},
       {{retry_after(L"31")}, {}, HttpStatus::TooManyRequests},
       {{retry_after(L"0"), Status(200)}, {}, HttpStatus::OK},
+      // Past 32 bits the header gives no number: the default wait, not a count cut to 32 bits.
+      {{retry_after(L"4294967326"), Status(200)}, {2s}, HttpStatus::OK},
       {{Status(502), Status(304)}, {50ms}, HttpStatus::NotModified},
   };
   CountingHandler handler;

@@ -139,6 +139,28 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
   EXPECT_EQ(cancelled.get(), nullptr);
   EXPECT_EQ(m_api.CloseCount() - closes, 1);
   m_api.OnBlocked({});
+
+  // The pool shutting down cuts a task's pause before a retry (here a Retry-After of 30 s): the
+  // answer waited on is the task's, and nothing more is sent. Before, the shut-down waited.
+  tq::test::FakeResponse busy;
+  busy.status = 429;
+  m_api.Queue(busy.Header(L"Retry-After", L"30"));
+  Gate paused, resumed;
+  auto recording = qv::net::detail::SetRetrySleepForTesting([&](auto) {
+    paused.Open();
+    resumed.Wait();
+  });
+  qv::net::detail::SetStopHookForTesting([&] { resumed.Open(); });
+  const int sends = m_api.CountCalls("Send");
+  auto answered = OpenFileOrUrlAsync(L"http://example.test/busy", 0, {});
+  ASSERT_TRUE(paused.Wait());
+  qv::net::ExchangeWorkerThreadPool(nullptr).reset();
+  qv::net::detail::SetStopHookForTesting(nullptr);
+  qv::net::detail::SetRetrySleepForTesting(std::move(recording));
+  auto stream = answered.get();
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(tq::test::ReadAll(*stream, 32), "");
+  EXPECT_EQ(m_api.CountCalls("Send") - sends, 1);
 }
 
 }  // namespace

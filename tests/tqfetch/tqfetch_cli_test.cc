@@ -1,9 +1,11 @@
 // tqfetch run as a person runs it: its words on failure, its exit status, its help.
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cinttypes>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +15,7 @@
 #include <string>
 
 #include "tests/support/same_answer_server.h"
+#include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/servers/tls_files.h"
@@ -66,6 +69,62 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
     }
   }
 
+  // A body cut short fails every command that reads it, in words, and so does a file that
+  // cannot be written.
+  tq::test::RawResponder cut([](tq::test::RawConnection& c) {
+    if (!c.ReadRequestHead().empty()) c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n012");
+  });
+  server.Route("/a", tq::test::ScriptedResponse(200, "a"));
+  const std::string short_url = cut.Url("/cut");
+  const std::string nowhere = (home.path() / "no" / "x").string();
+  const std::pair<std::string, std::string> local_failures[] = {
+      {"fetch " + short_url, "could not open " + short_url + ": connection aborted"},
+      {"range " + short_url + " 1 5", "cannot read bytes 1+5 of " + short_url +
+                                          ": only 2 of 5 bytes arrived"},
+      {"download " + short_url + " " + file,
+       "download of " + short_url + " to " + file + " failed: the transfer did not complete"},
+      {"fetch " + server.Url("/a") + " -o " + nowhere,
+       "cannot write " + nowhere + ": No such file or directory"},
+      {"download " + server.Url("/a") + " " + nowhere,
+       "download of " + server.Url("/a") + " to " + nowhere + " failed: no such directory: " +
+           (home.path() / "no").string()}};
+  for (const auto& [command, line] : local_failures) {
+    const Outcome run = Tqfetch(command, home.path());
+    EXPECT_EQ(run.status, 1) << command;
+    EXPECT_EQ(run.output, "tqfetch: " + line + "\n");
+  }
+
+  // A file whose size changes between two pieces of one range (read 8 MiB at a time) is a
+  // failure: the bytes that would follow are another version's.
+  auto answers = std::make_shared<std::atomic<int>>(0);
+  tq::test::RawResponder changing([answers](tq::test::RawConnection& c) {
+    for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+      std::uint64_t first = 0, last = 0;
+      const std::size_t at = head.find("Range: bytes=");
+      if (at == std::string::npos ||
+          std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+        return;
+      }
+      const std::uint64_t total = (*answers)++ == 0 ? 9 << 20 : 10 << 20;
+      if (!c.Send("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) +
+                  "-" + std::to_string(last) + "/" + std::to_string(total) +
+                  "\r\nContent-Length: " + std::to_string(last - first + 1) + "\r\n\r\n" +
+                  std::string(last - first + 1, 'v'))) {
+        return;
+      }
+    }
+  });
+  const std::string changed = changing.Url("/v");
+  const Outcome stitched = Tqfetch("range " + changed + " 0 " + std::to_string(9 << 20),
+                                   home.path());
+  EXPECT_EQ(stitched.status, 1);
+  EXPECT_EQ(answers->load(), 2);
+  ASSERT_GE(stitched.output.size(), std::size_t{8 << 20});
+  EXPECT_EQ(stitched.output.find_first_not_of('v'), std::size_t{8 << 20}) << "the first piece";
+  EXPECT_EQ(stitched.output.substr(8 << 20), "tqfetch: cannot read bytes 0+" +
+                                                 std::to_string(9 << 20) + " of " + changed +
+                                                 ": the file changed while it was read\n");
+
   tq::test::TlsFiles tls;
   ASSERT_TRUE(tq::test::MakeSelfSignedCert(home.path(), "127.0.0.1", &tls));
   tq::test::ScriptedServer secure({tls.cert.string(), tls.key.string()});
@@ -94,6 +153,40 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   const Outcome range = Tqfetch("range " + url + " 1 6", home.path());
   EXPECT_EQ(range.status, 0);
   EXPECT_EQ(range.output, body.substr(1, 6));
+  // More than the file holds, far more than memory: the bytes there are, in bounded room.
+  const Outcome past_the_end = Tqfetch("range " + url + " 3 100000000000", home.path());
+  EXPECT_EQ(past_the_end.status, 0) << past_the_end.output;
+  EXPECT_EQ(past_the_end.output, body.substr(3));
+  // A body far larger than the room fetch takes: written out as it is read, never held whole.
+  // Made as it is sent, so that this process stays small too: the child's peak counts from a
+  // copy of it.
+  constexpr std::size_t kBig = 64 << 20, kPiece = 1 << 20;
+  const auto piece = [](std::size_t at) {
+    std::string bytes(kPiece, '\0');
+    for (std::size_t i = 0; i < kPiece; ++i) bytes[i] = static_cast<char>((at + i) * 131 % 251);
+    return bytes;
+  };
+  tq::test::RawResponder big([&](tq::test::RawConnection& c) {
+    if (c.ReadRequestHead().empty()) return;
+    c.Send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kBig) + "\r\n\r\n");
+    for (std::size_t at = 0; at < kBig && c.Send(piece(at)); at += kPiece) {
+    }
+  });
+  const std::filesystem::path copy = home.path() / "big.bin";
+  const Outcome whole = Tqfetch("fetch " + big.Url("/big") + " -o " + copy.string(), home.path());
+  EXPECT_EQ(whole.status, 0) << whole.output;
+  ASSERT_EQ(std::filesystem::file_size(copy), kBig);
+  std::ifstream copied(copy, std::ios::binary);
+  std::string got(kPiece, '\0');
+  for (std::size_t at = 0; at < kBig && copied.read(got.data(), kPiece); at += kPiece) {
+    ASSERT_TRUE(got == piece(at)) << "at " << at;
+  }
+// A sanitizer's own memory is no measure of the program's.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  rusage children{};
+  ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &children), 0);
+  EXPECT_LT(children.ru_maxrss, 48 * 1024) << "KiB, for a body of 64 MiB";
+#endif
   for (const std::string& command : {"fetch " + url + " >/dev/full",
                                      "range " + url + " 1 6 >/dev/full",
                                      "fetch " + url + " -o /dev/full"}) {
@@ -129,7 +222,8 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.output.rfind("tqfetch ", 0), 0u) << version.output;
 
-  for (const char* wrong : {"--bogus", "fetch", "range http://127.0.0.1:1/ x 1", "cache empty"}) {
+  for (const char* wrong : {"--bogus", "fetch", "range http://127.0.0.1:1/ x 1", "cache empty",
+                            "range http://127.0.0.1:1/ 0 18446744073709551616"}) {
     const Outcome run = Tqfetch(wrong, home.path());
     EXPECT_EQ(run.status, 2) << wrong;
     EXPECT_NE(run.output.find("usage: tqfetch"), std::string::npos) << wrong;
