@@ -13,7 +13,7 @@ namespace qv::net {
 void InitialiseHttp() {
   // Both are made before anything is installed: a failure leaves the earlier pool and
   // transport in place.
-  auto pool = std::make_unique<thread_pool>(4u);
+  auto pool = std::make_unique<thread_pool>(kWorkerThreads);
   auto backend = std::make_unique<WinInet>();
 
   std::unique_ptr<thread_pool> previous = ExchangeWorkerThreadPool(std::move(pool));

@@ -15,6 +15,7 @@
 
 #include "net/stream/chunk_writer.h"
 #include "net/stream/read_stream.h"
+#include "net/stream/thread_pool.h"
 
 namespace qv::net {
 namespace {
@@ -46,7 +47,7 @@ class KeptBuffers {
 
  private:
   std::mutex m_mutex;
-  std::array<qv::ZeroedMemory, 4> m_buffers;
+  std::array<qv::ZeroedMemory, kWorkerThreads> m_buffers;
   std::size_t m_count = 0;
 };
 

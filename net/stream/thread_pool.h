@@ -50,6 +50,10 @@ class function_wrapper {
 
 namespace qv::net {
 
+// The threads of the library's worker pool, made by InitialiseHttp: the asynchronous opens that
+// may run at once.
+inline constexpr std::uint32_t kWorkerThreads = 4;
+
 class thread_pool {
  public:
   // `thread_count` threads, or the hardware thread count when empty (1 when the platform cannot
