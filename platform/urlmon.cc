@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <optional>
 #include <random>
 #include <string>
@@ -308,6 +309,8 @@ class OwnSlot final : public SlotSource {
 // The result of a transfer that failed with the engine's `error`: libcurl's own result when it
 // has one, else what the engine's refusal means here.
 HRESULT HResultFromTransfer(const Transfer& transfer, DWORD error) {
+  // Memory that ran out in the engine's own work aborts libcurl with a result of its own.
+  if (error == ERROR_NOT_ENOUGH_MEMORY) return E_OUTOFMEMORY;
   if (transfer.curl_result() != CURLE_OK) return HResultFromCurl(transfer.curl_result());
   switch (error) {
     case ERROR_INTERNET_OPERATION_CANCELLED:
@@ -470,15 +473,18 @@ std::string UrlDownloadCacheFileName(const std::string& url) {
 extern "C" {
 
 HRESULT URLDownloadToFileW(LPUNKNOWN, LPCWSTR url, LPCWSTR file_name, DWORD,
-                           LPBINDSTATUSCALLBACK callback) {
+                           LPBINDSTATUSCALLBACK callback) try {
   std::string utf8_url;
   if (HRESULT hr = tqplatform::CheckUrl(url, &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || *file_name == L'\0') return E_INVALIDARG;
   return tqplatform::Download(utf8_url, tqplatform::DestinationPath(file_name), callback, {});
+} catch (const std::bad_alloc&) {
+  // The caller expects a result, never an exception; the temporary file is gone by now.
+  return E_OUTOFMEMORY;
 }
 
 HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD file_name_length,
-                                DWORD, LPBINDSTATUSCALLBACK callback) {
+                                DWORD, LPBINDSTATUSCALLBACK callback) try {
   std::string utf8_url;
   if (HRESULT hr = tqplatform::CheckUrl(url, &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || file_name_length == 0) return E_INVALIDARG;
@@ -500,6 +506,8 @@ HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD 
     file_name[wide_path.size()] = L'\0';
   }
   return result;
+} catch (const std::bad_alloc&) {
+  return E_OUTOFMEMORY;
 }
 
 }  // extern "C"

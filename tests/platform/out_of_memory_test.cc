@@ -1,0 +1,161 @@
+// An allocation that fails inside a WinINet call: the call fails with ERROR_NOT_ENOUGH_MEMORY as
+// WinINet's do, and never lets std::bad_alloc out into a caller that expects only FALSE or NULL
+// (nor through libcurl's C frames, from inside its callbacks).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "platform/urlmon.h"
+#include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/scripted_server.h"
+#include "tests/support/servers/temp_dir.h"
+
+namespace {
+
+// The allocation of the calling thread, counted from 0, that fails next; -1: none. Per thread, so
+// that the server's threads allocate as they please.
+thread_local long t_failing_allocation = -1;
+thread_local bool t_failed = false;
+
+void* Allocate(std::size_t size) {
+  if (t_failing_allocation >= 0 && t_failing_allocation-- == 0) {
+    t_failed = true;
+    throw std::bad_alloc();
+  }
+  if (void* p = std::malloc(size != 0 ? size : 1)) return p;
+  throw std::bad_alloc();
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) { return Allocate(size); }
+void* operator new[](std::size_t size) { return Allocate(size); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+
+namespace tq::test {
+namespace {
+
+constexpr std::size_t kBodySize = 100000;
+
+// What one run of the calls saw, up to the first call that failed.
+struct Outcome {
+  const char* failed_call = "";  // empty: every call succeeded
+  DWORD error = 0;
+  bool threw = false;
+  std::string body;
+};
+
+// A session, a connection, a request sent, its status and body, with the n-th allocation of
+// this thread failing.
+Outcome FetchFailingAt(long n, int port) {
+  Outcome run;
+  run.body.reserve(kBodySize);  // the test's own allocations are made before any fails
+  t_failed = false;
+  t_failing_allocation = n;
+  try {
+    const auto failed = [&run](const char* call) {
+      run.failed_call = call;
+      run.error = GetLastError();
+    };
+    Handle session(InternetOpenW(L"tqnetwork-test", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0));
+    if (!session) {
+      failed("InternetOpenW");
+    } else if (Handle connection = Connect(session, port); !connection) {
+      failed("InternetConnectW");
+    } else if (Handle request = OpenRequest(connection, L"/a"); !request) {
+      failed("HttpOpenRequestW");
+    } else if (!HttpSendRequestW(request.get(), L"X-Probe: 1", DWORD(-1), nullptr, 0)) {
+      failed("HttpSendRequestW");
+    } else {
+      DWORD status = 0;
+      DWORD length = sizeof status;
+      char buffer[4096];
+      DWORD got = 1;
+      if (!HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status,
+                          &length, nullptr)) {
+        failed("HttpQueryInfoW");
+      }
+      while (*run.failed_call == '\0' && got != 0) {
+        if (!InternetReadFile(request.get(), buffer, sizeof buffer, &got)) {
+          failed("InternetReadFile");
+        }
+        run.body.append(buffer, got);
+      }
+    }
+  } catch (...) {
+    run.threw = true;
+  }
+  t_failing_allocation = -1;
+  return run;
+}
+
+TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
+  ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  const std::string body(kBodySize, 'b');
+  server.Route("/a", ScriptedResponse(200, body).Header("X-Reply", "yes"));
+  long failures = 0;
+  for (long n = 0;; ++n) {
+    const Outcome run = FetchFailingAt(n, server.port());
+    SCOPED_TRACE("allocation " + std::to_string(n) + " failing, in " + std::string(run.failed_call));
+    ASSERT_FALSE(run.threw);
+    if (!t_failed) {
+      EXPECT_STREQ(run.failed_call, "") << run.error;
+      EXPECT_TRUE(run.body == body);
+      break;
+    }
+    ++failures;
+    // A failure the call could absorb must not have cost a byte.
+    if (*run.failed_call == '\0') {
+      EXPECT_TRUE(run.body == body);
+    } else {
+      EXPECT_EQ(run.error, DWORD{ERROR_NOT_ENOUGH_MEMORY});
+    }
+  }
+  EXPECT_GT(failures, 0);
+
+  // A download: the whole file or E_OUTOFMEMORY and nothing left behind.
+  TempDir dir;
+  const std::wstring url = L"http://127.0.0.1:" + std::to_wstring(server.port()) + L"/a";
+  const std::wstring target = (dir.path() / "file").wstring();
+  failures = 0;
+  for (long n = 0;; ++n) {
+    SCOPED_TRACE("download, allocation " + std::to_string(n) + " failing");
+    HRESULT result = E_FAIL;
+    bool threw = false;
+    t_failed = false;
+    t_failing_allocation = n;
+    try {
+      result = URLDownloadToFileW(nullptr, url.c_str(), target.c_str(), 0, nullptr);
+    } catch (...) {
+      threw = true;
+    }
+    t_failing_allocation = -1;
+    ASSERT_FALSE(threw);
+    if (!t_failed) {
+      EXPECT_EQ(result, S_OK);
+      std::ifstream in(dir.path() / "file", std::ios::binary);
+      EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(in), {}) == body);
+      break;
+    }
+    ++failures;
+    if (result != S_OK) {
+      EXPECT_EQ(result, E_OUTOFMEMORY);
+      EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+    }
+    std::filesystem::remove(target);
+  }
+  EXPECT_GT(failures, 0);
+}
+
+}  // namespace
+}  // namespace tq::test
