@@ -261,7 +261,9 @@ void PrintInfo(const std::string& url) {
   TqUFileInfo info;
   ForgetFailures();
   if (!Library::Protocol(url).GetFileInfo(Wide(url).c_str(), &info)) {
-    throw Failed("no file information for " + url);
+    // An answer that came but named nothing is a reason of its own: no exchange failed.
+    throw Failed("no file information for " + url,
+                 "the server named no size, modification time or revision");
   }
   if (auto size = info.GetFileSize()) std::printf("  size      %" PRIu64 " bytes\n", *size);
   if (auto time = info.GetFileModificationTime()) {

@@ -31,6 +31,7 @@
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
+#include "tests/support/wine.h"
 
 namespace tq::test {
 namespace {
@@ -314,10 +315,11 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   EXPECT_THAT(TakeLog(), IsEmpty());
 
   // An answer naming none of size, revision and time tells nothing, and nothing is kept; a tag
-  // alone is enough. A date that does not parse is no time.
+  // alone is enough. A date that does not parse is no time (Wine's WinINet faults on one:
+  // tests/WINDOWS.md).
+  const std::string bad_date = IsWine() ? "" : "Last-Modified: yesterday\r\n";
   for (const auto& [head, found] : {std::pair{"", false}, std::pair{"ETag: \"t\"\r\n", true}}) {
-    SameAnswerServer bare(std::string("HTTP/1.1 200 OK\r\n") + head +
-                          "Last-Modified: yesterday\r\n\r\n");
+    SameAnswerServer bare(std::string("HTTP/1.1 200 OK\r\n") + head + bad_date + "\r\n");
     TqUFileInfo bare_info;
     for (int i = 0; i < 2; ++i) {
       EXPECT_EQ(protocol_->GetFileInfo(W(bare.Url("/b")).c_str(), &bare_info), found);

@@ -75,12 +75,15 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
     if (!c.ReadRequestHead().empty()) c.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n012");
   });
   server.Route("/a", tq::test::ScriptedResponse(200, "a"));
+  tq::test::SameAnswerServer bare("HTTP/1.1 200 OK\r\n\r\n");  // no size, time or tag
   const std::string short_url = cut.Url("/cut");
   const std::string nowhere = (home.path() / "no" / "x").string();
   const std::pair<std::string, std::string> local_failures[] = {
       {"fetch " + short_url, "could not open " + short_url + ": connection aborted"},
       {"range " + short_url + " 1 5", "cannot read bytes 1+5 of " + short_url +
                                           ": only 2 of 5 bytes arrived"},
+      {"info " + bare.Url("/b"), "no file information for " + bare.Url("/b") +
+                                     ": the server named no size, modification time or revision"},
       {"download " + short_url + " " + file,
        "download of " + short_url + " to " + file + " failed: the transfer did not complete"},
       {"fetch " + server.Url("/a") + " -o " + nowhere,
