@@ -54,47 +54,61 @@ struct Outcome {
   std::string body;
 };
 
-// A session, a connection, a request sent, its status and body, with the n-th allocation of
-// this thread failing.
+// A session and a connection with a string option set, a request for a redirect, its status,
+// a header by name and its body, then the same request sent again and read: with the n-th
+// allocation of this thread failing.
 Outcome FetchFailingAt(long n, int port) {
   Outcome run;
-  run.body.reserve(kBodySize);  // the test's own allocations are made before any fails
+  run.body.reserve(2 * kBodySize);  // the test's own allocations are made before any fails
   t_failed = false;
   t_failing_allocation = n;
+  struct Disarm {
+    ~Disarm() { t_failing_allocation = -1; }
+  } disarm;
   try {
-    const auto failed = [&run](const char* call) {
-      run.failed_call = call;
-      run.error = GetLastError();
+    // Each call in turn, until one fails.
+    const auto step = [&run](const char* call, bool ok) {
+      if (*run.failed_call != '\0') return false;
+      if (!ok) {
+        run.failed_call = call;
+        run.error = GetLastError();
+      }
+      return ok;
+    };
+    const auto read_body = [&](HINTERNET request) {
+      char buffer[4096];
+      for (DWORD got = 1; got != 0; run.body.append(buffer, got)) {
+        if (!step("InternetReadFile", InternetReadFile(request, buffer, sizeof buffer, &got))) {
+          return;
+        }
+      }
     };
     Handle session(InternetOpenW(L"tqnetwork-test", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0));
-    if (!session) {
-      failed("InternetOpenW");
-    } else if (Handle connection = Connect(session, port); !connection) {
-      failed("InternetConnectW");
-    } else if (Handle request = OpenRequest(connection, L"/a"); !request) {
-      failed("HttpOpenRequestW");
-    } else if (!HttpSendRequestW(request.get(), L"X-Probe: 1", DWORD(-1), nullptr, 0)) {
-      failed("HttpSendRequestW");
-    } else {
+    if (!step("InternetOpenW", session != nullptr)) return run;
+    Handle connection = Connect(session, port);
+    if (!step("InternetConnectW", connection != nullptr)) return run;
+    wchar_t agent[] = L"agent";
+    step("InternetSetOptionW", InternetSetOptionW(connection.get(), INTERNET_OPTION_USER_AGENT,
+                                                  agent, 5) != FALSE);
+    Handle request = OpenRequest(connection, L"/r");
+    step("HttpOpenRequestW", request != nullptr);
+    for (int send = 0; send < 2; ++send) {
+      step("HttpSendRequestW",
+           HttpSendRequestW(request.get(), L"X-Probe: 1", DWORD(-1), nullptr, 0) != FALSE);
       DWORD status = 0;
       DWORD length = sizeof status;
-      char buffer[4096];
-      DWORD got = 1;
-      if (!HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status,
-                          &length, nullptr)) {
-        failed("HttpQueryInfoW");
-      }
-      while (*run.failed_call == '\0' && got != 0) {
-        if (!InternetReadFile(request.get(), buffer, sizeof buffer, &got)) {
-          failed("InternetReadFile");
-        }
-        run.body.append(buffer, got);
-      }
+      step("HttpQueryInfoW", HttpQueryInfoW(request.get(),
+                                            HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER,
+                                            &status, &length, nullptr) != FALSE);
+      wchar_t value[64] = L"X-Reply";
+      length = sizeof value;
+      step("HttpQueryInfoW",
+           HttpQueryInfoW(request.get(), HTTP_QUERY_CUSTOM, value, &length, nullptr) != FALSE);
+      if (*run.failed_call == '\0') read_body(request.get());
     }
   } catch (...) {
     run.threw = true;
   }
-  t_failing_allocation = -1;
   return run;
 }
 
@@ -103,6 +117,7 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
   ASSERT_TRUE(server.ok());
   const std::string body(kBodySize, 'b');
   server.Route("/a", ScriptedResponse(200, body).Header("X-Reply", "yes"));
+  server.Route("/r", ScriptedResponse(302).Header("Location", "/a"));
   long failures = 0;
   for (long n = 0;; ++n) {
     const Outcome run = FetchFailingAt(n, server.port());
@@ -110,13 +125,13 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
     ASSERT_FALSE(run.threw);
     if (!t_failed) {
       EXPECT_STREQ(run.failed_call, "") << run.error;
-      EXPECT_TRUE(run.body == body);
+      EXPECT_TRUE(run.body == body + body);
       break;
     }
     ++failures;
     // A failure the call could absorb must not have cost a byte.
     if (*run.failed_call == '\0') {
-      EXPECT_TRUE(run.body == body);
+      EXPECT_TRUE(run.body == body + body);
     } else {
       EXPECT_EQ(run.error, DWORD{ERROR_NOT_ENOUGH_MEMORY});
     }
