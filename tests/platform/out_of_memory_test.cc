@@ -3,43 +3,17 @@
 // (nor through libcurl's C frames, from inside its callbacks).
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "platform/urlmon.h"
+#include "tests/support/allocation_failure.h"
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
-
-namespace {
-
-// The allocation of the calling thread, counted from 0, that fails next; -1: none. Per thread, so
-// that the server's threads allocate as they please.
-thread_local long t_failing_allocation = -1;
-thread_local bool t_failed = false;
-
-void* Allocate(std::size_t size) {
-  if (t_failing_allocation >= 0 && t_failing_allocation-- == 0) {
-    t_failed = true;
-    throw std::bad_alloc();
-  }
-  if (void* p = std::malloc(size != 0 ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) { return Allocate(size); }
-void* operator new[](std::size_t size) { return Allocate(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 
 namespace tq::test {
 namespace {
@@ -60,11 +34,7 @@ struct Outcome {
 Outcome FetchFailingAt(long n, int port) {
   Outcome run;
   run.body.reserve(2 * kBodySize);  // the test's own allocations are made before any fails
-  t_failed = false;
-  t_failing_allocation = n;
-  struct Disarm {
-    ~Disarm() { t_failing_allocation = -1; }
-  } disarm;
+  const FailingAllocation failing(n);
   try {
     // Each call in turn, until one fails.
     const auto step = [&run](const char* call, bool ok) {
@@ -123,7 +93,7 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
     const Outcome run = FetchFailingAt(n, server.port());
     SCOPED_TRACE("allocation " + std::to_string(n) + " failing, in " + std::string(run.failed_call));
     ASSERT_FALSE(run.threw);
-    if (!t_failed) {
+    if (!FailingAllocation::Failed()) {
       EXPECT_STREQ(run.failed_call, "") << run.error;
       EXPECT_TRUE(run.body == body + body);
       break;
@@ -147,16 +117,18 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
     SCOPED_TRACE("download, allocation " + std::to_string(n) + " failing");
     HRESULT result = E_FAIL;
     bool threw = false;
-    t_failed = false;
-    t_failing_allocation = n;
-    try {
-      result = URLDownloadToFileW(nullptr, url.c_str(), target.c_str(), 0, nullptr);
-    } catch (...) {
-      threw = true;
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      try {
+        result = URLDownloadToFileW(nullptr, url.c_str(), target.c_str(), 0, nullptr);
+      } catch (...) {
+        threw = true;
+      }
+      failed = FailingAllocation::Failed();
     }
-    t_failing_allocation = -1;
     ASSERT_FALSE(threw);
-    if (!t_failed) {
+    if (!failed) {
       EXPECT_EQ(result, S_OK);
       std::ifstream in(dir.path() / "file", std::ios::binary);
       EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(in), {}) == body);
