@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -257,11 +258,27 @@ bool RemoveStale(int dir, const char* name) {
   return StillNamed(dir, name, st) && Unlink(dir, name);
 }
 
-// A handle for the open file `fd` holds; `fd` stays its owner until the record is made.
-TqUSysFile::Handle AdoptDescriptor(Descriptor& fd) {
-  auto record = std::make_unique<TqUSysFileHandleTag>();
-  record->fd = fd.release();
-  return Adopt(std::move(record));
+// A handle for the open file `fd` holds; `fd` stays its owner until the handle is made. An
+// open reports failure by null, so a handle that cannot be made (out of memory) is null with
+// ENOMEM; the file that this open `created` at that name of `dir`, if any, goes again while
+// it is still held, and a failed open leaves nothing behind.
+TqUSysFile::Handle AdoptDescriptor(Descriptor& fd, int dir = AT_FDCWD,
+                                   const char* created = nullptr) {
+  try {
+    auto record = std::make_unique<TqUSysFileHandleTag>();
+    Registry& r = TheRegistry();
+    std::lock_guard lock(r.mutex);
+    r.live.insert(record.get());
+    record->fd = fd.release();
+    return record.release();
+  } catch (const std::bad_alloc&) {
+    struct stat st = {};
+    if (created != nullptr && ::fstat(fd.fd, &st) == 0 && StillNamed(dir, created, st)) {
+      ::unlinkat(dir, created, 0);
+    }
+    errno = ENOMEM;
+    return TqUSysFile::kInvalid;
+  }
 }
 
 enum : int { kCreateRefused = -1, kCreateUnsupported = -2 };
@@ -314,7 +331,7 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
     const int held = CreateHeld(dir, name);
     if (held >= 0) {
       Descriptor created(held);
-      return AdoptDescriptor(created);
+      return AdoptDescriptor(created, dir, name);
     }
     if (held == kCreateRefused) return TqUSysFile::kInvalid;
     flags |= O_CREAT | O_EXCL;
@@ -350,7 +367,7 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
       (TqUSysFileFaults::Fails("truncate") || ::ftruncate(fd.fd, 0) != 0)) {
     return TqUSysFile::kInvalid;
   }
-  return AdoptDescriptor(fd);
+  return AdoptDescriptor(fd, dir, creation == TqUSysFile::kCreateAlways ? name : nullptr);
 }
 #else
 

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -18,6 +19,7 @@
 #include "net/http/http_status.h"
 #include "net/stream/read_stream.h"
 #include "tests/cache/cache_test_support.h"
+#include "tests/support/allocation_failure.h"
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tqutil/sys_file_faults.h"
@@ -207,6 +209,55 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
       EXPECT_EQ(read_back(), "<null>") << "a body cut short by the failed write is read back";
     }
     if (failed == "none") break;
+  }
+}
+
+// The same refresh with the Nth allocation of the opening thread failing, as when memory runs
+// out: the open serves the new body whole or nothing (std::bad_alloc may leave it before it
+// asks the server), the name holds the old entry whole, the new one whole or nothing, no
+// temporary file stays, and the next open serves the new body.
+TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothingAndRecovers) {
+  const wchar_t* const url = L"http://example.test/entry";
+  const std::string key = "http://example.test/entry";
+  const std::string new_body(100000, 'n');
+  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, m_cache.Directory());
+  FakeResponse answer;
+  answer.dates[L"Date"] = 1000;
+  answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"");
+  answer.Header(L"Content-Length", std::to_wstring(new_body.size())).Body(new_body);
+  for (long n = 0;; ++n) {
+    ASSERT_LT(n, 1000) << "the open never got through";
+    WriteFileBytes(entry, EntryBytes(1, 999, "\"old\"", key, "the old body"));
+    m_api.Queue(answer);
+    std::unique_ptr<qv::io::IDataSeekableReadStream> stream;
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      try {
+        stream = m_cache.OpenUrl(url, 0, {});
+      } catch (const std::bad_alloc&) {
+      }
+      failed = FailingAllocation::Failed();
+    }
+    SCOPED_TRACE("failing allocation " + std::to_string(n));
+    if (stream) EXPECT_TRUE(ReadAll(*stream) == new_body);
+    stream.reset();
+    EXPECT_TRUE(failed || m_api.ScriptConsumed());
+    const std::string bytes = fs::exists(entry) ? ReadFileBytes(entry) : "";
+    const bool new_whole = EntryBody(bytes, "\"new\"", key) == new_body;
+    EXPECT_TRUE(bytes.empty() || new_whole || EntryBody(bytes, "\"old\"", key) == "the old body")
+        << "torn entry of " << bytes.size() << " bytes";
+    std::vector<fs::path> files;
+    for (const auto& item : fs::directory_iterator(m_cache.Directory())) files.push_back(item.path());
+    EXPECT_THAT(files, AnyOf(IsEmpty(), ElementsAre(entry))) << "a file left behind";
+    if (m_api.ScriptConsumed() && !new_whole) m_api.Queue(answer);
+    auto again = m_cache.OpenUrl(url, 0, {});
+    ASSERT_NE(again, nullptr);
+    EXPECT_TRUE(ReadAll(*again) == new_body);
+    again.reset();
+    fs::remove(entry);
+    m_log.Clear();
+    if (!failed) break;
   }
 }
 
