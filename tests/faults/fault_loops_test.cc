@@ -19,7 +19,9 @@
 #include "net/http/http_status.h"
 #include "net/stream/read_stream.h"
 #include "tests/cache/cache_test_support.h"
+#if !defined(_WIN32)
 #include "tests/support/allocation_failure.h"
+#endif
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tqutil/sys_file_faults.h"
@@ -212,6 +214,7 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
   }
 }
 
+#if !defined(_WIN32)  // a Windows DLL allocates through its own runtime, out of the test's reach
 // The same refresh with the Nth allocation of the opening thread failing, as when memory runs
 // out: the open serves the new body whole or nothing (std::bad_alloc may leave it before it
 // asks the server), the name holds the old entry whole, the new one whole or nothing, no
@@ -260,6 +263,7 @@ TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothi
     if (!failed) break;
   }
 }
+#endif
 
 using ReadStreamFaultLoop = FakeTransportTest;
 
