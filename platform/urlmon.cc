@@ -174,6 +174,17 @@ struct BindingRef {
   ~BindingRef() { binding->Release(); }
 };
 
+// Whether a download may put its file at `destination`. Something there that is no regular
+// file (a directory, a device, a FIFO, a socket) is not replaced: the rename would put a plain
+// file where the system or another program keeps something else (run as root, a download to
+// /dev/null would replace the device). A link there is replaced itself, never followed.
+HRESULT CheckDestination(const std::string& destination) {
+  struct stat st = {};
+  if (::lstat(destination.c_str(), &st) != 0) return S_OK;  // none, or the open will tell
+  if (S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) return S_OK;
+  return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+}
+
 // The temporary file beside the destination: removed unless Commit renamed it into place.
 class TempFile {
  public:
@@ -241,6 +252,7 @@ class TempFile {
     if (flush_error != 0 || close_error != 0) {
       return HResultFromErrno(flush_error != 0 ? flush_error : close_error);
     }
+    if (HRESULT hr = CheckDestination(destination); FAILED(hr)) return hr;
     if (::rename(m_path.c_str(), destination.c_str()) != 0) return HResultFromErrno(errno);
     m_path.clear();
     return S_OK;
@@ -400,6 +412,7 @@ HRESULT Download(const std::string& url, const std::string& destination,
     return result;
   };
 
+  if (HRESULT hr = CheckDestination(destination); FAILED(hr)) return finish(hr);
   TempFile file;
   if (HRESULT hr = file.Create(destination); FAILED(hr)) return finish(hr);
   Progress progress(callback);
