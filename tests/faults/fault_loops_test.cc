@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -211,6 +212,26 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
       EXPECT_EQ(read_back(), "<null>") << "a body cut short by the failed write is read back";
     }
     if (failed == "none") break;
+  }
+}
+
+// A caller may ask any body the cache serves for a read into no buffer: a stream error, never
+// a write through null, and the body is still there to read. The first open of a fresh entry
+// reads the file its load opened, a second one in the same second the entry's remembered name,
+// and an answer that must not be stored comes from memory.
+TEST_F(CacheStoreFaultLoop, EveryBodyTheCacheServesRefusesAReadIntoNoBuffer) {
+  const wchar_t* const url = L"http://example.test/entry";
+  WriteFileBytes(qv::net::DiskCache::ComputeCacheLocation(url, m_cache.Directory()),
+                 EntryBytes(1000, 2000, "", "http://example.test/entry", "the body"));
+  FakeResponse no_store;
+  no_store.dates[L"Date"] = 1000;
+  no_store.Header(L"cache-control", L"no-store").Body("the body");
+  m_api.Queue(no_store);
+  for (const wchar_t* const opened : {url, url, L"http://example.test/no-store"}) {
+    auto stream = m_cache.OpenUrl(opened, 0, {});
+    ASSERT_NE(stream, nullptr);
+    EXPECT_THROW(stream->Read(nullptr, 1), std::runtime_error);
+    EXPECT_EQ(ReadAll(*stream), "the body");
   }
 }
 
