@@ -10,6 +10,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #if defined(_WIN32)
@@ -25,6 +26,7 @@
 #endif
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/temp_dir.h"
+#include "tqutil/option.h"
 #include "tqutil/sys_file_faults.h"
 
 namespace tq::test {
@@ -283,6 +285,40 @@ TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothi
     m_log.Clear();
     if (!failed) break;
   }
+}
+
+// The clean-up with the Nth allocation of the calling thread failing: the host's call still
+// returns true, and the run deletes whole entries or leaves them as they were.
+TEST_F(CacheStoreFaultLoop, ACleanUpThatRunsOutOfMemoryStillSucceedsAndLeavesEntriesWhole) {
+  TqUOption::SetInt32("general.localcache.max_size", 0);  // every entry goes
+  std::vector<std::pair<fs::path, std::string>> entries;
+  for (const char* name : {"a", "b", "c"}) {
+    const std::string url = std::string("http://example.test/") + name;
+    const std::wstring wide(url.begin(), url.end());
+    entries.emplace_back(qv::net::DiskCache::ComputeCacheLocation(wide, m_cache.Directory()),
+                         EntryBytes(1, 2000, "", url, std::string(1000, *name)));
+  }
+  for (long n = 0;; ++n) {
+    ASSERT_LT(n, 1000) << "the clean-up never got through";
+    for (const auto& [path, bytes] : entries) WriteFileBytes(path, bytes);
+    bool result = false;
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      result = m_cache.CleanUp();
+      failed = FailingAllocation::Failed();
+    }
+    SCOPED_TRACE("failing allocation " + std::to_string(n));
+    EXPECT_TRUE(result);
+    for (const auto& [path, bytes] : entries) {
+      EXPECT_TRUE(!fs::exists(path) || ReadFileBytes(path) == bytes);
+    }
+    if (!failed) {
+      EXPECT_TRUE(fs::is_empty(m_cache.Directory()));
+      break;
+    }
+  }
+  TqUOption::Unset("general.localcache.max_size");
 }
 #endif
 
