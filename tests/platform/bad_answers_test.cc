@@ -173,6 +173,16 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
   ASSERT_TRUE(unclosed);
   Handle request = OpenRequest(unclosed, L"/");
   EXPECT_EQ(ErrorOf([&] { return Send(request); }), ERROR_INTERNET_INVALID_URL);
+  // Out-parameters that are not there, and bytes to read into no buffer.
+  EXPECT_EQ(ErrorOf([&] { return InternetReadFile(request.get(), buffer, 1, nullptr); }),
+            ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(ErrorOf([&] { return InternetReadFile(request.get(), nullptr, 1, &got); }),
+            ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(ErrorOf([&] {
+              return HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE, buffer, nullptr,
+                                    nullptr);
+            }),
+            ERROR_INVALID_PARAMETER);
 }
 
 }  // namespace
