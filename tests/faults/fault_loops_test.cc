@@ -274,7 +274,9 @@ TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothi
     EXPECT_TRUE(bytes.empty() || new_whole || EntryBody(bytes, "\"old\"", key) == "the old body")
         << "torn entry of " << bytes.size() << " bytes";
     std::vector<fs::path> files;
-    for (const auto& item : fs::directory_iterator(m_cache.Directory())) files.push_back(item.path());
+    for (const auto& item : fs::directory_iterator(m_cache.Directory())) {
+      files.push_back(item.path());
+    }
     EXPECT_THAT(files, AnyOf(IsEmpty(), ElementsAre(entry))) << "a file left behind";
     if (m_api.ScriptConsumed() && !new_whole) m_api.Queue(answer);
     auto again = m_cache.OpenUrl(url, 0, {});

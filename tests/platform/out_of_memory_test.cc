@@ -60,7 +60,8 @@ Outcome FetchFailingAt(long n, int port) {
       return ok;
     };
     try {
-      session.reset(InternetOpenW(L"tqnetwork-test", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0));
+      session.reset(
+          InternetOpenW(L"tqnetwork-test", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0));
       if (!step("InternetOpenW", session != nullptr)) return run;
       connection = Connect(session, port);
       if (!step("InternetConnectW", connection != nullptr)) return run;
@@ -103,7 +104,8 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
   long failures = 0;
   for (long n = 0;; ++n) {
     const Outcome run = FetchFailingAt(n, server.port());
-    SCOPED_TRACE("allocation " + std::to_string(n) + " failing, in " + std::string(run.failed_call));
+    SCOPED_TRACE("allocation " + std::to_string(n) + " failing, in " +
+                 std::string(run.failed_call));
     ASSERT_FALSE(run.threw);
     if (!FailingAllocation::Failed()) {
       EXPECT_STREQ(run.failed_call, "") << run.error;
