@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <new>
 
 #include "tqutil/sharded_map.h"
 
@@ -23,6 +24,16 @@ HandleTable& Table() {
 
 }  // namespace
 
+DWORD ErrorOfCurrentException() noexcept {
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return ERROR_NOT_ENOUGH_MEMORY;
+  } catch (...) {
+    return ERROR_INTERNET_INTERNAL_ERROR;
+  }
+}
+
 bool InternetObject::AddChild(const std::shared_ptr<InternetObject>& child) {
   std::lock_guard lock(children_mutex_);
   if (closed_) return false;
@@ -38,6 +49,22 @@ HINTERNET RegisterHandle(const std::shared_ptr<InternetObject>& object) {
   object->handle_ = reinterpret_cast<HINTERNET>(value);
   table.objects.Insert(value, object);
   return object->handle_;
+}
+
+HINTERNET RegisterChild(InternetObject& parent, const std::shared_ptr<InternetObject>& child) {
+  HINTERNET handle = RegisterHandle(child);
+  bool added = false;
+  try {
+    added = parent.AddChild(child);
+  } catch (...) {
+    CloseHandleTree(handle);
+    throw;
+  }
+  if (!added) {
+    CloseHandleTree(handle);
+    return FailNull(ERROR_INVALID_HANDLE);
+  }
+  return handle;
 }
 
 std::shared_ptr<InternetObject> LookupAnyHandle(HINTERNET handle) {

@@ -56,8 +56,28 @@ inline std::nullptr_t FailNull(DWORD error) {
   return nullptr;
 }
 
+// The error for the exception being handled, for code that must not let it out to callers
+// that expect FALSE or NULL (or through libcurl's C frames): an allocation that failed is
+// ERROR_NOT_ENOUGH_MEMORY, anything else an internal error.
+DWORD ErrorOfCurrentException() noexcept;
+
+// Runs an entry point's body; an exception it throws fails the call with its error.
+template <class Result, class Body>
+Result Guarded(Result failure, const Body& body) noexcept {
+  try {
+    return body();
+  } catch (...) {
+    SetLastError(ErrorOfCurrentException());
+    return failure;
+  }
+}
+
 // Gives the object a new handle value (never reused in the process's life).
 HINTERNET RegisterHandle(const std::shared_ptr<InternetObject>& object);
+
+// Registers `child` as a child of `parent`: its handle, or null with ERROR_INVALID_HANDLE when
+// the parent was closed meanwhile. Nothing stays registered when it fails or throws.
+HINTERNET RegisterChild(InternetObject& parent, const std::shared_ptr<InternetObject>& child);
 
 // The object of a handle, or null with the last error set: ERROR_INVALID_HANDLE for a null,
 // unknown or closed handle, ERROR_INTERNET_INCORRECT_HANDLE_TYPE for a handle of another kind.

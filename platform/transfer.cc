@@ -11,6 +11,7 @@
 
 #include "platform/curl_errors.h"
 #include "platform/fault_injection.h"
+#include "platform/internet_handle.h"
 
 namespace tqplatform {
 namespace {
@@ -407,14 +408,29 @@ DWORD Transfer::ErrorOf(CURLcode result, bool had_headers) const {
 // Each is given the slot (TransferSlot::set_transfer); libcurl calls them only while a transfer
 // runs on it, so a slot without one refuses rather than touch anything.
 
+// No exception may unwind through libcurl's frames: one thrown by the work of a callback (an
+// allocation that failed) ends the transfer with its error instead.
+
 size_t Transfer::HeaderCallback(char* data, size_t size, size_t count, void* slot) {
   Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
-  return self != nullptr ? self->OnHeader(data, size * count) : 0;
+  if (self == nullptr) return 0;
+  try {
+    return self->OnHeader(data, size * count);
+  } catch (...) {
+    self->header_error_ = ErrorOfCurrentException();
+    return 0;
+  }
 }
 
 size_t Transfer::WriteCallback(char* data, size_t size, size_t count, void* slot) {
   Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
-  return self != nullptr ? self->OnBody(data, size * count) : 0;
+  if (self == nullptr) return 0;
+  try {
+    return self->OnBody(data, size * count);
+  } catch (...) {
+    self->header_error_ = ErrorOfCurrentException();
+    return 0;
+  }
 }
 
 int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {
@@ -427,7 +443,12 @@ int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {
 
 int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
   auto* owner = static_cast<TransferSlot*>(slot);
-  owner->SocketOpened(socket);
+  try {
+    owner->SocketOpened(socket);
+  } catch (...) {
+    if (Transfer* self = owner->transfer()) self->header_error_ = ErrorOfCurrentException();
+    return CURL_SOCKOPT_ERROR;
+  }
   // A new connection: libcurl starts over on it (a kept-alive one that died when the request
   // went out, or one closed after a challenge), and through a proxy an https request needs a
   // tunnel on it first, whose answer is not the origin's.

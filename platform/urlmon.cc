@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <optional>
 #include <random>
 #include <string>
@@ -173,6 +174,17 @@ struct BindingRef {
   ~BindingRef() { binding->Release(); }
 };
 
+// Whether a download may put its file at `destination`. Something there that is no regular
+// file (a directory, a device, a FIFO, a socket) is not replaced: the rename would put a plain
+// file where the system or another program keeps something else (run as root, a download to
+// /dev/null would replace the device). A link there is replaced itself, never followed.
+HRESULT CheckDestination(const std::string& destination) {
+  struct stat st = {};
+  if (::lstat(destination.c_str(), &st) != 0) return S_OK;  // none, or the open will tell
+  if (S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) return S_OK;
+  return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
+}
+
 // The temporary file beside the destination: removed unless Commit renamed it into place.
 class TempFile {
  public:
@@ -240,6 +252,7 @@ class TempFile {
     if (flush_error != 0 || close_error != 0) {
       return HResultFromErrno(flush_error != 0 ? flush_error : close_error);
     }
+    if (HRESULT hr = CheckDestination(destination); FAILED(hr)) return hr;
     if (::rename(m_path.c_str(), destination.c_str()) != 0) return HResultFromErrno(errno);
     m_path.clear();
     return S_OK;
@@ -308,6 +321,8 @@ class OwnSlot final : public SlotSource {
 // The result of a transfer that failed with the engine's `error`: libcurl's own result when it
 // has one, else what the engine's refusal means here.
 HRESULT HResultFromTransfer(const Transfer& transfer, DWORD error) {
+  // Memory that ran out in the engine's own work aborts libcurl with a result of its own.
+  if (error == ERROR_NOT_ENOUGH_MEMORY) return E_OUTOFMEMORY;
   if (transfer.curl_result() != CURLE_OK) return HResultFromCurl(transfer.curl_result());
   switch (error) {
     case ERROR_INTERNET_OPERATION_CANCELLED:
@@ -397,6 +412,7 @@ HRESULT Download(const std::string& url, const std::string& destination,
     return result;
   };
 
+  if (HRESULT hr = CheckDestination(destination); FAILED(hr)) return finish(hr);
   TempFile file;
   if (HRESULT hr = file.Create(destination); FAILED(hr)) return finish(hr);
   Progress progress(callback);
@@ -470,15 +486,18 @@ std::string UrlDownloadCacheFileName(const std::string& url) {
 extern "C" {
 
 HRESULT URLDownloadToFileW(LPUNKNOWN, LPCWSTR url, LPCWSTR file_name, DWORD,
-                           LPBINDSTATUSCALLBACK callback) {
+                           LPBINDSTATUSCALLBACK callback) try {
   std::string utf8_url;
   if (HRESULT hr = tqplatform::CheckUrl(url, &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || *file_name == L'\0') return E_INVALIDARG;
   return tqplatform::Download(utf8_url, tqplatform::DestinationPath(file_name), callback, {});
+} catch (const std::bad_alloc&) {
+  // The caller expects a result, never an exception; the temporary file is gone by now.
+  return E_OUTOFMEMORY;
 }
 
 HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD file_name_length,
-                                DWORD, LPBINDSTATUSCALLBACK callback) {
+                                DWORD, LPBINDSTATUSCALLBACK callback) try {
   std::string utf8_url;
   if (HRESULT hr = tqplatform::CheckUrl(url, &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || file_name_length == 0) return E_INVALIDARG;
@@ -500,6 +519,8 @@ HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD 
     file_name[wide_path.size()] = L'\0';
   }
   return result;
+} catch (const std::bad_alloc&) {
+  return E_OUTOFMEMORY;
 }
 
 }  // extern "C"

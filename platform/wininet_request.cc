@@ -230,101 +230,105 @@ extern "C" {
 HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name, LPCWSTR version,
                            LPCWSTR referrer, LPCWSTR* accept_types, DWORD flags,
                            DWORD_PTR /*context*/) {
-  if (DWORD fault = TakeInjectedFault("HttpOpenRequestW")) return FailNull(fault);
-  auto connection = Lookup<Connection>(connect);
-  if (connection == nullptr) return nullptr;
-  std::string method = WideToUtf8(verb != nullptr ? verb : L"");
-  if (method.empty()) method = "GET";
-  if (!IsToken(method)) return FailNull(ERROR_INVALID_PARAMETER);
-  bool http10 = false;
-  if (version != nullptr && WideLength(version) != 0) {
-    const std::string v = WideToUtf8(version);
-    if (v == "HTTP/1.0") {
-      http10 = true;
-    } else if (v != "HTTP/1.1") {
-      return FailNull(ERROR_INVALID_PARAMETER);
-    }
-  }
-  std::vector<std::string> fixed;
-  if (accept_types != nullptr) {
-    // The line is made in place: "Accept: " and the types joined with ", ".
-    constexpr std::string_view kAccept = "Accept: ";
-    std::string accept(kAccept);
-    std::string text;
-    for (LPCWSTR* type = accept_types; *type != nullptr; ++type) {
-      if (!WideToLatin1(*type, &text) || text.find_first_of("\r\n") != std::string::npos) {
+  return Guarded(HINTERNET{}, [&]() -> HINTERNET {
+    if (DWORD fault = TakeInjectedFault("HttpOpenRequestW")) return FailNull(fault);
+    auto connection = Lookup<Connection>(connect);
+    if (connection == nullptr) return nullptr;
+    std::string method = WideToUtf8(verb != nullptr ? verb : L"");
+    if (method.empty()) method = "GET";
+    if (!IsToken(method)) return FailNull(ERROR_INVALID_PARAMETER);
+    bool http10 = false;
+    if (version != nullptr && WideLength(version) != 0) {
+      const std::string v = WideToUtf8(version);
+      if (v == "HTTP/1.0") {
+        http10 = true;
+      } else if (v != "HTTP/1.1") {
         return FailNull(ERROR_INVALID_PARAMETER);
       }
-      if (text.empty()) continue;
-      if (accept.size() > kAccept.size()) accept += ", ";
-      accept += text;
     }
-    if (accept.size() > kAccept.size()) fixed.push_back(std::move(accept));
-  }
-  if (WideLength(referrer) != 0) {
-    std::string text;
-    if (!WideToLatin1(referrer, &text) || text.find_first_of("\r\n") != std::string::npos) {
-      return FailNull(ERROR_INVALID_PARAMETER);
+    std::vector<std::string> fixed;
+    if (accept_types != nullptr) {
+      // The line is made in place: "Accept: " and the types joined with ", ".
+      constexpr std::string_view kAccept = "Accept: ";
+      std::string accept(kAccept);
+      std::string text;
+      for (LPCWSTR* type = accept_types; *type != nullptr; ++type) {
+        if (!WideToLatin1(*type, &text) || text.find_first_of("\r\n") != std::string::npos) {
+          return FailNull(ERROR_INVALID_PARAMETER);
+        }
+        if (text.empty()) continue;
+        if (accept.size() > kAccept.size()) accept += ", ";
+        accept += text;
+      }
+      if (accept.size() > kAccept.size()) fixed.push_back(std::move(accept));
     }
-    fixed.push_back("Referer: " + text);
-  }
-  const std::wstring_view resource =
-      object_name != nullptr ? std::wstring_view(object_name) : std::wstring_view(L"/");
-  // "*" (as in "OPTIONS *") names the server itself, not a resource.
-  auto request = std::make_shared<Request>(connection, std::move(method),
-                                           resource == L"*" ? "*" : EncodePath(resource),
-                                           http10, std::move(fixed), flags);
-  HINTERNET handle = RegisterHandle(request);
-  if (!connection->AddChild(request)) {  // the connection was closed meanwhile
-    CloseHandleTree(handle);
-    return FailNull(ERROR_INVALID_HANDLE);
-  }
-  return handle;
+    if (WideLength(referrer) != 0) {
+      std::string text;
+      if (!WideToLatin1(referrer, &text) || text.find_first_of("\r\n") != std::string::npos) {
+        return FailNull(ERROR_INVALID_PARAMETER);
+      }
+      fixed.push_back("Referer: " + text);
+    }
+    const std::wstring_view resource =
+        object_name != nullptr ? std::wstring_view(object_name) : std::wstring_view(L"/");
+    // "*" (as in "OPTIONS *") names the server itself, not a resource.
+    auto request = std::make_shared<Request>(connection, std::move(method),
+                                             resource == L"*" ? "*" : EncodePath(resource),
+                                             http10, std::move(fixed), flags);
+    return RegisterChild(*connection, request);
+  });
 }
 
 BOOL HttpSendRequestW(HINTERNET request_handle, LPCWSTR headers, DWORD headers_length,
                       LPVOID optional, DWORD optional_length) {
-  if (DWORD fault = TakeInjectedFault("HttpSendRequestW")) return Fail(fault);
-  auto request = Lookup<Request>(request_handle);
-  if (request == nullptr) return FALSE;
-  if (optional == nullptr && optional_length != 0) return Fail(ERROR_INVALID_PARAMETER);
-  std::vector<std::string> lines;
-  if (headers != nullptr) {
-    // A length of -1 means the text ends at its terminator. A length that counts the terminator
-    // too is common: NULs at the very end cut nothing off. Any other NUL is refused.
-    const std::size_t length = headers_length == 0xFFFFFFFFu ? WideLength(headers) : headers_length;
-    std::wstring_view text(headers, length);
-    while (!text.empty() && text.back() == L'\0') text.remove_suffix(1);
-    if (DWORD error = SplitHeaders(text, &lines)) return Fail(error);
-  }
-  std::string body;
-  if (optional_length != 0) body.assign(static_cast<const char*>(optional), optional_length);
-  if (DWORD error = request->Send(std::move(lines), std::move(body))) return Fail(error);
-  return TRUE;
+  return Guarded(FALSE, [&]() -> BOOL {
+    if (DWORD fault = TakeInjectedFault("HttpSendRequestW")) return Fail(fault);
+    auto request = Lookup<Request>(request_handle);
+    if (request == nullptr) return FALSE;
+    if (optional == nullptr && optional_length != 0) return Fail(ERROR_INVALID_PARAMETER);
+    std::vector<std::string> lines;
+    if (headers != nullptr) {
+      // A length of -1 means the text ends at its terminator. A length that counts the terminator
+      // too is common: NULs at the very end cut nothing off. Any other NUL is refused.
+      const std::size_t length =
+          headers_length == 0xFFFFFFFFu ? WideLength(headers) : headers_length;
+      std::wstring_view text(headers, length);
+      while (!text.empty() && text.back() == L'\0') text.remove_suffix(1);
+      if (DWORD error = SplitHeaders(text, &lines)) return Fail(error);
+    }
+    std::string body;
+    if (optional_length != 0) body.assign(static_cast<const char*>(optional), optional_length);
+    if (DWORD error = request->Send(std::move(lines), std::move(body))) return Fail(error);
+    return TRUE;
+  });
 }
 
 BOOL InternetReadFile(HINTERNET file, LPVOID buffer, DWORD bytes_to_read, LPDWORD bytes_read) {
-  if (DWORD fault = TakeInjectedFault("InternetReadFile")) {
-    if (bytes_read != nullptr) *bytes_read = 0;
-    return Fail(fault);
-  }
-  auto request = Lookup<Request>(file);
-  if (request == nullptr) return FALSE;
-  if (bytes_read == nullptr || (buffer == nullptr && bytes_to_read != 0)) {
-    return Fail(ERROR_INVALID_PARAMETER);
-  }
-  if (DWORD error = request->Read(buffer, bytes_to_read, bytes_read)) return Fail(error);
-  return TRUE;
+  return Guarded(FALSE, [&]() -> BOOL {
+    if (DWORD fault = TakeInjectedFault("InternetReadFile")) {
+      if (bytes_read != nullptr) *bytes_read = 0;
+      return Fail(fault);
+    }
+    auto request = Lookup<Request>(file);
+    if (request == nullptr) return FALSE;
+    if (bytes_read == nullptr || (buffer == nullptr && bytes_to_read != 0)) {
+      return Fail(ERROR_INVALID_PARAMETER);
+    }
+    if (DWORD error = request->Read(buffer, bytes_to_read, bytes_read)) return Fail(error);
+    return TRUE;
+  });
 }
 
 BOOL HttpQueryInfoW(HINTERNET request_handle, DWORD info_level, LPVOID buffer,
                     LPDWORD buffer_length, LPDWORD index) {
-  if (DWORD fault = TakeInjectedFault("HttpQueryInfoW")) return Fail(fault);
-  auto request = Lookup<Request>(request_handle);
-  if (request == nullptr) return FALSE;
-  if (buffer_length == nullptr) return Fail(ERROR_INVALID_PARAMETER);
-  if (DWORD error = request->Query(info_level, buffer, buffer_length, index)) return Fail(error);
-  return TRUE;
+  return Guarded(FALSE, [&]() -> BOOL {
+    if (DWORD fault = TakeInjectedFault("HttpQueryInfoW")) return Fail(fault);
+    auto request = Lookup<Request>(request_handle);
+    if (request == nullptr) return FALSE;
+    if (buffer_length == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    if (DWORD error = request->Query(info_level, buffer, buffer_length, index)) return Fail(error);
+    return TRUE;
+  });
 }
 
 }  // extern "C"

@@ -231,10 +231,14 @@ void Connection::Release(std::unique_ptr<TransferSlot> slot) {
     --in_use_;
     // After the bound was lowered, surplus slots close their connections.
     if (idle_.size() + in_use_ < MaxConnsLocked()) {
-      idle_.push_back(std::move(slot));
-    } else {
-      surplus = std::move(slot);
+      try {
+        idle_.push_back(std::move(slot));
+      } catch (const std::bad_alloc&) {
+        // No room to keep it: it goes with its connection, and the transfer that gave it back
+        // carries on as if it had been kept (a release must not fail halfway).
+      }
     }
+    if (slot != nullptr) surplus = std::move(slot);
     // Waiters count themselves under this lock: the count is exact here.
     waiters = waiting_.load(std::memory_order_relaxed) != 0;
   }
@@ -386,93 +390,96 @@ BOOL TqPlatformSetCaFile(const char* pem_path) {
 
 HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR proxy_bypass,
                         DWORD flags) {
-  if (DWORD fault = TakeInjectedFault("InternetOpenW")) return FailNull(fault);
-  ProxyMode mode;
-  switch (access_type) {
-    case INTERNET_OPEN_TYPE_PRECONFIG:
-      mode = ProxyMode::kEnvironment;
-      break;
-    case INTERNET_OPEN_TYPE_DIRECT:
-      mode = ProxyMode::kDirect;
-      break;
-    case INTERNET_OPEN_TYPE_PROXY:
-      mode = ProxyMode::kNamed;
-      if (WideLength(proxy) == 0) return FailNull(ERROR_INVALID_PARAMETER);
-      break;
-    default:
-      return FailNull(ERROR_INVALID_PARAMETER);
-  }
-  // Only synchronous use is supported: there is no status callback to complete async calls.
-  if ((flags & INTERNET_FLAG_ASYNC) != 0) return FailNull(ERROR_INVALID_PARAMETER);
-  std::string agent_text = WideToUtf8(agent != nullptr ? agent : L"");
-  if (!FitsOneLine(agent_text)) return FailNull(ERROR_INVALID_PARAMETER);
-  EnsureCurlInitialised();
-  std::string proxy_text;
-  std::vector<std::string> bypass;
-  if (mode == ProxyMode::kNamed) {
-    proxy_text = WideToUtf8(proxy);
-    bypass = BypassPatterns(WideToUtf8(proxy_bypass != nullptr ? proxy_bypass : L""));
-  }
-  std::shared_ptr<Session> session;
-  try {
-    session = std::make_shared<Session>(std::move(agent_text), mode,
-                                        std::move(proxy_text), std::move(bypass));
-  } catch (const std::bad_alloc&) {
-    return FailNull(ERROR_NOT_ENOUGH_MEMORY);
-  }
-  if (session->share() == nullptr) return FailNull(ERROR_NOT_ENOUGH_MEMORY);
-  return RegisterHandle(session);
+  return Guarded(HINTERNET{}, [&]() -> HINTERNET {
+    if (DWORD fault = TakeInjectedFault("InternetOpenW")) return FailNull(fault);
+    ProxyMode mode;
+    switch (access_type) {
+      case INTERNET_OPEN_TYPE_PRECONFIG:
+        mode = ProxyMode::kEnvironment;
+        break;
+      case INTERNET_OPEN_TYPE_DIRECT:
+        mode = ProxyMode::kDirect;
+        break;
+      case INTERNET_OPEN_TYPE_PROXY:
+        mode = ProxyMode::kNamed;
+        if (WideLength(proxy) == 0) return FailNull(ERROR_INVALID_PARAMETER);
+        break;
+      default:
+        return FailNull(ERROR_INVALID_PARAMETER);
+    }
+    // Only synchronous use is supported: there is no status callback to complete async calls.
+    if ((flags & INTERNET_FLAG_ASYNC) != 0) return FailNull(ERROR_INVALID_PARAMETER);
+    std::string agent_text = WideToUtf8(agent != nullptr ? agent : L"");
+    if (!FitsOneLine(agent_text)) return FailNull(ERROR_INVALID_PARAMETER);
+    EnsureCurlInitialised();
+    std::string proxy_text;
+    std::vector<std::string> bypass;
+    if (mode == ProxyMode::kNamed) {
+      proxy_text = WideToUtf8(proxy);
+      bypass = BypassPatterns(WideToUtf8(proxy_bypass != nullptr ? proxy_bypass : L""));
+    }
+    std::shared_ptr<Session> session;
+    try {
+      session = std::make_shared<Session>(std::move(agent_text), mode,
+                                          std::move(proxy_text), std::move(bypass));
+    } catch (const std::bad_alloc&) {
+      return FailNull(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    if (session->share() == nullptr) return FailNull(ERROR_NOT_ENOUGH_MEMORY);
+    return RegisterHandle(session);
+  });
 }
 
 HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name, INTERNET_PORT server_port,
                            LPCWSTR user_name, LPCWSTR password, DWORD service, DWORD /*flags*/,
                            DWORD_PTR /*context*/) {
-  if (DWORD fault = TakeInjectedFault("InternetConnectW")) return FailNull(fault);
-  auto session = Lookup<Session>(internet);
-  if (session == nullptr) return nullptr;
-  if (service != INTERNET_SERVICE_HTTP) return FailNull(ERROR_INVALID_PARAMETER);
-  std::string host = WideToUtf8(server_name != nullptr ? server_name : L"");
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
-    host = host.substr(1, host.size() - 2);
-  }
-  if (!ValidHostName(host)) {
-    return FailNull(host.empty() ? ERROR_INVALID_PARAMETER : ERROR_INTERNET_INVALID_URL);
-  }
-  std::string user = WideToUtf8(user_name != nullptr ? user_name : L"");
-  if (!FitsOneLine(user)) return FailNull(ERROR_INVALID_PARAMETER);
-  auto connection = std::make_shared<Connection>(session, std::move(host), server_port);
-  connection->settings().Update([&](Settings& s) {
-    if (!user.empty()) s.user = std::move(user);
-    if (WideLength(password) != 0) s.password = WideToUtf8(password);
+  return Guarded(HINTERNET{}, [&]() -> HINTERNET {
+    if (DWORD fault = TakeInjectedFault("InternetConnectW")) return FailNull(fault);
+    auto session = Lookup<Session>(internet);
+    if (session == nullptr) return nullptr;
+    if (service != INTERNET_SERVICE_HTTP) return FailNull(ERROR_INVALID_PARAMETER);
+    std::string host = WideToUtf8(server_name != nullptr ? server_name : L"");
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+      host = host.substr(1, host.size() - 2);
+    }
+    if (!ValidHostName(host)) {
+      return FailNull(host.empty() ? ERROR_INVALID_PARAMETER : ERROR_INTERNET_INVALID_URL);
+    }
+    std::string user = WideToUtf8(user_name != nullptr ? user_name : L"");
+    if (!FitsOneLine(user)) return FailNull(ERROR_INVALID_PARAMETER);
+    auto connection = std::make_shared<Connection>(session, std::move(host), server_port);
+    connection->settings().Update([&](Settings& s) {
+      if (!user.empty()) s.user = std::move(user);
+      if (WideLength(password) != 0) s.password = WideToUtf8(password);
+    });
+    return RegisterChild(*session, connection);
   });
-  HINTERNET handle = RegisterHandle(connection);
-  if (!session->AddChild(connection)) {  // the session was closed meanwhile
-    CloseHandleTree(handle);
-    return FailNull(ERROR_INVALID_HANDLE);
-  }
-  return handle;
 }
 
 BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD buffer_length) {
-  if (DWORD fault = TakeInjectedFault("InternetSetOptionW")) return Fail(fault);
-  SettingsHolder* target = &ProcessSettings();
-  std::shared_ptr<InternetObject> object;
-  if (internet != nullptr) {
-    object = LookupAnyHandle(internet);
-    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
-    target = &SettingsOf(*object);
-  }
-  if (buffer == nullptr) return Fail(ERROR_INVALID_PARAMETER);
-  const DWORD error = IsStringOption(option)
-                          ? SetStringOption(target, option, buffer, buffer_length)
-                          : SetDwordOption(target, object.get(), option, buffer, buffer_length);
-  return error == ERROR_SUCCESS ? TRUE : Fail(error);
+  return Guarded(FALSE, [&]() -> BOOL {
+    if (DWORD fault = TakeInjectedFault("InternetSetOptionW")) return Fail(fault);
+    SettingsHolder* target = &ProcessSettings();
+    std::shared_ptr<InternetObject> object;
+    if (internet != nullptr) {
+      object = LookupAnyHandle(internet);
+      if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+      target = &SettingsOf(*object);
+    }
+    if (buffer == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    const DWORD error = IsStringOption(option)
+                            ? SetStringOption(target, option, buffer, buffer_length)
+                            : SetDwordOption(target, object.get(), option, buffer, buffer_length);
+    return error == ERROR_SUCCESS ? TRUE : Fail(error);
+  });
 }
 
 BOOL InternetCloseHandle(HINTERNET internet) {
-  if (DWORD fault = TakeInjectedFault("InternetCloseHandle")) return Fail(fault);
-  if (internet == nullptr || !CloseHandleTree(internet)) return Fail(ERROR_INVALID_HANDLE);
-  return TRUE;
+  return Guarded(FALSE, [&]() -> BOOL {
+    if (DWORD fault = TakeInjectedFault("InternetCloseHandle")) return Fail(fault);
+    if (internet == nullptr || !CloseHandleTree(internet)) return Fail(ERROR_INVALID_HANDLE);
+    return TRUE;
+  });
 }
 
 }  // extern "C"

@@ -2,7 +2,11 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cwchar>
 #include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
 
 #include "tqutil/component.h"
 #include "tqutil/per_thread.h"
@@ -76,22 +80,42 @@ void Deliver(const TqULogRecord& record) noexcept {
 }
 
 // The calling thread's unfinished line. A thread that ends with half a line still has it
-// written, so nothing logged is lost.
+// written, so nothing logged is lost. A line one of whose pieces could not be kept (out of
+// memory) is broken: it is dropped whole at its end rather than written with a gap.
 struct CurrentLine {
   std::string text;
+  bool broken = false;
   ~CurrentLine() {
-    if (!text.empty()) Deliver(TqULogRecord{0, "", std::move(text)});
+    if (!text.empty() && !broken) Deliver(TqULogRecord{0, "", std::move(text)});
   }
 };
 
 void AppendPiece(std::string_view piece) {
   if (piece.empty()) return;
   CurrentLine& line = qv::PerThread<CurrentLine>();
-  line.text.append(piece);
-  if (piece.back() == '\n') {
-    TqULogRecord record{0, "", std::move(line.text)};
-    line.text.clear();
-    Deliver(record);
+  if (!line.broken) line.text.append(piece);
+  if (piece.back() != '\n') return;
+  const bool broken = std::exchange(line.broken, false);
+  TqULogRecord record{0, "", std::move(line.text)};
+  line.text.clear();
+  if (!broken) Deliver(record);
+}
+
+// Adds a piece made by `make` to the calling thread's line. Throws nothing, as Deliver: a piece
+// that cannot be made or kept breaks its line, which ends with the piece when `ends_line`.
+template <class Make>
+void AddPiece(bool ends_line, const Make& make) noexcept {
+  try {
+    AppendPiece(make());
+    return;
+  } catch (...) {
+  }
+  try {
+    CurrentLine& line = qv::PerThread<CurrentLine>();
+    line.broken = !ends_line;
+    if (ends_line) line.text.clear();
+  } catch (...) {
+    // No line to be had at all: nothing of it was kept either.
   }
 }
 
@@ -100,25 +124,36 @@ void AppendPiece(std::string_view piece) {
 void TqUError::Post(int severity, const TqUComponent* component, const wchar_t* format, ...) {
   std::va_list args;
   va_start(args, format);
-  TqUWideStringBuffer buffer;
-  const bool formatted = buffer.FormatV(format, args);
-  va_end(args);
-  std::wstring text(buffer.View());
-  if (!formatted && format) {
-    // A format that does not fit its arguments still leaves a trace of what was meant.
-    text = std::wstring(L"(bad log format) ") + format;
+  // A line that cannot be made (out of memory) is not posted; the poster's own failure, which
+  // it is reporting, goes on.
+  try {
+    TqUWideStringBuffer buffer;
+    const bool formatted = buffer.FormatV(format, args);
+    std::wstring text(buffer.View());
+    if (!formatted && format) {
+      // A format that does not fit its arguments still leaves a trace of what was meant.
+      text = std::wstring(L"(bad log format) ") + format;
+    }
+    Deliver(TqULogRecord{severity, component ? qv::WideToUtf8(component->GetName()) : "",
+                         qv::WideToUtf8(text)});
+  } catch (...) {
   }
-  Deliver(TqULogRecord{severity, component ? qv::WideToUtf8(component->GetName()) : "",
-                       qv::WideToUtf8(text)});
+  va_end(args);
 }
 
 void TqUError::LogWideString(const wchar_t* text) {
-  if (text) AppendPiece(qv::WideToUtf8(text));
+  if (!text || !*text) return;
+  const bool ends_line = text[std::wcslen(text) - 1] == L'\n';
+  AddPiece(ends_line, [text] { return qv::WideToUtf8(text); });
 }
 
-void TqUError::LogInt32(std::int32_t value) { AppendPiece(std::to_string(value)); }
+void TqUError::LogInt32(std::int32_t value) {
+  AddPiece(false, [value] { return std::to_string(value); });
+}
 
-void TqUError::LogNat64(std::uint64_t value) { AppendPiece(std::to_string(value)); }
+void TqUError::LogNat64(std::uint64_t value) {
+  AddPiece(false, [value] { return std::to_string(value); });
+}
 
 TqULogSink TqUError::SetSink(TqULogSink sink) {
   SinkState& state = State();
@@ -135,5 +170,7 @@ TqULogRecorder::TqULogRecorder() : m_outer(t_recorder) { t_recorder = this; }
 TqULogRecorder::~TqULogRecorder() { t_recorder = m_outer; }
 
 void TqUSysError::LogUTF8String(const char* text) {
-  if (text) AppendPiece(text);
+  if (!text || !*text) return;
+  const std::string_view piece(text);
+  AddPiece(piece.back() == '\n', [piece] { return piece; });
 }

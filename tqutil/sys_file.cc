@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -161,6 +162,22 @@ constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 // Created files are for their owner only: the cache's files name the URLs the user opened.
 constexpr mode_t kCreateMode = 0600;
 
+// The system reads a path up to its first NUL: a path with one inside would act on the file
+// that the part before it names, another file than the one asked for. Such a path names no
+// file (as on Windows); false with errno set.
+bool WholePath(const std::filesystem::path& path) {
+  if (path.native().find('\0') == std::string::npos) return true;
+  errno = EINVAL;
+  return false;
+}
+
+// The same for the calls that report through an error code.
+bool WholePath(const std::filesystem::path& path, std::error_code& ec) {
+  if (WholePath(path)) return true;
+  ec = std::make_error_code(std::errc::invalid_argument);
+  return false;
+}
+
 int RetryOpen(int dir, const char* name, int flags) {
   if (TqUSysFileFaults::Fails("open")) return -1;
   int fd;
@@ -241,11 +258,27 @@ bool RemoveStale(int dir, const char* name) {
   return StillNamed(dir, name, st) && Unlink(dir, name);
 }
 
-// A handle for the open file `fd` holds; `fd` stays its owner until the record is made.
-TqUSysFile::Handle AdoptDescriptor(Descriptor& fd) {
-  auto record = std::make_unique<TqUSysFileHandleTag>();
-  record->fd = fd.release();
-  return Adopt(std::move(record));
+// A handle for the open file `fd` holds; `fd` stays its owner until the handle is made. An
+// open reports failure by null, so a handle that cannot be made (out of memory) is null with
+// ENOMEM; the file that this open `created` at that name of `dir`, if any, goes again while
+// it is still held, and a failed open leaves nothing behind.
+TqUSysFile::Handle AdoptDescriptor(Descriptor& fd, int dir = AT_FDCWD,
+                                   const char* created = nullptr) {
+  try {
+    auto record = std::make_unique<TqUSysFileHandleTag>();
+    Registry& r = TheRegistry();
+    std::lock_guard lock(r.mutex);
+    r.live.insert(record.get());
+    record->fd = fd.release();
+    return record.release();
+  } catch (const std::bad_alloc&) {
+    struct stat st = {};
+    if (created != nullptr && ::fstat(fd.fd, &st) == 0 && StillNamed(dir, created, st)) {
+      ::unlinkat(dir, created, 0);
+    }
+    errno = ENOMEM;
+    return TqUSysFile::kInvalid;
+  }
 }
 
 enum : int { kCreateRefused = -1, kCreateUnsupported = -2 };
@@ -298,7 +331,7 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
     const int held = CreateHeld(dir, name);
     if (held >= 0) {
       Descriptor created(held);
-      return AdoptDescriptor(created);
+      return AdoptDescriptor(created, dir, name);
     }
     if (held == kCreateRefused) return TqUSysFile::kInvalid;
     flags |= O_CREAT | O_EXCL;
@@ -334,7 +367,7 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
       (TqUSysFileFaults::Fails("truncate") || ::ftruncate(fd.fd, 0) != 0)) {
     return TqUSysFile::kInvalid;
   }
-  return AdoptDescriptor(fd);
+  return AdoptDescriptor(fd, dir, creation == TqUSysFile::kCreateAlways ? name : nullptr);
 }
 #else
 
@@ -523,6 +556,7 @@ TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::
   // A reparse point is opened as itself, never followed, and then refused as not plain.
   return OpenPlainFile(path, desired, share_mode, disposition, FILE_FLAG_OPEN_REPARSE_POINT);
 #else
+  if (!WholePath(path)) return kInvalid;
   return OpenAt(AT_FDCWD, path.c_str(), access, share, creation);
 #endif
 }
@@ -579,6 +613,7 @@ TqUSysFile::Handle TqUSysFile::OpenNamedFile(const std::filesystem::path& path) 
   if (path.empty()) return kInvalid;
   return OpenPlainFile(path, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0);
 #else
+  if (!WholePath(path)) return kInvalid;
   std::error_code ec;
   const std::filesystem::path resolved = std::filesystem::canonical(path, ec);
   if (ec) return kInvalid;
@@ -748,6 +783,7 @@ bool TqUSysFile::RenameFile(const std::filesystem::path& from, const std::filesy
   }
   return false;
 #else
+  if (!WholePath(from, ec) || !WholePath(to, ec)) return false;
   std::filesystem::rename(from, to, ec);
   return !ec;
 #endif
@@ -775,6 +811,7 @@ bool TqUSysFile::RemoveFile(const std::filesystem::path& path, std::error_code& 
   ec = std::error_code(static_cast<int>(error), std::system_category());
   return false;
 #else
+  if (!WholePath(path, ec)) return false;
   return std::filesystem::remove(path, ec);
 #endif
 }
@@ -795,6 +832,7 @@ TqUSysFile::NameKind TqUSysFile::KindOfName(const std::filesystem::path& path,
   if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) return NameKind::kOther;
   return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? NameKind::kDirectory : NameKind::kRegular;
 #else
+  if (!WholePath(path, ec)) return NameKind::kNone;
   const std::filesystem::file_status status = std::filesystem::symlink_status(path, ec);
   switch (status.type()) {
     case std::filesystem::file_type::not_found:
@@ -820,7 +858,7 @@ bool NamesHeldFile(TqUSysFile::Handle file, const std::filesystem::path& path) {
   return true;
 #else
   struct stat held = {};
-  if (::fstat(file->fd, &held) != 0) return false;
+  if (!WholePath(path) || ::fstat(file->fd, &held) != 0) return false;
   return StillNamed(AT_FDCWD, path.c_str(), held);
 #endif
 }
@@ -1059,6 +1097,7 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
 #else
 
 TqUSysDirectory::TqUSysDirectory(const std::filesystem::path& path) : m_path(path) {
+  if (!WholePath(path, m_error)) return;
   do {
     m_fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   } while (m_fd < 0 && errno == EINTR);
@@ -1165,6 +1204,7 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
 
 bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code& ec) {
   ec.clear();
+  if (!WholePath(path, ec)) return false;
   if (::mkdir(path.c_str(), 0700) == 0) {
     // The mode asked of mkdir loses what the umask takes away; owner-only is set as a whole.
     if (::chmod(path.c_str(), 0700) == 0) return true;
@@ -1182,6 +1222,7 @@ std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
                                             std::error_code& ec) {
   // libstdc++'s POSIX remove_all looks at every entry without following it, and removes a
   // link as itself.
+  if (!WholePath(path, ec)) return 0;
   const std::uintmax_t count = std::filesystem::remove_all(path, ec);
   return ec ? 0 : count;
 }

@@ -221,8 +221,9 @@ bool DiskCache::CleanUp() {
   // stays in the dropped future: the host's call always succeeds.
   try {
     (void)std::async(std::launch::async, [this] { EnforceSizeLimit(); });
-  } catch (const std::system_error&) {
-    // No thread to be had: trim on the caller's thread instead of not at all.
+  } catch (const std::exception&) {
+    // No thread to be had (system_error), or no memory for the task's state (bad_alloc): trim
+    // on the caller's thread instead of not at all.
     try {
       EnforceSizeLimit();
     } catch (const std::exception&) {

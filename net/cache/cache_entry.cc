@@ -415,7 +415,17 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
     m_header_size = previous_size;
     return TqUSysFile::kInvalid;
   }
-  if (!WriteHeader(file.get(), false)) {
+  // A header that did not reach the file, refused or thrown (out of memory), takes the file
+  // just made with it: an empty file must not stay behind under the name.
+  bool written = false;
+  try {
+    written = WriteHeader(file.get(), false);
+  } catch (...) {
+    DeleteHeldFile(file, file.get(), path);
+    m_header_size = previous_size;
+    throw;
+  }
+  if (!written) {
     DeleteHeldFile(file, file.get(), path);
     m_header_size = previous_size;
     return TqUSysFile::kInvalid;

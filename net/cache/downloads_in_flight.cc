@@ -43,12 +43,15 @@ DownloadsInFlight& DownloadsInFlight::Process() {
 
 DownloadsInFlight::Ticket DownloadsInFlight::Join(const std::string& id) {
   std::lock_guard lock(m_state->mutex);
-  auto [it, inserted] = m_state->downloads.try_emplace(id);
-  if (inserted) {
-    it->second = std::make_shared<Slot>();
-    it->second->id = id;
+  if (auto it = m_state->downloads.find(id); it != m_state->downloads.end()) {
+    return Ticket(this, it->second, false);
   }
-  return Ticket(this, it->second, inserted);
+  // Made whole before it is recorded: a slot that could not be made (out of memory) must not
+  // stay behind as a download under way, which every later open would wait for.
+  auto slot = std::make_shared<Slot>();
+  slot->id = id;
+  m_state->downloads.emplace(id, slot);
+  return Ticket(this, std::move(slot), true);
 }
 
 void DownloadsInFlight::Publish(Slot& slot, std::shared_ptr<const DownloadOutcome> outcome) {
@@ -84,8 +87,14 @@ DownloadsInFlight::Ticket::~Ticket() {
 
 void DownloadsInFlight::Ticket::Finish(DownloadOutcome outcome) {
   if (!m_is_download || !m_slot) return;
+  std::shared_ptr<const DownloadOutcome> published;
+  try {
+    published = std::make_shared<const DownloadOutcome>(std::move(outcome));
+  } catch (...) {
+    // Out of memory for the outcome: the waiters see an abandoned download and ask afresh.
+  }
   m_is_download = false;
-  m_table->Publish(*m_slot, std::make_shared<const DownloadOutcome>(std::move(outcome)));
+  m_table->Publish(*m_slot, std::move(published));
 }
 
 std::shared_ptr<const DownloadOutcome> DownloadsInFlight::Ticket::Wait(

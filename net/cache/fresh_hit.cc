@@ -45,6 +45,8 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
 
   std::uint64_t Read(void* buffer, std::uint64_t size) override {
     if (size == 0) return 0;
+    // As every file stream refuses it: a caller's null buffer is an error, not a crash.
+    if (buffer == nullptr) Fail("FileReadStream: cannot read the file");
     const std::uint64_t at = m_body + m_position;  // no overflow: seeks keep both in range
     if (at < m_have) {
       const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(size, m_have - at));

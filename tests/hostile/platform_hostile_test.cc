@@ -3,6 +3,7 @@
 // end, header text that would smuggle a line, and a request closed from another thread while a
 // call waits on it.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
@@ -144,6 +145,14 @@ TEST(HostilePlatform, ADownloadThatIsNotWholeLeavesNoFile) {
     }
     EXPECT_EQ(left, result == S_OK ? std::vector<std::string>{"file: hello"}
                                    : std::vector<std::string>{});
+    // A destination that is no file (a FIFO here; a device such as /dev/null alike) is not
+    // replaced by a plain file.
+    if (result != S_OK) continue;
+    ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
+                                 (dir.path() / "fifo").wstring().c_str(), 0, nullptr),
+              HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(std::filesystem::is_fifo(dir.path() / "fifo"));
   }
 }
 

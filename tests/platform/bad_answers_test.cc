@@ -156,6 +156,15 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
             ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
   EXPECT_EQ(ErrorOf([&] { return InternetReadFile(connection.get(), buffer, 1, &got); }),
             ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
+  // A number option one byte short is never read past its end; no buffer, no option.
+  DWORD value = 4;
+  const auto set = [&](DWORD option, void* to, DWORD bytes) {
+    return ErrorOf([&] { return InternetSetOptionW(connection.get(), option, to, bytes); });
+  };
+  EXPECT_EQ(set(INTERNET_OPTION_MAX_CONNS_PER_SERVER, &value, sizeof value - 1),
+            ERROR_INTERNET_BAD_OPTION_LENGTH);
+  EXPECT_EQ(set(INTERNET_OPTION_RECEIVE_TIMEOUT, nullptr, sizeof value), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(set(9999, &value, sizeof value), ERROR_INTERNET_INVALID_OPTION);
 
   // A server name that no URL can hold (an IPv6 address without its closing bracket) is taken
   // by the connect and refused by the send, before anything goes out.
@@ -164,6 +173,16 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
   ASSERT_TRUE(unclosed);
   Handle request = OpenRequest(unclosed, L"/");
   EXPECT_EQ(ErrorOf([&] { return Send(request); }), ERROR_INTERNET_INVALID_URL);
+  // Out-parameters that are not there, and bytes to read into no buffer.
+  EXPECT_EQ(ErrorOf([&] { return InternetReadFile(request.get(), buffer, 1, nullptr); }),
+            ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(ErrorOf([&] { return InternetReadFile(request.get(), nullptr, 1, &got); }),
+            ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(ErrorOf([&] {
+              return HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE, buffer, nullptr,
+                                    nullptr);
+            }),
+            ERROR_INVALID_PARAMETER);
 }
 
 }  // namespace

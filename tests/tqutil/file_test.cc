@@ -220,6 +220,34 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
     EXPECT_FALSE(opens("sub.tmp", kCreate));
     EXPECT_FALSE(opens("sub.tmp", kRead));
     EXPECT_TRUE(std::filesystem::is_directory(dir / "sub.tmp"));
+    if (!by_name) {
+      // A NUL inside a path would leave the system the part before it, another file's name:
+      // such a path names nothing, and the file before the NUL is neither opened, emptied,
+      // renamed nor removed.
+      WriteText(dir / "kept", "precious");
+      Path::string_type text = (dir / "kept").native();
+      text += Path::value_type{};
+      text += Path("x").native();
+      const Path nul(text);
+      for (const Mode m : {kRead, kRewrite, kOpenAlways, kCreate}) {
+        EXPECT_FALSE(opens(nul.filename(), m)) << m.creation;
+      }
+      EXPECT_EQ(F::OpenNamedFile(nul), nullptr);
+      std::error_code ec;
+      EXPECT_EQ(F::KindOfName(nul, ec), F::NameKind::kNone);
+      EXPECT_TRUE(ec);
+      EXPECT_FALSE(F::RenameFile(nul, dir / "moved", ec));
+      EXPECT_TRUE(ec);
+      EXPECT_FALSE(F::RenameFile(dir / "stale.tmp", nul, ec));
+      EXPECT_TRUE(ec);
+      EXPECT_FALSE(F::RemoveFile(nul, ec));
+      EXPECT_TRUE(ec);
+      EXPECT_EQ(TqUSysDirectory::RemoveTree(nul, ec), 0u);
+      EXPECT_TRUE(ec);
+      EXPECT_EQ(ReadText(dir / "kept"), "precious");
+      EXPECT_TRUE(std::filesystem::exists(dir / "stale.tmp"));
+      EXPECT_FALSE(std::filesystem::exists(dir / "moved"));
+    }
 #if !defined(_WIN32)  // a Windows directory holds no FIFO (named pipes live in \\.\pipe\)
     // A FIFO: every kind of open comes back at once, refused (one that waits for a writer
     // hangs here); creating one replaces it.

@@ -13,6 +13,9 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/log_capture.h"
+#if !defined(_WIN32)
+#include "tests/support/allocation_failure.h"
+#endif
 #include "tqutil/app_info.h"
 #include "tqutil/component.h"
 #include "tqutil/crypt_hash.h"
@@ -222,6 +225,39 @@ TEST(ErrorLogTest, ASinkThatThrowsOrReplacesItselfLeavesTheWritersAlone) {
   TqUSysError::LogUTF8String("one\n");
   TqUSysError::LogUTF8String("two\n");
   EXPECT_EQ(seen, (Lines{"t one\n", "after two\n"}));
+
+#if !defined(_WIN32)  // a Windows DLL allocates through its own runtime, out of the test's reach
+  // Memory that runs out at any allocation of a writer: nothing thrown, and a line is whole or
+  // not there, never one with a piece missing.
+  TqUError::SetSink({});
+  const std::string line = "Failed: http://h/" + std::string(100, 'p') + ": 42\n";
+  const std::wstring url = L"http://h/" + std::wstring(100, L'p');
+  for (long n = 0;; ++n) {
+    SCOPED_TRACE("failing allocation " + std::to_string(n));
+    bool failed = false;
+    {
+      LogCapture capture;
+      {
+        const tq::test::FailingAllocation failing(n);
+        EXPECT_NO_THROW({
+          TqUSysError::LogUTF8String("Failed: ");
+          TqUError::LogWideString(url.c_str());
+          TqUSysError::LogUTF8String(": ");
+          TqUError::LogInt32(42);
+          TqUError::LogWideString(L"\n");
+          TqUError::Post(1, nullptr, L"%s %d", L"posted", 7);
+        });
+        failed = tq::test::FailingAllocation::Failed();
+      }
+      TqUSysError::LogUTF8String("next\n");
+      for (const std::string& text : capture.Lines()) {
+        EXPECT_TRUE(text == line || text == "posted 7" || text == "next\n") << text;
+      }
+      if (!failed) EXPECT_EQ(capture.Lines(), (Lines{line, "posted 7", "next\n"}));
+    }
+    if (!failed) break;
+  }
+#endif
 }
 
 TEST(ErrorLogTest, LinesOfManyThreadsNeverInterleave) {
