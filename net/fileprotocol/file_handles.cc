@@ -46,6 +46,15 @@ using LiveFiles = LiveRecords<HttpFileHandle, TqUFileHandle>;
 using LiveThreads = LiveRecords<HttpFileThreadHandle, TqUThreadHandle>;
 using LiveRequests = LiveRecords<HttpFileRequestHandle, TqUFileRequestHandle>;
 
+// True when `tied` is empty (never tied) or refers to `file` itself. Compared by owner, so a
+// record freed and another made at its address is still another file.
+bool ServesFile(const std::weak_ptr<HttpFileHandle>& tied,
+                const std::shared_ptr<HttpFileHandle>& file) {
+  const std::weak_ptr<HttpFileHandle> none;
+  if (!tied.owner_before(none) && !none.owner_before(tied)) return true;
+  return !tied.owner_before(file) && !file.owner_before(tied);
+}
+
 }  // namespace
 
 HttpFileHandle::HttpFileHandle(const wchar_t* url_text, const TqUURL& parsed_url)
@@ -97,6 +106,10 @@ HttpFileThreadHandle::~HttpFileThreadHandle() {
   if (m_connection != nullptr) InternetCloseHandle(m_connection);
 }
 
+bool HttpFileThreadHandle::Serves(const std::shared_ptr<HttpFileHandle>& file) const {
+  return ServesFile(m_file, file);
+}
+
 TqUThreadHandle* HttpFileThreadHandle::Adopt(std::unique_ptr<HttpFileThreadHandle> record) {
   return LiveThreads::Instance().Adopt(std::move(record));
 }
@@ -112,24 +125,31 @@ bool HttpFileThreadHandle::Release(TqUThreadHandle* handle) {
 HttpFileRequestHandle::HttpFileRequestHandle(const wchar_t* resource) : m_resource(resource) {}
 
 HttpFileRequestHandle::HttpFileRequestHandle(const HttpFileRequestHandle& other)
-    : TqUFileRequestHandle(), m_resource(other.m_resource) {}
+    : TqUFileRequestHandle(), m_resource(other.m_resource), m_file(other.m_file) {}
 
 HttpFileRequestHandle::HttpFileRequestHandle(HttpFileRequestHandle&& other) noexcept
-    : TqUFileRequestHandle(), m_resource(std::move(other.m_resource)) {
+    : TqUFileRequestHandle(), m_resource(std::move(other.m_resource)),
+      m_file(std::move(other.m_file)) {
   other.m_resource.SetString(nullptr);
 }
 
 HttpFileRequestHandle& HttpFileRequestHandle::operator=(const HttpFileRequestHandle& other) {
   m_resource = other.m_resource;
+  m_file = other.m_file;
   return *this;
 }
 
 HttpFileRequestHandle& HttpFileRequestHandle::operator=(HttpFileRequestHandle&& other) noexcept {
   if (this != &other) {
     m_resource = std::move(other.m_resource);
+    m_file = std::move(other.m_file);
     other.m_resource.SetString(nullptr);
   }
   return *this;
+}
+
+bool HttpFileRequestHandle::Serves(const std::shared_ptr<HttpFileHandle>& file) const {
+  return ServesFile(m_file, file);
 }
 
 HttpFileRequestHandle::~HttpFileRequestHandle() = default;

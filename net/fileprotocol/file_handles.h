@@ -13,7 +13,8 @@ namespace qv::net {
 /// Every record handed out is kept in a registry of live handles of its kind until it is
 /// released. A handle is only ever looked up there, never read: a null pointer, a released
 /// handle, a handle of another protocol or of another kind (a thread handle passed as a file
-/// handle) or any other pointer is refused without touching the memory it points to. Each
+/// handle) or any other pointer is refused without touching the memory it points to; so is a
+/// thread or request handle passed with another file than the one it was made for. Each
 /// call holds the record it looked up, so a handle released by another thread meanwhile dies
 /// only when the calls still using it return. Safe from any thread.
 /// One open file: the URL text as the caller gave it (the "%s" of every message about the
@@ -65,6 +66,11 @@ class TQNET_EXPORT HttpFileThreadHandle : public TqUThreadHandle {
   bool IsSecure() const { return m_secure; }
   /// The connection, still owned by the handle.
   HINTERNET Connection() const { return m_connection; }
+  /// Ties the handle to the file it was made for: it then serves reads of that file only (its
+  /// connection goes to that file's server). A handle not tied serves any file.
+  void TieToFile(const std::shared_ptr<HttpFileHandle>& file) { m_file = file; }
+  /// True when the handle may serve a read of `file`.
+  bool Serves(const std::shared_ptr<HttpFileHandle>& file) const;
 
   /// Registry of live thread handles, as for HttpFileHandle: Adopt hands a record out,
   /// From finds it (null for anything else), Release takes it out of use.
@@ -77,6 +83,7 @@ class TQNET_EXPORT HttpFileThreadHandle : public TqUThreadHandle {
  private:
   bool m_secure;
   HINTERNET m_connection;
+  std::weak_ptr<HttpFileHandle> m_file;
 };
 
 /// One read set up: the resource (path and query) to request.
@@ -95,6 +102,11 @@ class TQNET_EXPORT HttpFileRequestHandle : public TqUFileRequestHandle {
 
   /// The resource to request.
   const TqUWideString& Resource() const { return m_resource; }
+  /// Ties the handle to the file it was set up for, as for HttpFileThreadHandle: the resource
+  /// is that file's, and another file's read must not fetch it.
+  void TieToFile(const std::shared_ptr<HttpFileHandle>& file) { m_file = file; }
+  /// True when the handle may serve a read of `file`.
+  bool Serves(const std::shared_ptr<HttpFileHandle>& file) const;
 
   /// Registry of live request handles, as for HttpFileHandle: Adopt hands a record out,
   /// From finds it (null for anything else), Release takes it out of use.
@@ -106,6 +118,7 @@ class TQNET_EXPORT HttpFileRequestHandle : public TqUFileRequestHandle {
 
  private:
   TqUWideString m_resource;
+  std::weak_ptr<HttpFileHandle> m_file;
 };
 
 }  // namespace qv::net

@@ -208,7 +208,9 @@ TqUThreadHandle* HttpFileProtocol::CreateThreadHandle(TqUFileHandle* file) {
                    record->UrlText().GetString(), static_cast<int>(GetLastError()));
     return nullptr;
   }
-  return HttpFileThreadHandle::Adopt(std::make_unique<HttpFileThreadHandle>(secure, connection));
+  auto thread = std::make_unique<HttpFileThreadHandle>(secure, connection);
+  thread->TieToFile(record);
+  return HttpFileThreadHandle::Adopt(std::move(thread));
 }
 
 bool HttpFileProtocol::ReleaseThreadHandle(TqUThreadHandle* thread) {
@@ -223,8 +225,9 @@ TqUFileRequestHandle* HttpFileProtocol::SetupReadFile(TqUFileHandle* file, std::
     detail::RefuseHandle(L"SetupReadFile");
     return nullptr;
   }
-  return HttpFileRequestHandle::Adopt(
-      std::make_unique<HttpFileRequestHandle>(record->ParsedUrl().GetResource()));
+  auto request = std::make_unique<HttpFileRequestHandle>(record->ParsedUrl().GetResource());
+  request->TieToFile(record);
+  return HttpFileRequestHandle::Adopt(std::move(request));
 }
 
 bool HttpFileProtocol::ReleaseRequestHandle(TqUFileRequestHandle* request) {

@@ -121,7 +121,10 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
   const std::shared_ptr<HttpFileThreadHandle> thread_record = HttpFileThreadHandle::From(thread);
   const std::shared_ptr<HttpFileRequestHandle> request_record =
       HttpFileRequestHandle::From(request);
-  if (file_record == nullptr || thread_record == nullptr || request_record == nullptr) {
+  // A thread or request handle of another file would fetch that file's bytes (its server, its
+  // resource) into this file's read.
+  if (file_record == nullptr || thread_record == nullptr || request_record == nullptr ||
+      !thread_record->Serves(file_record) || !request_record->Serves(file_record)) {
     detail::RefuseHandle(L"ReadFile");
     return -1;
   }

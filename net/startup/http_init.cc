@@ -1,6 +1,7 @@
 #include "net/startup/http_init.h"
 
 #include <memory>
+#include <system_error>
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/http/http_api.h"
@@ -9,8 +10,22 @@
 #include "net/stream/thread_pool.h"
 
 namespace qv::net {
+namespace {
+
+// Both would stop the installed pool, whose threads a host reaches through its own callbacks
+// (a pre-request handler runs on the worker that opens the URL): from there the pool would wait
+// for the very thread that asks. Refused before anything changes.
+void RefuseOnWorker(const char* operation) {
+  if (thread_pool* pool = WorkerThreadPool(); pool != nullptr && pool->IsOwnThread()) {
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
+                            operation);
+  }
+}
+
+}  // namespace
 
 void InitialiseHttp() {
+  RefuseOnWorker("InitialiseHttp on a worker thread");
   // Both are made before anything is installed: a failure leaves the earlier pool and
   // transport in place.
   auto pool = std::make_unique<thread_pool>(kWorkerThreads);
@@ -25,6 +40,7 @@ void InitialiseHttp() {
 }
 
 void TerminateHttp() {
+  RefuseOnWorker("TerminateHttp on a worker thread");
   HttpFileProtocol::Terminate();
 
   // Tasks still running on the workers use the transport: let them finish before it goes.

@@ -10,7 +10,9 @@ namespace qv::net {
 /// Creates the worker pool (4 threads, replacing and destroying an earlier one), installs a new
 /// WinInet backend as the transport (a transport installed before is replaced, not deleted: it
 /// stays its installer's), and registers the http/https file protocol. Throws when the pool or
-/// backend cannot be made; the earlier pool and transport then stay installed.
+/// backend cannot be made; the earlier pool and transport then stay installed. Called on one of
+/// the pool's threads (from a pre-request handler, say) it throws std::system_error
+/// (resource_deadlock_would_occur) and changes nothing; so does TerminateHttp.
 TQNET_EXPORT void InitialiseHttp();
 
 /// Unregisters the file protocol, deletes whatever transport is installed (see SetHttpApi in

@@ -53,7 +53,8 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   bool IsOpen() const;
   /// The response status is 200 or 206: the body is the resource.
   bool Succeeded() const;
-  /// Releases the request handle now rather than with the stream; reads then end.
+  /// Releases the request handle now rather than with the stream. A later Read of a successful
+  /// response asks the transport with no request, which fails: it throws as any failed read.
   void Close();
   /// The body size from Content-Length; empty when the response gave none.
   std::optional<std::uint64_t> ContentSize() const;

@@ -67,14 +67,17 @@ thread_pool::~thread_pool() {
   // every task that never ran, breaking its promise) is destroyed.
 }
 
+bool thread_pool::IsOwnThread() const {
+  const std::thread::id self = std::this_thread::get_id();
+  return std::any_of(m_threads.begin(), m_threads.end(),
+                     [self](const std::thread& thread) { return thread.get_id() == self; });
+}
+
 void thread_pool::Shutdown() {
   // Refused before anything is stopped: a task cannot wait for its own thread to end.
-  const std::thread::id self = std::this_thread::get_id();
-  for (const std::thread& thread : m_threads) {
-    if (thread.get_id() == self) {
-      throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
-                              "thread_pool::Shutdown from one of its own tasks");
-    }
+  if (IsOwnThread()) {
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
+                            "thread_pool::Shutdown from one of its own tasks");
   }
   StopQueue();
   m_done = true;

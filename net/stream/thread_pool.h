@@ -78,6 +78,10 @@ class thread_pool {
 
   std::size_t ThreadCount() const { return m_threads.size(); }
 
+  // True when the caller runs on one of this pool's threads (a task, or a callback a task
+  // calls): stopping or destroying the pool from there would wait for the caller itself.
+  bool IsOwnThread() const;
+
   // True while the caller is a task of a pool that is shutting down; false on any other thread.
   // A task's own waits (a pause before a retry) end early then, so that the shut-down does not
   // wait them out.

@@ -165,6 +165,19 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
   EXPECT_FALSE(protocol_->ReadFile(r.file, reinterpret_cast<TqUThreadHandle*>(copy), r.request, 0,
                                    4, buffer.data()));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  // Thread and request handles made for another file: its connection may go to another server,
+  // and its resource is the other file's; either would fill this read with another file's bytes.
+  {
+    auto* other_file = protocol_->OpenFile(W(server.Url("/g")).c_str(), TqUFileProtocol::OpenRead);
+    TqUThreadHandle* other_thread = protocol_->CreateThreadHandle(other_file);
+    TqUFileRequestHandle* other_request = protocol_->SetupReadFile(other_file, 0, 4);
+    EXPECT_FALSE(protocol_->ReadFile(r.file, other_thread, r.request, 0, 4, buffer.data()));
+    EXPECT_FALSE(protocol_->ReadFile(r.file, r.thread, other_request, 0, 4, buffer.data()));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    protocol_->ReleaseRequestHandle(other_request);
+    protocol_->ReleaseThreadHandle(other_thread);
+    protocol_->CloseFile(other_file);
+  }
   EXPECT_TRUE(server.heads().empty());
 
   qv::net::HttpRequestHandlerManager::RegisterHandler(&r);
@@ -184,7 +197,8 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
   auto refused = [](const std::string& operation) {
     return Posted{1, "HttpFileProtocol::" + operation + " invalid handle"};
   };
-  EXPECT_THAT(TakeLog(), ElementsAre(refused("ReadFile"), refused("CreateThreadHandle"),
+  EXPECT_THAT(TakeLog(), ElementsAre(refused("ReadFile"), refused("ReadFile"), refused("ReadFile"),
+                                     refused("CreateThreadHandle"),
                                      refused("SetupReadFile"), refused("ReadFile"),
                                      refused("ReleaseRequestHandle"),
                                      refused("ReleaseThreadHandle"), refused("CloseFile")));

@@ -7,8 +7,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string_view>
+#include <system_error>
 #include <thread>
 
 #ifdef _WIN32
@@ -76,6 +78,58 @@ TEST(HttpInitTest, AsyncTaskRunningAtTerminateFinishesBeforeTheTransportIsDestro
   ASSERT_NE(stream, nullptr);
   char buffer[8] = {};
   EXPECT_EQ(stream->Read(buffer, sizeof buffer), 4u);
+}
+
+// Start-up and shut-down that cannot be done leave everything as it was: the exception, and the
+// same pool (still serving), transport and file protocol. Regressions: InitialiseHttp on a
+// worker (a pre-request handler runs there) destroyed that worker's own pool, whose join of the
+// calling thread ended the process; TerminateHttp there unregistered the file protocol first.
+TEST(HttpInitTest, StartUpAndShutDownThatCannotBeDoneChangeNothing) {
+  InitialiseHttp();
+  IHttpApi* const api = HttpApi();
+  thread_pool* const pool = WorkerThreadPool();
+  const auto on_worker = [pool](void (*call)()) { return [=] { pool->submit(call).get(); }; };
+  const auto unavailable = std::make_error_code(std::errc::resource_unavailable_try_again);
+  const struct {
+    const char* name;
+    std::function<void()> run;
+    std::error_code error;
+  } rows[] = {
+      {"InitialiseHttp on a worker", on_worker(&InitialiseHttp),
+       std::make_error_code(std::errc::resource_deadlock_would_occur)},
+      {"TerminateHttp on a worker", on_worker(&TerminateHttp),
+       std::make_error_code(std::errc::resource_deadlock_would_occur)},
+      // The workers already started are stopped and joined, not left waiting for a task.
+      {"InitialiseHttp whose third worker cannot start",
+       [&] {
+         detail::SetThreadStartHookForTesting([&](std::uint32_t index) {
+           if (index == 2) throw std::system_error(unavailable);
+         });
+         try {
+           InitialiseHttp();
+         } catch (...) {
+           detail::SetThreadStartHookForTesting(nullptr);
+           throw;
+         }
+         detail::SetThreadStartHookForTesting(nullptr);
+       },
+       unavailable},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    try {
+      row.run();
+      ADD_FAILURE() << "no exception";
+    } catch (const std::system_error& e) {
+      EXPECT_EQ(e.code(), row.error);
+    }
+    EXPECT_EQ(HttpApi(), api);
+    EXPECT_EQ(WorkerThreadPool(), pool);
+    EXPECT_TRUE(HttpFileProtocol::IsInitialised());
+    EXPECT_EQ(pool->submit([] { return 7; }).get(), 7);
+  }
+  TerminateHttp();
+  EXPECT_EQ(HttpApi(), nullptr);
 }
 
 struct CountingHandler : HttpRequestHandler {
