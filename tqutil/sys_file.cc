@@ -65,14 +65,22 @@ bool IsLive(TqUSysFile::Handle h) {
   return r.live.count(h) != 0;
 }
 
+// Records `record` as a live handle. Throws std::bad_alloc when there is no room, the record
+// then still the caller's.
+void Register(TqUSysFileHandleTag* record) {
+  Registry& r = TheRegistry();
+  std::lock_guard lock(r.mutex);
+  r.live.insert(record);
+}
+
+#if defined(_WIN32)
 // Makes `record` a live handle for a caller; should that fail (out of memory), the record
 // closes its file.
 TqUSysFile::Handle Adopt(std::unique_ptr<TqUSysFileHandleTag> record) {
-  Registry& r = TheRegistry();
-  std::lock_guard lock(r.mutex);
-  r.live.insert(record.get());
+  Register(record.get());
   return record.release();
 }
+#endif
 
 bool Forget(TqUSysFile::Handle h) {
   if (!h) return false;
@@ -266,9 +274,7 @@ TqUSysFile::Handle AdoptDescriptor(Descriptor& fd, int dir = AT_FDCWD,
                                    const char* created = nullptr) {
   try {
     auto record = std::make_unique<TqUSysFileHandleTag>();
-    Registry& r = TheRegistry();
-    std::lock_guard lock(r.mutex);
-    r.live.insert(record.get());
+    Register(record.get());
     record->fd = fd.release();
     return record.release();
   } catch (const std::bad_alloc&) {

@@ -266,7 +266,9 @@ TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothi
       failed = FailingAllocation::Failed();
     }
     SCOPED_TRACE("failing allocation " + std::to_string(n));
-    if (stream) EXPECT_TRUE(ReadAll(*stream) == new_body);
+    if (stream) {
+      EXPECT_TRUE(ReadAll(*stream) == new_body);
+    }
     stream.reset();
     EXPECT_TRUE(failed || m_api.ScriptConsumed());
     const std::string bytes = fs::exists(entry) ? ReadFileBytes(entry) : "";

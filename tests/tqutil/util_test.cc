@@ -253,7 +253,9 @@ TEST(ErrorLogTest, ASinkThatThrowsOrReplacesItselfLeavesTheWritersAlone) {
       for (const std::string& text : capture.Lines()) {
         EXPECT_TRUE(text == line || text == "posted 7" || text == "next\n") << text;
       }
-      if (!failed) EXPECT_EQ(capture.Lines(), (Lines{line, "posted 7", "next\n"}));
+      if (!failed) {
+        EXPECT_EQ(capture.Lines(), (Lines{line, "posted 7", "next\n"}));
+      }
     }
     if (!failed) break;
   }
