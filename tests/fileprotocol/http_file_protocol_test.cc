@@ -643,6 +643,15 @@ TEST_F(ProtocolTest, NginxRandomRangesOnFourThreadsInformationAndGetFileMatchWha
           fail("count " + std::to_string(n) + " total " + std::to_string(total) + " at " +
                std::to_string(offset));
         }
+        // The threads share the information cache: 40 spellings of the URL between them,
+        // more than it keeps, so that they look up, add and evict at once.
+        if (i % 25 == 0) {
+          const std::wstring spelling = url + L"?" + std::to_wstring(t * 10 + i / 25);
+          TqUFileInfo info;
+          if (!protocol_->GetFileInfo(spelling.c_str(), &info) || info.GetFileSize() != kFileSize) {
+            fail("information at " + std::to_string(i));
+          }
+        }
       }
       protocol_->ReleaseThreadHandle(thread);
     });
