@@ -68,9 +68,10 @@ thread_pool::~thread_pool() {
 }
 
 bool thread_pool::IsOwnThread() const {
-  const std::thread::id self = std::this_thread::get_id();
-  return std::any_of(m_threads.begin(), m_threads.end(),
-                     [self](const std::thread& thread) { return thread.get_id() == self; });
+  // The worker's own mark, not the pool's thread list: another thread may be joining one of
+  // those threads meanwhile, which writes its id. A thread that has not reached its loop yet
+  // runs no task, so it cannot be asking.
+  return t_worker_pool_stopped == &m_queue_stopped;
 }
 
 void thread_pool::Shutdown() {
