@@ -410,27 +410,24 @@ DWORD Transfer::ErrorOf(CURLcode result, bool had_headers) const {
 
 // No exception may unwind through libcurl's frames: one thrown by the work of a callback (an
 // allocation that failed) ends the transfer with its error instead.
-
-size_t Transfer::HeaderCallback(char* data, size_t size, size_t count, void* slot) {
+template <class Work>
+size_t Transfer::DataCallback(void* slot, const Work& work) noexcept {
   Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
   if (self == nullptr) return 0;
   try {
-    return self->OnHeader(data, size * count);
+    return work(*self);
   } catch (...) {
     self->header_error_ = ErrorOfCurrentException();
     return 0;
   }
 }
 
+size_t Transfer::HeaderCallback(char* data, size_t size, size_t count, void* slot) {
+  return DataCallback(slot, [&](Transfer& t) { return t.OnHeader(data, size * count); });
+}
+
 size_t Transfer::WriteCallback(char* data, size_t size, size_t count, void* slot) {
-  Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
-  if (self == nullptr) return 0;
-  try {
-    return self->OnBody(data, size * count);
-  } catch (...) {
-    self->header_error_ = ErrorOfCurrentException();
-    return 0;
-  }
+  return DataCallback(slot, [&](Transfer& t) { return t.OnBody(data, size * count); });
 }
 
 int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {

@@ -229,6 +229,10 @@ class Transfer {
  private:
   enum class Goal { kHeaders, kData, kDrain };
 
+  // Runs `work` on the slot's transfer for a data callback: 0 (libcurl's refusal) without a
+  // transfer, or when the work throws, which ends the transfer with the exception's error.
+  template <class Work>
+  static size_t DataCallback(void* slot, const Work& work) noexcept;
   static size_t HeaderCallback(char* data, size_t size, size_t count, void* self);
   static size_t WriteCallback(char* data, size_t size, size_t count, void* self);
   static int PrereqCallback(void* self, char*, char*, int, int);

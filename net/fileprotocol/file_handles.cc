@@ -46,13 +46,17 @@ using LiveFiles = LiveRecords<HttpFileHandle, TqUFileHandle>;
 using LiveThreads = LiveRecords<HttpFileThreadHandle, TqUThreadHandle>;
 using LiveRequests = LiveRecords<HttpFileRequestHandle, TqUFileRequestHandle>;
 
-// True when `tied` is empty (never tied) or refers to `file` itself. Compared by owner, so a
-// record freed and another made at its address is still another file.
+// Whether two pointers share one owner: compared by owner, a record freed and another made at
+// its address are still two files.
+template <class A, class B>
+bool SameOwner(const A& a, const B& b) {
+  return !a.owner_before(b) && !b.owner_before(a);
+}
+
+// True when `tied` was never tied to a file, or is tied to `file` itself.
 bool ServesFile(const std::weak_ptr<HttpFileHandle>& tied,
                 const std::shared_ptr<HttpFileHandle>& file) {
-  const std::weak_ptr<HttpFileHandle> none;
-  if (!tied.owner_before(none) && !none.owner_before(tied)) return true;
-  return !tied.owner_before(file) && !file.owner_before(tied);
+  return SameOwner(tied, std::weak_ptr<HttpFileHandle>{}) || SameOwner(tied, file);
 }
 
 }  // namespace
