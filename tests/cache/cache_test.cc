@@ -808,6 +808,15 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
   EXPECT_EQ(Remaining(), expected);
   EXPECT_EQ(fs::file_size(big), 2u * 1048576);
 
+  // A file that is not an entry goes when the headers are read, but its bytes stay in the
+  // run's total: the entries go too until the total is below the target.
+  RemoveAll();
+  WriteFileBytes(m_cache.Directory() / "foreign", std::string(1048576, 'f'));
+  Entry("older", kDate - 60, kNever, 100000);
+  Entry("newer", kDate - 10, kNever, 100000);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_THAT(Remaining(), IsEmpty());
+
   // Two deletions needed: the whole first span goes before the expired entry of the next one.
   RemoveAll();
   Entry("a_oldest", kDate - 10000, kNever, 450000);
