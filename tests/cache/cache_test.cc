@@ -452,25 +452,27 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
     const char* name;
     std::wstring url;
     std::optional<FakeResponse> response;  // none: the connection fails
-    bool read_throws;  // the second read throws what no stream error is
+    const char* read_throws;  // the text of what the second read throws (no stream error)
     ::testing::Matcher<std::string> log;
   } const cases[] = {
-      {"short", kUrl, short_body, false,
+      {"short", kUrl, short_body, nullptr,
        "Failed to read expected number of bytes from HTTP stream into cache system. "
        "Expected 10 but read 5\n"},
       // The stream's message ends in its own line feed, so the copy's line comes as two records.
-      {"read fails", kUrl, broken, false,
+      {"read fails", kUrl, broken, nullptr,
        "Failed to read or write stream in CopyStream: Unable to read HTTP data\n\n"
        "Failed to read HTTP data into cache system: " + kKey + "\n"},
-      {"no connection", kUrl, std::nullopt, false,
+      {"no connection", kUrl, std::nullopt, nullptr,
        opening + kKey + ": Unable to create HTTP connection\n\n"},
-      {"read throws", kUrl, two_chunks, true, opening + kKey + ": not a runtime error\n"},
+      {"read throws", kUrl, two_chunks, "not a runtime error",
+       opening + kKey + ": not a runtime error\n"},
+      {"read throws without a text", kUrl, two_chunks, "", opening + kKey + ": Unknown exception\n"},
       // A tag that fits its own field but makes the header one byte over 64 KiB.
       {"header too long", kUrl,
-       Ok("x", L"max-age=60", std::wstring(65535 - 24 - kKey.size() + 1, L't')), false,
+       Ok("x", L"max-age=60", std::wstring(65535 - 24 - kKey.size() + 1, L't')), nullptr,
        StartsWith(opening + kKey + ": ")},
       {"key too long", L"http://example.test/" + std::wstring(70000, L'k'),
-       Ok("x", L"max-age=60", std::wstring(L"\"a\"")), false, StartsWith(opening)},
+       Ok("x", L"max-age=60", std::wstring(L"\"a\"")), nullptr, StartsWith(opening)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -480,7 +482,7 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
     else m_api.FailNextConnects(1);
     int reads = 0;
     m_api.on_read = [&] {
-      if (c.read_throws && ++reads == 2) throw std::logic_error("not a runtime error");
+      if (c.read_throws != nullptr && ++reads == 2) throw std::logic_error(c.read_throws);
     };
     EXPECT_EQ(Open(c.url), "<null>");
     m_api.on_read = {};
@@ -808,6 +810,16 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
   EXPECT_EQ(Remaining(), expected);
   EXPECT_EQ(fs::file_size(big), 2u * 1048576);
 
+  // The limit is the option's mebibytes, and a directory of exactly that size is within it.
+  RemoveAll();
+  Entry("older", kDate - 60, kNever, 524288);
+  Entry("newer", kDate - 10, kNever, 524288);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), (Names{"older", "newer"}));
+  Entry("newer", kDate - 10, kNever, 524289);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), (Names{"newer"}));
+
   // A file that is not an entry goes when the headers are read, but its bytes stay in the
   // run's total: the entries go too until the total is below the target.
   RemoveAll();
@@ -971,8 +983,8 @@ TEST_F(CacheTest, AProcessKilledInTheMiddleOfAStoreLeavesTheOldEntryReadable) {
 TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgetsBodies) {
   qv::net::InMemoryCache memory;
   const std::wstring url = L"http://example.test/held";
-  auto open = [&] {
-    auto stream = memory.OpenUrl(url, 0, {});
+  auto open = [&](const std::wstring& text = L"http://example.test/held") {
+    auto stream = memory.OpenUrl(text, 0, {});
     return stream ? ReadAll(*stream) : "<null>";
   };
   m_api.Queue(Ok("the body", std::nullopt, std::nullopt));
@@ -997,6 +1009,19 @@ TEST_F(CacheTest, InMemoryConcurrentOpensOfOneUrlShareOneDownloadAndClearForgets
   EXPECT_TRUE(memory.CleanUp());
   EXPECT_EQ(open(), "the new body");
   EXPECT_EQ(m_api.Sent().size(), 2u);
+
+  // A download that fails keeps nothing and the next open tries again; an error answer is an
+  // empty body, kept like any other; another text of the same URL is another entry.
+  qv::net::HttpConnectionPool::Terminate();  // the next request connects anew
+  m_api.FailNextConnects(1);
+  EXPECT_EQ(open(L"http://example.test/other"), "<null>");
+  m_api.Queue(Status(404));
+  EXPECT_EQ(open(L"http://example.test/other"), "");
+  EXPECT_EQ(open(L"http://example.test/other"), "");
+  m_api.Queue(Ok("again", std::nullopt, std::nullopt));
+  EXPECT_EQ(open(L"http://EXAMPLE.test/held"), "again");
+  EXPECT_EQ(m_api.Sent().size(), 4u);
+  EXPECT_FALSE(memory.QueryFlag());
 }
 
 // A "v1" that is a link is taken for what it leads to: a cache moved to another disk is used
@@ -1019,7 +1044,10 @@ TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsT
   for (const fs::path& path : unusable) {
     SCOPED_TRACE(path.string());
     qv::net::InitialiseCache(qv::Utf8ToWide(path.string()).c_str());
-    EXPECT_NE(dynamic_cast<qv::net::InMemoryCache*>(qv::net::CacheSystem()), nullptr);
+    IUrlCache* cache = qv::net::CacheSystem();
+    EXPECT_NE(dynamic_cast<qv::net::InMemoryCache*>(cache), nullptr);
+    EXPECT_EQ(cache->OpenWriteStream(L"kept"), nullptr);
+    EXPECT_EQ(cache->OpenReadStream(L"kept"), nullptr);
     qv::net::TerminateCache();
   }
   for (const fs::path& path : usable) {
@@ -1031,9 +1059,17 @@ TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsT
     auto stream = cache->OpenReadStream(L"kept");
     EXPECT_EQ(stream ? ReadAll(*stream) : "<null>", "body");
     stream.reset();
+    // Kept as the entry of its prefixed name, apart from the bare name's.
+    EXPECT_TRUE(static_cast<DiskCache*>(cache)->Contains(L"qvcache://kept"));
+    EXPECT_FALSE(static_cast<DiskCache*>(cache)->Contains(L"kept"));
+    EXPECT_FALSE(cache->QueryFlag());
+    // An unusable directory then leaves the installed cache in place.
+    qv::net::InitialiseCache(qv::Utf8ToWide(unusable[0].string()).c_str());
+    EXPECT_EQ(qv::net::CacheSystem(), cache);
     qv::net::TerminateCache();
   }
   EXPECT_EQ(qv::net::CacheSystem(), nullptr);
+  qv::net::TerminateCache();  // nothing installed: nothing to do
 }
 
 }  // namespace
