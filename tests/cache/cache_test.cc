@@ -515,6 +515,60 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
 #endif
 }
 
+// A stale entry is revalidated with its tag; the answer decides what is served and what the
+// entry file holds afterwards (the open's time, kDate + 5, recorded as its use).
+TEST_F(CacheTest, ARevalidationKeepsReplacesOrDropsTheEntryAsItsAnswerSays) {
+  const std::string stored = EntryBytes(1, 2, "\"v1\"", kKey, "old");
+  std::string no_header_size = EntryBytes(1, kNever, "\"v1\"", kKey, "old");
+  no_header_size.replace(0, 2, Le(0, 2));
+  const auto after = [](std::int64_t expiry, const std::string& tag, const std::string& body) {
+    return EntryBytes(kDate + 5, expiry, tag, kKey, body);
+  };
+  struct Case {
+    const char* name;
+    std::string stored;
+    int flags;
+    std::optional<FakeResponse> answer;  // none: the request cannot be sent
+    std::string served;
+    std::string file;  // empty: none
+  } const cases[] = {
+      {"same tag", stored, 0, Ok("new", L"max-age=60", L"\"v1\""), "old",
+       after(kDate + 60, "\"v1\"", "old")},
+      {"same tag, never expiring", stored, IUrlCache::NeverExpire,
+       Ok("new", L"max-age=60", L"\"v1\""), "old", after(kNever, "\"v1\"", "old")},
+      {"no tag", stored, 0, Ok("new", std::nullopt, std::nullopt), "new",
+       after(kDate + 5 + 2'592'000, "\"v1\"", "new")},
+      {"new tag, no date", stored, 0, Ok("new", L"max-age=60", L"\"v2\"", std::nullopt), "new",
+       after(0, "\"v2\"", "new")},
+      {"not modified, no-cache last", stored, 0,
+       Ok("", L"max-age=60, no-cache", std::nullopt, kDate, 304), "old",
+       after(kDate - 1, "\"v1\"", "old")},
+      {"not modified, max-age unreadable", stored, 0,
+       Ok("", L"max-age=abc", L"\"v9\"", kDate, 304), "old", after(kDate, "\"v1\"", "old")},
+      {"not found", stored, 0, Status(404), "<null>", ""},
+      {"not sent", stored, 0, std::nullopt, "old", after(2, "\"v1\"", "old")},
+      {"not sent, no header size", no_header_size, 0, std::nullopt, "<null>", no_header_size},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    WriteFileBytes(EntryPath(), c.stored);
+    const std::size_t sent = m_api.Sent().size();
+    if (c.answer) m_api.Queue(*c.answer);
+    else m_api.fail_call = [](const std::string& call) { return call.rfind("Send", 0) == 0; };
+    EXPECT_EQ(Open(kUrl, c.flags), c.served);
+    m_api.fail_call = {};
+    EXPECT_TRUE(ReadFileBytes(EntryPath()) == c.file) << ReadFileBytes(EntryPath());
+    if (c.answer) {
+      ASSERT_EQ(m_api.Sent().size(), sent + 1);
+      EXPECT_EQ(m_api.Sent().back().headers, L"If-None-Match: \"v1\"");
+    }
+  }
+  // A file with a header size of 0 is an entry of no use, not a file to delete.
+  EXPECT_FALSE(m_cache.Contains(kUrl));
+  EXPECT_EQ(m_cache.ExpiryTime(kUrl), kNever);
+  EXPECT_TRUE(fs::exists(EntryPath()));
+}
+
 // The request names what the entry is kept under: a dotted or differently cased spelling is
 // sent normalised (query kept), so its answer is the answer for the key it is stored under.
 TEST_F(CacheTest, TheRequestIsBuiltFromTheNormalisedUrlTheEntryIsKeyedOn) {
