@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <limits>
@@ -466,7 +467,8 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
        opening + kKey + ": Unable to create HTTP connection\n\n"},
       {"read throws", kUrl, two_chunks, "not a runtime error",
        opening + kKey + ": not a runtime error\n"},
-      {"read throws without a text", kUrl, two_chunks, "", opening + kKey + ": Unknown exception\n"},
+      {"read throws without a text", kUrl, two_chunks, "",
+       opening + kKey + ": Unknown exception\n"},
       // A tag that fits its own field but makes the header one byte over 64 KiB.
       {"header too long", kUrl,
        Ok("x", L"max-age=60", std::wstring(65535 - 24 - kKey.size() + 1, L't')), nullptr,
@@ -1124,6 +1126,29 @@ TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsT
   }
   EXPECT_EQ(qv::net::CacheSystem(), nullptr);
   qv::net::TerminateCache();  // nothing installed: nothing to do
+
+  // Without a directory: "DiskCache/v1" in the application's cache directory.
+#if defined(_WIN32)
+  const char* variable = "LOCALAPPDATA";
+#else
+  const char* variable = "XDG_CACHE_HOME";
+#endif
+  std::optional<std::string> previous;
+  if (const char* saved = std::getenv(variable)) previous = saved;
+  const auto put = [&](const std::optional<std::string>& value) {
+#if defined(_WIN32)
+    ::_putenv_s(variable, value ? value->c_str() : "");
+#else
+    value ? ::setenv(variable, value->c_str(), 1) : ::unsetenv(variable);
+#endif
+  };
+  put(dir.path().string());
+  TqUWideStringBuffer app_dir;
+  ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &app_dir));
+  const fs::path expected = qv::PathOfWide(app_dir.View()) / "DiskCache" / "v1";
+  EXPECT_EQ(DiskCache(nullptr).Directory(), expected);
+  put(previous);
+  EXPECT_TRUE(fs::is_directory(expected));
 }
 
 }  // namespace
