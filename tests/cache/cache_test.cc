@@ -569,6 +569,14 @@ TEST_F(CacheTest, ARevalidationKeepsReplacesOrDropsTheEntryAsItsAnswerSays) {
   EXPECT_FALSE(m_cache.Contains(kUrl));
   EXPECT_EQ(m_cache.ExpiryTime(kUrl), kNever);
   EXPECT_TRUE(fs::exists(EntryPath()));
+  // No entry file: a new entry, stale. An entry file that a writer holds: none to be had.
+  EXPECT_EQ(m_cache.ExpiryTime(L"http://example.test/never-cached"), 0);
+  const TqUSysFile::Handle writer =
+      TqUSysFile::OpenFile(EntryPath(), TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
+                           TqUSysFile::kOpenExistingWrite, 0, 0);
+  ASSERT_NE(writer, TqUSysFile::kInvalid);
+  EXPECT_EQ(m_cache.ExpiryTime(kUrl), -1);
+  TqUSysFile::CloseFile(writer);
 }
 
 // The request names what the entry is kept under: a dotted or differently cased spelling is
