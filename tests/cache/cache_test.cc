@@ -3,6 +3,7 @@
 #include "net/cache/disk_cache.h"
 
 #include <gmock/gmock.h>
+#include <gsl/narrow>
 #include <gtest/gtest.h>
 
 #if defined(_WIN32)
@@ -491,6 +492,9 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
     EXPECT_THAT(Remaining(), IsEmpty());
     EXPECT_THAT(m_log.Text(), c.log);
   }
+  // A stored-body name too long for the header is the caller's to hear of.
+  EXPECT_THROW(m_cache.OpenWriteStream(std::wstring(70000, L'n')), gsl::narrowing_error);
+  EXPECT_THAT(Remaining(), IsEmpty());
 
 #if !defined(_WIN32)  // Windows deletes no file that is open, so no clearing takes it away
   // The directory is cleared under a store, and another process's writer makes the temporary
