@@ -1109,6 +1109,13 @@ TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsT
   if (PlantLink(dir.path() / "not-mounted", dir.path() / "unmounted" / "v1")) {
     unusable.push_back(dir.path() / "unmounted");
   }
+  // A plain file named "v1" passes for the directory; nothing can be kept in it.
+  fs::create_directory(dir.path() / "file");
+  dir.WriteFile("file/v1", "x");
+  qv::net::InitialiseCache(qv::Utf8ToWide((dir.path() / "file").string()).c_str());
+  ASSERT_NE(dynamic_cast<DiskCache*>(qv::net::CacheSystem()), nullptr);
+  EXPECT_EQ(qv::net::CacheSystem()->OpenWriteStream(L"kept"), nullptr);
+  qv::net::TerminateCache();
   for (const fs::path& path : unusable) {
     SCOPED_TRACE(path.string());
     qv::net::InitialiseCache(qv::Utf8ToWide(path.string()).c_str());
