@@ -581,6 +581,16 @@ TEST_F(CacheTest, ARevalidationKeepsReplacesOrDropsTheEntryAsItsAnswerSays) {
   ASSERT_NE(writer, TqUSysFile::kInvalid);
   EXPECT_EQ(m_cache.ExpiryTime(kUrl), -1);
   TqUSysFile::CloseFile(writer);
+
+  // No connection to revalidate over: nothing served, and the entry file stays as it was.
+  WriteFileBytes(EntryPath(), stored);
+  qv::net::HttpConnectionPool::Terminate();
+  m_api.FailNextConnects(1);
+  m_log.Clear();
+  EXPECT_EQ(Open(), "<null>");
+  EXPECT_EQ(ReadFileBytes(EntryPath()), stored);
+  EXPECT_EQ(m_log.Text(), "Failed to read resource into cache: " + kKey +
+                             ": Unable to create HTTP connection\n\n");
 }
 
 // The request names what the entry is kept under: a dotted or differently cased spelling is
