@@ -169,6 +169,7 @@ TEST(FreshnessTest, DirectivesCountFromTheDateAndTheDefaultLifetimeFromNow) {
     bool no_store;
   } const cases[] = {
       {std::nullopt, L"max-age=60", kNow, std::nullopt, false},  // no date: stale at once
+      {std::nullopt, L"no-store", kNow, std::nullopt, false},    // and stored like any other
       {kDate, std::nullopt, kNow, kNow + 2'592'000, false},       // 30 days from now
       {kDate, std::nullopt, kNever - 5, kNever, false},           // not wrapped into the past
       {kDate, L" public , max-age=  90 ", kNow, kDate + 90, false},
