@@ -108,6 +108,9 @@ TEST(HttpInitTest, StartUpReplacesTheHostsTransportWithoutDestroyingIt) {
   TerminateHttp();
   EXPECT_EQ(destroyed, 0);
   EXPECT_EQ(WorkerThreadPool(), nullptr);
+  // The file protocol counts its two start-ups; a second shut-down finds nothing else to end.
+  TerminateHttp();
+  EXPECT_FALSE(HttpFileProtocol::IsInitialised());
   if (destroyed == 0) delete host;
 }
 
