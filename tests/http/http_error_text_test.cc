@@ -82,6 +82,11 @@ TEST(HttpCategoryTest, MessagesNameListedCodesAndNothingElse) {
   EXPECT_EQ(not_found, std::error_condition(404, category));
   EXPECT_NE(not_found, std::error_condition(404, std::generic_category()));
   EXPECT_EQ(not_found.message(), "NotFound (404)");
+
+  // Responses keep their records to themselves: each is freed once, whatever is copied.
+  HttpResponse first(HttpStatus::OK, L"OK");
+  HttpResponse second(first);
+  second = first;
 }
 
 }  // namespace
