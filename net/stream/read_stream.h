@@ -51,7 +51,8 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
 
   /// True until Close: the request handle is still held.
   bool IsOpen() const;
-  /// The response status is 200 or 206: the body is the resource.
+  /// The main request was answered with status 200 exactly and no stop came: Read delivers the
+  /// body. Any other answer (a 206 or a 304 included) leaves it false.
   bool Succeeded() const;
   /// Releases the request handle now rather than with the stream. A later Read of a successful
   /// response asks the transport with no request, which fails: it throws as any failed read.
