@@ -108,6 +108,10 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
   auto local = OpenFileOrUrlAsync(file.wstring(), 0, {});
   ASSERT_EQ(local.wait_for(std::chrono::seconds(0)), std::future_status::ready);
   EXPECT_EQ(tq::test::ReadAll(*local.get(), 32), "local file body");
+  qv::stop_source stopped_first;
+  stopped_first.request_stop();
+  EXPECT_EQ(qv::net::OpenFileOrUrl(file.wstring(), 0, stopped_first.get_token()), nullptr)
+      << "a stop already requested opens no file either";
 #ifdef _WIN32
   {  // the same file through its long-path form, which the system opens as it is
     auto long_form = OpenFileOrUrlAsync(L"\\\\?\\" + file.wstring(), 0, {}).get();
