@@ -64,6 +64,13 @@ TEST(ThreadPoolTest, FourRunTogetherTheFifthWhenOneEndsAndDestructionBreaksQueue
   other.reset();
   EXPECT_EQ(ErrorOf(self), std::make_error_code(std::errc::resource_deadlock_would_occur));
   EXPECT_THROW(failing.get(), std::runtime_error);
+
+  // An explicit count of 0 starts no thread (it is not the hardware count): nothing ever runs.
+  auto idle = std::make_unique<thread_pool>(0);
+  auto never = idle->submit([] { return 1; });
+  EXPECT_EQ(idle->ThreadCount(), 0u);
+  idle.reset();
+  EXPECT_EQ(ErrorOf(never), std::make_error_code(std::future_errc::broken_promise));
 }
 
 class OpenFileOrUrlAsyncTest : public tq::test::FakeTransportTest {
