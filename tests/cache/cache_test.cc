@@ -1159,20 +1159,19 @@ TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsT
 
   // Without a directory: "DiskCache/v1" in the application's cache directory.
 #if defined(_WIN32)
-  const char* variable = "LOCALAPPDATA";
+  const wchar_t* const before = _wgetenv(L"LOCALAPPDATA");
+  const std::wstring previous = before != nullptr ? before : L"";  // empty: removed again
+  const auto put = [](const std::wstring& v) { _wputenv_s(L"LOCALAPPDATA", v.c_str()); };
+  put(dir.path().wstring());
 #else
-  const char* variable = "XDG_CACHE_HOME";
-#endif
-  std::optional<std::string> previous;
-  if (const char* saved = std::getenv(variable)) previous = saved;
-  const auto put = [&](const std::optional<std::string>& value) {
-#if defined(_WIN32)
-    ::_putenv_s(variable, value ? value->c_str() : "");
-#else
-    value ? ::setenv(variable, value->c_str(), 1) : ::unsetenv(variable);
-#endif
+  const char* const before = std::getenv("XDG_CACHE_HOME");
+  const std::optional<std::string> previous =
+      before != nullptr ? std::optional<std::string>(before) : std::nullopt;
+  const auto put = [](const std::optional<std::string>& v) {
+    v ? ::setenv("XDG_CACHE_HOME", v->c_str(), 1) : ::unsetenv("XDG_CACHE_HOME");
   };
   put(dir.path().string());
+#endif
   TqUWideStringBuffer app_dir;
   ASSERT_TRUE(TqUAppInfo::GetAppDir(0, &app_dir));
   const fs::path expected = qv::PathOfWide(app_dir.View()) / "DiskCache" / "v1";
