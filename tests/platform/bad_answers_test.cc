@@ -134,11 +134,19 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
   HINTERNET closed = InternetConnectW(session.get(), L"127.0.0.1", 1, nullptr, nullptr,
                                       INTERNET_SERVICE_HTTP, 0, 0);
   ASSERT_TRUE(InternetCloseHandle(closed));
+  // Closing a session closes its connections and their requests with it.
+  Handle parent = OpenSession();
+  Handle child = Connect(parent, 1);
+  HINTERNET grandchild = OpenRequest(child, L"/").release();
+  ASSERT_NE(grandchild, nullptr);
+  ASSERT_TRUE(InternetCloseHandle(parent.release()));
+  HINTERNET orphan = child.release();
   int not_a_handle = 0;
   char buffer[8];
   DWORD got = 0, length = sizeof buffer;
   for (HINTERNET bad : {static_cast<HINTERNET>(nullptr), static_cast<HINTERNET>(&not_a_handle),
-                        reinterpret_cast<HINTERNET>(std::uintptr_t{0xdeadbeef}), closed}) {
+                        reinterpret_cast<HINTERNET>(std::uintptr_t{0xdeadbeef}), closed,
+                        orphan, grandchild}) {
     SCOPED_TRACE(bad);
     EXPECT_EQ(ErrorOf([&] { return InternetCloseHandle(bad); }), ERROR_INVALID_HANDLE);
     EXPECT_EQ(ErrorOf([&] { return HttpSendRequestW(bad, nullptr, 0, nullptr, 0); }),
