@@ -294,6 +294,21 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
     EXPECT_EQ(std::wstring(path), L"untouched");
     EXPECT_TRUE(std::filesystem::is_empty(tqplatform::UrlDownloadCacheDirectory()));
   }
+  // The copy's path is counted in characters with its terminator: a buffer one short fails
+  // before anything is told or sent, and keeps what it held.
+  wchar_t path[260] = {};
+  ASSERT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), path, 260, 0, nullptr), S_OK);
+  const auto fits = static_cast<DWORD>(std::wcslen(path) + 1);
+  const std::size_t sent = server.requests();
+  StoppingCallback callback(0);
+  wchar_t again[260] = L"untouched";
+  EXPECT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), again, fits - 1, 0, &callback),
+            E_OUTOFMEMORY);
+  EXPECT_TRUE(callback.stops.empty());
+  EXPECT_EQ(server.requests(), sent);
+  EXPECT_EQ(std::wstring(again), L"untouched");
+  EXPECT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), again, fits, 0, &callback), S_OK);
+  EXPECT_EQ(std::wstring(again), path);
   if (previous != nullptr) {
     setenv("XDG_CACHE_HOME", saved.c_str(), 1);
   } else {
