@@ -357,10 +357,14 @@ DWORD SetDwordOption(SettingsHolder* target, InternetObject* object, DWORD optio
   if (max_conns && object != nullptr && object->kind() == HandleKind::kRequest) {
     return ERROR_INTERNET_INCORRECT_HANDLE_TYPE;
   }
-  if (buffer_length < sizeof(DWORD)) return ERROR_INTERNET_BAD_OPTION_LENGTH;
+  // The connection bound takes exactly one DWORD, and refuses 0 as a bad argument, as WinINet
+  // does; the time-outs read the first DWORD of a longer buffer.
+  if (buffer_length < sizeof(DWORD) || (max_conns && buffer_length != sizeof(DWORD))) {
+    return ERROR_INTERNET_BAD_OPTION_LENGTH;
+  }
   DWORD value = 0;
   std::memcpy(&value, buffer, sizeof(DWORD));
-  if (max_conns && value == 0) return ERROR_INVALID_PARAMETER;
+  if (max_conns && value == 0) return ERROR_BAD_ARGUMENTS;
   target->Update([&](Settings& s) { s.*field = value; });
   // Requests waiting for a slot see a raised bound at once.
   if (max_conns && object != nullptr && object->kind() == HandleKind::kConnection) {

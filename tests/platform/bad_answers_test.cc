@@ -164,13 +164,19 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
             ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
   EXPECT_EQ(ErrorOf([&] { return InternetReadFile(connection.get(), buffer, 1, &got); }),
             ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
-  // A number option one byte short is never read past its end; no buffer, no option.
-  DWORD value = 4;
+  // A number option one byte short is never read past its end; no buffer, no option. The
+  // connection bound takes exactly one DWORD, and not 0.
+  DWORD values[2] = {4, 0};
+  DWORD& value = values[0];
   const auto set = [&](DWORD option, void* to, DWORD bytes) {
     return ErrorOf([&] { return InternetSetOptionW(connection.get(), option, to, bytes); });
   };
   EXPECT_EQ(set(INTERNET_OPTION_MAX_CONNS_PER_SERVER, &value, sizeof value - 1),
             ERROR_INTERNET_BAD_OPTION_LENGTH);
+  EXPECT_EQ(set(INTERNET_OPTION_MAX_CONNS_PER_SERVER, values, sizeof value + 1),
+            ERROR_INTERNET_BAD_OPTION_LENGTH);
+  EXPECT_EQ(set(INTERNET_OPTION_MAX_CONNS_PER_SERVER, &values[1], sizeof value),
+            ERROR_BAD_ARGUMENTS);
   EXPECT_EQ(set(INTERNET_OPTION_RECEIVE_TIMEOUT, nullptr, sizeof value), ERROR_INVALID_PARAMETER);
   EXPECT_EQ(set(9999, &value, sizeof value), ERROR_INTERNET_INVALID_OPTION);
 
