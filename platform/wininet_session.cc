@@ -310,6 +310,13 @@ bool IsStringOption(DWORD option) {
   }
 }
 
+// Credentials are a connection's or a request's: set without a handle, they would be answered to
+// every server's challenge in the process.
+bool IsCredentialOption(DWORD option) {
+  return option == INTERNET_OPTION_USERNAME || option == INTERNET_OPTION_PASSWORD ||
+         option == INTERNET_OPTION_PROXY_USERNAME || option == INTERNET_OPTION_PROXY_PASSWORD;
+}
+
 // The agent goes out as the value of a header line, and a user name inside one when a server
 // asks for Digest: a line break in either would start a line of the caller's making.
 bool FitsOneLine(std::string_view text) { return text.find_first_of("\r\n") == text.npos; }
@@ -469,6 +476,8 @@ BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD b
       object = LookupAnyHandle(internet);
       if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
       target = &SettingsOf(*object);
+    } else if (IsCredentialOption(option)) {
+      return Fail(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
     }
     if (buffer == nullptr) return Fail(ERROR_INVALID_PARAMETER);
     const DWORD error = IsStringOption(option)

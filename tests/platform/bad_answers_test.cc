@@ -179,6 +179,16 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
             ERROR_BAD_ARGUMENTS);
   EXPECT_EQ(set(INTERNET_OPTION_RECEIVE_TIMEOUT, nullptr, sizeof value), ERROR_INVALID_PARAMETER);
   EXPECT_EQ(set(9999, &value, sizeof value), ERROR_INTERNET_INVALID_OPTION);
+  // Credentials belong to a connection or a request: without a handle they would be answered
+  // to every server's challenge in the process.
+  wchar_t secret[] = L"secret";
+  for (const DWORD option : {INTERNET_OPTION_USERNAME, INTERNET_OPTION_PASSWORD,
+                             INTERNET_OPTION_PROXY_USERNAME, INTERNET_OPTION_PROXY_PASSWORD}) {
+    EXPECT_EQ(ErrorOf([&] { return InternetSetOptionW(nullptr, option, secret, 6); }),
+              ERROR_INTERNET_INCORRECT_HANDLE_TYPE)
+        << option;
+    EXPECT_EQ(set(option, secret, 6), 0u) << option;
+  }
 
   // A server name that no URL can hold (an IPv6 address without its closing bracket) is taken
   // by the connect and refused by the send, before anything goes out.
