@@ -195,7 +195,10 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
     if (host.ends_with(own_port)) host.resize(host.size() - own_port.size());
     lines.push_back("Host: " + host);
   }
-  if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
+  // A User-Agent line of the caller's goes out in place of the agent.
+  if (!sent_agent_.empty() && !HasHeaderLine(sent, "User-Agent")) {
+    lines.push_back("User-Agent: " + sent_agent_);
+  }
   lines.insert(lines.end(), sent.begin(), sent.end());
   HeaderBlock block;
   const std::string& target = transfer_.sent_target();

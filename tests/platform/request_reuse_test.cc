@@ -183,6 +183,8 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
     const std::string reported =
         QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF | HTTP_QUERY_FLAG_REQUEST_HEADERS);
     EXPECT_EQ(reported.substr(0, reported.find("\r\n")), line);
+    EXPECT_EQ(QueryText(request, HTTP_QUERY_USER_AGENT | HTTP_QUERY_FLAG_REQUEST_HEADERS),
+              step.agent);
     EXPECT_TRUE(got.body == step.body) << got.body.size() << " bytes arrived";
     EXPECT_EQ(got.Header("Range").has_value(), sent(L"Range:"));
     EXPECT_EQ(got.Header("X-Extra").has_value(), sent(L"X-Extra:"));
