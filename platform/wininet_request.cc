@@ -156,6 +156,11 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
   const Settings settings = Effective();
   sent_agent_ = settings.agent.value_or("");
   sent_lines_ = fixed_headers_;
+  // The flag asks proxies on the way not to answer from their copies, unless the caller's own
+  // Pragma line says otherwise.
+  if ((flags_ & INTERNET_FLAG_PRAGMA_NOCACHE) != 0 && !HasHeaderLine(header_lines, "Pragma")) {
+    sent_lines_.emplace_back("Pragma: no-cache");
+  }
   sent_lines_.insert(sent_lines_.end(), std::make_move_iterator(header_lines.begin()),
                      std::make_move_iterator(header_lines.end()));
   return transfer_.Open(Describe(settings, std::move(body)));
