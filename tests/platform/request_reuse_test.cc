@@ -90,7 +90,8 @@ const wchar_t* kTwo[] = {L"text/html", L"*/*", nullptr};
 // Each step's request as the server saw it: the agent and Accept lines once, as asked (the
 // nearest handle's agent unless a line of the caller's own replaces it; the accept types, a line
 // of the caller's own, both, or none); dot segments gone from the path; a body sent without
-// asking to continue first, labelled with the caller's Content-Type or none; and nothing else of
+// asking to continue first, labelled with the caller's Content-Type or none; "Pragma: no-cache"
+// when the flag asks for it and the caller gave no Pragma line; and nothing else of
 // the steps before it.
 struct Step {
   const wchar_t* verb = L"GET";
