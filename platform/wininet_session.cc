@@ -406,6 +406,7 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
     ProxyMode mode;
     switch (access_type) {
       case INTERNET_OPEN_TYPE_PRECONFIG:
+      case INTERNET_OPEN_TYPE_PRECONFIG_WITH_NO_AUTOPROXY:  // the environment runs no script
         mode = ProxyMode::kEnvironment;
         break;
       case INTERNET_OPEN_TYPE_DIRECT:
