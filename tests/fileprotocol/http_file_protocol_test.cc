@@ -244,6 +244,13 @@ TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedTwoSendTimeOutsRetriedA
                                                "find size in headers for " + chunked.url_utf8()}));
   EXPECT_EQ(chunked.Read(0, 4, buffer.data()), 4);
   EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "abcd");
+  // Any status but 200 and 206 fails the read, after the size the answer names was stored.
+  server_.Route("/gone", ScriptedResponse(404, "gone!"));
+  OpenedFile gone(protocol_, server_.Url("/gone"));
+  EXPECT_EQ(gone.Read(0, 4, buffer.data(), &total), -1);
+  EXPECT_EQ(total, 5u);
+  EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled "
+                                               "Status Code for " + gone.url_utf8() + ": 404"}));
 
   // Address space only: the server sends 4 bytes, so only the first page is touched.
   const std::uint64_t size = (std::uint64_t{1} << 32) + 16;
@@ -328,12 +335,58 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   EXPECT_EQ(sent->load(), 4);
   EXPECT_THAT(TakeLog(), IsEmpty());
 
+  // Each of these ends the call: a fourth 502, a 206 whose Content-Range names no length (the
+  // Content-Length is not used instead), any other status (posted at severity 5), and a failed
+  // connect, send or status query. A send that times out is not sent again.
+  server_.Route("/502-always", ScriptedResponse(502));
+  server_.Route("/500", ScriptedResponse(500));
+  server_.Route("/405-no-length", [](const RecordedRequest& r) {
+    if (r.method == "HEAD") return ScriptedResponse(405);
+    return ScriptedResponse(206, "ab").Header("Content-Range", "bytes 0-1/*");
+  });
+  const struct {
+    const char* path;
+    const char* fault;  // fails once with `error`, or null
+    DWORD error;
+    std::size_t sent;
+    int severity;      // of the one line posted; 0: none
+    std::string line;  // after "HttpFileProtocol::GetFileInfo "; "@" is the URL
+  } failures[] = {
+      {"/502-always", nullptr, 0, 4, 0, ""},
+      {"/405-no-length", nullptr, 0, 2, 0, ""},
+      {"/500", nullptr, 0, 1, 5, "HttpQueryInfo Unhandled Status Code for @: 500"},
+      {"/f?c", "InternetConnectW", ERROR_INTERNET_NAME_NOT_RESOLVED, 0, 1,
+       "InternetConnect for @ failed: 12007"},
+      {"/f?s", "HttpSendRequestW", ERROR_INTERNET_TIMEOUT, 0, 1,
+       "HttpSendRequest for @ failed: 12002"},
+      {"/f?q", "HttpQueryInfoW", ERROR_INTERNET_INTERNAL_ERROR, 1, 1,
+       "HttpQueryInfo Status Code for @ failed: 12004"},
+  };
+  for (const auto& c : failures) {
+    SCOPED_TRACE(c.path);
+    if (c.fault != nullptr) {
+      ASSERT_TRUE(TqPlatformInjectFault(c.fault, c.error, 1, 0));
+    }
+    const std::size_t before = server_.request_count();
+    EXPECT_FALSE(Info(c.path, &info));
+    EXPECT_EQ(server_.request_count() - before, c.sent);
+    std::vector<Posted> expected;
+    if (c.severity != 0) {
+      std::string line = "HttpFileProtocol::GetFileInfo " + c.line;
+      line.replace(line.find('@'), 1, server_.Url(c.path));
+      expected.push_back({c.severity, line});
+    }
+    EXPECT_EQ(TakeLog(), expected);
+  }
+
   // An answer naming none of size, revision and time tells nothing, and nothing is kept; a tag
-  // alone is enough. A date that does not parse is no time (Wine's WinINet faults on one:
-  // tests/WINDOWS.md).
+  // alone is enough, unless it is longer than a header is read (4,095 characters). A date that
+  // does not parse is no time (Wine's WinINet faults on one: tests/WINDOWS.md).
   const std::string bad_date = IsWine() ? "" : "Last-Modified: yesterday\r\n";
-  for (const auto& [head, found] : {std::pair{"", false}, std::pair{"ETag: \"t\"\r\n", true}}) {
-    SameAnswerServer bare(std::string("HTTP/1.1 200 OK\r\n") + head + bad_date + "\r\n");
+  const std::string long_tag = "ETag: \"" + std::string(4100, 't') + "\"\r\n";
+  for (const auto& [head, found] : {std::pair<std::string, bool>{"", false},
+                                    {"ETag: \"t\"\r\n", true}, {long_tag, false}}) {
+    SameAnswerServer bare("HTTP/1.1 200 OK\r\n" + head + bad_date + "\r\n");
     TqUFileInfo bare_info;
     for (int i = 0; i < 2; ++i) {
       EXPECT_EQ(protocol_->GetFileInfo(W(bare.Url("/b")).c_str(), &bare_info), found);
@@ -404,6 +457,30 @@ TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumera
   EXPECT_EQ(server_.request_count(), before + 1);
   EXPECT_EQ(hook_calls.load(), 1);
   EXPECT_THAT(TakeLog(), IsEmpty());
+
+  // Initialise while the protocol is up makes nothing and keeps the hook; the matching
+  // Terminate takes both schemes out and the next Initialise installs the default again. With
+  // no hook at all the protocol goes ahead with the credentials as they are.
+  HttpFileProtocol::Initialise();
+  EXPECT_EQ(TqUFileProtocolRegistry::Get()->Lookup(L"https"), protocol_);
+  HttpCredentials credentials;
+  EXPECT_EQ(HttpFileProtocol::PreHTTPAuthentication(L"http://u:p@h/f", &credentials), 7);
+  TqUFileProtocolRegistry::Initialise();  // kept, to look into after the protocol went down
+  HttpFileProtocol::Terminate();
+  EXPECT_TRUE(HttpFileProtocol::IsInitialised());
+  HttpFileProtocol::Terminate();
+  EXPECT_EQ(TqUFileProtocolRegistry::Get()->Lookup(L"http"), nullptr);
+  EXPECT_EQ(TqUFileProtocolRegistry::Get()->Lookup(L"https"), nullptr);
+  TqUFileProtocolRegistry::Terminate();
+  HttpFileProtocol::Initialise();
+  EXPECT_EQ(HttpFileProtocol::PreHTTPAuthentication(L"http://u:p@h/f", &credentials),
+            HttpFileProtocol::CredentialsSupplied);
+  EXPECT_EQ(std::wstring(credentials.GetUsername()) + credentials.GetPassword(), L"up");
+  HttpFileProtocol::SetPreHTTPAuthenticationFunc(nullptr);
+  HttpCredentials none;
+  EXPECT_EQ(HttpFileProtocol::PreHTTPAuthentication(L"http://u:p@h/f", &none),
+            HttpFileProtocol::CredentialsSupplied);
+  EXPECT_EQ(std::wstring(none.GetUsername()) + none.GetPassword(), L"");
 }
 
 // Appends `C` to the resolved URL's text.
@@ -549,6 +626,8 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
       }
       EXPECT_EQ(callback.AddRef() + callback.Release(), 0u);
       EXPECT_EQ(callback.OnStartBinding(0, &binding), S_OK);
+      // No announced length: no fraction yet.
+      EXPECT_EQ(callback.OnProgress(70, 0, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
       EXPECT_EQ(callback.OnProgress(50, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
       // More than the announced length (a length the server got wrong) is never past 100%.
       EXPECT_EQ(callback.OnProgress(300, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
@@ -556,7 +635,7 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
       EXPECT_THROW(callback.RethrowProgressError(), Cancelled);
     }
     EXPECT_EQ(binding.refs, 0);
-    EXPECT_EQ(alone.values, (std::vector<double>{0.0, 0.25, 1.0, 1.0}));
+    EXPECT_EQ(alone.values, (std::vector<double>{0.0, 0.0, 0.25, 1.0, 1.0}));
     // Through GetFile: the download is complete, then the exception arrives.
     ThrowingProgress progress(throw_at);
     const std::filesystem::path target = dir.path() / ("file" + std::to_string(throw_at));
