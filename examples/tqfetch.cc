@@ -439,16 +439,8 @@ void TourStaleOnError(std::unique_ptr<TourServer> server) {
 
 void Step(const char* title) { std::printf("\n== %s\n", title); }
 
-void Tour() {
-  const fs::path work = fs::temp_directory_path() / ("tqfetch-tour-" + std::to_string(ProcessId()));
-  fs::create_directories(work);
-  TourServer server;
-  server.Put("/report.txt", {"\"r1\"", "Quarterly report, first draft.\n"});
-  server.Put("/big.bin", {"\"b1\"", MakeBig()});
-  std::printf("A local server is up at %s\n", server.Url("/").c_str());
-  std::printf("The disk cache lives in %s\n", Text(work / "cache" / "v1").c_str());
-  Library library((work / "cache").wstring().c_str());
-
+// Steps 1-4: a URL stored, served fresh, revalidated when stale, and stored anew when changed.
+void TourCache(TourServer& server, const fs::path& work) {
   const std::string report = server.Url("/report.txt");
   const fs::path entry =
       qv::net::DiskCache::ComputeCacheLocation(Wide(report), work / "cache" / "v1");
@@ -479,7 +471,10 @@ void Tour() {
   std::printf("  read %zu bytes: %s", body.size(), body.c_str());
   std::printf("  server requests so far: %d\n", server.Requests("/report.txt"));
   TqUSysTime::SetClockForTesting({});
+}
 
+// Steps 5-7: the file protocol's ranged reads, file information and whole-file download.
+void TourFileProtocol(TourServer& server, const fs::path& work) {
   const std::string big = server.Url("/big.bin");
   Step("5. A file opened through the file protocol and read in ranges");
   std::uint64_t total = 0;
@@ -501,9 +496,12 @@ void Tour() {
   const std::string downloaded((std::istreambuf_iterator<char>(in)), {});
   std::printf("  %s: %zu bytes, %s\n", Text(copy.filename()).c_str(), downloaded.size(),
               downloaded == server.Body("/big.bin") ? "identical" : "DIFFERENT");
+}
 
+// Step 8: every entry over the limit removed.
+void TourCleanUp(const std::string& url, const fs::path& work) {
   Step("8. The cache trimmed by CleanUp (limit set to 0 MiB)");
-  FetchThroughCache(big);
+  FetchThroughCache(url);
   std::size_t before = 0, after = 0;
   for (auto& e : fs::directory_iterator(work / "cache" / "v1")) before += e.is_regular_file();
   TqUOption::SetInt32("general.localcache.max_size", 0);
@@ -511,6 +509,21 @@ void Tour() {
   TqUOption::Unset("general.localcache.max_size");
   for (auto& e : fs::directory_iterator(work / "cache" / "v1")) after += e.is_regular_file();
   std::printf("  entry files before: %zu, after: %zu\n", before, after);
+}
+
+void Tour() {
+  const fs::path work = fs::temp_directory_path() / ("tqfetch-tour-" + std::to_string(ProcessId()));
+  fs::create_directories(work);
+  TourServer server;
+  server.Put("/report.txt", {"\"r1\"", "Quarterly report, first draft.\n"});
+  server.Put("/big.bin", {"\"b1\"", MakeBig()});
+  std::printf("A local server is up at %s\n", server.Url("/").c_str());
+  std::printf("The disk cache lives in %s\n", Text(work / "cache" / "v1").c_str());
+  Library library((work / "cache").wstring().c_str());
+
+  TourCache(server, work);
+  TourFileProtocol(server, work);
+  TourCleanUp(server.Url("/big.bin"), work);
 
   Step("9. Six threads open one uncached URL at once: one download, shared");
   auto slow = std::make_unique<TourServer>();

@@ -66,13 +66,18 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
             // for, which an unanswering name server makes tens of seconds.
             Set(easy, CURLOPT_QUICK_EXIT, 1L);
   // Rarely changed.
+  return ok && SetCallbacks(easy, wanted) && SetProxy(easy, wanted) &&
+         SetCredentials(easy, wanted) && SetChanged(easy, wanted);
+}
+
+bool AppliedOptions::SetCallbacks(CURL* easy, const HopOptions& wanted) {
   header_function_ = wanted.header_function;
   write_function_ = wanted.write_function;
   prereq_function_ = wanted.prereq_function;
   sockopt_function_ = wanted.sockopt_function;
-  ok = ok && Set(easy, CURLOPT_HEADERFUNCTION, header_function_) &&
-       Set(easy, CURLOPT_WRITEFUNCTION, write_function_) &&
-       Set(easy, CURLOPT_PREREQFUNCTION, prereq_function_);
+  bool ok = Set(easy, CURLOPT_HEADERFUNCTION, header_function_) &&
+            Set(easy, CURLOPT_WRITEFUNCTION, write_function_) &&
+            Set(easy, CURLOPT_PREREQFUNCTION, prereq_function_);
   if (sockopt_function_ != nullptr) {
     ok = ok && Set(easy, CURLOPT_SOCKOPTFUNCTION, sockopt_function_);
   }
@@ -90,21 +95,28 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
     ca_file_ = *ca_file;
     ok = ok && SetText(easy, CURLOPT_CAINFO, *ca_file_, false);
   }
+  return ok;
+}
+
+bool AppliedOptions::SetProxy(CURL* easy, const HopOptions& wanted) {
   proxy_mode_ = wanted.proxy_mode;
   switch (proxy_mode_) {
     case ProxyMode::kEnvironment:
-      break;  // libcurl reads http_proxy, https_proxy and no_proxy
+      return true;  // libcurl reads http_proxy, https_proxy and no_proxy
     case ProxyMode::kDirect:
-      ok = ok && Set(easy, CURLOPT_PROXY, "");
-      break;
+      return Set(easy, CURLOPT_PROXY, "");
     case ProxyMode::kNamed:
       proxy_ = wanted.proxy;
       // The bypass list is applied in `proxy`; an empty list of libcurl's keeps it from reading
       // the environment's, which a named proxy ignores.
-      ok = ok && SetText(easy, CURLOPT_PROXY, proxy_, false) &&
-           SetText(easy, CURLOPT_NOPROXY, "", false);
-      break;
+      return SetText(easy, CURLOPT_PROXY, proxy_, false) &&
+             SetText(easy, CURLOPT_NOPROXY, "", false);
   }
+  return false;
+}
+
+bool AppliedOptions::SetCredentials(CURL* easy, const HopOptions& wanted) {
+  bool ok = true;
   credentials_ = HasCredentials(wanted);
   if (!wanted.user.empty()) {
     ok = ok && SetText(easy, CURLOPT_USERNAME, std::string(wanted.user), false) &&
@@ -116,7 +128,7 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
          SetText(easy, CURLOPT_PROXYPASSWORD, std::string(wanted.proxy_password), false) &&
          Set(easy, CURLOPT_PROXYAUTH, CURLAUTH_ANY);
   }
-  return ok && SetChanged(easy, wanted);
+  return ok;
 }
 
 bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {

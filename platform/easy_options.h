@@ -74,6 +74,10 @@ class AppliedOptions {
   enum class MethodKind { kGet, kHead, kBody, kCustom };
   bool SameRareOptions(const HopOptions& wanted) const;
   bool SetAll(CURL* easy, const HopOptions& wanted);
+  // Parts of SetAll: what a cleared handle needs set again when the request wants it.
+  bool SetCallbacks(CURL* easy, const HopOptions& wanted);
+  bool SetProxy(CURL* easy, const HopOptions& wanted);
+  bool SetCredentials(CURL* easy, const HopOptions& wanted);
   bool SetChanged(CURL* easy, const HopOptions& wanted);
   bool SetMethod(CURL* easy, const HopOptions& wanted);
   bool SetUrl(CURL* easy);

@@ -492,29 +492,32 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
     case HeaderBlock::LineResult::kEndOfBlock:
       break;
   }
+  const DWORD error = OnHeaderBlock(tunnel);
+  if (error == ERROR_SUCCESS) return size;
+  header_error_ = error;
+  return 0;
+}
+
+DWORD Transfer::OnHeaderBlock(bool tunnel) {
   const int status = pending_.status_code();
   if (tunnel && status >= 200 && status < 300) {  // the tunnel is up: the origin answers next
     pending_.Clear();
-    return size;
+    return ERROR_SUCCESS;
   }
   // A tunnel refused is answered as WinINet does: the proxy's answer is the response (a 407 the
   // caller may answer with credentials), unless libcurl answers the challenge itself.
   if (tunnel && !(status == 407 && answers_407_)) OnConnected();
-  if (status == 101) {
-    // No request here asks to switch protocols; libcurl would hand over what follows as the
-    // body of a response that has no status at all.
-    header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
-    return 0;
-  }
+  // No request here asks to switch protocols; libcurl would hand over what follows a 101 as the
+  // body of a response that has no status at all.
+  if (status == 101) return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   if (status >= 100 && status < 200) {  // interim response; the real one follows
     pending_.Clear();
-    return size;
+    return ERROR_SUCCESS;
   }
   // libcurl frames the body by each Transfer-Encoding line as it came, without what a folded
   // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body.
   if (!pending_.ContentLengthAgrees() || pending_.Folded("Transfer-Encoding")) {
-    header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
-    return 0;
+    return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   }
   // Swapped, not moved: each block keeps the room it grew for the next one.
   response_.Swap(pending_);
@@ -525,16 +528,13 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
     // libcurl answers as often as it is asked, and each answer starts the header block's
     // deadline again: a server that never stops asking (a Digest nonce "stale" every time)
     // would hold the request for ever.
-    if (++challenges_answered_ > kMaxChallengesAnswered) {
-      header_error_ = ERROR_INTERNET_LOGIN_FAILURE;
-      return 0;
-    }
+    if (++challenges_answered_ > kMaxChallengesAnswered) return ERROR_INTERNET_LOGIN_FAILURE;
     clock_.RequestSent(Clock::now());  // the answer goes out as a new request
-    return size;
+    return ERROR_SUCCESS;
   }
   MoveTo(TransferState::kReceiving);
   OnFinalHeaders();
-  return size;
+  return ERROR_SUCCESS;
 }
 
 size_t Transfer::OnBody(const char* data, size_t size) {

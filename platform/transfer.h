@@ -238,6 +238,9 @@ class Transfer {
   static int PrereqCallback(void* self, char*, char*, int, int);
   static int SocketCallback(void* self, curl_socket_t, curlsocktype);
   size_t OnHeader(const char* data, size_t size);
+  // Decides what a complete header block is (a tunnel's, an interim, a challenge libcurl
+  // answers, or the final response); an error stops the transfer.
+  DWORD OnHeaderBlock(bool tunnel);
   size_t OnBody(const char* data, size_t size);
   size_t OnDrainedBody(size_t size);
 
