@@ -290,6 +290,7 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   ASSERT_TRUE(Info("/f", &cached));
   EXPECT_EQ(cached.GetFileSize(), 900u);
   EXPECT_EQ(cached.GetFileRevisionId(), L"\"abc-123\"");
+  EXPECT_EQ(cached.GetFileModificationTime(), std::int64_t{784111777});  // Last-Modified
   // Two connect time-outs are retried, a third ends the call; a new URL text misses the cache.
   ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_TIMEOUT, 2, 0));
   EXPECT_TRUE(Info("/f?1", &info));
@@ -380,12 +381,13 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   }
 
   // An answer naming none of size, revision and time tells nothing, and nothing is kept; a tag
-  // alone is enough, unless it is longer than a header is read (4,095 characters). A date that
-  // does not parse is no time (Wine's WinINet faults on one: tests/WINDOWS.md).
+  // alone is enough, unless it is longer than a header is read (4,095 characters; Wine's
+  // WinINet cuts long header lines short itself). A date that does not parse is no time (Wine's
+  // WinINet faults on one: tests/WINDOWS.md).
   const std::string bad_date = IsWine() ? "" : "Last-Modified: yesterday\r\n";
-  const std::string long_tag = "ETag: \"" + std::string(4100, 't') + "\"\r\n";
-  for (const auto& [head, found] : {std::pair<std::string, bool>{"", false},
-                                    {"ETag: \"t\"\r\n", true}, {long_tag, false}}) {
+  std::vector<std::pair<std::string, bool>> answers = {{"", false}, {"ETag: \"t\"\r\n", true}};
+  if (!IsWine()) answers.emplace_back("ETag: \"" + std::string(4100, 't') + "\"\r\n", false);
+  for (const auto& [head, found] : answers) {
     SameAnswerServer bare("HTTP/1.1 200 OK\r\n" + head + bad_date + "\r\n");
     TqUFileInfo bare_info;
     for (int i = 0; i < 2; ++i) {
