@@ -31,6 +31,9 @@
 #include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
+#if !defined(_WIN32)
+#include "tests/support/servers/tls_files.h"
+#endif
 #include "tests/support/wine.h"
 
 namespace tq::test {
@@ -86,7 +89,7 @@ struct SeenUrls : qv::net::HttpRequestHandler {
 // The request a ranged read hands to the pre-request handlers carries the URL as the caller gave
 // it, whether or not the protocol resolved the file to another URL, while the bytes come from
 // the resolved one; a second read on one request handle is made as the first. A user agent set
-// before a protocol's first open replaces the default.
+// before a protocol's first open replaces the default. An https file goes over TLS.
 TEST_F(HttpFileProtocolTest, RangedReadsSendTheUrlAsGivenToHandlersAndTheUserAgentSetBeforehand) {
   server_.Route("/asked", ScriptedResponse(200, "asked"));
   server_.Route("/resolved", ScriptedResponse(200, "resolved"));
@@ -123,6 +126,28 @@ TEST_F(HttpFileProtocolTest, RangedReadsSendTheUrlAsGivenToHandlersAndTheUserAge
   ASSERT_EQ(requests.size(), 4u);
   EXPECT_EQ(requests[0].Header("User-Agent"), "Torvik-Quillstone/23.1");
   EXPECT_EQ(requests[3].Header("User-Agent"), std::string(agent));
+
+#if !defined(_WIN32)  // where the platform can be told to trust a server of the test's own
+  // An https URL is read and asked about over TLS.
+  TempDir dir;
+  TlsFiles tls;
+  ASSERT_TRUE(MakeSelfSignedCert(dir.path(), "127.0.0.1", &tls));
+  ScriptedServer secure({.cert_file = tls.cert.string(), .key_file = tls.key.string()});
+  secure.Route("/s", ScriptedResponse(200, "sealed"));
+  ASSERT_TRUE(TqPlatformSetCaFile(tls.cert.c_str()));
+  {
+    OpenedFile f(protocol_, secure.Url("/s"));
+    std::string got(4, '\0');
+    EXPECT_EQ(f.Read(2, 4, reinterpret_cast<unsigned char*>(got.data())), 4);
+    EXPECT_EQ(got, "aled");
+  }
+  TqUFileInfo info;
+  EXPECT_TRUE(protocol_->GetFileInfo(W(secure.Url("/s")).c_str(), &info));
+  EXPECT_EQ(info.GetFileSize(), 6u);
+  TqPlatformSetCaFile(nullptr);
+  EXPECT_EQ(secure.request_count(), 2u);
+  EXPECT_THAT(TakeLog(), IsEmpty());
+#endif
 }
 
 // Handles are looked up among the live ones, never read: a released handle (reading it was a
