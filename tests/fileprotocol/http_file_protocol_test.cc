@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -66,17 +67,18 @@ struct Releaser : qv::net::HttpRequestHandler {
   bool released = false;
 };
 
-// Sends every file to one other URL.
+// Sends every file to one other URL; without one it declines to resolve.
 class ResolvingProtocol : public HttpFileProtocol {
  public:
-  explicit ResolvingProtocol(std::wstring target) : target_(std::move(target)) {}
+  explicit ResolvingProtocol(std::optional<std::wstring> target) : target_(std::move(target)) {}
   bool SetupOpenFile(const wchar_t*, TqUWideStringBuffer* resolved, OpenMode) override {
-    resolved->SetString(target_.c_str());
+    if (!target_) return false;
+    resolved->SetString(target_->c_str());
     return true;
   }
 
  private:
-  std::wstring target_;
+  std::optional<std::wstring> target_;
 };
 
 struct SeenUrls : qv::net::HttpRequestHandler {
@@ -126,6 +128,17 @@ TEST_F(HttpFileProtocolTest, RangedReadsSendTheUrlAsGivenToHandlersAndTheUserAge
   ASSERT_EQ(requests.size(), 4u);
   EXPECT_EQ(requests[0].Header("User-Agent"), "Torvik-Quillstone/23.1");
   EXPECT_EQ(requests[3].Header("User-Agent"), std::string(agent));
+  // A protocol that declines to resolve reads the URL given; one resolving to no URL opens
+  // nothing.
+  ResolvingProtocol keeping(std::nullopt), broken(L"not a url");
+  EXPECT_EQ(broken.OpenFile(url.c_str(), TqUFileProtocol::OpenRead), nullptr);
+  {
+    OpenedFile kept(&keeping, server_.Url("/asked"));
+    std::string got(3, '\0');
+    EXPECT_EQ(kept.Read(0, 3, reinterpret_cast<unsigned char*>(got.data())), 3);
+    EXPECT_EQ(got, "ask");
+  }
+  EXPECT_THAT(TakeLog(), IsEmpty());
 
 #if !defined(_WIN32)  // where the platform can be told to trust a server of the test's own
   // An https URL is read and asked about over TLS.
