@@ -176,6 +176,16 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
   }
   EXPECT_EQ(protocol_->SetupReadFile(nullptr, 0, 1), nullptr);
   EXPECT_EQ(protocol_->CreateThreadHandle(nullptr), nullptr);
+  // What the file layer asks of the protocol, and null handles, which there is nothing to release.
+  EXPECT_THAT((std::vector<bool>{protocol_->SupportsDirectOpen(), protocol_->SupportsGetPut(),
+                                 protocol_->SupportsOwnCache(), protocol_->IsRemote(),
+                                 protocol_->SupportsReadFileToSize(), protocol_->CloseFile(nullptr),
+                                 protocol_->ReleaseThreadHandle(nullptr),
+                                 protocol_->ReleaseRequestHandle(nullptr)}),
+              ::testing::Each(true));
+  unsigned char byte = 0;
+  EXPECT_FALSE(protocol_->PutFile(L"/tmp/x", L"http://h/x", nullptr));  // nothing is uploaded
+  EXPECT_FALSE(protocol_->WriteFile(nullptr, 0, 1, &byte));
   EXPECT_THAT(TakeLog(), IsEmpty());
 
   SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nabcd");
@@ -676,7 +686,8 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
       EXPECT_EQ(callback.OnProgress(50, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
       // More than the announced length (a length the server got wrong) is never past 100%.
       EXPECT_EQ(callback.OnProgress(300, 200, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
-      EXPECT_EQ(callback.OnStopBinding(S_OK, nullptr), S_OK);
+      // A download that failed ends at 1.0 as well.
+      EXPECT_EQ(callback.OnStopBinding(E_ABORT, nullptr), S_OK);
       EXPECT_THROW(callback.RethrowProgressError(), Cancelled);
     }
     EXPECT_EQ(binding.refs, 0);
