@@ -256,7 +256,8 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
 TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedTwoSendTimeOutsRetriedAnd4GiBAskedFor) {
   ASSERT_TRUE(TqPlatformInjectFault("InternetOpenW", ERROR_INTERNET_INTERNAL_ERROR, 1, 0));
   EXPECT_EQ(protocol_->OpenFile(L"http://127.0.0.1:1/f", TqUFileProtocol::OpenRead), nullptr);
-  ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_NAME_NOT_RESOLVED, 1, 0));
+  // A thread's connection is not tried again, not even after a time-out.
+  ASSERT_TRUE(TqPlatformInjectFault("InternetConnectW", ERROR_INTERNET_TIMEOUT, 1, 0));
   EXPECT_FALSE(OpenedFile(protocol_, "http://127.0.0.1:1/f").ok());
 
   SameAnswerServer server([](const std::string& head) -> std::string {
@@ -280,7 +281,7 @@ TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedTwoSendTimeOutsRetriedA
   EXPECT_THAT(TakeLog(),
               ElementsAre(Posted{1, "HttpFileProtocol::OpenInetHandle InternetOpen failed: 12004"},
                           Posted{1, "HttpFileProtocol::CreateThreadHandle InternetConnect for "
-                                    "http://127.0.0.1:1/f failed: 12007"},
+                                    "http://127.0.0.1:1/f failed: 12002"},
                           Posted{1, "HttpFileProtocol::ReadFile HttpOpenRequest for " +
                                         f.url_utf8() + " failed: 12001"},
                           Posted{1, "HttpFileProtocol::ReadFile HttpQueryInfo Status Code for " +
@@ -387,6 +388,15 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   });
   EXPECT_TRUE(Info("/502", &info));
   EXPECT_EQ(sent->load(), 4);
+  // The request opened for the GET starts its count of 502s afresh.
+  auto sends = std::make_shared<std::atomic<int>>(0);
+  server_.Route("/502-405", [sends](const RecordedRequest& r) {
+    const int n = ++*sends;
+    if (r.method == "HEAD") return ScriptedResponse(n <= 3 ? 502 : 405);
+    return n <= 7 ? ScriptedResponse(502) : FullAnswer();
+  });
+  EXPECT_TRUE(Info("/502-405", &info));
+  EXPECT_EQ(sends->load(), 8);
   EXPECT_THAT(TakeLog(), IsEmpty());
 
   // Each of these ends the call: a fourth 502, a 206 whose Content-Range names no length (the
