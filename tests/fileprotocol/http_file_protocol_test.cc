@@ -305,6 +305,12 @@ TEST_F(HttpFileProtocolTest, FailedOpensAndReadsArePostedTwoSendTimeOutsRetriedA
   EXPECT_EQ(total, 5u);
   EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile HttpQueryInfo Unhandled "
                                                "Status Code for " + gone.url_utf8() + ": 404"}));
+  // The size a Content-Range names comes before the Content-Length (of the part).
+  SameAnswerServer part(
+      "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 1-3/9\r\nContent-Length: 3\r\n\r\nbcd");
+  OpenedFile in_part(protocol_, part.Url("/f"));
+  EXPECT_EQ(in_part.Read(1, 3, buffer.data(), &total), 3);
+  EXPECT_EQ(total, 9u);
 
   // Address space only: the server sends 4 bytes, so only the first page is touched.
   const std::uint64_t size = (std::uint64_t{1} << 32) + 16;
