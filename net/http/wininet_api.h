@@ -39,7 +39,7 @@ namespace detail {
 using QueryInfoResult = std::variant<std::wstring, std::uint32_t, std::int64_t>;
 
 /// Queries `level` (with `name` as a custom header when given), growing the buffer as WinINet
-/// asks. Text results keep the terminating NUL as their last code unit.
+/// asks. A text result ends where WinINet's reported length does: no terminator at its end.
 bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
                QueryInfoResult& result, std::uint32_t* index);
 

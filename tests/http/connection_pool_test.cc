@@ -4,6 +4,7 @@
 
 #include <future>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "net/http/http_api.h"
@@ -12,6 +13,15 @@
 
 namespace qv::net {
 namespace {
+
+// Remembers the user agent the internet handle was opened with.
+struct AgentRecordingApi : tq::test::FakeHttpApi {
+  void* OpenInternet(const wchar_t* user_agent) override {
+    agent = user_agent;
+    return FakeHttpApi::OpenInternet(user_agent);
+  }
+  std::wstring agent;
+};
 
 class ConnectionPoolTest : public ::testing::Test {
  protected:
@@ -24,7 +34,7 @@ class ConnectionPoolTest : public ::testing::Test {
     return HttpConnectionPool::CreateConnection(TqUURL(url, false));
   }
 
-  tq::test::FakeHttpApi m_api;
+  AgentRecordingApi m_api;
   IHttpApi* m_previous = nullptr;
 };
 
@@ -52,6 +62,7 @@ TEST_F(ConnectionPoolTest, ConcurrentFirstCallsShareOneConnectionPerServerAndFai
     EXPECT_TRUE(distinct.insert(Connect(url)).second) << qv::WideToUtf8(url);
   }
   EXPECT_EQ(m_api.CountCalls("OpenInternet"), 1);
+  EXPECT_EQ(m_api.agent, L"Torvik-Quillstone/23.1");
   EXPECT_EQ(m_api.OpenHandles(), 6u);
   HttpConnectionPool::Terminate();
   HttpConnectionPool::Terminate();
@@ -64,6 +75,18 @@ TEST_F(ConnectionPoolTest, ConcurrentFirstCallsShareOneConnectionPerServerAndFai
   EXPECT_NE(handle, nullptr);
   EXPECT_EQ(Connect(L"http://example.com/"), handle);
   EXPECT_EQ(m_api.CountCalls("Connect"), 7);
+  HttpConnectionPool::Terminate();
+
+  // A pool whose internet handle could not be opened gives no connection and does not try to
+  // open one again until it is terminated.
+  m_api.fail_call = [](const std::string& call) { return call == "OpenInternet"; };
+  EXPECT_EQ(Connect(L"http://example.com/"), nullptr);
+  m_api.fail_call = nullptr;
+  EXPECT_EQ(Connect(L"http://example.com/"), nullptr);
+  EXPECT_EQ(m_api.CountCalls("OpenInternet"), 3);
+  EXPECT_EQ(m_api.CountCalls("Connect"), 7);
+  HttpConnectionPool::Terminate();
+  EXPECT_NE(Connect(L"http://example.com/"), nullptr);
 }
 
 // Without a transport no connection can be had: null, and nothing is created that would keep

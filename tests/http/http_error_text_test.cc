@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <system_error>
+#include <utility>
 
+#include "net/http/http_status.h"
 #include "platform/urlmon.h"
 #include "platform/wininet.h"
 
@@ -53,6 +56,37 @@ TEST(HttpErrorTextTest, WordsForErrorCodesAndStatuses) {
         << "error " << c.error << ", status " << c.status;
   }
   EXPECT_EQ(HttpErrorText(ERROR_INTERNET_TIMEOUT), "timed out after 60 s");
+}
+
+// A status inside a standard error code reads as its enumerator's name and code; 413 keeps its
+// older name, and the teapot its words.
+TEST(HttpCategoryTest, MessagesNameListedCodesAndNothingElse) {
+  const std::error_category& category = HttpCategory();
+  EXPECT_EQ(&category, &HttpCategory());
+  EXPECT_STREQ(category.name(), "http");
+  const std::pair<int, const char*> cases[] = {
+      {200, "OK (200)"},
+      {304, "NotModified (304)"},
+      {413, "PayloadTooLarge (413)"},
+      {418, "I'm A Teapot (418)"},
+      {505, "HTTPVersionNotSupported (505)"},
+      {511, "NetworkAuthenticationRequired (511)"},
+      {0, "Unknown"},
+      {306, "Unknown"},
+      {509, "Unknown"},
+      {-1, "Unknown"},
+      {1000, "Unknown"},
+  };
+  for (const auto& [code, text] : cases) EXPECT_EQ(category.message(code), text) << code;
+  const std::error_code not_found(404, category);
+  EXPECT_EQ(not_found, std::error_condition(404, category));
+  EXPECT_NE(not_found, std::error_condition(404, std::generic_category()));
+  EXPECT_EQ(not_found.message(), "NotFound (404)");
+
+  // Responses keep their records to themselves: each is freed once, whatever is copied.
+  HttpResponse first(HttpStatus::OK, L"OK");
+  HttpResponse second(first);
+  second = first;
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "net/http/connection_pool.h"
 #include "net/http/http_api.h"
 #include "net/http/request_handler.h"
+#include "net/http/wininet_api.h"
 #include "net/stream/open_file_or_url.h"
 #include "net/stream/read_stream.h"
 #include "net/stream/thread_pool.h"
@@ -78,6 +79,39 @@ TEST(HttpInitTest, AsyncTaskRunningAtTerminateFinishesBeforeTheTransportIsDestro
   ASSERT_NE(stream, nullptr);
   char buffer[8] = {};
   EXPECT_EQ(stream->Read(buffer, sizeof buffer), 4u);
+}
+
+// Start-up puts a new pool of 4 threads and a new WinInet backend in place of what was there,
+// and destroys the old pool but not a transport a host installed: that one stays the host's,
+// as does one the host takes back before shut-down.
+TEST(HttpInitTest, StartUpReplacesTheHostsTransportWithoutDestroyingIt) {
+  std::atomic<int> destroyed{0};
+  auto* host = new TrackedApi(destroyed);
+  SetHttpApi(host);
+  InitialiseHttp();
+  IHttpApi* const backend = HttpApi();
+  thread_pool* const pool = WorkerThreadPool();
+  EXPECT_NE(dynamic_cast<WinInet*>(backend), nullptr);
+  ASSERT_NE(pool, nullptr);
+  EXPECT_EQ(pool->ThreadCount(), 4u);
+
+  EXPECT_EQ(SetHttpApi(host), backend);
+  delete backend;
+  InitialiseHttp();
+  EXPECT_NE(WorkerThreadPool(), pool);  // made while the first still existed
+  EXPECT_EQ(WorkerThreadPool()->ThreadCount(), 4u);
+  EXPECT_NE(dynamic_cast<WinInet*>(HttpApi()), nullptr);
+  EXPECT_EQ(destroyed, 0);
+
+  delete SetHttpApi(host);
+  EXPECT_EQ(SetHttpApi(nullptr), host);
+  TerminateHttp();
+  EXPECT_EQ(destroyed, 0);
+  EXPECT_EQ(WorkerThreadPool(), nullptr);
+  // The file protocol counts its two start-ups; a second shut-down finds nothing else to end.
+  TerminateHttp();
+  EXPECT_FALSE(HttpFileProtocol::IsInitialised());
+  if (destroyed == 0) delete host;
 }
 
 // Start-up and shut-down that cannot be done leave everything as it was: the exception, and the
