@@ -49,9 +49,11 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   /// Size from Content-Length and the entity tag, when the response gave them.
   qv::io::StreamMetaData MetaData() override;
 
-  /// True until Close: the request handle is still held.
+  /// The stream holds a request handle: false after Close, and when no request could be made or
+  /// a stop ended the exchange before an answer was kept.
   bool IsOpen() const;
-  /// The response status is 200 or 206: the body is the resource.
+  /// The main request was answered with status 200 exactly and no stop came: Read delivers the
+  /// body. Any other answer (a 206 or a 304 included) leaves it false.
   bool Succeeded() const;
   /// Releases the request handle now rather than with the stream. A later Read of a successful
   /// response asks the transport with no request, which fails: it throws as any failed read.

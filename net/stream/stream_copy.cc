@@ -115,14 +115,17 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteS
       const std::uint64_t n = source.Read(next, piece);
       if (n != 0) {
         buffer.Used(region + n);
-        result.bytes_copied += n;
-        if (!writer && into_file && result.bytes_copied > kCopyChunkSize) {
+        if (!writer && into_file && result.bytes_copied + n > kCopyChunkSize) {
           StartWriter(target, writer);
         }
         if (writer) {
+          // A failed write of the piece before surfaces here: this piece is never handed over,
+          // so it is counted only once the writer has taken it.
           writer->Write(next, n);
+          result.bytes_copied += n;
           region = piece - region;
         } else {
+          result.bytes_copied += n;  // counted even if the write throws: it was handed over
           target.Write(next, n);
         }
       }
