@@ -128,10 +128,13 @@ TransferRequest Request::Describe(const Settings& settings, std::string body) co
     out.https_proxy = session->ProxyFor("https");
     out.proxy_bypass = session->proxy_bypass();
   }
-  out.user = settings.user.value_or("");
-  out.password = settings.password.value_or("");
-  out.proxy_user = settings.proxy_user.value_or("");
-  out.proxy_password = settings.proxy_password.value_or("");
+  // Without credentials a challenge is the answer: the flag leaves it to the caller.
+  if ((flags_ & INTERNET_FLAG_NO_AUTH) == 0) {
+    out.user = settings.user.value_or("");
+    out.password = settings.password.value_or("");
+    out.proxy_user = settings.proxy_user.value_or("");
+    out.proxy_password = settings.proxy_password.value_or("");
+  }
   out.verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
   out.ca_file = TestCaFile();
   out.limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);

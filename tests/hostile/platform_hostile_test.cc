@@ -193,7 +193,8 @@ TEST(HostilePlatform, BytesSentAfterAnAnswerAreNotTheNextRequestsAnswer) {
 }
 
 // A server or proxy that asks for credentials again after every answer (a Digest nonce "stale"
-// each time) is answered a few times, not for as long as it goes on asking.
+// each time) is answered a few times, not for as long as it goes on asking; not at all when the
+// request asks for no authentication.
 TEST(HostilePlatform, ChallengesWithoutEndAreNotAnsweredWithoutEnd) {
   for (const bool proxy : {false, true}) {
     SCOPED_TRACE(proxy ? "proxy" : "server");
@@ -217,6 +218,12 @@ TEST(HostilePlatform, ChallengesWithoutEndAreNotAnsweredWithoutEnd) {
         c, proxy ? INTERNET_OPTION_PROXY_PASSWORD : INTERNET_OPTION_PASSWORD, password, 2));
     EXPECT_EQ(Fetch(connection, L"/"), "error " + std::to_string(ERROR_INTERNET_LOGIN_FAILURE));
     EXPECT_LE(server.requests(), 11u);
+    // A request that asks for no authentication gets the first challenge as its answer.
+    const std::size_t before = server.requests();
+    Handle request = OpenRequest(connection, L"/", L"GET", INTERNET_FLAG_NO_AUTH);
+    ASSERT_TRUE(Send(request)) << GetLastError();
+    EXPECT_EQ(StatusCode(request), proxy ? 407u : 401u);
+    EXPECT_EQ(server.requests(), before + 1);
   }
 }
 
