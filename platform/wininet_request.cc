@@ -128,10 +128,13 @@ TransferRequest Request::Describe(const Settings& settings, std::string body) co
     out.https_proxy = session->ProxyFor("https");
     out.proxy_bypass = session->proxy_bypass();
   }
-  out.user = settings.user.value_or("");
-  out.password = settings.password.value_or("");
-  out.proxy_user = settings.proxy_user.value_or("");
-  out.proxy_password = settings.proxy_password.value_or("");
+  // Without credentials a challenge is the answer: the flag leaves it to the caller.
+  if ((flags_ & INTERNET_FLAG_NO_AUTH) == 0) {
+    out.user = settings.user.value_or("");
+    out.password = settings.password.value_or("");
+    out.proxy_user = settings.proxy_user.value_or("");
+    out.proxy_password = settings.proxy_password.value_or("");
+  }
   out.verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
   out.ca_file = TestCaFile();
   out.limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
@@ -156,6 +159,11 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
   const Settings settings = Effective();
   sent_agent_ = settings.agent.value_or("");
   sent_lines_ = fixed_headers_;
+  // The flag asks proxies on the way not to answer from their copies, unless the caller's own
+  // Pragma line says otherwise.
+  if ((flags_ & INTERNET_FLAG_PRAGMA_NOCACHE) != 0 && !HasHeaderLine(header_lines, "Pragma")) {
+    sent_lines_.emplace_back("Pragma: no-cache");
+  }
   sent_lines_.insert(sent_lines_.end(), std::make_move_iterator(header_lines.begin()),
                      std::make_move_iterator(header_lines.end()));
   return transfer_.Open(Describe(settings, std::move(body)));
@@ -195,7 +203,10 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
     if (host.ends_with(own_port)) host.resize(host.size() - own_port.size());
     lines.push_back("Host: " + host);
   }
-  if (!sent_agent_.empty()) lines.push_back("User-Agent: " + sent_agent_);
+  // A User-Agent line of the caller's goes out in place of the agent.
+  if (!sent_agent_.empty() && !HasHeaderLine(sent, "User-Agent")) {
+    lines.push_back("User-Agent: " + sent_agent_);
+  }
   lines.insert(lines.end(), sent.begin(), sent.end());
   HeaderBlock block;
   const std::string& target = transfer_.sent_target();

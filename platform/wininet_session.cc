@@ -310,6 +310,13 @@ bool IsStringOption(DWORD option) {
   }
 }
 
+// Credentials are a connection's or a request's: set without a handle, they would be answered to
+// every server's challenge in the process.
+bool IsCredentialOption(DWORD option) {
+  return option == INTERNET_OPTION_USERNAME || option == INTERNET_OPTION_PASSWORD ||
+         option == INTERNET_OPTION_PROXY_USERNAME || option == INTERNET_OPTION_PROXY_PASSWORD;
+}
+
 // The agent goes out as the value of a header line, and a user name inside one when a server
 // asks for Digest: a line break in either would start a line of the caller's making.
 bool FitsOneLine(std::string_view text) { return text.find_first_of("\r\n") == text.npos; }
@@ -357,10 +364,14 @@ DWORD SetDwordOption(SettingsHolder* target, InternetObject* object, DWORD optio
   if (max_conns && object != nullptr && object->kind() == HandleKind::kRequest) {
     return ERROR_INTERNET_INCORRECT_HANDLE_TYPE;
   }
-  if (buffer_length < sizeof(DWORD)) return ERROR_INTERNET_BAD_OPTION_LENGTH;
+  // The connection bound takes exactly one DWORD, and refuses 0 as a bad argument, as WinINet
+  // does; the time-outs read the first DWORD of a longer buffer.
+  if (buffer_length < sizeof(DWORD) || (max_conns && buffer_length != sizeof(DWORD))) {
+    return ERROR_INTERNET_BAD_OPTION_LENGTH;
+  }
   DWORD value = 0;
   std::memcpy(&value, buffer, sizeof(DWORD));
-  if (max_conns && value == 0) return ERROR_INVALID_PARAMETER;
+  if (max_conns && value == 0) return ERROR_BAD_ARGUMENTS;
   target->Update([&](Settings& s) { s.*field = value; });
   // Requests waiting for a slot see a raised bound at once.
   if (max_conns && object != nullptr && object->kind() == HandleKind::kConnection) {
@@ -395,6 +406,7 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
     ProxyMode mode;
     switch (access_type) {
       case INTERNET_OPEN_TYPE_PRECONFIG:
+      case INTERNET_OPEN_TYPE_PRECONFIG_WITH_NO_AUTOPROXY:  // the environment runs no script
         mode = ProxyMode::kEnvironment;
         break;
       case INTERNET_OPEN_TYPE_DIRECT:
@@ -465,6 +477,8 @@ BOOL InternetSetOptionW(HINTERNET internet, DWORD option, LPVOID buffer, DWORD b
       object = LookupAnyHandle(internet);
       if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
       target = &SettingsOf(*object);
+    } else if (IsCredentialOption(option)) {
+      return Fail(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
     }
     if (buffer == nullptr) return Fail(ERROR_INVALID_PARAMETER);
     const DWORD error = IsStringOption(option)

@@ -109,6 +109,62 @@ std::uint64_t CheckedRangeSize(ContentRangeHeader& content_range, std::uint64_t 
   return range.last - range.first + 1;
 }
 
+// The GET for the file. It carries the URL as the caller gave it; the file's parsed URL is that
+// URL unless it was resolved to another: copied, it spares parsing the text again for every read.
+HttpRequest FileRequest(const HttpFileHandle& file) {
+  const TqUWideString& url = file.UrlText();
+  const TqUURL& parsed = file.ParsedUrl();
+  return std::wcscmp(parsed.GetString(), url.GetString()) == 0
+             ? HttpRequest(parsed, HttpMethod::Get)
+             : HttpRequest(url.GetString(), HttpMethod::Get);
+}
+
+// Runs the pre-request handlers on the request, then asks it for bytes `first` to `last`.
+void PrepareRangeRequest(HttpRequest& request, std::uint64_t first, std::uint64_t last) {
+  HttpRequestHandlerManager::HandlePreRequest(request);
+  std::wstring range = L"bytes=";
+  qv::AppendDecimal(first, &range);
+  range.push_back(L'-');
+  qv::AppendDecimal(last, &range);
+  request.AddHeader(L"Range", range.c_str());
+}
+
+// Reads the answer to a ranged GET that was sent: its status, then the bytes at `offset` into
+// `buffer`. The bytes read, 0 when none of them exist, or -1 with the failure posted.
+std::int64_t ReadAnswer(HINTERNET handle, ContentRangeHeader& content_range,
+                        const TqUWideString& url, std::uint64_t offset, std::uint64_t size,
+                        unsigned char* buffer) {
+  DWORD status = 0;
+  if (!detail::QueryStatusCode(handle, &status)) {
+    PostReadError(L"HttpFileProtocol::ReadFile HttpQueryInfo Status Code for %s failed: %d", url,
+                  static_cast<int>(GetLastError()));
+    return -1;
+  }
+  if (status != 200 && status != 206) {
+    PostReadError(L"HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for %s: %d",
+                  url, static_cast<int>(status));
+    return -1;
+  }
+  // The caller asked for the bytes at `offset` and must never get other bytes in their place.
+  // So, unlike a plain ranged read that takes whatever body comes, a 206 for another range is
+  // a failure, and a 200 (the range ignored, the whole file sent) is read from `offset` on.
+  std::uint64_t wanted = size;
+  if (status == 206) {
+    wanted = CheckedRangeSize(content_range, offset, offset + size - 1);
+    if (wanted == 0) {
+      TqUError::Post(1, &detail::FileProtocolComponent(),
+                     L"HttpFileProtocol::ReadFile HttpQueryInfo Content-Range for %s does not "
+                     L"match bytes=%llu-%llu",
+                     url.GetString(), static_cast<unsigned long long>(offset),
+                     static_cast<unsigned long long>(offset + size - 1));
+      return -1;
+    }
+  } else if (offset > 0 && !SkipBody(handle, offset)) {
+    return 0;  // the body ends before the offset: none of the bytes asked for exist
+  }
+  return static_cast<std::int64_t>(ReadBody(handle, wanted, buffer));
+}
+
 }  // namespace
 
 std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHandle* thread,
@@ -138,20 +194,8 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
     return -1;
   }
   const TqUWideString& url = file_record->UrlText();
-
-  // The request carries the URL as the caller gave it. The file's parsed URL is that URL unless
-  // it was resolved to another: copied, it spares parsing the text again for every read.
-  const TqUURL& parsed = file_record->ParsedUrl();
-  HttpRequest http_request = std::wcscmp(parsed.GetString(), url.GetString()) == 0
-                                 ? HttpRequest(parsed, HttpMethod::Get)
-                                 : HttpRequest(url.GetString(), HttpMethod::Get);
-  HttpRequestHandlerManager::HandlePreRequest(http_request);
-  std::wstring range = L"bytes=";
-  qv::AppendDecimal(offset, &range);
-  range.push_back(L'-');
-  qv::AppendDecimal(offset + size - 1, &range);
-  http_request.AddHeader(L"Range", range.c_str());
-
+  HttpRequest http_request = FileRequest(*file_record);
+  PrepareRangeRequest(http_request, offset, offset + size - 1);
   detail::InternetHandle handle(detail::OpenProtocolRequest(
       thread_record->Connection(), http_request.GetMethod(), request_record->Resource().GetString(),
       thread_record->IsSecure()));
@@ -169,7 +213,6 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
                                 url.GetString())) {
     return -1;
   }
-
   if (detail::HasConflictingContentLength(handle.Get())) {
     TqUError::Post(1, &detail::FileProtocolComponent(),
                    L"HttpFileProtocol::ReadFile HttpQueryInfo Conflicting Content-Length for %s",
@@ -180,36 +223,7 @@ std::int64_t HttpFileProtocol::ReadFileToSize(TqUFileHandle* file, TqUThreadHand
   if (total_size != nullptr && !QueryTotalSize(handle.Get(), content_range, url, total_size)) {
     return -1;
   }
-
-  DWORD status = 0;
-  if (!detail::QueryStatusCode(handle.Get(), &status)) {
-    PostReadError(L"HttpFileProtocol::ReadFile HttpQueryInfo Status Code for %s failed: %d", url,
-                  static_cast<int>(GetLastError()));
-    return -1;
-  }
-  if (status != 200 && status != 206) {
-    PostReadError(L"HttpFileProtocol::ReadFile HttpQueryInfo Unhandled Status Code for %s: %d",
-                  url, static_cast<int>(status));
-    return -1;
-  }
-  // The caller asked for the bytes at `offset` and must never get other bytes in their place.
-  // So, unlike a plain ranged read that takes whatever body comes, a 206 for another range is
-  // a failure, and a 200 (the range ignored, the whole file sent) is read from `offset` on.
-  std::uint64_t wanted = size;
-  if (status == 206) {
-    wanted = CheckedRangeSize(content_range, offset, offset + size - 1);
-    if (wanted == 0) {
-      TqUError::Post(1, &detail::FileProtocolComponent(),
-                     L"HttpFileProtocol::ReadFile HttpQueryInfo Content-Range for %s does not "
-                     L"match bytes=%llu-%llu",
-                     url.GetString(), static_cast<unsigned long long>(offset),
-                     static_cast<unsigned long long>(offset + size - 1));
-      return -1;
-    }
-  } else if (offset > 0 && !SkipBody(handle.Get(), offset)) {
-    return 0;  // the body ends before the offset: none of the bytes asked for exist
-  }
-  return static_cast<std::int64_t>(ReadBody(handle.Get(), wanted, buffer));
+  return ReadAnswer(handle.Get(), content_range, url, offset, size, buffer);
 }
 
 bool HttpFileProtocol::ReadFile(TqUFileHandle* file, TqUThreadHandle* thread,

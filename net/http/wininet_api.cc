@@ -19,11 +19,11 @@ constexpr DWORD kFirstBufferChars = 8;
 DWORD BytesOf(std::size_t chars) { return static_cast<DWORD>(chars * sizeof(wchar_t)); }
 
 std::vector<wchar_t> MakeBuffer(DWORD length_in_bytes) {
-  // Round up, and never less than one character, so binary results (a DWORD, a SYSTEMTIME) fit.
-  const std::size_t bytes = length_in_bytes;
-  const std::size_t chars =
-      std::max<std::size_t>(1, (bytes + sizeof(wchar_t) - 1) / sizeof(wchar_t));
-  return std::vector<wchar_t>(chars, L'\0');
+  // Rounded up, and never smaller than a SYSTEMTIME, whatever length the call is given: a
+  // WinINet that writes a binary result (a DWORD, a SYSTEMTIME) without checking the length
+  // against it then still writes inside the buffer, and the result is read from inside it.
+  const std::size_t bytes = std::max<std::size_t>(length_in_bytes, sizeof(SYSTEMTIME));
+  return std::vector<wchar_t>((bytes + sizeof(wchar_t) - 1) / sizeof(wchar_t), L'\0');
 }
 
 void CopyName(std::vector<wchar_t>& buffer, const std::wstring& name) {

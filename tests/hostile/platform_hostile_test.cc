@@ -193,7 +193,8 @@ TEST(HostilePlatform, BytesSentAfterAnAnswerAreNotTheNextRequestsAnswer) {
 }
 
 // A server or proxy that asks for credentials again after every answer (a Digest nonce "stale"
-// each time) is answered a few times, not for as long as it goes on asking.
+// each time) is answered a few times, not for as long as it goes on asking; not at all when the
+// request asks for no authentication.
 TEST(HostilePlatform, ChallengesWithoutEndAreNotAnsweredWithoutEnd) {
   for (const bool proxy : {false, true}) {
     SCOPED_TRACE(proxy ? "proxy" : "server");
@@ -217,6 +218,12 @@ TEST(HostilePlatform, ChallengesWithoutEndAreNotAnsweredWithoutEnd) {
         c, proxy ? INTERNET_OPTION_PROXY_PASSWORD : INTERNET_OPTION_PASSWORD, password, 2));
     EXPECT_EQ(Fetch(connection, L"/"), "error " + std::to_string(ERROR_INTERNET_LOGIN_FAILURE));
     EXPECT_LE(server.requests(), 11u);
+    // A request that asks for no authentication gets the first challenge as its answer.
+    const std::size_t before = server.requests();
+    Handle request = OpenRequest(connection, L"/", L"GET", INTERNET_FLAG_NO_AUTH);
+    ASSERT_TRUE(Send(request)) << GetLastError();
+    EXPECT_EQ(StatusCode(request), proxy ? 407u : 401u);
+    EXPECT_EQ(server.requests(), before + 1);
   }
 }
 
@@ -294,6 +301,21 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
     EXPECT_EQ(std::wstring(path), L"untouched");
     EXPECT_TRUE(std::filesystem::is_empty(tqplatform::UrlDownloadCacheDirectory()));
   }
+  // The copy's path is counted in characters with its terminator: a buffer one short fails
+  // before anything is told or sent, and keeps what it held.
+  wchar_t path[260] = {};
+  ASSERT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), path, 260, 0, nullptr), S_OK);
+  const auto fits = static_cast<DWORD>(std::wcslen(path) + 1);
+  const std::size_t sent = server.requests();
+  StoppingCallback callback(0);
+  wchar_t again[260] = L"untouched";
+  EXPECT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), again, fits - 1, 0, &callback),
+            E_OUTOFMEMORY);
+  EXPECT_TRUE(callback.stops.empty());
+  EXPECT_EQ(server.requests(), sent);
+  EXPECT_EQ(std::wstring(again), L"untouched");
+  EXPECT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), again, fits, 0, &callback), S_OK);
+  EXPECT_EQ(std::wstring(again), path);
   if (previous != nullptr) {
     setenv("XDG_CACHE_HOME", saved.c_str(), 1);
   } else {

@@ -134,11 +134,19 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
   HINTERNET closed = InternetConnectW(session.get(), L"127.0.0.1", 1, nullptr, nullptr,
                                       INTERNET_SERVICE_HTTP, 0, 0);
   ASSERT_TRUE(InternetCloseHandle(closed));
+  // Closing a session closes its connections and their requests with it.
+  Handle parent = OpenSession();
+  Handle child = Connect(parent, 1);
+  HINTERNET grandchild = OpenRequest(child, L"/").release();
+  ASSERT_NE(grandchild, nullptr);
+  ASSERT_TRUE(InternetCloseHandle(parent.release()));
+  HINTERNET orphan = child.release();
   int not_a_handle = 0;
   char buffer[8];
   DWORD got = 0, length = sizeof buffer;
   for (HINTERNET bad : {static_cast<HINTERNET>(nullptr), static_cast<HINTERNET>(&not_a_handle),
-                        reinterpret_cast<HINTERNET>(std::uintptr_t{0xdeadbeef}), closed}) {
+                        reinterpret_cast<HINTERNET>(std::uintptr_t{0xdeadbeef}), closed,
+                        orphan, grandchild}) {
     SCOPED_TRACE(bad);
     EXPECT_EQ(ErrorOf([&] { return InternetCloseHandle(bad); }), ERROR_INVALID_HANDLE);
     EXPECT_EQ(ErrorOf([&] { return HttpSendRequestW(bad, nullptr, 0, nullptr, 0); }),
@@ -156,15 +164,31 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
             ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
   EXPECT_EQ(ErrorOf([&] { return InternetReadFile(connection.get(), buffer, 1, &got); }),
             ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
-  // A number option one byte short is never read past its end; no buffer, no option.
-  DWORD value = 4;
+  // A number option one byte short is never read past its end; no buffer, no option. The
+  // connection bound takes exactly one DWORD, and not 0.
+  DWORD values[2] = {4, 0};
+  DWORD& value = values[0];
   const auto set = [&](DWORD option, void* to, DWORD bytes) {
     return ErrorOf([&] { return InternetSetOptionW(connection.get(), option, to, bytes); });
   };
   EXPECT_EQ(set(INTERNET_OPTION_MAX_CONNS_PER_SERVER, &value, sizeof value - 1),
             ERROR_INTERNET_BAD_OPTION_LENGTH);
+  EXPECT_EQ(set(INTERNET_OPTION_MAX_CONNS_PER_SERVER, values, sizeof value + 1),
+            ERROR_INTERNET_BAD_OPTION_LENGTH);
+  EXPECT_EQ(set(INTERNET_OPTION_MAX_CONNS_PER_SERVER, &values[1], sizeof value),
+            ERROR_BAD_ARGUMENTS);
   EXPECT_EQ(set(INTERNET_OPTION_RECEIVE_TIMEOUT, nullptr, sizeof value), ERROR_INVALID_PARAMETER);
   EXPECT_EQ(set(9999, &value, sizeof value), ERROR_INTERNET_INVALID_OPTION);
+  // Credentials belong to a connection or a request: without a handle they would be answered
+  // to every server's challenge in the process.
+  wchar_t secret[] = L"secret";
+  for (const DWORD option : {INTERNET_OPTION_USERNAME, INTERNET_OPTION_PASSWORD,
+                             INTERNET_OPTION_PROXY_USERNAME, INTERNET_OPTION_PROXY_PASSWORD}) {
+    EXPECT_EQ(ErrorOf([&] { return InternetSetOptionW(nullptr, option, secret, 6); }),
+              ERROR_INTERNET_INCORRECT_HANDLE_TYPE)
+        << option;
+    EXPECT_EQ(set(option, secret, 6), 0u) << option;
+  }
 
   // A server name that no URL can hold (an IPv6 address without its closing bracket) is taken
   // by the connect and refused by the send, before anything goes out.

@@ -1,5 +1,6 @@
 // HttpQueryInfoW through the WinINet API on one answer from a raw server: folded, repeated and
-// raw header forms, and the buffer rules; and the header names a block takes.
+// raw header forms, and the buffer rules; the header names a block takes; and the file times
+// dates become.
 // Lengths are bytes, sizeof(WCHAR) a character, in and out: the length needed counts the
 // terminator, the length on success does not, and nothing is written past the length given.
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 #include <cwchar>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/servers/raw_responder.h"
@@ -176,6 +178,59 @@ TEST_F(HeaderQueriesTest, OddLengthsMissingHeadersAndFixedSizeAnswers) {
   DWORD length = 64;
   EXPECT_EQ(Query(HTTP_QUERY_SET_COOKIE, nullptr, &length, false, &index), kAbsent);
   EXPECT_EQ(index, 2u);
+}
+
+// Dates reach callers through SystemTimeToFileTime: 100 ns ticks since 1601, leap years by the
+// Gregorian rule, the day of the week ignored; a field out of its range fails with
+// ERROR_INVALID_PARAMETER and writes nothing. The last error is the thread's own.
+TEST(SystemTimeTest, FileTimesCountFrom1601AndFieldsOutOfRangeAreRefused) {
+  constexpr std::uint64_t kRefused = ~std::uint64_t{0};
+  const struct {
+    SYSTEMTIME time;  // year, month, day of week, day, hour, minute, second, milliseconds
+    std::uint64_t ticks;
+  } cases[] = {
+      {{1601, 1, 0, 1, 0, 0, 0, 0}, 0},
+      {{1970, 1, 6, 1, 0, 0, 0, 0}, 116444736000000000},
+      {{2000, 2, 0, 29, 12, 34, 56, 789}, 125963012967890000},
+      {{2100, 3, 3, 1, 0, 0, 0, 0}, 157520160000000000},
+      {{30827, 12, 0, 31, 23, 59, 59, 999}, kRefused - 1},  // accepted; value not checked
+      {{1600, 12, 0, 31, 0, 0, 0, 0}, kRefused},
+      {{30828, 1, 0, 1, 0, 0, 0, 0}, kRefused},
+      {{1900, 2, 0, 29, 0, 0, 0, 0}, kRefused},
+      {{2100, 2, 0, 29, 0, 0, 0, 0}, kRefused},
+      {{2023, 4, 0, 31, 0, 0, 0, 0}, kRefused},
+      {{2023, 13, 0, 1, 0, 0, 0, 0}, kRefused},
+      {{2023, 0, 0, 1, 0, 0, 0, 0}, kRefused},
+      {{2023, 1, 0, 0, 0, 0, 0, 0}, kRefused},
+      {{2023, 1, 0, 1, 24, 0, 0, 0}, kRefused},
+      {{2023, 1, 0, 1, 0, 60, 0, 0}, kRefused},
+      {{2023, 1, 0, 1, 0, 0, 60, 0}, kRefused},
+      {{2023, 1, 0, 1, 0, 0, 0, 1000}, kRefused},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.time.wYear << "-" << c.time.wMonth << "-" << c.time.wDay
+                                    << " " << c.time.wHour << ":" << c.time.wMinute << ":"
+                                    << c.time.wSecond << "." << c.time.wMilliseconds);
+    FILETIME file_time = {0xA5A5A5A5u, 0xA5A5A5A5u};
+    SetLastError(0);
+    const BOOL ok = SystemTimeToFileTime(&c.time, &file_time);
+    const std::uint64_t ticks =
+        (std::uint64_t{file_time.dwHighDateTime} << 32) | file_time.dwLowDateTime;
+    if (c.ticks == kRefused) {
+      EXPECT_FALSE(ok);
+      EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+      EXPECT_EQ(ticks, 0xA5A5A5A5A5A5A5A5u);
+      continue;
+    }
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(GetLastError(), 0u);
+    if (c.ticks != kRefused - 1) {
+      EXPECT_EQ(ticks, c.ticks);
+    }
+  }
+  SetLastError(ERROR_HANDLE_EOF);
+  std::thread([] { SetLastError(ERROR_ACCESS_DENIED); }).join();
+  EXPECT_EQ(GetLastError(), ERROR_HANDLE_EOF);
 }
 
 // Header names are tokens: every other byte in a name refuses the line.

@@ -90,7 +90,8 @@ const wchar_t* kTwo[] = {L"text/html", L"*/*", nullptr};
 // Each step's request as the server saw it: the agent and Accept lines once, as asked (the
 // nearest handle's agent unless a line of the caller's own replaces it; the accept types, a line
 // of the caller's own, both, or none); dot segments gone from the path; a body sent without
-// asking to continue first, labelled with the caller's Content-Type or none; and nothing else of
+// asking to continue first, labelled with the caller's Content-Type or none; "Pragma: no-cache"
+// when the flag asks for it and the caller gave no Pragma line; and nothing else of
 // the steps before it.
 struct Step {
   const wchar_t* verb = L"GET";
@@ -98,6 +99,7 @@ struct Step {
   const wchar_t** types = kAll;
   std::wstring headers{};
   std::string body{};
+  DWORD flags = 0;
   bool credentials = false;
   HINTERNET set_agent_on = nullptr;  // before this step
   const wchar_t* new_agent = nullptr;
@@ -143,6 +145,9 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
       {.set_agent_on = connection.get(), .new_agent = L"connection-3", .agent = "connection-3"},
       {.set_agent_on = session.get(), .new_agent = L"session-4", .agent = "connection-3"},
       {.verb = L"HEAD", .agent = "connection-3"},
+      {.flags = INTERNET_FLAG_PRAGMA_NOCACHE, .agent = "connection-3"},
+      {.headers = L"Pragma: x\r\n", .flags = INTERNET_FLAG_PRAGMA_NOCACHE, .agent = "connection-3"},
+      {.agent = "connection-3"},
   };
   for (std::size_t i = 0; i < std::size(steps); ++i) {
     const Step& step = steps[i];
@@ -153,7 +158,7 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
                                      static_cast<DWORD>(std::wcslen(step.new_agent))));
     }
     const Handle request(HttpOpenRequestW(connection.get(), step.verb, step.path, nullptr, nullptr,
-                                          step.types, 0, 0));
+                                          step.types, step.flags, 0));
     if (step.credentials) {
       wchar_t user[] = L"user", password[] = L"secret";
       ASSERT_TRUE(InternetSetOptionW(request.get(), INTERNET_OPTION_USERNAME, user, 4));
@@ -183,9 +188,16 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
     const std::string reported =
         QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF | HTTP_QUERY_FLAG_REQUEST_HEADERS);
     EXPECT_EQ(reported.substr(0, reported.find("\r\n")), line);
+    EXPECT_EQ(QueryText(request, HTTP_QUERY_USER_AGENT | HTTP_QUERY_FLAG_REQUEST_HEADERS),
+              step.agent);
     EXPECT_TRUE(got.body == step.body) << got.body.size() << " bytes arrived";
     EXPECT_EQ(got.Header("Range").has_value(), sent(L"Range:"));
     EXPECT_EQ(got.Header("X-Extra").has_value(), sent(L"X-Extra:"));
+    // A proxy's copy is not wanted: asked for with the flag, unless the caller said otherwise.
+    const bool no_cache = (step.flags & INTERNET_FLAG_PRAGMA_NOCACHE) != 0;
+    EXPECT_EQ(Values(got, "Pragma"), sent(L"Pragma:") ? std::vector<std::string>{"x"}
+                                     : no_cache       ? std::vector<std::string>{"no-cache"}
+                                                      : std::vector<std::string>{});
     EXPECT_EQ(got.Header("Authorization").has_value(), step.credentials);
     EXPECT_EQ(got.Header("Content-Length").has_value(), !step.body.empty() || verb == L"POST");
     EXPECT_EQ(got.Header("Expect"), std::nullopt);

@@ -217,9 +217,13 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
   ASSERT_EQ(setenv("http_proxy", proxy.Url("").c_str(), 1), 0);
   Handle preconfigured(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
   const std::string via_environment = get(preconfigured, true);
+  Handle no_autoproxy(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PRECONFIG_WITH_NO_AUTOPROXY,
+                                    nullptr, nullptr, 0));
+  const std::string via_environment_too = get(no_autoproxy, true);
   const std::string direct = get(OpenSession(), true);  // a direct session ignores it
   unsetenv("http_proxy");
   EXPECT_EQ(via_environment, "via proxy");
+  EXPECT_EQ(via_environment_too, "via proxy");
   EXPECT_EQ(direct, "error " + std::to_string(ERROR_INTERNET_NAME_NOT_RESOLVED));
 }
 
