@@ -292,7 +292,8 @@ enum : int { kCreateRefused = -1, kCreateUnsupported = -2 };
 // Makes the new file `name` (relative to `dir`) unnamed first, locks it, and only then links it
 // at the name, so that no other open ever finds it there empty and unlocked: a reader would
 // take it for a stale file and delete it, and the store writing it would fail. The descriptor,
-// kCreateRefused (something lies at the name again: another creator won), or
+// kCreateRefused (something lies at the name again: another creator won; or the unnamed file
+// could not be made or locked for another reason than lack of support), or
 // kCreateUnsupported where the system or file system makes no unnamed files or cannot link
 // them (the caller then creates the file at its name).
 int CreateHeld(int dir, const char* name) {

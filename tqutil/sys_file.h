@@ -75,8 +75,8 @@ class TQUTIL_API TqUSysFile {
   /// Renames `from` over `to`, replacing a file there; false with `ec` set on error.
   static bool RenameFile(const std::filesystem::path& from, const std::filesystem::path& to,
                          std::error_code& ec);
-  /// Removes the file (or link) at `path`: true when removed; false with `ec` clear when nothing
-  /// was there; false with `ec` set when it could not be removed.
+  /// Removes the file (or link, or empty directory) at `path`: true when removed; false with
+  /// `ec` clear when nothing was there; false with `ec` set when it could not be removed.
   static bool RemoveFile(const std::filesystem::path& path, std::error_code& ec);
   /// What lies at a name itself: a link (on Windows any reparse point), FIFO or device is kOther.
   enum class NameKind { kNone, kRegular, kDirectory, kOther };
