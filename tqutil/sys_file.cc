@@ -325,9 +325,10 @@ int CreateHeld(int dir, const char* name) {
 TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::uint32_t share,
                           std::uint32_t creation) {
   const bool write = access == TqUSysFile::kAccessWrite;
-  // An exclusive lock needs a descriptor open for writing, so an exclusive reader asks for
-  // write access too; when it may not write, nobody of its kind can write either, and a
-  // shared lock is enough to keep out writers.
+  // Where flock is emulated by byte-range locks (NFS), an exclusive lock needs a descriptor
+  // open for writing, so an exclusive reader asks for write access too; when it may not
+  // write, nobody of its kind can write either, and a shared lock is enough to keep out
+  // writers.
   const bool exclusive = write || share == TqUSysFile::kShareNone;
   int flags = kOpenFlags | (write || exclusive ? O_RDWR : O_RDONLY);
   if (creation == TqUSysFile::kCreateAlways) {
