@@ -94,9 +94,10 @@ class TQUTIL_API TqUSysFile {
   static bool RemoveHeldFile(Handle file, const std::filesystem::path& path,
                              std::error_code& ec);
 
-  /// Runs `hook` inside every open that found a regular file, before it takes its lock (the
-  /// moment at which a writer may be overtaken by another); an empty function ends it. Called
-  /// from whichever threads open files.
+  /// Runs `hook` inside every open once it holds a file: on POSIX after the file is found
+  /// regular and before it is locked (the moment at which a writer may be overtaken by
+  /// another); on Windows, whose open takes the sharing at once, right after the open. An empty
+  /// function ends it. Called from whichever threads open files.
   static void SetOpenHookForTesting(std::function<void()> hook);
 };
 
