@@ -29,8 +29,8 @@ class TQNET_EXPORT IHttpApi {
                             const wchar_t** accept_types, bool& sent) = 0;
   /// The response's status code; 0 when it cannot be read.
   virtual std::uint32_t QueryStatusCode(void* request) = 0;
-  /// The header's text, number, or date as TqUSysTime seconds; empty when absent or unreadable.
-  /// The text is the value alone: no terminator at its end. `index` selects among repeated
+  /// The header's text; empty when absent or unreadable. The text is the value alone: no
+  /// terminator at its end. `index` selects among repeated
   /// headers (null: the first).
   virtual std::optional<std::wstring> QueryHeader(void* request, const HttpHeaderSelector& header,
                                                   std::uint32_t* index) = 0;
