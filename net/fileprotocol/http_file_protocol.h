@@ -95,7 +95,8 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   static PreHTTPAuthenticationResult PreHTTPAuthentication(const wchar_t* url,
                                                            HttpCredentials* credentials);
   /// The hook Initialise installs: the user name and password written in `url` itself when both
-  /// are there (CredentialsSupplied), else NoCredentials.
+  /// are there (CredentialsSupplied: nothing the connection did not have, but one more try),
+  /// else NoCredentials.
   static PreHTTPAuthenticationResult DefaultPreHTTPAuthentication(const wchar_t* url,
                                                                   HttpCredentials* credentials);
   /// A null callback is accepted and skipped when callbacks run.
