@@ -178,10 +178,10 @@ std::uint64_t Size(const Listing::File& file) {
   return file.size < 0 ? 0 : static_cast<std::uint64_t>(file.size);
 }
 
-// Reads the header of every listed file, side by side. Files that are not entries
-// are deleted by the reading and their bytes taken off the listing's total; files that cannot
-// be read (a writer holds them) are not candidates.
-std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, Listing& listing) {
+// Reads the header of every listed file, side by side. Files that are not entries are deleted
+// by the reading; files that cannot be read (a writer holds them) are not candidates. Neither
+// changes the total measured before: only the entries the run deletes are taken off it.
+std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, const Listing& listing) {
   struct Read {
     CacheEntry::Probe probe = CacheEntry::Probe::kUnusable;
     std::int64_t last_used = 0;
@@ -202,12 +202,8 @@ std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, Listing& li
       case CacheEntry::Probe::kEntry:
         candidates.push_back({reads[i].last_used, reads[i].expiry, Size(file), file.name});
         break;
-      case CacheEntry::Probe::kDeleted:
-        // Not an entry, and the reading has deleted it: its bytes are gone from the directory.
-        Subtract(listing.total, Size(file));
-        break;
-      case CacheEntry::Probe::kUnusable:
-        // Held by a writer (a store in progress) or undeletable: not a candidate.
+      case CacheEntry::Probe::kDeleted:   // not an entry: deleted by the reading
+      case CacheEntry::Probe::kUnusable:  // held by a writer (a store in progress) or undeletable
         break;
     }
   }
@@ -268,7 +264,6 @@ void DiskCache::EnforceSizeLimit() {
   const std::int64_t now = TqUSysTime::GetTimeNow();
   std::vector<Candidate> candidates = ListEntries(directory, listing);
   std::uint64_t& total = listing.total;
-  if (total < target) return;
   std::sort(candidates.begin(), candidates.end(),
             [](const Candidate& a, const Candidate& b) { return a.last_used < b.last_used; });
 

@@ -174,6 +174,33 @@ void RewriteHeader(CacheEntry& entry, const qv::stop_token& stop, std::int64_t n
   if (!stored) entry.SetStaleAllowed(!entry.StaleAllowed());
 }
 
+// A body the server forbids storing: read into memory and served from there, the entry
+// dropped; nothing when it cannot be read whole.
+RefreshResult ReadUnstoredBody(HttpReadStream& response, const std::wstring& url,
+                               const qv::stop_token& stop) {
+  auto memory = std::make_unique<qv::io::MemoryStream>();
+  const CopyStreamResult copy = CopyStream(response, *memory, stop);
+  if (!copy.completed) {
+    TqUSysError::LogUTF8String("Failed to read HTTP data into cache system: ");
+    TqUError::LogWideString(url.c_str());
+    TqUSysError::LogUTF8String("\n");
+    return {nullptr, RefreshCode::Nothing};
+  }
+  const std::optional<std::uint64_t> expected = response.ContentSize();
+  if (expected && *expected != copy.bytes_copied) {
+    TqUSysError::LogUTF8String(
+        "Failed to read expected number of bytes from HTTP stream into cache system. "
+        "Expected ");
+    TqUError::LogNat64(*expected);
+    TqUSysError::LogUTF8String(" but read ");
+    TqUError::LogNat64(copy.bytes_copied);
+    TqUSysError::LogUTF8String("\n");
+    return {nullptr, RefreshCode::Nothing};
+  }
+  memory->RSeek(0, qv::io::StreamPosition::Begin);
+  return {std::move(memory), RefreshCode::DropEntry};
+}
+
 RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   CacheEntry& entry = *lookup.m_entry;
   // The request names exactly what the entry is kept under: the key is the normalised URL
@@ -224,29 +251,7 @@ RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
     }
     const bool stale_serving_changed =
         SetStaleServingRule(entry, *response, lookup.m_flags, changed);
-    if (freshness.no_store) {
-      auto memory = std::make_unique<qv::io::MemoryStream>();
-      const CopyStreamResult copy = CopyStream(*response, *memory, stop);
-      if (!copy.completed) {
-        TqUSysError::LogUTF8String("Failed to read HTTP data into cache system: ");
-        TqUError::LogWideString(lookup.m_url.c_str());
-        TqUSysError::LogUTF8String("\n");
-        return {nullptr, RefreshCode::Nothing};
-      }
-      const std::optional<std::uint64_t> expected = response->ContentSize();
-      if (expected && *expected != copy.bytes_copied) {
-        TqUSysError::LogUTF8String(
-            "Failed to read expected number of bytes from HTTP stream into cache system. "
-            "Expected ");
-        TqUError::LogNat64(*expected);
-        TqUSysError::LogUTF8String(" but read ");
-        TqUError::LogNat64(copy.bytes_copied);
-        TqUSysError::LogUTF8String("\n");
-        return {nullptr, RefreshCode::Nothing};
-      }
-      memory->RSeek(0, qv::io::StreamPosition::Begin);
-      return {std::move(memory), RefreshCode::DropEntry};
-    }
+    if (freshness.no_store) return ReadUnstoredBody(*response, lookup.m_url, stop);
     if (changed) {
       if (entry.Store(*response, stop, lookup.m_now)) return {nullptr, RefreshCode::UseEntry};
       if (may_serve_stale && !stop.stop_requested()) {

@@ -217,6 +217,42 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
   }
 }
 
+// A file that is not an entry is deleted when it is loaded, and the load says so; when the file
+// cannot be opened, or cannot be deleted, the load says that instead and the file stays.
+TEST_F(CacheStoreFaultLoop, ALoadThatFailsAtEveryFileOperationSaysWhatBecameOfTheFile) {
+  const fs::path path = m_dir.path() / "not-an-entry";
+  std::vector<std::string> failures;
+  for (std::uint64_t n = 0;; ++n) {
+    ASSERT_LT(n, 20u) << "the load never got through";
+    WriteFileBytes(path, "no markers here");
+    std::string thrown = "<nothing>";
+    const std::string failed = FailAt(n, [&] {
+      try {
+        qv::net::CacheEntry::Load(path);
+      } catch (const qv::net::invalid_cache_header& e) {
+        thrown = std::string("invalid: ") + e.what();
+      } catch (const std::runtime_error& e) {
+        thrown = e.what();
+      }
+    });
+    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + failed);
+    failures.push_back(failed);
+    const bool not_opened = failed == "open" || failed == "lock";  // the sharing's lock too
+    if (not_opened) {
+      EXPECT_EQ(thrown, "Cache entry could not be opened. Maybe in use by another process?");
+    } else if (failed == "remove") {
+      EXPECT_EQ(thrown,
+                "Cache entry was invalid but unable to delete it. Maybe in use by another "
+                "process?");
+    } else {
+      EXPECT_EQ(thrown, "invalid: Cache entry was invalid or corrupt. It was deleted.");
+    }
+    EXPECT_EQ(fs::exists(path), not_opened || failed == "remove");
+    if (failed == "none") break;
+  }
+  EXPECT_THAT(failures, ::testing::IsSupersetOf({"open", "remove", "none"}));
+}
+
 // A caller may ask any body the cache serves for a read into no buffer: a stream error, never
 // a write through null, and the body is still there to read. The first open of a fresh entry
 // reads the file its load opened, a second one in the same second the entry's remembered name,
