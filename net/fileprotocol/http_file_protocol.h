@@ -40,9 +40,14 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   bool IsRemote() override;
   using TqUFileProtocol::IsRemote;
   bool GetFileInfo(const wchar_t* url, TqUFileInfo* info) override;
+  /// Downloads the whole file on the calling thread through the URL Moniker; false on failure.
+  /// `progress` answering false does not stop it; an exception `progress` throws is rethrown
+  /// once the download has returned.
+  /// @{
   bool GetFile(const wchar_t* url, const wchar_t* local_path, TqUProgress* progress) override;
   bool GetFileToCache(const wchar_t* url, TqUProgress* progress,
                       TqUWideStringBuffer* cache_path) override;
+  /// @}
   bool PutFile(const wchar_t* local_path, const wchar_t* url, TqUProgress* progress) override;
   /// Makes no request: a file that does not exist is found out by the first read.
   TqUFileHandle* OpenFile(const wchar_t* url, OpenMode mode) override;
