@@ -26,7 +26,8 @@ DWORD NextHop(const RedirectRules& rules, const HeaderBlock& response, int hop, 
   if (from.scheme == "https" && to.scheme == "http" && !rules.allow_https_to_http) {
     return ERROR_INTERNET_HTTPS_TO_HTTP_ON_REDIR;
   }
-  // 303 always, and 301/302 after a POST, continue with GET and no body, as browsers do.
+  // 303 (but for a HEAD, which stays one), and 301/302 after a POST, continue with GET and no
+  // body, as browsers do.
   next->drop_body = false;
   if ((status == 303 && next->method != "HEAD") ||
       ((status == 301 || status == 302) && next->method == "POST")) {

@@ -30,8 +30,9 @@ bool IsRunning(TransferState state);
 // True once the final response's headers are in, until the transfer is reset or fails.
 bool HasFinalHeaders(TransferState state);
 
-// The time limits of one transfer; zero means none (for `connect`: libcurl's default). While a
-// body is being sent, `send` applies as well: the longer of the two, none if either is none.
+// The time limits of one transfer; zero means none (for `connect`: libcurl's default). For a
+// request that sends a body, `send` applies as well, to the whole transfer (the clock cannot tell
+// when the body is out): the longer of the two, none if either is none.
 struct TransferLimits {
   std::chrono::milliseconds connect{0};
   std::chrono::milliseconds idle{0};

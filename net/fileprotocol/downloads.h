@@ -9,9 +9,11 @@
 namespace qv::net {
 
 // Lives on the caller's stack for one download and is told about it by the URL Moniker on the
-// calling thread. Does no reference counting and never cancels: every callback returns S_OK.
+// calling thread. Does no reference counting and never cancels: every notification returns S_OK
+// (GetPriority alone answers E_NOTIMPL).
 // Reports 0.0 when the download starts, the received fraction as it goes, and 1.0 when it ends,
-// whether it succeeded or not. A null progress object is allowed: nothing is reported.
+// whether it succeeded or not; a download refused before it starts (a malformed URL, say)
+// reports nothing. A null progress object is allowed: nothing is reported.
 // An exception from the progress object must not unwind through the URL Moniker (the binding
 // would never be released, and on Windows the system's own frames would be unwound): the first
 // one is kept, the callback returns S_OK as always, and the caller rethrows it once the download

@@ -40,9 +40,14 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   bool IsRemote() override;
   using TqUFileProtocol::IsRemote;
   bool GetFileInfo(const wchar_t* url, TqUFileInfo* info) override;
+  /// Downloads the whole file on the calling thread through the URL Moniker; false on failure.
+  /// `progress` answering false does not stop it; an exception `progress` throws is rethrown
+  /// once the download has returned.
+  /// @{
   bool GetFile(const wchar_t* url, const wchar_t* local_path, TqUProgress* progress) override;
   bool GetFileToCache(const wchar_t* url, TqUProgress* progress,
                       TqUWideStringBuffer* cache_path) override;
+  /// @}
   bool PutFile(const wchar_t* local_path, const wchar_t* url, TqUProgress* progress) override;
   /// Makes no request: a file that does not exist is found out by the first read.
   TqUFileHandle* OpenFile(const wchar_t* url, OpenMode mode) override;
@@ -52,8 +57,9 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
                  unsigned char* buffer) override;
   bool CloseFile(TqUFileHandle* file) override;
   bool SupportsReadFileToSize() override;
-  /// Reads of 4 GiB and more are split into several WinINet reads, so every requested byte is
-  /// asked for. -1 on failure, else the bytes placed in `buffer` (fewer when the body is short).
+  /// Each WinINet read asks for at most 2 GiB, so a read of 4 GiB and more is split rather than
+  /// cut to 32 bits. -1 on failure, else the bytes placed in `buffer` (fewer when the body is
+  /// short); 0, with a message, when no request could be opened.
   std::int64_t ReadFileToSize(TqUFileHandle* file, TqUThreadHandle* thread,
                               TqUFileRequestHandle* request, std::uint64_t offset,
                               std::uint64_t size, unsigned char* buffer,
@@ -77,8 +83,10 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   /// As SetUserAgentW, from UTF-8 text.
   void SetUserAgentU(const char* agent);
 
-  /// Registers one protocol object under "http" and "https"; only the call that really
-  /// initialises the component does the work. Terminate undoes it. Start-up and shut-down only.
+  /// Registers one protocol object under "http" and "https" and installs
+  /// DefaultPreHTTPAuthentication as the hook (replacing one set before); only the call that
+  /// really initialises the component does the work. Terminate undoes it. Start-up and shut-down
+  /// only.
   static void Initialise();
   /// Unregisters and deletes the protocol object; only the matching last call does it.
   static void Terminate();
@@ -87,10 +95,13 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
 
   /// Hooks (process-wide, not locked: install and remove them while no request runs).
   static void SetPreHTTPAuthenticationFunc(PreHTTPAuthenticationFunc hook);
-  /// Asks the installed hook (or the default) for the credentials of `url`.
+  /// Asks the installed hook for the credentials of `url`; with no hook (null) it answers
+  /// CredentialsSupplied and leaves `credentials` as they are.
   static PreHTTPAuthenticationResult PreHTTPAuthentication(const wchar_t* url,
                                                            HttpCredentials* credentials);
-  /// The hook in place when the host installs none: supplies no credentials.
+  /// The hook Initialise installs: the user name and password written in `url` itself when both
+  /// are there (CredentialsSupplied: nothing the connection did not have, but one more try),
+  /// else NoCredentials.
   static PreHTTPAuthenticationResult DefaultPreHTTPAuthentication(const wchar_t* url,
                                                                   HttpCredentials* credentials);
   /// A null callback is accepted and skipped when callbacks run.

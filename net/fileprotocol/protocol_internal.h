@@ -12,8 +12,9 @@
 
 namespace qv::net {
 
-// Reads a response header as text into `out` (at most 4,095 characters: a longer one counts
-// as absent). False, with `out` unchanged, when the header is not there.
+// Reads a response header as text into `out` (at most 4,094 characters, the terminator taking
+// the 4,095th: a longer one counts as absent). False, with `out` unchanged, when the header is
+// not there.
 bool QueryHeaderText(HINTERNET request, DWORD info_level, TqUWideString* out);
 
 namespace detail {
@@ -96,8 +97,9 @@ bool ParseContentRange(std::wstring_view text, ContentRange* range);
 // other form ("bytes first-last/*" included), with `length` unchanged.
 bool ParseContentRangeLength(const TqUWideString& text, std::uint64_t* length);
 
-// True when "Content-Length" comes more than once with values that are not all the same number.
-// The transport may pass such an answer on; its body length is then anybody's guess.
+// True when "Content-Length" comes more than once with values that are not all the same number,
+// or more than 16 times at all. The transport may pass such an answer on; its body length is then
+// anybody's guess.
 bool HasConflictingContentLength(HINTERNET request);
 
 }  // namespace detail

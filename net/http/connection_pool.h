@@ -10,7 +10,7 @@
 
 namespace qv::net {
 
-/// The process's pool of WinINet connections, one per host, port and credentials, shared
+/// The process's pool of transport connections, one per host, port and credentials, shared
 /// by every read stream so that requests to a server reuse its connection. Static only.
 class TQNET_EXPORT HttpConnectionPool {
  public:

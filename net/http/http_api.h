@@ -23,14 +23,15 @@ class TQNET_EXPORT IHttpApi {
   /// A connection handle for the URL's host, port, user name and password; null on failure.
   virtual void* Connect(void* internet, const TqUURL& url) = 0;
   /// Opens a request on `connection` and sends it with the request's formatted headers and no
-  /// body. Null (sent false) when no request could be opened; otherwise the request handle,
-  /// with `sent` telling whether sending succeeded. The caller closes a non-null result.
+  /// body. Null (sent false) when no request could be opened, or when a stop cancelled the send
+  /// and the transport closed the handle itself; otherwise the request handle, with `sent`
+  /// telling whether sending succeeded. The caller closes a non-null result.
   virtual void* SendRequest(void* connection, const HttpRequest& request,
                             const wchar_t** accept_types, bool& sent) = 0;
   /// The response's status code; 0 when it cannot be read.
   virtual std::uint32_t QueryStatusCode(void* request) = 0;
-  /// The header's text, number, or date as TqUSysTime seconds; empty when absent or unreadable.
-  /// The text is the value alone: no terminator at its end. `index` selects among repeated
+  /// The header's text; empty when absent or unreadable. The text is the value alone: no
+  /// terminator at its end. `index` selects among repeated
   /// headers (null: the first).
   virtual std::optional<std::wstring> QueryHeader(void* request, const HttpHeaderSelector& header,
                                                   std::uint32_t* index) = 0;

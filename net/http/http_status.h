@@ -91,7 +91,8 @@ class TQNET_EXPORT HttpErrorCategory : public std::error_category {
 /// The process's one category object (a function-local static).
 TQNET_EXPORT const std::error_category& HttpCategory();
 
-/// Thrown by the read stream when no HTTP exchange can take place. Messages end in a line feed.
+/// Thrown by the read stream when no HTTP exchange can take place, or when reading the body
+/// fails. Messages end in a line feed.
 class TQNET_EXPORT http_exception : public std::runtime_error {
  public:
   /// Keeps a copy of `message`.

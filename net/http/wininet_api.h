@@ -1,5 +1,6 @@
-// The default transport: each IHttpApi operation maps onto one WinINet call with fixed flags.
-// It holds no state; every handle it returns is a WinINet handle.
+// The default transport: each IHttpApi operation is made of the WinINet calls that do its work
+// (an open and a send; a query asked again with a larger buffer), with fixed flags. It holds no
+// state; every handle it returns is a WinINet handle.
 #pragma once
 
 #include <cstdint>

@@ -15,10 +15,11 @@ namespace qv::net {
 /// (resource_deadlock_would_occur) and changes nothing; so does TerminateHttp.
 TQNET_EXPORT void InitialiseHttp();
 
-/// Unregisters the file protocol, deletes whatever transport is installed (see SetHttpApi in
-/// net/http/http_api.h: a host's own transport too, unless it took it back first), then stops
-/// the worker pool (running tasks finish, queued ones break their futures). Call
-/// HttpConnectionPool::Terminate() first, while the transport is still installed.
+/// Unregisters the file protocol, stops the worker pool and waits for its running tasks to
+/// finish, then deletes whatever transport is installed (see SetHttpApi in
+/// net/http/http_api.h: a host's own transport too, unless it took it back first) and destroys
+/// the pool (queued tasks never run; their futures break). Call HttpConnectionPool::Terminate()
+/// first, while the transport is still installed.
 TQNET_EXPORT void TerminateHttp();
 
 }  // namespace qv::net

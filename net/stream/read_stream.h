@@ -28,9 +28,11 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   static const int FlagMakeHeadRequest;
 
   /// GET `url` (after a HEAD with FlagMakeHeadRequest). Throws http_exception
-  /// "Unable to create HTTP connection\n" when no connection can be had or a stop was requested.
+  /// "Unable to create HTTP connection\n" when no transport is installed, no connection can be
+  /// had, or a stop was requested by the time it was had; a later stop throws nothing.
   HttpReadStream(std::wstring_view url, int flags, qv::stop_token stop);
-  /// Sends the caller's request as it is (the handlers may change it); never a HEAD.
+  /// Sends the caller's request as it is (the handlers may change it), with no HEAD first.
+  /// Throws as the URL constructor does.
   HttpReadStream(HttpRequest& request, qv::stop_token stop);
   ~HttpReadStream() override;
   HttpReadStream(const HttpReadStream&) = delete;
@@ -52,8 +54,9 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   /// The stream holds a request handle: false after Close, and when no request could be made or
   /// a stop ended the exchange before an answer was kept.
   bool IsOpen() const;
-  /// The main request was answered with status 200 exactly and no stop came: Read delivers the
-  /// body. Any other answer (a 206 or a 304 included) leaves it false.
+  /// The main request was answered with status 200 exactly, its Content-Length values (when
+  /// repeated) agree, and no stop came: Read delivers the body. Any other answer (a 206 or a 304
+  /// included) leaves it false.
   bool Succeeded() const;
   /// Releases the request handle now rather than with the stream. A later Read of a successful
   /// response asks the transport with no request, which fails: it throws as any failed read.

@@ -67,6 +67,8 @@ class thread_pool {
   thread_pool(const thread_pool&) = delete;
   thread_pool& operator=(const thread_pool&) = delete;
 
+  // Queues `task` behind those already queued; its result or exception arrives through the
+  // future, which reports broken_promise if the pool is destroyed before the task runs.
   template <typename F>
   std::future<std::invoke_result_t<F>> submit(F task) {
     using Result = std::invoke_result_t<F>;

@@ -14,7 +14,8 @@ namespace qv::net {
 bool IsHttpUrl(std::wstring_view url);
 
 // An HTTP URL as an HttpReadStream (whatever its status), any other URL through
-// TqUFileURL::OpenURLReadStream. Null, with a log line, when it cannot be opened.
+// TqUFileURL::OpenURLReadStream. Null when it cannot be opened; an exception on the way is
+// logged, while a scheme or file that simply cannot be opened is not.
 std::unique_ptr<qv::io::IDataReadStream> OpenUrlReadStream(std::wstring_view url,
                                                            qv::stop_token stop);
 
@@ -22,8 +23,9 @@ std::unique_ptr<qv::io::IDataReadStream> OpenUrlReadStream(std::wstring_view url
 // server's word, so a larger body grows the stream as its bytes arrive.
 inline constexpr std::uint64_t kMostReservedUpFront = 4 * 1024 * 1024;
 
-// The whole body in a memory stream positioned at its start; null on failure (logged). An HTTP
-// answer other than 200 gives an empty stream. The stream starts with room for the announced
+// The whole body in a memory stream positioned at its start; null when the URL cannot be
+// opened or read, or a stop ends the copy (exceptions on the way are logged). An HTTP answer
+// other than 200 gives an empty stream. The stream starts with room for the announced
 // size, up to kMostReservedUpFront.
 std::unique_ptr<qv::io::MemoryStream> ReadUrlIntoMemory(std::wstring_view url,
                                                         qv::stop_token stop);
