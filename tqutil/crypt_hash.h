@@ -10,7 +10,7 @@
 /// One use: add data, then generate.
 class TQUTIL_API TqUSysCryptHash {
  public:
-  /// Null for an unknown type.
+  /// Null for an unknown type, or when the system cannot start a digest.
   static std::unique_ptr<TqUSysCryptHash> Create(int type);
   ~TqUSysCryptHash();
   TqUSysCryptHash(const TqUSysCryptHash&) = delete;

@@ -131,7 +131,8 @@ void TqUError::Post(int severity, const TqUComponent* component, const wchar_t* 
     const bool formatted = buffer.FormatV(format, args);
     std::wstring text(buffer.View());
     if (!formatted && format) {
-      // A format that does not fit its arguments still leaves a trace of what was meant.
+      // A format that cannot be formatted (an unknown conversion, say) still leaves a trace of
+      // what was meant.
       text = std::wstring(L"(bad log format) ") + format;
     }
     Deliver(TqULogRecord{severity, component ? qv::WideToUtf8(component->GetName()) : "",

@@ -30,7 +30,8 @@ TQUTIL_API ZeroedMemory AllocateZeroed(std::size_t size);
 /// Makes the first `used` bytes of `memory` (from AllocateZeroed) zero again, so that the buffer
 /// can be handed out as new. The first MiB is cleared in place (cheaper than faulting it in
 /// again); pages beyond it go back to the system, which zeroes them when they are next touched,
-/// so a kept buffer holds at most one MiB of memory while it is unused. False when the system
+/// so a kept buffer holds at most one MiB of memory while it is unused (unless the system
+/// refuses to take them back: they are then cleared in place and stay). False when the system
 /// took those pages but could not give them back (Windows, out of commit charge): the buffer
 /// must then only be freed, never used again.
 [[nodiscard]] TQUTIL_API bool RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept;

@@ -48,8 +48,9 @@ class ShardedMap {
     std::unordered_map<Key, Value> map;
   };
 
-  // Multiplied by the golden ratio and the top bits taken, so that keys close together (objects
-  // allocated one after another, handle values counted up) land in different parts.
+  // Multiplied by the golden ratio and bits from the middle of the product taken, so that keys
+  // close together (objects allocated one after another, handle values counted up) land in
+  // different parts.
   Part& PartOf(Key key) {
     std::uint64_t bits;
     if constexpr (std::is_pointer_v<Key>) {

@@ -82,8 +82,9 @@ class TQUTIL_API TqUStringBuffer {
 /// A growable wide string buffer with printf-style formatting.
 ///
 /// Format follows the Windows convention for wide formats, on every system: "%s" takes a wide
-/// string (const wchar_t*), "%hs" a narrow one, "%ls" a wide one; "%d", "%u", "%llu", "%x", "%f"
-/// and the other conversions are as in printf.
+/// string (const wchar_t*), "%hs" and "%S" a narrow one, "%ls" and "%ws" a wide one; "%d",
+/// "%u", "%llu", "%x", "%f" and the other conversions are as in printf, except "%n", which is
+/// refused.
 class TQUTIL_API TqUWideStringBuffer {
  public:
   TqUWideStringBuffer() = default;
@@ -107,8 +108,10 @@ class TQUTIL_API TqUWideStringBuffer {
   void Clear() { m_text.clear(); }
   ///@}
 
-  /// Replaces the contents with the formatted text. Returns false (contents empty) when the
-  /// format is invalid for the arguments.
+  /// Replaces the contents with the formatted text. Returns false (contents empty) for a null
+  /// format, an unknown conversion (or "%n"), an absurdly large width or precision, or a
+  /// conversion cut short by the format's end; arguments that do not match the format cannot
+  /// be detected.
   bool Format(const wchar_t* format, ...);
   /// As Format, with the arguments as a va_list.
   bool FormatV(const wchar_t* format, std::va_list args);

@@ -292,7 +292,8 @@ enum : int { kCreateRefused = -1, kCreateUnsupported = -2 };
 // Makes the new file `name` (relative to `dir`) unnamed first, locks it, and only then links it
 // at the name, so that no other open ever finds it there empty and unlocked: a reader would
 // take it for a stale file and delete it, and the store writing it would fail. The descriptor,
-// kCreateRefused (something lies at the name again: another creator won), or
+// kCreateRefused (something lies at the name again: another creator won; or the unnamed file
+// could not be made or locked for another reason than lack of support), or
 // kCreateUnsupported where the system or file system makes no unnamed files or cannot link
 // them (the caller then creates the file at its name).
 int CreateHeld(int dir, const char* name) {
@@ -324,9 +325,10 @@ int CreateHeld(int dir, const char* name) {
 TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::uint32_t share,
                           std::uint32_t creation) {
   const bool write = access == TqUSysFile::kAccessWrite;
-  // An exclusive lock needs a descriptor open for writing, so an exclusive reader asks for
-  // write access too; when it may not write, nobody of its kind can write either, and a
-  // shared lock is enough to keep out writers.
+  // Where flock is emulated by byte-range locks (NFS), an exclusive lock needs a descriptor
+  // open for writing, so an exclusive reader asks for write access too; when it may not
+  // write, nobody of its kind can write either, and a shared lock is enough to keep out
+  // writers.
   const bool exclusive = write || share == TqUSysFile::kShareNone;
   int flags = kOpenFlags | (write || exclusive ? O_RDWR : O_RDONLY);
   if (creation == TqUSysFile::kCreateAlways) {

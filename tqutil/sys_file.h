@@ -75,8 +75,8 @@ class TQUTIL_API TqUSysFile {
   /// Renames `from` over `to`, replacing a file there; false with `ec` set on error.
   static bool RenameFile(const std::filesystem::path& from, const std::filesystem::path& to,
                          std::error_code& ec);
-  /// Removes the file (or link) at `path`: true when removed; false with `ec` clear when nothing
-  /// was there; false with `ec` set when it could not be removed.
+  /// Removes the file (or link, or empty directory) at `path`: true when removed; false with
+  /// `ec` clear when nothing was there; false with `ec` set when it could not be removed.
   static bool RemoveFile(const std::filesystem::path& path, std::error_code& ec);
   /// What lies at a name itself: a link (on Windows any reparse point), FIFO or device is kOther.
   enum class NameKind { kNone, kRegular, kDirectory, kOther };
@@ -94,9 +94,10 @@ class TQUTIL_API TqUSysFile {
   static bool RemoveHeldFile(Handle file, const std::filesystem::path& path,
                              std::error_code& ec);
 
-  /// Runs `hook` inside every open that found a regular file, before it takes its lock (the
-  /// moment at which a writer may be overtaken by another); an empty function ends it. Called
-  /// from whichever threads open files.
+  /// Runs `hook` inside every open once it holds a file: on POSIX after the file is found
+  /// regular and before it is locked (the moment at which a writer may be overtaken by
+  /// another); on Windows, whose open takes the sharing at once, right after the open. An empty
+  /// function ends it. Called from whichever threads open files.
   static void SetOpenHookForTesting(std::function<void()> hook);
 };
 

@@ -1,7 +1,8 @@
 // The one UTF-8 codec of the tree, header-only on purpose: it stands on the standard library
 // alone, so platform/'s Linux implementation includes it as well as tqutil does, without linking
 // tqutil (the two libraries stay siblings). Headers of tqutil that platform/ may include are the
-// header-only ones (this one and tqutil/decimal.h), never one that needs tqutil's library.
+// header-only ones (this one, decimal.h, user_agent.h, sharded_map.h), never one that needs
+// tqutil's library.
 //
 // Wide text is wchar_t: UTF-16 on Windows, UTF-32 on Linux.
 #pragma once

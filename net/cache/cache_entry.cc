@@ -20,7 +20,8 @@ namespace ef = entry_format;
 
 using UniqueFile = EntryFile;
 
-// Shared with other readers: the three opening modes of entry files.
+// An entry file opened for reading, shared with other readers; refused at once while a writer
+// holds it.
 UniqueFile OpenForReading(const fs::path& path) {
   return UniqueFile(TqUSysFile::OpenFile(path, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
                                          TqUSysFile::kOpenExisting, 0, 0));
@@ -156,8 +157,8 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
   return true;
 }
 
-// The header size that `etag` and `key` need, which may exceed what the header size field
-// holds. An over-long tag or key throws the narrowing error of its own length field.
+// The header size that `etag`, `key` and the flags' extension need, which may exceed what the
+// header size field holds. An over-long tag or key throws the narrowing error of its own length field.
 std::size_t HeaderSizeOf(const std::string& etag, const std::string& key, std::uint8_t flags) {
   const auto tag_length = gsl::narrow<std::uint16_t>(etag.size());
   const auto key_length = gsl::narrow<std::uint16_t>(key.size());

@@ -66,26 +66,30 @@ class CacheEntry {
   bool UpdateETag(const std::optional<std::string>& tag);
 
   // Writes the header at the file's current position (the fixed part only, or all of it).
-  // False when a whole header of the current size would not fit the body already on disk, or
-  // when the write fails. Throws gsl::narrowing_error for a tag, key or header too long for
-  // its 16-bit field.
+  // False when the header on disk (as loaded) is not the size that the current tag, key and
+  // flags need, so that this one would not end where the body starts, or when the write
+  // fails. Throws gsl::narrowing_error for a tag, key or header too long for its 16-bit field.
   bool WriteHeader(TqUSysFile::Handle file, bool fixed_part_only);
-  // Creates or empties `path` for exclusive writing and writes the whole header; null (and no
-  // file left behind) when it cannot.
+  // Creates or empties `path` for exclusive writing and writes the whole header; the caller
+  // owns the handle. Null (and no file left behind) when it cannot; gsl::narrowing_error (as
+  // WriteHeader) is thrown before the file is touched.
   TqUSysFile::Handle CreateEntryFile(const std::filesystem::path& path);
 
-  // Replaces the file with a header and the bytes of `source`, through `path` + ".tmp" and a
-  // rename. False, with the old file untouched and no ".tmp" left, when the copy is stopped or
-  // fails or the rename fails; an exception that escapes the copy also leaves no ".tmp".
-  // The entry is recorded as used at `now`.
+  // Replaces the file with a header and the bytes of `source`, through Path() + ".tmp" and a
+  // rename. False, with the old file untouched and no ".tmp" of ours left, when the ".tmp"
+  // cannot be made, the copy is stopped or fails, or the rename fails; an exception that
+  // escapes the copy also leaves no ".tmp"; gsl::narrowing_error as in CreateEntryFile. The
+  // entry is recorded as used at `now`.
   bool Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now);
 
   // A stream over a fresh body written straight into the entry file (no ".tmp"); position 0 is
-  // the first body byte, the entry recorded as used at `now`. Null when the file cannot be
-  // created.
+  // the first body byte, the entry recorded as used at `now`. Null (and no file left behind)
+  // when the file cannot be created or moved to the body; gsl::narrowing_error as in
+  // CreateEntryFile.
   std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(std::int64_t now);
-  // Records the use at `now` (and any new expiry) in the file's fixed part, then a stream over
-  // the body; null when the file cannot be opened.
+  // Records the use at `now` (and any new expiry) in the file's fixed part, skipped while the
+  // file is in use, then a stream over the body; null when the file cannot be opened or no
+  // longer holds this entry's key.
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream(std::int64_t now);
   // A stream over the body of `file`, kept open by Load, recording nothing: for a use that
   // would write exactly what the file holds already. Null when it cannot seek.

@@ -27,13 +27,15 @@ class EntryNameIndex;
 /// process. (It remembers which entry file each URL it opened maps to, which follows from the
 /// URL alone; the file is still read and checked on every open.) Operations may run on several
 /// threads and in several processes at once and rely on the entry files' sharing rules
-/// (cache_entry.h). The one lock is that of the downloads in flight (downloads_in_flight.h):
-/// opens of one entry in one process that must ask the server share one request, instead of
-/// each sending its own and all but one losing their store.
+/// (cache_entry.h). Besides the short lock of that name index, the one lock is that of the
+/// downloads in flight (downloads_in_flight.h): opens of one entry in one process that must ask
+/// the server share one request, instead of each sending its own and all but one losing their
+/// store.
 class DiskCache : public IUrlCache {
  public:
-  /// Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1),
-  /// created with missing parents and, on POSIX, readable by the owner only. Throws
+  /// Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1, or
+  /// DiskCache/v1 in the working directory when the system names no per-user cache
+  /// directory), created with missing parents and, on POSIX, readable by the owner only. Throws
   /// std::filesystem::filesystem_error when it cannot be tested or created.
   explicit DiskCache(const wchar_t* directory);
   ~DiskCache() override;
@@ -47,6 +49,8 @@ class DiskCache : public IUrlCache {
   void Clear() override;
   /// Trims the directory below the limit on a worker thread and waits for it; true.
   bool CleanUp() override;
+  /// Null when the entry file cannot be made; throws gsl::narrowing_error for a name whose
+  /// key is too long for an entry's header.
   std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(
       std::wstring_view name) override;
   std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream(
@@ -54,7 +58,8 @@ class DiskCache : public IUrlCache {
 
   /// A valid entry exists for `url` (taken as it is: no name prefix).
   virtual bool Contains(std::wstring_view url);
-  /// The expiry recorded for `url`: 0 when never cached, -1 when the entry cannot be read.
+  /// The expiry recorded for `url`: 0 when never cached, -1 when the entry cannot be read or
+  /// its file holds another URL's entry.
   virtual std::int64_t ExpiryTime(std::wstring_view url);
 
   /// The cache key: the URL normalised, without its query, in UTF-8.

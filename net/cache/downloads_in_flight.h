@@ -3,8 +3,9 @@
 // what it left. Without it, N threads opening one document send N requests for the same bytes,
 // and since only one store of an entry can hold its temporary file, the others' stores are
 // refused and those opens get nothing. A waiter waits no longer than the download, which the
-// transport's time-outs bound, and leaves at once on its own stop. Other processes are not seen
-// here; they meet the download's files on disk as before.
+// transport's time-outs bound, and leaves soon after its own stop (it looks every few
+// milliseconds: the token cannot wake it). Other processes are not seen here; they meet the
+// download's files on disk as before.
 #pragma once
 
 #include <functional>

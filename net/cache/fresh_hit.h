@@ -40,7 +40,8 @@ class EntryNameIndex {
       return std::hash<std::wstring_view>()(text);
     }
   };
-  // Enough for the URLs a program keeps opening; the text held stays well under a few MiB.
+  // Enough for the URLs a program keeps opening, and a bound on the text held: longer URLs are
+  // not remembered, so the index holds some MiB at worst.
   static constexpr std::size_t kMaxNames = 4096;
   static constexpr std::size_t kMaxUrlLength = 512;
 
@@ -52,8 +53,9 @@ class EntryNameIndex {
 // The body of the entry file `name` when it holds `name.key`, is fresh at `now` and has its
 // use recorded at `now` already (so serving it writes nothing). The file is opened as every
 // entry read opens it (shared with readers, no link followed, regular files only). Null when
-// anything differs (no file, another key, a header that does not add up, stale, use not yet
-// recorded this second): then nothing was changed, and the full path deals with the case.
+// anything differs (no file, another key, a wrong marker or a header longer than the bytes
+// read at once, stale, use not yet recorded this second): then nothing was changed, and the
+// full path deals with the case.
 std::unique_ptr<qv::io::IDataSeekableReadStream> OpenFreshEntryBody(const EntryName& name,
                                                                     std::int64_t now);
 

@@ -39,8 +39,9 @@ class TQNET_EXPORT InMemoryCache : public IUrlCache {
 };
 
 namespace detail {
-/// Called each time an OpenUrl starts waiting for another caller's download of the same URL, so
-/// tests can tell that callers are waiting without sleeping. Set while no cache is in use.
+/// Called before each wait of an OpenUrl for another caller's download of the same URL (again
+/// after every poll of a stop token that can stop), so tests can tell that callers are waiting
+/// without sleeping. Set while no cache is in use.
 void SetInMemoryCacheWaitHookForTesting(std::function<void()> hook);
 }  // namespace detail
 

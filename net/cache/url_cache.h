@@ -16,9 +16,9 @@ class TQNET_EXPORT IUrlCache {
  public:
   /// Open flag: the entry stored or revalidated by this call never expires.
   static constexpr int NeverExpire = 1;
-  /// Open flag: when a stale entry cannot be revalidated because the server cannot be reached
-  /// or answers 500, 502, 503 or 504, the stored body is served and kept (one log line says
-  /// so). Only entries stored or revalidated by an open with this flag qualify, and only when
+  /// Open flag: when a stale entry cannot be revalidated because the server cannot be reached,
+  /// answers 500, 502, 503 or 504, or sends a new body that cannot be stored whole, the stored
+  /// body is served and kept (one log line says so). Only entries stored or revalidated by an open with this flag qualify, and only when
   /// that response did not say "must-revalidate" or "no-cache"; opens without it store entries
   /// exactly as before.
   static constexpr int ServeStaleOnError = 2;
@@ -34,10 +34,11 @@ class TQNET_EXPORT IUrlCache {
   virtual void Clear() = 0;
   /// Brings the cache under its size limit now; true.
   virtual bool CleanUp() = 0;
-  /// A body of the caller's own kept under "qvcache://" + name.
+  /// A body of the caller's own kept under "qvcache://" + name; null when it cannot be kept.
   virtual std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(
       std::wstring_view name) = 0;
-  /// Never touches the network and ignores expiry.
+  /// The body kept under "qvcache://" + name; null when there is none. Never touches the
+  /// network and ignores expiry.
   virtual std::unique_ptr<qv::io::IDataSeekableReadStream> OpenReadStream(
       std::wstring_view name) = 0;
 };
