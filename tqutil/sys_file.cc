@@ -1049,6 +1049,10 @@ std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
   }
   std::uintmax_t count = 0;
   const bool link = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  if (RemovalRefused(path.filename().c_str())) {
+    ec = std::make_error_code(std::errc::permission_denied);
+    return 0;
+  }
   if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
     // A file, or a link to one: DeleteFileW removes a link itself.
     std::error_code removed;
@@ -1226,13 +1230,69 @@ bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code&
   return false;
 }
 
+namespace {
+
+// Removes `name` of the directory `parent` (a descriptor, or AT_FDCWD) and, when it is a
+// directory, everything in it first. A link is removed as itself: a directory is only ever
+// opened with O_NOFOLLOW, so one swapped for a link meanwhile is never entered. Whatever cannot
+// be removed is passed over and the rest still goes (libstdc++'s remove_all stops at the first
+// failure); the first failure is kept in `ec`. The count of names removed.
+std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
+  const auto keep = [&ec](int error) {
+    if (!ec && error != ENOENT) ec = std::error_code(error, std::generic_category());
+  };
+  const char* leaf = std::strrchr(name, '/');
+  if (RemovalRefused(leaf != nullptr && leaf[1] != '\0' ? leaf + 1 : name)) {
+    keep(EACCES);
+    return 0;
+  }
+  if (TqUSysFileFaults::Fails("remove")) {
+    keep(errno);
+    return 0;
+  }
+  if (::unlinkat(parent, name, 0) == 0) return 1;
+  const int unlink_error = errno;
+  // Linux refuses to unlink a directory with EISDIR, POSIX allows EPERM.
+  if (unlink_error != EISDIR && unlink_error != EPERM) {
+    keep(unlink_error);
+    return 0;
+  }
+  const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    keep(errno == ENOTDIR ? unlink_error : errno);  // a file that may not be removed
+    return 0;
+  }
+  DIR* const dir = ::fdopendir(fd);
+  if (dir == nullptr) {
+    keep(errno);
+    ::close(fd);
+    return 0;
+  }
+  // Listed whole before anything goes: a directory changed while read may skip names.
+  std::vector<std::string> names;
+  while (const dirent* item = ::readdir(dir)) {
+    if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
+      names.emplace_back(item->d_name);
+    }
+  }
+  std::uintmax_t count = 0;
+  for (const std::string& inner : names) count += RemoveTreeAt(::dirfd(dir), inner.c_str(), ec);
+  ::closedir(dir);
+  if (::unlinkat(parent, name, AT_REMOVEDIR) == 0) {
+    ++count;
+  } else {
+    keep(errno);
+  }
+  return count;
+}
+
+}  // namespace
+
 std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
                                             std::error_code& ec) {
-  // libstdc++'s POSIX remove_all looks at every entry without following it, and removes a
-  // link as itself.
+  ec.clear();
   if (!WholePath(path, ec)) return 0;
-  const std::uintmax_t count = std::filesystem::remove_all(path, ec);
-  return ec ? 0 : count;
+  return RemoveTreeAt(AT_FDCWD, path.c_str(), ec);
 }
 
 bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {

@@ -349,6 +349,29 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
   const bool tree_link = links && MakeLink(dir / "sub", dir / "tree" / "link");
   // Regression: a visitor that throws (out of memory in the clean-up's) left the listing open,
   // so no descriptor came back, and Windows removed no directory being listed (below).
+  // Regression: on POSIX a tree removal gave up at the first file it could not remove, and a
+  // cleared cache kept entries that could have gone. The rest goes; the error is kept.
+  WriteText(dir / "tree" / "a-stuck", "stuck");
+  WriteText(dir / "tree" / "inner" / "a-stuck", "stuck");
+  TqUSysDirectory::SetRemoveFaultForTesting([](const TqUSysDirectory::Char* name) {
+    return Path("a-stuck") == name;
+  });
+  EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "tree", ec), tree_link ? 3u : 2u);
+  TqUSysDirectory::SetRemoveFaultForTesting({});
+  EXPECT_EQ(ec, std::errc::permission_denied);
+  EXPECT_EQ(ReadText(dir / "tree" / "inner" / "a-stuck"), "stuck");
+  EXPECT_FALSE(std::filesystem::exists(dir / "tree" / "inner" / "file"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "tree" / "ro"));
+  EXPECT_EQ(ReadText(dir / "sub" / "kept"), "kept");
+  for (const char* name : {"a-stuck", "inner/a-stuck"}) {
+    ASSERT_TRUE(F::RemoveFile(dir / "tree" / name, ec));
+  }
+  WriteText(dir / "tree" / "inner" / "file", "file");
+  WriteText(dir / "tree" / "ro", "ro");
+  std::filesystem::permissions(dir / "tree" / "ro", std::filesystem::perms::owner_read);
+  if (tree_link) {
+    ASSERT_TRUE(MakeLink(dir / "sub", dir / "tree" / "link"));
+  }
   const std::size_t descriptors = OpenDescriptors();
   EXPECT_THROW(TqUSysDirectory(dir / "tree").List([](const TqUSysDirectory::Item&) {
     throw std::bad_alloc();
