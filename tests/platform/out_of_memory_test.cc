@@ -63,62 +63,52 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
   // A session and a connection with a string option set, a request for a redirect, its status,
   // a header by name and its body, then the same request sent and read again: each call in turn
   // until one fails.
-  const char* failed_call = "";
-  DWORD error = 0;
-  std::string got, again;
+  DWORD error = 0;  // the failed call's; 0: none failed
+  std::string got;
   got.reserve(2 * kBodySize);  // the test's own allocations are made before any fails
-  again.reserve(kBodySize);
   Handle session, connection, request;
-  const auto call = [&](const char* name, bool ok) {
-    if (!ok) failed_call = name, error = GetLastError();
-    return ok;
+  const auto ok = [&error](bool succeeded) {
+    if (!succeeded) error = GetLastError();
+    return succeeded;
   };
   const auto attempt = [&] {
     wchar_t agent[] = L"agent";
     session = OpenSession();
-    if (!call("InternetOpenW", session != nullptr)) return;
+    if (!ok(session != nullptr)) return;
     connection = Connect(session, server.port());
-    if (!call("InternetConnectW", connection != nullptr) ||
-        !call("InternetSetOptionW", InternetSetOptionW(connection.get(), INTERNET_OPTION_USER_AGENT,
-                                                       agent, 5) != FALSE)) {
+    if (!ok(connection != nullptr) ||
+        !ok(InternetSetOptionW(connection.get(), INTERNET_OPTION_USER_AGENT, agent, 5))) {
       return;
     }
     request = OpenRequest(connection, L"/r");
-    if (!call("HttpOpenRequestW", request != nullptr)) return;
-    for (int send = 0; send < 2; ++send) {
+    for (int send = 0; send < 2 && ok(request != nullptr); ++send) {
       DWORD status = 0, status_length = sizeof status;
       wchar_t value[64] = L"X-Reply";
       DWORD value_length = sizeof value;
-      if (!call("HttpSendRequestW",
-                HttpSendRequestW(request.get(), L"X-Probe: 1", DWORD(-1), nullptr, 0) != FALSE) ||
-          !call("HttpQueryInfoW",
-                HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER,
-                               &status, &status_length, nullptr) != FALSE) ||
-          !call("HttpQueryInfoW", HttpQueryInfoW(request.get(), HTTP_QUERY_CUSTOM, value,
-                                                 &value_length, nullptr) != FALSE) ||
-          !call("InternetReadFile", ReadRest(request.get(), got))) {
+      if (!ok(HttpSendRequestW(request.get(), L"X-Probe: 1", DWORD(-1), nullptr, 0)) ||
+          !ok(HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER,
+                             &status, &status_length, nullptr)) ||
+          !ok(HttpQueryInfoW(request.get(), HTTP_QUERY_CUSTOM, value, &value_length, nullptr)) ||
+          !ok(ReadRest(request.get(), got))) {
         return;
       }
     }
   };
   const auto judge = [&](bool failed) {
-    SCOPED_TRACE(std::string("failed in ") + failed_call);
-    if (*failed_call != '\0') {
+    if (error != 0) {
       EXPECT_TRUE(failed);
       EXPECT_EQ(error, DWORD{ERROR_NOT_ENOUGH_MEMORY});
     } else {
       EXPECT_TRUE(got == body + body);  // a failure a call absorbed cost no byte
     }
-    if (request) {
-      again.clear();
-      EXPECT_TRUE(HttpSendRequestW(request.get(), nullptr, 0, nullptr, 0) &&
-                  ReadRest(request.get(), again) && again == body)
-          << "the request does not work once memory is back";
-    }
+    std::string again;
+    EXPECT_TRUE(!request || (HttpSendRequestW(request.get(), nullptr, 0, nullptr, 0) &&
+                             ReadRest(request.get(), again) && again == body))
+        << "the request does not work once memory is back";
     request.reset();
     connection.reset();
     session.reset();
-    failed_call = "";
+    error = 0;
     got.clear();
   };
   EXPECT_GT(FailEachAllocation(attempt, judge), 0);
