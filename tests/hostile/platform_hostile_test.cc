@@ -110,13 +110,15 @@ TEST(HostilePlatform, DrippedHeaderLinesEndADownloadAtTheTimeOut) {
   EXPECT_LT(lines_sent.load(), 40);
 }
 
-// A download is whole or it is nothing: a body cut short (the transfer's failures all end the
-// same way here), or a part of the file where the whole was asked for, leaves no file under the
-// name; a body that its close ends (no length given) is whole.
+// A download is whole or it is nothing: a body cut short, by its length or its chunks, or a part
+// of the file where the whole was asked for leaves no file under the name; a body that its close
+// ends (no length given) is whole.
 TEST(HostilePlatform, ADownloadThatIsNotWholeLeavesNoFile) {
   const std::pair<const char*, HRESULT> cases[] = {
       {"HTTP/1.0 200 OK\r\n\r\nhello", S_OK},
       {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhello", INET_E_DOWNLOAD_FAILURE},
+      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n",
+       INET_E_DOWNLOAD_FAILURE},
       {"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4/100\r\nContent-Length: 5\r\n\r\n"
        "hello",
        INET_E_DOWNLOAD_FAILURE},
