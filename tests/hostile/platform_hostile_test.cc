@@ -32,6 +32,11 @@ namespace {
 using namespace tq::test;
 using namespace std::chrono_literals;
 
+HRESULT Download(const std::string& url, const std::filesystem::path& to) {
+  return URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
+                            to.wstring().c_str(), 0, nullptr);
+}
+
 TEST(HostilePlatform, HeaderTextWithABareCrOrANulIsRefusedAndNothingIsSent) {
   SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
   ASSERT_TRUE(server.ok());
@@ -101,10 +106,7 @@ TEST(HostilePlatform, DrippedHeaderLinesEndADownloadAtTheTimeOut) {
   ASSERT_TRUE(server.ok());
   TempDir dir;
   const auto previous = tqplatform::SetUrlDownloadLimitsForTesting({5'000, 300});
-  const std::string url = server.Url("/file");
-  EXPECT_EQ(URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
-                               (dir.path() / "file").wstring().c_str(), 0, nullptr),
-            INET_E_CONNECTION_TIMEOUT);
+  EXPECT_EQ(Download(server.Url("/file"), dir.path() / "file"), INET_E_CONNECTION_TIMEOUT);
   tqplatform::SetUrlDownloadLimitsForTesting(previous);
   EXPECT_FALSE(std::filesystem::exists(dir.path() / "file"));
   EXPECT_LT(lines_sent.load(), 40);
@@ -132,9 +134,7 @@ TEST(HostilePlatform, ADownloadThatIsNotWholeLeavesNoFile) {
     ASSERT_TRUE(server.ok());
     TempDir dir;
     const std::string url = server.Url("/file");
-    EXPECT_EQ(URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
-                                 (dir.path() / "file").wstring().c_str(), 0, nullptr),
-              result);
+    EXPECT_EQ(Download(url, dir.path() / "file"), result);
     std::vector<std::string> left;
     for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
       std::ifstream file(entry.path());
@@ -147,9 +147,7 @@ TEST(HostilePlatform, ADownloadThatIsNotWholeLeavesNoFile) {
     // replaced by a plain file.
     if (result != S_OK) continue;
     ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);
-    EXPECT_EQ(URLDownloadToFileW(nullptr, std::wstring(url.begin(), url.end()).c_str(),
-                                 (dir.path() / "fifo").wstring().c_str(), 0, nullptr),
-              HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(Download(url, dir.path() / "fifo"), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
     EXPECT_TRUE(std::filesystem::is_fifo(dir.path() / "fifo"));
   }
 }
