@@ -10,7 +10,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #if defined(_WIN32)
@@ -81,39 +80,52 @@ class CacheStoreFaultLoop : public FakeTransportTest {
     return name;
   }
 
+  // The answer that replaces the entry of kUrl: kNewBody under the tag "new", in pieces.
+  static FakeResponse NewAnswer() {
+    FakeResponse answer;
+    answer.dates[L"Date"] = 1000;
+    answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"");
+    answer.Header(L"Content-Length", std::to_wstring(kNewBody.size()));
+    for (std::size_t at = 0; at < kNewBody.size(); at += 30000) {
+      answer.Body(kNewBody.substr(at, 30000));
+    }
+    return answer;
+  }
+
+  static constexpr const wchar_t* kUrl = L"http://example.test/entry";
+  inline static const std::string kKey = "http://example.test/entry";
+  inline static const std::string kNewBody = std::string(100000, 'n');
   TempDir m_dir;
   ScopedClock m_clock{1000};
   qv::net::DiskCache m_cache{m_dir.path().wstring().c_str()};
+  const fs::path m_entry = qv::net::DiskCache::ComputeCacheLocation(kUrl, m_cache.Directory());
+
+  std::vector<fs::path> Files() const {
+    std::vector<fs::path> files;
+    for (const auto& item : fs::directory_iterator(m_cache.Directory())) {
+      files.push_back(item.path());
+    }
+    return files;
+  }
 };
 
 const std::string kCopyFailed =
     "Failed to read or write stream in CopyStream: FileWriteStream: cannot write the file\n";
 
 TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNullAndTearsNothing) {
-  const wchar_t* const url = L"http://example.test/entry";
-  const std::string key = "http://example.test/entry";
   const std::string old_body = "the old body";
-  const std::string new_body(100000, 'n');
-  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, m_cache.Directory());
-  const fs::path temporary = fs::path(entry) += ".tmp";
-  FakeResponse answer;
-  answer.dates[L"Date"] = 1000;
-  answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"");
-  answer.Header(L"Content-Length", std::to_wstring(new_body.size()));
-  for (std::size_t at = 0; at < new_body.size(); at += 30000) {
-    answer.Body(new_body.substr(at, 30000));
-  }
+  const fs::path temporary = fs::path(m_entry) += ".tmp";
 
   bool rename_failed = false;
   for (std::uint64_t n = 0;; ++n) {
     ASSERT_LT(n, 200u) << "the store never got through";
     // A stale entry of another tag, so that the open loads it, asks anew and replaces it.
-    WriteFileBytes(entry, EntryBytes(1, 999, "\"old\"", key, old_body));
-    m_api.Queue(answer);
+    WriteFileBytes(m_entry, EntryBytes(1, 999, "\"old\"", kKey, old_body));
+    m_api.Queue(NewAnswer());
     m_log.Clear();
     std::string served = "<null>";
     const std::string failed = FailAt(n, [&] {
-      if (auto stream = m_cache.OpenUrl(url, 0, {})) {
+      if (auto stream = m_cache.OpenUrl(kUrl, 0, {})) {
         try {
           served = ReadAll(*stream, 65536);
         } catch (const std::runtime_error& e) {
@@ -139,32 +151,32 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
     if (served == "<null>") {
       EXPECT_THAT(m_log.Lines(), AnyOf(IsEmpty(), ElementsAre(kCopyFailed)));
     } else {
-      EXPECT_THAT(served, AnyOf(new_body, "<thrown> FileReadStream: cannot read the file"));
+      EXPECT_THAT(served, AnyOf(kNewBody, "<thrown> FileReadStream: cannot read the file"));
       EXPECT_THAT(m_log.Lines(), IsEmpty());
     }
     // The entry's name holds the old entry whole, the new one whole, or nothing.
-    if (fs::exists(entry)) {
-      const std::string bytes = ReadFileBytes(entry);
-      const bool old_whole = EntryBody(bytes, "\"old\"", key) == old_body;
-      const bool new_whole = EntryBody(bytes, "\"new\"", key) == new_body;
+    if (fs::exists(m_entry)) {
+      const std::string bytes = ReadFileBytes(m_entry);
+      const bool old_whole = EntryBody(bytes, "\"old\"", kKey) == old_body;
+      const bool new_whole = EntryBody(bytes, "\"new\"", kKey) == kNewBody;
       EXPECT_TRUE(old_whole || new_whole) << "torn entry of " << bytes.size() << " bytes";
       EXPECT_FALSE(old_whole && served == "<null>") << "a refresh that failed kept the old entry";
     }
     EXPECT_FALSE(fs::exists(temporary)) << "temporary file left behind";
     if (stored) {
-      EXPECT_EQ(served, new_body);
-      EXPECT_EQ(EntryBody(ReadFileBytes(entry), "\"new\"", key), new_body);
+      EXPECT_EQ(served, kNewBody);
+      EXPECT_EQ(EntryBody(ReadFileBytes(m_entry), "\"new\"", kKey), kNewBody);
     }
     // Whatever the failure left, the next open without one serves the body from the server
     // or from a whole entry.
-    if (!stored && !(fs::exists(entry) && EntryBody(ReadFileBytes(entry), "\"new\"", key))) {
-      m_api.Queue(answer);
+    if (!stored && !(fs::exists(m_entry) && EntryBody(ReadFileBytes(m_entry), "\"new\"", kKey))) {
+      m_api.Queue(NewAnswer());
     }
-    auto again = m_cache.OpenUrl(url, 0, {});
+    auto again = m_cache.OpenUrl(kUrl, 0, {});
     ASSERT_NE(again, nullptr);
-    EXPECT_EQ(ReadAll(*again), new_body);
+    EXPECT_EQ(ReadAll(*again), kNewBody);
     again.reset();  // Windows removes no open file
-    fs::remove(entry);
+    fs::remove(m_entry);
     if (stored) break;
   }
   EXPECT_TRUE(rename_failed);
@@ -238,14 +250,13 @@ TEST_F(CacheStoreFaultLoop, ALoadThatFailsAtEveryFileOperationSaysWhatBecameOfTh
     SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + failed);
     failures.push_back(failed);
     const bool not_opened = failed == "open" || failed == "lock";  // the sharing's lock too
+    const std::string in_use = " Maybe in use by another process?";
     if (not_opened) {
-      EXPECT_EQ(thrown, "Cache entry could not be opened. Maybe in use by another process?");
-    } else if (failed == "remove") {
-      EXPECT_EQ(thrown,
-                "Cache entry was invalid but unable to delete it. Maybe in use by another "
-                "process?");
+      EXPECT_EQ(thrown, "Cache entry could not be opened." + in_use);
     } else {
-      EXPECT_EQ(thrown, "invalid: Cache entry was invalid or corrupt. It was deleted.");
+      EXPECT_EQ(thrown, failed == "remove"
+                            ? "Cache entry was invalid but unable to delete it." + in_use
+                            : "invalid: Cache entry was invalid or corrupt. It was deleted.");
     }
     EXPECT_EQ(fs::exists(path), not_opened || failed == "remove");
     if (failed == "none") break;
@@ -258,14 +269,9 @@ TEST_F(CacheStoreFaultLoop, ALoadThatFailsAtEveryFileOperationSaysWhatBecameOfTh
 // reads the file its load opened, a second one in the same second the entry's remembered name,
 // and an answer that must not be stored comes from memory.
 TEST_F(CacheStoreFaultLoop, EveryBodyTheCacheServesRefusesAReadIntoNoBuffer) {
-  const wchar_t* const url = L"http://example.test/entry";
-  WriteFileBytes(qv::net::DiskCache::ComputeCacheLocation(url, m_cache.Directory()),
-                 EntryBytes(1000, 2000, "", "http://example.test/entry", "the body"));
-  FakeResponse no_store;
-  no_store.dates[L"Date"] = 1000;
-  no_store.Header(L"cache-control", L"no-store").Body("the body");
-  m_api.Queue(no_store);
-  for (const wchar_t* const opened : {url, url, L"http://example.test/no-store"}) {
+  WriteFileBytes(m_entry, EntryBytes(1000, 2000, "", kKey, "the body"));
+  m_api.Queue(FakeResponse().Header(L"cache-control", L"no-store").Body("the body"));
+  for (const wchar_t* const opened : {kUrl, kUrl, L"http://example.test/no-store"}) {
     auto stream = m_cache.OpenUrl(opened, 0, {});
     ASSERT_NE(stream, nullptr);
     EXPECT_THROW(stream->Read(nullptr, 1), std::runtime_error);
@@ -278,50 +284,41 @@ TEST_F(CacheStoreFaultLoop, EveryBodyTheCacheServesRefusesAReadIntoNoBuffer) {
 // out: the open serves the new body whole or nothing (std::bad_alloc may leave it before it
 // asks the server), the name holds the old entry whole, the new one whole or nothing, no
 // temporary file stays, and the next open serves the new body.
+// `act` with the Nth allocation of this thread failing; whether it came to that.
+template <class Act>
+bool FailAllocationAt(long n, Act act) {
+  const FailingAllocation failing(n);
+  act();
+  return FailingAllocation::Failed();
+}
+
 TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothingAndRecovers) {
-  const wchar_t* const url = L"http://example.test/entry";
-  const std::string key = "http://example.test/entry";
-  const std::string new_body(100000, 'n');
-  const fs::path entry = qv::net::DiskCache::ComputeCacheLocation(url, m_cache.Directory());
-  FakeResponse answer;
-  answer.dates[L"Date"] = 1000;
-  answer.Header(L"cache-control", L"max-age=60").Header(L"ETag", L"\"new\"");
-  answer.Header(L"Content-Length", std::to_wstring(new_body.size())).Body(new_body);
   for (long n = 0;; ++n) {
     ASSERT_LT(n, 1000) << "the open never got through";
-    WriteFileBytes(entry, EntryBytes(1, 999, "\"old\"", key, "the old body"));
-    m_api.Queue(answer);
+    WriteFileBytes(m_entry, EntryBytes(1, 999, "\"old\"", kKey, "the old body"));
+    m_api.Queue(NewAnswer());
     std::unique_ptr<qv::io::IDataSeekableReadStream> stream;
-    bool failed = false;
-    {
-      const FailingAllocation failing(n);
+    const bool failed = FailAllocationAt(n, [&] {
       try {
-        stream = m_cache.OpenUrl(url, 0, {});
+        stream = m_cache.OpenUrl(kUrl, 0, {});
       } catch (const std::bad_alloc&) {
       }
-      failed = FailingAllocation::Failed();
-    }
+    });
     SCOPED_TRACE("failing allocation " + std::to_string(n));
-    if (stream) {
-      EXPECT_TRUE(ReadAll(*stream) == new_body);
-    }
+    EXPECT_TRUE(!stream || ReadAll(*stream) == kNewBody);
     stream.reset();
     EXPECT_TRUE(failed || m_api.ScriptConsumed());
-    const std::string bytes = fs::exists(entry) ? ReadFileBytes(entry) : "";
-    const bool new_whole = EntryBody(bytes, "\"new\"", key) == new_body;
-    EXPECT_TRUE(bytes.empty() || new_whole || EntryBody(bytes, "\"old\"", key) == "the old body")
+    const std::string bytes = fs::exists(m_entry) ? ReadFileBytes(m_entry) : "";
+    const bool new_whole = EntryBody(bytes, "\"new\"", kKey) == kNewBody;
+    EXPECT_TRUE(bytes.empty() || new_whole || EntryBody(bytes, "\"old\"", kKey) == "the old body")
         << "torn entry of " << bytes.size() << " bytes";
-    std::vector<fs::path> files;
-    for (const auto& item : fs::directory_iterator(m_cache.Directory())) {
-      files.push_back(item.path());
-    }
-    EXPECT_THAT(files, AnyOf(IsEmpty(), ElementsAre(entry))) << "a file left behind";
-    if (m_api.ScriptConsumed() && !new_whole) m_api.Queue(answer);
-    auto again = m_cache.OpenUrl(url, 0, {});
+    EXPECT_THAT(Files(), AnyOf(IsEmpty(), ElementsAre(m_entry))) << "a file left behind";
+    if (m_api.ScriptConsumed() && !new_whole) m_api.Queue(NewAnswer());
+    auto again = m_cache.OpenUrl(kUrl, 0, {});
     ASSERT_NE(again, nullptr);
-    EXPECT_TRUE(ReadAll(*again) == new_body);
+    EXPECT_TRUE(ReadAll(*again) == kNewBody);
     again.reset();
-    fs::remove(entry);
+    fs::remove(m_entry);
     m_log.Clear();
     if (!failed) break;
   }
@@ -331,30 +328,24 @@ TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothi
 // returns true, and the run deletes whole entries or leaves them as they were.
 TEST_F(CacheStoreFaultLoop, ACleanUpThatRunsOutOfMemoryStillSucceedsAndLeavesEntriesWhole) {
   TqUOption::SetInt32("general.localcache.max_size", 0);  // every entry goes
-  std::vector<std::pair<fs::path, std::string>> entries;
-  for (const char* name : {"a", "b", "c"}) {
-    const std::string url = std::string("http://example.test/") + name;
-    const std::wstring wide(url.begin(), url.end());
-    entries.emplace_back(qv::net::DiskCache::ComputeCacheLocation(wide, m_cache.Directory()),
-                         EntryBytes(1, 2000, "", url, std::string(1000, *name)));
+  std::vector<std::string> entries;
+  for (const char name : {'a', 'b', 'c'}) {
+    entries.push_back(EntryBytes(1, 2000, "", kKey + name, std::string(1000, name)));
   }
   for (long n = 0;; ++n) {
     ASSERT_LT(n, 1000) << "the clean-up never got through";
-    for (const auto& [path, bytes] : entries) WriteFileBytes(path, bytes);
-    bool result = false;
-    bool failed = false;
-    {
-      const FailingAllocation failing(n);
-      result = m_cache.CleanUp();
-      failed = FailingAllocation::Failed();
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      WriteFileBytes(m_dir.path() / std::to_string(i), entries[i]);
     }
+    bool result = false;
+    const bool failed = FailAllocationAt(n, [&] { result = m_cache.CleanUp(); });
     SCOPED_TRACE("failing allocation " + std::to_string(n));
     EXPECT_TRUE(result);
-    for (const auto& [path, bytes] : entries) {
-      EXPECT_TRUE(!fs::exists(path) || ReadFileBytes(path) == bytes);
+    for (const fs::path& path : Files()) {
+      EXPECT_EQ(ReadFileBytes(path), entries.at(std::stoul(path.filename().string())));
     }
     if (!failed) {
-      EXPECT_TRUE(fs::is_empty(m_cache.Directory()));
+      EXPECT_THAT(Files(), IsEmpty());
       break;
     }
   }
