@@ -198,24 +198,22 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
   EXPECT_EQ(total, 7u);
   EXPECT_THAT(TakeLog(), ElementsAre(Posted{1, "HttpFileProtocol::ReadFile invalid buffer or "
                                                "range for " + server.Url("/f")}));
+  // Neither a copy of a live handle's bytes nor handles made for another file (whose connection
+  // may go to another server, whose resource is the other file's) read into this file.
   alignas(std::max_align_t) unsigned char copy[sizeof(qv::net::HttpFileThreadHandle)];
   std::memcpy(copy, static_cast<const void*>(r.thread), sizeof copy);
-  EXPECT_FALSE(protocol_->ReadFile(r.file, reinterpret_cast<TqUThreadHandle*>(copy), r.request, 0,
-                                   4, buffer.data()));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-  // Thread and request handles made for another file: its connection may go to another server,
-  // and its resource is the other file's; either would fill this read with another file's bytes.
-  {
-    auto* other_file = protocol_->OpenFile(W(server.Url("/g")).c_str(), TqUFileProtocol::OpenRead);
-    TqUThreadHandle* other_thread = protocol_->CreateThreadHandle(other_file);
-    TqUFileRequestHandle* other_request = protocol_->SetupReadFile(other_file, 0, 4);
-    EXPECT_FALSE(protocol_->ReadFile(r.file, other_thread, r.request, 0, 4, buffer.data()));
-    EXPECT_FALSE(protocol_->ReadFile(r.file, r.thread, other_request, 0, 4, buffer.data()));
+  auto* other_file = protocol_->OpenFile(W(server.Url("/g")).c_str(), TqUFileProtocol::OpenRead);
+  TqUThreadHandle* other_thread = protocol_->CreateThreadHandle(other_file);
+  TqUFileRequestHandle* other_request = protocol_->SetupReadFile(other_file, 0, 4);
+  for (const auto& [thread, request] :
+       {std::pair{reinterpret_cast<TqUThreadHandle*>(copy), r.request},
+        std::pair{other_thread, r.request}, std::pair{r.thread, other_request}}) {
+    EXPECT_FALSE(protocol_->ReadFile(r.file, thread, request, 0, 4, buffer.data()));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    protocol_->ReleaseRequestHandle(other_request);
-    protocol_->ReleaseThreadHandle(other_thread);
-    protocol_->CloseFile(other_file);
   }
+  protocol_->ReleaseRequestHandle(other_request);
+  protocol_->ReleaseThreadHandle(other_thread);
+  protocol_->CloseFile(other_file);
   EXPECT_TRUE(server.heads().empty());
 
   qv::net::HttpRequestHandlerManager::RegisterHandler(&r);
@@ -677,14 +675,13 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
     CountedBinding binding;
     {
       qv::net::MyBindStatusCallback callback(&alone);
-      // It is an IUnknown and an IBindStatusCallback, nothing else, and counts no references.
+      // It is an IUnknown and an IBindStatusCallback, nothing else.
       for (const IID* iid : {&IID_IUnknown, &IID_IBindStatusCallback, &IID_IBinding}) {
         void* object = &binding;
         const bool known = iid != &IID_IBinding;
         EXPECT_EQ(callback.QueryInterface(*iid, &object), known ? S_OK : E_NOINTERFACE);
         EXPECT_EQ(object, known ? static_cast<IBindStatusCallback*>(&callback) : nullptr);
       }
-      EXPECT_EQ(callback.AddRef() + callback.Release(), 0u);
       EXPECT_EQ(callback.OnStartBinding(0, &binding), S_OK);
       // No announced length: no fraction yet.
       EXPECT_EQ(callback.OnProgress(70, 0, BINDSTATUS_DOWNLOADINGDATA, nullptr), S_OK);
