@@ -1232,6 +1232,15 @@ bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code&
 
 namespace {
 
+// Removes the name `name` of the directory `dir` (never what a link leads to), as the test seams
+// allow (the refusal is asked about `leaf`, the name's last part): 0, or the errno value it
+// failed with (ENOENT when nothing was there).
+int RemoveName(int dir, const char* name, const char* leaf) {
+  if (RemovalRefused(leaf)) return EACCES;
+  if (TqUSysFileFaults::Fails("remove")) return errno;
+  return ::unlinkat(dir, name, 0) == 0 ? 0 : errno;
+}
+
 // Removes `name` of the directory `parent` (a descriptor, or AT_FDCWD) and, when it is a
 // directory, everything in it first. A link is removed as itself: a directory is only ever
 // opened with O_NOFOLLOW, so one swapped for a link meanwhile is never entered. Whatever cannot
@@ -1239,45 +1248,41 @@ namespace {
 // failure); the first failure is kept in `ec`. The count of names removed.
 std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
   const auto keep = [&ec](int error) {
-    if (!ec && error != ENOENT) ec = std::error_code(error, std::generic_category());
+    if (!ec && error != 0 && error != ENOENT) ec = std::error_code(error, std::generic_category());
   };
-  const char* leaf = std::strrchr(name, '/');
-  if (RemovalRefused(leaf != nullptr && leaf[1] != '\0' ? leaf + 1 : name)) {
-    keep(EACCES);
-    return 0;
-  }
-  if (TqUSysFileFaults::Fails("remove")) {
-    keep(errno);
-    return 0;
-  }
-  if (::unlinkat(parent, name, 0) == 0) return 1;
-  const int unlink_error = errno;
+  const char* slash = std::strrchr(name, '/');
+  const int unlink_error =
+      RemoveName(parent, name, slash != nullptr && slash[1] != '\0' ? slash + 1 : name);
+  if (unlink_error == 0) return 1;
   // Linux refuses to unlink a directory with EISDIR, POSIX allows EPERM.
   if (unlink_error != EISDIR && unlink_error != EPERM) {
     keep(unlink_error);
     return 0;
   }
-  const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) {
+  Descriptor fd(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.fd < 0) {
     keep(errno == ENOTDIR ? unlink_error : errno);  // a file that may not be removed
     return 0;
   }
-  DIR* const dir = ::fdopendir(fd);
-  if (dir == nullptr) {
-    keep(errno);
-    ::close(fd);
-    return 0;
-  }
-  // Listed whole before anything goes: a directory changed while read may skip names.
-  std::vector<std::string> names;
-  while (const dirent* item = ::readdir(dir)) {
-    if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
-      names.emplace_back(item->d_name);
+  std::uintmax_t count = 0;
+  {
+    const std::unique_ptr<DIR, DirCloser> dir(::fdopendir(fd.fd));
+    if (!dir) {
+      keep(errno);
+      return 0;
+    }
+    fd.release();  // the listing's now
+    // Listed whole before anything goes: a directory changed while read may skip names.
+    std::vector<std::string> names;
+    while (const dirent* item = ::readdir(dir.get())) {
+      if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
+        names.emplace_back(item->d_name);
+      }
+    }
+    for (const std::string& inner : names) {
+      count += RemoveTreeAt(::dirfd(dir.get()), inner.c_str(), ec);
     }
   }
-  std::uintmax_t count = 0;
-  for (const std::string& inner : names) count += RemoveTreeAt(::dirfd(dir), inner.c_str(), ec);
-  ::closedir(dir);
   if (::unlinkat(parent, name, AT_REMOVEDIR) == 0) {
     ++count;
   } else {
@@ -1301,17 +1306,9 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
     ec = m_error;
     return false;
   }
-  if (RemovalRefused(name)) {
-    ec = std::make_error_code(std::errc::permission_denied);
-    return false;
-  }
-  if (TqUSysFileFaults::Fails("remove")) {
-    ec = LastFileError();
-    return false;
-  }
-  if (::unlinkat(m_fd, name, 0) == 0) return true;
-  if (errno != ENOENT) ec = Errno();
-  return false;
+  const int error = RemoveName(m_fd, name, name);
+  if (error != 0 && error != ENOENT) ec = std::error_code(error, std::generic_category());
+  return error == 0;
 }
 
 #endif
