@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -184,49 +185,29 @@ TEST_F(HeaderQueriesTest, OddLengthsMissingHeadersAndFixedSizeAnswers) {
 // Gregorian rule, the day of the week ignored; a field out of its range fails with
 // ERROR_INVALID_PARAMETER and writes nothing. The last error is the thread's own.
 TEST(SystemTimeTest, FileTimesCountFrom1601AndFieldsOutOfRangeAreRefused) {
-  constexpr std::uint64_t kRefused = ~std::uint64_t{0};
-  const struct {
-    SYSTEMTIME time;  // year, month, day of week, day, hour, minute, second, milliseconds
-    std::uint64_t ticks;
-  } cases[] = {
-      {{1601, 1, 0, 1, 0, 0, 0, 0}, 0},
-      {{1970, 1, 6, 1, 0, 0, 0, 0}, 116444736000000000},
-      {{2000, 2, 0, 29, 12, 34, 56, 789}, 125963012967890000},
-      {{2100, 3, 3, 1, 0, 0, 0, 0}, 157520160000000000},
-      {{30827, 12, 0, 31, 23, 59, 59, 999}, kRefused - 1},  // accepted; value not checked
-      {{1600, 12, 0, 31, 0, 0, 0, 0}, kRefused},
-      {{30828, 1, 0, 1, 0, 0, 0, 0}, kRefused},
-      {{1900, 2, 0, 29, 0, 0, 0, 0}, kRefused},
-      {{2100, 2, 0, 29, 0, 0, 0, 0}, kRefused},
-      {{2023, 4, 0, 31, 0, 0, 0, 0}, kRefused},
-      {{2023, 13, 0, 1, 0, 0, 0, 0}, kRefused},
-      {{2023, 0, 0, 1, 0, 0, 0, 0}, kRefused},
-      {{2023, 1, 0, 0, 0, 0, 0, 0}, kRefused},
-      {{2023, 1, 0, 1, 24, 0, 0, 0}, kRefused},
-      {{2023, 1, 0, 1, 0, 60, 0, 0}, kRefused},
-      {{2023, 1, 0, 1, 0, 0, 60, 0}, kRefused},
-      {{2023, 1, 0, 1, 0, 0, 0, 1000}, kRefused},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.time.wYear << "-" << c.time.wMonth << "-" << c.time.wDay
-                                    << " " << c.time.wHour << ":" << c.time.wMinute << ":"
-                                    << c.time.wSecond << "." << c.time.wMilliseconds);
+  const auto ticks = [](SYSTEMTIME time) -> std::optional<std::uint64_t> {
     FILETIME file_time = {0xA5A5A5A5u, 0xA5A5A5A5u};
     SetLastError(0);
-    const BOOL ok = SystemTimeToFileTime(&c.time, &file_time);
-    const std::uint64_t ticks =
+    const bool ok = SystemTimeToFileTime(&time, &file_time) != FALSE;
+    EXPECT_EQ(GetLastError(), ok ? 0u : DWORD{ERROR_INVALID_PARAMETER});
+    const std::uint64_t got =
         (std::uint64_t{file_time.dwHighDateTime} << 32) | file_time.dwLowDateTime;
-    if (c.ticks == kRefused) {
-      EXPECT_FALSE(ok);
-      EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-      EXPECT_EQ(ticks, 0xA5A5A5A5A5A5A5A5u);
-      continue;
-    }
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(GetLastError(), 0u);
-    if (c.ticks != kRefused - 1) {
-      EXPECT_EQ(ticks, c.ticks);
-    }
+    if (ok) return got;
+    EXPECT_EQ(got, 0xA5A5A5A5A5A5A5A5u);
+    return std::nullopt;
+  };
+  // Year, month, day of week, day, hour, minute, second, milliseconds.
+  EXPECT_EQ(ticks({1601, 1, 3, 1, 0, 0, 0, 0}), 0u);
+  EXPECT_EQ(ticks({2000, 2, 0, 29, 12, 34, 56, 789}), 125963012967890000u);
+  EXPECT_EQ(ticks({2100, 3, 0, 1, 0, 0, 0, 0}), 157520160000000000u);
+  EXPECT_NE(ticks({30827, 12, 0, 31, 23, 59, 59, 999}), std::nullopt);
+  const SYSTEMTIME refused[] = {
+      {1600, 12, 0, 31, 0, 0, 0, 0}, {30828, 1, 0, 1, 0, 0, 0, 0},  {1900, 2, 0, 29, 0, 0, 0, 0},
+      {2023, 4, 0, 31, 0, 0, 0, 0},  {2023, 13, 0, 1, 0, 0, 0, 0},  {2023, 0, 0, 1, 0, 0, 0, 0},
+      {2023, 1, 0, 0, 0, 0, 0, 0},   {2023, 1, 0, 1, 24, 0, 0, 0},  {2023, 1, 0, 1, 0, 60, 0, 0},
+      {2023, 1, 0, 1, 0, 0, 60, 0},  {2023, 1, 0, 1, 0, 0, 0, 1000}};
+  for (const SYSTEMTIME& time : refused) {
+    EXPECT_EQ(ticks(time), std::nullopt) << "row " << &time - refused;
   }
   SetLastError(ERROR_HANDLE_EOF);
   std::thread([] { SetLastError(ERROR_ACCESS_DENIED); }).join();
