@@ -67,6 +67,85 @@ Attempt GatherInfo(HINTERNET request, DWORD status, const wchar_t* url, TqUFileI
   return state;
 }
 
+// One GetFileInfo call across the requests it opens and the answers it gets.
+class InfoCall {
+ public:
+  InfoCall(const wchar_t* url, TqUFileInfo* info, HttpRequest& request, HINTERNET connection)
+      : m_url(url), m_info(info), m_request(request), m_connection(connection) {}
+
+  // Sends on `request` until the information is found or this request has nothing more to try.
+  void Exchange(HINTERNET request) {
+    int bad_gateways = 0;
+    m_open_again = false;
+    for (;;) {
+      if (!detail::SendProtocolRequest(request, m_request.FormatHeaders())) {
+        Post(1, L"HttpFileProtocol::GetFileInfo HttpSendRequest for %s failed: %d", m_url,
+             static_cast<int>(GetLastError()));
+        return;
+      }
+      DWORD status = 0;
+      if (!detail::QueryStatusCode(request, &status)) {
+        Post(1, L"HttpFileProtocol::GetFileInfo HttpQueryInfo Status Code for %s failed: %d",
+             m_url, static_cast<int>(GetLastError()));
+        m_state = Attempt::Stop;
+      } else {
+        m_state = Judge(request, status, bad_gateways);
+      }
+      if (m_state == Attempt::Done || m_state == Attempt::Stop) return;
+    }
+  }
+
+  bool Found() const { return m_state == Attempt::Done; }
+  // A HEAD was refused: the call goes on with a GET of two bytes on a new request.
+  bool OpenAgain() const { return m_open_again; }
+
+ private:
+  Attempt Judge(HINTERNET request, DWORD status, int& bad_gateways) {
+    switch (status) {
+      case 200:
+      case 206:
+        return GatherInfo(request, status, m_url, m_info);
+      case 405:
+        if (m_request.GetMethod() == HttpMethod::Head) {
+          m_request.SetMethod(HttpMethod::Get);
+          m_request.AddHeader(L"Range", L"bytes=0-1");
+          m_open_again = true;
+        }
+        return Attempt::Stop;
+      case 401:
+      case 407:
+        return Authenticate(status);
+      case 502:
+        return ++bad_gateways <= kMaxBadGateways ? Attempt::SendAgain : Attempt::Stop;
+      default:
+        Post(5, L"HttpFileProtocol::GetFileInfo HttpQueryInfo Unhandled Status Code for %s: %d",
+             m_url, static_cast<int>(status));
+        return Attempt::Stop;
+    }
+  }
+
+  // Credentials are asked for once; a second 401/407 after them ends the call.
+  Attempt Authenticate(DWORD status) {
+    if (m_state == Attempt::CredentialsSet) return Attempt::Stop;
+    HttpCredentials credentials;
+    // NoCredentials, and any value outside the enumeration: give up rather than resend without
+    // bound.
+    if (HttpFileProtocol::PreHTTPAuthentication(m_url, &credentials) !=
+        HttpFileProtocol::CredentialsSupplied) {
+      return Attempt::Stop;
+    }
+    detail::ApplyCredentials(m_connection, status, credentials);
+    return Attempt::CredentialsSet;
+  }
+
+  const wchar_t* m_url;
+  TqUFileInfo* m_info;
+  HttpRequest& m_request;
+  HINTERNET m_connection;
+  Attempt m_state = Attempt::Stop;
+  bool m_open_again = false;
+};
+
 }  // namespace
 
 bool HttpFileProtocol::GetFileInfo(const wchar_t* url, TqUFileInfo* info) {
@@ -96,9 +175,8 @@ bool HttpFileProtocol::GetFileInfo(const wchar_t* url, TqUFileInfo* info) {
     return false;
   }
 
-  Attempt state = Attempt::Stop;
+  InfoCall call(url, info, request, connection.Get());
   int open_timeouts = 0;
-  bool open_again = false;
   do {
     detail::InternetHandle handle;
     const auto open = [&] {
@@ -111,57 +189,10 @@ bool HttpFileProtocol::GetFileInfo(const wchar_t* url, TqUFileInfo* info) {
                                   url)) {
       return false;
     }
-    int bad_gateways = 0;
-    open_again = false;
+    call.Exchange(handle.Get());
+  } while (call.OpenAgain());
 
-    for (;;) {
-      if (!detail::SendProtocolRequest(handle.Get(), request.FormatHeaders())) {
-        Post(1, L"HttpFileProtocol::GetFileInfo HttpSendRequest for %s failed: %d", url,
-             static_cast<int>(GetLastError()));
-        break;
-      }
-      DWORD status = 0;
-      if (!detail::QueryStatusCode(handle.Get(), &status)) {
-        Post(1, L"HttpFileProtocol::GetFileInfo HttpQueryInfo Status Code for %s failed: %d", url,
-             static_cast<int>(GetLastError()));
-        state = Attempt::Stop;
-      } else if (status == 200 || status == 206) {
-        state = GatherInfo(handle.Get(), status, url, info);
-      } else if (status == 405) {
-        // HEAD refused: ask for the first two bytes instead, on a new request.
-        if (request.GetMethod() == HttpMethod::Head) {
-          request.SetMethod(HttpMethod::Get);
-          request.AddHeader(L"Range", L"bytes=0-1");
-          open_again = true;
-        }
-        state = Attempt::Stop;
-      } else if (status == 401 || status == 407) {
-        if (state == Attempt::CredentialsSet) {
-          state = Attempt::Stop;
-        } else {
-          HttpCredentials credentials;
-          const PreHTTPAuthenticationResult answer = PreHTTPAuthentication(url, &credentials);
-          if (answer == CredentialsSupplied) {
-            detail::ApplyCredentials(connection.Get(), status, credentials);
-            state = Attempt::CredentialsSet;
-          } else {
-            // NoCredentials, and any value outside the enumeration: give up rather than resend
-            // without bound.
-            state = Attempt::Stop;
-          }
-        }
-      } else if (status == 502) {
-        state = ++bad_gateways <= kMaxBadGateways ? Attempt::SendAgain : Attempt::Stop;
-      } else {
-        Post(5, L"HttpFileProtocol::GetFileInfo HttpQueryInfo Unhandled Status Code for %s: %d",
-             url, static_cast<int>(status));
-        state = Attempt::Stop;
-      }
-      if (state == Attempt::Done || state == Attempt::Stop) break;
-    }
-  } while (open_again);
-
-  if (state != Attempt::Done) return false;
+  if (!call.Found()) return false;
   m_file_info_cache.Add(url, *info);
   return true;
 }
