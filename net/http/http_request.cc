@@ -58,6 +58,7 @@ void HttpRequest::AddHeader(const wchar_t* name, const wchar_t* value) {
 }
 
 void HttpRequest::RemoveHeader(const wchar_t* name) {
+  if (name == nullptr) return;  // no stored header has a null name
   const std::wstring_view wanted(name);
   auto& headers = m_impl->m_headers;
   headers.erase(std::remove_if(headers.begin(), headers.end(),

@@ -61,7 +61,7 @@ class TQNET_EXPORT HttpRequest {
   /// pre-request handler) write headers of its own into the request.
   void AddHeader(const wchar_t* name, const wchar_t* value);
   /// Removes every header whose name equals `name` exactly (case-sensitive); the rest keep
-  /// their order.
+  /// their order. A null `name` removes nothing.
   void RemoveHeader(const wchar_t* name);
   /// "name: value" pairs joined by CR LF, with no CR LF after the last; "" with no headers.
   /// Holds no CR, LF or NUL apart from the separators (see AddHeader).
