@@ -23,6 +23,7 @@ namespace {
 
 using qv::net::HttpReadStream;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 std::wstring Wide(const std::string& text) { return qv::Utf8ToWide(text); }
 
@@ -76,7 +77,7 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
   EXPECT_EQ(head_first->ContentSize(), body.size());
   EXPECT_TRUE(tq::test::ReadAll(*head_first) == body);
   head_first.reset();
-  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
+  EXPECT_THAT(tq::test::LinesBeyondWine(m_log), IsEmpty());
 
   auto empty = qv::net::OpenFileOrUrl(Wide(nginx.Url("/missing.bin")), 0, {});
   ASSERT_NE(empty, nullptr) << "a 404 is an empty stream";

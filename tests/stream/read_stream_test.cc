@@ -199,8 +199,7 @@ TEST_F(HttpReadStreamTest, AStopDuringABlockedSendOrARetryPauseEndsWithoutAnothe
     m_api.OnBlocked([&] { blocked.count_down(); });
     auto previous = qv::net::detail::SetRetrySleepForTesting(
         [&](std::chrono::milliseconds) { source.request_stop(); });
-    FakeResponse blocking;
-    blocking.block_until_closed = true;
+    const FakeResponse blocking{.block_until_closed = true};
     if (open == Open::Before) {
       source.request_stop();
     } else {
@@ -240,7 +239,6 @@ TEST_F(HttpReadStreamTest, AStopDuringABlockedSendOrARetryPauseEndsWithoutAnothe
     const int expected_sends = open == Open::HeadFirst ? 2 : 1;
     EXPECT_EQ(m_api.CountCalls("Send") - sends, expected_sends);
     EXPECT_EQ(m_api.CloseCount() - closes, expected_sends) << "each handle closed exactly once";
-    EXPECT_EQ(m_api.OpenRequestHandles(), 0u);
   }
   m_api.OnBlocked({});
   EXPECT_EQ(m_log.Text(), "");
