@@ -199,7 +199,8 @@ TEST_F(HttpReadStreamTest, AStopDuringABlockedSendOrARetryPauseEndsWithoutAnothe
     m_api.OnBlocked([&] { blocked.count_down(); });
     auto previous = qv::net::detail::SetRetrySleepForTesting(
         [&](std::chrono::milliseconds) { source.request_stop(); });
-    const FakeResponse blocking{.block_until_closed = true};
+    FakeResponse blocking;
+    blocking.block_until_closed = true;
     if (open == Open::Before) {
       source.request_stop();
     } else {

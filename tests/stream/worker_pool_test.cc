@@ -126,7 +126,9 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
 
   // The stop also reaches a send blocked on a worker: it is cancelled, its handle closed once,
   // and the future holds null. Before, the worker stayed blocked until the transport's time-out.
-  m_api.Queue({.block_until_closed = true});
+  tq::test::FakeResponse blocking;
+  blocking.block_until_closed = true;
+  m_api.Queue(blocking);
   tq::test::Latch blocked(1);
   m_api.OnBlocked([&] { blocked.count_down(); });
   const int closes = m_api.CloseCount();
@@ -140,7 +142,9 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
 
   // The pool shutting down cuts a task's pause before a retry (here a Retry-After of 30 s): the
   // answer waited on is the task's, and nothing more is sent. Before, the shut-down waited.
-  m_api.Queue(tq::test::FakeResponse{.status = 429}.Header(L"Retry-After", L"30"));
+  tq::test::FakeResponse busy;
+  busy.status = 429;
+  m_api.Queue(busy.Header(L"Retry-After", L"30"));
   Gate paused, resumed;
   auto recording = qv::net::detail::SetRetrySleepForTesting([&](auto) {
     paused.Open();
