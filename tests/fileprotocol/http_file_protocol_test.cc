@@ -100,14 +100,13 @@ TEST_F(HttpFileProtocolTest, RangedReadsSendTheUrlAsGivenToHandlersAndTheUserAge
                                      static_cast<HttpFileProtocol*>(&keeping)}) {
     if (protocol == &resolving) resolving.SetUserAgentW(L"Host-\u00e9/2.0");
     SeenUrls seen;
-    TqUFileHandle* file = protocol->OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
-    ASSERT_NE(file, nullptr);
-    TqUThreadHandle* thread = protocol->CreateThreadHandle(file);
-    TqUFileRequestHandle* request = protocol->SetupReadFile(file, 0, 3);
+    OpenedFile f(protocol, server_.Url("/asked"));
+    ASSERT_TRUE(f.ok());
+    TqUFileRequestHandle* request = protocol->SetupReadFile(f.file(), 0, 3);
     std::string got(3, '\0');
     qv::net::HttpRequestHandlerManager::RegisterHandler(&seen);
     for (int i = 0; i < 2; ++i) {
-      EXPECT_EQ(protocol->ReadFileToSize(file, thread, request, 0, 3,
+      EXPECT_EQ(protocol->ReadFileToSize(f.file(), f.thread(), request, 0, 3,
                                          reinterpret_cast<unsigned char*>(got.data()), nullptr),
                 3);
       EXPECT_EQ(got, protocol == &resolving ? "res" : "ask");
@@ -115,8 +114,6 @@ TEST_F(HttpFileProtocolTest, RangedReadsSendTheUrlAsGivenToHandlersAndTheUserAge
     qv::net::HttpRequestHandlerManager::UnregisterHandler(&seen);
     EXPECT_EQ(seen.urls, std::vector<std::wstring>(2, url));
     protocol->ReleaseRequestHandle(request);
-    protocol->ReleaseThreadHandle(thread);
-    protocol->CloseFile(file);
   }
 #if defined(_WIN32)  // WinINet sends header text in the ANSI code page, the Linux layer UTF-8
   char agent[32] = {};
@@ -195,18 +192,15 @@ TEST_F(HttpFileProtocolTest, BadUrlsRangesAndStaleOrForeignHandlesAreRefusedWith
   // may go to another server, whose resource is the other file's) read into this file.
   alignas(std::max_align_t) unsigned char copy[sizeof(qv::net::HttpFileThreadHandle)];
   std::memcpy(copy, static_cast<const void*>(r.thread), sizeof copy);
-  auto* other_file = protocol_->OpenFile(W(server.Url("/g")).c_str(), TqUFileProtocol::OpenRead);
-  TqUThreadHandle* other_thread = protocol_->CreateThreadHandle(other_file);
-  TqUFileRequestHandle* other_request = protocol_->SetupReadFile(other_file, 0, 4);
+  OpenedFile other(protocol_, server.Url("/g"));
+  TqUFileRequestHandle* other_request = protocol_->SetupReadFile(other.file(), 0, 4);
   for (const auto& [thread, request] :
        {std::pair{reinterpret_cast<TqUThreadHandle*>(copy), r.request},
-        std::pair{other_thread, r.request}, std::pair{r.thread, other_request}}) {
+        std::pair{other.thread(), r.request}, std::pair{r.thread, other_request}}) {
     EXPECT_FALSE(protocol_->ReadFile(r.file, thread, request, 0, 4, buffer.data()));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
   }
   protocol_->ReleaseRequestHandle(other_request);
-  protocol_->ReleaseThreadHandle(other_thread);
-  protocol_->CloseFile(other_file);
   EXPECT_TRUE(server.heads().empty());
 
   qv::net::HttpRequestHandlerManager::RegisterHandler(&r);
