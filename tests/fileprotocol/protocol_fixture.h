@@ -91,6 +91,8 @@ class OpenedFile {
 
   bool ok() const { return file_ != nullptr && thread_ != nullptr; }
   std::string url_utf8() const { return qv::WideToUtf8(url_); }
+  TqUFileHandle* file() const { return file_; }
+  TqUThreadHandle* thread() const { return thread_; }
 
   // One ranged read with its own request handle.
   std::int64_t Read(std::uint64_t offset, std::uint64_t size, unsigned char* buffer,

@@ -51,15 +51,15 @@ class HttpStreamsEndToEndTest : public ::testing::Test {
 };
 
 // Into memory: the room is sized from Content-Length up to a bound, and grows past it as the
-// bytes come. (Lengths far larger than the body: the read stream test over the fake.)
-TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAndA404) {
+// bytes come. (Lengths far larger than the body, and a HEAD first: the read stream test over the
+// fake; a GET after a HEAD on one connection: the platform's reuse test.)
+TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAndA404AsAnEmptyStream) {
   if (!tq::test::NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
   tq::test::NginxHarness nginx;
   ASSERT_TRUE(nginx.ok()) << nginx.error();
   const std::wstring url = Wide(nginx.Url("/data.bin"));
-  std::string body;
   for (const std::size_t size : {std::size_t{3 * 1024 * 1024 + 17}, std::size_t{5 << 20} + 3}) {
-    body = Pattern(size);
+    const std::string body = Pattern(size);
     nginx.WriteFile("data.bin", body);
     auto memory = qv::net::ReadUrlIntoMemory(url, {});
     ASSERT_NE(memory, nullptr);
@@ -71,13 +71,8 @@ TEST_F(HttpStreamsEndToEndTest, NginxServesFilesWholeIntoMemoryAHeadFirstOpenAnd
       EXPECT_LE(bytes.capacity(), 2 * size);
     }
   }
-  auto head_first = HttpReadStream::Open(url, HttpReadStream::FlagMakeHeadRequest, {});
-  EXPECT_TRUE(head_first->Succeeded());
-  EXPECT_EQ(head_first->ContentSize(), body.size());
-  EXPECT_TRUE(tq::test::ReadAll(*head_first) == body);
-  head_first.reset();
-  EXPECT_EQ(tq::test::TextBeyondWine(m_log), "");
 
+  // The log holds the 404's line alone: the whole reads before it logged nothing.
   auto empty = qv::net::OpenFileOrUrl(Wide(nginx.Url("/missing.bin")), 0, {});
   ASSERT_NE(empty, nullptr) << "a 404 is an empty stream";
   EXPECT_EQ(tq::test::ReadAll(*empty), "");

@@ -89,10 +89,6 @@ class FakeHttpApi : public qv::net::IHttpApi {
     return Locked([&] { return int(std::ranges::count_if(m_calls, starts)); });
   }
   bool ScriptConsumed() const { return Locked([&] { return m_queue.empty(); }); }
-  std::size_t OpenRequestHandles() const {  // request handles not closed yet
-    const auto requests = [](const auto& h) { return h.second.kind == Kind::Request; };
-    return Locked([&] { return std::size_t(std::ranges::count_if(m_handles, requests)); });
-  }
   std::size_t OpenHandles() const { return Locked([&] { return m_handles.size(); }); }
   int CloseCount() const { return CountCalls("Close"); }
 

@@ -35,10 +35,5 @@ inline std::vector<std::string> LinesBeyondWine(const LogCapture& log) {
   }
   return lines;
 }
-inline std::string TextBeyondWine(const LogCapture& log) {
-  std::string text;
-  for (const std::string& line : LinesBeyondWine(log)) text += line;
-  return text;
-}
 
 }  // namespace tq::test

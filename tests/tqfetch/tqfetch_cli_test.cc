@@ -108,22 +108,17 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   // A file whose size changes between two pieces of one range (read 8 MiB at a time) is a
   // failure: the bytes that would follow are another version's.
   auto answers = std::make_shared<std::atomic<int>>(0);
-  tq::test::RawResponder changing([answers](tq::test::RawConnection& c) {
-    for (std::string head; !(head = c.ReadRequestHead()).empty();) {
-      std::uint64_t first = 0, last = 0;
-      const std::size_t at = head.find("Range: bytes=");
-      if (at == std::string::npos ||
-          std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
-        return;
-      }
-      const std::uint64_t total = (*answers)++ == 0 ? 9 << 20 : 10 << 20;
-      if (!c.Send("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) +
-                  "-" + std::to_string(last) + "/" + std::to_string(total) +
-                  "\r\nContent-Length: " + std::to_string(last - first + 1) + "\r\n\r\n" +
-                  std::string(last - first + 1, 'v'))) {
-        return;
-      }
+  tq::test::SameAnswerServer changing([answers](const std::string& head) -> std::string {
+    std::uint64_t first = 0, last = 0;
+    const std::size_t at = head.find("Range: bytes=");
+    if (at == std::string::npos ||
+        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+      return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
     }
+    const std::uint64_t total = (*answers)++ == 0 ? 9 << 20 : 10 << 20;
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
+           std::to_string(last) + "/" + std::to_string(total) + "\r\nContent-Length: " +
+           std::to_string(last - first + 1) + "\r\n\r\n" + std::string(last - first + 1, 'v');
   });
   const std::string changed = changing.Url("/v");
   const Outcome stitched = Tqfetch("range " + changed + " 0 " + std::to_string(9 << 20),
