@@ -106,13 +106,7 @@ class CacheTest : public FakeTransportTest {
     WriteFileBytes(m_cache.Directory() / name, header + std::string(size - header.size(), 'b'));
   }
   Names Remaining(const std::string& extension = "") const {
-    Names names;
-    for (const auto& item : fs::directory_iterator(m_cache.Directory())) {
-      if (extension.empty() || item.path().extension() == extension) {
-        names.insert(item.path().filename().string());
-      }
-    }
-    return names;
+    return FileNames(m_cache.Directory(), extension);
   }
   void RemoveAll() {
     for (const std::string& name : Remaining()) fs::remove(m_cache.Directory() / name);

@@ -88,14 +88,6 @@ class CacheStoreFaultLoop : public FakeTransportTest {
   ScopedClock m_clock{1000};
   qv::net::DiskCache m_cache{m_dir.path().wstring().c_str()};
   const fs::path m_entry = qv::net::DiskCache::ComputeCacheLocation(kUrl, m_cache.Directory());
-
-  std::vector<fs::path> Files() const {
-    std::vector<fs::path> files;
-    for (const auto& item : fs::directory_iterator(m_cache.Directory())) {
-      files.push_back(item.path());
-    }
-    return files;
-  }
 };
 
 const std::string kCopyFailed =
@@ -301,7 +293,9 @@ TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothi
     const bool new_whole = EntryBody(bytes, "\"new\"", kKey) == kNewBody;
     EXPECT_TRUE(bytes.empty() || new_whole || EntryBody(bytes, "\"old\"", kKey) == "the old body")
         << "torn entry of " << bytes.size() << " bytes";
-    EXPECT_THAT(Files(), AnyOf(IsEmpty(), ElementsAre(m_entry))) << "a file left behind";
+    EXPECT_THAT(FileNames(m_cache.Directory()),
+                AnyOf(IsEmpty(), ElementsAre(m_entry.filename().string())))
+        << "a file left behind";
     if (m_api.ScriptConsumed() && !new_whole) m_api.Queue(NewAnswer());
     auto again = m_cache.OpenUrl(kUrl, 0, {});
     ASSERT_NE(again, nullptr);
@@ -330,11 +324,11 @@ TEST_F(CacheStoreFaultLoop, ACleanUpThatRunsOutOfMemoryStillSucceedsAndLeavesEnt
     const bool failed = FailAllocationAt(n, [&] { result = m_cache.CleanUp(); });
     SCOPED_TRACE("failing allocation " + std::to_string(n));
     EXPECT_TRUE(result);
-    for (const fs::path& path : Files()) {
-      EXPECT_EQ(ReadFileBytes(path), entries.at(std::stoul(path.filename().string())));
+    for (const std::string& name : FileNames(m_cache.Directory())) {
+      EXPECT_EQ(ReadFileBytes(m_cache.Directory() / name), entries.at(std::stoul(name)));
     }
     if (!failed) {
-      EXPECT_THAT(Files(), IsEmpty());
+      EXPECT_THAT(FileNames(m_cache.Directory()), IsEmpty());
       break;
     }
   }
@@ -407,7 +401,9 @@ TEST_F(ReadStreamFaultLoop, AReadThatFailsAtEveryTransportCallEndsInTheStateOfTh
       ASSERT_NE(stream, nullptr);
       EXPECT_EQ(stream->IsOpen(), failed == "Status");
       EXPECT_FALSE(stream->Succeeded());
-      if (failed == "Status") EXPECT_EQ(stream->QueryStatusCode(), qv::net::HttpStatus::Unknown);
+      if (failed == "Status") {
+        EXPECT_EQ(stream->QueryStatusCode(), qv::net::HttpStatus::Unknown);
+      }
       EXPECT_EQ(got + error, "");
       EXPECT_EQ(retried, sends_before == (failed == "Send" ? 2 : 3));
     } else if (failed == "Read") {

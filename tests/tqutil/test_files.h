@@ -1,7 +1,7 @@
 // File helpers shared by the tests of the file layer, the cache and the fault loops: whole files
-// read and written, links planted, open descriptors counted, and modification times set to a
-// fraction of a second on every system (the setter of std::filesystem in MinGW's library keeps
-// whole seconds only).
+// read and written, directories listed, links planted, open descriptors counted, and
+// modification times set to a fraction of a second on every system (the setter of
+// std::filesystem in MinGW's library keeps whole seconds only).
 #pragma once
 
 #if defined(_WIN32)
@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 #include <system_error>
 
@@ -26,6 +27,18 @@ inline std::string ReadFileBytes(const std::filesystem::path& path) {
 
 inline void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// The names in `directory`; only those with `extension` when one is given.
+inline std::set<std::string> FileNames(const std::filesystem::path& directory,
+                                       const std::string& extension = "") {
+  std::set<std::string> names;
+  for (const auto& item : std::filesystem::directory_iterator(directory)) {
+    if (extension.empty() || item.path().extension() == extension) {
+      names.insert(item.path().filename().string());
+    }
+  }
+  return names;
 }
 
 // Whether `path` is a symbolic link (on Windows a reparse point).
