@@ -1,23 +1,18 @@
-// Helpers shared by the cache tests: a settable clock, entry files built byte by byte, planted
-// links, and the workload that threads and processes run on one directory.
+// Helpers shared by the cache tests: a settable clock, entry files built byte by byte, and the
+// workload that threads and processes run on one directory.
 #pragma once
-
-#if defined(_WIN32)
-#include <windows.h>
-#endif
 
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 
 #include "net/cache/disk_cache.h"
 #include "tests/support/fake_http_api.h"
 #include "tests/support/read_all.h"
+#include "tests/tqutil/test_files.h"
 #include "tqutil/sys_time.h"
 
 namespace tq::test {
@@ -51,38 +46,6 @@ inline std::string EntryBytes(std::int64_t last_used, std::int64_t expiry, const
   return Le(24 + tag.size() + key.size() + extension.size(), 2) + "\x01\x01" + Le(last_used, 8) +
          Le(expiry, 8) + Le(tag.size(), 2) + tag + Le(key.size(), 2) + key + "\x02\x02" +
          extension + body;
-}
-
-inline std::string ReadFileBytes(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-// Whether `path` is a symbolic link (on Windows a reparse point).
-inline bool IsLink(const std::filesystem::path& path) {
-#if defined(_WIN32)
-  const DWORD attributes = GetFileAttributesW(path.c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-#else
-  return std::filesystem::is_symlink(path);
-#endif
-}
-
-// Plants a symbolic link (on Windows a reparse point); false where none can be made (Wine makes
-// none; Windows only for a privileged or developer-mode user).
-inline bool PlantLink(const std::filesystem::path& target, const std::filesystem::path& link) {
-#if defined(_WIN32)
-  return CreateSymbolicLinkW(link.c_str(), target.c_str(),
-                             SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE) != 0 &&
-         IsLink(link);
-#else
-  std::filesystem::create_symlink(target, link);  // throws if it cannot: POSIX always can
-  return true;
-#endif
 }
 
 // The workload of the cache's concurrency tests, shared by the test threads and the second

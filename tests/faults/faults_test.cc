@@ -109,14 +109,6 @@ struct FaultResponder {
   RawResponder server;  // last: its threads stop before the count goes
 };
 
-std::vector<std::string> Names(const fs::path& directory) {
-  std::vector<std::string> names;
-  for (const auto& e : fs::directory_iterator(directory)) {
-    names.push_back(e.path().filename().string());
-  }
-  return names;
-}
-
 // A ranged read ends in -1 with the line of the step that failed, or, for a cut body, in the
 // count of the bytes that came (a whole read then logs "partial data"). A download fails and
 // keeps the file it was to replace whole, and leaves nothing else.
@@ -177,7 +169,7 @@ TEST_F(FileProtocolFaultTest, EachServerFaultEndsAReadAndADownloadInItsResultAnd
     }
     EXPECT_FALSE(protocol_->GetFile(W(url).c_str(), target.wstring().c_str(), nullptr));
     EXPECT_TRUE(ReadFileBytes(target) == old_contents);
-    EXPECT_THAT(Names(dir.path()), ElementsAre("keep.bin"));
+    EXPECT_THAT(FileNames(dir.path()), ElementsAre("keep.bin"));
     EXPECT_THAT(TakeLog(), IsEmpty());
   }
 }
@@ -224,11 +216,11 @@ TEST_F(FileProtocolFaultTest, ADownloadOntoAFullDiskKeepsTheOldFileAndLeavesNoth
     }
     EXPECT_FALSE(done);
     EXPECT_EQ(ReadFileBytes(target), "the old contents");
-    EXPECT_THAT(Names(dir.path()), ElementsAre("keep.bin"));
+    EXPECT_THAT(FileNames(dir.path()), ElementsAre("keep.bin"));
   }
   EXPECT_TRUE(protocol_->GetFile(url.c_str(), target.wstring().c_str(), nullptr));
   EXPECT_TRUE(ReadFileBytes(target) == body) << "with room the download replaces the file whole";
-  EXPECT_THAT(Names(dir.path()), ElementsAre("keep.bin"));
+  EXPECT_THAT(FileNames(dir.path()), ElementsAre("keep.bin"));
   EXPECT_THAT(TakeLog(), IsEmpty());
 }
 #endif

@@ -6,19 +6,19 @@
 
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <map>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/read_all.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
-#include "tests/tqutil/file_time.h"
+#include "tests/tqutil/test_files.h"
 #include "tqutil/file_protocol.h"
 #include "tqutil/file_streams.h"
 #include "tqutil/file_url.h"
@@ -31,7 +31,11 @@ namespace {
 using qv::io::StreamPosition;
 using F = TqUSysFile;
 using Path = std::filesystem::path;
+using tq::test::OpenDescriptors;
+using tq::test::PlantLink;
 using tq::test::ReadAll;
+using tq::test::ReadFileBytes;
+using tq::test::WriteFileBytes;
 
 struct Mode {
   std::uint32_t access, share, creation;
@@ -57,41 +61,9 @@ struct Open {
   F::Handle h;
 };
 
-void WriteText(const Path& p, const std::string& s) { std::ofstream(p, std::ios::binary) << s; }
-std::string ReadText(const Path& p) {
-  std::ifstream in(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-// A symbolic link at `link` to `target`; false when the system could not make one. Wine makes
-// none (tests/WINDOWS.md): CreateSymbolicLinkW reports success and leaves nothing behind.
-bool MakeLink(const Path& target, const Path& link) {
-#if defined(_WIN32)
-  if (!::CreateSymbolicLinkW(link.c_str(), target.c_str(),
-                             SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE)) {
-    return false;
-  }
-  const DWORD attributes = ::GetFileAttributesW(link.c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT);
-#else
-  std::filesystem::create_symlink(target, link);
-  return true;
-#endif
-}
 const char* NoLinkReason() {
   return tq::test::IsWine() ? "Wine makes no symbolic links (tests/WINDOWS.md)"
                             : "this account may not make symbolic links";
-}
-
-// The descriptors the process has open, where the system tells (Linux); 0 elsewhere.
-std::size_t OpenDescriptors() {
-  std::size_t count = 0;
-#if defined(__linux__)
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    ++count;
-  }
-#endif
-  return count;
 }
 
 // TqUSysDirectory::ReadStart of `name` in `dir` into a buffer of `size`: the bytes read, or
@@ -115,7 +87,7 @@ TEST(SysFileTest, AWriterExcludesEveryOtherOpenAndReadersExcludeWriters) {
   for (const auto& [held, other, opens] : cases) {
     SCOPED_TRACE(std::to_string(held.access) + " then " + std::to_string(other.access) + ", " +
                  std::to_string(other.creation));
-    WriteText(dir / "entry.tmp", "old body");
+    WriteFileBytes(dir / "entry.tmp", "old body");
     const Open first(dir.path(), "entry.tmp", held);
     const bool writer = held.access == F::kAccessWrite;
     ASSERT_TRUE(first && (!writer || first.Write("winner's body")));
@@ -126,7 +98,7 @@ TEST(SysFileTest, AWriterExcludesEveryOtherOpenAndReadersExcludeWriters) {
 #if !defined(_WIN32)  // Windows lets nobody read a file that its writer holds alone
     // Regression: the loser of a race for the same temporary file must not truncate the
     // winner's half-written body.
-    EXPECT_EQ(ReadText(dir / "entry.tmp"), writer ? "winner's body" : "old body");
+    EXPECT_EQ(ReadFileBytes(dir / "entry.tmp"), writer ? "winner's body" : "old body");
 #endif
   }
   const Open creator(dir.path(), "entry.tmp", kCreate);
@@ -157,12 +129,12 @@ TEST(SysFileTest, AFileRenamedOverAWritersNameDuringItsOpenIsNeverWrittenThrough
       EXPECT_EQ(seen, "<refused>") << by_name << ": a reader found it before its creator held it";
       EXPECT_TRUE(created.Write("body"));
     }
-    EXPECT_EQ(ReadText(path), "body");
+    EXPECT_EQ(ReadFileBytes(path), "body");
   }
   for (const bool rename : {true, false}) {
     SCOPED_TRACE(rename ? "renamed" : "not renamed");
-    WriteText(path, "old");
-    WriteText(dir / "new", "new");
+    WriteFileBytes(path, "old");
+    WriteFileBytes(dir / "new", "new");
     int calls = 0;
     std::error_code rename_error;
     F::SetOpenHookForTesting([&] {
@@ -174,10 +146,10 @@ TEST(SysFileTest, AFileRenamedOverAWritersNameDuringItsOpenIsNeverWrittenThrough
 #if defined(_WIN32)
     EXPECT_EQ(bool(rename_error), rename) << "the open writer holds its name";
     EXPECT_TRUE(opened);
-    EXPECT_EQ(ReadText(path), "old");
+    EXPECT_EQ(ReadFileBytes(path), "old");
 #else
     EXPECT_EQ(opened, !rename);
-    EXPECT_EQ(ReadText(path), rename ? "new" : "old");
+    EXPECT_EQ(ReadFileBytes(path), rename ? "new" : "old");
 #endif
   }
 }
@@ -197,21 +169,21 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
       EXPECT_TRUE(!open || write.empty() || open.Write(write));
       return bool(open);
     };
-    WriteText(target, "precious");
+    WriteFileBytes(target, "precious");
 
     // A stale temporary file that shares its data with a name outside through a hard link:
     // removed and created anew, never emptied in place; for the owner alone.
     std::filesystem::create_hard_link(target, dir / "entry.tmp");
     EXPECT_TRUE(opens("entry.tmp", kCreate));
     EXPECT_EQ(std::filesystem::file_size(dir / "entry.tmp"), 0u);
-    EXPECT_EQ(ReadText(target), "precious");
+    EXPECT_EQ(ReadFileBytes(target), "precious");
 #if !defined(_WIN32)  // Windows files have access lists, not modes
     using std::filesystem::perms;
     EXPECT_EQ(std::filesystem::status(dir / "entry.tmp").permissions() & perms::all,
               perms::owner_read | perms::owner_write);
 #endif
     // A read-only stale temporary file does not block its name.
-    WriteText(dir / "stale.tmp", "stale");
+    WriteFileBytes(dir / "stale.tmp", "stale");
     std::filesystem::permissions(dir / "stale.tmp", std::filesystem::perms::owner_read);
     EXPECT_TRUE(opens("stale.tmp", kCreate));
     EXPECT_EQ(std::filesystem::file_size(dir / "stale.tmp"), 0u);
@@ -224,7 +196,7 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
       // A NUL inside a path would leave the system the part before it, another file's name:
       // such a path names nothing, and the file before the NUL is neither opened, emptied,
       // renamed nor removed.
-      WriteText(dir / "kept", "precious");
+      WriteFileBytes(dir / "kept", "precious");
       Path::string_type text = (dir / "kept").native();
       text += Path::value_type{};
       text += Path("x").native();
@@ -234,17 +206,16 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
       }
       EXPECT_EQ(F::OpenNamedFile(nul), nullptr);
       std::error_code ec;
-      EXPECT_EQ(F::KindOfName(nul, ec), F::NameKind::kNone);
-      EXPECT_TRUE(ec);
-      EXPECT_FALSE(F::RenameFile(nul, dir / "moved", ec));
-      EXPECT_TRUE(ec);
-      EXPECT_FALSE(F::RenameFile(dir / "stale.tmp", nul, ec));
-      EXPECT_TRUE(ec);
-      EXPECT_FALSE(F::RemoveFile(nul, ec));
-      EXPECT_TRUE(ec);
-      EXPECT_EQ(TqUSysDirectory::RemoveTree(nul, ec), 0u);
-      EXPECT_TRUE(ec);
-      EXPECT_EQ(ReadText(dir / "kept"), "precious");
+      // Each call says it did nothing, and sets the error.
+      const auto refused = [&ec](bool nothing_done) {
+        return nothing_done && std::exchange(ec, {});
+      };
+      EXPECT_TRUE(refused(F::KindOfName(nul, ec) == F::NameKind::kNone));
+      EXPECT_TRUE(refused(!F::RenameFile(nul, dir / "moved", ec)));
+      EXPECT_TRUE(refused(!F::RenameFile(dir / "stale.tmp", nul, ec)));
+      EXPECT_TRUE(refused(!F::RemoveFile(nul, ec)));
+      EXPECT_TRUE(refused(TqUSysDirectory::RemoveTree(nul, ec) == 0u));
+      EXPECT_EQ(ReadFileBytes(dir / "kept"), "precious");
       EXPECT_TRUE(std::filesystem::exists(dir / "stale.tmp"));
       EXPECT_FALSE(std::filesystem::exists(dir / "moved"));
     }
@@ -262,16 +233,16 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
 #endif
     // A link at an entry's name, to a file outside: not served, not rewritten. A link at a
     // temporary name: removed, and a new file of its own created in its place.
-    if (!(links = MakeLink(target, dir / "entry"))) continue;
+    if (!(links = PlantLink(target, dir / "entry"))) continue;
     for (const Mode m : {kRead, kRewrite, kOpenAlways}) EXPECT_FALSE(opens("entry", m));
 #if !defined(_WIN32)
     EXPECT_EQ(Start(dir.path(), "entry", 16), "<refused>");
 #endif
-    ASSERT_TRUE(MakeLink(target, dir / "link.tmp"));
+    ASSERT_TRUE(PlantLink(target, dir / "link.tmp"));
     EXPECT_TRUE(opens("link.tmp", kCreate, "entry"));
     EXPECT_FALSE(std::filesystem::is_symlink(dir / "link.tmp"));
-    EXPECT_EQ(ReadText(dir / "link.tmp"), "entry");
-    EXPECT_EQ(ReadText(target), "precious");
+    EXPECT_EQ(ReadFileBytes(dir / "link.tmp"), "entry");
+    EXPECT_EQ(ReadFileBytes(target), "precious");
   }
   // Devices are not files either.
 #if defined(_WIN32)
@@ -289,11 +260,11 @@ TEST(SysFileTest, OnlyRegularFilesOpenAndLinksAreNeverFollowed) {
 // links.
 TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLinks) {
   tq::test::TempDir dir;
-  WriteText(dir / "file", "0123456789");
-  WriteText(dir / "empty", "");
+  WriteFileBytes(dir / "file", "0123456789");
+  WriteFileBytes(dir / "empty", "");
   std::filesystem::create_directory(dir / "sub");
   const bool links =
-      MakeLink(dir / "file", dir / "link") && MakeLink(dir / "missing", dir / "dangling");
+      PlantLink(dir / "file", dir / "link") && PlantLink(dir / "missing", dir / "dangling");
   if (!links) std::printf("no links: %s\n", NoLinkReason());
   const TqUSysDirectory directory(dir.path());
   ASSERT_FALSE(directory.Error());
@@ -321,7 +292,7 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
     EXPECT_EQ(directory.FileSize(Path("link").c_str()), -1);
     EXPECT_TRUE(directory.Exists(Path("dangling").c_str(), ec)) << "there, wherever it leads";
     EXPECT_TRUE(directory.RemoveFile(Path("link").c_str(), ec));
-    EXPECT_EQ(ReadText(dir / "file"), "0123456789") << "what a removed link leads to stays";
+    EXPECT_EQ(ReadFileBytes(dir / "file"), "0123456789") << "what a removed link leads to stays";
   }
   EXPECT_TRUE(directory.RemoveFile(Path("file").c_str(), ec));
   EXPECT_FALSE(directory.RemoveFile(Path("file").c_str(), ec)) << "nothing there any more";
@@ -329,26 +300,26 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
   // A read-only file blocks no name: removed by name or by path, and replaced by a rename, as a
   // writable directory allows on POSIX.
   for (const char* name : {"ro-by-name", "ro-by-path", "ro-renamed-over"}) {
-    WriteText(dir / name, name);
+    WriteFileBytes(dir / name, name);
     std::filesystem::permissions(dir / name, std::filesystem::perms::owner_read);
   }
-  WriteText(dir / "new", "new");
+  WriteFileBytes(dir / "new", "new");
   EXPECT_TRUE(directory.RemoveFile(Path("ro-by-name").c_str(), ec)) << ec.message();
   EXPECT_TRUE(F::RemoveFile(dir / "ro-by-path", ec)) << ec.message();
   EXPECT_TRUE(F::RenameFile(dir / "new", dir / "ro-renamed-over", ec)) << ec.message();
-  EXPECT_EQ(ReadText(dir / "ro-renamed-over"), "new");
+  EXPECT_EQ(ReadFileBytes(dir / "ro-renamed-over"), "new");
   for (const char* name : {"ro-by-name", "ro-by-path", "new"}) {
     EXPECT_FALSE(std::filesystem::exists(dir / name)) << name;
   }
   // A tree goes whole, read-only files too; a link in it goes as itself, never entered.
-  WriteText(dir / "sub" / "kept", "kept");
+  WriteFileBytes(dir / "sub" / "kept", "kept");
   std::filesystem::create_directories(dir / "tree" / "inner");
-  WriteText(dir / "tree" / "inner" / "file", "file");
-  WriteText(dir / "tree" / "ro", "ro");
+  WriteFileBytes(dir / "tree" / "inner" / "file", "file");
+  WriteFileBytes(dir / "tree" / "ro", "ro");
   std::filesystem::permissions(dir / "tree" / "ro", std::filesystem::perms::owner_read);
-  const bool tree_link = links && MakeLink(dir / "sub", dir / "tree" / "link");
-  WriteText(dir / "tree" / "a-stuck", "stuck");
-  WriteText(dir / "tree" / "inner" / "a-stuck", "stuck");
+  const bool tree_link = links && PlantLink(dir / "sub", dir / "tree" / "link");
+  WriteFileBytes(dir / "tree" / "a-stuck", "stuck");
+  WriteFileBytes(dir / "tree" / "inner" / "a-stuck", "stuck");
   // Regression: a visitor that throws (out of memory in the clean-up's) left the listing open,
   // so no descriptor came back, and Windows removed no directory being listed (below).
   const std::size_t descriptors = OpenDescriptors();
@@ -365,13 +336,13 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
   EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "tree", ec), tree_link ? 3u : 2u);
   TqUSysDirectory::SetRemoveFaultForTesting({});
   EXPECT_EQ(ec, std::errc::permission_denied);
-  EXPECT_EQ(ReadText(dir / "tree" / "inner" / "a-stuck"), "stuck");
+  EXPECT_EQ(ReadFileBytes(dir / "tree" / "inner" / "a-stuck"), "stuck");
   EXPECT_FALSE(std::filesystem::exists(dir / "tree" / "inner" / "file"));
   EXPECT_FALSE(std::filesystem::exists(dir / "tree" / "ro"));
   EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "tree", ec), 4u);  // two files, two directories
   EXPECT_FALSE(ec) << ec.message();
   EXPECT_FALSE(std::filesystem::exists(dir / "tree"));
-  EXPECT_EQ(ReadText(dir / "sub" / "kept"), "kept");
+  EXPECT_EQ(ReadFileBytes(dir / "sub" / "kept"), "kept");
   EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "tree", ec), 0u);
   EXPECT_FALSE(ec);
   EXPECT_EQ(TqUSysDirectory(dir / "none").Error(), std::errc::no_such_file_or_directory);
@@ -435,11 +406,7 @@ TEST(SysFileTest, EveryOperationWorksOnPathsPastTheShortLimit) {
     ASSERT_TRUE(TqUSysDirectory::Create(deep, ec)) << deep.string() << ": " << ec.message();
     ++made;
   }
-  // Made private; one already there is taken; one with no parent, or a file there, is not.
-#if !defined(_WIN32)
-  using std::filesystem::perms;
-  EXPECT_EQ(std::filesystem::status(deep).permissions() & perms::all, perms::owner_all);
-#endif
+  // One already there is taken; one with no parent, or a file there, is not.
   EXPECT_TRUE(TqUSysDirectory::Create(deep, ec));
   EXPECT_FALSE(TqUSysDirectory::Create(deep / "no" / "parent", ec));
   EXPECT_TRUE(ec);
@@ -489,7 +456,7 @@ TEST(SysFileTest, EveryOperationWorksOnPathsPastTheShortLimit) {
 // file.
 TEST(SysFileTest, AReadAtAnOffsetReadsThereOnlyWithinTheFile) {
   tq::test::TempDir dir;
-  WriteText(dir / "file", "0123456789abcdefghij");
+  WriteFileBytes(dir / "file", "0123456789abcdefghij");
   const Open file(dir.path(), "file", kRead);
   char first[4] = {};
   std::uint64_t got = 99;
@@ -540,7 +507,7 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   tq::test::TempDir dir;
   const auto path = dir / "f";
   {
-    WriteText(path, "HDR");
+    WriteFileBytes(path, "HDR");
     qv::io::FileWriteStream w(F::OpenFile(path, kRewrite.access, kRewrite.share,
                                           kRewrite.creation, 0, 0));
     w.SetBaseOffset(3);
@@ -555,7 +522,7 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   ASSERT_TRUE(tq::test::SetModifiedTime(path, seconds(kModified) + milliseconds(700)));
   // A file the caller names through a link is its target (only the cache's own opens refuse
   // links), both as a path and as a file URL.
-  if (MakeLink(path, dir / "link")) {
+  if (PlantLink(path, dir / "link")) {
     auto linked = qv::io::FileReadStream::Create(dir / "link");
     ASSERT_TRUE(linked);
     EXPECT_EQ(ReadAll(*linked, 16), "HDRaBcdef");
@@ -583,7 +550,7 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
 #if !defined(_WIN32)  // Windows renames no file held open
   // A file of the same size renamed over the name while it is opened lends neither its time nor
   // its tag to the bytes read: a cache would keep the old bytes under the new file's tag.
-  WriteText(dir / "other", "HDRaBcdeX");
+  WriteFileBytes(dir / "other", "HDRaBcdeX");
   ASSERT_TRUE(tq::test::SetModifiedTime(dir / "other", seconds(kModified + 60)));
   int calls = 0;
   F::SetOpenHookForTesting([&] {
