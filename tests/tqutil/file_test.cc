@@ -152,6 +152,22 @@ TEST(SysFileTest, AFileRenamedOverAWritersNameDuringItsOpenIsNeverWrittenThrough
     EXPECT_EQ(ReadFileBytes(path), rename ? "new" : "old");
 #endif
   }
+#if !defined(_WIN32)
+  // A held file removed by a name that another file has taken since leaves that other file.
+  for (const bool renamed : {true, false}) {
+    SCOPED_TRACE(renamed ? "name taken" : "name kept");
+    WriteFileBytes(path, "held");
+    const Open held(dir.path(), "entry", kRewrite);
+    if (renamed) {
+      WriteFileBytes(dir / "new", "new");
+      std::filesystem::rename(dir / "new", path);
+    }
+    std::error_code ec;
+    EXPECT_EQ(F::RemoveHeldFile(held.h, path, ec), !renamed);
+    EXPECT_FALSE(ec) << ec.message();
+    EXPECT_EQ(std::filesystem::exists(path), renamed);
+  }
+#endif
 }
 
 // What an open may find at a name in a directory others may write to, through a path and
