@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -42,10 +43,24 @@ bool IsToken(std::string_view s) {
 
 // The resource as sent: characters that cannot appear in a request line are percent-encoded
 // (as UTF-8), everything else goes as the caller wrote it.
-std::string EncodePath(const std::wstring_view resource) {
+std::string EncodePathSlowly(const std::wstring_view resource) {
   const std::string utf8 = WideToUtf8(resource);
   const bool rooted = !utf8.empty() && utf8.front() == '/';
   return (rooted ? "" : "/") + PercentEncodeUnsafe(utf8, "#");
+}
+
+// The same, for the usual resource, ASCII that needs no escape: copied in one pass, without the
+// UTF-8 text and the escaped text made in between.
+std::string EncodePath(const std::wstring_view resource) {
+  const bool rooted = !resource.empty() && resource.front() == L'/';
+  std::string out(resource.size() + (rooted ? 0 : 1), '/');
+  char* next = out.data() + (rooted ? 0 : 1);
+  for (const wchar_t c : resource) {
+    const auto cp = static_cast<std::uint32_t>(c);
+    if (cp <= 0x20 || cp >= 0x7F || cp == '#') return EncodePathSlowly(resource);
+    *next++ = static_cast<char>(cp);
+  }
+  return out;
 }
 
 // Splits the caller's header text into lines ("Name: value") at CR LF or a bare LF. A CR that
