@@ -181,17 +181,6 @@ DWORD WriteFixed(const T& value, void* buffer, DWORD* buffer_length) {
 
 }  // namespace
 
-void HeaderBlock::Swap(HeaderBlock& other) noexcept {
-  raw_.swap(other.raw_);
-  std::swap(start_end_, other.start_end_);
-  folded_.swap(other.folded_);
-  version_.swap(other.version_);
-  std::swap(status_code_, other.status_code_);
-  status_text_.swap(other.status_text_);
-  headers_.swap(other.headers_);
-  std::swap(bytes_, other.bytes_);
-}
-
 void HeaderBlock::Clear() {
   // Keeps the room of the text and the lists for the next block.
   raw_.clear();

@@ -20,8 +20,6 @@ class HeaderBlock {
   static constexpr std::size_t kMaxBytes = 256 * 1024;
 
   void Clear();
-  // Exchanges contents, storage included, member by member (cheaper than three moves).
-  void Swap(HeaderBlock& other) noexcept;
 
   // Feeds one line as it came from the wire (a trailing CR LF or LF is ignored). The first line
   // is the start line. Refuses a start line that is not an HTTP status line (when `response`),
@@ -33,6 +31,10 @@ class HeaderBlock {
   void SetRequest(std::string_view start_line, const std::vector<std::string>& header_lines);
 
   bool empty() const { return start_end_ == 0; }
+  // The room the block holds, in bytes; Clear keeps it for the next block.
+  std::size_t capacity() const {
+    return raw_.capacity() + folded_.capacity() + headers_.capacity() * sizeof(Header);
+  }
   int status_code() const { return status_code_; }
   const std::string& version() const { return version_; }
   const std::string& status_text() const { return status_text_; }

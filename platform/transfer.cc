@@ -176,21 +176,24 @@ bool Transfer::MoveTo(TransferState next) {
 
 DWORD Transfer::AcquireSlot() {
   DWORD error = ERROR_SUCCESS;
-  slot_ = slots_.Acquire(stop_, request_.slot_wait, &error);
+  slot_ = slots_.Acquire(*stop_, request_.slot_wait, &error);
   if (slot_ == nullptr) return error;
   if (!slot_->DropKeptConnectionIfItSpoke()) {
     slots_.Release(std::move(slot_));
     return ERROR_NOT_ENOUGH_MEMORY;
   }
-  spill_.SwapStorage(slot_->spill_storage());
+  // The larger room is kept: a transfer used before may have more than the slot.
+  if (slot_->spill_storage().capacity() > spill_.capacity()) {
+    spill_.SwapStorage(slot_->spill_storage());
+  }
   slot_->set_transfer(this);
-  stop_.Watch(slot_->multi());
+  stop_->Watch(slot_->multi());
   return ERROR_SUCCESS;
 }
 
 void Transfer::ReleaseSlot() {
   if (slot_ == nullptr) return;
-  stop_.Watch(nullptr);
+  stop_->Watch(nullptr);
   slot_->Detach();
   slot_->ReleaseOptions();
   slot_->set_transfer(nullptr);
@@ -210,6 +213,11 @@ void Transfer::ReleaseSlot() {
 DWORD Transfer::Open(TransferRequest request) {
   if (state_ != TransferState::kIdle) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   request_ = std::move(request);
+  return Open();
+}
+
+DWORD Transfer::Open() {
+  if (state_ != TransferState::kIdle) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   bool same_origin = true;
   for (int hop = 0;; ++hop) {
     bool follow = false;
@@ -229,7 +237,7 @@ DWORD Transfer::RunHop(int hop, bool* same_origin, bool* follow) {
   if (state_ == TransferState::kFailed) return error_;
   // Lent to the policy and taken back: it changes them only when the response redirects.
   Hop next{std::move(request_.url), std::move(request_.method), *same_origin};
-  const DWORD error = NextHop(request_.redirects, response_, hop, &next, follow);
+  const DWORD error = NextHop(request_.redirects, response(), hop, &next, follow);
   request_.url = std::move(next.url);
   request_.method = std::move(next.method);
   if (error != ERROR_SUCCESS) return error;
@@ -308,8 +316,35 @@ void Transfer::Finish(milliseconds wait) {
 void Transfer::Reset() {
   Finish(milliseconds(0));
   if (state_ != TransferState::kIdle) MoveTo(TransferState::kIdle);
+  // The spill's room stays for the next Open: the same user sends again.
   ClearResponse();
-  GiveBackStorage();
+}
+
+bool Transfer::Recycle() {
+  // As the destructor ends it; the spill's room stays with the transfer.
+  Finish(milliseconds(0));
+  ReleaseSlot();
+  if (state_ != TransferState::kIdle) MoveTo(TransferState::kIdle);
+  ClearResponse();
+  // A body or a header block far larger than usual is not kept for every later request.
+  if (request_.body.capacity() > kDrainLimit || blocks_[0].capacity() > kDrainLimit ||
+      blocks_[1].capacity() > kDrainLimit) {
+    return false;
+  }
+  stop_ = nullptr;
+  waiter_ = nullptr;
+  // What the last user sent is not the next one's: a query before its first send finds nothing.
+  sent_url_.clear();
+  method_.clear();
+  request_.url.clear();
+  request_.request_target.clear();
+  request_.body.clear();
+  request_.header_lines.clear();
+  request_.user.clear();
+  request_.password.clear();
+  request_.proxy_user.clear();
+  request_.proxy_password.clear();
+  return true;
 }
 
 // --- driving -----------------------------------------------------------------------------------
@@ -341,7 +376,7 @@ DWORD Transfer::Drive(Goal goal) {
     }
     CollectDone();
     if (!IsRunning(state_) || Reached(goal)) return ERROR_SUCCESS;
-    if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
+    if (stop_->stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
 
     const auto now = Clock::now();
     const auto deadline = clock_.Deadline(state_);
@@ -384,7 +419,7 @@ void Transfer::End(CURLcode result) {
   const bool had_headers =
       state_ != TransferState::kConnecting && state_ != TransferState::kAwaitingHeaders;
   // A challenge libcurl would have answered, with no answer after it, was the final response.
-  const bool complete = had_headers || (result == CURLE_OK && !response_.empty());
+  const bool complete = had_headers || (result == CURLE_OK && !response().empty());
   if (complete) {
     error_ = result == CURLE_OK ? ERROR_SUCCESS : ErrorOf(result, had_headers);
     if (!had_headers) OnFinalHeaders();
@@ -483,7 +518,7 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
     header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
     return 0;
   }
-  switch (pending_.AddLine(std::string_view(data, size))) {
+  switch (pending().AddLine(std::string_view(data, size))) {
     case HeaderBlock::LineResult::kInvalid:
       header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
       return 0;  // makes libcurl stop the transfer
@@ -499,9 +534,10 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
 }
 
 DWORD Transfer::OnHeaderBlock(bool tunnel) {
-  const int status = pending_.status_code();
+  HeaderBlock& pending = this->pending();
+  const int status = pending.status_code();
   if (tunnel && status >= 200 && status < 300) {  // the tunnel is up: the origin answers next
-    pending_.Clear();
+    pending.Clear();
     return ERROR_SUCCESS;
   }
   // A tunnel refused is answered as WinINet does: the proxy's answer is the response (a 407 the
@@ -511,17 +547,17 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
   // body of a response that has no status at all.
   if (status == 101) return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   if (status >= 100 && status < 200) {  // interim response; the real one follows
-    pending_.Clear();
+    pending.Clear();
     return ERROR_SUCCESS;
   }
   // libcurl frames the body by each Transfer-Encoding line as it came, without what a folded
   // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body.
-  if (!pending_.ContentLengthAgrees() || pending_.Folded("Transfer-Encoding")) {
+  if (!pending.ContentLengthAgrees() || pending.Folded("Transfer-Encoding")) {
     return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   }
-  // Swapped, not moved: each block keeps the room it grew for the next one.
-  response_.Swap(pending_);
-  pending_.Clear();
+  // The blocks exchange roles: each keeps the room it grew for the next one.
+  response_index_ ^= 1;
+  this->pending().Clear();
   // libcurl answers an authentication challenge itself when it has credentials: such a block
   // is final only if no other response follows it (the body or the end of the transfer tells).
   if ((status == 401 && answers_401_) || (status == 407 && answers_407_)) {

@@ -187,7 +187,7 @@ class Transfer {
   // The largest announced body kept whole while nobody reads.
   static constexpr std::size_t kSpillLimit = kBufferSize;
 
-  Transfer(SlotSource& slots, StopSignal& stop) : slots_(slots), stop_(stop) {}
+  Transfer(SlotSource& slots, StopSignal& stop) : slots_(slots), stop_(&stop) {}
   ~Transfer();
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
@@ -196,6 +196,20 @@ class Transfer {
   // in, or a WinINet error code. When only the body fails, the open succeeds and reads report
   // the failure. Legal from kIdle.
   DWORD Open(TransferRequest request);
+  // The same for the request filled in place through next_request(), whose text keeps the room
+  // the last request's had.
+  DWORD Open();
+  // The request the next Open() sends (the last one sent, until then); fill it while kIdle.
+  TransferRequest& next_request() { return request_; }
+  const TransferRequest& request() const { return request_; }
+
+  // Makes the transfer ready for another user: the running transfer is ended as the destructor
+  // ends it, and everything is forgotten but the room its buffers grew. False when that room is
+  // larger than a usual request needs: the transfer is then better let go. Until Rebind, the
+  // transfer may only be destroyed.
+  bool Recycle();
+  // Gives a recycled transfer to its next user, stopped by `stop`.
+  void Rebind(StopSignal& stop) { stop_ = &stop; }
   // Reads body bytes: blocks until at least one byte, the end (0 bytes, ERROR_SUCCESS) or an
   // error. Bytes received before a failure are handed over first; the failure comes next.
   DWORD Read(char* out, std::size_t size, std::size_t* got);
@@ -211,7 +225,7 @@ class Transfer {
   TransferState state() const { return state_; }
   // True after a successful Open until Reset: the response and its body are there to read.
   bool HasResponse() const { return HasFinalHeaders(state_); }
-  const HeaderBlock& response() const { return response_; }
+  const HeaderBlock& response() const { return blocks_[response_index_]; }
   // The URL and method of the last request sent (the last hop of a redirect chain).
   const std::string& sent_url() const { return sent_url_; }
   // What the last request line named in place of the URL's path; empty: the path.
@@ -270,7 +284,7 @@ class Transfer {
   bool AgentAsHeaderLine() const;
 
   SlotSource& slots_;
-  StopSignal& stop_;
+  StopSignal* stop_;  // not owned: the user's; null while recycled
   HINTERNET waiter_ = nullptr;
   TransferRequest request_;
   std::unique_ptr<TransferSlot> slot_;
@@ -288,8 +302,11 @@ class Transfer {
   // More than a handshake needs (NTLM takes two rounds, a stale Digest nonce one more).
   static constexpr int kMaxChallengesAnswered = 10;
   int challenges_answered_ = 0;  // in this hop
-  HeaderBlock pending_;   // the block being received
-  HeaderBlock response_;  // the last complete block
+  // The last complete block and the one being received. A complete block becomes the response
+  // by exchanging their roles: each keeps the room it grew for the next block.
+  HeaderBlock blocks_[2];
+  int response_index_ = 0;
+  HeaderBlock& pending() { return blocks_[response_index_ ^ 1]; }
   std::uint64_t content_length_ = 0;
   bool keep_whole_body_ = false;  // the announced body fits what is kept while nobody reads
   DWORD header_error_ = 0;  // why a header block was refused

@@ -74,8 +74,8 @@ bool BypassesProxy(const std::vector<std::string>& patterns, std::string_view ho
 }
 
 void Transfer::ClearResponse() {
-  pending_.Clear();
-  response_.Clear();
+  blocks_[0].Clear();
+  blocks_[1].Clear();
   content_length_ = 0;
   keep_whole_body_ = false;
   header_error_ = 0;

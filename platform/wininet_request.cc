@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -42,10 +43,24 @@ bool IsToken(std::string_view s) {
 
 // The resource as sent: characters that cannot appear in a request line are percent-encoded
 // (as UTF-8), everything else goes as the caller wrote it.
-std::string EncodePath(const std::wstring_view resource) {
+std::string EncodePathSlowly(const std::wstring_view resource) {
   const std::string utf8 = WideToUtf8(resource);
   const bool rooted = !utf8.empty() && utf8.front() == '/';
   return (rooted ? "" : "/") + PercentEncodeUnsafe(utf8, "#");
+}
+
+// The same, for the usual resource, ASCII that needs no escape: copied in one pass, without the
+// UTF-8 text and the escaped text made in between.
+std::string EncodePath(const std::wstring_view resource) {
+  const bool rooted = !resource.empty() && resource.front() == L'/';
+  std::string out(resource.size() + (rooted ? 0 : 1), '/');
+  char* next = out.data() + (rooted ? 0 : 1);
+  for (const wchar_t c : resource) {
+    const auto cp = static_cast<std::uint32_t>(c);
+    if (cp <= 0x20 || cp >= 0x7F || cp == '#') return EncodePathSlowly(resource);
+    *next++ = static_cast<char>(cp);
+  }
+  return out;
 }
 
 // Splits the caller's header text into lines ("Name: value") at CR LF or a bare LF. A CR that
@@ -80,13 +95,13 @@ DWORD SplitHeaders(std::wstring_view text, std::vector<std::string>* lines) {
 }  // namespace
 
 Request::Request(std::shared_ptr<Connection> connection, std::string verb, std::string path,
-                 bool http10, std::vector<std::string> fixed_headers, DWORD flags)
+                 bool http10, std::string accept, std::string referer, DWORD flags)
     : InternetObject(kKind), connection_(std::move(connection)), verb_(std::move(verb)),
-      url_(connection_->Origin((flags & INTERNET_FLAG_SECURE) != 0) + (path == "*" ? "/" : path)),
-      asterisk_(path == "*"),
-      http10_(http10), fixed_headers_(std::move(fixed_headers)), flags_(flags) {}
+      asterisk_(path == "*"), path_(asterisk_ ? std::string("/") : std::move(path)),
+      http10_(http10), accept_(std::move(accept)), referer_(std::move(referer)), flags_(flags),
+      transfer_(connection_->TakeTransfer(stop_)) {}
 
-Request::~Request() = default;
+Request::~Request() { connection_->KeepTransfer(std::move(transfer_)); }
 
 std::unique_lock<std::mutex> Request::LockCall() {
   std::unique_lock lock(op_mutex_, std::try_to_lock);
@@ -110,41 +125,72 @@ Settings Request::Effective() const {
   return settings;
 }
 
-TransferRequest Request::Describe(const Settings& settings, std::string body) const {
-  TransferRequest out;
-  out.url = url_;
-  if (asterisk_) out.request_target = "*";
-  out.method = verb_;
-  out.body = std::move(body);
-  out.header_lines = sent_lines_;
-  if (!HasHeaderLine(sent_lines_, "Accept")) out.header_lines.emplace_back("Accept:");  // none sent
-  out.http10 = http10_;
-  out.agent = sent_agent_;
+void Request::Describe(const Settings& settings, std::vector<std::string> header_lines,
+                       std::string body, TransferRequest* out) {
+  // Assigned, not made anew: the text reuses the room the last request's had.
+  out->url.assign(connection_->Origin((flags_ & INTERNET_FLAG_SECURE) != 0)).append(path_);
+  out->request_target.assign(asterisk_ ? "*" : "");
+  out->method = verb_;
+  out->body = std::move(body);
+  // Assigned line by line into the lines there, each keeping its room.
+  std::size_t count = 0;
+  for (const std::string* fixed : {&accept_, &referer_}) {
+    if (fixed->empty()) continue;
+    if (count < out->header_lines.size()) {
+      out->header_lines[count] = *fixed;
+    } else {
+      out->header_lines.push_back(*fixed);
+    }
+    ++count;
+  }
+  out->header_lines.resize(count);
+  // The flag asks proxies on the way not to answer from their copies, unless the caller's own
+  // Pragma line says otherwise.
+  if ((flags_ & INTERNET_FLAG_PRAGMA_NOCACHE) != 0 && !HasHeaderLine(header_lines, "Pragma")) {
+    out->header_lines.emplace_back("Pragma: no-cache");
+  }
+  out->header_lines.insert(out->header_lines.end(), std::make_move_iterator(header_lines.begin()),
+                           std::make_move_iterator(header_lines.end()));
+  sent_lines_ = out->header_lines.size();
+  if (!HasHeaderLine(out->header_lines, "Accept")) {
+    out->header_lines.emplace_back("Accept:");  // none sent
+  }
+  out->http10 = http10_;
+  out->agent = sent_agent_;
   const auto& session = connection_->session();
-  out.share = session->share();
-  out.proxy_mode = session->proxy_mode();
-  if (out.proxy_mode == ProxyMode::kNamed) {
-    out.http_proxy = session->ProxyFor("http");
-    out.https_proxy = session->ProxyFor("https");
-    out.proxy_bypass = session->proxy_bypass();
+  out->share = session->share();
+  out->proxy_mode = session->proxy_mode();
+  if (out->proxy_mode == ProxyMode::kNamed) {
+    out->http_proxy = session->ProxyFor("http");
+    out->https_proxy = session->ProxyFor("https");
+    out->proxy_bypass = session->proxy_bypass();
+  } else {
+    out->http_proxy.clear();
+    out->https_proxy.clear();
+    out->proxy_bypass.clear();
   }
   // Without credentials a challenge is the answer: the flag leaves it to the caller.
-  if ((flags_ & INTERNET_FLAG_NO_AUTH) == 0) {
-    out.user = settings.user.value_or("");
-    out.password = settings.password.value_or("");
-    out.proxy_user = settings.proxy_user.value_or("");
-    out.proxy_password = settings.proxy_password.value_or("");
-  }
-  out.verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
-  out.ca_file = TestCaFile();
-  out.limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
-  out.limits.idle = LimitOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
-  out.limits.send = LimitOf(settings.send_timeout, kDefaultSendTimeoutMs);
+  const bool credentials = (flags_ & INTERNET_FLAG_NO_AUTH) == 0;
+  const auto assign = [credentials](std::string& to, const std::optional<std::string>& from) {
+    if (credentials && from.has_value()) {
+      to = *from;
+    } else {
+      to.clear();
+    }
+  };
+  assign(out->user, settings.user);
+  assign(out->password, settings.password);
+  assign(out->proxy_user, settings.proxy_user);
+  assign(out->proxy_password, settings.proxy_password);
+  out->verify_host = (flags_ & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
+  out->ca_file = TestCaFile();
+  out->limits.connect = LimitOf(settings.connect_timeout, kDefaultConnectTimeoutMs);
+  out->limits.idle = LimitOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
+  out->limits.send = LimitOf(settings.send_timeout, kDefaultSendTimeoutMs);
   // Waiting for a free connection counts as waiting for the server.
-  out.slot_wait = TimeoutOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
-  out.redirects.follow = (flags_ & INTERNET_FLAG_NO_AUTO_REDIRECT) == 0;
-  out.redirects.allow_https_to_http = (flags_ & INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP) != 0;
-  return out;
+  out->slot_wait = TimeoutOf(settings.receive_timeout, kDefaultReceiveTimeoutMs);
+  out->redirects.follow = (flags_ & INTERNET_FLAG_NO_AUTO_REDIRECT) == 0;
+  out->redirects.allow_https_to_http = (flags_ & INTERNET_FLAG_IGNORE_REDIRECT_TO_HTTP) != 0;
 }
 
 // --- the operations ----------------------------------------------------------------------------
@@ -153,37 +199,30 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
   const auto call = LockCall();
   if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
   // A resend drops what is left of the previous response.
-  transfer_.Finish(kDrainWait);
-  transfer_.Reset();
-  transfer_.set_waiter(handle());
+  transfer_->Finish(kDrainWait);
+  transfer_->Reset();
+  transfer_->set_waiter(handle());
   const Settings settings = Effective();
   sent_agent_ = settings.agent.value_or("");
-  sent_lines_ = fixed_headers_;
-  // The flag asks proxies on the way not to answer from their copies, unless the caller's own
-  // Pragma line says otherwise.
-  if ((flags_ & INTERNET_FLAG_PRAGMA_NOCACHE) != 0 && !HasHeaderLine(header_lines, "Pragma")) {
-    sent_lines_.emplace_back("Pragma: no-cache");
-  }
-  sent_lines_.insert(sent_lines_.end(), std::make_move_iterator(header_lines.begin()),
-                     std::make_move_iterator(header_lines.end()));
-  return transfer_.Open(Describe(settings, std::move(body)));
+  Describe(settings, std::move(header_lines), std::move(body), &transfer_->next_request());
+  return transfer_->Open();
 }
 
 DWORD Request::Read(void* buffer, DWORD size, DWORD* bytes_read) {
   const auto call = LockCall();
   *bytes_read = 0;
-  if (!transfer_.HasResponse()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  if (!transfer_->HasResponse()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   if (stop_.stopped()) return ERROR_INTERNET_OPERATION_CANCELLED;
   if (size == 0) return ERROR_SUCCESS;
   std::size_t got = 0;
-  const DWORD error = transfer_.Read(static_cast<char*>(buffer), size, &got);
+  const DWORD error = transfer_->Read(static_cast<char*>(buffer), size, &got);
   *bytes_read = static_cast<DWORD>(got);
   return error;
 }
 
 DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_length,
                                    DWORD* index) {
-  const std::string& url = transfer_.sent_url();
+  const std::string& url = transfer_->sent_url();
   if (url.empty()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   auto authority_start = url.find("//") + 2;
   const auto path_start = url.find('/', authority_start);
@@ -191,8 +230,9 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   const auto at = url.rfind('@', path_start);
   if (at != std::string::npos && at >= authority_start) authority_start = at + 1;
   std::vector<std::string> sent;
-  for (const std::string& line : sent_lines_) {
-    if (transfer_.CallerLineSent(line)) sent.push_back(line);
+  const std::vector<std::string>& given = transfer_->request().header_lines;
+  for (std::size_t i = 0; i < sent_lines_ && i < given.size(); ++i) {
+    if (transfer_->CallerLineSent(given[i])) sent.push_back(given[i]);
   }
   std::vector<std::string> lines;
   // A Host line of the caller's goes out in place of the one made from the URL.
@@ -209,14 +249,14 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   }
   lines.insert(lines.end(), sent.begin(), sent.end());
   HeaderBlock block;
-  const std::string& target = transfer_.sent_target();
-  block.SetRequest(transfer_.method() + " " +
+  const std::string& target = transfer_->sent_target();
+  block.SetRequest(transfer_->method() + " " +
                        (!target.empty()                   ? target
                         : path_start == std::string::npos ? "/"
                                                           : url.substr(path_start)) +
                        (http10_ ? " HTTP/1.0" : " HTTP/1.1"),
                    lines);
-  return QueryHeaderBlock(block, transfer_.method(), level & ~HTTP_QUERY_FLAG_REQUEST_HEADERS,
+  return QueryHeaderBlock(block, transfer_->method(), level & ~HTTP_QUERY_FLAG_REQUEST_HEADERS,
                           buffer, buffer_length, index);
 }
 
@@ -227,8 +267,8 @@ DWORD Request::Query(DWORD level, void* buffer, DWORD* buffer_length, DWORD* ind
   if ((level & HTTP_QUERY_FLAG_REQUEST_HEADERS) != 0) {
     return QueryRequestHeaders(level, buffer, buffer_length, index);
   }
-  if (!transfer_.HasResponse()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
-  return QueryHeaderBlock(transfer_.response(), transfer_.method(), level, buffer, buffer_length,
+  if (!transfer_->HasResponse()) return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  return QueryHeaderBlock(transfer_->response(), transfer_->method(), level, buffer, buffer_length,
                           index);
 }
 
@@ -257,7 +297,8 @@ HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
         return FailNull(ERROR_INVALID_PARAMETER);
       }
     }
-    std::vector<std::string> fixed;
+    std::string accept_line;
+    std::string referer_line;
     if (accept_types != nullptr) {
       // The line is made in place: "Accept: " and the types joined with ", ".
       constexpr std::string_view kAccept = "Accept: ";
@@ -271,21 +312,22 @@ HINTERNET HttpOpenRequestW(HINTERNET connect, LPCWSTR verb, LPCWSTR object_name,
         if (accept.size() > kAccept.size()) accept += ", ";
         accept += text;
       }
-      if (accept.size() > kAccept.size()) fixed.push_back(std::move(accept));
+      if (accept.size() > kAccept.size()) accept_line = std::move(accept);
     }
     if (WideLength(referrer) != 0) {
       std::string text;
       if (!WideToLatin1(referrer, &text) || text.find_first_of("\r\n") != std::string::npos) {
         return FailNull(ERROR_INVALID_PARAMETER);
       }
-      fixed.push_back("Referer: " + text);
+      referer_line = "Referer: " + text;
     }
     const std::wstring_view resource =
         object_name != nullptr ? std::wstring_view(object_name) : std::wstring_view(L"/");
     // "*" (as in "OPTIONS *") names the server itself, not a resource.
     auto request = std::make_shared<Request>(connection, std::move(method),
                                              resource == L"*" ? "*" : EncodePath(resource),
-                                             http10, std::move(fixed), flags);
+                                             http10, std::move(accept_line),
+                                             std::move(referer_line), flags);
     return RegisterChild(*connection, request);
   });
 }

@@ -17,8 +17,9 @@ class Request : public InternetObject {
  public:
   static constexpr HandleKind kKind = HandleKind::kRequest;
 
+  // `accept` and `referer` are whole header lines, or empty for none.
   Request(std::shared_ptr<Connection> connection, std::string verb, std::string path,
-          bool http10, std::vector<std::string> fixed_headers, DWORD flags);
+          bool http10, std::string accept, std::string referer, DWORD flags);
   ~Request() override;
 
   SettingsHolder& settings() { return settings_; }
@@ -37,23 +38,30 @@ class Request : public InternetObject {
   // The lock of one call at a time on the request.
   std::unique_lock<std::mutex> LockCall();
   Settings Effective() const;
-  TransferRequest Describe(const Settings& settings, std::string body) const;
+  // Fills the transfer's next request, every field of it, with what Send sends.
+  void Describe(const Settings& settings, std::vector<std::string> header_lines, std::string body,
+                TransferRequest* out);
   DWORD QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_length, DWORD* index);
 
   const std::shared_ptr<Connection> connection_;  // lends the slots; outlives transfer_
   const std::string verb_;
-  const std::string url_;  // origin and path, as the first hop asks for it
-  const bool asterisk_;    // the first hop's request line names "*" instead of the path
+  const bool asterisk_;  // the first hop's request line names "*" instead of the path
+  // The path of the URL the first hop asks for (after the connection's origin): short ones
+  // need no room of their own, and the URL is put together in the room of the last one sent.
+  const std::string path_;
   const bool http10_;
-  const std::vector<std::string> fixed_headers_;  // Accept, Referer
+  const std::string accept_;   // the Accept line, or empty
+  const std::string referer_;  // the Referer line, or empty
   const DWORD flags_;
   SettingsHolder settings_;
   StopSignal stop_;  // the handle's close ends a call in progress
 
   std::mutex op_mutex_;  // one call at a time on the request; guards everything below
   std::string sent_agent_;
-  std::vector<std::string> sent_lines_;  // the header lines of the last send, as given
-  Transfer transfer_{*connection_, stop_};
+  // The header lines of the last send, as given, are the first of the transfer's request.
+  std::size_t sent_lines_ = 0;
+  // Lent by the connection for the request's life (see Connection::TakeTransfer).
+  std::unique_ptr<Transfer> transfer_;
 };
 
 }  // namespace tqplatform

@@ -123,6 +123,13 @@ Connection::Connection(std::shared_ptr<Session> session, std::string host, INTER
       origins_{MakeOrigin(false, host_, port_), MakeOrigin(true, host_, port_)} {}
 
 Connection::~Connection() {
+  std::vector<std::unique_ptr<Transfer>> transfers;
+  {
+    std::lock_guard lock(slots_mutex_);
+    transfers.swap(spare_transfers_);
+  }
+  // Outside the lock: a transfer's end hands its room back through KeepStorage.
+  transfers.clear();
   std::lock_guard lock(slots_mutex_);
   idle_.clear();
   spare_storage_.clear();
@@ -221,6 +228,36 @@ void Connection::KeepStorage(std::string storage) {
   } catch (const std::bad_alloc&) {
     // No room to keep it: it goes, as it would have without this.
   }
+}
+
+std::unique_ptr<Transfer> Connection::TakeTransfer(StopSignal& stop) {
+  {
+    std::lock_guard lock(slots_mutex_);
+    if (!spare_transfers_.empty()) {
+      std::unique_ptr<Transfer> transfer = std::move(spare_transfers_.back());
+      spare_transfers_.pop_back();
+      transfer->Rebind(stop);
+      return transfer;
+    }
+  }
+  return std::make_unique<Transfer>(*this, stop);
+}
+
+void Connection::KeepTransfer(std::unique_ptr<Transfer> transfer) {
+  // Made ready here, outside the lock, by the thread that lets the request go.
+  if (!transfer->Recycle()) return;
+  std::unique_lock lock(slots_mutex_);
+  if (spare_transfers_.size() < MaxConnsLocked()) {
+    try {
+      spare_transfers_.push_back(std::move(transfer));
+      return;
+    } catch (const std::bad_alloc&) {
+      // No room to keep it: it goes, as it would have without this.
+    }
+  }
+  lock.unlock();
+  // One not kept ends outside the lock: its end hands its room back through KeepStorage.
+  transfer.reset();
 }
 
 void Connection::Release(std::unique_ptr<TransferSlot> slot) {

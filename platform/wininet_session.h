@@ -156,6 +156,12 @@ class Connection : public InternetObject, public SlotSource {
   void KeepStorage(std::string storage) override;
   void WakeWaiters();
 
+  // A transfer for a new request, stopped by `stop`: one a closed request left, when there is
+  // one, whose buffers are warm and as large as requests on this connection need.
+  std::unique_ptr<Transfer> TakeTransfer(StopSignal& stop);
+  // Takes back the transfer of a request being destroyed; up to one per slot is kept.
+  void KeepTransfer(std::unique_ptr<Transfer> transfer);
+
  private:
   // Where settings come from, nearest first: the connection, its session, the process.
   std::array<const SettingsHolder*, 3> Chain() const;
@@ -180,6 +186,7 @@ class Connection : public InternetObject, public SlotSource {
   std::condition_variable slots_cv_;
   std::vector<std::unique_ptr<TransferSlot>> idle_;  // most recently used last
   std::vector<std::string> spare_storage_;            // see KeepStorage
+  std::vector<std::unique_ptr<Transfer>> spare_transfers_;  // see KeepTransfer; made ready
   DWORD in_use_ = 0;
   mutable DWORD max_conns_ = 0;  // MaxConns as of max_conns_generation_
   mutable std::uint64_t max_conns_generation_ = 0;
