@@ -46,25 +46,17 @@ class WinInetTest : public ::testing::Test {
   void* m_request = nullptr;
 };
 
-// Header values of every length, numbers, dates by name and absent headers are read by the grind
-// through this class; here: what goes out, a value that just fits the first buffer, and the
-// Retry-After a read stream waits for.
-TEST_F(WinInetTest, SendsPathQueryAndHeadersAndReadsTheAnswer) {
+// Statuses, bodies, header values of every length, numbers, dates by name and absent headers
+// are read by the grind through this class; here: what goes out, a value that just fits the
+// first buffer, and the Retry-After a read stream waits for.
+TEST_F(WinInetTest, SendsTheQueryAndHeadersAndReadsAValueThatJustFitsAndARetryAfter) {
   m_server.Route("/file", tq::test::ScriptedResponse(200, "hello world")
                               .Header("X-Short", "1234567")
                               .Header("Retry-After", "7"));
   ASSERT_TRUE(Send(m_server.Url("/file?x=1")));
-  EXPECT_EQ(m_api.QueryStatusCode(m_request), 200u);
   EXPECT_EQ(m_api.QueryHeader(m_request, std::wstring(L"X-Short"), nullptr),
             std::wstring(L"1234567"));  // at most 7 characters fit the first 16-byte buffer
   EXPECT_EQ(m_api.QueryHeaderNumeric(m_request, HttpHeader::RetryAfter, nullptr), 7u);
-  char body[64];
-  std::uint32_t read = 0, total = 0;
-  do {
-    ASSERT_TRUE(m_api.Read(m_request, body + total, 64 - total, read));
-    total += read;
-  } while (read != 0);
-  EXPECT_EQ(std::string(body, total), "hello world");
   const tq::test::RecordedRequest seen = m_server.requests().at(0);
   EXPECT_EQ(seen.query, "x=1");
   EXPECT_EQ(seen.Header("X-Test"), "yes");

@@ -54,6 +54,7 @@ HeaderBlock Response(const std::string& status, const std::string& location) {
   return block;
 }
 
+// (A POST's 303 and 307 are followed end to end by the request test, which checks what is sent.)
 TEST(RedirectPolicyTest, WhereEachAnswerLeads) {
   constexpr int kMax = RedirectRules::kMaxHops;
   constexpr DWORD kFailed = ERROR_HTTP_REDIRECT_FAILED;
@@ -68,9 +69,7 @@ TEST(RedirectPolicyTest, WhereEachAnswerLeads) {
     std::string next;  // "METHOD url[ cross-origin][ no body]"; empty: not followed
   } cases[] = {
       {"http://a.test/x/y", "GET", "302 Found", "../z", false, 0, 0, "GET http://a.test/z"},
-      {"http://a.test/", "POST", "303 See", "/r", false, 0, 0, "GET http://a.test/r no body"},
       {"http://a.test/", "POST", "301 Moved", "/r", false, 0, 0, "GET http://a.test/r no body"},
-      {"http://a.test/", "POST", "307 Temp", "/r", false, 0, 0, "POST http://a.test/r"},
       {"http://a.test/", "POST", "308 Perm", "/r", false, 0, 0, "POST http://a.test/r"},
       {"http://a.test/", "HEAD", "303 See", "/r", false, 0, 0, "HEAD http://a.test/r"},
       {"http://a.test/", "GET", "302 Found", "http://b.test/", false, 0, 0,
