@@ -35,6 +35,7 @@ TEST(HttpRequestTest, HeadersKeepOrderAndAnyHoldingCrOrLfIsDroppedAndNeverFormat
   request.RemoveHeader(L"range");
   EXPECT_EQ(request.FormatHeaders(), L"Range: 1\r\nX-Empty: \r\nRange: 3");
   request.RemoveHeader(L"Range");
+  request.RemoveHeader(nullptr);
   EXPECT_EQ(request.FormatHeaders(), L"X-Empty: ");
   // A method outside the enumeration has no text rather than one read past the table.
   request.SetMethod(static_cast<HttpMethod>(7));

@@ -164,6 +164,10 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
       ASSERT_TRUE(InternetSetOptionW(request.get(), INTERNET_OPTION_USERNAME, user, 4));
       ASSERT_TRUE(InternetSetOptionW(request.get(), INTERNET_OPTION_PASSWORD, password, 6));
     }
+    // Before its send a request has nothing to report, whatever the one before it sent.
+    EXPECT_EQ(QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF | HTTP_QUERY_FLAG_REQUEST_HEADERS),
+              "<absent>");
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_STATE));
     const std::size_t before = server.requests().size();
     std::string read;
     ASSERT_TRUE(Send(request, step.headers, step.body)) << GetLastError();
