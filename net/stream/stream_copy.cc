@@ -96,7 +96,6 @@ static_assert(2 * kFileCopyPiece <= kCopyChunkSize, "both pieces fit in the copy
 // stretch is as large as what was filled before it, up to the room left. So a body shorter
 // than its reservation (a size claimed but not sent) costs little more than its own bytes.
 constexpr std::size_t kFirstStretch = 256 * 1024;
-constexpr std::size_t kPrepareMin = 64 * 1024;
 
 // A copy into a memory stream that has room reserved (a body of known size) reads straight
 // into that room rather than into the copy buffer, sparing a copy of every byte; what does not
@@ -117,9 +116,8 @@ class ReservedRoom {
       const std::size_t stretch =
           std::min(room, std::max(kFirstStretch, m_filled - m_start));
       if (stretch == 0) return 0;
-      // The pages made present in one call rather than one fault each as the zeroes go in;
-      // for a few pages the call would cost more than their faults.
-      if (stretch >= kPrepareMin) qv::PrepareForWrite(m_bytes.data() + m_filled, stretch);
+      // No hint to make the pages present first: the heap mostly hands back pages that are
+      // present already, and walking those costs more than the faults on the few that are not.
       m_bytes.resize(m_filled + stretch);
     }
     return std::min<std::uint64_t>(m_bytes.size() - m_filled, kCopyChunkSize);
