@@ -2,6 +2,7 @@
 // command line or the environment, and curl run as the reference.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -40,6 +42,21 @@ inline double ProcessCpuSeconds() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   return CpuSeconds(usage);
+}
+
+// Reads the file at `path` once, so that the server sends it from the page cache to every run
+// alike: otherwise the run that reads it first (a sparse file's pages are made as they are first
+// read) pays for bringing it in, and the order of the turns decides that pair's ratio. False
+// when it cannot be read whole.
+inline bool WarmPageCache(const std::filesystem::path& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY);
+  if (fd < 0) return false;
+  std::vector<char> chunk(1 << 20);
+  ssize_t got = 0;
+  while ((got = ::read(fd, chunk.data(), chunk.size())) > 0) {
+  }
+  ::close(fd);
+  return got == 0;
 }
 
 // How many times each side of a row runs: `normal`, or once when TQ_BENCH_QUICK is set (the

@@ -11,7 +11,9 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <typeinfo>
 #include <utility>
+#include <vector>
 
 #include "net/stream/chunk_writer.h"
 #include "net/stream/read_stream.h"
@@ -24,6 +26,12 @@ namespace {
 const char* ExceptionText(const std::exception& e) {
   const char* text = e.what();
   return (text == nullptr || *text == '\0') ? "Unknown exception" : text;
+}
+
+void LogCopyFailure(const std::exception& e) {
+  TqUSysError::LogUTF8String("Failed to read or write stream in CopyStream: ");
+  TqUSysError::LogUTF8String(ExceptionText(e));
+  TqUSysError::LogUTF8String("\n");
 }
 
 // Cleared buffers of finished copies, kept for the next ones: the worker pool copies one small
@@ -84,6 +92,66 @@ class CopyBuffer {
 constexpr std::uint64_t kFileCopyPiece = 256 * 1024;
 static_assert(2 * kFileCopyPiece <= kCopyChunkSize, "both pieces fit in the copy buffer");
 
+// The first stretch of reserved room a copy into memory zeroes and reads into; each further
+// stretch is as large as what was filled before it, up to the room left. So a body shorter
+// than its reservation (a size claimed but not sent) costs little more than its own bytes.
+constexpr std::size_t kFirstStretch = 256 * 1024;
+
+// A copy into a memory stream that has room reserved (a body of known size) reads straight
+// into that room rather than into the copy buffer, sparing a copy of every byte; what does not
+// fit goes the usual way. The sink holds zeroed room past the bytes copied while the reads run,
+// and only the bytes copied once this ends, however it ends.
+class ReservedRoom {
+ public:
+  explicit ReservedRoom(std::vector<std::uint8_t>& bytes)
+      : m_bytes(bytes), m_filled(bytes.size()) {}
+  ReservedRoom(const ReservedRoom&) = delete;
+  ReservedRoom& operator=(const ReservedRoom&) = delete;
+  ~ReservedRoom() { m_bytes.resize(m_filled); }  // shrinks: never allocates
+
+  // Room for the next read, zeroed, within the reservation; 0 when the reservation is used up.
+  std::uint64_t Free() {
+    if (m_bytes.size() == m_filled) {
+      const std::size_t room = m_bytes.capacity() - m_filled;
+      const std::size_t stretch =
+          std::min(room, std::max(kFirstStretch, m_filled - m_start));
+      if (stretch == 0) return 0;
+      // No hint to make the pages present first: the heap mostly hands back pages that are
+      // present already, and walking those costs more than the faults on the few that are not.
+      m_bytes.resize(m_filled + stretch);
+    }
+    return std::min<std::uint64_t>(m_bytes.size() - m_filled, kCopyChunkSize);
+  }
+  std::uint8_t* Next() { return m_bytes.data() + m_filled; }
+  // A read of `n` bytes into Next(), asked for at most `asked`.
+  void Filled(std::uint64_t n, std::uint64_t asked) {
+    // Past the room would be past the sink's bytes: a broken source, not a body.
+    if (n > asked) throw std::runtime_error("a read returned more bytes than were asked for");
+    m_filled += static_cast<std::size_t>(n);
+  }
+
+ private:
+  std::vector<std::uint8_t>& m_bytes;
+  std::size_t m_filled;
+  const std::size_t m_start = m_filled;
+};
+
+// The target's bytes when the copy may read straight into their reserved room: the target is a
+// plain memory stream (a class derived from it may want its Write called) with room to spare,
+// and the source does not read from the same bytes.
+std::vector<std::uint8_t>* RoomToReadInto(qv::io::IDataReadStream& source,
+                                          qv::io::IDataWriteStream& target) {
+  if (typeid(target) != typeid(qv::io::MemoryStream)) return nullptr;
+  auto* memory = static_cast<qv::io::MemoryStream*>(&target);
+  std::vector<std::uint8_t>& bytes = memory->Sink()->bytes;
+  if (bytes.capacity() == bytes.size()) return nullptr;
+  if (auto* same = dynamic_cast<qv::io::MemoryStream*>(&source);
+      same != nullptr && same->Sink() == memory->Sink()) {
+    return nullptr;
+  }
+  return &bytes;
+}
+
 // Starts the writer of an overlapped copy; leaves it empty (the copy goes on writing on its own
 // thread) when no thread can be had.
 void StartWriter(qv::io::IDataWriteStream& target, std::optional<detail::ChunkWriter>& writer) {
@@ -97,8 +165,30 @@ void StartWriter(qv::io::IDataWriteStream& target, std::optional<detail::ChunkWr
 
 CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
                             qv::stop_token stop) {
-  CopyBuffer buffer;
   CopyStreamResult result;
+  if (std::vector<std::uint8_t>* bytes = RoomToReadInto(source, target)) {
+    try {
+      ReservedRoom room(*bytes);
+      // Reads as large as the room (up to a chunk), so that the transport copies what it holds
+      // straight into place; the stop is looked at after each, as between chunks.
+      for (std::uint64_t free = room.Free(); free != 0; free = room.Free()) {
+        const std::uint64_t n = source.Read(room.Next(), free);
+        room.Filled(n, free);
+        result.bytes_copied += n;
+        const bool stopped = stop.stop_requested();
+        if (stopped || n == 0) {
+          result.completed = !stopped;
+          return result;
+        }
+      }
+    } catch (const std::runtime_error& e) {
+      LogCopyFailure(e);
+      result.completed = false;
+      return result;
+    }
+    // The room is full; the end of the body, or what goes past the reservation, follows below.
+  }
+  CopyBuffer buffer;
   // Into a file, reads of a quarter MiB: the bytes are still in the processor's cache when they
   // are written. Once a body has passed one whole chunk, each read also overlaps the write of
   // the one before (a writer thread; the two pieces alternate in the buffer), so a long copy
@@ -139,9 +229,7 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteS
       }
     }
   } catch (const std::runtime_error& e) {
-    TqUSysError::LogUTF8String("Failed to read or write stream in CopyStream: ");
-    TqUSysError::LogUTF8String(ExceptionText(e));
-    TqUSysError::LogUTF8String("\n");
+    LogCopyFailure(e);
     result.completed = false;
     return result;
   }

@@ -18,8 +18,9 @@ struct CopyStreamResult {
 inline constexpr std::uint64_t kCopyChunkSize = 8388608;
 
 // Copies in chunks of up to 8 MiB (into a file, smaller reads, each overlapping the write of
-// the one before); the stop is checked after each chunk is read and handed to the target, so a
-// stop never cuts a read in half. Read and write errors (std::runtime_error) are logged and end
+// the one before; into a memory stream with room reserved, reads straight into that room); the
+// stop is checked after each chunk is read and handed to the target, so a stop never cuts a
+// read in half. Read and write errors (std::runtime_error) are logged and end
 // the copy with completed false.
 CopyStreamResult CopyStream(qv::io::IDataReadStream& source,
                              qv::io::IDataWriteStream& target, qv::stop_token stop);
