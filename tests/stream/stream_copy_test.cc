@@ -1,7 +1,8 @@
 // CopyStream into a file (where the next chunk is read while the last one is written): every
 // byte lands in place, errors, exceptions and stops end the copy, and every copy starts with a
-// zero buffer whatever the thread's last copy left in it. (Copies into memory: the read stream's
-// and the nginx end-to-end tests.)
+// zero buffer whatever the thread's last copy left in it; and CopyStream into a memory stream
+// with room reserved, which reads straight into that room. (Plain copies into memory: the read
+// stream's and the nginx end-to-end tests.)
 #include "net/stream/stream_copy.h"
 
 #include <gtest/gtest.h>
@@ -169,6 +170,93 @@ TEST_F(CopyIntoFileTest, EveryByteLandsInPlaceTheNextReadOverlapsTheWriteAndStop
     EXPECT_EQ(m_log.Text(), "");
   }
   EXPECT_EQ(PositionSource::dirty_starts, 0);
+}
+
+// A memory stream counting the writes made through it.
+class WrittenMemory : public qv::io::MemoryStream {
+ public:
+  using MemoryStream::MemoryStream;
+  std::uint64_t Write(const void* buffer, std::uint64_t size) override {
+    ++writes;
+    return MemoryStream::Write(buffer, size);
+  }
+  int writes = 0;
+};
+
+// A copy into reserved room holds exactly the bytes it counted however it ends: a body shorter
+// or longer than the room, a read that fails or throws, one that claims more than it was asked
+// for, a stop. A stream derived from the memory stream still gets its writes.
+TEST(CopyIntoMemoryTest, ReservedRoomHoldsExactlyTheBytesCountedHoweverTheCopyEnds) {
+  constexpr std::uint64_t kRoom = 3 * kMiB + 17;
+  enum End { kWhole, kReadFails, kReadThrowsLogicError, kClaimsMore, kStop, kDerived };
+  const struct {
+    std::uint64_t size;
+    End end;
+  } cases[] = {
+      {kRoom, kWhole},    {kRoom / 3, kWhole},        {kRoom + C + 5, kWhole},
+      {kRoom, kReadFails}, {kRoom, kReadThrowsLogicError}, {kRoom, kClaimsMore},
+      {kRoom, kStop},     {kRoom, kDerived},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.size << " end " << c.end);
+    tq::test::LogCapture log;
+    PositionSource source(c.size, 64 * 1024 + 3);
+    qv::stop_source stop;
+    std::uint64_t before_last_read = 0;
+    std::uint64_t position = 0;
+    source.after_read = [&] {
+      before_last_read = position;
+      position = source.Position();
+      if (position < kMiB) return;
+      if (c.end == kReadFails) throw std::runtime_error("reset");
+      if (c.end == kReadThrowsLogicError) throw std::logic_error("not so");
+      if (c.end == kStop) stop.request_stop();
+    };
+    // Claims one byte more than asked once past the first MiB.
+    struct Claiming : qv::io::IDataReadStream {
+      PositionSource& inner;
+      explicit Claiming(PositionSource& s) : inner(s) {}
+      std::uint64_t Read(void* buffer, std::uint64_t size) override {
+        const std::uint64_t n = inner.Read(buffer, size);
+        return inner.Position() >= kMiB ? size + 1 : n;
+      }
+    } claiming(source);
+    qv::io::IDataReadStream& from =
+        c.end == kClaimsMore ? static_cast<qv::io::IDataReadStream&>(claiming) : source;
+    WrittenMemory derived(kRoom);
+    qv::io::MemoryStream plain(kRoom);
+    qv::io::MemoryStream& target = c.end == kDerived ? derived : plain;
+    const std::uint8_t* room = target.Sink()->bytes.data();
+
+    if (c.end == kReadThrowsLogicError) {
+      EXPECT_THROW(CopyStream(from, target, stop.get_token()), std::logic_error);
+      EXPECT_EQ(target.Size(), before_last_read) << "the room is cut back to the bytes read";
+      continue;
+    }
+    const CopyStreamResult result = CopyStream(from, target, stop.get_token());
+    EXPECT_EQ(result.completed, c.end == kWhole || c.end == kDerived);
+    EXPECT_EQ(target.Size(), result.bytes_copied);
+    const std::uint64_t expected = c.end == kWhole || c.end == kDerived ? c.size
+                                   : c.end == kStop                     ? position
+                                                                        : before_last_read;
+    EXPECT_EQ(result.bytes_copied, expected);
+    const auto& bytes = target.Sink()->bytes;
+    bool in_place = true;
+    for (std::uint64_t i = 0; i < bytes.size() && in_place; ++i) {
+      in_place = static_cast<char>(bytes[i]) == ByteAt(i);
+    }
+    EXPECT_TRUE(in_place);
+    if (c.size <= kRoom) {
+      EXPECT_EQ(bytes.data(), room) << "read into the room, not moved";
+    }
+    EXPECT_EQ(derived.writes > 0, c.end == kDerived);
+    const std::string failure =
+        c.end == kReadFails    ? "Failed to read or write stream in CopyStream: reset\n"
+        : c.end == kClaimsMore ? "Failed to read or write stream in CopyStream: a read returned "
+                                 "more bytes than were asked for\n"
+                               : "";
+    EXPECT_EQ(log.Text(), failure);
+  }
 }
 
 }  // namespace
