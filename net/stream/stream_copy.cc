@@ -28,12 +28,6 @@ const char* ExceptionText(const std::exception& e) {
   return (text == nullptr || *text == '\0') ? "Unknown exception" : text;
 }
 
-void LogCopyFailure(const std::exception& e) {
-  TqUSysError::LogUTF8String("Failed to read or write stream in CopyStream: ");
-  TqUSysError::LogUTF8String(ExceptionText(e));
-  TqUSysError::LogUTF8String("\n");
-}
-
 // Cleared buffers of finished copies, kept for the next ones: the worker pool copies one small
 // body after another, and a fresh mapping each time costs its page faults and its unmapping,
 // several times the copy itself. The library keeps them, not each thread: a thread's own slot
@@ -161,33 +155,29 @@ void StartWriter(qv::io::IDataWriteStream& target, std::optional<detail::ChunkWr
   }
 }
 
-}  // namespace
-
-CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
-                            qv::stop_token stop) {
-  CopyStreamResult result;
-  if (std::vector<std::uint8_t>* bytes = RoomToReadInto(source, target)) {
-    try {
-      ReservedRoom room(*bytes);
-      // Reads as large as the room (up to a chunk), so that the transport copies what it holds
-      // straight into place; the stop is looked at after each, as between chunks.
-      for (std::uint64_t free = room.Free(); free != 0; free = room.Free()) {
-        const std::uint64_t n = source.Read(room.Next(), free);
-        room.Filled(n, free);
-        result.bytes_copied += n;
-        const bool stopped = stop.stop_requested();
-        if (stopped || n == 0) {
-          result.completed = !stopped;
-          return result;
-        }
-      }
-    } catch (const std::runtime_error& e) {
-      LogCopyFailure(e);
-      result.completed = false;
-      return result;
+// Reads straight into the target's reserved room (see ReservedRoom). True when the copy ended
+// there (`result` says how); false when the room is full and the rest goes through the buffer.
+bool CopyIntoRoom(qv::io::IDataReadStream& source, std::vector<std::uint8_t>& bytes,
+                  const qv::stop_token& stop, CopyStreamResult& result) {
+  ReservedRoom room(bytes);
+  // Reads as large as the room (up to a chunk), so that the transport copies what it holds
+  // straight into place; the stop is looked at after each, as between chunks.
+  for (std::uint64_t free = room.Free(); free != 0; free = room.Free()) {
+    const std::uint64_t n = source.Read(room.Next(), free);
+    room.Filled(n, free);
+    result.bytes_copied += n;
+    const bool stopped = stop.stop_requested();
+    if (stopped || n == 0) {
+      result.completed = !stopped;
+      return true;
     }
-    // The room is full; the end of the body, or what goes past the reservation, follows below.
   }
+  return false;
+}
+
+// Copies the rest of `source` through the copy buffer, counting into `result`.
+void CopyThroughBuffer(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
+                       const qv::stop_token& stop, CopyStreamResult& result) {
   CopyBuffer buffer;
   // Into a file, reads of a quarter MiB: the bytes are still in the processor's cache when they
   // are written. Once a body has passed one whole chunk, each read also overlaps the write of
@@ -199,40 +189,53 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteS
   const std::uint64_t piece = into_file ? kFileCopyPiece : kCopyChunkSize;
   std::optional<detail::ChunkWriter> writer;  // after the buffer: ends before it goes
   std::uint64_t region = 0;                   // where in the buffer the next read goes
-  try {
-    for (;;) {
-      std::uint8_t* const next = buffer.get() + region;
-      const std::uint64_t n = source.Read(next, piece);
-      if (n != 0) {
-        buffer.Used(region + n);
-        if (!writer && into_file && result.bytes_copied + n > kCopyChunkSize) {
-          StartWriter(target, writer);
-        }
-        if (writer) {
-          // A failed write of the piece before surfaces here: this piece is never handed over,
-          // so it is counted only once the writer has taken it.
-          writer->Write(next, n);
-          result.bytes_copied += n;
-          region = piece - region;
-        } else {
-          result.bytes_copied += n;  // counted even if the write throws: it was handed over
-          target.Write(next, n);
-        }
+  for (;;) {
+    std::uint8_t* const next = buffer.get() + region;
+    const std::uint64_t n = source.Read(next, piece);
+    if (n != 0) {
+      buffer.Used(region + n);
+      if (!writer && into_file && result.bytes_copied + n > kCopyChunkSize) {
+        StartWriter(target, writer);
       }
-      // Looked at only between reads, so a stop never cuts what was read in half.
-      const bool stopped = stop.stop_requested();
-      if (stopped || n == 0) {
-        if (writer) writer->Finish();
-        buffer.GiveBack();
-        result.completed = !stopped;
-        return result;
+      if (writer) {
+        // A failed write of the piece before surfaces here: this piece is never handed over,
+        // so it is counted only once the writer has taken it.
+        writer->Write(next, n);
+        result.bytes_copied += n;
+        region = piece - region;
+      } else {
+        result.bytes_copied += n;  // counted even if the write throws: it was handed over
+        target.Write(next, n);
       }
     }
-  } catch (const std::runtime_error& e) {
-    LogCopyFailure(e);
-    result.completed = false;
-    return result;
+    // Looked at only between reads, so a stop never cuts what was read in half.
+    const bool stopped = stop.stop_requested();
+    if (stopped || n == 0) {
+      if (writer) writer->Finish();
+      buffer.GiveBack();
+      result.completed = !stopped;
+      return;
+    }
   }
+}
+
+}  // namespace
+
+CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
+                            qv::stop_token stop) {
+  CopyStreamResult result;
+  try {
+    std::vector<std::uint8_t>* room = RoomToReadInto(source, target);
+    if (room == nullptr || !CopyIntoRoom(source, *room, stop, result)) {
+      CopyThroughBuffer(source, target, stop, result);
+    }
+  } catch (const std::runtime_error& e) {
+    TqUSysError::LogUTF8String("Failed to read or write stream in CopyStream: ");
+    TqUSysError::LogUTF8String(ExceptionText(e));
+    TqUSysError::LogUTF8String("\n");
+    result.completed = false;
+  }
+  return result;
 }
 
 }  // namespace qv::net
