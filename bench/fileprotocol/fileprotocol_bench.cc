@@ -69,17 +69,6 @@ double RunThreads(unsigned threads, Work work) {
 
 std::atomic<long> g_failures{0};
 
-bool WarmPageCache(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY);
-  if (fd < 0) return false;
-  std::vector<char> chunk(1 << 20);
-  ssize_t got = 0;
-  while ((got = ::read(fd, chunk.data(), chunk.size())) > 0) {
-  }
-  ::close(fd);
-  return got == 0;
-}
-
 double RunProtocol(const Plan& plan, const std::wstring& url, unsigned begin, unsigned end) {
   qv::net::HttpFileProtocol protocol;
   TqUFileHandle* file = protocol.OpenFile(url.c_str(), TqUFileProtocol::OpenRead);
@@ -171,7 +160,7 @@ int main(int argc, char** argv) {
   // Read once here, so that nginx serves every range from the page cache for both clients.
   // Otherwise the side that reads a batch's ranges first pays for bringing them in, and the
   // order of the turns, not the clients, decides the ratio.
-  if (!WarmPageCache(path)) {
+  if (!tq::bench::WarmPageCache(path)) {
     std::fprintf(stderr, "cannot read the file\n");
     return 1;
   }

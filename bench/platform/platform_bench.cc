@@ -21,11 +21,13 @@
 #include "platform/wininet.h"
 #include "bench/bench_report.h"
 #include "bench/bench_support.h"
+#include "bench/platform/layer.h"
 #include "tests/support/servers/nginx_harness.h"
 
 namespace {
 
 using tq::bench::Clock;
+using tq::bench::Layer;
 using tq::bench::Seconds;
 using tq::bench::Setting;
 
@@ -38,44 +40,6 @@ long PeakRssKiB() {
   }
   return -1;
 }
-
-struct Layer {
-  HINTERNET session = nullptr;
-  HINTERNET connection = nullptr;
-  explicit Layer(int port) {
-    session = InternetOpenW(L"tq-bench", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0);
-    connection = InternetConnectW(session, L"127.0.0.1", static_cast<INTERNET_PORT>(port), nullptr,
-                                  nullptr, INTERNET_SERVICE_HTTP, 0, 0);
-  }
-  ~Layer() { InternetCloseHandle(session); }
-
-  // GETs the path and reads it to the end; returns the bytes read, or -1.
-  long long Get(const wchar_t* path, std::vector<char>& buffer) {
-    const wchar_t* accept[] = {L"*/*", nullptr};
-    HINTERNET request = HttpOpenRequestW(connection, L"GET", path, nullptr, nullptr, accept,
-                                         INTERNET_FLAG_KEEP_CONNECTION, 0);
-    if (request == nullptr || !HttpSendRequestW(request, nullptr, 0, nullptr, 0)) {
-      std::fprintf(stderr, "request failed: %u\n", GetLastError());
-      InternetCloseHandle(request);
-      return -1;
-    }
-    long long total = 0;
-    for (;;) {
-      DWORD got = 0;
-      if (!InternetReadFile(request, buffer.data(), static_cast<DWORD>(buffer.size()), &got)) {
-        std::fprintf(stderr, "read failed: %u\n", GetLastError());
-        total = -1;
-        break;
-      }
-      if (got == 0) break;
-      total += got;
-    }
-    InternetCloseHandle(request);
-    return total;
-  }
-};
-
-size_t Discard(char*, size_t size, size_t count, void*) { return size * count; }
 
 }  // namespace
 
@@ -132,11 +96,7 @@ int main(int argc, char** argv) {
   {
     Layer layer(nginx.port());
     std::vector<char> buffer(64 * 1024);
-    CURL* easy = curl_easy_init();
-    curl_easy_setopt(easy, CURLOPT_URL, small_url.c_str());
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Discard);
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_PROXY, "");
+    CURL* easy = tq::bench::ReusedCurlHandle(small_url);
     if (layer.Get(L"/small.txt", buffer) != 512 || curl_easy_perform(easy) != CURLE_OK) return 1;
     auto ours = [&] {
       const auto start = Clock::now();

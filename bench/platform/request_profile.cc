@@ -12,46 +12,14 @@
 #include <string>
 #include <vector>
 
-#include "platform/wininet.h"
+#include "bench/platform/layer.h"
 #include "tests/support/servers/nginx_harness.h"
 
-namespace {
-
-// Reads the path to its end on a new request handle; false on any failure.
-bool GetThroughLayer(HINTERNET connection, const wchar_t* path, std::vector<char>& buffer,
-                     long long expected) {
-  const wchar_t* accept[] = {L"*/*", nullptr};
-  HINTERNET request = HttpOpenRequestW(connection, L"GET", path, nullptr, nullptr, accept,
-                                       INTERNET_FLAG_KEEP_CONNECTION, 0);
-  if (request == nullptr || !HttpSendRequestW(request, nullptr, 0, nullptr, 0)) {
-    std::fprintf(stderr, "request failed: %u\n", GetLastError());
-    InternetCloseHandle(request);
-    return false;
-  }
-  long long total = 0;
-  for (;;) {
-    DWORD got = 0;
-    if (!InternetReadFile(request, buffer.data(), static_cast<DWORD>(buffer.size()), &got)) {
-      std::fprintf(stderr, "read failed: %u\n", GetLastError());
-      total = -1;
-      break;
-    }
-    if (got == 0) break;
-    total += got;
-  }
-  InternetCloseHandle(request);
-  return total == expected;
-}
-
-size_t Discard(char*, size_t size, size_t count, void*) { return size * count; }
-
-}  // namespace
-
 // Not inlined and not static: the profiler is pointed at them by name.
-extern "C" __attribute__((noinline)) bool OurRequests(HINTERNET connection, unsigned long count,
+extern "C" __attribute__((noinline)) bool OurRequests(tq::bench::Layer* layer, unsigned long count,
                                                       std::vector<char>* buffer) {
   for (unsigned long i = 0; i < count; ++i) {
-    if (!GetThroughLayer(connection, L"/small.txt", *buffer, 512)) return false;
+    if (layer->Get(L"/small.txt", *buffer) != 512) return false;
   }
   return true;
 }
@@ -73,25 +41,16 @@ int main(int argc, char** argv) {
   nginx.WriteFile("small.txt", std::string(512, 's'));
   const std::string url = nginx.Url("/small.txt");
 
-  HINTERNET session = InternetOpenW(L"tq-bench", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0);
-  HINTERNET connection = InternetConnectW(session, L"127.0.0.1",
-                                          static_cast<INTERNET_PORT>(nginx.port()), nullptr,
-                                          nullptr, INTERNET_SERVICE_HTTP, 0, 0);
+  tq::bench::Layer layer(nginx.port());
   std::vector<char> buffer(64 * 1024);
-  CURL* easy = curl_easy_init();
-  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Discard);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_PROXY, "");
+  CURL* easy = tq::bench::ReusedCurlHandle(url);
   // Warm, outside the measured functions: connections made, first-use allocations behind both.
   bool ok = true;
   for (int i = 0; i < 3 && ok; ++i) {
-    ok = GetThroughLayer(connection, L"/small.txt", buffer, 512) &&
-         curl_easy_perform(easy) == CURLE_OK;
+    ok = layer.Get(L"/small.txt", buffer) == 512 && curl_easy_perform(easy) == CURLE_OK;
   }
-  ok = ok && OurRequests(connection, count, &buffer) && CurlRequests(easy, count);
+  ok = ok && OurRequests(&layer, count, &buffer) && CurlRequests(easy, count);
   curl_easy_cleanup(easy);
-  InternetCloseHandle(session);
   if (!ok) return 1;
   std::printf("%lu requests on each side\n", count);
   return 0;
