@@ -109,6 +109,12 @@ class CacheEntry {
   void SetStaleAllowed(bool value) {
     m_flags = value ? entry_format::kFlagStaleAllowed : std::uint8_t{0};
   }
+  // Whether the header has room for that mark beside the tag and the key.
+  bool MarkFits() const {
+    return entry_format::kHeaderOverhead + m_etag.size() + m_key.size() +
+               entry_format::kExtensionSize <=
+           entry_format::kMaxHeaderSize;
+  }
 
  private:
   CacheEntry() = default;

@@ -146,7 +146,9 @@ bool SetStaleServingRule(CacheEntry& entry, const HttpReadStream& response, int 
     return false;
   }
   const std::optional<std::wstring> value = response.QueryHeader(std::wstring(L"cache-control"));
-  const bool allowed = !(value && detail::ForbidsStaleServing(value->c_str()));
+  // Where the tag and the key leave the header no room for the mark, the entry is kept without
+  // it (never served stale) rather than not stored at all.
+  const bool allowed = !(value && detail::ForbidsStaleServing(value->c_str())) && entry.MarkFits();
   const bool changed = !new_body && entry.HeaderSize() != 0 && entry.StaleAllowed() != allowed;
   entry.SetStaleAllowed(allowed);
   return changed;

@@ -763,6 +763,7 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
       {"max-age=60", kStale, "max-age=60, must-revalidate", 503, kStale, false},
       {"max-age=60", kNeverStale, nullptr, 0, kNeverStale, true},
       {"max-age=60", 0, "max-age=60", 503, kStale, false, true},
+      {"max-age=60", kStale, nullptr, 503, kStale, false, true},
   };
   const std::string body(100000, 'b');
   for (std::size_t i = 0; i < std::size(cases); ++i) {
