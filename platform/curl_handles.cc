@@ -54,7 +54,7 @@ std::string PercentEncodeUnsafe(std::string_view text, std::string_view also) {
   out.reserve(text.size());
   for (const char c : text) {
     const auto u = static_cast<unsigned char>(c);
-    if (u <= 0x20 || u >= 0x7F || also.find(c) != std::string_view::npos) {
+    if (NeedsPercentEncoding(u) || also.find(c) != std::string_view::npos) {
       out.push_back('%');
       out.push_back(kHex[u >> 4]);
       out.push_back(kHex[u & 15]);

@@ -28,6 +28,9 @@ using CurlShare = std::unique_ptr<CURLSH, CurlDeleter<curl_share_cleanup>>;
 using CurlUrl = std::unique_ptr<CURLU, CurlDeleter<curl_url_cleanup>>;
 using CurlHeaderList = std::unique_ptr<curl_slist, CurlDeleter<curl_slist_free_all>>;
 
+// A byte no URL may carry as it is: controls, space, DEL and everything past ASCII.
+inline bool NeedsPercentEncoding(unsigned char byte) { return byte <= 0x20 || byte >= 0x7F; }
+
 // `text` with the bytes no request line may hold (controls, space, DEL and every byte of a
 // character outside ASCII) and those in `also` percent-encoded (upper-case hex), the rest as is.
 std::string PercentEncodeUnsafe(std::string_view text, std::string_view also = {});

@@ -321,11 +321,10 @@ void Transfer::Reset() {
 }
 
 bool Transfer::Recycle() {
-  // As the destructor ends it; the spill's room stays with the transfer.
+  // Ended as the destructor ends it, then idle as after Reset; the spill's room stays.
   Finish(milliseconds(0));
   ReleaseSlot();
-  if (state_ != TransferState::kIdle) MoveTo(TransferState::kIdle);
-  ClearResponse();
+  Reset();
   // A body or a header block far larger than usual is not kept for every later request.
   if (request_.body.capacity() > kDrainLimit || blocks_[0].capacity() > kDrainLimit ||
       blocks_[1].capacity() > kDrainLimit) {

@@ -57,7 +57,9 @@ std::string EncodePath(const std::wstring_view resource) {
   char* next = out.data() + (rooted ? 0 : 1);
   for (const wchar_t c : resource) {
     const auto cp = static_cast<std::uint32_t>(c);
-    if (cp <= 0x20 || cp >= 0x7F || cp == '#') return EncodePathSlowly(resource);
+    if (cp >= 0x80 || NeedsPercentEncoding(static_cast<unsigned char>(cp)) || cp == '#') {
+      return EncodePathSlowly(resource);
+    }
     *next++ = static_cast<char>(cp);
   }
   return out;

@@ -162,7 +162,7 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
 std::size_t HeaderSizeOf(const std::string& etag, const std::string& key, std::uint8_t flags) {
   const auto tag_length = gsl::narrow<std::uint16_t>(etag.size());
   const auto key_length = gsl::narrow<std::uint16_t>(key.size());
-  return ef::kHeaderOverhead + tag_length + key_length + (flags != 0 ? ef::kExtensionSize : 0);
+  return ef::HeaderSize(tag_length, key_length, flags != 0);
 }
 
 // The same for a header about to be written whole: a pair that fits one by one but not

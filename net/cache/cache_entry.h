@@ -111,8 +111,7 @@ class CacheEntry {
   }
   // Whether the header has room for that mark beside the tag and the key.
   bool MarkFits() const {
-    return entry_format::kHeaderOverhead + m_etag.size() + m_key.size() +
-               entry_format::kExtensionSize <=
+    return entry_format::HeaderSize(m_etag.size(), m_key.size(), true) <=
            entry_format::kMaxHeaderSize;
   }
 

@@ -75,6 +75,12 @@ constexpr std::uint64_t BodyOffset(std::uint16_t header_size) {
   return static_cast<std::uint64_t>(header_size) + kHeaderSizeFieldSize;
 }
 
+// What the header size field must hold for a tag and a key of these lengths, with or without the
+// extension; it may exceed kMaxHeaderSize, which such an entry cannot have.
+constexpr std::size_t HeaderSize(std::size_t tag_length, std::size_t key_length, bool extension) {
+  return kHeaderOverhead + tag_length + key_length + (extension ? kExtensionSize : 0);
+}
+
 // Little-endian fields, independent of the host's byte order.
 inline void PutU16(unsigned char* out, std::uint16_t value) {
   out[0] = static_cast<unsigned char>(value & 0xFF);
