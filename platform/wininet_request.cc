@@ -127,6 +127,35 @@ Settings Request::Effective() const {
   return settings;
 }
 
+// The header lines sent: Accept and Referer as opened, Pragma when the flag asks for it, the
+// caller's own lines, and an empty Accept line when none was given (libcurl would add one).
+void Request::DescribeHeaderLines(std::vector<std::string> header_lines,
+                                  std::vector<std::string>* lines) {
+  // Assigned line by line into the lines there, each keeping its room.
+  std::size_t count = 0;
+  for (const std::string* fixed : {&accept_, &referer_}) {
+    if (fixed->empty()) continue;
+    if (count < lines->size()) {
+      (*lines)[count] = *fixed;
+    } else {
+      lines->push_back(*fixed);
+    }
+    ++count;
+  }
+  lines->resize(count);
+  // The flag asks proxies on the way not to answer from their copies, unless the caller's own
+  // Pragma line says otherwise.
+  if ((flags_ & INTERNET_FLAG_PRAGMA_NOCACHE) != 0 && !HasHeaderLine(header_lines, "Pragma")) {
+    lines->emplace_back("Pragma: no-cache");
+  }
+  lines->insert(lines->end(), std::make_move_iterator(header_lines.begin()),
+                std::make_move_iterator(header_lines.end()));
+  sent_lines_ = lines->size();
+  if (!HasHeaderLine(*lines, "Accept")) {
+    lines->emplace_back("Accept:");  // none sent
+  }
+}
+
 void Request::Describe(const Settings& settings, std::vector<std::string> header_lines,
                        std::string body, TransferRequest* out) {
   // Assigned, not made anew: the text reuses the room the last request's had.
@@ -134,29 +163,7 @@ void Request::Describe(const Settings& settings, std::vector<std::string> header
   out->request_target.assign(asterisk_ ? "*" : "");
   out->method = verb_;
   out->body = std::move(body);
-  // Assigned line by line into the lines there, each keeping its room.
-  std::size_t count = 0;
-  for (const std::string* fixed : {&accept_, &referer_}) {
-    if (fixed->empty()) continue;
-    if (count < out->header_lines.size()) {
-      out->header_lines[count] = *fixed;
-    } else {
-      out->header_lines.push_back(*fixed);
-    }
-    ++count;
-  }
-  out->header_lines.resize(count);
-  // The flag asks proxies on the way not to answer from their copies, unless the caller's own
-  // Pragma line says otherwise.
-  if ((flags_ & INTERNET_FLAG_PRAGMA_NOCACHE) != 0 && !HasHeaderLine(header_lines, "Pragma")) {
-    out->header_lines.emplace_back("Pragma: no-cache");
-  }
-  out->header_lines.insert(out->header_lines.end(), std::make_move_iterator(header_lines.begin()),
-                           std::make_move_iterator(header_lines.end()));
-  sent_lines_ = out->header_lines.size();
-  if (!HasHeaderLine(out->header_lines, "Accept")) {
-    out->header_lines.emplace_back("Accept:");  // none sent
-  }
+  DescribeHeaderLines(std::move(header_lines), &out->header_lines);
   out->http10 = http10_;
   out->agent = sent_agent_;
   const auto& session = connection_->session();

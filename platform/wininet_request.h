@@ -41,6 +41,9 @@ class Request : public InternetObject {
   // Fills the transfer's next request, every field of it, with what Send sends.
   void Describe(const Settings& settings, std::vector<std::string> header_lines, std::string body,
                 TransferRequest* out);
+  // Fills `lines` (reusing the room of those there) and records how many of them were given
+  // (all but the empty Accept line).
+  void DescribeHeaderLines(std::vector<std::string> header_lines, std::vector<std::string>* lines);
   DWORD QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_length, DWORD* index);
 
   const std::shared_ptr<Connection> connection_;  // lends the slots; outlives transfer_
