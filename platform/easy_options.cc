@@ -104,7 +104,9 @@ bool AppliedOptions::SetProxy(CURL* easy, const HopOptions& wanted) {
     case ProxyMode::kEnvironment:
       return true;  // libcurl reads http_proxy, https_proxy and no_proxy
     case ProxyMode::kDirect:
-      return Set(easy, CURLOPT_PROXY, "");
+      // Every host bypasses: libcurl then skips reading no_proxy and NO_PROXY from the
+      // environment, which it would do for every request.
+      return Set(easy, CURLOPT_PROXY, "") && Set(easy, CURLOPT_NOPROXY, "*");
     case ProxyMode::kNamed:
       proxy_ = wanted.proxy;
       // The bypass list is applied in `proxy`; an empty list of libcurl's keeps it from reading
