@@ -46,7 +46,8 @@ bool IsToken(std::string_view s) {
 std::string EncodePathSlowly(const std::wstring_view resource) {
   const std::string utf8 = WideToUtf8(resource);
   const bool rooted = !utf8.empty() && utf8.front() == '/';
-  return (rooted ? "" : "/") + PercentEncodeUnsafe(utf8, "#");
+  std::string out(rooted ? 0 : 1, '/');
+  return out.append(PercentEncodeUnsafe(utf8, "#"));
 }
 
 // The same, for the usual resource, ASCII that needs no escape: copied in one pass, without the
@@ -160,7 +161,7 @@ void Request::Describe(const Settings& settings, std::vector<std::string> header
                        std::string body, TransferRequest* out) {
   // Assigned, not made anew: the text reuses the room the last request's had.
   out->url.assign(connection_->Origin((flags_ & INTERNET_FLAG_SECURE) != 0)).append(path_);
-  out->request_target.assign(asterisk_ ? "*" : "");
+  out->request_target.assign(asterisk_ ? 1 : 0, '*');
   out->method = verb_;
   out->body = std::move(body);
   DescribeHeaderLines(std::move(header_lines), &out->header_lines);
@@ -247,10 +248,11 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   // A Host line of the caller's goes out in place of the one made from the URL.
   if (!HasHeaderLine(sent, "Host")) {
     // As libcurl sends it: without the port when it is the scheme's own.
-    std::string host = url.substr(authority_start, path_start - authority_start);
+    std::string_view host = std::string_view(url).substr(authority_start,
+                                                         path_start - authority_start);
     const std::string_view own_port = url.starts_with("https:") ? ":443" : ":80";
-    if (host.ends_with(own_port)) host.resize(host.size() - own_port.size());
-    lines.push_back("Host: " + host);
+    if (host.ends_with(own_port)) host.remove_suffix(own_port.size());
+    lines.emplace_back("Host: ").append(host);
   }
   // A User-Agent line of the caller's goes out in place of the agent.
   if (!sent_agent_.empty() && !HasHeaderLine(sent, "User-Agent")) {

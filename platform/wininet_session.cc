@@ -108,11 +108,11 @@ namespace {
 std::string MakeOrigin(bool secure, const std::string& host, INTERNET_PORT port) {
   std::string url = secure ? "https://" : "http://";
   if (host.find(':') != std::string::npos) {
-    url += "[" + host + "]";
+    url.append(1, '[').append(host).append(1, ']');
   } else {
     url += host;
   }
-  if (port != INTERNET_INVALID_PORT_NUMBER) url += ":" + std::to_string(port);
+  if (port != INTERNET_INVALID_PORT_NUMBER) url.append(1, ':').append(std::to_string(port));
   return url;
 }
 
