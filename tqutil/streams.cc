@@ -1,7 +1,9 @@
 #include "tqutil/streams.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <stdexcept>
 
 namespace qv::io {
