@@ -84,6 +84,17 @@ bool Interleave(int runs, Ours ours, Reference reference, Samples* ours_out,
   return true;
 }
 
+// Interleave after one turn of each side that counts for neither: what a process or the server
+// does once (a connection, buffers, the file system's first allocations in a directory) is not a
+// pair's figure. `forget` runs after that turn, to drop what the sides recorded of it.
+template <typename Ours, typename Reference, typename Forget>
+bool InterleaveAfterWarmUp(int runs, Ours ours, Reference reference, Samples* ours_out,
+                           Samples* reference_out, Forget forget) {
+  if (ours() < 0 || reference() < 0) return false;
+  forget();
+  return Interleave(runs, ours, reference, ours_out, reference_out);
+}
+
 // Runs the curl tool with `args` and returns its wall time in seconds, or -1 when it fails. Its
 // standard error goes to /dev/null: curl --parallel draws a progress meter even with -s.
 // When `cpu_seconds` is given, it receives the user and system time curl used.

@@ -100,19 +100,4 @@ bool RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept {
   return false;
 }
 
-void PrepareForWrite(void* memory, std::size_t size) noexcept {
-#if defined(MADV_POPULATE_WRITE)
-  // Only the whole pages inside the range: the hint must not touch bytes outside it.
-  const std::size_t page = PageSize();
-  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
-  const std::uintptr_t first = (begin + page - 1) / page * page;
-  const std::uintptr_t last = (begin + size) / page * page;
-  // Older kernels refuse the advice; the writes then fault the pages in as usual.
-  if (last > first) (void)::madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE);
-#else
-  (void)memory;
-  (void)size;
-#endif
-}
-
 }  // namespace qv

@@ -36,8 +36,4 @@ TQUTIL_API ZeroedMemory AllocateZeroed(std::size_t size);
 /// must then only be freed, never used again.
 [[nodiscard]] TQUTIL_API bool RezeroMemory(const ZeroedMemory& memory, std::size_t used) noexcept;
 
-/// Tells the system that `size` bytes at `memory` are about to be written, so that their pages
-/// are made present in one call rather than one page fault each. Only a hint: it may do nothing.
-TQUTIL_API void PrepareForWrite(void* memory, std::size_t size) noexcept;
-
 }  // namespace qv

@@ -1,18 +1,12 @@
 #include "tqutil/streams.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <stdexcept>
 
-#include "tqutil/memory_pages.h"
-
 namespace qv::io {
-namespace {
-
-// Below this a write's pages are left to fault in: the hint's call would cost more.
-constexpr std::uint64_t kPrepareWriteMin = 64 * 1024;
-
-}  // namespace
 
 IDataReadStream::~IDataReadStream() = default;
 StreamMetaData IDataReadStream::MetaData() { return {}; }
@@ -66,11 +60,6 @@ std::uint64_t MemoryStream::Write(const void* buffer, std::uint64_t size) {
     throw std::runtime_error("MemoryStream::Write: too large");
   }
   const auto* p = static_cast<const std::uint8_t*>(buffer);
-  // A large write into reserved room (a body whose size was known) makes its pages present in
-  // one call instead of faulting them in one by one; over many bodies that is most of the cost.
-  if (size >= kPrepareWriteMin && bytes.capacity() - bytes.size() >= size) {
-    qv::PrepareForWrite(bytes.data() + bytes.size(), static_cast<std::size_t>(size));
-  }
   try {
     bytes.insert(bytes.end(), p, p + size);
   } catch (const std::bad_alloc&) {

@@ -130,13 +130,9 @@ int main(int argc, char** argv) {
     std::filesystem::remove(curl_file);
     return seconds;
   };
-  // One turn of each side first, counted by neither: what a process does once (our connection
-  // and buffers, the file system's first allocations in the directory) is not a pair's figure.
-  if (copy_ours() < 0 || copy_curl() < 0) return 1;
-  ours_cpu = {};
-  curl_cpu = {};
   tq::bench::Samples ours_copy, curl_copy;
-  if (!tq::bench::Interleave(tq::bench::Runs(5), copy_ours, copy_curl, &ours_copy, &curl_copy)) {
+  if (!tq::bench::InterleaveAfterWarmUp(tq::bench::Runs(5), copy_ours, copy_curl, &ours_copy,
+                                        &curl_copy, [&] { ours_cpu = curl_cpu = {}; })) {
     return 1;
   }
 
@@ -164,12 +160,10 @@ int main(int argc, char** argv) {
     curl_async_cpu.Add(cpu);
     return seconds;
   };
-  if (async_ours() < 0 || async_curl() < 0) return 1;  // not counted, as for the copy
-  ours_async_cpu = {};
-  curl_async_cpu = {};
   tq::bench::Samples ours_async, curl_async;
-  if (!tq::bench::Interleave(tq::bench::Runs(5), async_ours, async_curl, &ours_async,
-                             &curl_async)) {
+  if (!tq::bench::InterleaveAfterWarmUp(tq::bench::Runs(5), async_ours, async_curl, &ours_async,
+                                        &curl_async,
+                                        [&] { ours_async_cpu = curl_async_cpu = {}; })) {
     return 1;
   }
 

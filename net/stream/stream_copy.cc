@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -130,20 +131,27 @@ class ReservedRoom {
   const std::size_t m_start = m_filled;
 };
 
+// What a copy may read when the source and the target are memory streams over the same bytes:
+// what the source had left to read when the copy began. Read on, it would meet its own writes and
+// grow until memory ran out; the bytes held at the start are what a caller means by copying a
+// stream (as a string appended to itself is doubled, not grown without end). Empty when the two
+// do not share their bytes.
+std::optional<std::uint64_t> SharedBytesLeft(qv::io::IDataReadStream& source,
+                                             qv::io::IDataWriteStream& target) {
+  auto* from = dynamic_cast<qv::io::MemoryStream*>(&source);
+  auto* to = dynamic_cast<qv::io::MemoryStream*>(&target);
+  if (from == nullptr || to == nullptr || from->Sink() != to->Sink()) return std::nullopt;
+  const std::uint64_t size = from->Size();
+  const std::uint64_t position = from->RTell();
+  return position < size ? size - position : 0;
+}
+
 // The target's bytes when the copy may read straight into their reserved room: the target is a
-// plain memory stream (a class derived from it may want its Write called) with room to spare,
-// and the source does not read from the same bytes.
-std::vector<std::uint8_t>* RoomToReadInto(qv::io::IDataReadStream& source,
-                                          qv::io::IDataWriteStream& target) {
+// plain memory stream (a class derived from it may want its Write called) with room to spare.
+std::vector<std::uint8_t>* RoomToReadInto(qv::io::IDataWriteStream& target) {
   if (typeid(target) != typeid(qv::io::MemoryStream)) return nullptr;
-  auto* memory = static_cast<qv::io::MemoryStream*>(&target);
-  std::vector<std::uint8_t>& bytes = memory->Sink()->bytes;
-  if (bytes.capacity() == bytes.size()) return nullptr;
-  if (auto* same = dynamic_cast<qv::io::MemoryStream*>(&source);
-      same != nullptr && same->Sink() == memory->Sink()) {
-    return nullptr;
-  }
-  return &bytes;
+  std::vector<std::uint8_t>& bytes = static_cast<qv::io::MemoryStream&>(target).Sink()->bytes;
+  return bytes.capacity() == bytes.size() ? nullptr : &bytes;
 }
 
 // Starts the writer of an overlapped copy; leaves it empty (the copy goes on writing on its own
@@ -175,9 +183,11 @@ bool CopyIntoRoom(qv::io::IDataReadStream& source, std::vector<std::uint8_t>& by
   return false;
 }
 
-// Copies the rest of `source` through the copy buffer, counting into `result`.
+// Copies the rest of `source`, or its first `left` bytes, through the copy buffer, counting
+// into `result`.
 void CopyThroughBuffer(qv::io::IDataReadStream& source, qv::io::IDataWriteStream& target,
-                       const qv::stop_token& stop, CopyStreamResult& result) {
+                       const qv::stop_token& stop, std::uint64_t left,
+                       CopyStreamResult& result) {
   CopyBuffer buffer;
   // Into a file, reads of a quarter MiB: the bytes are still in the processor's cache when they
   // are written. Once a body has passed one whole chunk, each read also overlaps the write of
@@ -191,7 +201,8 @@ void CopyThroughBuffer(qv::io::IDataReadStream& source, qv::io::IDataWriteStream
   std::uint64_t region = 0;                   // where in the buffer the next read goes
   for (;;) {
     std::uint8_t* const next = buffer.get() + region;
-    const std::uint64_t n = source.Read(next, piece);
+    const std::uint64_t n = left == 0 ? 0 : source.Read(next, std::min(piece, left));
+    left -= std::min(n, left);
     if (n != 0) {
       buffer.Used(region + n);
       if (!writer && into_file && result.bytes_copied + n > kCopyChunkSize) {
@@ -225,9 +236,11 @@ CopyStreamResult CopyStream(qv::io::IDataReadStream& source, qv::io::IDataWriteS
                             qv::stop_token stop) {
   CopyStreamResult result;
   try {
-    std::vector<std::uint8_t>* room = RoomToReadInto(source, target);
+    const std::optional<std::uint64_t> shared = SharedBytesLeft(source, target);
+    std::vector<std::uint8_t>* room = shared ? nullptr : RoomToReadInto(target);
     if (room == nullptr || !CopyIntoRoom(source, *room, stop, result)) {
-      CopyThroughBuffer(source, target, stop, result);
+      CopyThroughBuffer(source, target, stop,
+                        shared.value_or(std::numeric_limits<std::uint64_t>::max()), result);
     }
   } catch (const std::runtime_error& e) {
     TqUSysError::LogUTF8String("Failed to read or write stream in CopyStream: ");

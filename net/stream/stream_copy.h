@@ -21,7 +21,8 @@ inline constexpr std::uint64_t kCopyChunkSize = 8388608;
 // the one before; into a memory stream with room reserved, reads straight into that room); the
 // stop is checked after each chunk is read and handed to the target, so a stop never cuts a
 // read in half. Read and write errors (std::runtime_error) are logged and end
-// the copy with completed false.
+// the copy with completed false. A memory stream copied into one over the same bytes gives what
+// it had left to read when the copy began, not its own writes read back.
 CopyStreamResult CopyStream(qv::io::IDataReadStream& source,
                              qv::io::IDataWriteStream& target, qv::stop_token stop);
 

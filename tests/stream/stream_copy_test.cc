@@ -1,8 +1,8 @@
 // CopyStream into a file (where the next chunk is read while the last one is written): every
 // byte lands in place, errors, exceptions and stops end the copy, and every copy starts with a
 // zero buffer whatever the thread's last copy left in it; and CopyStream into a memory stream
-// with room reserved, which reads straight into that room. (Plain copies into memory: the read
-// stream's and the nginx end-to-end tests.)
+// with room reserved, which reads straight into that room, or over the very bytes it reads.
+// (Plain copies into memory: the read stream's and the nginx end-to-end tests.)
 #include "net/stream/stream_copy.h"
 
 #include <gtest/gtest.h>
@@ -10,14 +10,17 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/temp_dir.h"
@@ -172,15 +175,17 @@ TEST_F(CopyIntoFileTest, EveryByteLandsInPlaceTheNextReadOverlapsTheWriteAndStop
   EXPECT_EQ(PositionSource::dirty_starts, 0);
 }
 
-// A memory stream counting the writes made through it.
+// A memory stream counting the writes made through it, failing one that would pass `most` bytes.
 class WrittenMemory : public qv::io::MemoryStream {
  public:
   using MemoryStream::MemoryStream;
   std::uint64_t Write(const void* buffer, std::uint64_t size) override {
     ++writes;
+    if (Size() + size > most) throw std::runtime_error("past the bound");
     return MemoryStream::Write(buffer, size);
   }
   int writes = 0;
+  std::uint64_t most = UINT64_MAX;
 };
 
 // A copy into reserved room holds exactly the bytes it counted however it ends: a body shorter
@@ -257,6 +262,25 @@ TEST(CopyIntoMemoryTest, ReservedRoomHoldsExactlyTheBytesCountedHoweverTheCopyEn
                                : "";
     EXPECT_EQ(log.Text(), failure);
   }
+}
+
+// A memory stream copied into one over the same bytes (with room to spare) appends what it had
+// left to read when the copy began, over more than a chunk, instead of reading its own writes
+// (which the target's bound turns into a failed copy rather than a run out of memory).
+TEST(CopyIntoMemoryTest, ACopyIntoTheSameBytesTakesWhatTheSourceHeldAtTheStart) {
+  auto sink = std::make_shared<qv::io::MemorySink>();
+  for (std::uint64_t i = 0; i < C + 5; ++i) sink->bytes.push_back(ByteAt(i));
+  sink->bytes.reserve(3 * C);
+  std::vector<std::uint8_t> expected = sink->bytes;
+  expected.insert(expected.end(), sink->bytes.begin() + 1, sink->bytes.end());
+  qv::io::MemoryStream source(sink);
+  WrittenMemory target(sink);
+  target.most = 3 * C;
+  source.RSeek(1, qv::io::StreamPosition::Begin);
+  const CopyStreamResult result = CopyStream(source, target, {});
+  EXPECT_TRUE(result.completed);
+  EXPECT_EQ(result.bytes_copied, C + 4);
+  EXPECT_TRUE(sink->bytes == expected);
 }
 
 }  // namespace
