@@ -1,0 +1,231 @@
+// TqUSysDirectory on POSIX: one descriptor of the directory and the *at calls relative to it;
+// listings with readdir, and removal of a tree that never follows a link.
+#if !defined(_WIN32)
+
+#include "tqutil/sys_file.h"
+
+#include "tqutil/sys_file_faults.h"
+#include "tqutil/sys_file_internal.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+using qv::sys_file::Descriptor;
+using qv::sys_file::DirCloser;
+using qv::sys_file::Errno;
+using qv::sys_file::kOpenFlags;
+using qv::sys_file::Lock;
+using qv::sys_file::OpenAt;
+using qv::sys_file::OpenedForTesting;
+using qv::sys_file::RemovalRefused;
+using qv::sys_file::RetryOpen;
+using qv::sys_file::ValidArguments;
+using qv::sys_file::WholePath;
+
+TqUSysDirectory::TqUSysDirectory(const std::filesystem::path& path) : m_path(path) {
+  if (!WholePath(path, m_error)) return;
+  do {
+    m_fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  } while (m_fd < 0 && errno == EINTR);
+  if (m_fd < 0) m_error = Errno();
+}
+
+TqUSysDirectory::~TqUSysDirectory() {
+  if (m_fd >= 0) ::close(m_fd);
+}
+
+std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& visit,
+                                      bool sizes) const {
+  if (m_error) return m_error;
+  // A descriptor of its own, so that every listing starts at the beginning and several may
+  // run at once.
+  Descriptor fd(RetryOpen(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.fd < 0) return Errno();
+  // Closed however the listing ends: a visitor may throw.
+  const std::unique_ptr<DIR, DirCloser> dir(::fdopendir(fd.fd));
+  if (!dir) return Errno();
+  fd.release();  // the listing's now
+  std::error_code result;
+  for (;;) {
+    errno = 0;
+    const dirent* const entry = ::readdir(dir.get());
+    if (entry == nullptr) {
+      if (errno != 0) result = Errno();
+      break;
+    }
+    const char* const name = entry->d_name;
+    if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0))) continue;
+    Item item;
+    item.name = name;
+    item.length = std::strlen(name);
+    // The listing tells the kind of most entries; only unknown kinds need a look at what they
+    // are, and regular files one for their size when it is asked for. A link is not a file of
+    // the directory's own, whatever it leads to.
+    const unsigned char type = entry->d_type;
+    if (type == DT_REG && !sizes) {
+      item.regular = true;
+    } else if (type == DT_REG || type == DT_UNKNOWN) {
+      struct stat st = {};
+      if (::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        item.regular = S_ISREG(st.st_mode);
+        if (item.regular) item.size = static_cast<std::int64_t>(st.st_size);
+      } else {
+        item.regular = type == DT_REG;  // gone meanwhile: still listed as what it was
+      }
+    }
+    visit(item);
+  }
+  return result;
+}
+
+TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t access,
+                                             std::uint32_t share, std::uint32_t creation,
+                                             std::uint32_t reserved1,
+                                             std::uint32_t reserved2) const {
+  if (m_fd < 0 || name == nullptr || name[0] == 0 ||
+      !ValidArguments(access, share, creation, reserved1, reserved2)) {
+    return TqUSysFile::kInvalid;
+  }
+  return OpenAt(m_fd, name, access, share, creation);
+}
+
+std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
+                                        std::size_t size) const {
+  if (m_fd < 0 || name == nullptr || name[0] == 0 || (buffer == nullptr && size > 0)) return -1;
+  // OpenAt's steps for a shared reader, without a handle: a clean-up reads thousands of headers
+  // in a row, and the handle's bookkeeping would cost more than its system calls.
+  Descriptor fd(RetryOpen(m_fd, name, kOpenFlags | O_RDONLY));
+  if (fd.fd < 0) return -1;
+  struct stat st;
+  if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  OpenedForTesting();
+  if (!Lock(fd.fd, false) || TqUSysFileFaults::Fails("read")) return -1;
+  const std::size_t chunk = std::min<std::size_t>(size, 1u << 30);
+  ssize_t got;
+  do {
+    got = ::pread(fd.fd, buffer, chunk, 0);
+  } while (got < 0 && errno == EINTR);
+  return got < 0 ? -1 : static_cast<std::int64_t>(got);
+}
+
+std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
+  struct stat st = {};
+  if (m_fd < 0 || ::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) {
+    return -1;
+  }
+  return static_cast<std::int64_t>(st.st_size);
+}
+
+bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
+  ec.clear();
+  if (m_fd < 0) {
+    ec = m_error;
+    return false;
+  }
+  struct stat st = {};
+  if (::fstatat(m_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) return true;
+  if (errno != ENOENT && errno != ENOTDIR) ec = Errno();
+  return false;
+}
+
+bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code& ec) {
+  ec.clear();
+  if (!WholePath(path, ec)) return false;
+  if (::mkdir(path.c_str(), 0700) == 0) {
+    // The mode asked of mkdir loses what the umask takes away; owner-only is set as a whole.
+    if (::chmod(path.c_str(), 0700) == 0) return true;
+    ec = Errno();
+    return false;
+  }
+  const int error = errno;
+  struct stat st = {};
+  if (error == EEXIST && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
+  ec = std::error_code(error, std::generic_category());
+  return false;
+}
+
+namespace {
+
+// Removes the name `name` of the directory `dir` (never what a link leads to), as the test seams
+// allow (the refusal is asked about `leaf`, the name's last part): 0, or the errno value it
+// failed with (ENOENT when nothing was there).
+int RemoveName(int dir, const char* name, const char* leaf) {
+  if (RemovalRefused(leaf)) return EACCES;
+  if (TqUSysFileFaults::Fails("remove")) return errno;
+  return ::unlinkat(dir, name, 0) == 0 ? 0 : errno;
+}
+
+// Removes `name` of the directory `parent` (a descriptor, or AT_FDCWD) and, when it is a
+// directory, everything in it first. A link is removed as itself: a directory is only ever
+// opened with O_NOFOLLOW, so one swapped for a link meanwhile is never entered. Whatever cannot
+// be removed is passed over and the rest still goes (libstdc++'s remove_all stops at the first
+// failure); the first failure is kept in `ec`. The count of names removed.
+std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
+  const auto keep = [&ec](int error) {
+    if (!ec && error != 0 && error != ENOENT) ec = std::error_code(error, std::generic_category());
+  };
+  const char* slash = std::strrchr(name, '/');
+  const int unlink_error =
+      RemoveName(parent, name, slash != nullptr && slash[1] != '\0' ? slash + 1 : name);
+  if (unlink_error == 0) return 1;
+  // Linux refuses to unlink a directory with EISDIR, POSIX allows EPERM.
+  if (unlink_error != EISDIR && unlink_error != EPERM) {
+    keep(unlink_error);
+    return 0;
+  }
+  Descriptor fd(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.fd < 0) {
+    keep(errno == ENOTDIR ? unlink_error : errno);  // a file that may not be removed
+    return 0;
+  }
+  std::uintmax_t count = 0;
+  {
+    const std::unique_ptr<DIR, DirCloser> dir(::fdopendir(fd.fd));
+    if (!dir) {
+      keep(errno);
+      return 0;
+    }
+    fd.release();  // the listing's now
+    // Listed whole before anything goes: a directory changed while read may skip names.
+    std::vector<std::string> names;
+    while (const dirent* item = ::readdir(dir.get())) {
+      if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
+        names.emplace_back(item->d_name);
+      }
+    }
+    for (const std::string& inner : names) {
+      count += RemoveTreeAt(::dirfd(dir.get()), inner.c_str(), ec);
+    }
+  }
+  if (::unlinkat(parent, name, AT_REMOVEDIR) == 0) {
+    ++count;
+  } else {
+    keep(errno);
+  }
+  return count;
+}
+
+}  // namespace
+
+std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
+                                            std::error_code& ec) {
+  ec.clear();
+  if (!WholePath(path, ec)) return 0;
+  return RemoveTreeAt(AT_FDCWD, path.c_str(), ec);
+}
+
+bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
+  ec.clear();
+  if (m_fd < 0) {
+    ec = m_error;
+    return false;
+  }
+  const int error = RemoveName(m_fd, name, name);
+  if (error != 0 && error != ENOENT) ec = std::error_code(error, std::generic_category());
+  return error == 0;
+}
+
+#endif

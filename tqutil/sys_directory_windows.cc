@@ -1,0 +1,198 @@
+// TqUSysDirectory on Windows: a directory by its path, joined with each name per call; listings
+// through FindFirstFileExW, which carry the sizes, and removal that never enters a reparse point.
+#if defined(_WIN32)
+
+#include "tqutil/sys_file.h"
+
+#include "tqutil/sys_file_faults.h"
+#include "tqutil/sys_file_internal.h"
+
+#include <cwchar>
+#include <vector>
+
+using qv::sys_file::DeleteReadOnly;
+using qv::sys_file::FindHandle;
+using qv::sys_file::LastError;
+using qv::sys_file::LastFileError;
+using qv::sys_file::RemovalRefused;
+namespace sys = qv::sys_file::sys;
+
+TqUSysDirectory::TqUSysDirectory(const std::filesystem::path& path) : m_path(path) {
+  const DWORD attributes = sys::Attributes(path);
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    m_error = LastError();
+  } else if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    m_error = std::make_error_code(std::errc::not_a_directory);
+  }
+}
+
+TqUSysDirectory::~TqUSysDirectory() = default;
+
+std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& visit,
+                                      bool /*sizes: the listing carries them*/) const {
+  if (m_error) return m_error;
+  WIN32_FIND_DATAW data;
+  // Closed however the listing ends: a visitor may throw.
+  const FindHandle find = sys::FindFirst(m_path, &data, FIND_FIRST_EX_LARGE_FETCH);
+  if (!find) {
+    const std::error_code ec = LastError();
+    return ::GetLastError() == ERROR_FILE_NOT_FOUND ? std::error_code() : ec;
+  }
+  std::error_code result;
+  for (;;) {
+    const wchar_t* name = data.cFileName;
+    if (std::wcscmp(name, L".") != 0 && std::wcscmp(name, L"..") != 0) {
+      Item item;
+      item.name = name;
+      item.length = std::wcslen(name);
+      // A reparse point (a link) is not a file of the directory's own, whatever it leads to.
+      if ((data.dwFileAttributes &
+           (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) == 0) {
+        item.regular = true;
+        item.size = static_cast<std::int64_t>((static_cast<std::uint64_t>(data.nFileSizeHigh)
+                                               << 32) | data.nFileSizeLow);
+      }
+      visit(item);
+    }
+    if (!::FindNextFileW(find.get(), &data)) {
+      if (::GetLastError() != ERROR_NO_MORE_FILES) result = LastError();
+      break;
+    }
+  }
+  return result;
+}
+
+std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (!sys::AttributesEx(m_path / name, &data) ||
+      (data.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0) {
+    return -1;
+  }
+  return static_cast<std::int64_t>((static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) |
+                                   data.nFileSizeLow);
+}
+
+TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t access,
+                                             std::uint32_t share, std::uint32_t creation,
+                                             std::uint32_t reserved1,
+                                             std::uint32_t reserved2) const {
+  if (m_error || name == nullptr || name[0] == 0) return TqUSysFile::kInvalid;
+  return TqUSysFile::OpenFile(m_path / name, access, share, creation, reserved1, reserved2);
+}
+
+std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
+                                        std::size_t size) const {
+  TqUSysFile::Handle file = OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
+                                     TqUSysFile::kOpenExisting, 0, 0);
+  if (file == TqUSysFile::kInvalid) return -1;
+  std::uint64_t got = 0;
+  const bool read = TqUSysFile::ReadFileAt(file, buffer, size, 0, &got);
+  TqUSysFile::CloseFile(file);
+  return read ? static_cast<std::int64_t>(got) : -1;
+}
+
+bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
+  ec.clear();
+  if (m_error) {
+    ec = m_error;
+    return false;
+  }
+  // The attributes of what lies at the name itself: a link, even one that leads nowhere, has
+  // its own (MinGW's symlink_status asks what the link leads to).
+  if (sys::Attributes(m_path / name) != INVALID_FILE_ATTRIBUTES) return true;
+  const DWORD error = ::GetLastError();
+  if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+    ec = std::error_code(static_cast<int>(error), std::system_category());
+  }
+  return false;
+}
+
+bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code& ec) {
+  ec.clear();
+  // The directory inherits its parent's access control list: under the user's profile, the
+  // user's alone.
+  if (sys::MakeDir(path)) return true;
+  const DWORD error = ::GetLastError();
+  if (error == ERROR_ALREADY_EXISTS) {
+    const DWORD attributes = sys::Attributes(path);
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+      return true;
+    }
+  }
+  ec = std::error_code(static_cast<int>(error), std::system_category());
+  return false;
+}
+
+std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
+                                            std::error_code& ec) {
+  ec.clear();
+  // MinGW's remove_all is no use here: its symlink_status follows links (there is no lstat),
+  // so it would take a junction for a directory and empty what it leads to.
+  const DWORD attributes = sys::Attributes(path);
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+      ec = std::error_code(static_cast<int>(error), std::system_category());
+    }
+    return 0;
+  }
+  std::uintmax_t count = 0;
+  const bool link = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  if (RemovalRefused(path.filename().c_str())) {
+    ec = std::make_error_code(std::errc::permission_denied);
+    return 0;
+  }
+  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    // A file, or a link to one: DeleteFileW removes a link itself.
+    std::error_code removed;
+    if (TqUSysFile::RemoveFile(path, removed)) ++count;
+    if (removed) ec = removed;
+    return count;
+  }
+  if (!link) {
+    std::vector<std::filesystem::path> names;
+    WIN32_FIND_DATAW data;
+    // Closed before the entries go (a directory being listed cannot be removed), and however
+    // the listing ends.
+    if (const FindHandle find = sys::FindFirst(path, &data, 0)) {
+      do {
+        if (std::wcscmp(data.cFileName, L".") != 0 && std::wcscmp(data.cFileName, L"..") != 0) {
+          names.push_back(path / data.cFileName);
+        }
+      } while (::FindNextFileW(find.get(), &data));
+    }
+    for (const std::filesystem::path& name : names) {
+      std::error_code inner;
+      count += RemoveTree(name, inner);
+      if (inner && !ec) ec = inner;
+    }
+  }
+  // A directory junction or link goes as itself, whatever lies behind it.
+  if (sys::RemoveDir(path)) {
+    ++count;
+  } else if (!ec) {
+    ec = LastError();
+  }
+  return count;
+}
+
+bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
+  ec.clear();
+  if (RemovalRefused(name)) {
+    ec = std::make_error_code(std::errc::permission_denied);
+    return false;
+  }
+  if (TqUSysFileFaults::Fails("remove")) {
+    ec = LastFileError();
+    return false;
+  }
+  const std::filesystem::path path = m_path / name;
+  if (sys::Delete(path)) return true;
+  const DWORD error = ::GetLastError();
+  if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return false;
+  if (error == ERROR_ACCESS_DENIED && DeleteReadOnly(path)) return true;
+  ec = std::error_code(static_cast<int>(error), std::system_category());
+  return false;
+}
+
+#endif
