@@ -40,11 +40,6 @@ struct TqUSysFileHandleTag {
 #endif
 };
 
-// Kept out of the shared library's symbols: only tqutil's own files call these.
-#if !defined(_WIN32)
-#pragma GCC visibility push(hidden)
-#endif
-
 namespace qv::sys_file {
 
 // Whether `h` is a live handle: a null, closed or foreign one is refused instead of followed.
@@ -186,7 +181,3 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
 #endif
 
 }  // namespace qv::sys_file
-
-#if !defined(_WIN32)
-#pragma GCC visibility pop
-#endif
