@@ -110,7 +110,9 @@ int OpenBench(unsigned long iterations) {
       const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
       if (fd < 0) return std::fprintf(stderr, "direct open failed\n"), -1.0;
       ssize_t n;
-      while ((n = ::read(fd, buffer.data(), buffer.size())) > 0) check += static_cast<std::uint64_t>(n);
+      while ((n = ::read(fd, buffer.data(), buffer.size())) > 0) {
+        check += static_cast<std::uint64_t>(n);
+      }
       ::close(fd);
     }
     return Seconds(start) / static_cast<double>(iterations) * 1e6;
@@ -123,16 +125,18 @@ int OpenBench(unsigned long iterations) {
     return 1;
   }
   const double ratio = ours.Median() / direct.Median();
-  std::printf("open   fresh 4 KiB entry, %d runs of %lu: DiskCache::OpenUrl %s, open+read+close %s, "
-              "ratio of medians %.2f (goal <= 1.5); with the last-used time rewritten on every "
-              "open %s, ratio %.2f  [%llu bytes]\n",
-              runs, iterations, tq::bench::Spread(ours, "%.2f", "us").c_str(),
-              tq::bench::Spread(direct, "%.2f", "us").c_str(), ratio,
-              tq::bench::Spread(recording, "%.2f", "us").c_str(),
-              recording.Median() / direct2.Median(), static_cast<unsigned long long>(check));
-  tq::bench::Report("DiskCache::OpenUrl + read of a fresh 4 KiB entry vs open+read+close of its file",
-                    tq::bench::Spread(ours, "%.2f", "us"), tq::bench::Spread(direct, "%.2f", "us"),
-                    ratio, "<= 1.5 (time ratio)", ratio <= 1.5);
+  std::printf(
+      "open   fresh 4 KiB entry, %d runs of %lu: DiskCache::OpenUrl %s, "
+      "open+read+close %s, ratio of medians %.2f (goal <= 1.5); with the last-used time "
+      "rewritten on every open %s, ratio %.2f  [%llu bytes]\n",
+      runs, iterations, tq::bench::Spread(ours, "%.2f", "us").c_str(),
+      tq::bench::Spread(direct, "%.2f", "us").c_str(), ratio,
+      tq::bench::Spread(recording, "%.2f", "us").c_str(), recording.Median() / direct2.Median(),
+      static_cast<unsigned long long>(check));
+  tq::bench::Report(
+      "DiskCache::OpenUrl + read of a fresh 4 KiB entry vs open+read+close of its file",
+      tq::bench::Spread(ours, "%.2f", "us"), tq::bench::Spread(direct, "%.2f", "us"), ratio,
+      "<= 1.5 (time ratio)", ratio <= 1.5);
   return 0;
 }
 

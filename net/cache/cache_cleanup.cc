@@ -210,31 +210,9 @@ std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, const Listi
   return candidates;
 }
 
-}  // namespace
-
-bool DiskCache::CleanUp() {
-  // Runs on a thread of its own; dropping the future waits for it. An exception of the run
-  // stays in the dropped future: the host's call always succeeds.
-  try {
-    (void)std::async(std::launch::async, [this] { EnforceSizeLimit(); });
-  } catch (const std::exception&) {
-    // No thread to be had (system_error), or no memory for the task's state (bad_alloc): trim
-    // on the caller's thread instead of not at all.
-    try {
-      EnforceSizeLimit();
-    } catch (const std::exception&) {
-    }
-  }
-  return true;
-}
-
-void DiskCache::EnforceSizeLimit() {
-  // One pass over the directory measures it and remembers each file's name and size, so that
-  // the steps below need no second look at it (large directories are the slow case).
-  const TqUSysDirectory directory(m_directory);
-  if (directory.Error()) {
-    throw fs::filesystem_error("directory iterator", m_directory, directory.Error());
-  }
+// Every regular file of the directory with its size, in one pass over the directory, so that
+// the steps after it need no second look at it (large directories are the slow case).
+Listing ListFiles(const TqUSysDirectory& directory, const fs::path& path) {
   Listing listing;
   const std::error_code listed = directory.List(
       [&listing](const TqUSysDirectory::Item& item) {
@@ -244,7 +222,7 @@ void DiskCache::EnforceSizeLimit() {
         listing.names.push_back(TqUSysDirectory::Char{});
       },
       false);
-  if (listed) throw fs::filesystem_error("directory iterator", m_directory, listed);
+  if (listed) throw fs::filesystem_error("directory iterator", path, listed);
   // The sizes the listing did not carry, read side by side (one stat each on POSIX).
   RunInParallel(listing.files.size(), kReadsPerThread, [&](std::size_t i) {
     Listing::File& file = listing.files[i];
@@ -254,23 +232,24 @@ void DiskCache::EnforceSizeLimit() {
     // A file whose size cannot be read (gone meanwhile) counts as empty.
     if (file.size > 0) listing.total += static_cast<std::uint64_t>(file.size);
   }
+  return listing;
+}
 
+// The configured limit in bytes. A negative value wraps to a limit near 2^64: nothing is ever
+// deleted.
+std::uint64_t SizeLimit() {
   const std::int32_t megabytes = TqUOption::GetInt32("general.localcache.max_size");
-  // A negative value wraps to a limit near 2^64: nothing is ever deleted.
-  const auto limit = static_cast<std::uint64_t>(static_cast<std::int64_t>(megabytes) * 1048576);
-  const auto target = static_cast<std::uint64_t>(static_cast<double>(limit) * kTargetFraction);
-  if (listing.total <= limit) return;
+  return static_cast<std::uint64_t>(static_cast<std::int64_t>(megabytes) * 1048576);
+}
 
-  const std::int64_t now = TqUSysTime::GetTimeNow();
-  std::vector<Candidate> candidates = ListEntries(directory, listing);
-  std::uint64_t& total = listing.total;
-  std::sort(candidates.begin(), candidates.end(),
-            [](const Candidate& a, const Candidate& b) { return a.last_used < b.last_used; });
-
-  // The victims are chosen in the run's order as if every removal succeeds, just enough of them
-  // to reach the target, and removed all at once. Removals that failed leave their bytes in the
-  // total, and the choosing goes on in the same order until the target is reached or nothing
-  // is left: the files that go are the same as if they went one by one.
+// Deletes candidates in the run's order until `total` is below `target` or none is left.
+// The victims are chosen in that order as if every removal succeeds, just enough of them to
+// reach the target, and removed all at once. Removals that failed leave their bytes in the
+// total, and the choosing goes on in the same order until the target is reached or nothing is
+// left: the files that go are the same as if they went one by one.
+void RemoveOldest(const TqUSysDirectory& directory, const Listing& listing,
+                  const std::vector<Candidate>& candidates, std::int64_t now, std::uint64_t total,
+                  std::uint64_t target) {
   VisitOrder order(candidates, now);
   std::vector<std::size_t> victims;
   std::vector<unsigned char> removed;
@@ -292,6 +271,40 @@ void DiskCache::EnforceSizeLimit() {
       if (removed[i]) Subtract(total, candidates[victims[i]].size);
     }
   }
+}
+
+}  // namespace
+
+bool DiskCache::CleanUp() {
+  // Runs on a thread of its own; dropping the future waits for it. An exception of the run
+  // stays in the dropped future: the host's call always succeeds.
+  try {
+    (void)std::async(std::launch::async, [this] { EnforceSizeLimit(); });
+  } catch (const std::exception&) {
+    // No thread to be had (system_error), or no memory for the task's state (bad_alloc): trim
+    // on the caller's thread instead of not at all.
+    try {
+      EnforceSizeLimit();
+    } catch (const std::exception&) {
+    }
+  }
+  return true;
+}
+
+void DiskCache::EnforceSizeLimit() {
+  const TqUSysDirectory directory(m_directory);
+  if (directory.Error()) {
+    throw fs::filesystem_error("directory iterator", m_directory, directory.Error());
+  }
+  const Listing listing = ListFiles(directory, m_directory);
+  const std::uint64_t limit = SizeLimit();
+  if (listing.total <= limit) return;
+  const auto target = static_cast<std::uint64_t>(static_cast<double>(limit) * kTargetFraction);
+  const std::int64_t now = TqUSysTime::GetTimeNow();
+  std::vector<Candidate> candidates = ListEntries(directory, listing);
+  std::sort(candidates.begin(), candidates.end(),
+            [](const Candidate& a, const Candidate& b) { return a.last_used < b.last_used; });
+  RemoveOldest(directory, listing, candidates, now, listing.total, target);
 }
 
 }  // namespace qv::net

@@ -158,7 +158,8 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
 }
 
 // The header size that `etag`, `key` and the flags' extension need, which may exceed what the
-// header size field holds. An over-long tag or key throws the narrowing error of its own length field.
+// header size field holds. An over-long tag or key throws the narrowing error of its own length
+// field.
 std::size_t HeaderSizeOf(const std::string& etag, const std::string& key, std::uint8_t flags) {
   const auto tag_length = gsl::narrow<std::uint16_t>(etag.size());
   const auto key_length = gsl::narrow<std::uint16_t>(key.size());

@@ -22,7 +22,8 @@ struct EntryFileCloser {
 }  // namespace detail
 
 // An open entry file, closed when it goes.
-using EntryFile = std::unique_ptr<std::remove_pointer_t<TqUSysFile::Handle>, detail::EntryFileCloser>;
+using EntryFile =
+    std::unique_ptr<std::remove_pointer_t<TqUSysFile::Handle>, detail::EntryFileCloser>;
 
 // A file found in the cache directory did not hold an entry and has been deleted.
 class invalid_cache_header : public std::runtime_error {

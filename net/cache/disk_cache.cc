@@ -203,81 +203,115 @@ RefreshResult ReadUnstoredBody(HttpReadStream& response, const std::wstring& url
   return {std::move(memory), RefreshCode::DropEntry};
 }
 
-RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
+// With ServeStaleOnError, a stored body that the server cannot confirm or replace right now is
+// served as it is, and kept as it was, when it was marked as allowed to be.
+class StaleFallback {
+ public:
+  StaleFallback(CacheLookup& lookup, const qv::stop_token& stop) : m_lookup(lookup), m_stop(stop) {
+    const CacheEntry& entry = *lookup.m_entry;
+    if ((lookup.m_flags & IUrlCache::ServeStaleOnError) != 0 && entry.StaleAllowed() &&
+        entry.IsValid()) {
+      m_kept = entry;
+    }
+  }
+
+  // Whether the stored body may stand in for an answer now; never once a stop was asked for.
+  bool Usable() const { return m_kept && !m_stop.stop_requested(); }
+
+  // The entry as it was before the exchange, served for `reason`.
+  RefreshResult Serve(std::string_view reason) {
+    *m_lookup.m_entry = *m_kept;
+    detail::LogServingStale(m_lookup.m_url, reason);
+    return {nullptr, RefreshCode::UseEntry};
+  }
+
+ private:
+  CacheLookup& m_lookup;
+  const qv::stop_token& m_stop;
+  std::optional<CacheEntry> m_kept;
+};
+
+// Asks for the body only when it differs from the stored one, when the entry has a tag to send.
+void AskForChangedBodyOnly(HttpRequest& request, const CacheEntry& entry) {
+  if (const std::optional<std::string_view> validator = Validator(entry.ETag())) {
+    request.AddHeader(L"If-None-Match", qv::Utf8ToWide(*validator).c_str());
+  }
+}
+
+// Takes the tag of an answer with a body; true when the body is to be stored anew.
+bool TakeTag(CacheEntry& entry, const std::optional<std::string>& tag) {
+  if (tag && !Validator(*tag)) {
+    // A tag that could never be sent back is no validator: the entry keeps none, and like a
+    // response without a tag this one is stored anew.
+    entry.UpdateETag(std::string());
+    return true;
+  }
+  return entry.UpdateETag(tag);
+}
+
+// An answer with a body: the entry takes its lifetime and tag, and its body when that changed.
+RefreshResult TakeBody(CacheLookup& lookup, HttpReadStream& response, StaleFallback& stale,
+                       const qv::stop_token& stop) {
   CacheEntry& entry = *lookup.m_entry;
+  const Freshness freshness = FreshnessOf(response, lookup.m_now);
+  entry.SetExpiry(ExpiryFor(lookup.m_flags, freshness));
+  const bool changed = TakeTag(entry, response.ETag());
+  const bool stale_serving_changed = SetStaleServingRule(entry, response, lookup.m_flags, changed);
+  if (freshness.no_store) return ReadUnstoredBody(response, lookup.m_url, stop);
+  if (changed) {
+    if (entry.Store(response, stop, lookup.m_now)) return {nullptr, RefreshCode::UseEntry};
+    if (stale.Usable()) return stale.Serve("the new body could not be stored");
+    return {nullptr, RefreshCode::DropEntry};
+  }
+  // Same tag as stored: the body is not read and the stored one is served.
+  if (stale_serving_changed) RewriteHeader(entry, stop, lookup.m_now);
+  return {nullptr, RefreshCode::UseEntry};
+}
+
+// An answer without a body: a confirmation of the stored one (304) renews its lifetime; any
+// other drops the entry, or serves it stale when the server failed.
+RefreshResult TakeNoBody(CacheLookup& lookup, const HttpReadStream& response, StaleFallback& stale,
+                         const qv::stop_token& stop) {
+  const auto status = static_cast<int>(response.QueryStatusCode());
+  if (status != static_cast<int>(HttpStatus::NotModified)) {
+    if (stale.Usable() && detail::IsServerFailure(status)) {
+      return stale.Serve(status == 0 ? std::string("no answer from the server")
+                                     : "the server answered " + std::to_string(status));
+    }
+    return {nullptr, RefreshCode::DropEntry};
+  }
+  CacheEntry& entry = *lookup.m_entry;
+  entry.SetExpiry(ExpiryFor(lookup.m_flags, FreshnessOf(response, lookup.m_now)));
+  if (SetStaleServingRule(entry, response, lookup.m_flags, false)) {
+    RewriteHeader(entry, stop, lookup.m_now);
+  }
+  return {nullptr, RefreshCode::UseEntry};
+}
+
+RefreshResult RefreshFromHttp(CacheLookup& lookup, const qv::stop_token& stop) {
   // The request names exactly what the entry is kept under: the key is the normalised URL
   // (case of scheme and host, percent-encodings, dot segments), so the request is built from
   // that same normalisation, keeping the query the key leaves out. An answer for one spelling
   // of a path is then never stored under another spelling's key, whatever the transport would
   // have made of the spelling as written.
   HttpRequest request(TqUURL(lookup.m_url.c_str(), true), HttpMethod::Get);
-  if (const std::optional<std::string_view> validator = Validator(entry.ETag())) {
-    request.AddHeader(L"If-None-Match", qv::Utf8ToWide(*validator).c_str());
-  }
-  // With ServeStaleOnError, a stored body that the server cannot confirm or replace right now
-  // is served as it is, and kept as it was, when it was marked as allowed to be.
-  const bool may_serve_stale = (lookup.m_flags & IUrlCache::ServeStaleOnError) != 0 &&
-                               entry.StaleAllowed() && entry.IsValid();
-  std::optional<CacheEntry> kept;
-  if (may_serve_stale) kept = entry;
-  auto serve_stale = [&](std::string_view reason) -> RefreshResult {
-    entry = *kept;
-    detail::LogServingStale(lookup.m_url, reason);
-    return {nullptr, RefreshCode::UseEntry};
-  };
+  AskForChangedBodyOnly(request, *lookup.m_entry);
+  StaleFallback stale(lookup, stop);
   std::unique_ptr<HttpReadStream> response;
   try {
     response = HttpReadStream::Open(request, stop);
   } catch (const http_exception& e) {
-    if (!may_serve_stale || stop.stop_requested()) throw;
+    if (!stale.Usable()) throw;
     std::string_view text = e.what();
     while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    return serve_stale(text);
+    return stale.Serve(text);
   }
   if (!response->IsOpen()) {
-    if (may_serve_stale && !stop.stop_requested()) return serve_stale("no request could be made");
-    return {nullptr, entry.IsValid() ? RefreshCode::UseEntry : RefreshCode::Nothing};
+    if (stale.Usable()) return stale.Serve("no request could be made");
+    return {nullptr, lookup.m_entry->IsValid() ? RefreshCode::UseEntry : RefreshCode::Nothing};
   }
-  if (response->Succeeded()) {
-    const Freshness freshness = FreshnessOf(*response, lookup.m_now);
-    entry.SetExpiry(ExpiryFor(lookup.m_flags, freshness));
-    const std::optional<std::string> tag = response->ETag();
-    bool changed;
-    if (tag && !Validator(*tag)) {
-      // A tag that could never be sent back is no validator: the entry keeps none, and like a
-      // response without a tag this one is stored anew.
-      entry.UpdateETag(std::string());
-      changed = true;
-    } else {
-      changed = entry.UpdateETag(tag);
-    }
-    const bool stale_serving_changed =
-        SetStaleServingRule(entry, *response, lookup.m_flags, changed);
-    if (freshness.no_store) return ReadUnstoredBody(*response, lookup.m_url, stop);
-    if (changed) {
-      if (entry.Store(*response, stop, lookup.m_now)) return {nullptr, RefreshCode::UseEntry};
-      if (may_serve_stale && !stop.stop_requested()) {
-        return serve_stale("the new body could not be stored");
-      }
-      return {nullptr, RefreshCode::DropEntry};
-    }
-    // Same tag as stored: the body is not read and the stored one is served.
-    if (stale_serving_changed) RewriteHeader(entry, stop, lookup.m_now);
-    return {nullptr, RefreshCode::UseEntry};
-  }
-  const auto status = static_cast<int>(response->QueryStatusCode());
-  if (status != static_cast<int>(HttpStatus::NotModified)) {
-    if (may_serve_stale && !stop.stop_requested() && detail::IsServerFailure(status)) {
-      return serve_stale(status == 0 ? std::string("no answer from the server")
-                                     : "the server answered " + std::to_string(status));
-    }
-    return {nullptr, RefreshCode::DropEntry};
-  }
-  entry.SetExpiry(ExpiryFor(lookup.m_flags, FreshnessOf(*response, lookup.m_now)));
-  if (SetStaleServingRule(entry, *response, lookup.m_flags, false)) {
-    RewriteHeader(entry, stop, lookup.m_now);
-  }
-  return {nullptr, RefreshCode::UseEntry};
+  if (response->Succeeded()) return TakeBody(lookup, *response, stale, stop);
+  return TakeNoBody(lookup, *response, stale, stop);
 }
 
 RefreshResult RefreshFromSource(CacheLookup& lookup, const qv::stop_token& stop) {

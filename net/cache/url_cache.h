@@ -18,9 +18,9 @@ class TQNET_EXPORT IUrlCache {
   static constexpr int NeverExpire = 1;
   /// Open flag: when a stale entry cannot be revalidated because the server cannot be reached,
   /// answers 500, 502, 503 or 504, or sends a new body that cannot be stored whole, the stored
-  /// body is served and kept (one log line says so). Only entries stored or revalidated by an open with this flag qualify, and only when
-  /// that response did not say "must-revalidate" or "no-cache"; opens without it store entries
-  /// exactly as before.
+  /// body is served and kept (one log line says so). Only entries stored or revalidated by an
+  /// open with this flag qualify, and only when that response did not say "must-revalidate" or
+  /// "no-cache"; opens without it store entries exactly as before.
   static constexpr int ServeStaleOnError = 2;
 
   virtual ~IUrlCache();
