@@ -161,7 +161,7 @@ void Request::Describe(const Settings& settings, std::vector<std::string> header
                        std::string body, TransferRequest* out) {
   // Assigned, not made anew: the text reuses the room the last request's had.
   out->url.assign(connection_->Origin((flags_ & INTERNET_FLAG_SECURE) != 0)).append(path_);
-  out->request_target.assign(asterisk_ ? 1 : 0, '*');
+  out->request_target = asterisk_ ? "*" : "";
   out->method = verb_;
   out->body = std::move(body);
   DescribeHeaderLines(std::move(header_lines), &out->header_lines);
