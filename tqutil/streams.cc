@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -60,8 +61,19 @@ std::uint64_t MemoryStream::Write(const void* buffer, std::uint64_t size) {
     throw std::runtime_error("MemoryStream::Write: too large");
   }
   const auto* p = static_cast<const std::uint8_t*>(buffer);
+  const std::less<const std::uint8_t*> before;
+  const bool own_bytes = !before(p, bytes.data()) && before(p, bytes.data() + bytes.size());
   try {
-    bytes.insert(bytes.end(), p, p + size);
+    if (own_bytes) {
+      // Bytes of the stream itself (a copy between streams over one sink): insert may not take
+      // a range of the vector it grows, so they are copied once the room is there.
+      const auto from = static_cast<std::size_t>(p - bytes.data());
+      const std::size_t old_size = bytes.size();
+      bytes.resize(old_size + static_cast<std::size_t>(size));
+      std::memmove(bytes.data() + old_size, bytes.data() + from, static_cast<std::size_t>(size));
+    } else {
+      bytes.insert(bytes.end(), p, p + size);
+    }
   } catch (const std::bad_alloc&) {
     throw std::runtime_error("MemoryStream::Write: out of memory");
   }

@@ -508,6 +508,9 @@ TEST(MemoryStreamTest, StreamsOverOneSinkKeepTheirOwnPositions) {
   EXPECT_EQ(ReadAll(second, 1), "efgh");
   EXPECT_THROW(second.RSeek(-1, StreamPosition::Begin), std::runtime_error);
   EXPECT_EQ(second.RTell(), 8u) << "a refused seek leaves the position";
+  second.Sink()->bytes.shrink_to_fit();  // the write below moves the bytes it copies
+  EXPECT_EQ(second.Write(second.Sink()->bytes.data() + 2, 4), 4u);
+  EXPECT_EQ(ReadAll(second, 3), "cdef");
 }
 
 // The file URL of an absolute path.
