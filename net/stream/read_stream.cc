@@ -93,6 +93,9 @@ std::optional<std::uint64_t> ParseContentLength(const std::optional<std::wstring
 }
 
 std::optional<std::uint64_t> QueryContentSize(IHttpApi& api, void* request) {
+  // A transfer coding frames the body and overrides a Content-Length sent beside it: that
+  // number is not the body's size.
+  if (api.QueryHeader(request, std::wstring(L"Transfer-Encoding"), nullptr)) return std::nullopt;
   if (auto number = api.QueryHeaderNumeric(request, HttpHeader::ContentLength, nullptr)) {
     return std::uint64_t{*number};
   }

@@ -61,7 +61,8 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   /// Releases the request handle now rather than with the stream. A later Read of a successful
   /// response asks the transport with no request, which fails: it throws as any failed read.
   void Close();
-  /// The body size from Content-Length; empty when the response gave none.
+  /// The body size from Content-Length; empty when the response gave none, or framed its body
+  /// with a transfer coding (which overrides a Content-Length beside it).
   std::optional<std::uint64_t> ContentSize() const;
   /// The response's entity tag in UTF-8, quotes included; empty when none.
   std::optional<std::string> ETag() const;

@@ -82,6 +82,12 @@ class CopyBuffer {
   std::size_t m_used = 0;
 };
 
+// A read counting more bytes than it was asked for has not placed them all in the buffer given
+// (past it would be past the copy's memory): a broken source, not a body.
+void CheckReadCount(std::uint64_t n, std::uint64_t asked) {
+  if (n > asked) throw std::runtime_error("a read returned more bytes than were asked for");
+}
+
 // What a copy into a file reads at a time: small enough to stay in the processor's cache
 // between the read and the write, large enough that system calls do not dominate.
 constexpr std::uint64_t kFileCopyPiece = 256 * 1024;
@@ -120,8 +126,7 @@ class ReservedRoom {
   std::uint8_t* Next() { return m_bytes.data() + m_filled; }
   // A read of `n` bytes into Next(), asked for at most `asked`.
   void Filled(std::uint64_t n, std::uint64_t asked) {
-    // Past the room would be past the sink's bytes: a broken source, not a body.
-    if (n > asked) throw std::runtime_error("a read returned more bytes than were asked for");
+    CheckReadCount(n, asked);
     m_filled += static_cast<std::size_t>(n);
   }
 
@@ -201,8 +206,10 @@ void CopyThroughBuffer(qv::io::IDataReadStream& source, qv::io::IDataWriteStream
   std::uint64_t region = 0;                   // where in the buffer the next read goes
   for (;;) {
     std::uint8_t* const next = buffer.get() + region;
-    const std::uint64_t n = left == 0 ? 0 : source.Read(next, std::min(piece, left));
-    left -= std::min(n, left);
+    const std::uint64_t asked = std::min(piece, left);
+    const std::uint64_t n = asked == 0 ? 0 : source.Read(next, asked);
+    CheckReadCount(n, asked);
+    left -= n;
     if (n != 0) {
       buffer.Used(region + n);
       if (!writer && into_file && result.bytes_copied + n > kCopyChunkSize) {

@@ -175,6 +175,55 @@ TEST_F(CopyIntoFileTest, EveryByteLandsInPlaceTheNextReadOverlapsTheWriteAndStop
   EXPECT_EQ(PositionSource::dirty_starts, 0);
 }
 
+// Claims one byte more than it was asked for on its read `at` (counting from 1).
+class ClaimingSource : public qv::io::IDataReadStream {
+ public:
+  ClaimingSource(PositionSource& inner, int at) : m_inner(inner), m_at(at) {}
+  std::uint64_t Read(void* buffer, std::uint64_t size) override {
+    if (++m_reads == m_at) before_claim = m_inner.Position();
+    const std::uint64_t n = m_inner.Read(buffer, size);
+    return m_reads == m_at ? size + 1 : n;
+  }
+  std::uint64_t before_claim = 0;  // the source's position when the claiming read began
+
+ private:
+  PositionSource& m_inner;
+  int m_at;
+  int m_reads = 0;
+};
+
+// Regression: a read claiming more than it was asked for was handed on whole when the copy went
+// through its buffer (into a file, or into memory without room reserved): the target got bytes
+// from past the read (in memory, past the buffer's end). It now fails as in reserved room, with
+// only the bytes of the reads before it written.
+TEST_F(CopyIntoFileTest, AReadClaimingMoreThanAskedEndsACopyThroughTheBuffer) {
+  const std::string kLine = "Failed to read or write stream in CopyStream: a read returned "
+                            "more bytes than were asked for\n";
+  for (const int at : {1, 2, 40, 41}) {
+    SCOPED_TRACE(at);
+    m_log.Clear();
+    PositionSource source(8 * C, C);
+    ClaimingSource claiming(source, at);
+    std::optional<HookedFile> target(std::in_place, Target());
+    const CopyStreamResult result = CopyStream(claiming, *target, {});
+    target.reset();
+    EXPECT_FALSE(result.completed);
+    EXPECT_EQ(result.bytes_copied, claiming.before_claim);
+    EXPECT_EQ(claiming.before_claim > C, at >= 40) << "later claims come with the writer thread";
+    EXPECT_TRUE(FileHoldsPositions(Target(), result.bytes_copied));
+    EXPECT_EQ(m_log.Text(), kLine);
+  }
+  m_log.Clear();
+  PositionSource source(2 * C, C);
+  ClaimingSource claiming(source, 2);
+  qv::io::MemoryStream target;  // no room reserved: through the buffer, a chunk at a time
+  const CopyStreamResult result = CopyStream(claiming, target, {});
+  EXPECT_FALSE(result.completed);
+  EXPECT_EQ(result.bytes_copied, claiming.before_claim);
+  EXPECT_EQ(target.Size(), claiming.before_claim);
+  EXPECT_EQ(m_log.Text(), kLine);
+}
+
 // A memory stream counting the writes made through it, failing one that would pass `most` bytes.
 class WrittenMemory : public qv::io::MemoryStream {
  public:
