@@ -438,6 +438,25 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   EXPECT_EQ(server_.request_count(), asked + 31);
 }
 
+// One information object asked about two files in turn: what the second answer does not name is
+// not taken over from the first, neither by the caller nor by the protocol's cache.
+TEST_F(HttpFileProtocolTest, InformationOfOneUrlNeverKeepsWhatAnotherUrlsAnswerNamed) {
+  server_.Route("/full", FullAnswer());
+  server_.Route("/size", ScriptedResponse(200, "abcd"));
+  TqUFileInfo info;
+  ASSERT_TRUE(Info("/full", &info));
+  ASSERT_TRUE(Info("/size", &info));
+  TqUFileInfo cached;
+  ASSERT_TRUE(Info("/size", &cached));
+  for (const TqUFileInfo* i : {&info, &cached}) {
+    EXPECT_EQ(i->GetFileSize(), 4u);
+    EXPECT_FALSE(i->GetFileRevisionId().has_value());
+    EXPECT_FALSE(i->GetFileModificationTime().has_value());
+  }
+  EXPECT_EQ(server_.request_count(), 2u);
+  EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
 TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumerationEndsTheCall) {
   server_.Route("/f", [](const RecordedRequest& r) {
     return r.Header("Authorization") == "Basic YWxpY2U6czNjcmV0"
