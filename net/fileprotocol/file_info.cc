@@ -175,7 +175,10 @@ bool HttpFileProtocol::GetFileInfo(const wchar_t* url, TqUFileInfo* info) {
     return false;
   }
 
-  InfoCall call(url, info, request, connection.Get());
+  // Gathered afresh: what the caller's object held before (another file's tag, say) must
+  // neither come back as this file's nor be kept for it.
+  TqUFileInfo found;
+  InfoCall call(url, &found, request, connection.Get());
   int open_timeouts = 0;
   do {
     detail::InternetHandle handle;
@@ -193,7 +196,8 @@ bool HttpFileProtocol::GetFileInfo(const wchar_t* url, TqUFileInfo* info) {
   } while (call.OpenAgain());
 
   if (!call.Found()) return false;
-  m_file_info_cache.Add(url, *info);
+  m_file_info_cache.Add(url, found);
+  *info = found;
   return true;
 }
 

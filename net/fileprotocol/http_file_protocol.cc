@@ -2,6 +2,7 @@
 
 #include <cwchar>
 #include <memory>
+#include <utility>
 
 #include "net/fileprotocol/protocol_internal.h"
 
@@ -9,6 +10,9 @@ namespace qv::net {
 namespace {
 
 constexpr const wchar_t* kDefaultUserAgent = qv::kUserAgentWide;
+
+// The object Initialise registered, until Terminate (start-up and shut-down only: not locked).
+HttpFileProtocol* g_protocol = nullptr;
 
 // A buffer of 4,096 characters, of which the query is given 4,095 (the terminator included).
 // WinINet counts the length in bytes, sizeof(wchar_t) of them a character, so the count in
@@ -107,19 +111,32 @@ void HttpFileProtocol::Initialise() {
   if (!detail::FileProtocolComponent().Initialise(L"HttpFileProtocol")) return;
   TqUFileProtocolRegistry::Initialise();
   auto* protocol = new HttpFileProtocol();
-  TqUFileProtocolRegistry::Get()->Register(L"http", protocol);
-  TqUFileProtocolRegistry::Get()->Register(L"https", protocol);
+  const bool http = TqUFileProtocolRegistry::Get()->Register(L"http", protocol);
+  const bool https = TqUFileProtocolRegistry::Get()->Register(L"https", protocol);
+  // A scheme the host registered a protocol under first keeps it; an object that got neither
+  // scheme could never be reached.
+  if (http || https) {
+    g_protocol = protocol;
+  } else {
+    delete protocol;
+  }
   m_pre_http_authentication_func = &DefaultPreHTTPAuthentication;
 }
 
 void HttpFileProtocol::Terminate() {
   if (!detail::FileProtocolComponent().Terminate()) return;
-  // Registered twice, deleted once: through the second registration.
+  // Registered twice, deleted once. Only this protocol's own registrations are taken out: what
+  // the registry holds under a scheme the host had taken is the host's, to keep and to delete.
+  HttpFileProtocol* protocol = std::exchange(g_protocol, nullptr);
   TqUFileProtocolRegistry* registry = TqUFileProtocolRegistry::Get();
-  if (registry != nullptr) {
-    registry->Unregister(L"http");
-    delete registry->Unregister(L"https");
+  bool registered = false;
+  for (const wchar_t* scheme : {L"http", L"https"}) {
+    if (protocol != nullptr && registry != nullptr && registry->Lookup(scheme) == protocol) {
+      registry->Unregister(scheme);
+      registered = true;
+    }
   }
+  if (registered) delete protocol;
   TqUFileProtocolRegistry::Terminate();
 }
 

@@ -83,12 +83,13 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   /// As SetUserAgentW, from UTF-8 text.
   void SetUserAgentU(const char* agent);
 
-  /// Registers one protocol object under "http" and "https" and installs
-  /// DefaultPreHTTPAuthentication as the hook (replacing one set before); only the call that
-  /// really initialises the component does the work. Terminate undoes it. Start-up and shut-down
-  /// only.
+  /// Registers one protocol object under "http" and "https" (a scheme the host registered a
+  /// protocol under first keeps it) and installs DefaultPreHTTPAuthentication as the hook
+  /// (replacing one set before); only the call that really initialises the component does the
+  /// work. Terminate undoes it. Start-up and shut-down only.
   static void Initialise();
-  /// Unregisters and deletes the protocol object; only the matching last call does it.
+  /// Unregisters and deletes the protocol object, leaving the host's registrations alone; only
+  /// the matching last call does it.
   static void Terminate();
   /// The protocol object is registered.
   static bool IsInitialised();

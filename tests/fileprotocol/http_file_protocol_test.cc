@@ -438,6 +438,25 @@ TEST_F(HttpFileProtocolTest, InformationComesFromHeadOrAfter405FromGetAndSurvive
   EXPECT_EQ(server_.request_count(), asked + 31);
 }
 
+// One information object asked about two files in turn: what the second answer does not name is
+// not taken over from the first, neither by the caller nor by the protocol's cache.
+TEST_F(HttpFileProtocolTest, InformationOfOneUrlNeverKeepsWhatAnotherUrlsAnswerNamed) {
+  server_.Route("/full", FullAnswer());
+  server_.Route("/size", ScriptedResponse(200, "abcd"));
+  TqUFileInfo info;
+  ASSERT_TRUE(Info("/full", &info));
+  ASSERT_TRUE(Info("/size", &info));
+  TqUFileInfo cached;
+  ASSERT_TRUE(Info("/size", &cached));
+  for (const TqUFileInfo* i : {&info, &cached}) {
+    EXPECT_EQ(i->GetFileSize(), 4u);
+    EXPECT_FALSE(i->GetFileRevisionId().has_value());
+    EXPECT_FALSE(i->GetFileModificationTime().has_value());
+  }
+  EXPECT_EQ(server_.request_count(), 2u);
+  EXPECT_THAT(TakeLog(), IsEmpty());
+}
+
 TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumerationEndsTheCall) {
   server_.Route("/f", [](const RecordedRequest& r) {
     return r.Header("Authorization") == "Basic YWxpY2U6czNjcmV0"
@@ -514,6 +533,44 @@ TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumera
   EXPECT_EQ(HttpFileProtocol::PreHTTPAuthentication(L"http://u:p@h/f", &none),
             HttpFileProtocol::CredentialsSupplied);
   EXPECT_EQ(std::wstring(none.GetUsername()) + none.GetPassword(), L"");
+}
+
+// A scheme under which the host registered a protocol of its own before the library came up
+// keeps it: the library's object serves only the schemes it got, and shutting down takes out
+// and deletes only that object, never the host's (which the host still holds and deletes).
+TEST(HttpFileProtocolRegistration, AProtocolTheHostRegisteredFirstIsNeitherTakenOutNorDeleted) {
+  static int foreign_deleted = 0;
+  struct Foreign : TqUFileProtocol {
+    ~Foreign() override { ++foreign_deleted; }
+  };
+  const std::vector<std::vector<const wchar_t*>> taken = {{L"https"}, {L"http"},
+                                                          {L"http", L"https"}};
+  for (const auto& schemes : taken) {
+    SCOPED_TRACE(qv::WideToUtf8(schemes.front()) + " and " + std::to_string(schemes.size()));
+    foreign_deleted = 0;
+    TqUFileProtocolRegistry::Initialise();
+    TqUFileProtocolRegistry* registry = TqUFileProtocolRegistry::Get();
+    auto* foreign = new Foreign;
+    for (const wchar_t* scheme : schemes) ASSERT_TRUE(registry->Register(scheme, foreign));
+    HttpFileProtocol::Initialise();
+    const auto is_taken = [&](const wchar_t* scheme) {
+      return std::find(schemes.begin(), schemes.end(), std::wstring_view(scheme)) !=
+             schemes.end();
+    };
+    for (const wchar_t* scheme : {L"http", L"https"}) {
+      TqUFileProtocol* found = registry->Lookup(scheme);
+      EXPECT_TRUE(is_taken(scheme) ? found == foreign : found != nullptr && found != foreign);
+    }
+    HttpFileProtocol::Terminate();
+    EXPECT_EQ(foreign_deleted, 0);
+    for (const wchar_t* scheme : {L"http", L"https"}) {
+      EXPECT_EQ(registry->Lookup(scheme), is_taken(scheme) ? foreign : nullptr);
+    }
+    for (const wchar_t* scheme : schemes) registry->Unregister(scheme);
+    if (foreign_deleted == 0) delete foreign;
+    TqUFileProtocolRegistry::Terminate();
+  }
+  HttpFileProtocol::SetPreHTTPAuthenticationFunc(nullptr);
 }
 
 // Appends `C` to the resolved URL's text.
