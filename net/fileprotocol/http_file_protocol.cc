@@ -125,18 +125,18 @@ void HttpFileProtocol::Initialise() {
 
 void HttpFileProtocol::Terminate() {
   if (!detail::FileProtocolComponent().Terminate()) return;
-  // Registered twice, deleted once. Only this protocol's own registrations are taken out: what
-  // the registry holds under a scheme the host had taken is the host's, to keep and to delete.
+  // Both schemes are taken out; the object goes once although registered twice. Only the object
+  // made at start-up is deleted: one the host registered under a scheme before start-up is the
+  // host's, and deleting it here would free memory the host still holds and frees itself.
   HttpFileProtocol* protocol = std::exchange(g_protocol, nullptr);
   TqUFileProtocolRegistry* registry = TqUFileProtocolRegistry::Get();
-  bool registered = false;
-  for (const wchar_t* scheme : {L"http", L"https"}) {
-    if (protocol != nullptr && registry != nullptr && registry->Lookup(scheme) == protocol) {
-      registry->Unregister(scheme);
-      registered = true;
+  if (registry != nullptr) {
+    TqUFileProtocol* under_http = registry->Unregister(L"http");
+    TqUFileProtocol* under_https = registry->Unregister(L"https");
+    if (protocol != nullptr && (under_http == protocol || under_https == protocol)) {
+      delete protocol;
     }
   }
-  if (registered) delete protocol;
   TqUFileProtocolRegistry::Terminate();
 }
 

@@ -88,8 +88,8 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   /// (replacing one set before); only the call that really initialises the component does the
   /// work. Terminate undoes it. Start-up and shut-down only.
   static void Initialise();
-  /// Unregisters and deletes the protocol object, leaving the host's registrations alone; only
-  /// the matching last call does it.
+  /// Unregisters "http" and "https" and deletes the protocol object Initialise made (never an
+  /// object the host registered); only the matching last call does it.
   static void Terminate();
   /// The protocol object is registered.
   static bool IsInitialised();
