@@ -2,7 +2,6 @@
 
 #include <cwchar>
 #include <memory>
-#include <utility>
 
 #include "net/fileprotocol/protocol_internal.h"
 
@@ -10,9 +9,6 @@ namespace qv::net {
 namespace {
 
 constexpr const wchar_t* kDefaultUserAgent = qv::kUserAgentWide;
-
-// The object Initialise registered, until Terminate (start-up and shut-down only: not locked).
-HttpFileProtocol* g_protocol = nullptr;
 
 // A buffer of 4,096 characters, of which the query is given 4,095 (the terminator included).
 // WinINet counts the length in bytes, sizeof(wchar_t) of them a character, so the count in
@@ -111,31 +107,18 @@ void HttpFileProtocol::Initialise() {
   if (!detail::FileProtocolComponent().Initialise(L"HttpFileProtocol")) return;
   TqUFileProtocolRegistry::Initialise();
   auto* protocol = new HttpFileProtocol();
-  const bool http = TqUFileProtocolRegistry::Get()->Register(L"http", protocol);
-  const bool https = TqUFileProtocolRegistry::Get()->Register(L"https", protocol);
-  // A scheme the host registered a protocol under first keeps it; an object that got neither
-  // scheme could never be reached.
-  if (http || https) {
-    g_protocol = protocol;
-  } else {
-    delete protocol;
-  }
+  TqUFileProtocolRegistry::Get()->Register(L"http", protocol);
+  TqUFileProtocolRegistry::Get()->Register(L"https", protocol);
   m_pre_http_authentication_func = &DefaultPreHTTPAuthentication;
 }
 
 void HttpFileProtocol::Terminate() {
   if (!detail::FileProtocolComponent().Terminate()) return;
-  // Both schemes are taken out; the object goes once although registered twice. Only the object
-  // made at start-up is deleted: one the host registered under a scheme before start-up is the
-  // host's, and deleting it here would free memory the host still holds and frees itself.
-  HttpFileProtocol* protocol = std::exchange(g_protocol, nullptr);
+  // Registered twice, deleted once: through the second registration.
   TqUFileProtocolRegistry* registry = TqUFileProtocolRegistry::Get();
   if (registry != nullptr) {
-    TqUFileProtocol* under_http = registry->Unregister(L"http");
-    TqUFileProtocol* under_https = registry->Unregister(L"https");
-    if (protocol != nullptr && (under_http == protocol || under_https == protocol)) {
-      delete protocol;
-    }
+    registry->Unregister(L"http");
+    delete registry->Unregister(L"https");
   }
   TqUFileProtocolRegistry::Terminate();
 }

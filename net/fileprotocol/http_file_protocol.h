@@ -83,13 +83,14 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   /// As SetUserAgentW, from UTF-8 text.
   void SetUserAgentU(const char* agent);
 
-  /// Registers one protocol object under "http" and "https" (a scheme the host registered a
-  /// protocol under first keeps it) and installs DefaultPreHTTPAuthentication as the hook
-  /// (replacing one set before); only the call that really initialises the component does the
-  /// work. Terminate undoes it. Start-up and shut-down only.
+  /// Registers one protocol object under "http" and "https" and installs
+  /// DefaultPreHTTPAuthentication as the hook (replacing one set before); only the call that
+  /// really initialises the component does the work. Terminate undoes it. Start-up and shut-down
+  /// only.
   static void Initialise();
-  /// Unregisters "http" and "https" and deletes the protocol object Initialise made (never an
-  /// object the host registered); only the matching last call does it.
+  /// Unregisters "http" and "https" and deletes the object "https" held; only the matching last
+  /// call does it. A host that registered a protocol of its own under "https" before Initialise
+  /// keeps it registered there, and Terminate deletes it: such a host unregisters it first.
   static void Terminate();
   /// The protocol object is registered.
   static bool IsInitialised();

@@ -535,41 +535,6 @@ TEST_F(HttpFileProtocolTest, HookAnswersTheChallengeAndAnAnswerOutsideTheEnumera
   EXPECT_EQ(std::wstring(none.GetUsername()) + none.GetPassword(), L"");
 }
 
-// A scheme under which the host registered a protocol of its own before the library came up
-// keeps it: the library's object serves only the schemes it got. Shutting down takes both
-// schemes out but deletes only the library's object, never the host's (the host frees it).
-TEST(HttpFileProtocolRegistration, AProtocolTheHostRegisteredFirstIsNeverDeleted) {
-  static int foreign_deleted = 0;
-  struct Foreign : TqUFileProtocol {
-    ~Foreign() override { ++foreign_deleted; }
-  };
-  const std::vector<std::vector<const wchar_t*>> taken = {{L"https"}, {L"http"},
-                                                          {L"http", L"https"}};
-  for (const auto& schemes : taken) {
-    SCOPED_TRACE(qv::WideToUtf8(schemes.front()) + " and " + std::to_string(schemes.size()));
-    foreign_deleted = 0;
-    TqUFileProtocolRegistry::Initialise();
-    TqUFileProtocolRegistry* registry = TqUFileProtocolRegistry::Get();
-    auto* foreign = new Foreign;
-    for (const wchar_t* scheme : schemes) ASSERT_TRUE(registry->Register(scheme, foreign));
-    HttpFileProtocol::Initialise();
-    const auto is_taken = [&](const wchar_t* scheme) {
-      return std::find(schemes.begin(), schemes.end(), std::wstring_view(scheme)) !=
-             schemes.end();
-    };
-    for (const wchar_t* scheme : {L"http", L"https"}) {
-      TqUFileProtocol* found = registry->Lookup(scheme);
-      EXPECT_TRUE(is_taken(scheme) ? found == foreign : found != nullptr && found != foreign);
-    }
-    HttpFileProtocol::Terminate();
-    EXPECT_EQ(foreign_deleted, 0);
-    for (const wchar_t* scheme : {L"http", L"https"}) EXPECT_EQ(registry->Lookup(scheme), nullptr);
-    if (foreign_deleted == 0) delete foreign;
-    TqUFileProtocolRegistry::Terminate();
-  }
-  HttpFileProtocol::SetPreHTTPAuthenticationFunc(nullptr);
-}
-
 // Appends `C` to the resolved URL's text.
 template <wchar_t C>
 void Append(const TqUURL&, const TqUURL&, TqUURL& resolved) {
