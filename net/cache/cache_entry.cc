@@ -264,6 +264,16 @@ invalid_cache_header::invalid_cache_header()
     : std::runtime_error("Cache entry was invalid or corrupt. It was deleted.") {}
 
 namespace detail {
+void LogUnexpectedBodyLength(std::uint64_t expected, std::uint64_t read) {
+  TqUSysError::LogUTF8String(
+      "Failed to read expected number of bytes from HTTP stream into cache system. "
+      "Expected ");
+  TqUError::LogNat64(expected);
+  TqUSysError::LogUTF8String(" but read ");
+  TqUError::LogNat64(read);
+  TqUSysError::LogUTF8String("\n");
+}
+
 EntryFileKind KindOfEntryFile(const fs::path& path) {
   std::error_code ec;
   const EntryFileKind kind = TqUSysFile::KindOfName(path, ec);
@@ -435,7 +445,8 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
   return file.release();
 }
 
-bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now) {
+bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now,
+                       std::optional<std::uint64_t> expected_size) {
   m_last_used = now;
   fs::path temporary = m_path;
   temporary += ".tmp";
@@ -462,7 +473,9 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
     m_header_size = previous_size;
     throw;
   }
-  if (!copy.completed) {
+  const bool whole = !expected_size || *expected_size == copy.bytes_copied;
+  if (copy.completed && !whole) detail::LogUnexpectedBodyLength(*expected_size, copy.bytes_copied);
+  if (!copy.completed || !whole) {
     DeleteHeldFile(target, handle, temporary);
     m_header_size = previous_size;
     return false;

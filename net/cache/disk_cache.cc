@@ -190,13 +190,7 @@ RefreshResult ReadUnstoredBody(HttpReadStream& response, const std::wstring& url
   }
   const std::optional<std::uint64_t> expected = response.ContentSize();
   if (expected && *expected != copy.bytes_copied) {
-    TqUSysError::LogUTF8String(
-        "Failed to read expected number of bytes from HTTP stream into cache system. "
-        "Expected ");
-    TqUError::LogNat64(*expected);
-    TqUSysError::LogUTF8String(" but read ");
-    TqUError::LogNat64(copy.bytes_copied);
-    TqUSysError::LogUTF8String("\n");
+    detail::LogUnexpectedBodyLength(*expected, copy.bytes_copied);
     return {nullptr, RefreshCode::Nothing};
   }
   memory->RSeek(0, qv::io::StreamPosition::Begin);
@@ -259,7 +253,10 @@ RefreshResult TakeBody(CacheLookup& lookup, HttpReadStream& response, StaleFallb
   const bool stale_serving_changed = SetStaleServingRule(entry, response, lookup.m_flags, changed);
   if (freshness.no_store) return ReadUnstoredBody(response, lookup.m_url, stop);
   if (changed) {
-    if (entry.Store(response, stop, lookup.m_now)) return {nullptr, RefreshCode::UseEntry};
+    // A body shorter than announced, ended as if whole, must not be kept as the whole body.
+    if (entry.Store(response, stop, lookup.m_now, response.ContentSize())) {
+      return {nullptr, RefreshCode::UseEntry};
+    }
     if (stale.Usable()) return stale.Serve("the new body could not be stored");
     return {nullptr, RefreshCode::DropEntry};
   }

@@ -437,6 +437,9 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
 
   FakeResponse short_body = Ok("12345", L"no-store", std::nullopt);
   short_body.headers.back().second = L"10";  // "Content-Length"
+  // A transport that ends a cut body as if it were whole (WinINet may): never stored as whole.
+  FakeResponse short_stored = Ok("12345", L"max-age=60", std::wstring(L"\"c\""));
+  short_stored.headers.back().second = L"10";
   FakeResponse broken = Ok("", L"no-store", std::nullopt);
   broken.Body("part").Body("rest").read_fails_after = 1;
   FakeResponse two_chunks = Ok("", L"max-age=60", std::wstring(L"\"a\""));
@@ -450,6 +453,9 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
     ::testing::Matcher<std::string> log;
   } const cases[] = {
       {"short", kUrl, short_body, false,
+       "Failed to read expected number of bytes from HTTP stream into cache system. "
+       "Expected 10 but read 5\n"},
+      {"short, stored", kUrl, short_stored, false,
        "Failed to read expected number of bytes from HTTP stream into cache system. "
        "Expected 10 but read 5\n"},
       // The stream's message ends in its own line feed, so the copy's line comes as two records.
