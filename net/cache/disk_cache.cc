@@ -460,6 +460,15 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
     }
     lookup.m_loaded_file.reset();
     if (entry.IsValid() && IsFresh(entry.Expiry(), now)) return entry.OpenReadStream(now);
+    // A directory at the temporary file's name (planted: no store of ours makes one, and none
+    // replaces it) would fail every store, so that every open would fetch, drop the entry and
+    // serve nothing: as with a directory at the entry's name, the URL is read into memory and
+    // the entry left as it is.
+    fs::path temporary = entry.Path();
+    temporary += ".tmp";
+    if (detail::KindOfEntryFile(temporary) == detail::EntryFileKind::kDirectory) {
+      return ReadUrlIntoMemory(lookup.m_url, stop);
+    }
     return RefreshShared(lookup, stop, directory);
   } catch (const std::exception& e) {
     LogOpenFailure(lookup.m_url, e);

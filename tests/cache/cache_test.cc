@@ -372,6 +372,7 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
   } const cases[] = {
       // First, since where no link can be planted the cases after it are skipped.
       {"directory at the entry", EntryPath(), {}, "", true},
+      {"directory at the temporary file", temporary, {}, "", true},
       {"link at the entry", EntryPath(), outside.WriteFile("entry", planted), planted},
       {"link at the temporary file", temporary, outside.WriteFile("victim", "kept"), "kept"},
 #if !defined(_WIN32)
