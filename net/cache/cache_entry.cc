@@ -499,7 +499,17 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(st
   fs::path path = m_path;
   const TqUSysFile::Handle handle = CreateEntryFile(m_path);
   if (handle == TqUSysFile::kInvalid) return nullptr;
-  auto stream = std::make_unique<EntryBodyWriteStream>(handle, std::move(path));
+  std::unique_ptr<EntryBodyWriteStream> stream;
+  try {
+    stream = std::make_unique<EntryBodyWriteStream>(handle, std::move(path));
+  } catch (...) {
+    // Out of memory for the stream: the file just made goes with its lock, or the name would
+    // stay held and keep a body never written.
+    UniqueFile held(handle);
+    DeleteHeldFile(held, handle, m_path);
+    m_header_size = 0;
+    throw;
+  }
   const std::uint64_t offset = ef::BodyOffset(m_header_size);
   if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) {
     // The caller is told nothing was stored: the header just written must not stay behind as
