@@ -57,7 +57,10 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> BodyStream(UniqueFile file,
       size >= 0 && static_cast<std::uint64_t>(size) > offset
           ? static_cast<std::uint64_t>(size) - offset
           : 0;
-  auto stream = std::make_unique<EntryBodyStream>(file.release(), end);
+  // The stream owns the handle once it exists: released before the allocation, a handle would
+  // stay open (and the file held against writers) when the allocation fails.
+  auto stream = std::make_unique<EntryBodyStream>(file.get(), end);
+  file.release();
   stream->SetBaseOffset(offset);
   // Moved by the stream itself, which then knows where the file stands without asking again.
   try {

@@ -521,40 +521,48 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
 }
 
 #if !defined(_WIN32)  // a Windows DLL allocates through its own runtime, out of the test's reach
-// A named body whose write stream cannot be made for want of memory: the caller hears of it,
-// no empty body is left under the name as if written, and the name can be written again.
+// A named body's stream that cannot be made for want of memory, to write or to read: the caller
+// hears of it, no empty body is left under the name as if written, and the file is not left
+// held, so the name can be written again.
 TEST_F(CacheTest, ANamedBodyOpenThatRunsOutOfMemoryLeavesNoBodyAndNoLockBehind) {
   const auto read_back = [&]() -> std::string {
     auto stream = m_cache.OpenReadStream(L"name");
     return stream ? ReadAll(*stream) : "<null>";
   };
-  for (long n = 0;; ++n) {
-    ASSERT_LT(n, 1000) << "the open never got through";
-    SCOPED_TRACE("failing allocation " + std::to_string(n));
-    {
-      auto stream = m_cache.OpenWriteStream(L"name");
-      ASSERT_NE(stream, nullptr);
-      stream->Write("old", 3);
-    }
-    std::unique_ptr<qv::io::IDataSeekableWriteStream> stream;
-    bool failed = false;
-    {
-      const FailingAllocation failing(n);
-      try {
-        stream = m_cache.OpenWriteStream(L"name");
-      } catch (const std::bad_alloc&) {
+  for (const bool write : {true, false}) {
+    for (long n = 0;; ++n) {
+      ASSERT_LT(n, 1000) << "the open never got through";
+      SCOPED_TRACE(std::string(write ? "write" : "read") + ", failing allocation " +
+                   std::to_string(n));
+      {
+        auto stream = m_cache.OpenWriteStream(L"name");
+        ASSERT_NE(stream, nullptr);
+        stream->Write("old", 3);
       }
-      failed = FailingAllocation::Failed();
+      std::unique_ptr<qv::io::IDataSeekableWriteStream> written;
+      std::unique_ptr<qv::io::IDataSeekableReadStream> read;
+      bool failed = false;
+      {
+        const FailingAllocation failing(n);
+        try {
+          if (write) written = m_cache.OpenWriteStream(L"name");
+          else read = m_cache.OpenReadStream(L"name");
+        } catch (const std::bad_alloc&) {
+        }
+        failed = FailingAllocation::Failed();
+      }
+      if (written) written->Write("new", 3);
+      written.reset();
+      if (read) EXPECT_EQ(ReadAll(*read), "old");
+      read.reset();
+      EXPECT_THAT(read_back(), ::testing::AnyOf("<null>", "old", "new"));
+      auto again = m_cache.OpenWriteStream(L"name");
+      ASSERT_NE(again, nullptr) << "the name is still held";
+      again->Write("again", 5);
+      again.reset();
+      EXPECT_EQ(read_back(), "again");
+      if (!failed) break;
     }
-    if (stream) stream->Write("new", 3);
-    stream.reset();
-    EXPECT_THAT(read_back(), ::testing::AnyOf("<null>", "old", "new"));
-    auto again = m_cache.OpenWriteStream(L"name");
-    ASSERT_NE(again, nullptr) << "the name is still held";
-    again->Write("again", 5);
-    again.reset();
-    EXPECT_EQ(read_back(), "again");
-    if (!failed) break;
   }
 }
 #endif
