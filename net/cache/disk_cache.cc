@@ -325,6 +325,24 @@ RefreshResult RefreshFromSource(CacheLookup& lookup, const qv::stop_token& stop)
   return {nullptr, RefreshCode::UseEntry};
 }
 
+// The body of the entry `key` at `path` as the file holds it now, its use not recorded: for an
+// open that found the file held by a writer for a moment just after its lookup (another open
+// recording its use, which then needs no second record). Null when it cannot be had.
+std::unique_ptr<qv::io::IDataSeekableReadStream> ServeAsItIs(const std::wstring& url, int flags,
+                                                             const fs::path& path,
+                                                             const std::string& key) {
+  CacheLookup again = MakeLookupOf(url, flags, path, key, true);
+  if (!again.m_entry || !again.m_loaded_file || again.m_entry->HeaderSize() == 0) return nullptr;
+  return again.m_entry->OpenLoadedBody(std::move(again.m_loaded_file));
+}
+
+// The entry's body, its use recorded; when the file was held for a moment, as it is.
+std::unique_ptr<qv::io::IDataSeekableReadStream> ServeEntry(CacheLookup& lookup) {
+  CacheEntry& entry = *lookup.m_entry;
+  if (auto stream = entry.OpenReadStream(lookup.m_now)) return stream;
+  return ServeAsItIs(lookup.m_url, lookup.m_flags, entry.Path(), entry.Key());
+}
+
 std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
                                                          const qv::stop_token& stop,
                                                          RefreshCode* code = nullptr) {
@@ -333,7 +351,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
   if (code != nullptr) *code = result.code;
   switch (result.code) {
     case RefreshCode::UseEntry:
-      return lookup.m_entry->OpenReadStream(lookup.m_now);
+      return ServeEntry(lookup);
     case RefreshCode::DropEntry:
       if (lookup.m_entry) {
         lookup.m_entry->Remove();
@@ -459,7 +477,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
       if (auto stream = entry.OpenLoadedBody(std::move(lookup.m_loaded_file))) return stream;
     }
     lookup.m_loaded_file.reset();
-    if (entry.IsValid() && IsFresh(entry.Expiry(), now)) return entry.OpenReadStream(now);
+    if (entry.IsValid() && IsFresh(entry.Expiry(), now)) return ServeEntry(lookup);
     // A directory at the temporary file's name (planted: no store of ours makes one, and none
     // replaces it) would fail every store, so that every open would fetch, drop the entry and
     // serve nothing: as with a directory at the entry's name, the URL is read into memory and
@@ -617,7 +635,8 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenReadStream(
   try {
     CacheLookup lookup = MakeLookup(StoredBodyUrl(name), 0, m_directory);
     if (!lookup.m_entry || !lookup.m_entry->IsValid()) return nullptr;
-    return lookup.m_entry->OpenReadStream(TqUSysTime::GetTimeNow());
+    lookup.m_now = TqUSysTime::GetTimeNow();
+    return ServeEntry(lookup);
   } catch (const std::runtime_error&) {
     return nullptr;
   }

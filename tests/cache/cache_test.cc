@@ -26,6 +26,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "net/cache/cache_init.h"
@@ -327,6 +328,72 @@ TEST_F(RepeatedOpenTest, AnOpenBodyKeepsWritersOutReadsOnAcrossARenameAndFailsWh
   EXPECT_EQ(Open(), "new body");
 #endif
 }
+
+#if !defined(_WIN32)  // the open hook runs before the lock only on POSIX
+// Another open holds the entry for a moment, to record its own use, just when this open has
+// recorded its use (fresh, or confirmed by the server) and opens the file to read it: the body
+// is served as the file holds it once let go, as it is for a body kept under a name.
+TEST_F(RepeatedOpenTest, AnEntryHeldForAMomentAfterItsUseWasRecordedIsStillServed) {
+  TqUSysFile::Handle other = TqUSysFile::kInvalid;
+  bool taken = false;
+  fs::path held;
+  // Once this open's use (`now`) is in the file, the next open of it finds it held, and the one
+  // after that finds it let go.
+  const auto hold_once_recorded = [&](const fs::path& path, std::int64_t now) {
+    taken = false;
+    held = path;
+    TqUSysFile::SetOpenHookForTesting([&, now] {
+      if (other != TqUSysFile::kInvalid) {
+        TqUSysFile::CloseFile(std::exchange(other, TqUSysFile::kInvalid));
+        return;
+      }
+      if (taken || ReadFileBytes(held).substr(4, 8) != Le(now, 8)) return;
+      taken = true;
+      other = TqUSysFile::OpenFile(held, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
+                                   TqUSysFile::kOpenExistingWrite, 0, 0);
+      ASSERT_NE(other, TqUSysFile::kInvalid);
+    });
+  };
+  const auto let_go = [&] {
+    TqUSysFile::SetOpenHookForTesting({});
+    if (other != TqUSysFile::kInvalid) TqUSysFile::CloseFile(other);
+    other = TqUSysFile::kInvalid;
+    EXPECT_TRUE(taken);
+  };
+
+  struct Case {
+    std::int64_t expiry;
+    std::optional<FakeResponse> answer;  // to the revalidation of a stale entry
+    std::int64_t expiry_after;
+  } const cases[] = {
+      {kNever, std::nullopt, kNever},
+      {2, Ok("", L"max-age=60", L"\"t\"", kDate, 304), kDate + 60},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.expiry);
+    WriteFileBytes(EntryPath(), EntryBytes(1, c.expiry, "\"t\"", kKey, "stored body"));
+    if (c.answer) m_api.Queue(*c.answer);
+    hold_once_recorded(EntryPath(), kDate + 5);
+    const std::string served = Open();
+    let_go();
+    EXPECT_EQ(served, "stored body");
+    EXPECT_EQ(ReadFileBytes(EntryPath()),
+              EntryBytes(kDate + 5, c.expiry_after, "\"t\"", kKey, "stored body"));
+  }
+
+  // A body kept under a name, read at once by another.
+  {
+    auto stream = m_cache.OpenWriteStream(L"name");
+    ASSERT_NE(stream, nullptr);
+    stream->Write("named body", 10);
+  }
+  m_clock.Advance(1);
+  hold_once_recorded(EntryPath(L"qvcache://name"), kDate + 6);
+  auto read = m_cache.OpenReadStream(L"name");
+  let_go();
+  EXPECT_EQ(read ? ReadAll(*read) : "<null>", "named body");
+}
+#endif
 
 TEST_F(CacheTest, FilesThatAreNotEntriesAreDeletedWhenLookedAt) {
   const std::string good = EntryBytes(1, 2, "\"t\"", kKey, "");
