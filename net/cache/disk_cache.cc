@@ -255,9 +255,14 @@ RefreshResult TakeBody(CacheLookup& lookup, HttpReadStream& response, StaleFallb
   if (freshness.no_store) return ReadUnstoredBody(response, lookup.m_url, stop);
   if (changed) {
     // A body shorter than announced, ended as if whole, must not be kept as the whole body.
-    if (entry.Store(response, stop, lookup.m_now, response.ContentSize())) {
-      return {nullptr, RefreshCode::UseEntry};
+    bool stored = false;
+    try {
+      stored = entry.Store(response, stop, lookup.m_now, response.ContentSize());
+    } catch (const gsl::narrowing_error&) {
+      // A tag that leaves the header no room: this body cannot be stored either.
+      if (!stale.Usable()) throw;
     }
+    if (stored) return {nullptr, RefreshCode::UseEntry};
     if (stale.Usable()) return stale.Serve("the new body could not be stored");
     return {nullptr, RefreshCode::DropEntry};
   }

@@ -968,6 +968,22 @@ TEST_F(StaleOnErrorTest, AStaleEntryIsServedOnlyWhenTheServerFailsAndTheFlagAndE
   }
 }
 
+// A new body whose tag leaves its header no room cannot be stored either: with the flag, the
+// entry marked for it is served and kept, as for any new body that cannot be stored whole.
+TEST_F(StaleOnErrorTest, ANewBodyWhoseTagDoesNotFitItsHeaderServesTheMarkedEntry) {
+  m_api.Queue(Ok("old body", L"max-age=60", L"\"v1\""));
+  ASSERT_EQ(Open(kUrl, kStale), "old body");
+  const std::string stored = ReadFileBytes(EntryPath());
+  m_clock.Advance(61);
+  m_api.Queue(Ok("new body", L"max-age=60", std::wstring(65535 - 24 - kKey.size() + 1, L't')));
+  EXPECT_EQ(Open(kUrl, kStale), "old body");
+  EXPECT_EQ(m_log.Lines(),
+            Lines{"Serving stale entry for " + kKey + ": the new body could not be stored\n"});
+  std::string kept = stored;
+  kept.replace(4, 8, Le(kDate + 66, 8));  // the use recorded, the rest as it was
+  EXPECT_EQ(ReadFileBytes(EntryPath()), kept);
+}
+
 // A clean-up takes expired entries first within an hour's span, and older spans first. A link
 // planted in the directory is no file of the cache: its target is neither counted nor deleted.
 TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOrFollowsALink) {
