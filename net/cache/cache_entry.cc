@@ -57,7 +57,10 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> BodyStream(UniqueFile file,
       size >= 0 && static_cast<std::uint64_t>(size) > offset
           ? static_cast<std::uint64_t>(size) - offset
           : 0;
-  auto stream = std::make_unique<EntryBodyStream>(file.release(), end);
+  // The stream owns the handle once it exists: released before the allocation, a handle would
+  // stay open (and the file held against writers) when the allocation fails.
+  auto stream = std::make_unique<EntryBodyStream>(file.get(), end);
+  file.release();
   stream->SetBaseOffset(offset);
   // Moved by the stream itself, which then knows where the file stands without asking again.
   try {
@@ -264,6 +267,16 @@ invalid_cache_header::invalid_cache_header()
     : std::runtime_error("Cache entry was invalid or corrupt. It was deleted.") {}
 
 namespace detail {
+void LogUnexpectedBodyLength(std::uint64_t expected, std::uint64_t read) {
+  TqUSysError::LogUTF8String(
+      "Failed to read expected number of bytes from HTTP stream into cache system. "
+      "Expected ");
+  TqUError::LogNat64(expected);
+  TqUSysError::LogUTF8String(" but read ");
+  TqUError::LogNat64(read);
+  TqUSysError::LogUTF8String("\n");
+}
+
 EntryFileKind KindOfEntryFile(const fs::path& path) {
   std::error_code ec;
   const EntryFileKind kind = TqUSysFile::KindOfName(path, ec);
@@ -435,7 +448,8 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
   return file.release();
 }
 
-bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now) {
+bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now,
+                       std::optional<std::uint64_t> expected_size) {
   m_last_used = now;
   fs::path temporary = m_path;
   temporary += ".tmp";
@@ -462,7 +476,9 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
     m_header_size = previous_size;
     throw;
   }
-  if (!copy.completed) {
+  const bool whole = !expected_size || *expected_size == copy.bytes_copied;
+  if (copy.completed && !whole) detail::LogUnexpectedBodyLength(*expected_size, copy.bytes_copied);
+  if (!copy.completed || !whole) {
     DeleteHeldFile(target, handle, temporary);
     m_header_size = previous_size;
     return false;
@@ -486,7 +502,17 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(st
   fs::path path = m_path;
   const TqUSysFile::Handle handle = CreateEntryFile(m_path);
   if (handle == TqUSysFile::kInvalid) return nullptr;
-  auto stream = std::make_unique<EntryBodyWriteStream>(handle, std::move(path));
+  std::unique_ptr<EntryBodyWriteStream> stream;
+  try {
+    stream = std::make_unique<EntryBodyWriteStream>(handle, std::move(path));
+  } catch (...) {
+    // Out of memory for the stream: the file just made goes with its lock, or the name would
+    // stay held and keep a body never written.
+    UniqueFile held(handle);
+    DeleteHeldFile(held, handle, m_path);
+    m_header_size = 0;
+    throw;
+  }
   const std::uint64_t offset = ef::BodyOffset(m_header_size);
   if (TqUSysFile::SeekFile(handle, static_cast<std::int64_t>(offset), 0) < 0) {
     // The caller is told nothing was stored: the header just written must not stay behind as

@@ -80,8 +80,10 @@ class CacheEntry {
   // rename. False, with the old file untouched and no ".tmp" of ours left, when the ".tmp"
   // cannot be made, the copy is stopped or fails, or the rename fails; an exception that
   // escapes the copy also leaves no ".tmp"; gsl::narrowing_error as in CreateEntryFile. The
-  // entry is recorded as used at `now`.
-  bool Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now);
+  // entry is recorded as used at `now`. With `expected_size`, a copy of another length is a
+  // failed one too (logged): a source that ends a cut body as if it were whole.
+  bool Store(qv::io::IDataReadStream& source, qv::stop_token stop, std::int64_t now,
+             std::optional<std::uint64_t> expected_size = std::nullopt);
 
   // A stream over a fresh body written straight into the entry file (no ".tmp"); position 0 is
   // the first body byte, the entry recorded as used at `now`. Null (and no file left behind)
@@ -134,6 +136,8 @@ namespace detail {
 // read or written through it; the next store replaces it by rename, except a directory, which
 // no rename of a file replaces).
 using EntryFileKind = TqUSysFile::NameKind;  // kOther: a link, FIFO or device
+// The log line of a body whose length is not the one its source announced.
+void LogUnexpectedBodyLength(std::uint64_t expected, std::uint64_t read);
 // Throws filesystem_error named "exists" when it cannot tell.
 EntryFileKind KindOfEntryFile(const std::filesystem::path& path);
 // The existence test used throughout the cache (anything at the name, links not followed):

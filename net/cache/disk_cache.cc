@@ -190,13 +190,7 @@ RefreshResult ReadUnstoredBody(HttpReadStream& response, const std::wstring& url
   }
   const std::optional<std::uint64_t> expected = response.ContentSize();
   if (expected && *expected != copy.bytes_copied) {
-    TqUSysError::LogUTF8String(
-        "Failed to read expected number of bytes from HTTP stream into cache system. "
-        "Expected ");
-    TqUError::LogNat64(*expected);
-    TqUSysError::LogUTF8String(" but read ");
-    TqUError::LogNat64(copy.bytes_copied);
-    TqUSysError::LogUTF8String("\n");
+    detail::LogUnexpectedBodyLength(*expected, copy.bytes_copied);
     return {nullptr, RefreshCode::Nothing};
   }
   memory->RSeek(0, qv::io::StreamPosition::Begin);
@@ -240,9 +234,10 @@ void AskForChangedBodyOnly(HttpRequest& request, const CacheEntry& entry) {
 
 // Takes the tag of an answer with a body; true when the body is to be stored anew.
 bool TakeTag(CacheEntry& entry, const std::optional<std::string>& tag) {
-  if (tag && !Validator(*tag)) {
-    // A tag that could never be sent back is no validator: the entry keeps none, and like a
-    // response without a tag this one is stored anew.
+  // A body without a tag, or with one that could never be sent back, has no validator: the
+  // entry keeps none and the body is stored anew. Keeping the old tag would pair it with a
+  // body it does not name, and a 304 to it would confirm bytes the entry no longer holds.
+  if (!tag || !Validator(*tag)) {
     entry.UpdateETag(std::string());
     return true;
   }
@@ -259,7 +254,15 @@ RefreshResult TakeBody(CacheLookup& lookup, HttpReadStream& response, StaleFallb
   const bool stale_serving_changed = SetStaleServingRule(entry, response, lookup.m_flags, changed);
   if (freshness.no_store) return ReadUnstoredBody(response, lookup.m_url, stop);
   if (changed) {
-    if (entry.Store(response, stop, lookup.m_now)) return {nullptr, RefreshCode::UseEntry};
+    // A body shorter than announced, ended as if whole, must not be kept as the whole body.
+    bool stored = false;
+    try {
+      stored = entry.Store(response, stop, lookup.m_now, response.ContentSize());
+    } catch (const gsl::narrowing_error&) {
+      // A tag that leaves the header no room: this body cannot be stored either.
+      if (!stale.Usable()) throw;
+    }
+    if (stored) return {nullptr, RefreshCode::UseEntry};
     if (stale.Usable()) return stale.Serve("the new body could not be stored");
     return {nullptr, RefreshCode::DropEntry};
   }
@@ -328,6 +331,24 @@ RefreshResult RefreshFromSource(CacheLookup& lookup, const qv::stop_token& stop)
   return {nullptr, RefreshCode::UseEntry};
 }
 
+// The body of the entry `key` at `path` as the file holds it now, its use not recorded: for an
+// open that found the file held by a writer for a moment just after its lookup (another open
+// recording its use, which then needs no second record). Null when it cannot be had.
+std::unique_ptr<qv::io::IDataSeekableReadStream> ServeAsItIs(const std::wstring& url, int flags,
+                                                             const fs::path& path,
+                                                             const std::string& key) {
+  CacheLookup again = MakeLookupOf(url, flags, path, key, true);
+  if (!again.m_entry || !again.m_loaded_file || again.m_entry->HeaderSize() == 0) return nullptr;
+  return again.m_entry->OpenLoadedBody(std::move(again.m_loaded_file));
+}
+
+// The entry's body, its use recorded; when the file was held for a moment, as it is.
+std::unique_ptr<qv::io::IDataSeekableReadStream> ServeEntry(CacheLookup& lookup) {
+  CacheEntry& entry = *lookup.m_entry;
+  if (auto stream = entry.OpenReadStream(lookup.m_now)) return stream;
+  return ServeAsItIs(lookup.m_url, lookup.m_flags, entry.Path(), entry.Key());
+}
+
 std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
                                                          const qv::stop_token& stop,
                                                          RefreshCode* code = nullptr) {
@@ -336,7 +357,7 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
   if (code != nullptr) *code = result.code;
   switch (result.code) {
     case RefreshCode::UseEntry:
-      return lookup.m_entry->OpenReadStream(lookup.m_now);
+      return ServeEntry(lookup);
     case RefreshCode::DropEntry:
       if (lookup.m_entry) {
         lookup.m_entry->Remove();
@@ -462,7 +483,16 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
       if (auto stream = entry.OpenLoadedBody(std::move(lookup.m_loaded_file))) return stream;
     }
     lookup.m_loaded_file.reset();
-    if (entry.IsValid() && IsFresh(entry.Expiry(), now)) return entry.OpenReadStream(now);
+    if (entry.IsValid() && IsFresh(entry.Expiry(), now)) return ServeEntry(lookup);
+    // A directory at the temporary file's name (planted: no store of ours makes one, and none
+    // replaces it) would fail every store, so that every open would fetch, drop the entry and
+    // serve nothing: as with a directory at the entry's name, the URL is read into memory and
+    // the entry left as it is.
+    fs::path temporary = entry.Path();
+    temporary += ".tmp";
+    if (detail::KindOfEntryFile(temporary) == detail::EntryFileKind::kDirectory) {
+      return ReadUrlIntoMemory(lookup.m_url, stop);
+    }
     return RefreshShared(lookup, stop, directory);
   } catch (const std::exception& e) {
     LogOpenFailure(lookup.m_url, e);
@@ -611,7 +641,8 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenReadStream(
   try {
     CacheLookup lookup = MakeLookup(StoredBodyUrl(name), 0, m_directory);
     if (!lookup.m_entry || !lookup.m_entry->IsValid()) return nullptr;
-    return lookup.m_entry->OpenReadStream(TqUSysTime::GetTimeNow());
+    lookup.m_now = TqUSysTime::GetTimeNow();
+    return ServeEntry(lookup);
   } catch (const std::runtime_error&) {
     return nullptr;
   }
