@@ -234,10 +234,9 @@ void AskForChangedBodyOnly(HttpRequest& request, const CacheEntry& entry) {
 
 // Takes the tag of an answer with a body; true when the body is to be stored anew.
 bool TakeTag(CacheEntry& entry, const std::optional<std::string>& tag) {
-  // A body without a tag, or with one that could never be sent back, has no validator: the
-  // entry keeps none and the body is stored anew. Keeping the old tag would pair it with a
-  // body it does not name, and a 304 to it would confirm bytes the entry no longer holds.
-  if (!tag || !Validator(*tag)) {
+  if (tag && !Validator(*tag)) {
+    // A tag that could never be sent back is no validator: the entry keeps none, and like a
+    // response without a tag this one is stored anew.
     entry.UpdateETag(std::string());
     return true;
   }
