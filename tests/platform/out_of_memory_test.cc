@@ -135,5 +135,37 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
   EXPECT_GT(failures, 0);
 }
 
+// A closed request's transfer goes back to its connection, which then looks at its settings again
+// when one changed anywhere meanwhile. An allocation that fails there must not end the process
+// (no exception leaves a destructor): the handle is closed all the same, and the connection
+// serves the next request.
+TEST(OutOfMemory, ClosingARequestClosesItAndTheConnectionServesTheNext) {
+  ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  server.Route("/a", ScriptedResponse(200, "body"));
+  // An agent too long to be kept inside a string object: copying settings allocates.
+  Handle session(InternetOpenW(L"an agent of some length", INTERNET_OPEN_TYPE_DIRECT, nullptr,
+                               nullptr, 0));
+  Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(connection);
+  for (long n = 0;; ++n) {
+    SCOPED_TRACE("allocation " + std::to_string(n) + " failing");
+    Handle request = OpenRequest(connection, L"/a");
+    std::string got;
+    ASSERT_TRUE(Send(request) && ReadAll(request, &got) && got == "body") << GetLastError();
+    ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_RECEIVE_TIMEOUT, 60'000));
+    HINTERNET closed = request.release();
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      EXPECT_TRUE(InternetCloseHandle(closed));
+      failed = FailingAllocation::Failed();
+    }
+    EXPECT_EQ(ErrorOf([&] { return InternetCloseHandle(closed); }), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(Fetch(connection, L"/a"), "body");
+    if (!failed) break;
+  }
+}
+
 }  // namespace
 }  // namespace tq::test
