@@ -392,6 +392,23 @@ HRESULT CheckUrl(LPCWSTR url, std::string* utf8) {
   return S_OK;
 }
 
+// The download between the callback's start and stop: the temporary file is gone by the time
+// it returns (or throws), unless it was renamed into place.
+HRESULT Save(Transfer& transfer, const std::string& url, const std::string& destination,
+             Progress& progress, const StopSignal& stop, const std::wstring& cache_file) {
+  if (HRESULT hr = CheckDestination(destination); FAILED(hr)) return hr;
+  TempFile file;
+  if (HRESULT hr = file.Create(destination); FAILED(hr)) return hr;
+  if (!cache_file.empty()) progress.Tell(BINDSTATUS_CACHEFILENAMEAVAILABLE, cache_file.c_str());
+  if (!progress.aborted()) progress.Report(BINDSTATUS_CONNECTING, 0);
+  const auto stopped = [&] { return progress.aborted() || stop.stopped(); };
+  HRESULT result = stopped() ? E_ABORT : Fetch(transfer, url, file, progress);
+  if (SUCCEEDED(result) && stopped()) result = E_ABORT;
+  if (SUCCEEDED(result)) result = file.Commit(destination);
+  if (SUCCEEDED(result)) progress.Report(BINDSTATUS_ENDDOWNLOADDATA, transfer.content_length());
+  return result;
+}
+
 // Downloads `url` to `destination` (UTF-8 path) and tells `callback` about it.
 HRESULT Download(const std::string& url, const std::string& destination,
                  IBindStatusCallback* callback, const std::wstring& cache_file) {
@@ -403,27 +420,24 @@ HRESULT Download(const std::string& url, const std::string& destination,
   }
   OwnSlot slot;
   Transfer transfer(slot, binding.binding->stop());
-  auto finish = [&](HRESULT result) {
-    const char* text = FAILED(result) ? transfer.error_text() : "";
-    if (callback != nullptr) {
-      const std::wstring wide = *text != '\0' ? Latin1ToWide(text) : std::wstring();
-      callback->OnStopBinding(result, wide.empty() ? nullptr : wide.c_str());
-    }
-    return result;
-  };
-
-  if (HRESULT hr = CheckDestination(destination); FAILED(hr)) return finish(hr);
-  TempFile file;
-  if (HRESULT hr = file.Create(destination); FAILED(hr)) return finish(hr);
   Progress progress(callback);
-  if (!cache_file.empty()) progress.Tell(BINDSTATUS_CACHEFILENAMEAVAILABLE, cache_file.c_str());
-  if (!progress.aborted()) progress.Report(BINDSTATUS_CONNECTING, 0);
-  const auto stopped = [&] { return progress.aborted() || binding.binding->stop().stopped(); };
-  HRESULT result = stopped() ? E_ABORT : Fetch(transfer, url, file, progress);
-  if (SUCCEEDED(result) && stopped()) result = E_ABORT;
-  if (SUCCEEDED(result)) result = file.Commit(destination);
-  if (SUCCEEDED(result)) progress.Report(BINDSTATUS_ENDDOWNLOADDATA, transfer.content_length());
-  return finish(result);
+  HRESULT result = E_OUTOFMEMORY;
+  try {
+    result = Save(transfer, url, destination, progress, binding.binding->stop(), cache_file);
+  } catch (const std::bad_alloc&) {
+    // A callback told the download started is told it stopped, also when memory ran out: it
+    // may hold the binding until then.
+  }
+  if (callback != nullptr) {
+    std::wstring text;
+    try {
+      if (FAILED(result)) text = Latin1ToWide(transfer.error_text());
+    } catch (const std::bad_alloc&) {
+      // The result alone, without libcurl's words for it.
+    }
+    callback->OnStopBinding(result, text.empty() ? nullptr : text.c_str());
+  }
+  return result;
 }
 
 std::string DestinationPath(LPCWSTR file_name) { return WideToUtf8(file_name); }

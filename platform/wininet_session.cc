@@ -158,8 +158,13 @@ void Connection::FillUnset(Settings* out) const {
 }
 
 DWORD Connection::MaxConns() const {
-  std::lock_guard lock(inherited_mutex_);
-  return InheritedLocked().max_conns.value_or(kDefaultMaxConnsPerServer);
+  // The one field, without copying the strings of the others: this runs when a closed request
+  // hands its transfer and slot back, in destructors, where an allocation that fails would end
+  // the process.
+  for (const SettingsHolder* holder : Chain()) {
+    if (const std::optional<DWORD> value = holder->Get(&Settings::max_conns)) return *value;
+  }
+  return kDefaultMaxConnsPerServer;
 }
 
 DWORD Connection::MaxConnsLocked() const {

@@ -1,7 +1,7 @@
 // The WinINet layer and URL downloads against a server that misbehaves on purpose: answers that
 // drip, downloads that end short or in part, stray bytes after an answer, challenges without
-// end, header text that would smuggle a line, and a request closed from another thread while a
-// call waits on it.
+// end, header text that would smuggle a line, and a request (or its connection or session)
+// closed from another thread while a call waits on it.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -332,8 +332,13 @@ void OnWait(HINTERNET) {
 
 TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendReadOrQuery) {
   enum Blocked { kSend, kRead, kQueryBehindARead };
-  for (const Blocked blocked_call : {kSend, kRead, kQueryBehindARead}) {
-    SCOPED_TRACE(blocked_call);
+  // The request's own handle, or a parent's, whose close closes the request with it.
+  enum Closed { kRequest, kConnection, kSession };
+  const std::pair<Blocked, Closed> rows[] = {{kSend, kRequest}, {kRead, kRequest},
+                                             {kQueryBehindARead, kRequest}, {kSend, kSession},
+                                             {kRead, kConnection}};
+  for (const auto& [blocked_call, closed] : rows) {
+    SCOPED_TRACE(testing::Message() << blocked_call << " " << closed);
     const bool during_read = blocked_call != kSend;
     Gate request_seen;
     RawResponder server([&](RawConnection& c) {
@@ -376,7 +381,9 @@ TEST(HostilePlatform, CloseFromAnotherThreadEndsABlockedSendReadOrQuery) {
       });
       ASSERT_TRUE(waiting[1].Wait());
     }
-    ASSERT_TRUE(InternetCloseHandle(request));
+    ASSERT_TRUE(InternetCloseHandle(closed == kRequest      ? request
+                                    : closed == kConnection ? connection.release()
+                                                            : session.release()));
     // A close that did not reach the call would leave it waiting out the 60 s time-out.
     ASSERT_EQ(blocked.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(blocked.get(), ERROR_INTERNET_OPERATION_CANCELLED);

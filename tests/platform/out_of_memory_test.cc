@@ -53,6 +53,48 @@ bool ReadRest(HINTERNET request, std::string& body) {
   return true;
 }
 
+// Counts what a download tells it, allocating nothing: a binding it is given is held, as a
+// callback is entitled to, until it is told the download stopped.
+class CountingCallback final : public IBindStatusCallback {
+ public:
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return 1; }
+  ULONG STDMETHODCALLTYPE Release() override { return 1; }
+  HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD, IBinding* binding) override {
+    ++starts;
+    binding->AddRef();
+    held = binding;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetPriority(LONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE OnLowResource(DWORD) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnProgress(ULONG, ULONG, ULONG, LPCWSTR) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnStopBinding(HRESULT result, LPCWSTR) override {
+    ++stops;
+    stopped_with = result;
+    LetGo();
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetBindInfo(DWORD*, BINDINFO*) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnDataAvailable(DWORD, DWORD, FORMATETC*, STGMEDIUM*) override {
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnObjectAvailable(REFIID, IUnknown*) override { return S_OK; }
+
+  void LetGo() {
+    if (held != nullptr) held->Release();
+    held = nullptr;
+  }
+
+  int starts = 0;
+  int stops = 0;
+  HRESULT stopped_with = S_OK;
+  IBinding* held = nullptr;
+};
+
 TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
   ScriptedServer server;
   ASSERT_TRUE(server.ok());
@@ -113,14 +155,22 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
   };
   EXPECT_GT(FailEachAllocation(attempt, judge), 0);
 
-  // A download: the whole file, or E_OUTOFMEMORY and nothing left behind.
+  // A download: the whole file, or E_OUTOFMEMORY and nothing left behind; a callback told the
+  // download started is told it stopped, once, with its result.
   TempDir dir;
   const std::wstring url = L"http://127.0.0.1:" + std::to_wstring(server.port()) + L"/a";
   const std::wstring target = (dir.path() / "file").wstring();
   HRESULT result = E_FAIL;
+  CountingCallback callback;
   const long failures = FailEachAllocation(
-      [&] { result = URLDownloadToFileW(nullptr, url.c_str(), target.c_str(), 0, nullptr); },
+      [&] { result = URLDownloadToFileW(nullptr, url.c_str(), target.c_str(), 0, &callback); },
       [&](bool failed) {
+        EXPECT_EQ(callback.stops, callback.starts);
+        if (callback.stops != 0) {
+          EXPECT_EQ(callback.stopped_with, result);
+        }
+        callback.LetGo();
+        callback = CountingCallback();
         if (failed && result != S_OK) {
           EXPECT_EQ(result, E_OUTOFMEMORY);
           EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
@@ -133,6 +183,38 @@ TEST(OutOfMemory, EachCallFailsWithNotEnoughMemoryAndTheNextFetchWorks) {
         std::filesystem::remove(target);
       });
   EXPECT_GT(failures, 0);
+}
+
+// A closed request's transfer goes back to its connection, which then looks at its settings again
+// when one changed anywhere meanwhile. An allocation that fails there must not end the process
+// (no exception leaves a destructor): the handle is closed all the same, and the connection
+// serves the next request.
+TEST(OutOfMemory, ClosingARequestClosesItAndTheConnectionServesTheNext) {
+  ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  server.Route("/a", ScriptedResponse(200, "body"));
+  // An agent too long to be kept inside a string object: copying settings allocates.
+  Handle session(InternetOpenW(L"an agent of some length", INTERNET_OPEN_TYPE_DIRECT, nullptr,
+                               nullptr, 0));
+  Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(connection);
+  for (long n = 0;; ++n) {
+    SCOPED_TRACE("allocation " + std::to_string(n) + " failing");
+    Handle request = OpenRequest(connection, L"/a");
+    std::string got;
+    ASSERT_TRUE(Send(request) && ReadAll(request, &got) && got == "body") << GetLastError();
+    ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_RECEIVE_TIMEOUT, 60'000));
+    HINTERNET closed = request.release();
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      EXPECT_TRUE(InternetCloseHandle(closed));
+      failed = FailingAllocation::Failed();
+    }
+    EXPECT_EQ(ErrorOf([&] { return InternetCloseHandle(closed); }), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(Fetch(connection, L"/a"), "body");
+    if (!failed) break;
+  }
 }
 
 }  // namespace
