@@ -611,6 +611,14 @@ TEST(FileProtocolTest, ResolvesAgainstTheBaseAndRegistersSchemesOnceInAnyCase) {
             L"http://h/docs/my%20file/100%25.txt");
   EXPECT_EQ(absolute(L"a{1}|\"b\"^[2].txt?v=%41", L"http://h/", nullptr),
             L"http://h/a%7B1%7D%7C%22b%22%5E%5B2%5D.txt?v=%41");
+  // A ":" in the first segment is part of the name: such a name was read as a scheme of its
+  // own or refused as no reference at all.
+  EXPECT_EQ(absolute(L"10:30.txt", L"http://h/d/x", nullptr), L"http://h/d/10:30.txt");
+  EXPECT_EQ(absolute(L"my take:2.txt", L"http://h/d/x", nullptr), L"http://h/d/my%20take:2.txt");
+  EXPECT_EQ(absolute(L"sub/1:2.txt", L"http://h/d/x", nullptr), L"http://h/d/sub/1:2.txt");
+#if !defined(_WIN32)
+  EXPECT_EQ(absolute(L"a:b.txt", L"http://h/d/x", nullptr), L"http://h/d/a:b.txt");
+#endif
   EXPECT_EQ(absolute(L"b.txt", L"sub/a.txt", L"/dir"), L"/dir/sub/b.txt");
   EXPECT_EQ(absolute(nullptr, L"http://h/", nullptr), L"<fail>");
 
