@@ -114,7 +114,9 @@ bool ParseSpec(const wchar_t*& p, Conversion& conversion, std::va_list& args) {
   } else if (*p && std::wcschr(L"hlzjtLw", *p)) {
     conversion.length = std::string(1, static_cast<char>(*p++));
   }
-  if (!*p) return false;
+  // Only ASCII letters convert: a wider character cut to a char ("%\u0164" to "%d") would take
+  // an argument that the format never asked for.
+  if (!*p || static_cast<std::uint32_t>(*p) > 0x7F) return false;
   conversion.conv = static_cast<char>(*p++);
   return true;
 }

@@ -171,6 +171,7 @@ TEST(WideStringBufferTest, FormatFollowsTheWindowsWideConvention) {
   EXPECT_FALSE(b.Format(L"%-*d", INT_MIN, 1));
   EXPECT_FALSE(b.Format(L"%.*f", INT_MAX, 1.0));
   EXPECT_FALSE(b.Format(L"%2000000000s", L"x"));
+  EXPECT_FALSE(b.Format(L"%\u0164|%\u0173", 5, L"x")) << "no conversion, not %d and %s";
 }
 
 using qv::ParseDecimal;
