@@ -50,6 +50,15 @@ std::wstring AsRelativeReference(std::wstring_view name) {
       out += c;
     }
   }
+  // A ":" in the first segment would make the name a scheme ("a:b.txt") or no reference at all
+  // ("10:30.txt"); "./" keeps it a file name. Windows' drive-relative "C:x" stays a local path.
+  const std::size_t first_end = out.find_first_of(L"/?#");
+  const std::size_t colon = out.find(L':');
+  bool drive = false;
+#if defined(_WIN32)
+  drive = colon == 1 && ((out[0] >= L'a' && out[0] <= L'z') || (out[0] >= L'A' && out[0] <= L'Z'));
+#endif
+  if (colon != std::wstring::npos && colon < first_end && !drive) out.insert(0, L"./");
   return out;
 }
 

@@ -11,6 +11,9 @@ namespace {
 
 // ---- formatting with the Windows wide convention ----
 
+// The widest width or precision a format may ask for; more is refused, not allocated.
+constexpr int kMostWidth = 100000000;
+
 struct Conversion {
   std::string flags;
   int width = -1;
@@ -75,10 +78,11 @@ bool ParseSpec(const wchar_t*& p, Conversion& conversion, std::va_list& args) {
       conversion.flags.push_back('-');
       conversion.width = conversion.width == INT32_MIN ? INT32_MAX : -conversion.width;
     }
+    if (conversion.width > kMostWidth) return false;
   } else {
     while (*p >= L'0' && *p <= L'9') {
       if (conversion.width < 0) conversion.width = 0;
-      if (conversion.width > 100000000) return false;
+      if (conversion.width > kMostWidth) return false;
       conversion.width = conversion.width * 10 + (*p++ - L'0');
     }
   }
@@ -89,9 +93,10 @@ bool ParseSpec(const wchar_t*& p, Conversion& conversion, std::va_list& args) {
       ++p;
       conversion.precision = va_arg(args, int);
       if (conversion.precision < 0) conversion.precision = -1;
+      if (conversion.precision > kMostWidth) return false;
     } else {
       while (*p >= L'0' && *p <= L'9') {
-        if (conversion.precision > 100000000) return false;
+        if (conversion.precision > kMostWidth) return false;
         conversion.precision = conversion.precision * 10 + (*p++ - L'0');
       }
     }
@@ -109,7 +114,9 @@ bool ParseSpec(const wchar_t*& p, Conversion& conversion, std::va_list& args) {
   } else if (*p && std::wcschr(L"hlzjtLw", *p)) {
     conversion.length = std::string(1, static_cast<char>(*p++));
   }
-  if (!*p) return false;
+  // Only ASCII letters convert: a wider character cut to a char ("%\u0164" to "%d") would take
+  // an argument that the format never asked for.
+  if (!*p || static_cast<std::uint32_t>(*p) > 0x7F) return false;
   conversion.conv = static_cast<char>(*p++);
   return true;
 }

@@ -76,6 +76,12 @@ bool ReadOnce(TqUSysFile::Handle file, void* buffer, std::uint64_t size,
       TqUSysFileFaults::Fails("read")) {
     return false;
   }
+  // A read at an offset ends at the largest offset a file can have: the system refuses one
+  // that would pass it (EINVAL) rather than reading nothing past the end.
+  if (offset) {
+    size = std::min(size, static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) -
+                              *offset);
+  }
 #if defined(_WIN32)
   const DWORD chunk = static_cast<DWORD>(std::min<std::uint64_t>(size, 1u << 30));
   OVERLAPPED at = {};

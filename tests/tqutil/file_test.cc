@@ -489,6 +489,12 @@ TEST(SysFileTest, AReadAtAnOffsetReadsThereOnlyWithinTheFile) {
   ASSERT_TRUE(F::ReadFile(file.h, first, sizeof first, &got));
   EXPECT_EQ(std::string(first, got), "4567") << "the sequential reads go on where they stopped";
 #endif
+  // Far past the end, up to the largest offset, is past the end; beyond it is refused.
+  for (const std::uint64_t far : {(std::uint64_t{1} << 63) - 2, (std::uint64_t{1} << 63) - 1}) {
+    got = 99;
+    EXPECT_TRUE(F::ReadFileAt(file.h, first, sizeof first, far, &got)) << far;
+    EXPECT_EQ(got, 0u);
+  }
   EXPECT_FALSE(F::ReadFileAt(file.h, first, 1, std::uint64_t{1} << 63, &got));
   EXPECT_EQ(got, 0u);
 }
@@ -611,6 +617,14 @@ TEST(FileProtocolTest, ResolvesAgainstTheBaseAndRegistersSchemesOnceInAnyCase) {
             L"http://h/docs/my%20file/100%25.txt");
   EXPECT_EQ(absolute(L"a{1}|\"b\"^[2].txt?v=%41", L"http://h/", nullptr),
             L"http://h/a%7B1%7D%7C%22b%22%5E%5B2%5D.txt?v=%41");
+  // A ":" in the first segment is part of the name: such a name was read as a scheme of its
+  // own or refused as no reference at all.
+  EXPECT_EQ(absolute(L"10:30.txt", L"http://h/d/x", nullptr), L"http://h/d/10:30.txt");
+  EXPECT_EQ(absolute(L"my take:2.txt", L"http://h/d/x", nullptr), L"http://h/d/my%20take:2.txt");
+  EXPECT_EQ(absolute(L"sub/1:2.txt", L"http://h/d/x", nullptr), L"http://h/d/sub/1:2.txt");
+#if !defined(_WIN32)
+  EXPECT_EQ(absolute(L"a:b.txt", L"http://h/d/x", nullptr), L"http://h/d/a:b.txt");
+#endif
   EXPECT_EQ(absolute(L"b.txt", L"sub/a.txt", L"/dir"), L"/dir/sub/b.txt");
   EXPECT_EQ(absolute(nullptr, L"http://h/", nullptr), L"<fail>");
 

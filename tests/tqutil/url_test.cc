@@ -2,6 +2,7 @@
 // numbers in headers and URLs goes through.
 #include "tqutil/url.h"
 
+#include <climits>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -164,6 +165,13 @@ TEST(WideStringBufferTest, FormatFollowsTheWindowsWideConvention) {
 
   EXPECT_FALSE(b.Format(L"trailing %"));
   EXPECT_TRUE(b.IsEmpty());
+  // A width or precision given as an argument is bounded as a written one is: it used to be
+  // allocated (gigabytes of padding, or std::bad_alloc out of Format).
+  EXPECT_FALSE(b.Format(L"%*s", INT_MAX, L"x"));
+  EXPECT_FALSE(b.Format(L"%-*d", INT_MIN, 1));
+  EXPECT_FALSE(b.Format(L"%.*f", INT_MAX, 1.0));
+  EXPECT_FALSE(b.Format(L"%2000000000s", L"x"));
+  EXPECT_FALSE(b.Format(L"%\u0164|%\u0173", 5, L"x")) << "no conversion, not %d and %s";
 }
 
 using qv::ParseDecimal;
