@@ -17,6 +17,7 @@ struct StopWatch::Entry {
   enum class State { Watching, Running, Ran };
 
   qv::stop_token stop;
+  qv::stop_token also;
   std::function<void()> on_stop;
   State state = State::Watching;  // guarded by the watcher's mutex
 };
@@ -86,7 +87,8 @@ class Watcher {
       }
       std::vector<std::shared_ptr<StopWatch::Entry>> due;
       for (const auto& entry : m_entries) {
-        if (entry->state == State::Watching && entry->stop.stop_requested()) {
+        if (entry->state == State::Watching &&
+            (entry->stop.stop_requested() || entry->also.stop_requested())) {
           entry->state = State::Running;
           due.push_back(entry);
         }
@@ -131,10 +133,14 @@ Watcher& TheWatcher() { return g_watcher; }
 
 }  // namespace
 
-StopWatch::StopWatch(qv::stop_token stop, std::function<void()> on_stop) {
-  if (!stop.stop_possible()) return;
+StopWatch::StopWatch(qv::stop_token stop, std::function<void()> on_stop)
+    : StopWatch(std::move(stop), qv::stop_token(), std::move(on_stop)) {}
+
+StopWatch::StopWatch(qv::stop_token stop, qv::stop_token also, std::function<void()> on_stop) {
+  if (!stop.stop_possible() && !also.stop_possible()) return;
   auto entry = std::make_shared<Entry>();
   entry->stop = std::move(stop);
+  entry->also = std::move(also);
   entry->on_stop = std::move(on_stop);
   if (TheWatcher().Add(entry)) m_entry = std::move(entry);
 }

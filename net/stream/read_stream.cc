@@ -135,9 +135,11 @@ std::optional<std::string> QueryETag(IHttpApi& api, void* request) {
 
 // Sends through the transport with `stop` named as the stop of the send in flight, so that a
 // transport that blocks in the send or in the wait for the response headers can be cancelled.
+// On a worker the pool's shut-down cancels it too: the host's shut-down waits for the task, and
+// a server slow to answer would hold it for the transport's whole time-out.
 void* SendWatched(IHttpApi& api, void* connection, const HttpRequest& request,
                   const wchar_t** accept_types, bool& sent, const qv::stop_token& stop) {
-  detail::SendStopScope scope(stop);
+  detail::SendStopScope scope(stop, thread_pool::CallerPoolStopToken());
   return api.SendRequest(connection, request, accept_types, sent);
 }
 

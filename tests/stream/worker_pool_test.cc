@@ -163,4 +163,27 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
   EXPECT_EQ(m_api.CountCalls("Send") - sends, 1);
 }
 
+// Regression: a task whose send waited for a server's answer held the pool's shut-down (and so
+// TerminateHttp) until the transport's time-out, a minute by default, though it has no stop
+// token of its own. The shut-down now cancels the send: the task ends with no answer, its
+// handle closed once, and nothing is sent again.
+TEST_F(OpenFileOrUrlAsyncTest, ThePoolShuttingDownCancelsASendBlockedOnAWorker) {
+  qv::net::ExchangeWorkerThreadPool(std::make_unique<thread_pool>(4));
+  tq::test::FakeResponse blocking;
+  blocking.block_until_closed = true;
+  m_api.Queue(blocking);
+  tq::test::Latch blocked(1);
+  m_api.OnBlocked([&] { blocked.count_down(); });
+  auto pending = OpenFileOrUrlAsync(L"http://example.test/held", 0, {});
+  blocked.wait();
+  const int closes = m_api.CloseCount();
+  qv::net::ExchangeWorkerThreadPool(nullptr).reset();
+  m_api.OnBlocked({});
+  auto stream = pending.get();
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(tq::test::ReadAll(*stream, 32), "");
+  EXPECT_EQ(m_api.CloseCount() - closes, 1);
+  EXPECT_EQ(m_api.CountCalls("Send"), 1);
+}
+
 }  // namespace
