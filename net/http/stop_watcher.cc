@@ -44,10 +44,15 @@ class Watcher {
       m_running = true;
       HoldModule();
     }
+    // A token stopped already is seen at once, not a poll interval later; other entries wait
+    // for the next poll, so that a watch around every read of a body does not wake the thread.
+    const bool wake = m_entries.empty() || entry->stop.stop_requested() ||
+                      entry->also.stop_requested();
     m_entries.push_back(entry);
-    // A token stopped already is seen at once, not a poll interval later.
-    ++m_generation;
-    m_wake.notify_all();
+    if (wake) {
+      ++m_generation;
+      m_wake.notify_all();
+    }
     return true;
   }
 
