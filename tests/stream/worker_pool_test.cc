@@ -167,8 +167,8 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
 
 // Regression: a task whose send waited for a server's answer held the pool's shut-down (and so
 // TerminateHttp) until the transport's time-out, a minute by default, though it has no stop
-// token of its own. The shut-down now cancels the send: the task ends with no answer, its
-// handle closed once, and nothing is sent again.
+// token of its own. The shut-down now cancels the send: the task ends with no answer (no
+// stream, never an empty body), its handle closed once, and nothing is sent again.
 TEST_F(OpenFileOrUrlAsyncTest, ThePoolShuttingDownCancelsASendBlockedOnAWorker) {
   qv::net::ExchangeWorkerThreadPool(std::make_unique<thread_pool>(4));
   tq::test::FakeResponse blocking;
@@ -181,9 +181,7 @@ TEST_F(OpenFileOrUrlAsyncTest, ThePoolShuttingDownCancelsASendBlockedOnAWorker) 
   const int closes = m_api.CloseCount();
   qv::net::ExchangeWorkerThreadPool(nullptr).reset();
   m_api.OnBlocked({});
-  auto stream = pending.get();
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(tq::test::ReadAll(*stream, 32), "");
+  EXPECT_EQ(pending.get(), nullptr);
   EXPECT_EQ(m_api.CloseCount() - closes, 1);
   EXPECT_EQ(m_api.CountCalls("Send"), 1);
 }
