@@ -1091,7 +1091,7 @@ TEST_F(CacheTest, ABodyAWriterTookJustAfterItsNameWasReadStaysStored) {
     const char* before;  // what the name holds at first
     bool clean_up;       // the reader: a clean-up (true) or a lookup (Contains)
   };
-  for (const Case c : {Case{"entry", true}}) {
+  for (const Case c : {Case{"entry", true}, Case{"no entry", true}, Case{"no entry", false}}) {
     SCOPED_TRACE(testing::Message() << c.before << (c.clean_up ? ", clean-up" : ", lookup"));
     if (std::string(c.before) == "entry") {
       auto stream = m_cache.OpenWriteStream(L"name");
