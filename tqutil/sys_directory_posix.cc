@@ -22,6 +22,7 @@ using qv::sys_file::OpenAt;
 using qv::sys_file::OpenedForTesting;
 using qv::sys_file::RemovalRefused;
 using qv::sys_file::RetryOpen;
+using qv::sys_file::StillNamed;
 using qv::sys_file::ValidArguments;
 using qv::sys_file::WholePath;
 
@@ -239,6 +240,39 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
     ec = m_error;
     return false;
   }
+  const int error = RemoveName(m_fd, name, name);
+  if (error != 0 && error != ENOENT) ec = std::error_code(error, std::generic_category());
+  return error == 0;
+}
+
+bool TqUSysDirectory::RemoveFileUnlessHeld(const Char* name, std::error_code& ec) const {
+  ec.clear();
+  if (m_fd < 0) {
+    ec = m_error;
+    return false;
+  }
+  Descriptor fd(OpenUntouched(m_fd, name));
+  if (fd.fd < 0) {
+    if (errno != ENOENT) ec = Errno();
+    return false;
+  }
+  struct stat st = {};
+  if (::fstat(fd.fd, &st) != 0) {
+    ec = Errno();
+    return false;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    ec = std::make_error_code(std::errc::operation_not_supported);
+    return false;
+  }
+  OpenedForTesting();
+  if (!Lock(fd.fd, false)) {
+    ec = std::make_error_code(std::errc::resource_unavailable_try_again);
+    return false;
+  }
+  // A writer that emptied the name for a file of its own between the open and the lock has
+  // that file at the name now: it is the writer's, not the one looked at.
+  if (!StillNamed(m_fd, name, st)) return false;
   const int error = RemoveName(m_fd, name, name);
   if (error != 0 && error != ENOENT) ec = std::error_code(error, std::generic_category());
   return error == 0;

@@ -195,4 +195,9 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
   return false;
 }
 
+bool TqUSysDirectory::RemoveFileUnlessHeld(const Char* name, std::error_code& ec) const {
+  // A file open without delete sharing (every open of ours) is not deleted.
+  return RemoveFile(name, ec);
+}
+
 #endif

@@ -153,6 +153,13 @@ class TQUTIL_API TqUSysDirectory {
   /// Removes the file (or link) `name`: true when removed; false with `ec` clear when nothing
   /// was there; false with `ec` set when it could not be removed.
   bool RemoveFile(const Char* name, std::error_code& ec) const;
+  /// RemoveFile of the regular file `name` unless a writer holds it: held meanwhile as a reader
+  /// that shares holds it, so that no writer takes it while it goes, and removed only while the
+  /// name still names the file held. A file a writer holds is left, false with `ec` set; false
+  /// with `ec` clear when nothing is there or the name holds another file by the time it is
+  /// held. Where an open file cannot be removed (Windows: the sharing of every open refuses
+  /// it), RemoveFile.
+  bool RemoveFileUnlessHeld(const Char* name, std::error_code& ec) const;
 
   /// Makes the directory `path` (its parent must exist), private to the user where the system
   /// has permission bits (owner only, whatever the process's umask). True when `path` is a

@@ -246,7 +246,9 @@ std::uint64_t SizeLimit() {
 // The victims are chosen in that order as if every removal succeeds, just enough of them to
 // reach the target, and removed all at once. Removals that failed leave their bytes in the
 // total, and the choosing goes on in the same order until the target is reached or nothing is
-// left: the files that go are the same as if they went one by one.
+// left: the files that go are the same as if they went one by one. A writer may hold a victim's
+// name by now (a body being written under it since its header was read): that file is passed
+// over like any that cannot be removed, or the body being written would be lost.
 void RemoveOldest(const TqUSysDirectory& directory, const Listing& listing,
                   const std::vector<Candidate>& candidates, std::int64_t now, std::uint64_t total,
                   std::uint64_t target) {
@@ -265,7 +267,8 @@ void RemoveOldest(const TqUSysDirectory& directory, const Listing& listing,
     removed.assign(victims.size(), 0);
     RunInParallel(victims.size(), kRemovalsPerThread, [&](std::size_t i) {
       std::error_code ec;
-      removed[i] = directory.RemoveFile(listing.Name(candidates[victims[i]].name), ec) ? 1 : 0;
+      removed[i] =
+          directory.RemoveFileUnlessHeld(listing.Name(candidates[victims[i]].name), ec) ? 1 : 0;
     });
     for (std::size_t i = 0; i < victims.size(); ++i) {
       if (removed[i]) Subtract(total, candidates[victims[i]].size);

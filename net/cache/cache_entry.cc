@@ -191,6 +191,23 @@ void DeleteHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& path)
   if (ec) TqUSysFile::RemoveFile(path, ec);
 }
 
+// Deletes the file that is no entry, which `file` holds open (as a reader) at `path`, and closes
+// it. A writer may have taken the name for a file of its own since the file was opened: the
+// name goes only while it still names this file, or that writer's body would be lost. Where an
+// open file cannot be deleted (Windows), it is closed first; a writer's sharing then keeps its
+// file. True when this file no longer lies at the name.
+bool DeleteNonEntry(UniqueFile file, const fs::path& path) {
+  std::error_code ec;
+#if defined(_WIN32)
+  file.reset();
+  if (!detail::EntryFileExists(path)) return true;
+  TqUSysFile::RemoveFile(path, ec);
+#else
+  TqUSysFile::RemoveHeldFile(file.get(), path, ec);
+#endif
+  return !ec;
+}
+
 // Renames the file `held` that `owner` holds open over `to`, then closes it. Renaming under the
 // lock keeps a second writer from opening the temporary name, emptying it and having its
 // half-written file renamed into place by us; and the name is renamed only while it is still
@@ -296,19 +313,17 @@ CacheEntry CacheEntry::Load(const fs::path& path, EntryFile* keep_open) {
   CacheEntry entry;
   entry.m_path = path;
   HeaderFields fields;
-  bool valid = false;
   {
     UniqueFile file = OpenForReading(path);
     if (!file) {
       throw std::runtime_error("Cache entry could not be opened. Maybe in use by another process?");
     }
-    valid = ReadHeader(file.get(), fields);
-    if (valid && keep_open != nullptr) *keep_open = std::move(file);
-  }
-  if (!valid) {
-    if (entry.Remove()) throw invalid_cache_header();
-    throw std::runtime_error(
-        "Cache entry was invalid but unable to delete it. Maybe in use by another process?");
+    if (!ReadHeader(file.get(), fields)) {
+      if (DeleteNonEntry(std::move(file), path)) throw invalid_cache_header();
+      throw std::runtime_error(
+          "Cache entry was invalid but unable to delete it. Maybe in use by another process?");
+    }
+    if (keep_open != nullptr) *keep_open = std::move(file);
   }
   entry.m_header_size = fields.header_size;
   entry.m_last_used = fields.last_used;
@@ -349,11 +364,18 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
     *expiry = fields.expiry;
     return Probe::kEntry;
   }
-  // Not an entry: deleted as Remove would (gone already counts as deleted).
-  std::error_code ec;
-  if (!directory.Exists(name, ec)) return ec ? Probe::kUnusable : Probe::kDeleted;
-  directory.RemoveFile(name, ec);
-  return ec ? Probe::kUnusable : Probe::kDeleted;
+  // Not an entry: deleted as Load deletes it (gone already counts as deleted). The bytes read
+  // came without a handle, so the file is opened again and looked at once more: a writer may
+  // have put a file of its own at the name meanwhile, and that one is not touched.
+  UniqueFile file(directory.OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
+                                     TqUSysFile::kOpenExisting, 0, 0));
+  if (!file) {
+    std::error_code ec;
+    return directory.Exists(name, ec) || ec ? Probe::kUnusable : Probe::kDeleted;
+  }
+  if (ReadHeader(file.get(), fields, false)) return Probe::kUnusable;  // an entry by now
+  return DeleteNonEntry(std::move(file), directory.Path() / name) ? Probe::kDeleted
+                                                                   : Probe::kUnusable;
 }
 
 bool CacheEntry::IsValid() const {

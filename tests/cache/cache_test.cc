@@ -17,10 +17,12 @@
 #endif
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -1078,6 +1080,48 @@ TEST_F(CacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims
   TqUSysDirectory::SetRemoveFaultForTesting({});
   EXPECT_EQ(Remaining(), expected);
 }
+
+#if !defined(_WIN32)  // the open hook runs before the lock only on POSIX
+// Just as the clean-up or a lookup reads the file at a name (an entry, or a file that is no
+// entry), a writer takes the name for a new body and holds it while it writes: the file the
+// writer holds is passed over, as it is when it was held before anyone looked, and the new body
+// is there once written.
+TEST_F(CacheTest, ABodyAWriterTookJustAfterItsNameWasReadStaysStored) {
+  struct Case {
+    const char* before;  // what the name holds at first
+    bool clean_up;       // the reader: a clean-up (true) or a lookup (Contains)
+  };
+  for (const Case c : {Case{"entry", true}, Case{"no entry", true}, Case{"no entry", false}}) {
+    SCOPED_TRACE(testing::Message() << c.before << (c.clean_up ? ", clean-up" : ", lookup"));
+    if (std::string(c.before) == "entry") {
+      auto stream = m_cache.OpenWriteStream(L"name");
+      ASSERT_NE(stream, nullptr);
+      stream->Write("old body", 8);
+    } else {
+      WriteFileBytes(EntryPath(L"qvcache://name"), "not an entry, planted");
+    }
+    std::unique_ptr<qv::io::IDataSeekableWriteStream> writer;
+    std::atomic<bool> taken{false};
+    TqUSysFile::SetOpenHookForTesting([&] {
+      if (!taken.exchange(true)) writer = m_cache.OpenWriteStream(L"name");
+    });
+    Limit(0);
+    if (c.clean_up) {
+      EXPECT_TRUE(m_cache.CleanUp());
+    } else {
+      EXPECT_FALSE(m_cache.Contains(L"qvcache://name"));
+    }
+    TqUSysFile::SetOpenHookForTesting({});
+    ASSERT_TRUE(taken);
+    ASSERT_NE(writer, nullptr);
+    writer->Write("new body", 8);
+    writer.reset();
+    auto read = m_cache.OpenReadStream(L"name");
+    EXPECT_EQ(read ? ReadAll(*read) : "<null>", "new body");
+    RemoveAll();
+  }
+}
+#endif
 
 // Runs the second process (tests/helpers/cache_worker, built beside this test) to its end: its
 // exit status, kKilled when it was killed, -1 when it could not be started or did not end.
