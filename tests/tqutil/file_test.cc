@@ -490,9 +490,9 @@ TEST(SysFileTest, AReadAtAnOffsetReadsThereOnlyWithinTheFile) {
   EXPECT_EQ(std::string(first, got), "4567") << "the sequential reads go on where they stopped";
 #endif
   // Far past the end, up to the largest offset, is past the end; beyond it is refused.
-  for (const std::uint64_t far : {(std::uint64_t{1} << 63) - 2, (std::uint64_t{1} << 63) - 1}) {
+  for (const std::uint64_t at : {(std::uint64_t{1} << 63) - 2, (std::uint64_t{1} << 63) - 1}) {
     got = 99;
-    EXPECT_TRUE(F::ReadFileAt(file.h, first, sizeof first, far, &got)) << far;
+    EXPECT_TRUE(F::ReadFileAt(file.h, first, sizeof first, at, &got)) << at;
     EXPECT_EQ(got, 0u);
   }
   EXPECT_FALSE(F::ReadFileAt(file.h, first, 1, std::uint64_t{1} << 63, &got));
