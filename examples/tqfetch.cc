@@ -574,8 +574,9 @@ std::uint64_t Number(const std::string& text) {
   char* end = nullptr;
   errno = 0;
   const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-  // Past 64 bits strtoull gives its largest value: another number than the one written.
-  if (text.empty() || text[0] == '-' || *end != '\0' || errno == ERANGE) {
+  // Past 64 bits strtoull gives its largest value: another number than the one written. It
+  // also takes a minus sign after leading spaces and negates: " -1" would read as 2^64 - 1.
+  if (text.empty() || text.find('-') != std::string::npos || *end != '\0' || errno == ERANGE) {
     throw UsageError{"not a number: " + text};
   }
   return value;
