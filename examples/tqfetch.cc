@@ -627,9 +627,13 @@ int Run(const std::vector<std::string>& args) {
     return 0;
   }
   if (command == "range" && args.size() == 4) {
+    const std::uint64_t offset = Number(args[2]);
+    const std::uint64_t size = Number(args[3]);
+    if (size > 0 && size - 1 > UINT64_MAX - offset) {
+      throw UsageError{"the range ends past byte " + std::to_string(UINT64_MAX)};
+    }
     Library library(nullptr);
-    ReadRange(args[1], Number(args[2]), Number(args[3]),
-              [](const char* data, std::size_t n) { WriteBody(data, n); });
+    ReadRange(args[1], offset, size, [](const char* data, std::size_t n) { WriteBody(data, n); });
     return 0;
   }
   if (command == "download" && args.size() == 3) {

@@ -220,8 +220,10 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
 
   for (const char* wrong : {"--bogus", "fetch", "range http://127.0.0.1:1/ x 1", "cache empty",
                             "range http://127.0.0.1:1/ 0 18446744073709551616",
-                            // A negative value behind a space names no bytes of any file.
-                            "range http://127.0.0.1:1/ ' -1' 1", "range http://127.0.0.1:1/ 0 ' -2'"}) {
+                            // A negative value behind a space, and a range whose last byte lies
+                            // past 2^64 - 1, name no bytes of any file.
+                            "range http://127.0.0.1:1/ ' -1' 1", "range http://127.0.0.1:1/ 0 ' -2'",
+                            "range http://127.0.0.1:1/ 18446744073709551615 2"}) {
     const Outcome run = Tqfetch(wrong, home.path());
     EXPECT_EQ(run.status, 2) << wrong;
     EXPECT_NE(run.output.find("usage: tqfetch"), std::string::npos) << wrong;
