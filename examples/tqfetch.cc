@@ -358,13 +358,13 @@ std::string ReadRangeText(const std::string& url, std::uint64_t offset, std::uin
   return bytes;
 }
 
-// Why a download failed when none of its exchanges said: where it was to land, or the transfer.
-std::string DownloadFailure(const fs::path& target) {
+// What keeps a download from landing at `target`, or nothing.
+std::string TargetProblem(const fs::path& target) {
   std::error_code ignored;
   const fs::path parent = target.has_parent_path() ? target.parent_path() : fs::path(".");
   if (!fs::is_directory(parent, ignored)) return "no such directory: " + Text(parent);
   if (fs::is_directory(target, ignored)) return Text(target) + " is a directory";
-  return "the transfer did not complete";
+  return {};
 }
 
 void Download(const std::string& url, const std::string& path) {
@@ -378,7 +378,13 @@ void Download(const std::string& url, const std::string& path) {
   if (protocol.GetFileInfo(Wide(url).c_str(), &info)) total = info.GetFileSize();
   ProgressBar bar("download", total);
   if (!protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
-    throw Failed("download of " + url + " to " + path + " failed", DownloadFailure(PathOf(path)));
+    const std::string what = "download of " + url + " to " + path + " failed";
+    // Such a target is refused before the download sends anything: what the information's own
+    // request met (a server that refuses HEAD, say) is not why.
+    if (const std::string problem = TargetProblem(PathOf(path)); !problem.empty()) {
+      throw Failure{what + ": " + problem};
+    }
+    throw Failed(what, "the transfer did not complete");
   }
 }
 

@@ -81,6 +81,11 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   for (auto* routes : {&server, &secure}) {
     routes->Route("/a", tq::test::ScriptedResponse(200, "a"));
   }
+  // Refuses HEAD, serves GET: where a download cannot land is its reason, not the refused HEAD.
+  server.Route("/get-only", [](const tq::test::RecordedRequest& request) {
+    return request.method == "HEAD" ? tq::test::ScriptedResponse(403)
+                                    : tq::test::ScriptedResponse(200, "a");
+  });
   tq::test::SameAnswerServer bare("HTTP/1.1 200 OK\r\n\r\n");  // no size, time or tag
   const std::string short_url = cut.Url("/cut");
   const std::string nowhere = (home.path() / "no" / "x").string();
@@ -97,6 +102,12 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
       {"download " + server.Url("/a") + " " + nowhere,
        "download of " + server.Url("/a") + " to " + nowhere + " failed: no such directory: " +
            (home.path() / "no").string()},
+      {"download " + server.Url("/get-only") + " " + nowhere,
+       "download of " + server.Url("/get-only") + " to " + nowhere + " failed: no such directory: " +
+           (home.path() / "no").string()},
+      {"download " + server.Url("/get-only") + " " + home.path().string(),
+       "download of " + server.Url("/get-only") + " to " + home.path().string() + " failed: " +
+           home.path().string() + " is a directory"},
       {"fetch " + secure.Url("/a"),
        "could not open " + secure.Url("/a") + ": certificate not trusted"}};
   for (const auto& [command, line] : local_failures) {
