@@ -21,6 +21,7 @@
 #endif
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -588,6 +589,17 @@ std::uint64_t Number(const std::string& text) {
   return value;
 }
 
+// Every layer refuses a URL that does not parse without asking any server: said here, it is not
+// taken for a server that named nothing or a transfer that did not complete. `fetch` also
+// takes local paths, which are not URLs: only its http and https URLs are checked.
+void RequireValidUrl(const std::string& url, bool http_only) {
+  std::string scheme = url.substr(0, url.find(':'));
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (http_only && scheme != "http" && scheme != "https") return;
+  if (!TqUURL(Wide(url).c_str(), false).IsValid()) throw UsageError{"not a valid URL: " + url};
+}
+
 int Run(const std::vector<std::string>& args) {
   if (args.empty()) {
     Tour();
@@ -605,6 +617,7 @@ int Run(const std::vector<std::string>& args) {
     return 0;
   }
   if (command == "fetch" && (args.size() == 2 || (args.size() == 4 && args[2] == "-o"))) {
+    RequireValidUrl(args[1], true);
     Library library(nullptr);
     const auto stream = OpenThroughCache(args[1]);
     if (args.size() == 4) {
@@ -628,6 +641,7 @@ int Run(const std::vector<std::string>& args) {
     return 0;
   }
   if (command == "info" && args.size() == 2) {
+    RequireValidUrl(args[1], false);
     Library library(nullptr);
     PrintInfo(args[1]);
     return 0;
@@ -638,11 +652,13 @@ int Run(const std::vector<std::string>& args) {
     if (size > 0 && size - 1 > UINT64_MAX - offset) {
       throw UsageError{"the range ends past byte " + std::to_string(UINT64_MAX)};
     }
+    RequireValidUrl(args[1], false);
     Library library(nullptr);
     ReadRange(args[1], offset, size, [](const char* data, std::size_t n) { WriteBody(data, n); });
     return 0;
   }
   if (command == "download" && args.size() == 3) {
+    RequireValidUrl(args[1], false);
     Library library(nullptr);
     Download(args[1], args[2]);
     return 0;

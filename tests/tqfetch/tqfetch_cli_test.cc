@@ -239,6 +239,19 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
     EXPECT_EQ(run.status, 2) << wrong;
     EXPECT_NE(run.output.find("usage: tqfetch"), std::string::npos) << wrong;
   }
+  // A URL that does not parse reaches no server: it is said so, not that a server answered
+  // without naming anything or that a transfer did not complete.
+  const std::string target = (home.path() / "x").string();
+  for (const std::string url : {"http://", "http://127.0.0.1:99999/", "https://[::1/"}) {
+    for (const std::string& command : {"fetch " + url, "info " + url, "range " + url + " 0 1",
+                                       "download " + url + " " + target}) {
+      const Outcome run = Tqfetch(command, home.path());
+      EXPECT_EQ(run.status, 2) << command;
+      EXPECT_EQ(run.output.rfind("tqfetch: not a valid URL: " + url + "\nusage: tqfetch", 0), 0u)
+          << command << ": " << run.output;
+    }
+  }
+  EXPECT_FALSE(std::filesystem::exists(target));
 }
 
 }  // namespace
