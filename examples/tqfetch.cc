@@ -339,10 +339,18 @@ void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
     first_total = total;
     if (total_size != nullptr) *total_size = total;
     const auto count = static_cast<std::uint64_t>(got);
+    // The bytes this piece was due: up to the file's end. A Content-Range without the file's
+    // size ("bytes a-b/*") leaves only the piece's own length in `total`, which bytes that came
+    // from past it give away; a piece that brought none there ends the file.
+    const std::uint64_t at = offset + done;
+    const std::uint64_t due = total > at ? std::min(ask, total - at)
+                              : count > 0 ? std::min(ask, total)
+                                          : 0;
     // A cut piece is not handed on: only whole pieces go out ahead of a failure.
-    if (count < ask && offset + done + count < total) {
+    if (count < due) {
       throw Failure{what + ": only " + std::to_string(done + count) + " of " +
-                    std::to_string(std::min(size, total - offset)) + " bytes arrived"};
+                    std::to_string(total > offset ? std::min(size, total - offset) : size) +
+                    " bytes arrived"};
     }
     sink(buffer.data(), static_cast<std::size_t>(count));
     done += count;

@@ -81,6 +81,20 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   for (auto* routes : {&server, &secure}) {
     routes->Route("/a", tq::test::ScriptedResponse(200, "a"));
   }
+  // Gives no size in its Content-Range ("/*") and cuts each piece after 5 bytes: a piece cut
+  // short is still told from the file's end.
+  tq::test::RawResponder unsized([](tq::test::RawConnection& c) {
+    const std::string head = c.ReadRequestHead();
+    std::uint64_t first = 0, last = 0;
+    const std::size_t at = head.find("Range: bytes=");
+    if (at == std::string::npos ||
+        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+      return;
+    }
+    c.Send("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
+           std::to_string(last) + "/*\r\nContent-Length: " + std::to_string(last - first + 1) +
+           "\r\n\r\nxxxxx");
+  });
   // Refuses HEAD, serves GET: where a download cannot land is its reason, not the refused HEAD.
   server.Route("/get-only", [](const tq::test::RecordedRequest& request) {
     return request.method == "HEAD" ? tq::test::ScriptedResponse(403)
@@ -93,6 +107,8 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
       {"fetch " + short_url, "could not open " + short_url + ": connection aborted"},
       {"range " + short_url + " 1 5", "cannot read bytes 1+5 of " + short_url +
                                           ": only 2 of 5 bytes arrived"},
+      {"range " + unsized.Url("/u") + " 100 10",
+       "cannot read bytes 100+10 of " + unsized.Url("/u") + ": only 5 of 10 bytes arrived"},
       {"info " + bare.Url("/b"), "no file information for " + bare.Url("/b") +
                                      ": the server named no size, modification time or revision"},
       {"download " + short_url + " " + file,
