@@ -597,9 +597,10 @@ std::uint64_t Number(const std::string& text) {
   return value;
 }
 
-// Every layer refuses a URL that does not parse without asking any server: said here, it is not
-// taken for a server that named nothing or a transfer that did not complete. `fetch` also
-// takes local paths, which are not URLs: only its http and https URLs are checked.
+// The library refuses a URL that does not parse without asking any server: said here, it is not
+// taken for a server that named nothing or a read that failed. `fetch` also takes local paths,
+// which are not URLs: only its http and https URLs are checked. `download` is not checked at
+// all: the URL Moniker encodes what the parser refuses (a space, a "|") and fetches such URLs.
 void RequireValidUrl(const std::string& url, bool http_only) {
   std::string scheme = url.substr(0, url.find(':'));
   std::transform(scheme.begin(), scheme.end(), scheme.begin(),
@@ -666,7 +667,6 @@ int Run(const std::vector<std::string>& args) {
     return 0;
   }
   if (command == "download" && args.size() == 3) {
-    RequireValidUrl(args[1], false);
     Library library(nullptr);
     Download(args[1], args[2]);
     return 0;
