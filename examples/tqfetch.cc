@@ -332,20 +332,24 @@ void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
     std::uint64_t total = 0;
     const std::int64_t got = file.Read(offset + done, ask, buffer.data(), &total);
     if (got < 0) throw Failed(what);
-    // Pieces of two versions of the file must not pass for one range.
-    if (first_total && total != *first_total) {
-      throw Failure{what + ": the file changed while it was read"};
-    }
-    first_total = total;
-    if (total_size != nullptr) *total_size = total;
     const auto count = static_cast<std::uint64_t>(got);
-    // The bytes this piece was due: up to the file's end. A Content-Range without the file's
-    // size ("bytes a-b/*") leaves only the piece's own length in `total`, which bytes that came
-    // from past it give away; a piece that brought none there ends the file.
     const std::uint64_t at = offset + done;
-    const std::uint64_t due = total > at ? std::min(ask, total - at)
-                              : count > 0 ? std::min(ask, total)
-                                          : 0;
+    // A Content-Range without the file's size ("bytes a-b/*") leaves only the piece's own
+    // length in `total`, which bytes that came from past it give away. Such a length tells
+    // neither where the file ends nor whether it changed.
+    const bool piece_length = total <= at && count > 0;
+    // Pieces of two versions of the file must not pass for one range.
+    if (!piece_length) {
+      if (first_total && total != *first_total) {
+        throw Failure{what + ": the file changed while it was read"};
+      }
+      first_total = total;
+    }
+    if (total_size != nullptr) *total_size = total;
+    // The bytes this piece was due: its own length, or up to the file's end (none past it).
+    const std::uint64_t due = piece_length  ? std::min(ask, total)
+                              : total > at ? std::min(ask, total - at)
+                                           : 0;
     // A cut piece is not handed on: only whole pieces go out ahead of a failure.
     if (count < due) {
       throw Failure{what + ": only " + std::to_string(done + count) + " of " +
