@@ -21,6 +21,7 @@
 #endif
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -331,17 +332,29 @@ void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
     std::uint64_t total = 0;
     const std::int64_t got = file.Read(offset + done, ask, buffer.data(), &total);
     if (got < 0) throw Failed(what);
-    // Pieces of two versions of the file must not pass for one range.
-    if (first_total && total != *first_total) {
-      throw Failure{what + ": the file changed while it was read"};
-    }
-    first_total = total;
-    if (total_size != nullptr) *total_size = total;
     const auto count = static_cast<std::uint64_t>(got);
+    const std::uint64_t at = offset + done;
+    // A Content-Range without the file's size ("bytes a-b/*") leaves only the piece's own
+    // length in `total`, which bytes that came from past it give away. Such a length tells
+    // neither where the file ends nor whether it changed.
+    const bool piece_length = total <= at && count > 0;
+    // Pieces of two versions of the file must not pass for one range.
+    if (!piece_length) {
+      if (first_total && total != *first_total) {
+        throw Failure{what + ": the file changed while it was read"};
+      }
+      first_total = total;
+    }
+    if (total_size != nullptr) *total_size = total;
+    // The bytes this piece was due: its own length, or up to the file's end (none past it).
+    const std::uint64_t due = piece_length  ? std::min(ask, total)
+                              : total > at ? std::min(ask, total - at)
+                                           : 0;
     // A cut piece is not handed on: only whole pieces go out ahead of a failure.
-    if (count < ask && offset + done + count < total) {
+    if (count < due) {
       throw Failure{what + ": only " + std::to_string(done + count) + " of " +
-                    std::to_string(std::min(size, total - offset)) + " bytes arrived"};
+                    std::to_string(total > offset ? std::min(size, total - offset) : size) +
+                    " bytes arrived"};
     }
     sink(buffer.data(), static_cast<std::size_t>(count));
     done += count;
@@ -358,13 +371,13 @@ std::string ReadRangeText(const std::string& url, std::uint64_t offset, std::uin
   return bytes;
 }
 
-// Why a download failed when none of its exchanges said: where it was to land, or the transfer.
-std::string DownloadFailure(const fs::path& target) {
+// What keeps a download from landing at `target`, or nothing.
+std::string TargetProblem(const fs::path& target) {
   std::error_code ignored;
   const fs::path parent = target.has_parent_path() ? target.parent_path() : fs::path(".");
   if (!fs::is_directory(parent, ignored)) return "no such directory: " + Text(parent);
   if (fs::is_directory(target, ignored)) return Text(target) + " is a directory";
-  return "the transfer did not complete";
+  return {};
 }
 
 void Download(const std::string& url, const std::string& path) {
@@ -378,7 +391,13 @@ void Download(const std::string& url, const std::string& path) {
   if (protocol.GetFileInfo(Wide(url).c_str(), &info)) total = info.GetFileSize();
   ProgressBar bar("download", total);
   if (!protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
-    throw Failed("download of " + url + " to " + path + " failed", DownloadFailure(PathOf(path)));
+    const std::string what = "download of " + url + " to " + path + " failed";
+    // Such a target is refused before the download sends anything: what the information's own
+    // request met (a server that refuses HEAD, say) is not why.
+    if (const std::string problem = TargetProblem(PathOf(path)); !problem.empty()) {
+      throw Failure{what + ": " + problem};
+    }
+    throw Failed(what, "the transfer did not complete");
   }
 }
 
@@ -574,11 +593,24 @@ std::uint64_t Number(const std::string& text) {
   char* end = nullptr;
   errno = 0;
   const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-  // Past 64 bits strtoull gives its largest value: another number than the one written.
-  if (text.empty() || text[0] == '-' || *end != '\0' || errno == ERANGE) {
+  // Past 64 bits strtoull gives its largest value: another number than the one written. It
+  // also takes a minus sign after leading spaces and negates: " -1" would read as 2^64 - 1.
+  if (text.empty() || text.find('-') != std::string::npos || *end != '\0' || errno == ERANGE) {
     throw UsageError{"not a number: " + text};
   }
   return value;
+}
+
+// The library refuses a URL that does not parse without asking any server: said here, it is not
+// taken for a server that named nothing or a read that failed. `fetch` also takes local paths,
+// which are not URLs: only its http and https URLs are checked. `download` is not checked at
+// all: the URL Moniker encodes what the parser refuses (a space, a "|") and fetches such URLs.
+void RequireValidUrl(const std::string& url, bool http_only) {
+  std::string scheme = url.substr(0, url.find(':'));
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (http_only && scheme != "http" && scheme != "https") return;
+  if (!TqUURL(Wide(url).c_str(), false).IsValid()) throw UsageError{"not a valid URL: " + url};
 }
 
 int Run(const std::vector<std::string>& args) {
@@ -598,6 +630,7 @@ int Run(const std::vector<std::string>& args) {
     return 0;
   }
   if (command == "fetch" && (args.size() == 2 || (args.size() == 4 && args[2] == "-o"))) {
+    RequireValidUrl(args[1], true);
     Library library(nullptr);
     const auto stream = OpenThroughCache(args[1]);
     if (args.size() == 4) {
@@ -621,14 +654,20 @@ int Run(const std::vector<std::string>& args) {
     return 0;
   }
   if (command == "info" && args.size() == 2) {
+    RequireValidUrl(args[1], false);
     Library library(nullptr);
     PrintInfo(args[1]);
     return 0;
   }
   if (command == "range" && args.size() == 4) {
+    const std::uint64_t offset = Number(args[2]);
+    const std::uint64_t size = Number(args[3]);
+    if (size > 0 && size - 1 > UINT64_MAX - offset) {
+      throw UsageError{"the range ends past byte " + std::to_string(UINT64_MAX)};
+    }
+    RequireValidUrl(args[1], false);
     Library library(nullptr);
-    ReadRange(args[1], Number(args[2]), Number(args[3]),
-              [](const char* data, std::size_t n) { WriteBody(data, n); });
+    ReadRange(args[1], offset, size, [](const char* data, std::size_t n) { WriteBody(data, n); });
     return 0;
   }
   if (command == "download" && args.size() == 3) {

@@ -2,6 +2,7 @@
 
 #include <cwchar>
 #include <memory>
+#include <vector>
 
 #include "net/fileprotocol/protocol_internal.h"
 
@@ -246,7 +247,9 @@ bool HttpFileProtocol::ResolveRelative(const wchar_t* base, const wchar_t* relat
   const TqUURL relative_url(relative != nullptr ? relative : L"", true);
   TqUURL resolved;
   TqUURL::ResolveRelative(base_url, relative_url, resolved);
-  for (PostUrlResolutionFunc callback : m_post_url_resolution_funcs) {
+  // A copy: a callback may add or remove callbacks (itself too) while the list runs.
+  const std::vector<PostUrlResolutionFunc> callbacks = m_post_url_resolution_funcs;
+  for (PostUrlResolutionFunc callback : callbacks) {
     if (callback != nullptr) callback(base_url, relative_url, resolved);
   }
   result->SetString(resolved.GetString());

@@ -580,6 +580,22 @@ TEST_F(ProtocolTest, ResolutionCallbacksRunInTheOrderAddedAndOneRemovalTakesEver
   HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'y'>);
   HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'y'>);  // not there: no change
   EXPECT_EQ(resolve(L"e"), L"http://h/a/b/e");
+
+  // A one-shot callback removes itself and adds its successor while the resolution runs: that
+  // resolution runs the list as it found it, the next one the list as it was left.
+  struct OneShot {
+    static void Run(const TqUURL& base, const TqUURL& relative, TqUURL& resolved) {
+      HttpFileProtocol::RemovePostUrlResolutionCallback(&Run);
+      for (int i = 0; i < 64; ++i) HttpFileProtocol::AddPostUrlResolutionCallback(&Append<L'z'>);
+      Append<L's'>(base, relative, resolved);
+    }
+  };
+  HttpFileProtocol::AddPostUrlResolutionCallback(&OneShot::Run);
+  HttpFileProtocol::AddPostUrlResolutionCallback(&Append<L'y'>);
+  EXPECT_EQ(resolve(L"e"), L"http://h/a/b/esy");
+  EXPECT_EQ(resolve(L"e"), L"http://h/a/b/ey" + std::wstring(64, L'z'));
+  HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'y'>);
+  HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'z'>);
 }
 
 std::string ReadAll(const std::filesystem::path& path) {

@@ -81,6 +81,25 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   for (auto* routes : {&server, &secure}) {
     routes->Route("/a", tq::test::ScriptedResponse(200, "a"));
   }
+  // Gives no size in its Content-Range ("/*") and cuts each piece after 5 bytes: a piece cut
+  // short is still told from the file's end.
+  tq::test::RawResponder unsized([](tq::test::RawConnection& c) {
+    const std::string head = c.ReadRequestHead();
+    std::uint64_t first = 0, last = 0;
+    const std::size_t at = head.find("Range: bytes=");
+    if (at == std::string::npos ||
+        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+      return;
+    }
+    c.Send("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
+           std::to_string(last) + "/*\r\nContent-Length: " + std::to_string(last - first + 1) +
+           "\r\n\r\nxxxxx");
+  });
+  // Refuses HEAD, serves GET: where a download cannot land is its reason, not the refused HEAD.
+  server.Route("/get-only", [](const tq::test::RecordedRequest& request) {
+    return request.method == "HEAD" ? tq::test::ScriptedResponse(403)
+                                    : tq::test::ScriptedResponse(200, "a");
+  });
   tq::test::SameAnswerServer bare("HTTP/1.1 200 OK\r\n\r\n");  // no size, time or tag
   const std::string short_url = cut.Url("/cut");
   const std::string nowhere = (home.path() / "no" / "x").string();
@@ -88,6 +107,8 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
       {"fetch " + short_url, "could not open " + short_url + ": connection aborted"},
       {"range " + short_url + " 1 5", "cannot read bytes 1+5 of " + short_url +
                                           ": only 2 of 5 bytes arrived"},
+      {"range " + unsized.Url("/u") + " 100 10",
+       "cannot read bytes 100+10 of " + unsized.Url("/u") + ": only 5 of 10 bytes arrived"},
       {"info " + bare.Url("/b"), "no file information for " + bare.Url("/b") +
                                      ": the server named no size, modification time or revision"},
       {"download " + short_url + " " + file,
@@ -97,6 +118,12 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
       {"download " + server.Url("/a") + " " + nowhere,
        "download of " + server.Url("/a") + " to " + nowhere + " failed: no such directory: " +
            (home.path() / "no").string()},
+      {"download " + server.Url("/get-only") + " " + nowhere,
+       "download of " + server.Url("/get-only") + " to " + nowhere + " failed: no such directory: " +
+           (home.path() / "no").string()},
+      {"download " + server.Url("/get-only") + " " + home.path().string(),
+       "download of " + server.Url("/get-only") + " to " + home.path().string() + " failed: " +
+           home.path().string() + " is a directory"},
       {"fetch " + secure.Url("/a"),
        "could not open " + secure.Url("/a") + ": certificate not trusted"}};
   for (const auto& [command, line] : local_failures) {
@@ -188,6 +215,26 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
                                      "fetch " + url + " -o /dev/full"}) {
     EXPECT_EQ(Tqfetch(command, home.path()).status, 1) << command;
   }
+  // A server that gives no size in its Content-Range ("/*") is read whole: the length that comes
+  // with each piece is that piece's own, and a shorter last piece is no other version. (After
+  // the measure above: a child's peak counts from this process's size when it was forked.)
+  tq::test::SameAnswerServer sizeless([](const std::string& head) -> std::string {
+    std::uint64_t first = 0, last = 0;
+    const std::size_t at = head.find("Range: bytes=");
+    if (at == std::string::npos ||
+        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+      return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
+    }
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
+           std::to_string(last) + "/*\r\nContent-Length: " + std::to_string(last - first + 1) +
+           "\r\n\r\n" + std::string(last - first + 1, 'u');
+  });
+  const Outcome read = Tqfetch("range " + sizeless.Url("/u") + " 0 " + std::to_string(9 << 20),
+                                home.path());
+  EXPECT_EQ(read.status, 0) << read.output.substr(std::min<std::size_t>(read.output.size(),
+                                                                          8 << 20));
+  EXPECT_EQ(read.output.size(), std::size_t{9 << 20});
+  EXPECT_EQ(read.output.find_first_not_of('u'), std::string::npos);
   const std::filesystem::path file = home.path() / std::filesystem::path(u8"caf\u00e9 \u65e5.bin");
   for (const std::string& command : {"fetch " + url + " -o", "download " + url}) {
     std::filesystem::remove(file);
@@ -219,11 +266,33 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
   EXPECT_EQ(version.output.rfind("tqfetch ", 0), 0u) << version.output;
 
   for (const char* wrong : {"--bogus", "fetch", "range http://127.0.0.1:1/ x 1", "cache empty",
-                            "range http://127.0.0.1:1/ 0 18446744073709551616"}) {
+                            "range http://127.0.0.1:1/ 0 18446744073709551616",
+                            // A negative value behind a space, and a range whose last byte lies
+                            // past 2^64 - 1, name no bytes of any file.
+                            "range http://127.0.0.1:1/ ' -1' 1", "range http://127.0.0.1:1/ 0 ' -2'",
+                            "range http://127.0.0.1:1/ 18446744073709551615 2"}) {
     const Outcome run = Tqfetch(wrong, home.path());
     EXPECT_EQ(run.status, 2) << wrong;
     EXPECT_NE(run.output.find("usage: tqfetch"), std::string::npos) << wrong;
   }
+  // A URL that does not parse reaches no server: it is said so, not that a server answered
+  // without naming anything or that a read failed.
+  for (const std::string url : {"http://", "http://127.0.0.1:99999/", "https://[::1/"}) {
+    for (const std::string& command : {"fetch " + url, "info " + url, "range " + url + " 0 1"}) {
+      const Outcome run = Tqfetch(command, home.path());
+      EXPECT_EQ(run.status, 2) << command;
+      EXPECT_EQ(run.output.rfind("tqfetch: not a valid URL: " + url + "\nusage: tqfetch", 0), 0u)
+          << command << ": " << run.output;
+    }
+  }
+  // The URL Moniker encodes what that parser refuses: such a URL is downloaded.
+  tq::test::SameAnswerServer any("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+  const std::filesystem::path target = home.path() / "x";
+  const Outcome spaced = Tqfetch("download '" + any.Url("/a b|c") + "' " + target.string(),
+                                 home.path());
+  EXPECT_EQ(spaced.status, 0) << spaced.output;
+  std::ifstream in(target, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "ok");
 }
 
 }  // namespace
