@@ -35,7 +35,8 @@ struct Candidate {
   std::int64_t last_used = 0;
   std::int64_t expiry = 0;
   std::uint64_t size = 0;
-  std::size_t name = 0;  // as in Listing::File
+  std::size_t name = 0;      // as in Listing::File
+  bool stored_body = false;  // written in place by its writer (see RemoveOldest)
 };
 
 // Within one span of last-use times, counted from the oldest entry still left, expired entries
@@ -186,12 +187,13 @@ std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, const Listi
     CacheEntry::Probe probe = CacheEntry::Probe::kUnusable;
     std::int64_t last_used = 0;
     std::int64_t expiry = 0;
+    bool stored_body = false;
   };
   std::vector<Read> reads(listing.files.size());
   RunInParallel(reads.size(), kReadsPerThread, [&](std::size_t i) {
     Read& read = reads[i];
     read.probe = CacheEntry::ProbeTimes(directory, listing.Name(listing.files[i].name),
-                                        &read.last_used, &read.expiry);
+                                        &read.last_used, &read.expiry, &read.stored_body);
   });
 
   std::vector<Candidate> candidates;
@@ -200,7 +202,8 @@ std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, const Listi
     const Listing::File& file = listing.files[i];
     switch (reads[i].probe) {
       case CacheEntry::Probe::kEntry:
-        candidates.push_back({reads[i].last_used, reads[i].expiry, Size(file), file.name});
+        candidates.push_back({reads[i].last_used, reads[i].expiry, Size(file), file.name,
+                              reads[i].stored_body});
         break;
       case CacheEntry::Probe::kDeleted:   // not an entry: deleted by the reading
       case CacheEntry::Probe::kUnusable:  // held by a writer (a store in progress) or undeletable
@@ -266,9 +269,15 @@ void RemoveOldest(const TqUSysDirectory& directory, const Listing& listing,
     if (victims.empty()) return;
     removed.assign(victims.size(), 0);
     RunInParallel(victims.size(), kRemovalsPerThread, [&](std::size_t i) {
+      // A stored body's writer writes into the file at its name, which a removal by name would
+      // take from it: held, it is passed over. Other entries are only ever replaced by a rename
+      // and are removed by name, which costs one system call instead of six.
+      const Candidate& victim = candidates[victims[i]];
+      const TqUSysDirectory::Char* name = listing.Name(victim.name);
       std::error_code ec;
-      removed[i] =
-          directory.RemoveFileUnlessHeld(listing.Name(candidates[victims[i]].name), ec) ? 1 : 0;
+      const bool gone = victim.stored_body ? directory.RemoveFileUnlessHeld(name, ec)
+                                           : directory.RemoveFile(name, ec);
+      removed[i] = gone ? 1 : 0;
     });
     for (std::size_t i = 0; i < victims.size(); ++i) {
       if (removed[i]) Subtract(total, candidates[victims[i]].size);

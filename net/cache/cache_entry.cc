@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <system_error>
 #include <type_traits>
 #include <utility>
@@ -10,6 +12,7 @@
 #include <gsl/narrow>
 
 #include "net/cache/cache_entry_format.h"
+#include "net/cache/url_cache.h"
 #include "net/stream/stream_copy.h"
 
 namespace qv::net {
@@ -336,7 +339,8 @@ CacheEntry CacheEntry::Load(const fs::path& path, EntryFile* keep_open) {
 
 CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
                                          const TqUSysDirectory::Char* name,
-                                         std::int64_t* last_used, std::int64_t* expiry) {
+                                         std::int64_t* last_used, std::int64_t* expiry,
+                                         bool* stored_body) {
   // One read of the file's first bytes holds the header of nearly every entry; a longer one
   // (a long tag or key) is read as Load reads it.
   constexpr std::size_t kFirstRead = 512;
@@ -350,18 +354,24 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
   // A header longer than the first read, in a file that may be long enough for it.
   const bool longer = walk.end > have && have == kFirstRead;
   HeaderFields fields;
+  std::string_view key;
   if (longer) {
     UniqueFile file(directory.OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
                                        TqUSysFile::kOpenExisting, 0, 0));
     if (!file) return Probe::kUnusable;
     valid = ReadHeader(file.get(), fields, false);
+    key = fields.key;
   } else if (valid) {
     fields.last_used = ef::GetI64(first + ef::kLastUsedOffset);
     fields.expiry = ef::GetI64(first + ef::kExpiryOffset);
+    key = std::string_view(reinterpret_cast<const char*>(first + walk.key_offset),
+                           walk.key_length);
   }
   if (valid) {
+    static const std::string stored_body_prefix = qv::WideToUtf8(CachePrefix());
     *last_used = fields.last_used;
     *expiry = fields.expiry;
+    *stored_body = key.starts_with(stored_body_prefix);
     return Probe::kEntry;
   }
   // Not an entry: deleted as Load deletes it (gone already counts as deleted). The bytes read

@@ -49,14 +49,16 @@ class CacheEntry {
   static CacheEntry Load(const std::filesystem::path& path, EntryFile* keep_open);
 
   // What the clean-up reads of the file `name` in `directory`: its times, read and checked as
-  // Load reads and checks a file, without building an entry (no path, key or tag is kept).
+  // Load reads and checks a file, without building an entry (no path, key or tag is kept), and
+  // whether it is a body kept under a stored-body name ("qvcache://"): its writer writes it in
+  // place, not through a file renamed over it.
   enum class Probe {
-    kEntry,     // an entry: *last_used and *expiry are set
+    kEntry,     // an entry: *last_used, *expiry and *stored_body are set
     kDeleted,   // not an entry, and deleted (where Load throws invalid_cache_header)
     kUnusable,  // cannot be opened, or not an entry and cannot be deleted (Load's other errors)
   };
   static Probe ProbeTimes(const TqUSysDirectory& directory, const TqUSysDirectory::Char* name,
-                          std::int64_t* last_used, std::int64_t* expiry);
+                          std::int64_t* last_used, std::int64_t* expiry, bool* stored_body);
 
   // The file exists and has a header. Throws std::filesystem::filesystem_error ("exists").
   bool IsValid() const;
