@@ -181,6 +181,25 @@ TEST_F(HeaderQueriesTest, OddLengthsMissingHeadersAndFixedSizeAnswers) {
   EXPECT_EQ(index, 2u);
 }
 
+// The request-headers query reports every line that went out, also past the size a server's
+// header block may take.
+TEST(RequestHeaderQueryTest, LinesPastTheLimitOfAnAnswersBlockAreReported) {
+  std::string seen;
+  RawResponder server([&](RawConnection& c) {
+    seen = c.ReadRequestHead();
+    c.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+  });
+  ASSERT_TRUE(server.ok());
+  const Handle session = OpenSession();
+  const Handle connection = Connect(session, server.port());
+  const Handle request = OpenRequest(connection, L"/");
+  const std::size_t big = tqplatform::HeaderBlock::kMaxBytes + 10;
+  ASSERT_TRUE(Send(request, L"X-Big: " + std::wstring(big, L'a') + L"\r\nX-After: 1\r\n"));
+  ASSERT_NE(seen.find("\r\nX-After: 1\r\n"), std::string::npos);
+  EXPECT_EQ(QueryText(request, HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_REQUEST_HEADERS, L"X-After"),
+            "1");
+}
+
 // Dates reach callers through SystemTimeToFileTime: 100 ns ticks since 1601, leap years by the
 // Gregorian rule, the day of the week ignored; a field out of its range fails with
 // ERROR_INVALID_PARAMETER and writes nothing. The last error is the thread's own.
