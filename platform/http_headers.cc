@@ -209,7 +209,8 @@ inline std::uint32_t HeaderBlock::AppendEntry(std::string_view raw, std::string_
 
 HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response) {
   bytes_ += raw.size();
-  if (bytes_ > kMaxBytes) return LineResult::kInvalid;
+  // The bound is for what a server sends; the lines of a request went out whole.
+  if (response && bytes_ > kMaxBytes) return LineResult::kInvalid;
   const std::string_view line = TrimLineEnd(raw);
   if (start_end_ == 0) {
     if (line.empty()) return LineResult::kInvalid;

@@ -259,6 +259,14 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
     lines.push_back("User-Agent: " + sent_agent_);
   }
   lines.insert(lines.end(), sent.begin(), sent.end());
+  // libcurl announces a body's length after the caller's lines, unless the caller's own (right)
+  // line went out; a HEAD goes without its body.
+  const std::string& method = transfer_->method();
+  const std::size_t body_size = transfer_->request().body.size();
+  if (method != "HEAD" && (body_size != 0 || method == "POST") &&
+      !HasHeaderLine(sent, "Content-Length")) {
+    lines.push_back("Content-Length: " + std::to_string(body_size));
+  }
   HeaderBlock block;
   const std::string& target = transfer_->sent_target();
   block.SetRequest(transfer_->method() + " " +
