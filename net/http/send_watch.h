@@ -13,25 +13,22 @@
 
 namespace qv::net::detail {
 
-// The stop tokens of the send in flight on this thread, from construction to destruction: the
-// caller's, and another whose stop cancels the send as well (the shut-down of the worker pool
-// whose task sends). Scopes nest; the innermost one counts. `stop` must outlive the scope.
+// The stop token of the send in flight on this thread, from construction to destruction.
+// Scopes nest; the innermost one counts. The token must outlive the scope.
 class SendStopScope {
  public:
-  explicit SendStopScope(const qv::stop_token& stop, qv::stop_token also = {});
+  explicit SendStopScope(const qv::stop_token& stop);
   ~SendStopScope();
   SendStopScope(const SendStopScope&) = delete;
   SendStopScope& operator=(const SendStopScope&) = delete;
 
  private:
   const qv::stop_token* m_previous;
-  const qv::stop_token* m_previous_also;
-  qv::stop_token m_also;
 };
 
 // Watches the request handle of one send, made under a SendStopScope on this thread (without a
-// scope nothing is watched): when either of the scope's tokens reports a stop, `close(request)`
-// runs on the watcher thread. The transport creates it once the handle is open, just before sending. It
+// scope nothing is watched): when the scope's stop is requested, `close(request)` runs on the
+// watcher thread. The transport creates it once the handle is open, just before sending. It
 // throws nothing: when memory runs out the send is simply not watched.
 class SendWatch {
  public:

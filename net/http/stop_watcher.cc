@@ -17,7 +17,6 @@ struct StopWatch::Entry {
   enum class State { Watching, Running, Ran };
 
   qv::stop_token stop;
-  qv::stop_token also;
   std::function<void()> on_stop;
   State state = State::Watching;  // guarded by the watcher's mutex
 };
@@ -44,15 +43,10 @@ class Watcher {
       m_running = true;
       HoldModule();
     }
-    // A token stopped already is seen at once, not a poll interval later; other entries wait
-    // for the next poll, so that a watch around every read of a body does not wake the thread.
-    const bool wake = m_entries.empty() || entry->stop.stop_requested() ||
-                      entry->also.stop_requested();
     m_entries.push_back(entry);
-    if (wake) {
-      ++m_generation;
-      m_wake.notify_all();
-    }
+    // A token stopped already is seen at once, not a poll interval later.
+    ++m_generation;
+    m_wake.notify_all();
     return true;
   }
 
@@ -92,8 +86,7 @@ class Watcher {
       }
       std::vector<std::shared_ptr<StopWatch::Entry>> due;
       for (const auto& entry : m_entries) {
-        if (entry->state == State::Watching &&
-            (entry->stop.stop_requested() || entry->also.stop_requested())) {
+        if (entry->state == State::Watching && entry->stop.stop_requested()) {
           entry->state = State::Running;
           due.push_back(entry);
         }
@@ -138,14 +131,10 @@ Watcher& TheWatcher() { return g_watcher; }
 
 }  // namespace
 
-StopWatch::StopWatch(qv::stop_token stop, std::function<void()> on_stop)
-    : StopWatch(std::move(stop), qv::stop_token(), std::move(on_stop)) {}
-
-StopWatch::StopWatch(qv::stop_token stop, qv::stop_token also, std::function<void()> on_stop) {
-  if (!stop.stop_possible() && !also.stop_possible()) return;
+StopWatch::StopWatch(qv::stop_token stop, std::function<void()> on_stop) {
+  if (!stop.stop_possible()) return;
   auto entry = std::make_shared<Entry>();
   entry->stop = std::move(stop);
-  entry->also = std::move(also);
   entry->on_stop = std::move(on_stop);
   if (TheWatcher().Add(entry)) m_entry = std::move(entry);
 }

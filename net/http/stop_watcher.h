@@ -24,8 +24,6 @@ class StopWatch {
   // and must not throw. A token that can never stop is not watched. If the thread cannot be
   // started, nothing is watched (the wait then ends as it would have without the watch).
   StopWatch(qv::stop_token stop, std::function<void()> on_stop);
-  // Watches both tokens: the action runs when either reports a stop.
-  StopWatch(qv::stop_token stop, qv::stop_token also, std::function<void()> on_stop);
   ~StopWatch();
   StopWatch(const StopWatch&) = delete;
   StopWatch& operator=(const StopWatch&) = delete;

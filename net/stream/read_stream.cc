@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <new>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -137,11 +135,9 @@ std::optional<std::string> QueryETag(IHttpApi& api, void* request) {
 
 // Sends through the transport with `stop` named as the stop of the send in flight, so that a
 // transport that blocks in the send or in the wait for the response headers can be cancelled.
-// On a worker the pool's shut-down cancels it too: the host's shut-down waits for the task, and
-// a server slow to answer would hold it for the transport's whole time-out.
 void* SendWatched(IHttpApi& api, void* connection, const HttpRequest& request,
                   const wchar_t** accept_types, bool& sent, const qv::stop_token& stop) {
-  detail::SendStopScope scope(stop, thread_pool::CallerPoolStopToken());
+  detail::SendStopScope scope(stop);
   return api.SendRequest(connection, request, accept_types, sent);
 }
 
@@ -341,26 +337,9 @@ std::uint64_t HttpReadStream::Read(void* buffer, std::uint64_t size) {
       std::min<std::uint64_t>(size, std::numeric_limits<std::uint32_t>::max()));
   std::uint32_t bytes_read = 0;
   IHttpApi* api = HttpApi();
-  if (api == nullptr) throw http_exception("Unable to read HTTP data\n");
-  // On a worker the pool's shut-down ends a read that waits for a stalled body, as it cancels
-  // a send: the host's shut-down waits for the task, which would otherwise wait out the
-  // transport's idle time-out. Closing the handle is how the transport cancels a blocked read.
-  std::optional<detail::StopWatch> watch;
-  if (qv::stop_token pool_stopping = thread_pool::CallerPoolStopToken();
-      pool_stopping.stop_possible()) {
-    try {
-      watch.emplace(std::move(pool_stopping),
-                    [api, request = m_impl->m_request] { api->CloseHandle(request); });
-    } catch (const std::bad_alloc&) {
-      // Unwatched, the read ends as it would have before: at the transport's time-out.
-    }
-  }
-  const bool ok = api->Read(m_impl->m_request, buffer, chunk, bytes_read);
-  if (watch && watch->Finish()) {
-    m_impl->m_request = nullptr;  // closed by the watcher: never to be used or closed again
+  if (api == nullptr || !api->Read(m_impl->m_request, buffer, chunk, bytes_read)) {
     throw http_exception("Unable to read HTTP data\n");
   }
-  if (!ok) throw http_exception("Unable to read HTTP data\n");
   return bytes_read;
 }
 

@@ -16,8 +16,6 @@
 #include <utility>
 #include <vector>
 
-#include "net/host/tqutil.h"
-
 namespace vemo {
 
 // A move-only, type-erased callable, called once.
@@ -90,10 +88,6 @@ class thread_pool {
   // A task's own waits (a pause before a retry) end early then, so that the shut-down does not
   // wait them out.
   static bool CallerPoolStopping();
-  // A token that reports a stop once the pool whose task calls is shutting down; one that can
-  // never stop on any other thread. For waits that only a token can end (a send blocked in the
-  // transport), so that the shut-down does not wait them out either.
-  static qv::stop_token CallerPoolStopToken();
 
   // Stops taking tasks and waits for the running ones to end; returns when every worker has
   // ended. Queued tasks stay queued (never run) until the pool is destroyed. Idempotent; call
@@ -122,7 +116,6 @@ class thread_pool {
   std::deque<vemo::function_wrapper> m_queue;
   std::condition_variable m_queue_cv;
   std::atomic<bool> m_queue_stopped{false};
-  qv::stop_source m_stopping;  // stopped with the queue
   std::vector<std::thread> m_threads;
   joiner m_joiner{m_threads};
 };

@@ -9,7 +9,6 @@
 
 #include "net/stream/read_stream.h"
 #include "net/stream/stream_copy.h"
-#include "net/stream/thread_pool.h"
 
 namespace qv::net {
 namespace {
@@ -36,13 +35,7 @@ std::unique_ptr<qv::io::IDataReadStream> OpenUrlReadStream(std::wstring_view url
                                                            qv::stop_token stop) {
   const std::wstring text(url);
   try {
-    if (IsHttpUrl(text)) {
-      std::unique_ptr<HttpReadStream> stream = HttpReadStream::Open(text, 0, std::move(stop));
-      // A send that the shut-down of this task's worker pool cancelled got no answer at all:
-      // there is nothing to read, which is not an empty body.
-      if (!stream->IsOpen() && thread_pool::CallerPoolStopping()) return nullptr;
-      return stream;
-    }
+    if (IsHttpUrl(text)) return HttpReadStream::Open(text, 0, std::move(stop));
     return TqUFileURL::OpenURLReadStream(text.c_str(), std::move(stop));
   } catch (const std::runtime_error& e) {
     LogUrlFailure("Failed to open stream for URL: ", text, e);

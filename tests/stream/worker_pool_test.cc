@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -15,7 +14,6 @@
 #include "net/stream/thread_pool.h"
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/latch.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/read_all.h"
 #include "tests/support/servers/gate.h"
 
@@ -163,63 +161,6 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(tq::test::ReadAll(*stream, 32), "");
   EXPECT_EQ(m_api.CountCalls("Send") - sends, 1);
-}
-
-// Regression: a task whose send waited for a server's answer held the pool's shut-down (and so
-// TerminateHttp) until the transport's time-out, a minute by default, though it has no stop
-// token of its own. The shut-down now cancels the send: the task ends with no answer (no
-// stream, never an empty body), its handle closed once, and nothing is sent again.
-TEST_F(OpenFileOrUrlAsyncTest, ThePoolShuttingDownCancelsASendBlockedOnAWorker) {
-  qv::net::ExchangeWorkerThreadPool(std::make_unique<thread_pool>(4));
-  tq::test::FakeResponse blocking;
-  blocking.block_until_closed = true;
-  m_api.Queue(blocking);
-  tq::test::Latch blocked(1);
-  m_api.OnBlocked([&] { blocked.count_down(); });
-  auto pending = OpenFileOrUrlAsync(L"http://example.test/held", 0, {});
-  blocked.wait();
-  const int closes = m_api.CloseCount();
-  qv::net::ExchangeWorkerThreadPool(nullptr).reset();
-  m_api.OnBlocked({});
-  EXPECT_EQ(pending.get(), nullptr);
-  EXPECT_EQ(m_api.CloseCount() - closes, 1);
-  EXPECT_EQ(m_api.CountCalls("Send"), 1);
-}
-
-// Regression: so did a task reading a body the server had stopped sending, until the transport's
-// idle time-out. The shut-down now ends the read as a failed one: the task's future holds no
-// stream, never the body as it stood. (Here the read waits for the first handle closed.)
-TEST(OpenFileOrUrlAsyncShutDownTest, ThePoolShuttingDownEndsABodyReadWaitingOnAWorker) {
-  struct SignallingApi : tq::test::FakeHttpApi {
-    bool CloseHandle(void* handle) override {
-      const bool closed = FakeHttpApi::CloseHandle(handle);
-      first_close.Open();
-      return closed;
-    }
-    Gate first_close;
-  } api;
-  tq::test::LogCapture log;
-  qv::net::IHttpApi* previous = qv::net::SetHttpApi(&api);
-  api.Queue(tq::test::FakeResponse{}.Header(L"Content-Length", L"8").Body("abcd").Body("efgh"));
-  tq::test::Latch waiting(1);
-  int reads = 0;
-  api.on_read = [&] {
-    if (++reads != 2) return;
-    waiting.count_down();
-    api.first_close.Wait();
-  };
-  qv::net::ExchangeWorkerThreadPool(std::make_unique<thread_pool>(1));
-  auto pending = OpenFileOrUrlAsync(L"http://example.test/stalled", 0, {});
-  waiting.wait();
-  qv::net::ExchangeWorkerThreadPool(nullptr).reset();
-  EXPECT_EQ(pending.get(), nullptr);
-  EXPECT_EQ(reads, 2);
-  EXPECT_EQ(api.CountCalls("Close"), 1) << "the request, once";
-  EXPECT_THAT(log.Lines(), ::testing::Contains("Failed to read or write stream in CopyStream: "
-                                               "Unable to read HTTP data\n"));
-  qv::net::HttpConnectionPool::Terminate();
-  qv::net::SetHttpApi(previous);
-  EXPECT_EQ(api.OpenHandles(), 0u);
 }
 
 }  // namespace
