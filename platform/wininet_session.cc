@@ -41,6 +41,35 @@ SettingsHolder& ProcessSettings() {
 }
 
 namespace {
+// The sessions of the process, for a change of a process-wide setting that their connections'
+// waiting requests must see. Never destroyed: handles may be used from static destructors.
+struct SessionList {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<Session>> sessions;
+};
+
+SessionList& Sessions() {
+  static auto* list = new SessionList;
+  return *list;
+}
+
+void AddSession(const std::shared_ptr<Session>& session) {
+  SessionList& list = Sessions();
+  std::lock_guard lock(list.mutex);
+  std::erase_if(list.sessions, [](const auto& weak) { return weak.expired(); });
+  list.sessions.push_back(session);
+}
+
+std::vector<std::shared_ptr<Session>> LiveSessions() {
+  std::vector<std::shared_ptr<Session>> out;
+  SessionList& list = Sessions();
+  std::lock_guard lock(list.mutex);
+  for (const auto& weak : list.sessions) {
+    if (auto session = weak.lock()) out.push_back(std::move(session));
+  }
+  return out;
+}
+
 std::mutex g_ca_mutex;
 std::optional<std::string> g_ca_file;
 std::atomic<bool> g_ca_file_set{false};  // spares every request the lock outside such tests
@@ -398,6 +427,17 @@ std::optional<DWORD> Settings::*DwordField(DWORD option) {
   }
 }
 
+// Wakes the requests waiting for a slot on the connections under `object` (null: the process).
+void WakeSlotWaiters(InternetObject* object) {
+  if (object == nullptr) {
+    for (const auto& session : LiveSessions()) WakeSlotWaiters(session.get());
+  } else if (object->kind() == HandleKind::kConnection) {
+    static_cast<Connection*>(object)->WakeWaiters();
+  } else if (object->kind() == HandleKind::kSession) {
+    for (const auto& child : object->Children()) WakeSlotWaiters(child.get());
+  }
+}
+
 DWORD SetDwordOption(SettingsHolder* target, InternetObject* object, DWORD option,
                      const void* buffer, DWORD buffer_length) {
   const auto field = DwordField(option);
@@ -415,10 +455,9 @@ DWORD SetDwordOption(SettingsHolder* target, InternetObject* object, DWORD optio
   std::memcpy(&value, buffer, sizeof(DWORD));
   if (max_conns && value == 0) return ERROR_BAD_ARGUMENTS;
   target->Update([&](Settings& s) { s.*field = value; });
-  // Requests waiting for a slot see a raised bound at once.
-  if (max_conns && object != nullptr && object->kind() == HandleKind::kConnection) {
-    static_cast<Connection*>(object)->WakeWaiters();
-  }
+  // Requests waiting for a slot see a raised bound at once, wherever it was set: on their
+  // connection, its session, or the process.
+  if (max_conns) WakeSlotWaiters(object);
   return ERROR_SUCCESS;
 }
 
@@ -480,6 +519,7 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
       return FailNull(ERROR_NOT_ENOUGH_MEMORY);
     }
     if (session->share() == nullptr) return FailNull(ERROR_NOT_ENOUGH_MEMORY);
+    AddSession(session);
     return RegisterHandle(session);
   });
 }

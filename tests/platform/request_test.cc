@@ -52,20 +52,29 @@ TEST_F(RequestTest, ConcurrentRequestsWaitForABoundedNumberOfConnections) {
   EXPECT_LE(server_.connection_count(), 4u);
   EXPECT_EQ(server_.max_concurrent_requests(), 4u);
 
-  // A bound raised while requests wait for a slot lets them go at once.
-  ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 1));
-  Gate raised;
-  server_.Route("/raised", ScriptedResponse(200, "done").Hold(&raised));
-  results.clear();
-  for (int i = 0; i < 3; ++i) {
-    results.push_back(
-        std::async(std::launch::async, [&] { return Fetch(connection_, L"/raised"); }));
+  // A bound raised while requests wait for a slot lets them go at once: the connection's, its
+  // session's or the process's.
+  for (int target = 0; target < 3; ++target) {
+    SCOPED_TRACE(target);
+    Handle session = OpenSession();
+    Handle own = Connect(session, server_.port());
+    const Handle& connection = target == 0 ? connection_ : own;
+    HINTERNET bounded = target == 0 ? connection_.get() : target == 1 ? session.get() : nullptr;
+    ASSERT_TRUE(SetDword(bounded, INTERNET_OPTION_MAX_CONNS_PER_SERVER, 1));
+    Gate raised;
+    server_.Route("/raised", ScriptedResponse(200, "done").Hold(&raised));
+    results.clear();
+    for (int i = 0; i < 3; ++i) {
+      results.push_back(
+          std::async(std::launch::async, [&] { return Fetch(connection, L"/raised"); }));
+    }
+    ASSERT_TRUE(raised.WaitForWaiters(1));
+    ASSERT_TRUE(SetDword(bounded, INTERNET_OPTION_MAX_CONNS_PER_SERVER, 3));
+    EXPECT_TRUE(raised.WaitForWaiters(3));
+    raised.Open();
+    for (auto& result : results) EXPECT_EQ(result.get(), "done");
   }
-  ASSERT_TRUE(raised.WaitForWaiters(1));
-  ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 3));
-  EXPECT_TRUE(raised.WaitForWaiters(3));
-  raised.Open();
-  for (auto& result : results) EXPECT_EQ(result.get(), "done");
+  ASSERT_TRUE(SetDword(nullptr, INTERNET_OPTION_MAX_CONNS_PER_SERVER, 2));  // the default again
 }
 
 // The caller's Host, Authorization and Cookie lines are meant for the origin asked: a redirect
