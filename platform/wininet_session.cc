@@ -111,8 +111,10 @@ void Session::Unlock(CURL*, curl_lock_data data, void* self) {
 
 std::string Session::ProxyFor(const std::string& scheme) const {
   // WinINet's list: entries separated by spaces or semicolons, each "[scheme=]proxy"; an entry
-  // without a scheme serves every scheme.
+  // without a scheme serves every scheme, and a "socks" entry those left without a proxy. WinINet
+  // speaks SOCKS version 4, with the name looked up here.
   std::string fallback;
+  std::string socks;
   std::size_t i = 0;
   while (i < proxy_.size()) {
     while (i < proxy_.size() && (proxy_[i] == ' ' || proxy_[i] == ';')) ++i;
@@ -121,13 +123,17 @@ std::string Session::ProxyFor(const std::string& scheme) const {
     const std::string entry = proxy_.substr(start, i - start);
     if (entry.empty()) continue;
     const auto eq = entry.find('=');
+    const std::string_view name = std::string_view(entry).substr(0, eq);
     if (eq == std::string::npos) {
       if (fallback.empty()) fallback = entry;
-    } else if (EqualsIgnoreCase(std::string_view(entry).substr(0, eq), scheme)) {
+    } else if (EqualsIgnoreCase(name, scheme)) {
       return entry.substr(eq + 1);
+    } else if (EqualsIgnoreCase(name, "socks") && socks.empty() && eq + 1 < entry.size()) {
+      socks = entry.substr(eq + 1);
+      if (socks.find("://") == std::string::npos) socks.insert(0, "socks4://");
     }
   }
-  return fallback;
+  return fallback.empty() ? socks : fallback;
 }
 
 // --- Transfer slots and connections ------------------------------------------------------------

@@ -242,6 +242,81 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
   EXPECT_EQ(direct, "error " + std::to_string(ERROR_INTERNET_NAME_NOT_RESOLVED));
 }
 
+// A SOCKS 4 proxy that answers the request itself once it has granted the connection: the body
+// names the address asked for ("direct" when a request comes without a SOCKS request first).
+class SocksResponder {
+ public:
+  SocksResponder() : listener_(sockets::ListenOnLoopback(4, &port_)) {
+    if (ok()) thread_ = std::thread([this] { Serve(); });
+  }
+  ~SocksResponder() {
+    stopping_ = true;
+    if (thread_.joinable()) thread_.join();
+    if (ok()) sockets::Close(listener_);
+  }
+  bool ok() const { return listener_ != sockets::kNone; }
+  int port() const { return port_; }
+
+ private:
+  void Serve() {
+    while (sockets::WaitReadable(listener_, stopping_)) {
+      const sockets::Handle client = sockets::Accept(listener_);
+      const bool socks = Handshake(client);
+      std::string head;
+      char buffer[4096];
+      for (long n; head.find("\r\n\r\n") == std::string::npos && client != sockets::kNone &&
+                   sockets::WaitReadable(client, stopping_) &&
+                   (n = sockets::Receive(client, buffer, sizeof buffer)) > 0;) {
+        head.append(buffer, static_cast<std::size_t>(n));
+      }
+      const std::string body = socks ? asked_ : "direct";
+      const std::string answer = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " +
+                                 std::to_string(body.size()) + "\r\n\r\n" + body;
+      if (client != sockets::kNone) {
+        sockets::SendAll(client, answer.data(), answer.size());
+        sockets::Close(client);
+      }
+    }
+  }
+  // Version 4, "connect", port, address, user id up to its NUL; granted with 0x5A.
+  bool Handshake(sockets::Handle client) {
+    unsigned char request[9];
+    std::size_t got = 0;
+    while (got < sizeof request && client != sockets::kNone &&
+           sockets::WaitReadable(client, stopping_)) {
+      const long n = sockets::Receive(client, reinterpret_cast<char*>(request) + got, 1);
+      if (n <= 0) return false;
+      if (++got == 1 && request[0] != 4) return false;  // a plain request (less its first byte)
+    }
+    if (got < sizeof request || request[1] != 1 || request[8] != 0) return false;
+    asked_ = std::to_string(request[4]) + "." + std::to_string(request[5]) + "." +
+             std::to_string(request[6]) + "." + std::to_string(request[7]) + ":" +
+             std::to_string(request[2] << 8 | request[3]);
+    static constexpr char kGranted[] = {0, 0x5A, 0, 0, 0, 0, 0, 0};
+    return sockets::SendAll(client, kGranted, sizeof kGranted);
+  }
+
+  int port_ = 0;
+  const sockets::Handle listener_;
+  std::atomic<bool> stopping_{false};
+  std::string asked_;
+  std::thread thread_;
+};
+
+// A list whose only proxy is a SOCKS one sends every request through it, and so does one with a
+// proxy for other schemes only.
+TEST(ProxyTest, ASocksEntryServesTheSchemesWithoutAProxyOfTheirOwn) {
+  SocksResponder socks;
+  ASSERT_TRUE(socks.ok());
+  const std::wstring entry = L"socks=127.0.0.1:" + std::to_wstring(socks.port());
+  for (const std::wstring& list : {entry, L"https=127.0.0.1:1 " + entry}) {
+    SCOPED_TRACE(testing::PrintToString(list));
+    Handle session(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PROXY, list.c_str(), nullptr, 0));
+    EXPECT_EQ(Fetch(Connect(session, socks.port()), L"/x"),
+              "127.0.0.1:" + std::to_string(socks.port()));
+  }
+}
+
 // An https proxy: answers one CONNECT at a time with 200 (and a header of its own), then relays
 // bytes both ways between the client and the port on 127.0.0.1 that the CONNECT names. Once
 // `cut` is open, the client's next bytes end their tunnel unanswered, as a server that closes a
