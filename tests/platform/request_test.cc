@@ -387,7 +387,7 @@ class TunnelProxy {
 // is kept alive. Through a proxy an https request goes in a tunnel: the proxy's answer to the
 // CONNECT is not the origin's response, also when a request is sent again through a new tunnel
 // after the kept-alive one died under it. A tunnel refused is answered with the proxy's own
-// response, and a tunnel to something that is no TLS server fails the send.
+// response, also when it refuses the credentials given for it, and a tunnel to something that is no TLS server fails the send.
 TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsAnswer) {
   TempDir dir;
   TlsFiles tls;
@@ -457,25 +457,31 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
 
   const struct {
     const char* answer;
+    bool credentials;
     DWORD status;  // 0: the send fails with `error`
     DWORD error;
   } refusals[] = {
       {"HTTP/1.1 407 Who\r\nProxy-Authenticate: Basic realm=\"p\"\r\nContent-Length: 0\r\n\r\n",
-       407, 0},
-      {"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", 403, 0},
-      {"HTTP/1.1 200 Connection established\r\n\r\nno TLS here\r\n\r\n", 0,
+       false, 407, 0},
+      {"HTTP/1.1 407 Who\r\nProxy-Authenticate: Basic realm=\"p\"\r\nContent-Length: 0\r\n\r\n",
+       true, 407, 0},
+      {"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", false, 403, 0},
+      {"HTTP/1.1 200 Connection established\r\n\r\nno TLS here\r\n\r\n", false, 0,
        ERROR_INTERNET_SECURITY_CHANNEL_ERROR},
   };
   for (const auto& refusal : refusals) {
-    SCOPED_TRACE(refusal.answer);
+    SCOPED_TRACE(refusal.answer + std::string(refusal.credentials ? " (credentials)" : ""));
     const std::string answer = refusal.answer;
     RawResponder proxy([answer](RawConnection& c) {
-      c.ReadRequestHead();
-      c.Send(answer);
-      c.Stall();  // the client ends it
+      while (!c.ReadRequestHead().empty()) c.Send(answer);  // until the client ends it
     });
     ASSERT_TRUE(proxy.ok());
     const auto [session, connection] = open(proxy.port(), 443);
+    wchar_t user[] = L"bob", password[] = L"pw";
+    if (refusal.credentials) {
+      ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_USERNAME, user, 4));
+      ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_PASSWORD, password, 3));
+    }
     Handle request = OpenRequest(connection, L"/gone", L"GET", INTERNET_FLAG_SECURE);
     EXPECT_EQ(ErrorOf([&] { return Send(request); }), refusal.error);
     EXPECT_EQ(refusal.error == 0 ? StatusCode(request) : 0u, refusal.status);
