@@ -1,6 +1,7 @@
 // InternetOpenW, InternetConnectW, InternetSetOptionW and InternetCloseHandle.
 #include "platform/wininet_session.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -109,6 +110,24 @@ void Session::Unlock(CURL*, curl_lock_data data, void* self) {
   static_cast<Session*>(self)->locks_[data].unlock();
 }
 
+namespace {
+
+// `proxy` with WinINet's port for it when it names none: 1080 for SOCKS, 80 for the others
+// (libcurl would take 1080 for every kind).
+std::string WithPort(std::string proxy, std::string_view port) {
+  if (proxy.empty()) return proxy;
+  const std::size_t scheme_end = proxy.find("://");
+  const std::size_t host = scheme_end == std::string::npos ? 0 : scheme_end + 3;
+  const std::size_t end = std::min(proxy.find('/', host), proxy.size());
+  std::size_t after_host = host;  // a port's colon comes after an IPv6 address's brackets
+  if (host < end && proxy[host] == '[') after_host = std::min(proxy.find(']', host), end);
+  if (proxy.find(':', after_host) < end) return proxy;
+  proxy.insert(end, std::string(":").append(port));
+  return proxy;
+}
+
+}  // namespace
+
 std::string Session::ProxyFor(const std::string& scheme) const {
   // WinINet's list: entries separated by spaces or semicolons, each "[scheme=]proxy"; an entry
   // without a scheme serves every scheme, and a "socks" entry those left without a proxy. WinINet
@@ -127,13 +146,13 @@ std::string Session::ProxyFor(const std::string& scheme) const {
     if (eq == std::string::npos) {
       if (fallback.empty()) fallback = entry;
     } else if (EqualsIgnoreCase(name, scheme)) {
-      return entry.substr(eq + 1);
+      return WithPort(entry.substr(eq + 1), "80");
     } else if (EqualsIgnoreCase(name, "socks") && socks.empty() && eq + 1 < entry.size()) {
       socks = entry.substr(eq + 1);
       if (socks.find("://") == std::string::npos) socks.insert(0, "socks4://");
     }
   }
-  return fallback.empty() ? socks : fallback;
+  return fallback.empty() ? WithPort(socks, "1080") : WithPort(fallback, "80");
 }
 
 // --- Transfer slots and connections ------------------------------------------------------------
