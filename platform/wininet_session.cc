@@ -118,6 +118,7 @@ std::string WithPort(std::string proxy, std::string_view port) {
   if (proxy.empty()) return proxy;
   const std::size_t scheme_end = proxy.find("://");
   const std::size_t host = scheme_end == std::string::npos ? 0 : scheme_end + 3;
+  if (scheme_end != std::string::npos && proxy.starts_with("socks")) port = "1080";
   const std::size_t end = std::min(proxy.find('/', host), proxy.size());
   std::size_t after_host = host;  // a port's colon comes after an IPv6 address's brackets
   if (host < end && proxy[host] == '[') after_host = std::min(proxy.find(']', host), end);
