@@ -242,83 +242,9 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
   EXPECT_EQ(direct, "error " + std::to_string(ERROR_INTERNET_NAME_NOT_RESOLVED));
 }
 
-// A SOCKS 4 proxy that answers the request itself once it has granted the connection: the body
-// names the address asked for ("direct" when a request comes without a SOCKS request first).
-class SocksResponder {
- public:
-  SocksResponder() : listener_(sockets::ListenOnLoopback(4, &port_)) {
-    if (ok()) thread_ = std::thread([this] { Serve(); });
-  }
-  ~SocksResponder() {
-    stopping_ = true;
-    if (thread_.joinable()) thread_.join();
-    if (ok()) sockets::Close(listener_);
-  }
-  bool ok() const { return listener_ != sockets::kNone; }
-  int port() const { return port_; }
-
- private:
-  void Serve() {
-    while (sockets::WaitReadable(listener_, stopping_)) {
-      const sockets::Handle client = sockets::Accept(listener_);
-      const bool socks = Handshake(client);
-      std::string head;
-      char buffer[4096];
-      for (long n; head.find("\r\n\r\n") == std::string::npos && client != sockets::kNone &&
-                   sockets::WaitReadable(client, stopping_) &&
-                   (n = sockets::Receive(client, buffer, sizeof buffer)) > 0;) {
-        head.append(buffer, static_cast<std::size_t>(n));
-      }
-      const std::string body = socks ? asked_ : "direct";
-      const std::string answer = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " +
-                                 std::to_string(body.size()) + "\r\n\r\n" + body;
-      if (client != sockets::kNone) {
-        sockets::SendAll(client, answer.data(), answer.size());
-        sockets::Close(client);
-      }
-    }
-  }
-  // Version 4, "connect", port, address, user id up to its NUL; granted with 0x5A.
-  bool Handshake(sockets::Handle client) {
-    unsigned char request[9];
-    std::size_t got = 0;
-    while (got < sizeof request && client != sockets::kNone &&
-           sockets::WaitReadable(client, stopping_)) {
-      const long n = sockets::Receive(client, reinterpret_cast<char*>(request) + got, 1);
-      if (n <= 0) return false;
-      if (++got == 1 && request[0] != 4) return false;  // a plain request (less its first byte)
-    }
-    if (got < sizeof request || request[1] != 1 || request[8] != 0) return false;
-    asked_ = std::to_string(request[4]) + "." + std::to_string(request[5]) + "." +
-             std::to_string(request[6]) + "." + std::to_string(request[7]) + ":" +
-             std::to_string(request[2] << 8 | request[3]);
-    static constexpr char kGranted[] = {0, 0x5A, 0, 0, 0, 0, 0, 0};
-    return sockets::SendAll(client, kGranted, sizeof kGranted);
-  }
-
-  int port_ = 0;
-  const sockets::Handle listener_;
-  std::atomic<bool> stopping_{false};
-  std::string asked_;
-  std::thread thread_;
-};
-
-// A list whose only proxy is a SOCKS one sends every request through it, and so does one with a
-// proxy for other schemes only.
-TEST(ProxyTest, ASocksEntryServesTheSchemesWithoutAProxyOfTheirOwn) {
-  SocksResponder socks;
-  ASSERT_TRUE(socks.ok());
-  const std::wstring entry = L"socks=127.0.0.1:" + std::to_wstring(socks.port());
-  for (const std::wstring& list : {entry, L"https=127.0.0.1:1 " + entry}) {
-    SCOPED_TRACE(testing::PrintToString(list));
-    Handle session(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PROXY, list.c_str(), nullptr, 0));
-    EXPECT_EQ(Fetch(Connect(session, socks.port()), L"/x"),
-              "127.0.0.1:" + std::to_string(socks.port()));
-  }
-}
-
 // An https proxy: answers one CONNECT at a time with 200 (and a header of its own), then relays
-// bytes both ways between the client and the port on 127.0.0.1 that the CONNECT names. Once
+// bytes both ways between the client and the port on 127.0.0.1 that the CONNECT names; it serves
+// a SOCKS 4 request alike, and counts those. Once
 // `cut` is open, the client's next bytes end their tunnel unanswered, as a server that closes a
 // kept-alive connection when a request comes.
 class TunnelProxy {
@@ -335,25 +261,36 @@ class TunnelProxy {
   }
   bool ok() const { return listener_ != sockets::kNone; }
   int port() const { return port_; }
+  int socks_tunnels() const { return socks_tunnels_; }
 
  private:
   void Serve() {
     while (sockets::WaitReadable(listener_, stopping_)) {
       const sockets::Handle client = sockets::Accept(listener_);
       std::string head;  // "CONNECT 127.0.0.1:port HTTP/1.1 ..."
+      // Or version 4, "connect", port, address and a user id up to its NUL.
+      const auto socks = [&] { return head.size() >= 9 && head[0] == 4 && head.back() == '\0'; };
       char buffer[16 * 1024];
       long n = 0;
-      while (head.find("\r\n\r\n") == std::string::npos && client != sockets::kNone &&
-             sockets::WaitReadable(client, stopping_) &&
+      while (head.find("\r\n\r\n") == std::string::npos && !socks() &&
+             client != sockets::kNone && sockets::WaitReadable(client, stopping_) &&
              (n = sockets::Receive(client, buffer, sizeof buffer)) > 0) {
         head.append(buffer, static_cast<std::size_t>(n));
       }
       const auto colon = head.rfind(':', head.find(' ', 8));
-      const sockets::Handle origin = head.starts_with("CONNECT ") && colon != std::string::npos
-                                         ? sockets::ConnectToLoopback(std::atoi(&head[colon + 1]))
-                                         : sockets::kNone;
+      int asked = 0;
+      if (socks()) {
+        asked = static_cast<unsigned char>(head[2]) << 8 | static_cast<unsigned char>(head[3]);
+        ++socks_tunnels_;
+      } else if (head.starts_with("CONNECT ") && colon != std::string::npos) {
+        asked = std::atoi(&head[colon + 1]);
+      }
+      const sockets::Handle origin = asked != 0 ? sockets::ConnectToLoopback(asked) : sockets::kNone;
       static constexpr char kUp[] = "HTTP/1.1 200 Connection established\r\nX-Proxy: 1\r\n\r\n";
-      if (origin != sockets::kNone && sockets::SendAll(client, kUp, sizeof kUp - 1)) {
+      static constexpr char kGranted[] = {0, 0x5A, 0, 0, 0, 0, 0, 0};
+      if (origin != sockets::kNone &&
+          (socks() ? sockets::SendAll(client, kGranted, sizeof kGranted)
+                   : sockets::SendAll(client, kUp, sizeof kUp - 1))) {
         std::thread up([&] { Relay(client, origin, true); });
         Relay(origin, client, false);
         up.join();
@@ -380,8 +317,25 @@ class TunnelProxy {
   const sockets::Handle listener_;
   std::atomic<bool> stopping_{false};
   std::atomic<bool> cut_done_{false};
+  std::atomic<int> socks_tunnels_{0};
   std::thread thread_;
 };
+
+// A list whose only proxy is a SOCKS one sends every request through it, and so does one with a
+// proxy for other schemes only.
+TEST(ProxyTest, ASocksEntryServesTheSchemesWithoutAProxyOfTheirOwn) {
+  ScriptedServer origin;
+  TunnelProxy socks;
+  ASSERT_TRUE(origin.ok() && socks.ok());
+  origin.Route("/x", ScriptedResponse(200, "from the origin"));
+  const std::wstring entry = L"socks=127.0.0.1:" + std::to_wstring(socks.port());
+  for (const std::wstring& list : {entry, L"https=127.0.0.1:1 " + entry}) {
+    SCOPED_TRACE(testing::PrintToString(list));
+    Handle session(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PROXY, list.c_str(), nullptr, 0));
+    EXPECT_EQ(Fetch(Connect(session, origin.port()), L"/x"), "from the origin");
+  }
+  EXPECT_EQ(socks.socks_tunnels(), 2);
+}
 
 // Certificates are verified: a self-signed server is refused until trusted, then its connection
 // is kept alive. Through a proxy an https request goes in a tunnel: the proxy's answer to the
