@@ -42,6 +42,15 @@ bool InternetObject::AddChild(const std::shared_ptr<InternetObject>& child) {
   return true;
 }
 
+std::vector<std::shared_ptr<InternetObject>> InternetObject::Children() {
+  std::vector<std::shared_ptr<InternetObject>> out;
+  std::lock_guard lock(children_mutex_);
+  for (const auto& weak : children_) {
+    if (auto child = weak.lock()) out.push_back(std::move(child));
+  }
+  return out;
+}
+
 HINTERNET RegisterHandle(const std::shared_ptr<InternetObject>& object) {
   HandleTable& table = Table();
   // Steps of 4 keep the values looking like aligned pointers to callers that print them.

@@ -28,6 +28,8 @@ class InternetObject {
   // Records a child handle (a connection of a session, a request of a connection), closed along
   // with this one as WinINet does. Fails when this handle is already closed.
   bool AddChild(const std::shared_ptr<InternetObject>& child);
+  // The children still open.
+  std::vector<std::shared_ptr<InternetObject>> Children();
 
  protected:
   // Called once, when the handle is closed by its owner or through its parent: stops work in

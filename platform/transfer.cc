@@ -417,8 +417,14 @@ void Transfer::End(CURLcode result) {
   result_ = result;
   const bool had_headers =
       state_ != TransferState::kConnecting && state_ != TransferState::kAwaitingHeaders;
-  // A challenge libcurl would have answered, with no answer after it, was the final response.
-  const bool complete = had_headers || (result == CURLE_OK && !response().empty());
+  // A challenge libcurl would have answered, with no answer after it, was the final response;
+  // a proxy's to a tunnel's CONNECT also when libcurl gives up on it with an error, as it does
+  // when the proxy refuses its credentials: the caller sees the 407, as without credentials.
+  // (Not when this layer stopped it: a challenge without end is a failure.)
+  const bool tunnel_refused = !had_headers && tunnel_challenged_ && header_error_ == 0;
+  if (tunnel_refused) OnConnected();
+  const bool complete =
+      had_headers || tunnel_refused || (result == CURLE_OK && !response().empty());
   if (complete) {
     error_ = result == CURLE_OK ? ERROR_SUCCESS : ErrorOf(result, had_headers);
     if (!had_headers) OnFinalHeaders();

@@ -313,6 +313,9 @@ class Transfer {
   std::size_t trailer_bytes_ = 0;  // of the chunked body's trailers
   // libcurl has sent this hop's request on the connection it uses now (a tunnel is up before).
   bool request_out_ = false;
+  // The response is a proxy's 407 to the CONNECT of a tunnel, which libcurl answers on the
+  // connection it came on: when libcurl gives up instead, that 407 is the final response.
+  bool tunnel_challenged_ = false;
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
   char error_text_[CURL_ERROR_SIZE] = {};  // the slot's, kept when the slot goes back

@@ -54,7 +54,10 @@ int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
   // A new connection: libcurl starts over on it (a kept-alive one that died when the request
   // went out, or one closed after a challenge), and through a proxy an https request needs a
   // tunnel on it first, whose answer is not the origin's.
-  if (Transfer* self = owner->transfer()) self->request_out_ = false;
+  if (Transfer* self = owner->transfer()) {
+    self->request_out_ = false;
+    self->tunnel_challenged_ = false;
+  }
   return CURL_SOCKOPT_OK;
 }
 
@@ -108,6 +111,7 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
   const int status = pending.status_code();
   if (tunnel && status >= 200 && status < 300) {  // the tunnel is up: the origin answers next
     pending.Clear();
+    tunnel_challenged_ = false;
     return ERROR_SUCCESS;
   }
   // A tunnel refused is answered as WinINet does: the proxy's answer is the response (a 407 the
@@ -135,6 +139,7 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
     // deadline again: a server that never stops asking (a Digest nonce "stale" every time)
     // would hold the request for ever.
     if (++challenges_answered_ > kMaxChallengesAnswered) return ERROR_INTERNET_LOGIN_FAILURE;
+    tunnel_challenged_ = tunnel;
     clock_.RequestSent(Clock::now());  // the answer goes out as a new request
     return ERROR_SUCCESS;
   }

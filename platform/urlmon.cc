@@ -30,6 +30,7 @@
 #include "platform/transfer.h"
 #include "platform/urlmon_internal.h"
 #include "platform/wide_text.h"
+#include "platform/wininet_session.h"
 #include "tqutil/user_agent.h"
 
 namespace tqplatform {
@@ -330,6 +331,7 @@ HRESULT HResultFromTransfer(const Transfer& transfer, DWORD error) {
     case ERROR_INTERNET_TIMEOUT:
       return INET_E_CONNECTION_TIMEOUT;
     case ERROR_HTTP_REDIRECT_FAILED:
+    case ERROR_INTERNET_HTTPS_TO_HTTP_ON_REDIR:
       return INET_E_REDIRECT_FAILED;
     case ERROR_NOT_ENOUGH_MEMORY:
       return E_OUTOFMEMORY;
@@ -344,8 +346,10 @@ TransferRequest DescribeDownload(const std::string& url) {
   request.agent = kUserAgent;
   request.limits.connect = std::chrono::milliseconds(g_connect_ms.load());
   request.limits.idle = std::chrono::milliseconds(g_stall_ms.load());
-  // A download follows a redirect from https to http, as libcurl's own following did.
-  request.redirects.allow_https_to_http = true;
+  request.ca_file = TestCaFile();
+  // A redirect from https to http is refused, as the WinINet requests refuse it: the bytes of a
+  // file asked for over https would come where anyone on the way can change them.
+  request.redirects.allow_https_to_http = false;
   return request;
 }
 

@@ -1,6 +1,7 @@
 // InternetOpenW, InternetConnectW, InternetSetOptionW and InternetCloseHandle.
 #include "platform/wininet_session.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -41,6 +42,35 @@ SettingsHolder& ProcessSettings() {
 }
 
 namespace {
+// The sessions of the process, for a change of a process-wide setting that their connections'
+// waiting requests must see. Never destroyed: handles may be used from static destructors.
+struct SessionList {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<Session>> sessions;
+};
+
+SessionList& Sessions() {
+  static auto* list = new SessionList;
+  return *list;
+}
+
+void AddSession(const std::shared_ptr<Session>& session) {
+  SessionList& list = Sessions();
+  std::lock_guard lock(list.mutex);
+  std::erase_if(list.sessions, [](const auto& weak) { return weak.expired(); });
+  list.sessions.push_back(session);
+}
+
+std::vector<std::shared_ptr<Session>> LiveSessions() {
+  std::vector<std::shared_ptr<Session>> out;
+  SessionList& list = Sessions();
+  std::lock_guard lock(list.mutex);
+  for (const auto& weak : list.sessions) {
+    if (auto session = weak.lock()) out.push_back(std::move(session));
+  }
+  return out;
+}
+
 std::mutex g_ca_mutex;
 std::optional<std::string> g_ca_file;
 std::atomic<bool> g_ca_file_set{false};  // spares every request the lock outside such tests
@@ -80,10 +110,31 @@ void Session::Unlock(CURL*, curl_lock_data data, void* self) {
   static_cast<Session*>(self)->locks_[data].unlock();
 }
 
+namespace {
+
+// `proxy` with WinINet's port for it when it names none: 1080 for SOCKS, 80 for the others
+// (libcurl would take 1080 for every kind).
+std::string WithPort(std::string proxy, std::string_view port) {
+  if (proxy.empty()) return proxy;
+  const std::size_t scheme_end = proxy.find("://");
+  const std::size_t host = scheme_end == std::string::npos ? 0 : scheme_end + 3;
+  if (scheme_end != std::string::npos && proxy.starts_with("socks")) port = "1080";
+  const std::size_t end = std::min(proxy.find('/', host), proxy.size());
+  std::size_t after_host = host;  // a port's colon comes after an IPv6 address's brackets
+  if (host < end && proxy[host] == '[') after_host = std::min(proxy.find(']', host), end);
+  if (proxy.find(':', after_host) < end) return proxy;
+  proxy.insert(end, std::string(":").append(port));
+  return proxy;
+}
+
+}  // namespace
+
 std::string Session::ProxyFor(const std::string& scheme) const {
   // WinINet's list: entries separated by spaces or semicolons, each "[scheme=]proxy"; an entry
-  // without a scheme serves every scheme.
+  // without a scheme serves every scheme, and a "socks" entry those left without a proxy. WinINet
+  // speaks SOCKS version 4, with the name looked up here.
   std::string fallback;
+  std::string socks;
   std::size_t i = 0;
   while (i < proxy_.size()) {
     while (i < proxy_.size() && (proxy_[i] == ' ' || proxy_[i] == ';')) ++i;
@@ -92,13 +143,17 @@ std::string Session::ProxyFor(const std::string& scheme) const {
     const std::string entry = proxy_.substr(start, i - start);
     if (entry.empty()) continue;
     const auto eq = entry.find('=');
+    const std::string_view name = std::string_view(entry).substr(0, eq);
     if (eq == std::string::npos) {
       if (fallback.empty()) fallback = entry;
-    } else if (EqualsIgnoreCase(std::string_view(entry).substr(0, eq), scheme)) {
-      return entry.substr(eq + 1);
+    } else if (EqualsIgnoreCase(name, scheme)) {
+      return WithPort(entry.substr(eq + 1), "80");
+    } else if (EqualsIgnoreCase(name, "socks") && socks.empty() && eq + 1 < entry.size()) {
+      socks = entry.substr(eq + 1);
+      if (socks.find("://") == std::string::npos) socks.insert(0, "socks4://");
     }
   }
-  return fallback;
+  return fallback.empty() ? WithPort(socks, "1080") : WithPort(fallback, "80");
 }
 
 // --- Transfer slots and connections ------------------------------------------------------------
@@ -398,6 +453,17 @@ std::optional<DWORD> Settings::*DwordField(DWORD option) {
   }
 }
 
+// Wakes the requests waiting for a slot on the connections under `object` (null: the process).
+void WakeSlotWaiters(InternetObject* object) {
+  if (object == nullptr) {
+    for (const auto& session : LiveSessions()) WakeSlotWaiters(session.get());
+  } else if (object->kind() == HandleKind::kConnection) {
+    static_cast<Connection*>(object)->WakeWaiters();
+  } else if (object->kind() == HandleKind::kSession) {
+    for (const auto& child : object->Children()) WakeSlotWaiters(child.get());
+  }
+}
+
 DWORD SetDwordOption(SettingsHolder* target, InternetObject* object, DWORD option,
                      const void* buffer, DWORD buffer_length) {
   const auto field = DwordField(option);
@@ -415,10 +481,9 @@ DWORD SetDwordOption(SettingsHolder* target, InternetObject* object, DWORD optio
   std::memcpy(&value, buffer, sizeof(DWORD));
   if (max_conns && value == 0) return ERROR_BAD_ARGUMENTS;
   target->Update([&](Settings& s) { s.*field = value; });
-  // Requests waiting for a slot see a raised bound at once.
-  if (max_conns && object != nullptr && object->kind() == HandleKind::kConnection) {
-    static_cast<Connection*>(object)->WakeWaiters();
-  }
+  // Requests waiting for a slot see a raised bound at once, wherever it was set: on their
+  // connection, its session, or the process.
+  if (max_conns) WakeSlotWaiters(object);
   return ERROR_SUCCESS;
 }
 
@@ -480,6 +545,7 @@ HINTERNET InternetOpenW(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR
       return FailNull(ERROR_NOT_ENOUGH_MEMORY);
     }
     if (session->share() == nullptr) return FailNull(ERROR_NOT_ENOUGH_MEMORY);
+    AddSession(session);
     return RegisterHandle(session);
   });
 }

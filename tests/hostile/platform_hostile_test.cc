@@ -25,7 +25,9 @@
 #include "tests/support/same_answer_server.h"
 #include "tests/support/servers/gate.h"
 #include "tests/support/servers/raw_responder.h"
+#include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
+#include "tests/support/servers/tls_files.h"
 
 namespace {
 
@@ -150,6 +152,29 @@ TEST(HostilePlatform, ADownloadThatIsNotWholeLeavesNoFile) {
     EXPECT_EQ(Download(url, dir.path() / "fifo"), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
     EXPECT_TRUE(std::filesystem::is_fifo(dir.path() / "fifo"));
   }
+}
+
+// A file asked for over https comes over https: a redirect to http, where anyone on the way may
+// change the bytes, fails the download, as it fails a request; one to https is followed.
+TEST(HostilePlatform, AnHttpsDownloadIsNotLedToHttp) {
+  TempDir dir;
+  TlsFiles tls;
+  ASSERT_TRUE(MakeSelfSignedCert(dir.path(), "127.0.0.1", &tls));
+  ScriptedServer plain;
+  ScriptedServer secure({.cert_file = tls.cert.string(), .key_file = tls.key.string()});
+  ASSERT_TRUE(plain.ok() && secure.ok());
+  plain.Route("/file", ScriptedResponse(200, "changed on the way"));
+  secure.Route("/file", ScriptedResponse(200, "as sent"));
+  secure.Route("/moved", ScriptedResponse(302).Header("Location", "/file"));
+  secure.Route("/down", ScriptedResponse(302).Header("Location", plain.Url("/file")));
+  ASSERT_TRUE(TqPlatformSetCaFile(tls.cert.c_str()));
+  EXPECT_EQ(Download(secure.Url("/moved"), dir.path() / "moved"), S_OK);
+  EXPECT_EQ(Download(secure.Url("/down"), dir.path() / "down"), INET_E_REDIRECT_FAILED);
+  TqPlatformSetCaFile(nullptr);
+  std::ifstream moved(dir.path() / "moved");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(moved), {}), "as sent");
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "down"));
+  EXPECT_EQ(plain.request_count(), 0u);
 }
 
 // Bytes a server sends after an answer, on a connection kept alive, are no answer to anything:

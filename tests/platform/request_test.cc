@@ -52,20 +52,29 @@ TEST_F(RequestTest, ConcurrentRequestsWaitForABoundedNumberOfConnections) {
   EXPECT_LE(server_.connection_count(), 4u);
   EXPECT_EQ(server_.max_concurrent_requests(), 4u);
 
-  // A bound raised while requests wait for a slot lets them go at once.
-  ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 1));
-  Gate raised;
-  server_.Route("/raised", ScriptedResponse(200, "done").Hold(&raised));
-  results.clear();
-  for (int i = 0; i < 3; ++i) {
-    results.push_back(
-        std::async(std::launch::async, [&] { return Fetch(connection_, L"/raised"); }));
+  // A bound raised while requests wait for a slot lets them go at once: the connection's, its
+  // session's or the process's.
+  for (int target = 0; target < 3; ++target) {
+    SCOPED_TRACE(target);
+    Handle session = OpenSession();
+    Handle own = Connect(session, server_.port());
+    const Handle& connection = target == 0 ? connection_ : own;
+    HINTERNET bounded = target == 0 ? connection_.get() : target == 1 ? session.get() : nullptr;
+    ASSERT_TRUE(SetDword(bounded, INTERNET_OPTION_MAX_CONNS_PER_SERVER, 1));
+    Gate raised;
+    server_.Route("/raised", ScriptedResponse(200, "done").Hold(&raised));
+    results.clear();
+    for (int i = 0; i < 3; ++i) {
+      results.push_back(
+          std::async(std::launch::async, [&] { return Fetch(connection, L"/raised"); }));
+    }
+    ASSERT_TRUE(raised.WaitForWaiters(1));
+    ASSERT_TRUE(SetDword(bounded, INTERNET_OPTION_MAX_CONNS_PER_SERVER, 3));
+    EXPECT_TRUE(raised.WaitForWaiters(3));
+    raised.Open();
+    for (auto& result : results) EXPECT_EQ(result.get(), "done");
   }
-  ASSERT_TRUE(raised.WaitForWaiters(1));
-  ASSERT_TRUE(SetDword(connection_.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, 3));
-  EXPECT_TRUE(raised.WaitForWaiters(3));
-  raised.Open();
-  for (auto& result : results) EXPECT_EQ(result.get(), "done");
+  ASSERT_TRUE(SetDword(nullptr, INTERNET_OPTION_MAX_CONNS_PER_SERVER, 2));  // the default again
 }
 
 // The caller's Host, Authorization and Cookie lines are meant for the origin asked: a redirect
@@ -234,7 +243,8 @@ TEST(ProxyTest, NamedOrEnvironmentProxyAsksForAndTakesItsCredentials) {
 }
 
 // An https proxy: answers one CONNECT at a time with 200 (and a header of its own), then relays
-// bytes both ways between the client and the port on 127.0.0.1 that the CONNECT names. Once
+// bytes both ways between the client and the port on 127.0.0.1 that the CONNECT names; it serves
+// a SOCKS 4 request alike, and counts those. Once
 // `cut` is open, the client's next bytes end their tunnel unanswered, as a server that closes a
 // kept-alive connection when a request comes.
 class TunnelProxy {
@@ -251,25 +261,36 @@ class TunnelProxy {
   }
   bool ok() const { return listener_ != sockets::kNone; }
   int port() const { return port_; }
+  int socks_tunnels() const { return socks_tunnels_; }
 
  private:
   void Serve() {
     while (sockets::WaitReadable(listener_, stopping_)) {
       const sockets::Handle client = sockets::Accept(listener_);
       std::string head;  // "CONNECT 127.0.0.1:port HTTP/1.1 ..."
+      // Or version 4, "connect", port, address and a user id up to its NUL.
+      const auto socks = [&] { return head.size() >= 9 && head[0] == 4 && head.back() == '\0'; };
       char buffer[16 * 1024];
       long n = 0;
-      while (head.find("\r\n\r\n") == std::string::npos && client != sockets::kNone &&
-             sockets::WaitReadable(client, stopping_) &&
+      while (head.find("\r\n\r\n") == std::string::npos && !socks() &&
+             client != sockets::kNone && sockets::WaitReadable(client, stopping_) &&
              (n = sockets::Receive(client, buffer, sizeof buffer)) > 0) {
         head.append(buffer, static_cast<std::size_t>(n));
       }
       const auto colon = head.rfind(':', head.find(' ', 8));
-      const sockets::Handle origin = head.starts_with("CONNECT ") && colon != std::string::npos
-                                         ? sockets::ConnectToLoopback(std::atoi(&head[colon + 1]))
-                                         : sockets::kNone;
+      int asked = 0;
+      if (socks()) {
+        asked = static_cast<unsigned char>(head[2]) << 8 | static_cast<unsigned char>(head[3]);
+        ++socks_tunnels_;
+      } else if (head.starts_with("CONNECT ") && colon != std::string::npos) {
+        asked = std::atoi(&head[colon + 1]);
+      }
+      const sockets::Handle origin = asked != 0 ? sockets::ConnectToLoopback(asked) : sockets::kNone;
       static constexpr char kUp[] = "HTTP/1.1 200 Connection established\r\nX-Proxy: 1\r\n\r\n";
-      if (origin != sockets::kNone && sockets::SendAll(client, kUp, sizeof kUp - 1)) {
+      static constexpr char kGranted[] = {0, 0x5A, 0, 0, 0, 0, 0, 0};
+      if (origin != sockets::kNone &&
+          (socks() ? sockets::SendAll(client, kGranted, sizeof kGranted)
+                   : sockets::SendAll(client, kUp, sizeof kUp - 1))) {
         std::thread up([&] { Relay(client, origin, true); });
         Relay(origin, client, false);
         up.join();
@@ -296,14 +317,31 @@ class TunnelProxy {
   const sockets::Handle listener_;
   std::atomic<bool> stopping_{false};
   std::atomic<bool> cut_done_{false};
+  std::atomic<int> socks_tunnels_{0};
   std::thread thread_;
 };
+
+// A list whose only proxy is a SOCKS one sends every request through it, and so does one with a
+// proxy for other schemes only.
+TEST(ProxyTest, ASocksEntryServesTheSchemesWithoutAProxyOfTheirOwn) {
+  ScriptedServer origin;
+  TunnelProxy socks;
+  ASSERT_TRUE(origin.ok() && socks.ok());
+  origin.Route("/x", ScriptedResponse(200, "from the origin"));
+  const std::wstring entry = L"socks=127.0.0.1:" + std::to_wstring(socks.port());
+  for (const std::wstring& list : {entry, L"https=127.0.0.1:1 " + entry}) {
+    SCOPED_TRACE(testing::PrintToString(list));
+    Handle session(InternetOpenW(L"t", INTERNET_OPEN_TYPE_PROXY, list.c_str(), nullptr, 0));
+    EXPECT_EQ(Fetch(Connect(session, origin.port()), L"/x"), "from the origin");
+  }
+  EXPECT_EQ(socks.socks_tunnels(), 2);
+}
 
 // Certificates are verified: a self-signed server is refused until trusted, then its connection
 // is kept alive. Through a proxy an https request goes in a tunnel: the proxy's answer to the
 // CONNECT is not the origin's response, also when a request is sent again through a new tunnel
 // after the kept-alive one died under it. A tunnel refused is answered with the proxy's own
-// response, and a tunnel to something that is no TLS server fails the send.
+// response, also when it refuses the credentials given for it, and a tunnel to something that is no TLS server fails the send.
 TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsAnswer) {
   TempDir dir;
   TlsFiles tls;
@@ -373,25 +411,31 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
 
   const struct {
     const char* answer;
+    bool credentials;
     DWORD status;  // 0: the send fails with `error`
     DWORD error;
   } refusals[] = {
       {"HTTP/1.1 407 Who\r\nProxy-Authenticate: Basic realm=\"p\"\r\nContent-Length: 0\r\n\r\n",
-       407, 0},
-      {"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", 403, 0},
-      {"HTTP/1.1 200 Connection established\r\n\r\nno TLS here\r\n\r\n", 0,
+       false, 407, 0},
+      {"HTTP/1.1 407 Who\r\nProxy-Authenticate: Basic realm=\"p\"\r\nContent-Length: 0\r\n\r\n",
+       true, 407, 0},
+      {"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", false, 403, 0},
+      {"HTTP/1.1 200 Connection established\r\n\r\nno TLS here\r\n\r\n", false, 0,
        ERROR_INTERNET_SECURITY_CHANNEL_ERROR},
   };
   for (const auto& refusal : refusals) {
-    SCOPED_TRACE(refusal.answer);
+    SCOPED_TRACE(refusal.answer + std::string(refusal.credentials ? " (credentials)" : ""));
     const std::string answer = refusal.answer;
     RawResponder proxy([answer](RawConnection& c) {
-      c.ReadRequestHead();
-      c.Send(answer);
-      c.Stall();  // the client ends it
+      while (!c.ReadRequestHead().empty()) c.Send(answer);  // until the client ends it
     });
     ASSERT_TRUE(proxy.ok());
     const auto [session, connection] = open(proxy.port(), 443);
+    wchar_t user[] = L"bob", password[] = L"pw";
+    if (refusal.credentials) {
+      ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_USERNAME, user, 4));
+      ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_PASSWORD, password, 3));
+    }
     Handle request = OpenRequest(connection, L"/gone", L"GET", INTERNET_FLAG_SECURE);
     EXPECT_EQ(ErrorOf([&] { return Send(request); }), refusal.error);
     EXPECT_EQ(refusal.error == 0 ? StatusCode(request) : 0u, refusal.status);

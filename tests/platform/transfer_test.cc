@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "platform/wininet_session.h"
 #include "tests/support/servers/raw_responder.h"
 
 namespace tqplatform {
@@ -94,6 +95,27 @@ TEST(RedirectPolicyTest, WhereEachAnswerLeads) {
     const std::string next = hop.method + " " + hop.url + (hop.same_origin ? "" : " cross-origin") +
                              (hop.drop_body ? " no body" : "");
     EXPECT_EQ(follow ? next : "", c.next);
+  }
+}
+
+// A proxy named without a port is reached on WinINet's port for it, 80 (libcurl's own default is
+// SOCKS's 1080), and a SOCKS one on 1080.
+TEST(ProxyListTest, AProxyWithoutAPortIsReachedOnWinInetsPortForIt) {
+  const struct {
+    const char* list;
+    const char* scheme;
+    const char* proxy;
+  } cases[] = {
+      {"p", "http", "p:80"},
+      {"http=p.test https=[::1]", "https", "[::1]:80"},
+      {"https=http://p.test/", "https", "http://p.test:80/"},
+      {"http=p:8080", "http", "p:8080"},
+      {"http=[::1]:3128", "http", "[::1]:3128"},
+      {"socks=s", "http", "socks4://s:1080"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.list) + " " + c.scheme);
+    EXPECT_EQ(Session("", ProxyMode::kNamed, c.list, {}).ProxyFor(c.scheme), c.proxy);
   }
 }
 
