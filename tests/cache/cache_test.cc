@@ -234,6 +234,17 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
       << served.substr(0, 100);
   EXPECT_TRUE(ReadFileBytes(EntryPath()) == wrapped);
 
+  // No header size on disk, confirmed by the server while a reader keeps the header from being
+  // written: the body is served, not the header.
+  std::string sizeless = EntryBytes(1, 0, "\"z\"", kKey, "kept body");
+  WriteFileBytes(EntryPath(), sizeless.replace(0, 2, Le(0, 2)));
+  m_api.Queue(Ok("", L"max-age=60", L"\"z\"", kDate, 304));
+  const TqUSysFile::Handle reader =
+      TqUSysFile::OpenFile(EntryPath(), TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
+                           TqUSysFile::kOpenExisting, 0, 0);
+  EXPECT_EQ(Open(), "kept body");
+  TqUSysFile::CloseFile(reader);
+
   // Gone: fetched, stored anew and then served fresh. A clock that moves on every reading: an
   // open that read it twice would record a use and an expiry from two different times.
   fs::remove(EntryPath());
@@ -246,7 +257,7 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
             EntryBytes(kDate, kDate + 2'592'000, "\"s\"", kKey, "stored"));
   EXPECT_EQ(Open(), "stored");
   TqUSysTime::SetClockForTesting([this] { return m_clock.Now(); });
-  EXPECT_EQ(m_api.Sent().size(), 3u);
+  EXPECT_EQ(m_api.Sent().size(), 4u);
   EXPECT_EQ(m_log.Text(), "");
 }
 
