@@ -1132,6 +1132,49 @@ TEST_F(CacheTest, ABodyAWriterTookJustAfterItsNameWasReadStaysStored) {
     RemoveAll();
   }
 }
+
+// A temporary file a killed store left behind is taken by a new store just after the clean-up
+// read it: a store writes its temporary file in place, so it is passed over like a held body
+// instead of being taken from under the store.
+TEST_F(CacheTest, ATemporaryFileAStoreTookAfterItWasReadIsNotRemovedUnderTheStore) {
+  WriteFileBytes(fs::path(EntryPath()) += ".tmp", EntryBytes(1, 0, "", kKey, "left"));
+  FakeResponse answer = Ok("first, second", L"max-age=60", L"\"n\"");
+  answer.body_chunks = {"first, ", "second"};
+  m_api.Queue(answer);
+  std::promise<void> holding;
+  std::promise<void> go;
+  int reads = 0;
+  m_api.on_read = [&] {
+    if (++reads == 2) holding.set_value(), go.get_future().wait();  // the first chunk written
+  };
+  std::future<std::string> store;
+  std::atomic<bool> started{false};
+  const auto take = [&] {
+    if (started.exchange(true)) return;
+    store = std::async(std::launch::async, [&] { return Open(); });
+    holding.get_future().wait();
+  };
+  // The run's second open of the file (a removal that looks first) or its removal by name.
+  std::thread::id cleaner;
+  int opens = 0;
+  TqUSysFile::SetOpenHookForTesting([&] {
+    if (cleaner == std::thread::id()) cleaner = std::this_thread::get_id();
+    if (std::this_thread::get_id() == cleaner && ++opens == 2) take();
+  });
+  TqUSysDirectory::SetRemoveFaultForTesting([&](const TqUSysDirectory::Char*) {
+    take();
+    return false;
+  });
+  Limit(0);
+  EXPECT_TRUE(m_cache.CleanUp());
+  TqUSysFile::SetOpenHookForTesting({});
+  TqUSysDirectory::SetRemoveFaultForTesting({});
+  ASSERT_TRUE(started);
+  go.set_value();
+  EXPECT_EQ(store.get(), "first, second");
+  EXPECT_EQ(Open(), "first, second");
+  EXPECT_THAT(Remaining(".tmp"), IsEmpty());
+}
 #endif
 
 // Runs the second process (tests/helpers/cache_worker, built beside this test) to its end: its
