@@ -361,7 +361,8 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
     UniqueFile file(directory.OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
                                        TqUSysFile::kOpenExisting, 0, 0));
     if (!file) return Probe::kUnusable;
-    valid = ReadHeader(file.get(), fields, false);
+    // With the key: whether it names a stored body decides how the file may be removed.
+    valid = ReadHeader(file.get(), fields);
     key = fields.key;
   } else if (valid) {
     fields.last_used = ef::GetI64(first + ef::kLastUsedOffset);
