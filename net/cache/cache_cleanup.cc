@@ -6,6 +6,7 @@
 #include <limits>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -36,8 +37,15 @@ struct Candidate {
   std::int64_t expiry = 0;
   std::uint64_t size = 0;
   std::size_t name = 0;      // as in Listing::File
-  bool stored_body = false;  // written in place by its writer (see RemoveOldest)
+  bool in_place = false;  // written in place by its writer (see RemoveOldest)
 };
+
+// A temporary file of a store, which writes it in place before renaming it over the entry: one
+// a killed store left behind is an entry to the run, and a new store may take it at any time.
+bool IsTemporaryName(const TqUSysDirectory::Char* name) {
+  static constexpr TqUSysDirectory::Char kSuffix[] = {'.', 't', 'm', 'p', 0};
+  return std::basic_string_view<TqUSysDirectory::Char>(name).ends_with(kSuffix);
+}
 
 // Within one span of last-use times, counted from the oldest entry still left, expired entries
 // go before the rest.
@@ -203,7 +211,7 @@ std::vector<Candidate> ListEntries(const TqUSysDirectory& directory, const Listi
     switch (reads[i].probe) {
       case CacheEntry::Probe::kEntry:
         candidates.push_back({reads[i].last_used, reads[i].expiry, Size(file), file.name,
-                              reads[i].stored_body});
+                              reads[i].stored_body || IsTemporaryName(listing.Name(file.name))});
         break;
       case CacheEntry::Probe::kDeleted:   // not an entry: deleted by the reading
       case CacheEntry::Probe::kUnusable:  // held by a writer (a store in progress) or undeletable
@@ -269,13 +277,14 @@ void RemoveOldest(const TqUSysDirectory& directory, const Listing& listing,
     if (victims.empty()) return;
     removed.assign(victims.size(), 0);
     RunInParallel(victims.size(), kRemovalsPerThread, [&](std::size_t i) {
-      // A stored body's writer writes into the file at its name, which a removal by name would
-      // take from it: held, it is passed over. Other entries are only ever replaced by a rename
-      // and are removed by name, which costs one system call instead of six.
+      // The writer of a stored body or a temporary file writes into the file at its name, which
+      // a removal by name would take from it: held, it is passed over. Other entries are only
+      // ever replaced by a rename and are removed by name, which costs one system call instead
+      // of six.
       const Candidate& victim = candidates[victims[i]];
       const TqUSysDirectory::Char* name = listing.Name(victim.name);
       std::error_code ec;
-      const bool gone = victim.stored_body ? directory.RemoveFileUnlessHeld(name, ec)
+      const bool gone = victim.in_place ? directory.RemoveFileUnlessHeld(name, ec)
                                            : directory.RemoveFile(name, ec);
       removed[i] = gone ? 1 : 0;
     });

@@ -95,6 +95,7 @@ struct HeaderFields {
   std::string etag;
   std::string key;
   std::uint8_t flags = 0;
+  std::uint64_t header_end = 0;  // the byte after the end marker (or the extension)
 };
 
 class HeaderReader {
@@ -157,6 +158,7 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
       ef::GetU16(reader.At(extension_offset)) == ef::kExtensionMarker) {
     out.flags = *reader.At(extension_offset + 2);
   }
+  out.header_end = extension_offset + (out.flags != 0 ? ef::kExtensionSize : 0);
   if (!with_strings) return true;
   out.etag.assign(reinterpret_cast<const char*>(reader.At(ef::kTagOffset)), tag_length);
   out.key.assign(reinterpret_cast<const char*>(reader.At(key_length_offset + 2)), key_length);
@@ -359,7 +361,8 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
     UniqueFile file(directory.OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
                                        TqUSysFile::kOpenExisting, 0, 0));
     if (!file) return Probe::kUnusable;
-    valid = ReadHeader(file.get(), fields, false);
+    // With the key: whether it names a stored body decides how the file may be removed.
+    valid = ReadHeader(file.get(), fields);
     key = fields.key;
   } else if (valid) {
     fields.last_used = ef::GetI64(first + ef::kLastUsedOffset);
@@ -579,7 +582,11 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> CacheEntry::OpenReadStream(std:
   // name: a store may have renamed a complete new file with a longer tag over it meanwhile.
   HeaderFields on_disk;
   if (!ReadHeader(file.get(), on_disk) || on_disk.key != m_key) return nullptr;
-  return BodyStream(std::move(file), ef::BodyOffset(on_disk.header_size));
+  // A header size of 0 (no size on disk, which recording the use fills in when it can) would put
+  // the body at byte 2, in the middle of the header: it starts after the header as read.
+  return BodyStream(std::move(file), on_disk.header_size != 0
+                                         ? ef::BodyOffset(on_disk.header_size)
+                                         : on_disk.header_end);
 }
 
 }  // namespace qv::net

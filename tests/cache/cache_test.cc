@@ -234,6 +234,17 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
       << served.substr(0, 100);
   EXPECT_TRUE(ReadFileBytes(EntryPath()) == wrapped);
 
+  // No header size on disk, confirmed by the server while a reader keeps the header from being
+  // written: the body is served, not the header.
+  std::string sizeless = EntryBytes(1, 0, "\"z\"", kKey, "kept body");
+  WriteFileBytes(EntryPath(), sizeless.replace(0, 2, Le(0, 2)));
+  m_api.Queue(Ok("", L"max-age=60", L"\"z\"", kDate, 304));
+  const TqUSysFile::Handle reader =
+      TqUSysFile::OpenFile(EntryPath(), TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
+                           TqUSysFile::kOpenExisting, 0, 0);
+  EXPECT_EQ(Open(), "kept body");
+  TqUSysFile::CloseFile(reader);
+
   // Gone: fetched, stored anew and then served fresh. A clock that moves on every reading: an
   // open that read it twice would record a use and an expiry from two different times.
   fs::remove(EntryPath());
@@ -246,7 +257,7 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
             EntryBytes(kDate, kDate + 2'592'000, "\"s\"", kKey, "stored"));
   EXPECT_EQ(Open(), "stored");
   TqUSysTime::SetClockForTesting([this] { return m_clock.Now(); });
-  EXPECT_EQ(m_api.Sent().size(), 3u);
+  EXPECT_EQ(m_api.Sent().size(), 4u);
   EXPECT_EQ(m_log.Text(), "");
 }
 
@@ -1118,6 +1129,73 @@ TEST_F(CacheTest, ABodyAWriterTookJustAfterItsNameWasReadStaysStored) {
     writer.reset();
     auto read = m_cache.OpenReadStream(L"name");
     EXPECT_EQ(read ? ReadAll(*read) : "<null>", "new body");
+    RemoveAll();
+  }
+}
+
+// Just after the clean-up read the file at a name, a writer takes the name and writes into the
+// file there: a new store into the temporary file a killed store left behind, or a writer of a
+// body kept under a name long enough for its header to outgrow the first read. The file is
+// passed over, not taken from under the writer.
+TEST_F(CacheTest, AFileAWriterTookAfterTheCleanUpReadItIsNotRemovedUnderTheWriter) {
+  const std::wstring long_name(600, L'n');
+  for (const bool store : {true, false}) {
+    SCOPED_TRACE(store ? "store" : "body kept under a name");
+    std::promise<void> holding;
+    std::promise<void> go;
+    int reads = 0;
+    std::future<std::string> stored;
+    std::unique_ptr<qv::io::IDataSeekableWriteStream> writer;
+    if (store) {
+      WriteFileBytes(fs::path(EntryPath()) += ".tmp", EntryBytes(1, 0, "", kKey, "left"));
+      FakeResponse answer = Ok("first, second", L"max-age=60", L"\"n\"");
+      answer.body_chunks = {"first, ", "second"};
+      m_api.Queue(answer);
+      m_api.on_read = [&] {
+        if (++reads == 2) holding.set_value(), go.get_future().wait();  // first chunk written
+      };
+    } else if (auto old = m_cache.OpenWriteStream(long_name)) {
+      old->Write("old body", 8);
+    }
+    std::atomic<bool> started{false};
+    const auto take = [&] {
+      if (started.exchange(true)) return;
+      if (!store) {
+        writer = m_cache.OpenWriteStream(long_name);
+        return;
+      }
+      stored = std::async(std::launch::async, [&] { return Open(); });
+      holding.get_future().wait();
+    };
+    // The first open of the file after the run read its header (a removal that looks first),
+    // or its removal by name.
+    const int header_reads = store ? 1 : 2;
+    std::thread::id cleaner;
+    int opens = 0;
+    TqUSysFile::SetOpenHookForTesting([&] {
+      if (cleaner == std::thread::id()) cleaner = std::this_thread::get_id();
+      if (std::this_thread::get_id() == cleaner && ++opens == header_reads + 1) take();
+    });
+    TqUSysDirectory::SetRemoveFaultForTesting([&](const TqUSysDirectory::Char*) {
+      take();
+      return false;
+    });
+    Limit(0);
+    EXPECT_TRUE(m_cache.CleanUp());
+    TqUSysFile::SetOpenHookForTesting({});
+    TqUSysDirectory::SetRemoveFaultForTesting({});
+    ASSERT_TRUE(started);
+    if (store) {
+      go.set_value();
+      EXPECT_EQ(stored.get(), "first, second");
+    } else {
+      ASSERT_NE(writer, nullptr);
+      writer->Write("new body", 8);
+      writer.reset();
+      auto read = m_cache.OpenReadStream(long_name);
+      EXPECT_EQ(read ? ReadAll(*read) : "<null>", "new body");
+    }
+    m_api.on_read = {};
     RemoveAll();
   }
 }
