@@ -567,6 +567,12 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   auto u = TqUFileURL::OpenURLReadStream(url.c_str(), {});
   ASSERT_TRUE(u);
   EXPECT_EQ(ReadAll(*u, 4), "HDRaBcdef");
+  // A host name has no case: "LOCALHOST" was refused as another host.
+  for (const wchar_t* host : {L"localhost", L"LOCALHOST", L"LocalHost"}) {
+    auto local = TqUFileURL::OpenURLReadStream((L"file://" + std::wstring(host) +
+                                                FileUrl(path).substr(7)).c_str(), {});
+    EXPECT_TRUE(local && ReadAll(*local, 16) == "HDRaBcdef") << qv::WideToUtf8(host);
+  }
   const auto meta = u->MetaData();
   ASSERT_TRUE(meta.etag && meta.modified);
   EXPECT_EQ(*meta.modified, kModified) << "whole seconds, rounded down";
