@@ -173,6 +173,10 @@ class TQUTIL_API TqUSysDirectory {
   /// something could not be removed (the rest is removed still).
   static std::uintmax_t RemoveTree(const std::filesystem::path& path, std::error_code& ec);
 
+  /// Runs `hook` inside Create once it has made its directory, before the directory's mode is
+  /// set (POSIX only); an empty function ends it.
+  static void SetCreateHookForTesting(std::function<void()> hook);
+
   /// Makes RemoveFile refuse (permission denied, the file left in place) every name for which
   /// `refuse` returns true; an empty function ends it. `refuse` is called from whichever
   /// threads remove files, possibly at once.

@@ -56,6 +56,8 @@ bool ValidArguments(std::uint32_t access, std::uint32_t share, std::uint32_t cre
 
 // Runs the test seam of an open that found a regular file and is about to lock it.
 void OpenedForTesting();
+// Runs the test seam of TqUSysDirectory::Create that has made its directory.
+void CreatedForTesting();
 // Whether the test seam refuses to remove `name`.
 bool RemovalRefused(const TqUSysDirectory::Char* name);
 

@@ -57,6 +57,11 @@ TestHook<std::function<void()>>& TheOpenHook() {
   return *hook;
 }
 
+TestHook<std::function<void()>>& TheCreateHook() {
+  static auto* const hook = new TestHook<std::function<void()>>();
+  return *hook;
+}
+
 TestHook<std::function<bool(const TqUSysDirectory::Char*)>>& TheRemoveFault() {
   static auto* const fault = new TestHook<std::function<bool(const TqUSysDirectory::Char*)>>();
   return *fault;
@@ -102,6 +107,10 @@ void OpenedForTesting() {
   if (auto hook = TheOpenHook().Get()) (*hook)();
 }
 
+void CreatedForTesting() {
+  if (auto hook = TheCreateHook().Get()) (*hook)();
+}
+
 bool RemovalRefused(const TqUSysDirectory::Char* name) {
   auto refuse = TheRemoveFault().Get();
   return refuse && (*refuse)(name);
@@ -126,6 +135,10 @@ thread_local ThreadFaults t_faults;
 
 void TqUSysFile::SetOpenHookForTesting(std::function<void()> hook) {
   qv::sys_file::TheOpenHook().Set(std::move(hook));
+}
+
+void TqUSysDirectory::SetCreateHookForTesting(std::function<void()> hook) {
+  qv::sys_file::TheCreateHook().Set(std::move(hook));
 }
 
 void TqUSysDirectory::SetRemoveFaultForTesting(std::function<bool(const Char* name)> refuse) {

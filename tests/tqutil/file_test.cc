@@ -407,6 +407,27 @@ TEST(SysFileTest, PathsTakeTheLongFormOnlyOnceTidied) {
 #endif
 }
 
+#if !defined(_WIN32)  // Windows directories have access lists, not modes
+// One who may write the parent swapped a link in for the directory just made: its owner-only
+// mode was set by name, on the file the link leads to.
+TEST(SysFileTest, ADirectorySwappedForALinkAsItIsMadeGivesItsModeToNothing) {
+  tq::test::TempDir dir;
+  using std::filesystem::perms;
+  const perms kept = perms::owner_read | perms::owner_write | perms::group_read;
+  WriteFileBytes(dir / "target", "x");
+  std::filesystem::permissions(dir / "target", kept);
+  TqUSysDirectory::SetCreateHookForTesting([&] {
+    std::filesystem::rename(dir / "made", dir / "moved");
+    std::filesystem::create_symlink(dir / "target", dir / "made");
+  });
+  std::error_code ec;
+  EXPECT_FALSE(TqUSysDirectory::Create(dir / "made", ec));
+  TqUSysDirectory::SetCreateHookForTesting({});
+  EXPECT_TRUE(ec);
+  EXPECT_EQ(std::filesystem::status(dir / "target").permissions() & perms::all, kept);
+}
+#endif
+
 // A cache deep in a user's profile, with an entry's temporary file in it, passes the 260
 // characters that Windows allows a path without the long form. A store, a read, a listing, a
 // clean-up and a clear all work there, and what callers get back (names listed, the path given)
