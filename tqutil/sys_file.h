@@ -99,6 +99,9 @@ class TQUTIL_API TqUSysFile {
   /// another); on Windows, whose open takes the sharing at once, right after the open. An empty
   /// function ends it. Called from whichever threads open files.
   static void SetOpenHookForTesting(std::function<void()> hook);
+  /// Runs `hook` inside every call on an open handle (a read, a write, a seek, a size) once the
+  /// call holds the handle, before it uses the file. An empty function ends it.
+  static void SetUseHookForTesting(std::function<void()> hook);
 };
 
 /// A directory whose files are listed, opened and removed by name relative to one open handle,

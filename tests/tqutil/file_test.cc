@@ -367,6 +367,30 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
 // A path as the system's file calls take it: drive and share paths in the long form; paths in
 // the system's own form and device names as they are. On Windows a path is made absolute and
 // tidied by the system before the prefix turns that tidying off.
+// A handle closed (on another thread) while a read through it had begun: the read went on
+// with the freed record, whose memory and descriptor number the next open took, and read that
+// open's file.
+TEST(SysFileTest, AHandleClosedDuringACallOnItStaysOpenUntilTheCallEnds) {
+  tq::test::TempDir dir;
+  WriteFileBytes(dir / "first", "first");
+  WriteFileBytes(dir / "second", "second");
+  F::Handle h = F::OpenFile(dir / "first", kRead.access, kRead.share, kRead.creation, 0, 0);
+  F::Handle next = F::kInvalid;
+  F::SetUseHookForTesting([&] {
+    if (next != F::kInvalid) return;
+    EXPECT_TRUE(F::CloseFile(h));
+    next = F::OpenFile(dir / "second", kRead.access, kRead.share, kRead.creation, 0, 0);
+  });
+  std::string buffer(16, '\0');
+  std::uint64_t got = 0;
+  EXPECT_TRUE(F::ReadFile(h, buffer.data(), buffer.size(), &got));
+  F::SetUseHookForTesting({});
+  EXPECT_EQ(buffer.substr(0, got), "first");
+  EXPECT_FALSE(F::ReadFile(h, buffer.data(), buffer.size(), &got)) << "closed once it ended";
+  EXPECT_FALSE(F::CloseFile(h));
+  EXPECT_TRUE(F::CloseFile(next));
+}
+
 TEST(SysFileTest, PathsTakeTheLongFormOnlyOnceTidied) {
   const auto same = [](const wchar_t* path) { return std::pair{path, std::wstring(path)}; };
   const std::pair<const wchar_t*, std::wstring> forms[] = {
