@@ -176,6 +176,8 @@ TEST(WideStringBufferTest, FormatFollowsTheWindowsWideConvention) {
   EXPECT_FALSE(b.Format(L"%-*d", INT_MIN, 1));
   EXPECT_FALSE(b.Format(L"%.*f", INT_MAX, 1.0));
   EXPECT_FALSE(b.Format(L"%2000000000s", L"x"));
+  // Nine digits passed the bound unchecked: the last digit was added after the test.
+  EXPECT_FALSE(b.Format(L"%.999999999s", L"x"));
   EXPECT_FALSE(b.Format(L"%\u0164|%\u0173", 5, L"x")) << "no conversion, not %d and %s";
 }
 
