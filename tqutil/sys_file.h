@@ -70,7 +70,8 @@ class TQUTIL_API TqUSysFile {
   /// The open file's last modification, in nanoseconds since 1970 (UTC) to the file system's
   /// resolution; false on error or when the time lies beyond what 64 bits of them hold.
   static bool GetFileModifiedTime(Handle file, std::int64_t* nanoseconds);
-  /// Closes `file`; false on error (the handle is gone either way).
+  /// Closes `file`; false on error (the handle is gone either way). A call on it that another
+  /// thread is still making keeps the file open until that call ends, which then closes it.
   static bool CloseFile(Handle file);
   /// Renames `from` over `to`, replacing a file there; false with `ec` set on error.
   static bool RenameFile(const std::filesystem::path& from, const std::filesystem::path& to,
