@@ -41,7 +41,11 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
   std::string scheme(u.scheme());
   for (auto& c : scheme) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   if (scheme != "file") return {};
-  const std::string host = u.host();
+  std::string host = u.host();
+  // A host name has no case; ASCII only, whatever the process's locale.
+  for (auto& c : host) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
   if (!host.empty() && host != "localhost") return {};
   // An encoded separator is part of a file's name in the URL ("..%2Ff" is one segment), but
   // decoded it would separate names, and "..%2F" would climb out of the directory the URL names.

@@ -82,8 +82,8 @@ bool ParseSpec(const wchar_t*& p, Conversion& conversion, std::va_list& args) {
   } else {
     while (*p >= L'0' && *p <= L'9') {
       if (conversion.width < 0) conversion.width = 0;
-      if (conversion.width > kMostWidth) return false;
       conversion.width = conversion.width * 10 + (*p++ - L'0');
+      if (conversion.width > kMostWidth) return false;  // before a further digit overflows it
     }
   }
   if (*p == L'.') {
@@ -96,8 +96,8 @@ bool ParseSpec(const wchar_t*& p, Conversion& conversion, std::va_list& args) {
       if (conversion.precision > kMostWidth) return false;
     } else {
       while (*p >= L'0' && *p <= L'9') {
-        if (conversion.precision > kMostWidth) return false;
         conversion.precision = conversion.precision * 10 + (*p++ - L'0');
+        if (conversion.precision > kMostWidth) return false;
       }
     }
   }

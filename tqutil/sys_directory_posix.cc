@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+using qv::sys_file::CreatedForTesting;
 using qv::sys_file::Descriptor;
 using qv::sys_file::DirCloser;
 using qv::sys_file::Errno;
@@ -152,8 +153,12 @@ bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code&
   ec.clear();
   if (!WholePath(path, ec)) return false;
   if (::mkdir(path.c_str(), 0700) == 0) {
-    // The mode asked of mkdir loses what the umask takes away; owner-only is set as a whole.
-    if (::chmod(path.c_str(), 0700) == 0) return true;
+    CreatedForTesting();
+    // The mode asked of mkdir loses what the umask takes away; owner-only is set as a whole,
+    // on the directory made: one who may write the parent could swap a link in for it by now,
+    // and a mode set by name would go to what the link leads to.
+    Descriptor made(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (made.fd >= 0 && ::fchmod(made.fd, 0700) == 0) return true;
     ec = Errno();
     return false;
   }

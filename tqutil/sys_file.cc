@@ -11,7 +11,7 @@
 #include <utility>
 
 using qv::sys_file::Forget;
-using qv::sys_file::IsLive;
+using qv::sys_file::Use;
 using qv::sys_file::ValidArguments;
 #if defined(_WIN32)
 using qv::sys_file::OpenPlainFile;
@@ -71,7 +71,8 @@ namespace {
 bool ReadOnce(TqUSysFile::Handle file, void* buffer, std::uint64_t size,
               const std::uint64_t* offset, std::uint64_t* read) {
   if (read) *read = 0;
-  if (!IsLive(file) || (!buffer && size > 0) ||
+  const Use use(file);
+  if (!use || (!buffer && size > 0) ||
       (offset && *offset > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) ||
       TqUSysFileFaults::Fails("read")) {
     return false;
@@ -138,7 +139,8 @@ bool TqUSysFile::ReadFileAt(Handle file, void* buffer, std::uint64_t size, std::
 bool TqUSysFile::WriteFile(Handle file, const void* buffer, std::uint64_t size,
                            std::uint64_t* written) {
   if (written) *written = 0;
-  if (!IsLive(file) || (!buffer && size > 0)) return false;
+  const Use use(file);
+  if (!use || (!buffer && size > 0)) return false;
   // A test's injected fault counts one operation for each write of some bytes.
   if (size > 0 && TqUSysFileFaults::Fails("write")) return false;
   const auto* p = static_cast<const unsigned char*>(buffer);
@@ -166,7 +168,8 @@ bool TqUSysFile::WriteFile(Handle file, const void* buffer, std::uint64_t size,
 }
 
 std::int64_t TqUSysFile::SeekFile(Handle file, std::int64_t offset, int origin) {
-  if (!IsLive(file) || origin < 0 || origin > 2 || TqUSysFileFaults::Fails("seek")) return -1;
+  const Use use(file);
+  if (!use || origin < 0 || origin > 2 || TqUSysFileFaults::Fails("seek")) return -1;
 #if defined(_WIN32)
   LARGE_INTEGER distance;
   distance.QuadPart = offset;
@@ -182,7 +185,8 @@ std::int64_t TqUSysFile::SeekFile(Handle file, std::int64_t offset, int origin) 
 }
 
 std::int64_t TqUSysFile::GetFileSize(Handle file) {
-  if (!IsLive(file) || TqUSysFileFaults::Fails("size")) return -1;
+  const Use use(file);
+  if (!use || TqUSysFileFaults::Fails("size")) return -1;
 #if defined(_WIN32)
   LARGE_INTEGER size;
   if (!::GetFileSizeEx(file->file, &size)) return -1;
@@ -195,7 +199,8 @@ std::int64_t TqUSysFile::GetFileSize(Handle file) {
 }
 
 bool TqUSysFile::GetFileModifiedTime(Handle file, std::int64_t* nanoseconds) {
-  if (!IsLive(file) || nanoseconds == nullptr) return false;
+  const Use use(file);
+  if (!use || nanoseconds == nullptr) return false;
   constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
   std::int64_t seconds = 0;
   std::int64_t fraction = 0;  // nanoseconds past `seconds`, below one second
@@ -228,7 +233,10 @@ bool TqUSysFile::GetFileModifiedTime(Handle file, std::int64_t* nanoseconds) {
 }
 
 bool TqUSysFile::CloseFile(Handle file) {
-  if (!Forget(file)) return false;
+  bool in_use = false;
+  if (!Forget(file, &in_use)) return false;
+  // A call on another thread still uses it: the last one closes it as it ends.
+  if (in_use) return true;
   // Closed here, for its result, and taken from the record, which would close it again.
   const std::unique_ptr<TqUSysFileHandleTag> record(file);
 #if defined(_WIN32)

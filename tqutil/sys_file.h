@@ -70,7 +70,8 @@ class TQUTIL_API TqUSysFile {
   /// The open file's last modification, in nanoseconds since 1970 (UTC) to the file system's
   /// resolution; false on error or when the time lies beyond what 64 bits of them hold.
   static bool GetFileModifiedTime(Handle file, std::int64_t* nanoseconds);
-  /// Closes `file`; false on error (the handle is gone either way).
+  /// Closes `file`; false on error (the handle is gone either way). A call on it that another
+  /// thread is still making keeps the file open until that call ends, which then closes it.
   static bool CloseFile(Handle file);
   /// Renames `from` over `to`, replacing a file there; false with `ec` set on error.
   static bool RenameFile(const std::filesystem::path& from, const std::filesystem::path& to,
@@ -99,6 +100,9 @@ class TQUTIL_API TqUSysFile {
   /// another); on Windows, whose open takes the sharing at once, right after the open. An empty
   /// function ends it. Called from whichever threads open files.
   static void SetOpenHookForTesting(std::function<void()> hook);
+  /// Runs `hook` inside every call on an open handle (a read, a write, a seek, a size) once the
+  /// call holds the handle, before it uses the file. An empty function ends it.
+  static void SetUseHookForTesting(std::function<void()> hook);
 };
 
 /// A directory whose files are listed, opened and removed by name relative to one open handle,
@@ -172,6 +176,10 @@ class TQUTIL_API TqUSysDirectory {
   /// it leads to is never entered. The count of files and directories removed; `ec` set when
   /// something could not be removed (the rest is removed still).
   static std::uintmax_t RemoveTree(const std::filesystem::path& path, std::error_code& ec);
+
+  /// Runs `hook` inside Create once it has made its directory, before the directory's mode is
+  /// set (POSIX only); an empty function ends it.
+  static void SetCreateHookForTesting(std::function<void()> hook);
 
   /// Makes RemoveFile refuse (permission denied, the file left in place) every name for which
   /// `refuse` returns true; an empty function ends it. `refuse` is called from whichever

@@ -27,6 +27,10 @@ struct TqUSysFileHandleTag {
   TqUSysFileHandleTag() = default;
   TqUSysFileHandleTag(const TqUSysFileHandleTag&) = delete;
   TqUSysFileHandleTag& operator=(const TqUSysFileHandleTag&) = delete;
+  // The calls using the handle now, and whether it was closed meanwhile (it is then closed as
+  // the last of them ends). Guarded by the registry's lock.
+  int uses = 0;
+  bool closed = false;
 #if defined(_WIN32)
   ~TqUSysFileHandleTag() {
     if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
@@ -42,13 +46,27 @@ struct TqUSysFileHandleTag {
 
 namespace qv::sys_file {
 
-// Whether `h` is a live handle: a null, closed or foreign one is refused instead of followed.
-bool IsLive(TqUSysFile::Handle h);
+// Holds a handle for the length of one call on it: false when it is not a live handle (a null,
+// closed or foreign one is refused instead of followed). A CloseFile on another thread meanwhile
+// takes the handle off the live ones at once, but its file and record stay until the call ends:
+// the call never reads a freed record, nor a descriptor number that a new open has taken.
+class Use {
+ public:
+  explicit Use(TqUSysFile::Handle h);
+  ~Use();
+  Use(const Use&) = delete;
+  Use& operator=(const Use&) = delete;
+  explicit operator bool() const { return m_handle != nullptr; }
+
+ private:
+  TqUSysFile::Handle m_handle = nullptr;
+};
 // Records `record` as a live handle. Throws std::bad_alloc when there is no room, the record
 // then still the caller's.
 void Register(TqUSysFileHandleTag* record);
-// Takes `h` off the live handles; false when it was not one.
-bool Forget(TqUSysFile::Handle h);
+// Takes `h` off the live handles; false when it was not one. When calls still use it, it is
+// theirs to close (the last one does): `*in_use` is set and the caller leaves the record alone.
+bool Forget(TqUSysFile::Handle h, bool* in_use);
 
 // Whether OpenFile's access, share and creation are ones it knows, and the reserved values 0.
 bool ValidArguments(std::uint32_t access, std::uint32_t share, std::uint32_t creation,
@@ -56,6 +74,8 @@ bool ValidArguments(std::uint32_t access, std::uint32_t share, std::uint32_t cre
 
 // Runs the test seam of an open that found a regular file and is about to lock it.
 void OpenedForTesting();
+// Runs the test seam of TqUSysDirectory::Create that has made its directory.
+void CreatedForTesting();
 // Whether the test seam refuses to remove `name`.
 bool RemovalRefused(const TqUSysDirectory::Char* name);
 

@@ -5,7 +5,7 @@
 #include "tqutil/sys_file_faults.h"
 #include "tqutil/sys_file_internal.h"
 
-using qv::sys_file::IsLive;
+using qv::sys_file::Use;
 using qv::sys_file::LastFileError;
 #if defined(_WIN32)
 using qv::sys_file::DeleteReadOnly;
@@ -131,7 +131,8 @@ bool NamesHeldFile(TqUSysFile::Handle file, const std::filesystem::path& path) {
 bool TqUSysFile::RenameHeldFile(Handle file, const std::filesystem::path& from,
                                 const std::filesystem::path& to, std::error_code& ec) {
   ec.clear();
-  if (!IsLive(file)) {
+  const Use use(file);
+  if (!use) {
     ec = std::make_error_code(std::errc::bad_file_descriptor);
     return false;
   }
@@ -145,7 +146,8 @@ bool TqUSysFile::RenameHeldFile(Handle file, const std::filesystem::path& from,
 bool TqUSysFile::RemoveHeldFile(Handle file, const std::filesystem::path& path,
                                 std::error_code& ec) {
   ec.clear();
-  if (!IsLive(file)) {
+  const Use use(file);
+  if (!use) {
     ec = std::make_error_code(std::errc::bad_file_descriptor);
     return false;
   }

@@ -57,6 +57,16 @@ TestHook<std::function<void()>>& TheOpenHook() {
   return *hook;
 }
 
+TestHook<std::function<void()>>& TheUseHook() {
+  static auto* const hook = new TestHook<std::function<void()>>();
+  return *hook;
+}
+
+TestHook<std::function<void()>>& TheCreateHook() {
+  static auto* const hook = new TestHook<std::function<void()>>();
+  return *hook;
+}
+
 TestHook<std::function<bool(const TqUSysDirectory::Char*)>>& TheRemoveFault() {
   static auto* const fault = new TestHook<std::function<bool(const TqUSysDirectory::Char*)>>();
   return *fault;
@@ -64,11 +74,27 @@ TestHook<std::function<bool(const TqUSysDirectory::Char*)>>& TheRemoveFault() {
 
 }  // namespace
 
-bool IsLive(TqUSysFile::Handle h) {
-  if (!h) return false;
-  Registry& r = TheRegistry();
-  std::lock_guard lock(r.mutex);
-  return r.live.count(h) != 0;
+Use::Use(TqUSysFile::Handle h) {
+  if (!h) return;
+  {
+    Registry& r = TheRegistry();
+    std::lock_guard lock(r.mutex);
+    if (r.live.count(h) == 0) return;
+    ++h->uses;
+    m_handle = h;
+  }
+  if (auto hook = TheUseHook().Get()) (*hook)();
+}
+
+Use::~Use() {
+  if (!m_handle) return;
+  bool last = false;
+  {
+    Registry& r = TheRegistry();
+    std::lock_guard lock(r.mutex);
+    last = --m_handle->uses == 0 && m_handle->closed;
+  }
+  if (last) delete m_handle;  // closes the file that CloseFile left to this call
 }
 
 void Register(TqUSysFileHandleTag* record) {
@@ -84,11 +110,15 @@ TqUSysFile::Handle Adopt(std::unique_ptr<TqUSysFileHandleTag> record) {
 }
 #endif
 
-bool Forget(TqUSysFile::Handle h) {
+bool Forget(TqUSysFile::Handle h, bool* in_use) {
+  *in_use = false;
   if (!h) return false;
   Registry& r = TheRegistry();
   std::lock_guard lock(r.mutex);
-  return r.live.erase(h) != 0;
+  if (r.live.erase(h) == 0) return false;
+  h->closed = true;
+  *in_use = h->uses > 0;
+  return true;
 }
 
 bool ValidArguments(std::uint32_t access, std::uint32_t share, std::uint32_t creation,
@@ -100,6 +130,10 @@ bool ValidArguments(std::uint32_t access, std::uint32_t share, std::uint32_t cre
 
 void OpenedForTesting() {
   if (auto hook = TheOpenHook().Get()) (*hook)();
+}
+
+void CreatedForTesting() {
+  if (auto hook = TheCreateHook().Get()) (*hook)();
 }
 
 bool RemovalRefused(const TqUSysDirectory::Char* name) {
@@ -126,6 +160,14 @@ thread_local ThreadFaults t_faults;
 
 void TqUSysFile::SetOpenHookForTesting(std::function<void()> hook) {
   qv::sys_file::TheOpenHook().Set(std::move(hook));
+}
+
+void TqUSysFile::SetUseHookForTesting(std::function<void()> hook) {
+  qv::sys_file::TheUseHook().Set(std::move(hook));
+}
+
+void TqUSysDirectory::SetCreateHookForTesting(std::function<void()> hook) {
+  qv::sys_file::TheCreateHook().Set(std::move(hook));
 }
 
 void TqUSysDirectory::SetRemoveFaultForTesting(std::function<bool(const Char* name)> refuse) {

@@ -211,13 +211,28 @@ Parts Resolve(const Parts& base, const Parts& r) {
   return t;
 }
 
+// A host name decoded to a character that a URL's authority cannot hold as it stands: the name
+// is written into a URL again to connect, where a "#", "@", "/" or ":" ends the host early.
+bool PlainHostName(std::string_view name) {
+  constexpr std::string_view kSubDelims = "!$&'()*+,;=";
+  for (const char ch : name) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c < 0x80 && !IsUnreserved(c) && kSubDelims.find(ch) == std::string_view::npos) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // What the getters hand out must be what the text names. The parser wraps ports above 65535
 // (and a connection to port 0 goes to the scheme's default port), a host or user name decoded
-// to text with a NUL in it ends there as a C string ("evil%00.example" would be "evil"), and an
-// IP literal of a future version ("[v1.example]") would be looked up as the name inside its
+// to text with a NUL in it ends there as a C string ("evil%00.example" would be "evil"), a host
+// decoded to a delimiter ends there as a URL ("evil.example%23.h" would be "evil.example"), and
+// an IP literal of a future version ("[v1.example]") would be looked up as the name inside its
 // brackets: such a URL would reach another server than the one it names, so it does not parse.
 bool Connectable(const urls::url_view& u) {
   if (u.host_type() == urls::host_type::ipvfuture) return false;
+  if (u.host_type() == urls::host_type::name && !PlainHostName(u.host_name())) return false;
   const std::string_view port(u.port().data(), u.port().size());
   if (u.has_port() && !port.empty() && qv::ParseDecimal(port, 65535).value_or(0) == 0) {
     return false;

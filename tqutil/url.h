@@ -24,7 +24,8 @@
 /// IsValid() is true for an absolute URL that has a scheme and, for http and https, a host.
 /// Relative references parse (ResolveRelative takes them) but are not valid on their own.
 /// A text that would reach another server than the one it names does not parse (a port above
-/// 65535 or 0, a NUL in the decoded host, user name or password, an IP literal of a future
+/// 65535 or 0, a NUL in the decoded host, user name or password, a host name decoded to a
+/// character its URL could not hold as written ("%23", "%40", "%2F"), an IP literal of a future
 /// version): such a URL has no host, so no connection is made for it.
 class TQUTIL_API TqUURL {
  public:

@@ -367,6 +367,30 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
 // A path as the system's file calls take it: drive and share paths in the long form; paths in
 // the system's own form and device names as they are. On Windows a path is made absolute and
 // tidied by the system before the prefix turns that tidying off.
+// A handle closed (on another thread) while a read through it had begun: the read went on
+// with the freed record, whose memory and descriptor number the next open took, and read that
+// open's file.
+TEST(SysFileTest, AHandleClosedDuringACallOnItStaysOpenUntilTheCallEnds) {
+  tq::test::TempDir dir;
+  WriteFileBytes(dir / "first", "first");
+  WriteFileBytes(dir / "second", "second");
+  F::Handle h = F::OpenFile(dir / "first", kRead.access, kRead.share, kRead.creation, 0, 0);
+  F::Handle next = F::kInvalid;
+  F::SetUseHookForTesting([&] {
+    if (next != F::kInvalid) return;
+    EXPECT_TRUE(F::CloseFile(h));
+    next = F::OpenFile(dir / "second", kRead.access, kRead.share, kRead.creation, 0, 0);
+  });
+  std::string buffer(16, '\0');
+  std::uint64_t got = 0;
+  EXPECT_TRUE(F::ReadFile(h, buffer.data(), buffer.size(), &got));
+  F::SetUseHookForTesting({});
+  EXPECT_EQ(buffer.substr(0, got), "first");
+  EXPECT_FALSE(F::ReadFile(h, buffer.data(), buffer.size(), &got)) << "closed once it ended";
+  EXPECT_FALSE(F::CloseFile(h));
+  EXPECT_TRUE(F::CloseFile(next));
+}
+
 TEST(SysFileTest, PathsTakeTheLongFormOnlyOnceTidied) {
   const auto same = [](const wchar_t* path) { return std::pair{path, std::wstring(path)}; };
   const std::pair<const wchar_t*, std::wstring> forms[] = {
@@ -406,6 +430,27 @@ TEST(SysFileTest, PathsTakeTheLongFormOnlyOnceTidied) {
   for (const auto& [path, form] : made) EXPECT_EQ(system(path), form) << qv::WideToUtf8(path);
 #endif
 }
+
+#if !defined(_WIN32)  // Windows directories have access lists, not modes
+// One who may write the parent swapped a link in for the directory just made: its owner-only
+// mode was set by name, on the file the link leads to.
+TEST(SysFileTest, ADirectorySwappedForALinkAsItIsMadeGivesItsModeToNothing) {
+  tq::test::TempDir dir;
+  using std::filesystem::perms;
+  const perms kept = perms::owner_read | perms::owner_write | perms::group_read;
+  WriteFileBytes(dir / "target", "x");
+  std::filesystem::permissions(dir / "target", kept);
+  TqUSysDirectory::SetCreateHookForTesting([&] {
+    std::filesystem::rename(dir / "made", dir / "moved");
+    std::filesystem::create_symlink(dir / "target", dir / "made");
+  });
+  std::error_code ec;
+  EXPECT_FALSE(TqUSysDirectory::Create(dir / "made", ec));
+  TqUSysDirectory::SetCreateHookForTesting({});
+  EXPECT_TRUE(ec);
+  EXPECT_EQ(std::filesystem::status(dir / "target").permissions() & perms::all, kept);
+}
+#endif
 
 // A cache deep in a user's profile, with an entry's temporary file in it, passes the 260
 // characters that Windows allows a path without the long form. A store, a read, a listing, a
@@ -567,6 +612,12 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
   auto u = TqUFileURL::OpenURLReadStream(url.c_str(), {});
   ASSERT_TRUE(u);
   EXPECT_EQ(ReadAll(*u, 4), "HDRaBcdef");
+  // A host name has no case: "LOCALHOST" was refused as another host.
+  for (const wchar_t* host : {L"localhost", L"LOCALHOST", L"LocalHost"}) {
+    auto local = TqUFileURL::OpenURLReadStream((L"file://" + std::wstring(host) +
+                                                FileUrl(path).substr(7)).c_str(), {});
+    EXPECT_TRUE(local && ReadAll(*local, 16) == "HDRaBcdef") << qv::WideToUtf8(host);
+  }
   const auto meta = u->MetaData();
   ASSERT_TRUE(meta.etag && meta.modified);
   EXPECT_EQ(*meta.modified, kModified) << "whole seconds, rounded down";

@@ -89,14 +89,19 @@ TEST(UrlTest, ResolvesRelativeReferencesToWhatTheirTextSays) {
 }
 
 // A port out of range was read as the scheme's default port, port 0 means the default port to
-// the transport, a host or user name decoded to text with a NUL ended at it, and an IP literal
-// of a future version was looked up as a name: each URL named one server and reached another.
+// the transport, a host or user name decoded to text with a NUL ended at it, a host decoded to
+// a URL's delimiter ("#", "@", "/") ended there where the transport wrote it into a URL again,
+// and an IP literal of a future version was looked up as a name: each URL named one server and
+// reached another.
 // None of them names a host now, so no connection is made.
 TEST(UrlTest, UrlsThatWouldReachAnotherServerNameNoHost) {
   for (const wchar_t* text : {L"http://h:65536/x", L"http://h:65616/x", L"http://h:0/x",
                               L"http://h:00/x", L"http://evil.example%00.h/x",
                               L"http://u%00x:p@h/x", L"http://u:p%00x@h/x",
-                              L"http://[v1.example.com]/x"}) {
+                              L"http://[v1.example.com]/x", L"http://evil.example%23.h/x",
+                              L"http://h%40evil.example/x", L"http://evil.example%2F.h/x",
+                              L"http://evil.example%3A1.h/x", L"http://a%20b/x",
+                              L"http://evil.example%5C.h/x", L"http://h%2540evil/x"}) {
     for (const bool normalise : {false, true}) {
       const TqUURL u(text, normalise);
       EXPECT_FALSE(u.IsValid()) << qv::WideToUtf8(text);
@@ -171,6 +176,8 @@ TEST(WideStringBufferTest, FormatFollowsTheWindowsWideConvention) {
   EXPECT_FALSE(b.Format(L"%-*d", INT_MIN, 1));
   EXPECT_FALSE(b.Format(L"%.*f", INT_MAX, 1.0));
   EXPECT_FALSE(b.Format(L"%2000000000s", L"x"));
+  // Nine digits passed the bound unchecked: the last digit was added after the test.
+  EXPECT_FALSE(b.Format(L"%.999999999s", L"x"));
   EXPECT_FALSE(b.Format(L"%\u0164|%\u0173", 5, L"x")) << "no conversion, not %d and %s";
 }
 
