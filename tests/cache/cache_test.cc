@@ -633,7 +633,9 @@ TEST_F(CacheTest, ANamedBodyOpenThatRunsOutOfMemoryLeavesNoBodyAndNoLockBehind) 
       }
       if (written) written->Write("new", 3);
       written.reset();
-      if (read) EXPECT_EQ(ReadAll(*read), "old");
+      if (read) {
+        EXPECT_EQ(ReadAll(*read), "old");
+      }
       read.reset();
       EXPECT_THAT(read_back(), ::testing::AnyOf("<null>", "old", "new"));
       auto again = m_cache.OpenWriteStream(L"name");
