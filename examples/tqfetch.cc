@@ -16,7 +16,9 @@
 #include <fcntl.h>
 #include <io.h>
 #include <process.h>
+#include <sys/stat.h>
 #else
+#include <fcntl.h>
 #include <unistd.h>
 #endif
 
@@ -34,6 +36,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -371,6 +374,119 @@ std::string ReadRangeText(const std::string& url, std::uint64_t offset, std::uin
   return bytes;
 }
 
+// Whether a copy to `target` goes to a new file renamed over it once complete: for a regular
+// file (or none yet). A device or a pipe (/dev/null, a FIFO) is written as it is: nothing of it
+// is kept, and nothing may take its place.
+bool WritesBeside(const fs::path& target) {
+  std::error_code error;
+  const fs::file_status status = fs::status(target, error);
+  return !fs::exists(status) || fs::is_regular_file(status);
+}
+
+// A file written beside `target` under a name of its own and renamed over `target` when all of
+// it is written: a copy that fails midway (a full disk, a read that fails) leaves a file
+// already there as it was, and nothing beside it. A link at `target` is written through, to
+// the file it names, as a plain open would. Each step gives 0 or the system's error number.
+class ReplacingFile {
+ public:
+  explicit ReplacingFile(fs::path target) : m_target(std::move(target)) {
+    std::error_code error;
+    if (fs::is_symlink(fs::symlink_status(m_target, error))) {
+      const fs::path named = fs::weakly_canonical(m_target, error);
+      if (!error) m_target = named;
+    }
+  }
+  ~ReplacingFile() {
+    if (m_fd >= 0) CloseFd();
+    std::error_code ignored;
+    if (!m_temp.empty()) fs::remove(m_temp, ignored);
+  }
+  ReplacingFile(const ReplacingFile&) = delete;
+  ReplacingFile& operator=(const ReplacingFile&) = delete;
+
+  int Open() {
+    // A file there that may not be written stays as it is, as a plain open would leave it
+    // (a rename replaces a read-only file whose directory is writable).
+    std::error_code error;
+    if (fs::exists(m_target, error)) {
+      errno = 0;
+      if (!std::ofstream(m_target, std::ios::binary | std::ios::app)) return errno ? errno : EACCES;
+    }
+    const fs::path directory = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
+    std::random_device seed;
+    std::mt19937_64 random(seed());
+    for (int attempt = 0; attempt < 16; ++attempt) {
+      char name[40];
+      std::snprintf(name, sizeof name, ".tqfetch-%016llx.part",
+                    static_cast<unsigned long long>(random()));
+      const fs::path temp = directory / name;
+      // Exclusive: never opens, nor truncates through, what someone else put under the name.
+#if defined(_WIN32)
+      m_fd = _wopen(temp.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
+#else
+      m_fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+#endif
+      if (m_fd >= 0) {
+        m_temp = temp;
+        // The copy keeps the permissions of the file it replaces.
+        const fs::file_status old = fs::status(m_target, error);
+        if (!error && fs::exists(old)) fs::permissions(m_temp, old.permissions(), error);
+        return 0;
+      }
+      if (errno != EEXIST) return errno;
+    }
+    return EEXIST;
+  }
+
+  int Write(const char* data, std::size_t size) {
+    while (size > 0) {
+      const unsigned piece = static_cast<unsigned>(std::min<std::size_t>(size, 1u << 30));
+#if defined(_WIN32)
+      const int n = _write(m_fd, data, piece);
+#else
+      const ssize_t n = ::write(m_fd, data, piece);
+      if (n < 0 && errno == EINTR) continue;
+#endif
+      if (n < 0) return errno;
+      if (n == 0) return ENOSPC;
+      data += n;
+      size -= static_cast<std::size_t>(n);
+    }
+    return 0;
+  }
+
+  // On disk before the rename, so that a crash never leaves a short file under the name.
+  int Commit() {
+#if defined(_WIN32)
+    const int flushed = _commit(m_fd) != 0 ? errno : 0;
+#else
+    const int flushed = ::fsync(m_fd) != 0 ? errno : 0;
+#endif
+    const int closed = CloseFd();
+    if (flushed != 0 || closed != 0) return flushed != 0 ? flushed : closed;
+    std::error_code error;
+    fs::rename(m_temp, m_target, error);
+    if (error) return error.value();
+    m_temp.clear();
+    return 0;
+  }
+
+ private:
+  int CloseFd() {
+#if defined(_WIN32)
+    const int result = _close(m_fd);
+#else
+    const int result = ::close(m_fd);
+#endif
+    m_fd = -1;
+    return result != 0 ? errno : 0;
+  }
+
+  fs::path m_target;
+  fs::path m_temp;
+  int m_fd = -1;
+};
+
 // What keeps a download from landing at `target`, or nothing.
 std::string TargetProblem(const fs::path& target) {
   std::error_code ignored;
@@ -635,19 +751,28 @@ int Run(const std::vector<std::string>& args) {
     const auto stream = OpenThroughCache(args[1]);
     if (args.size() == 4) {
       // The system's words for a failure (no such directory, no room left), where it gave some.
-      const auto cannot_write = [&] {
-        const int error = errno;
+      const auto cannot_write = [&](int error) {
         return Failure{"cannot write " + args[3] +
                        (error != 0 ? std::string(": ") + std::strerror(error) : std::string())};
       };
-      errno = 0;
-      std::ofstream out(PathOf(args[3]), std::ios::binary);
-      if (!out) throw cannot_write();
+      const fs::path target = PathOf(args[3]);
+      if (!WritesBeside(target)) {
+        errno = 0;
+        std::ofstream out(target, std::ios::binary);
+        if (!out) throw cannot_write(errno);
+        CopyOut(*stream, [&](const char* data, std::size_t n) {
+          if (!out.write(data, static_cast<std::streamsize>(n))) throw cannot_write(errno);
+        });
+        out.close();  // the last bytes may fail only as they leave the buffer
+        if (!out) throw cannot_write(errno);
+        return 0;
+      }
+      ReplacingFile out(target);
+      if (const int error = out.Open()) throw cannot_write(error);
       CopyOut(*stream, [&](const char* data, std::size_t n) {
-        if (!out.write(data, static_cast<std::streamsize>(n))) throw cannot_write();
+        if (const int error = out.Write(data, n)) throw cannot_write(error);
       });
-      out.close();  // the last bytes may fail only as they leave the buffer
-      if (!out) throw cannot_write();
+      if (const int error = out.Commit()) throw cannot_write(error);
     } else {
       CopyOut(*stream, [](const char* data, std::size_t n) { WriteBody(data, n); });
     }

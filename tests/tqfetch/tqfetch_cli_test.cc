@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cinttypes>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -130,6 +131,30 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
     const Outcome run = Tqfetch(command, home.path());
     EXPECT_EQ(run.status, 1) << command;
     EXPECT_EQ(run.output, "tqfetch: " + line + "\n");
+  }
+  // A copy to FILE that cannot complete (past the file-size limit, as on a full disk; the child
+  // inherits the limit and the ignored SIGXFSZ) keeps the file already there, and leaves nothing
+  // beside it. The cache is in memory (its directory cannot be made), so only FILE is written.
+  {
+    const std::filesystem::path dir = home.path() / "keep", kept = dir / "kept.bin";
+    std::filesystem::create_directory(dir);
+    std::ofstream(kept, std::ios::binary) << "the old contents";
+    server.Route("/large", tq::test::ScriptedResponse(200, std::string(64 * 1024, 'n')));
+    rlimit previous{}, limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+    limit = previous;
+    limit.rlim_cur = 4096;
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    const Outcome run = Tqfetch("fetch " + server.Url("/large") + " -o " + kept.string(), kept);
+    setrlimit(RLIMIT_FSIZE, &previous);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.output, "tqfetch: cannot write " + kept.string() + ": File too large\n");
+    std::ifstream in(kept, std::ios::binary);
+    const std::string left(std::istreambuf_iterator<char>(in), {});
+    EXPECT_TRUE(left == "the old contents") << left.size() << " bytes";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 1);
   }
 
   // A file whose size changes between two pieces of one range (read 8 MiB at a time) is a
