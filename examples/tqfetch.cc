@@ -96,6 +96,13 @@ void ForgetFailures() {
   g_first_failure.reset();
 }
 
+// The running operation's first failed exchange was refused as asking for bytes past the end of
+// the file (416).
+bool RefusedAsPastTheEnd() {
+  std::lock_guard lock(g_log_mutex);
+  return g_first_failure && g_first_failure->error == 0 && g_first_failure->status == 416;
+}
+
 // The failure of an operation, with the reason in words when one of its exchanges failed, else
 // with what the library logged, else with `otherwise`.
 Failure Failed(const std::string& what, const std::string& otherwise = {}) {
@@ -330,11 +337,15 @@ void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
   std::vector<char> buffer(static_cast<std::size_t>(std::min(size, kRangePiece)));
   std::uint64_t done = 0;
   std::optional<std::uint64_t> first_total;
+  bool may_end_here = false;  // the file may end where the last piece did
   while (done < size) {
     const std::uint64_t ask = std::min(size - done, kRangePiece);
     std::uint64_t total = 0;
     const std::int64_t got = file.Read(offset + done, ask, buffer.data(), &total);
-    if (got < 0) throw Failed(what);
+    if (got < 0) {
+      if (may_end_here && RefusedAsPastTheEnd()) break;  // the file ended with the last piece
+      throw Failed(what);
+    }
     const auto count = static_cast<std::uint64_t>(got);
     const std::uint64_t at = offset + done;
     // A Content-Range without the file's size ("bytes a-b/*") leaves only the piece's own
@@ -362,6 +373,12 @@ void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
     sink(buffer.data(), static_cast<std::size_t>(count));
     done += count;
     if (count < ask) break;  // the file ends inside the range
+    // The file ends exactly where this piece does: a piece past its end would be refused (416).
+    // Where the size may be the piece's own length (a first piece from byte 0, or a "/*"
+    // Content-Range), the next piece is asked for, and its refusal as past the end ends the range.
+    const bool ends_here = !piece_length && at + count == total;
+    if (ends_here && at > 0) break;
+    may_end_here = ends_here || piece_length || total == count;
   }
 }
 

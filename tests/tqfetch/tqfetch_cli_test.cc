@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cinttypes>
 #include <csignal>
@@ -40,6 +41,13 @@ Outcome Tqfetch(const std::string& args, const std::filesystem::path& cache_home
   const int status = pclose(pipe);
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return run;
+}
+
+// The "Range: bytes=first-last" of a request head.
+bool AskedRange(const std::string& head, std::uint64_t* first, std::uint64_t* last) {
+  const std::size_t at = head.find("Range: bytes=");
+  return at != std::string::npos &&
+         std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, first, last) == 2;
 }
 
 // Each command's failure is one line that names the URL and ends in the reason. The reason is
@@ -87,9 +95,7 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   tq::test::RawResponder unsized([](tq::test::RawConnection& c) {
     const std::string head = c.ReadRequestHead();
     std::uint64_t first = 0, last = 0;
-    const std::size_t at = head.find("Range: bytes=");
-    if (at == std::string::npos ||
-        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+    if (!AskedRange(head, &first, &last)) {
       return;
     }
     c.Send("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
@@ -162,9 +168,7 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   auto answers = std::make_shared<std::atomic<int>>(0);
   tq::test::SameAnswerServer changing([answers](const std::string& head) -> std::string {
     std::uint64_t first = 0, last = 0;
-    const std::size_t at = head.find("Range: bytes=");
-    if (at == std::string::npos ||
-        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+    if (!AskedRange(head, &first, &last)) {
       return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
     }
     const std::uint64_t total = (*answers)++ == 0 ? 9 << 20 : 10 << 20;
@@ -245,9 +249,7 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   // the measure above: a child's peak counts from this process's size when it was forked.)
   tq::test::SameAnswerServer sizeless([](const std::string& head) -> std::string {
     std::uint64_t first = 0, last = 0;
-    const std::size_t at = head.find("Range: bytes=");
-    if (at == std::string::npos ||
-        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+    if (!AskedRange(head, &first, &last)) {
       return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
     }
     return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
@@ -260,6 +262,23 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
                                                                           8 << 20));
   EXPECT_EQ(read.output.size(), std::size_t{9 << 20});
   EXPECT_EQ(read.output.find_first_not_of('u'), std::string::npos);
+  // A file that ends where a piece ends has nothing after it: the range ends there too, rather
+  // than with the 416 that a piece past the end gets.
+  constexpr std::uint64_t kEight = 8 << 20;
+  tq::test::SameAnswerServer exact([](const std::string& head) -> std::string {
+    std::uint64_t first = 0, last = 0;
+    if (!AskedRange(head, &first, &last) || first >= kEight) {
+      return "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */8388608\r\n"
+             "Content-Length: 0\r\n\r\n";
+    }
+    last = std::min(last, kEight - 1);
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
+           std::to_string(last) + "/8388608\r\nContent-Length: " +
+           std::to_string(last - first + 1) + "\r\n\r\n" + std::string(last - first + 1, 'e');
+  });
+  const Outcome ends = Tqfetch("range " + exact.Url("/e") + " 0 8388609", home.path());
+  EXPECT_EQ(ends.status, 0) << ends.output.substr(std::min<std::size_t>(ends.output.size(), kEight));
+  EXPECT_EQ(ends.output.size(), kEight);
   const std::filesystem::path file = home.path() / std::filesystem::path(u8"caf\u00e9 \u65e5.bin");
   for (const std::string& command : {"fetch " + url + " -o", "download " + url}) {
     std::filesystem::remove(file);
