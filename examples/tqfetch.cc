@@ -189,28 +189,32 @@ class ProgressBar : public TqUProgress {
   ~ProgressBar() override {
     if (m_tty && m_shown) std::printf("\n");
   }
+  // The end of a download is reported as 1.0 whether it succeeded or not: the full bar waits
+  // for Finish, which is called only when it succeeded.
   bool SetProgress(double fraction) override {
-    m_last = fraction;
-    if (!m_tty) return true;
+    if (fraction < 1.0) Draw(fraction, false);
+    return true;
+  }
+  void Finish() { Draw(1.0, true); }
+
+ private:
+  void Draw(double fraction, bool last) {
+    if (!m_tty) return;
     const Clock::time_point now = Clock::now();
     const std::string line =
         tqfetch::FormatProgressLine({fraction, m_total, now - m_started});
-    if (m_throttle.ShouldDraw(line, now, fraction >= 1.0)) {
+    if (m_throttle.ShouldDraw(line, now, last)) {
       // Padded, so that a shorter line covers all of a longer one drawn before it.
       std::printf("\r  %s %-70s", m_label.c_str(), line.c_str());
       std::fflush(stdout);
       m_shown = true;
     }
-    return true;
   }
-  double last() const { return m_last; }
 
- private:
   std::string m_label;
   std::optional<std::uint64_t> m_total;
   bool m_tty;
   bool m_shown = false;
-  double m_last = -1;
   Clock::time_point m_started = Clock::now();
   tqfetch::ProgressThrottle m_throttle;
 };
@@ -532,6 +536,7 @@ void Download(const std::string& url, const std::string& path) {
     }
     throw Failed(what, "the transfer did not complete");
   }
+  bar.Finish();
 }
 
 // ---------------------------------------------------------------------------------------------

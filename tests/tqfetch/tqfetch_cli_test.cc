@@ -29,10 +29,13 @@ struct Outcome {
   std::string output;  // stdout and stderr together
 };
 
-// Runs tqfetch with its disk cache in `cache_home`.
-Outcome Tqfetch(const std::string& args, const std::filesystem::path& cache_home) {
-  const std::string command = "XDG_CACHE_HOME='" + cache_home.string() + "' '" TQFETCH_PATH "' " +
-                              args + " 2>&1 </dev/null";
+// Runs tqfetch with its disk cache in `cache_home`; on a terminal (script(1)'s) when asked.
+Outcome Tqfetch(const std::string& args, const std::filesystem::path& cache_home,
+                bool terminal = false) {
+  std::string command =
+      "XDG_CACHE_HOME='" + cache_home.string() + "' '" TQFETCH_PATH "' " + args;
+  if (terminal) command = "script -qec \"" + command + "\" /dev/null";
+  command += " 2>&1 </dev/null";
   Outcome run;
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return run;
@@ -138,6 +141,17 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
     EXPECT_EQ(run.status, 1) << command;
     EXPECT_EQ(run.output, "tqfetch: " + line + "\n");
   }
+  // On a terminal, a download that fails leaves its progress line where it got to: the end the
+  // library reports for every download, failed or not, is no full bar. One that succeeds ends
+  // at 100%.
+  const Outcome refused = Tqfetch("download http://127.0.0.1:1/x " + file, home.path(), true);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.output.find("100%"), std::string::npos) << refused.output;
+  const Outcome landed = Tqfetch("download " + server.Url("/a") + " " + file, home.path(), true);
+  EXPECT_EQ(landed.status, 0);
+  EXPECT_NE(landed.output.find("100% [########################]"), std::string::npos)
+      << landed.output;
+
   // A copy to FILE that cannot complete (past the file-size limit, as on a full disk; the child
   // inherits the limit and the ignored SIGXFSZ) keeps the file already there, and leaves nothing
   // beside it. The cache is in memory (its directory cannot be made), so only FILE is written.
