@@ -514,6 +514,11 @@ std::string TargetProblem(const fs::path& target) {
   const fs::path parent = target.has_parent_path() ? target.parent_path() : fs::path(".");
   if (!fs::is_directory(parent, ignored)) return "no such directory: " + Text(parent);
   if (fs::is_directory(target, ignored)) return Text(target) + " is a directory";
+  // A device or a pipe there is never replaced by the file (a link there is, itself).
+  const fs::file_status there = fs::symlink_status(target, ignored);
+  if (fs::exists(there) && !fs::is_regular_file(there) && !fs::is_symlink(there)) {
+    return Text(target) + " is not a regular file";
+  }
   return {};
 }
 

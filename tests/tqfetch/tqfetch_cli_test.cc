@@ -1,5 +1,6 @@
 // tqfetch run as a person runs it: its words on failure, its exit status, its help.
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -113,6 +114,8 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   tq::test::SameAnswerServer bare("HTTP/1.1 200 OK\r\n\r\n");  // no size, time or tag
   const std::string short_url = cut.Url("/cut");
   const std::string nowhere = (home.path() / "no" / "x").string();
+  const std::string fifo = (home.path() / "fifo").string();
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::pair<std::string, std::string> local_failures[] = {
       {"fetch " + short_url, "could not open " + short_url + ": connection aborted"},
       {"range " + short_url + " 1 5", "cannot read bytes 1+5 of " + short_url +
@@ -134,6 +137,10 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
       {"download " + server.Url("/get-only") + " " + home.path().string(),
        "download of " + server.Url("/get-only") + " to " + home.path().string() + " failed: " +
            home.path().string() + " is a directory"},
+      // A download never replaces what is not a regular file.
+      {"download " + server.Url("/a") + " " + fifo, "download of " + server.Url("/a") + " to " +
+                                                        fifo + " failed: " + fifo +
+                                                        " is not a regular file"},
       {"fetch " + secure.Url("/a"),
        "could not open " + secure.Url("/a") + ": certificate not trusted"}};
   for (const auto& [command, line] : local_failures) {
