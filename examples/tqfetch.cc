@@ -15,7 +15,6 @@
 #include <shellapi.h>
 #include <fcntl.h>
 #include <io.h>
-#include <process.h>
 #include <sys/stat.h>
 #else
 #include <fcntl.h>
@@ -168,14 +167,6 @@ void WriteBody(const char* bytes, std::size_t size) {
   if (std::fwrite(bytes, 1, size, stdout) != size || std::fflush(stdout) != 0) {
     throw Failure{std::string("cannot write to standard output: ") + std::strerror(errno)};
   }
-}
-
-int ProcessId() {
-#if defined(_WIN32)
-  return _getpid();
-#else
-  return static_cast<int>(getpid());
-#endif
 }
 
 // Progress as one line on a terminal, redrawn when its text changes and at most ten times a
@@ -395,6 +386,16 @@ std::string ReadRangeText(const std::string& url, std::uint64_t offset, std::uin
   return bytes;
 }
 
+// 16 hexadecimal digits nobody can guess, for names of the program's own files.
+std::string RandomHex() {
+  static std::mutex mutex;
+  static std::mt19937_64 random{std::random_device{}()};
+  std::lock_guard lock(mutex);
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(random()));
+  return text;
+}
+
 // Whether a copy to `target` goes to a new file renamed over it once complete: for a regular
 // file (or none yet). A device or a pipe (/dev/null, a FIFO) is written as it is: nothing of it
 // is kept, and nothing may take its place.
@@ -434,13 +435,8 @@ class ReplacingFile {
       if (!std::ofstream(m_target, std::ios::binary | std::ios::app)) return errno ? errno : EACCES;
     }
     const fs::path directory = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
-    std::random_device seed;
-    std::mt19937_64 random(seed());
     for (int attempt = 0; attempt < 16; ++attempt) {
-      char name[40];
-      std::snprintf(name, sizeof name, ".tqfetch-%016llx.part",
-                    static_cast<unsigned long long>(random()));
-      const fs::path temp = directory / name;
+      const fs::path temp = directory / (".tqfetch-" + RandomHex() + ".part");
       // Exclusive: never opens, nor truncates through, what someone else put under the name.
 #if defined(_WIN32)
       m_fd = _wopen(temp.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
@@ -673,9 +669,20 @@ void TourCleanUp(const std::string& url, const fs::path& work) {
   std::printf("  entry files before: %zu, after: %zu\n", before, after);
 }
 
+// A new directory of the tour's own in the temporary directory. Made, not found: in a directory
+// every user may write (/tmp), a name that was there already may lead anywhere.
+fs::path MakeWorkDirectory() {
+  const fs::path temp = fs::temp_directory_path();
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    const fs::path work = temp / ("tqfetch-tour-" + RandomHex());
+    std::error_code error;
+    if (fs::create_directory(work, error)) return work;
+  }
+  throw Failure{"cannot make a directory in " + Text(temp)};
+}
+
 void Tour() {
-  const fs::path work = fs::temp_directory_path() / ("tqfetch-tour-" + std::to_string(ProcessId()));
-  fs::create_directories(work);
+  const fs::path work = MakeWorkDirectory();
   TourServer server;
   server.Put("/report.txt", {"\"r1\"", "Quarterly report, first draft.\n"});
   server.Put("/big.bin", {"\"b1\"", MakeBig()});

@@ -1,7 +1,9 @@
 // tqfetch run as a person runs it: its words on failure, its exit status, its help.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -316,6 +318,40 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   EXPECT_EQ(info.status, 0);
   EXPECT_NE(info.output.find("  revision  \"a\\x1b]0;title\\x07\\x1b[2Jb\"\n"), std::string::npos)
       << info.output;
+}
+
+// The tour works in a new directory of its own: a name planted beforehand in the temporary
+// directory (a link to another directory, as any user can plant in /tmp) is never used, and
+// nothing lands where it leads.
+TEST(TqfetchCliTest, TheTourWorksInANewDirectoryOfItsOwn) {
+  tq::test::TempDir tmp;
+  const std::filesystem::path victim = tmp.path() / "victim";
+  std::filesystem::create_directory(victim);
+  std::string tmpdir = "TMPDIR=" + tmp.path().string(), cache = "XDG_CACHE_HOME=" + tmpdir.substr(7);
+  char* const env[] = {tmpdir.data(), cache.data(), nullptr};
+  const int out = open((tmp.path() / "out.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  int go[2];
+  ASSERT_TRUE(out >= 0 && pipe(go) == 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {  // waits until its pid's name is planted
+    char byte = 0;
+    close(go[1]);
+    if (read(go[0], &byte, 1) == 1 && dup2(out, 1) == 1 && dup2(out, 2) == 2) {
+      execle(TQFETCH_PATH, TQFETCH_PATH, static_cast<char*>(nullptr), env);
+    }
+    _exit(127);
+  }
+  close(go[0]);
+  close(out);
+  std::filesystem::create_directory_symlink(
+      victim, tmp.path() / ("tqfetch-tour-" + std::to_string(child)));
+  EXPECT_EQ(write(go[1], "g", 1), 1);
+  close(go[1]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(std::filesystem::is_empty(victim));
 }
 
 TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
