@@ -790,23 +790,26 @@ int Run(const std::vector<std::string>& args) {
                        (error != 0 ? std::string(": ") + std::strerror(error) : std::string())};
       };
       const fs::path target = PathOf(args[3]);
-      if (!WritesBeside(target)) {
-        errno = 0;
-        std::ofstream out(target, std::ios::binary);
-        if (!out) throw cannot_write(errno);
+      ReplacingFile beside(target);
+      const int refused = WritesBeside(target) ? beside.Open() : -1;
+      if (refused == 0) {
         CopyOut(*stream, [&](const char* data, std::size_t n) {
-          if (!out.write(data, static_cast<std::streamsize>(n))) throw cannot_write(errno);
+          if (const int error = beside.Write(data, n)) throw cannot_write(error);
         });
-        out.close();  // the last bytes may fail only as they leave the buffer
-        if (!out) throw cannot_write(errno);
+        if (const int error = beside.Commit()) throw cannot_write(error);
         return 0;
       }
-      ReplacingFile out(target);
-      if (const int error = out.Open()) throw cannot_write(error);
+      // A device or a pipe, or a file in a directory where nothing else may be made: written
+      // in place.
+      if (refused != -1 && refused != EACCES && refused != EPERM) throw cannot_write(refused);
+      errno = 0;
+      std::ofstream out(target, std::ios::binary);
+      if (!out) throw cannot_write(errno);
       CopyOut(*stream, [&](const char* data, std::size_t n) {
-        if (const int error = out.Write(data, n)) throw cannot_write(error);
+        if (!out.write(data, static_cast<std::streamsize>(n))) throw cannot_write(errno);
       });
-      if (const int error = out.Commit()) throw cannot_write(error);
+      out.close();  // the last bytes may fail only as they leave the buffer
+      if (!out) throw cannot_write(errno);
     } else {
       CopyOut(*stream, [](const char* data, std::size_t n) { WriteBody(data, n); });
     }
