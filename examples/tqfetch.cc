@@ -483,7 +483,7 @@ class ReplacingFile {
     if (flushed != 0 || closed != 0) return flushed != 0 ? flushed : closed;
     std::error_code error;
     fs::rename(m_temp, m_target, error);
-    if (error) return error.value();
+    if (error) return error.default_error_condition().value();  // an errno on Windows too
     m_temp.clear();
     return 0;
   }
