@@ -15,8 +15,9 @@
 #include <shellapi.h>
 #include <fcntl.h>
 #include <io.h>
-#include <process.h>
+#include <sys/stat.h>
 #else
+#include <fcntl.h>
 #include <unistd.h>
 #endif
 
@@ -34,6 +35,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -91,6 +93,13 @@ void KeepLastLogLine(const TqULogRecord& record) {
 void ForgetFailures() {
   std::lock_guard lock(g_log_mutex);
   g_first_failure.reset();
+}
+
+// The running operation's first failed exchange was refused as asking for bytes past the end of
+// the file (416).
+bool RefusedAsPastTheEnd() {
+  std::lock_guard lock(g_log_mutex);
+  return g_first_failure && g_first_failure->error == 0 && g_first_failure->status == 416;
 }
 
 // The failure of an operation, with the reason in words when one of its exchanges failed, else
@@ -160,14 +169,6 @@ void WriteBody(const char* bytes, std::size_t size) {
   }
 }
 
-int ProcessId() {
-#if defined(_WIN32)
-  return _getpid();
-#else
-  return static_cast<int>(getpid());
-#endif
-}
-
 // Progress as one line on a terminal, redrawn when its text changes and at most ten times a
 // second; nothing when stdout is a file or a pipe.
 class ProgressBar : public TqUProgress {
@@ -179,28 +180,32 @@ class ProgressBar : public TqUProgress {
   ~ProgressBar() override {
     if (m_tty && m_shown) std::printf("\n");
   }
+  // The end of a download is reported as 1.0 whether it succeeded or not: the full bar waits
+  // for Finish, which is called only when it succeeded.
   bool SetProgress(double fraction) override {
-    m_last = fraction;
-    if (!m_tty) return true;
+    if (fraction < 1.0) Draw(fraction, false);
+    return true;
+  }
+  void Finish() { Draw(1.0, true); }
+
+ private:
+  void Draw(double fraction, bool last) {
+    if (!m_tty) return;
     const Clock::time_point now = Clock::now();
     const std::string line =
         tqfetch::FormatProgressLine({fraction, m_total, now - m_started});
-    if (m_throttle.ShouldDraw(line, now, fraction >= 1.0)) {
+    if (m_throttle.ShouldDraw(line, now, last)) {
       // Padded, so that a shorter line covers all of a longer one drawn before it.
       std::printf("\r  %s %-70s", m_label.c_str(), line.c_str());
       std::fflush(stdout);
       m_shown = true;
     }
-    return true;
   }
-  double last() const { return m_last; }
 
- private:
   std::string m_label;
   std::optional<std::uint64_t> m_total;
   bool m_tty;
   bool m_shown = false;
-  double m_last = -1;
   Clock::time_point m_started = Clock::now();
   tqfetch::ProgressThrottle m_throttle;
 };
@@ -327,11 +332,15 @@ void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
   std::vector<char> buffer(static_cast<std::size_t>(std::min(size, kRangePiece)));
   std::uint64_t done = 0;
   std::optional<std::uint64_t> first_total;
+  bool may_end_here = false;  // the file may end where the last piece did
   while (done < size) {
     const std::uint64_t ask = std::min(size - done, kRangePiece);
     std::uint64_t total = 0;
     const std::int64_t got = file.Read(offset + done, ask, buffer.data(), &total);
-    if (got < 0) throw Failed(what);
+    if (got < 0) {
+      if (may_end_here && RefusedAsPastTheEnd()) break;  // the file ended with the last piece
+      throw Failed(what);
+    }
     const auto count = static_cast<std::uint64_t>(got);
     const std::uint64_t at = offset + done;
     // A Content-Range without the file's size ("bytes a-b/*") leaves only the piece's own
@@ -359,6 +368,12 @@ void ReadRange(const std::string& url, std::uint64_t offset, std::uint64_t size,
     sink(buffer.data(), static_cast<std::size_t>(count));
     done += count;
     if (count < ask) break;  // the file ends inside the range
+    // The file ends exactly where this piece does: a piece past its end would be refused (416).
+    // Where the size may be the piece's own length (a first piece from byte 0, or a "/*"
+    // Content-Range), the next piece is asked for, and its refusal as past the end ends the range.
+    const bool ends_here = !piece_length && at + count == total;
+    if (ends_here && at > 0) break;
+    may_end_here = ends_here || piece_length || total == count;
   }
 }
 
@@ -371,12 +386,135 @@ std::string ReadRangeText(const std::string& url, std::uint64_t offset, std::uin
   return bytes;
 }
 
+// 16 hexadecimal digits nobody can guess, for names of the program's own files.
+std::string RandomHex() {
+  static std::mutex mutex;
+  static std::mt19937_64 random{std::random_device{}()};
+  std::lock_guard lock(mutex);
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(random()));
+  return text;
+}
+
+// Whether a copy to `target` goes to a new file renamed over it once complete: for a regular
+// file (or none yet). A device or a pipe (/dev/null, a FIFO) is written as it is: nothing of it
+// is kept, and nothing may take its place.
+bool WritesBeside(const fs::path& target) {
+  std::error_code error;
+  const fs::file_status status = fs::status(target, error);
+  return !fs::exists(status) || fs::is_regular_file(status);
+}
+
+// A file written beside `target` under a name of its own and renamed over `target` when all of
+// it is written: a copy that fails midway (a full disk, a read that fails) leaves a file
+// already there as it was, and nothing beside it. A link at `target` is written through, to
+// the file it names, as a plain open would. Each step gives 0 or the system's error number.
+class ReplacingFile {
+ public:
+  explicit ReplacingFile(fs::path target) : m_target(std::move(target)) {
+    std::error_code error;
+    if (fs::is_symlink(fs::symlink_status(m_target, error))) {
+      const fs::path named = fs::weakly_canonical(m_target, error);
+      if (!error) m_target = named;
+    }
+  }
+  ~ReplacingFile() {
+    if (m_fd >= 0) CloseFd();
+    std::error_code ignored;
+    if (!m_temp.empty()) fs::remove(m_temp, ignored);
+  }
+  ReplacingFile(const ReplacingFile&) = delete;
+  ReplacingFile& operator=(const ReplacingFile&) = delete;
+
+  int Open() {
+    // A file there that may not be written stays as it is, as a plain open would leave it
+    // (a rename replaces a read-only file whose directory is writable).
+    std::error_code error;
+    if (fs::exists(m_target, error)) {
+      errno = 0;
+      if (!std::ofstream(m_target, std::ios::binary | std::ios::app)) return errno ? errno : EACCES;
+    }
+    const fs::path directory = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
+    for (int attempt = 0; attempt < 16; ++attempt) {
+      const fs::path temp = directory / (".tqfetch-" + RandomHex() + ".part");
+      // Exclusive: never opens, nor truncates through, what someone else put under the name.
+#if defined(_WIN32)
+      m_fd = _wopen(temp.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
+#else
+      m_fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+#endif
+      if (m_fd >= 0) {
+        m_temp = temp;
+        // The copy keeps the permissions of the file it replaces.
+        const fs::file_status old = fs::status(m_target, error);
+        if (!error && fs::exists(old)) fs::permissions(m_temp, old.permissions(), error);
+        return 0;
+      }
+      if (errno != EEXIST) return errno;
+    }
+    return EEXIST;
+  }
+
+  int Write(const char* data, std::size_t size) {
+    while (size > 0) {
+      const unsigned piece = static_cast<unsigned>(std::min<std::size_t>(size, 1u << 30));
+#if defined(_WIN32)
+      const int n = _write(m_fd, data, piece);
+#else
+      const ssize_t n = ::write(m_fd, data, piece);
+      if (n < 0 && errno == EINTR) continue;
+#endif
+      if (n < 0) return errno;
+      if (n == 0) return ENOSPC;
+      data += n;
+      size -= static_cast<std::size_t>(n);
+    }
+    return 0;
+  }
+
+  // On disk before the rename, so that a crash never leaves a short file under the name.
+  int Commit() {
+#if defined(_WIN32)
+    const int flushed = _commit(m_fd) != 0 ? errno : 0;
+#else
+    const int flushed = ::fsync(m_fd) != 0 ? errno : 0;
+#endif
+    const int closed = CloseFd();
+    if (flushed != 0 || closed != 0) return flushed != 0 ? flushed : closed;
+    std::error_code error;
+    fs::rename(m_temp, m_target, error);
+    if (error) return error.default_error_condition().value();  // an errno on Windows too
+    m_temp.clear();
+    return 0;
+  }
+
+ private:
+  int CloseFd() {
+#if defined(_WIN32)
+    const int result = _close(m_fd);
+#else
+    const int result = ::close(m_fd);
+#endif
+    m_fd = -1;
+    return result != 0 ? errno : 0;
+  }
+
+  fs::path m_target;
+  fs::path m_temp;
+  int m_fd = -1;
+};
+
 // What keeps a download from landing at `target`, or nothing.
 std::string TargetProblem(const fs::path& target) {
   std::error_code ignored;
   const fs::path parent = target.has_parent_path() ? target.parent_path() : fs::path(".");
   if (!fs::is_directory(parent, ignored)) return "no such directory: " + Text(parent);
   if (fs::is_directory(target, ignored)) return Text(target) + " is a directory";
+  // A device or a pipe there is never replaced by the file (a link there is, itself).
+  const fs::file_status there = fs::symlink_status(target, ignored);
+  if (fs::exists(there) && !fs::is_regular_file(there) && !fs::is_symlink(there)) {
+    return Text(target) + " is not a regular file";
+  }
   return {};
 }
 
@@ -399,6 +537,7 @@ void Download(const std::string& url, const std::string& path) {
     }
     throw Failed(what, "the transfer did not complete");
   }
+  bar.Finish();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -530,9 +669,20 @@ void TourCleanUp(const std::string& url, const fs::path& work) {
   std::printf("  entry files before: %zu, after: %zu\n", before, after);
 }
 
+// A new directory of the tour's own in the temporary directory. Made, not found: in a directory
+// every user may write (/tmp), a name that was there already may lead anywhere.
+fs::path MakeWorkDirectory() {
+  const fs::path temp = fs::temp_directory_path();
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    const fs::path work = temp / ("tqfetch-tour-" + RandomHex());
+    std::error_code error;
+    if (fs::create_directory(work, error)) return work;
+  }
+  throw Failure{"cannot make a directory in " + Text(temp)};
+}
+
 void Tour() {
-  const fs::path work = fs::temp_directory_path() / ("tqfetch-tour-" + std::to_string(ProcessId()));
-  fs::create_directories(work);
+  const fs::path work = MakeWorkDirectory();
   TourServer server;
   server.Put("/report.txt", {"\"r1\"", "Quarterly report, first draft.\n"});
   server.Put("/big.bin", {"\"b1\"", MakeBig()});
@@ -635,19 +785,31 @@ int Run(const std::vector<std::string>& args) {
     const auto stream = OpenThroughCache(args[1]);
     if (args.size() == 4) {
       // The system's words for a failure (no such directory, no room left), where it gave some.
-      const auto cannot_write = [&] {
-        const int error = errno;
+      const auto cannot_write = [&](int error) {
         return Failure{"cannot write " + args[3] +
                        (error != 0 ? std::string(": ") + std::strerror(error) : std::string())};
       };
+      const fs::path target = PathOf(args[3]);
+      ReplacingFile beside(target);
+      const int refused = WritesBeside(target) ? beside.Open() : -1;
+      if (refused == 0) {
+        CopyOut(*stream, [&](const char* data, std::size_t n) {
+          if (const int error = beside.Write(data, n)) throw cannot_write(error);
+        });
+        if (const int error = beside.Commit()) throw cannot_write(error);
+        return 0;
+      }
+      // A device or a pipe, or a file in a directory where nothing else may be made: written
+      // in place.
+      if (refused != -1 && refused != EACCES && refused != EPERM) throw cannot_write(refused);
       errno = 0;
-      std::ofstream out(PathOf(args[3]), std::ios::binary);
-      if (!out) throw cannot_write();
+      std::ofstream out(target, std::ios::binary);
+      if (!out) throw cannot_write(errno);
       CopyOut(*stream, [&](const char* data, std::size_t n) {
-        if (!out.write(data, static_cast<std::streamsize>(n))) throw cannot_write();
+        if (!out.write(data, static_cast<std::streamsize>(n))) throw cannot_write(errno);
       });
       out.close();  // the last bytes may fail only as they leave the buffer
-      if (!out) throw cannot_write();
+      if (!out) throw cannot_write(errno);
     } else {
       CopyOut(*stream, [](const char* data, std::size_t n) { WriteBody(data, n); });
     }

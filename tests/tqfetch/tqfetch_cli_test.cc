@@ -1,11 +1,16 @@
 // tqfetch run as a person runs it: its words on failure, its exit status, its help.
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cinttypes>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -27,10 +32,13 @@ struct Outcome {
   std::string output;  // stdout and stderr together
 };
 
-// Runs tqfetch with its disk cache in `cache_home`.
-Outcome Tqfetch(const std::string& args, const std::filesystem::path& cache_home) {
-  const std::string command = "XDG_CACHE_HOME='" + cache_home.string() + "' '" TQFETCH_PATH "' " +
-                              args + " 2>&1 </dev/null";
+// Runs tqfetch with its disk cache in `cache_home`; on a terminal (script(1)'s) when asked.
+Outcome Tqfetch(const std::string& args, const std::filesystem::path& cache_home,
+                bool terminal = false) {
+  std::string command =
+      "XDG_CACHE_HOME='" + cache_home.string() + "' '" TQFETCH_PATH "' " + args;
+  if (terminal) command = "script -qec \"" + command + "\" /dev/null";
+  command += " 2>&1 </dev/null";
   Outcome run;
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return run;
@@ -39,6 +47,13 @@ Outcome Tqfetch(const std::string& args, const std::filesystem::path& cache_home
   const int status = pclose(pipe);
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return run;
+}
+
+// The "Range: bytes=first-last" of a request head.
+bool AskedRange(const std::string& head, std::uint64_t* first, std::uint64_t* last) {
+  const std::size_t at = head.find("Range: bytes=");
+  return at != std::string::npos &&
+         std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, first, last) == 2;
 }
 
 // Each command's failure is one line that names the URL and ends in the reason. The reason is
@@ -86,9 +101,7 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   tq::test::RawResponder unsized([](tq::test::RawConnection& c) {
     const std::string head = c.ReadRequestHead();
     std::uint64_t first = 0, last = 0;
-    const std::size_t at = head.find("Range: bytes=");
-    if (at == std::string::npos ||
-        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+    if (!AskedRange(head, &first, &last)) {
       return;
     }
     c.Send("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
@@ -103,6 +116,8 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
   tq::test::SameAnswerServer bare("HTTP/1.1 200 OK\r\n\r\n");  // no size, time or tag
   const std::string short_url = cut.Url("/cut");
   const std::string nowhere = (home.path() / "no" / "x").string();
+  const std::string fifo = (home.path() / "fifo").string();
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::pair<std::string, std::string> local_failures[] = {
       {"fetch " + short_url, "could not open " + short_url + ": connection aborted"},
       {"range " + short_url + " 1 5", "cannot read bytes 1+5 of " + short_url +
@@ -124,6 +139,10 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
       {"download " + server.Url("/get-only") + " " + home.path().string(),
        "download of " + server.Url("/get-only") + " to " + home.path().string() + " failed: " +
            home.path().string() + " is a directory"},
+      // A download never replaces what is not a regular file.
+      {"download " + server.Url("/a") + " " + fifo, "download of " + server.Url("/a") + " to " +
+                                                        fifo + " failed: " + fifo +
+                                                        " is not a regular file"},
       {"fetch " + secure.Url("/a"),
        "could not open " + secure.Url("/a") + ": certificate not trusted"}};
   for (const auto& [command, line] : local_failures) {
@@ -131,15 +150,48 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
     EXPECT_EQ(run.status, 1) << command;
     EXPECT_EQ(run.output, "tqfetch: " + line + "\n");
   }
+  // On a terminal, a download that fails leaves its progress line where it got to: the end the
+  // library reports for every download, failed or not, is no full bar. One that succeeds ends
+  // at 100%.
+  const Outcome refused = Tqfetch("download http://127.0.0.1:1/x " + file, home.path(), true);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.output.find("100%"), std::string::npos) << refused.output;
+  const Outcome landed = Tqfetch("download " + server.Url("/a") + " " + file, home.path(), true);
+  EXPECT_EQ(landed.status, 0);
+  EXPECT_NE(landed.output.find("100% [########################]"), std::string::npos)
+      << landed.output;
+
+  // A copy to FILE that cannot complete (past the file-size limit, as on a full disk; the child
+  // inherits the limit and the ignored SIGXFSZ) keeps the file already there, and leaves nothing
+  // beside it. The cache is in memory (its directory cannot be made), so only FILE is written.
+  {
+    const std::filesystem::path dir = home.path() / "keep", kept = dir / "kept.bin";
+    std::filesystem::create_directory(dir);
+    std::ofstream(kept, std::ios::binary) << "the old contents";
+    server.Route("/large", tq::test::ScriptedResponse(200, std::string(64 * 1024, 'n')));
+    rlimit previous{}, limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+    limit = previous;
+    limit.rlim_cur = 4096;
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    const Outcome run = Tqfetch("fetch " + server.Url("/large") + " -o " + kept.string(), kept);
+    setrlimit(RLIMIT_FSIZE, &previous);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.output, "tqfetch: cannot write " + kept.string() + ": File too large\n");
+    std::ifstream in(kept, std::ios::binary);
+    const std::string left(std::istreambuf_iterator<char>(in), {});
+    EXPECT_TRUE(left == "the old contents") << left.size() << " bytes";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 1);
+  }
 
   // A file whose size changes between two pieces of one range (read 8 MiB at a time) is a
   // failure: the bytes that would follow are another version's.
   auto answers = std::make_shared<std::atomic<int>>(0);
   tq::test::SameAnswerServer changing([answers](const std::string& head) -> std::string {
     std::uint64_t first = 0, last = 0;
-    const std::size_t at = head.find("Range: bytes=");
-    if (at == std::string::npos ||
-        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+    if (!AskedRange(head, &first, &last)) {
       return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
     }
     const std::uint64_t total = (*answers)++ == 0 ? 9 << 20 : 10 << 20;
@@ -220,9 +272,7 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   // the measure above: a child's peak counts from this process's size when it was forked.)
   tq::test::SameAnswerServer sizeless([](const std::string& head) -> std::string {
     std::uint64_t first = 0, last = 0;
-    const std::size_t at = head.find("Range: bytes=");
-    if (at == std::string::npos ||
-        std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, &first, &last) != 2) {
+    if (!AskedRange(head, &first, &last)) {
       return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
     }
     return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
@@ -235,6 +285,23 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
                                                                           8 << 20));
   EXPECT_EQ(read.output.size(), std::size_t{9 << 20});
   EXPECT_EQ(read.output.find_first_not_of('u'), std::string::npos);
+  // A file that ends where a piece ends has nothing after it: the range ends there too, rather
+  // than with the 416 that a piece past the end gets.
+  constexpr std::uint64_t kEight = 8 << 20;
+  tq::test::SameAnswerServer exact([](const std::string& head) -> std::string {
+    std::uint64_t first = 0, last = 0;
+    if (!AskedRange(head, &first, &last) || first >= kEight) {
+      return "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */8388608\r\n"
+             "Content-Length: 0\r\n\r\n";
+    }
+    last = std::min(last, kEight - 1);
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
+           std::to_string(last) + "/8388608\r\nContent-Length: " +
+           std::to_string(last - first + 1) + "\r\n\r\n" + std::string(last - first + 1, 'e');
+  });
+  const Outcome ends = Tqfetch("range " + exact.Url("/e") + " 0 8388609", home.path());
+  EXPECT_EQ(ends.status, 0) << ends.output.substr(std::min<std::size_t>(ends.output.size(), kEight));
+  EXPECT_EQ(ends.output.size(), kEight);
   const std::filesystem::path file = home.path() / std::filesystem::path(u8"caf\u00e9 \u65e5.bin");
   for (const std::string& command : {"fetch " + url + " -o", "download " + url}) {
     std::filesystem::remove(file);
@@ -251,6 +318,40 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   EXPECT_EQ(info.status, 0);
   EXPECT_NE(info.output.find("  revision  \"a\\x1b]0;title\\x07\\x1b[2Jb\"\n"), std::string::npos)
       << info.output;
+}
+
+// The tour works in a new directory of its own: a name planted beforehand in the temporary
+// directory (a link to another directory, as any user can plant in /tmp) is never used, and
+// nothing lands where it leads.
+TEST(TqfetchCliTest, TheTourWorksInANewDirectoryOfItsOwn) {
+  tq::test::TempDir tmp;
+  const std::filesystem::path victim = tmp.path() / "victim";
+  std::filesystem::create_directory(victim);
+  std::string tmpdir = "TMPDIR=" + tmp.path().string(), cache = "XDG_CACHE_HOME=" + tmpdir.substr(7);
+  char* const env[] = {tmpdir.data(), cache.data(), nullptr};
+  const int out = open((tmp.path() / "out.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  int go[2];
+  ASSERT_TRUE(out >= 0 && pipe(go) == 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {  // waits until its pid's name is planted
+    char byte = 0;
+    close(go[1]);
+    if (read(go[0], &byte, 1) == 1 && dup2(out, 1) == 1 && dup2(out, 2) == 2) {
+      execle(TQFETCH_PATH, TQFETCH_PATH, static_cast<char*>(nullptr), env);
+    }
+    _exit(127);
+  }
+  close(go[0]);
+  close(out);
+  std::filesystem::create_directory_symlink(
+      victim, tmp.path() / ("tqfetch-tour-" + std::to_string(child)));
+  EXPECT_EQ(write(go[1], "g", 1), 1);
+  close(go[1]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(std::filesystem::is_empty(victim));
 }
 
 TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
