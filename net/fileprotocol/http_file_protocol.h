@@ -59,7 +59,8 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   bool SupportsReadFileToSize() override;
   /// Each WinINet read asks for at most 2 GiB, so a read of 4 GiB and more is split rather than
   /// cut to 32 bits. -1 on failure, else the bytes placed in `buffer` (fewer when the body is
-  /// short); 0, with a message, when no request could be opened.
+  /// short); 0, with a message, when no request could be opened. A `size` of 0 makes no request
+  /// and answers 0, or -1 when `total_size` is asked for (no size can be learnt without one).
   std::int64_t ReadFileToSize(TqUFileHandle* file, TqUThreadHandle* thread,
                               TqUFileRequestHandle* request, std::uint64_t offset,
                               std::uint64_t size, unsigned char* buffer,
