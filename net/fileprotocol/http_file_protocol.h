@@ -107,9 +107,10 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   /// else NoCredentials.
   static PreHTTPAuthenticationResult DefaultPreHTTPAuthentication(const wchar_t* url,
                                                                   HttpCredentials* credentials);
-  /// A null callback is accepted and skipped when callbacks run.
+  /// Appends `callback`; callbacks run in the order added, one added twice runs twice. A null
+  /// callback is accepted and skipped when callbacks run.
   static void AddPostUrlResolutionCallback(PostUrlResolutionFunc callback);
-  /// Removes a callback added before; an unknown one is ignored.
+  /// Removes every entry of `callback` (one added twice goes at once); an unknown one is ignored.
   static void RemovePostUrlResolutionCallback(PostUrlResolutionFunc callback);
 
  private:
