@@ -196,7 +196,8 @@ class TQUTIL_API TqUFileProtocolRegistry {
   /// The registry; null while it does not exist.
   static TqUFileProtocolRegistry* Get();
 
-  /// False when `scheme` is registered already (the registration is left as it was) or null.
+  /// False when `scheme` is registered already (the registration is left as it was), and when
+  /// `scheme` or `protocol` is null or `scheme` is empty (nothing is registered).
   bool Register(const wchar_t* scheme, TqUFileProtocol* protocol);
   /// Removes the scheme's protocol and returns it; null when none is registered.
   TqUFileProtocol* Unregister(const wchar_t* scheme);

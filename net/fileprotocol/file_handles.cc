@@ -3,7 +3,7 @@
 #include <memory>
 #include <utility>
 
-#include "tqutil/sharded_map.h"
+#include "net/host/tqutil.h"
 
 namespace qv::net {
 namespace {

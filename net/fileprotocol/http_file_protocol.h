@@ -59,7 +59,8 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   bool SupportsReadFileToSize() override;
   /// Each WinINet read asks for at most 2 GiB, so a read of 4 GiB and more is split rather than
   /// cut to 32 bits. -1 on failure, else the bytes placed in `buffer` (fewer when the body is
-  /// short); 0, with a message, when no request could be opened.
+  /// short); 0, with a message, when no request could be opened. A `size` of 0 makes no request
+  /// and answers 0, or -1 when `total_size` is asked for (no size can be learnt without one).
   std::int64_t ReadFileToSize(TqUFileHandle* file, TqUThreadHandle* thread,
                               TqUFileRequestHandle* request, std::uint64_t offset,
                               std::uint64_t size, unsigned char* buffer,
@@ -106,9 +107,10 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   /// else NoCredentials.
   static PreHTTPAuthenticationResult DefaultPreHTTPAuthentication(const wchar_t* url,
                                                                   HttpCredentials* credentials);
-  /// A null callback is accepted and skipped when callbacks run.
+  /// Appends `callback`; callbacks run in the order added, one added twice runs twice. A null
+  /// callback is accepted and skipped when callbacks run.
   static void AddPostUrlResolutionCallback(PostUrlResolutionFunc callback);
-  /// Removes a callback added before; an unknown one is ignored.
+  /// Removes every entry of `callback` (one added twice goes at once); an unknown one is ignored.
   static void RemovePostUrlResolutionCallback(PostUrlResolutionFunc callback);
 
  private:

@@ -10,7 +10,6 @@
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/fileprotocol/protocol_internal.h"
 #include "net/http/request_handler.h"
-#include "tqutil/decimal.h"
 
 namespace qv::net {
 namespace {

@@ -20,3 +20,4 @@
 #include "tqutil/user_agent.h"
 #include "tqutil/memory_pages.h"
 #include "tqutil/per_thread.h"
+#include "tqutil/sharded_map.h"

@@ -12,8 +12,10 @@
 namespace qv::net {
 
 /// A local path opens the file; a URL goes through the installed URL cache, or without one is
-/// read whole into memory. Null when nothing could be opened or a stop was requested. `flags` is
-/// passed to IUrlCache::OpenUrl (NeverExpire, ServeStaleOnError).
+/// read whole into memory. Null when nothing could be opened or a stop was requested. An HTTP
+/// answer other than 200 (a 404, say) gives null through the disk cache, but an empty stream
+/// (not null) without a cache or through the in-memory cache. `flags` is passed to
+/// IUrlCache::OpenUrl (NeverExpire, ServeStaleOnError).
 TQNET_EXPORT std::unique_ptr<qv::io::IDataSeekableReadStream> OpenFileOrUrl(std::wstring_view name,
                                                                             int flags,
                                                                             qv::stop_token stop);

@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
 
   // Shut-down, in this order. The pool closes its connections through the transport, so it
   // goes while the transport is still installed; TerminateHttp then unregisters the file
-  // protocol, destroys the transport and stops the worker threads; the cache goes last.
+  // protocol, stops the worker threads and destroys the transport; the cache goes last.
   qv::net::HttpConnectionPool::Terminate();
   qv::net::TerminateHttp();
   qv::net::TerminateCache();
