@@ -38,6 +38,7 @@ namespace {
 
 constexpr DWORD kErrorDiskFull = 112;
 constexpr DWORD kErrorFilenameExcedRange = 206;
+constexpr DWORD kErrorInvalidName = 123;
 constexpr const char* kUserAgent = qv::kUserAgent;
 
 std::atomic<long> g_connect_ms{UrlDownloadLimits{}.connect_ms};
@@ -444,7 +445,16 @@ HRESULT Download(const std::string& url, const std::string& destination,
   return result;
 }
 
-std::string DestinationPath(LPCWSTR file_name) { return WideToUtf8(file_name); }
+// The UTF-8 path of a file name; false when the name holds what no UTF-8 name can (an unpaired
+// surrogate, a value past U+10FFFF): written as U+FFFD it would name, and replace, another file.
+bool DestinationPath(LPCWSTR file_name, std::string* path) {
+  for (const wchar_t* c = file_name; *c != L'\0'; ++c) {
+    const auto code = static_cast<std::uint32_t>(*c);
+    if ((code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF) return false;
+  }
+  *path = WideToUtf8(file_name);
+  return true;
+}
 
 }  // namespace
 
@@ -508,7 +518,11 @@ HRESULT URLDownloadToFileW(LPUNKNOWN, LPCWSTR url, LPCWSTR file_name, DWORD,
   std::string utf8_url;
   if (HRESULT hr = tqplatform::CheckUrl(url, &utf8_url); FAILED(hr)) return hr;
   if (file_name == nullptr || *file_name == L'\0') return E_INVALIDARG;
-  return tqplatform::Download(utf8_url, tqplatform::DestinationPath(file_name), callback, {});
+  std::string destination;
+  if (!tqplatform::DestinationPath(file_name, &destination)) {
+    return HRESULT_FROM_WIN32(tqplatform::kErrorInvalidName);
+  }
+  return tqplatform::Download(utf8_url, destination, callback, {});
 } catch (const std::bad_alloc&) {
   // The caller expects a result, never an exception; the temporary file is gone by now.
   return E_OUTOFMEMORY;

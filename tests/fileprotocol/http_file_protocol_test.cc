@@ -643,6 +643,27 @@ TEST_F(HttpFileProtocolTest, DownloadFailuresAndAnAbortFromAnotherThreadLeaveNoF
   EXPECT_THAT(TakeLog(), IsEmpty());
 }
 
+#if !defined(_WIN32)
+// Regression: a file name this system cannot hold (an unpaired surrogate, a value past U+10FFFF)
+// was written under the name its replacement character spells, replacing another file there.
+TEST_F(HttpFileProtocolTest, ADownloadToANameThisSystemCannotHoldWritesNoOtherFile) {
+  constexpr DWORD kErrorInvalidName = 123;  // as the system refuses such a name
+  TempDir dir;
+  const std::filesystem::path other = dir.WriteFile("a\xEF\xBF\xBD.bin", "another file");
+  server_.Route("/a", ScriptedResponse(200, "abcd"));
+  const std::wstring url = W(server_.Url("/a"));
+  for (const wchar_t bad : {wchar_t{0xD800}, wchar_t{0xDC00}, static_cast<wchar_t>(0x110000)}) {
+    const std::wstring target = dir.path().wstring() + L"/a" + bad + L".bin";
+    EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), target.c_str(), 0, nullptr),
+              HRESULT_FROM_WIN32(kErrorInvalidName));
+    EXPECT_FALSE(protocol_->GetFile(url.c_str(), target.c_str(), nullptr));
+  }
+  EXPECT_EQ(ReadAll(other), "another file");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+  EXPECT_THAT(TakeLog(), IsEmpty());
+}
+#endif
+
 // A host's progress object that throws at a chosen report. Its exception must not unwind
 // through the URL Moniker, which would skip OnStopBinding and so never give back the reference
 // taken on the binding (and on Windows unwind the system's own frames). Every callback still
