@@ -223,6 +223,11 @@ class TempFile {
       if (fd >= 0) {
         m_fd = fd;
         m_path = std::move(path);
+        // A file replaced keeps its permissions: a private file downloaded again stays private.
+        struct stat old = {};
+        if (::lstat(destination.c_str(), &old) == 0 && S_ISREG(old.st_mode)) {
+          (void)::fchmod(fd, old.st_mode & 07777);
+        }
         return S_OK;
       }
       if (errno != EEXIST) return HResultFromErrno(errno);
@@ -479,6 +484,27 @@ std::string UrlDownloadCacheDirectory() {
   return (base / "tqnetwork" / "downloads").string();
 }
 
+namespace {
+
+std::error_code MakeOwnerOnlyDirectories(const std::filesystem::path& directory) {
+  // Each directory made is the user's alone: the downloads kept there are theirs to read. One
+  // that is there already keeps its mode.
+  std::filesystem::path made;
+  for (const auto& part : directory) {
+    made /= part;
+    if (::mkdir(made.c_str(), 0700) != 0 && errno != EEXIST) {
+      return {errno, std::generic_category()};
+    }
+  }
+  std::error_code error;
+  if (!std::filesystem::is_directory(directory, error) && !error) {
+    error = std::make_error_code(std::errc::not_a_directory);
+  }
+  return error;
+}
+
+}  // namespace
+
 std::string UrlDownloadCacheFileName(const std::string& url) {
   // FNV-1a, 64 bits: stable across runs and systems, which a cache name must be.
   std::uint64_t hash = 0xcbf29ce484222325ull;
@@ -541,9 +567,9 @@ HRESULT URLDownloadToCacheFileW(LPUNKNOWN, LPCWSTR url, LPWSTR file_name, DWORD 
   const std::wstring wide_path = tqplatform::Utf8ToWideStrict(path, &ok);
   if (!ok) return E_FAIL;
   if (wide_path.size() + 1 > file_name_length) return E_OUTOFMEMORY;
-  std::error_code error;
-  std::filesystem::create_directories(directory, error);
-  if (error) return tqplatform::HResultFromErrno(error.value());
+  if (const std::error_code error = tqplatform::MakeOwnerOnlyDirectories(directory)) {
+    return tqplatform::HResultFromErrno(error.value());
+  }
 
   const HRESULT result = tqplatform::Download(utf8_url, path, callback, wide_path);
   if (SUCCEEDED(result)) {

@@ -308,10 +308,22 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "hello");
   }
 
+  {  // A file replaced keeps its permissions: a private file is not made readable by others.
+    TempDir dir;
+    const auto kept = dir.path() / "private";
+    std::ofstream(kept) << "old";
+    std::filesystem::permissions(kept, std::filesystem::perms::owner_read |
+                                           std::filesystem::perms::owner_write);
+    EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), kept.wstring().c_str(), 0, nullptr), S_OK);
+    EXPECT_EQ(std::filesystem::status(kept).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  }
+
   TempDir cache;
   const char* previous = std::getenv("XDG_CACHE_HOME");
   const std::string saved = previous != nullptr ? previous : "";
-  ASSERT_EQ(setenv("XDG_CACHE_HOME", cache.path().c_str(), 1), 0);
+  const auto cache_home = cache.path() / "home";  // made by the first download, as the user's own
+  ASSERT_EQ(setenv("XDG_CACHE_HOME", cache_home.c_str(), 1), 0);
   for (const ULONG stop_at : {BINDSTATUS_CACHEFILENAMEAVAILABLE, BINDSTATUS_CONNECTING,
                               BINDSTATUS_BEGINDOWNLOADDATA, BINDSTATUS_DOWNLOADINGDATA}) {
     SCOPED_TRACE(stop_at);
@@ -326,6 +338,11 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
   // before anything is sent, and keeps what it held.
   wchar_t path[260] = {};
   ASSERT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), path, 260, 0, nullptr), S_OK);
+  const auto ours = cache_home / "tqnetwork";
+  for (const auto& made : {cache_home, ours, ours / "downloads"}) {
+    EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms::owner_all)
+        << made;
+  }
   const auto fits = static_cast<DWORD>(std::wcslen(path) + 1);
   const std::size_t sent = server.requests();
   wchar_t again[260] = L"untouched";
