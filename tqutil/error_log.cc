@@ -12,7 +12,30 @@
 #include "tqutil/per_thread.h"
 #include "tqutil/strings.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 namespace {
+
+// Writers log on their failure paths, after the call that failed and before their caller asks
+// GetLastError why: the log's own calls (thread-local slots, the sink, standard error) must not
+// replace that answer. Elsewhere the last error is the platform layer's own, which logging never
+// touches.
+#if defined(_WIN32)
+class KeepLastError {
+ public:
+  KeepLastError() : m_error(::GetLastError()) {}
+  ~KeepLastError() { ::SetLastError(m_error); }
+  KeepLastError(const KeepLastError&) = delete;
+  KeepLastError& operator=(const KeepLastError&) = delete;
+
+ private:
+  DWORD m_error;
+};
+#else
+struct KeepLastError {};
+#endif
 
 void WriteToStderr(const TqULogRecord& record) {
   std::string line;
@@ -56,6 +79,7 @@ namespace {
 // would replace the failure they report or end the process. A line the host's sink refuses
 // (by throwing) goes to standard error instead, so it is not lost.
 void Deliver(const TqULogRecord& record) noexcept {
+  [[maybe_unused]] const KeepLastError keep;
   try {
     TqULogRecorderAccess::Keep(record);
   } catch (...) {
@@ -105,6 +129,7 @@ void AppendPiece(std::string_view piece) {
 // that cannot be made or kept breaks its line, which ends with the piece when `ends_line`.
 template <class Make>
 void AddPiece(bool ends_line, const Make& make) noexcept {
+  [[maybe_unused]] const KeepLastError keep;
   try {
     AppendPiece(make());
     return;
@@ -122,6 +147,7 @@ void AddPiece(bool ends_line, const Make& make) noexcept {
 }  // namespace
 
 void TqUError::Post(int severity, const TqUComponent* component, const wchar_t* format, ...) {
+  [[maybe_unused]] const KeepLastError keep;
   std::va_list args;
   va_start(args, format);
   // A line that cannot be made (out of memory) is not posted; the poster's own failure, which

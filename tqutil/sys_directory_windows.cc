@@ -6,8 +6,10 @@
 
 #include "tqutil/sys_file_faults.h"
 #include "tqutil/sys_file_internal.h"
+#include "tqutil/sys_path.h"
 
 #include <cwchar>
+#include <string>
 #include <vector>
 
 using qv::sys_file::DeleteReadOnly;
@@ -16,6 +18,23 @@ using qv::sys_file::LastError;
 using qv::sys_file::LastFileError;
 using qv::sys_file::RemovalRefused;
 namespace sys = qv::sys_file::sys;
+
+namespace {
+
+// The file `name` of `directory` as the system's calls take it: the directory's path made whole
+// and prefixed, and the name joined to it as it is. A name as a listing gives it may end in a dot
+// or a space, or be a device's ("nul", "aux.txt"): joined as a plain path, the system's tidying
+// would name another file ("entry." is "entry") or the device. Empty, with the last error set,
+// when the directory's path cannot be put in that form.
+std::filesystem::path NameIn(const std::filesystem::path& directory, const wchar_t* name) {
+  std::wstring joined;
+  if (!qv::sys_path::ToSystem(directory, joined)) return {};
+  if (joined.back() != L'\\') joined += L'\\';
+  joined += name;
+  return joined;
+}
+
+}  // namespace
 
 TqUSysDirectory::TqUSysDirectory(const std::filesystem::path& path) : m_path(path) {
   const DWORD attributes = sys::Attributes(path);
@@ -64,7 +83,7 @@ std::error_code TqUSysDirectory::List(const std::function<void(const Item&)>& vi
 
 std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
   WIN32_FILE_ATTRIBUTE_DATA data;
-  if (!sys::AttributesEx(m_path / name, &data) ||
+  if (!sys::AttributesEx(NameIn(m_path, name), &data) ||
       (data.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0) {
     return -1;
   }
@@ -77,7 +96,8 @@ TqUSysFile::Handle TqUSysDirectory::OpenFile(const Char* name, std::uint32_t acc
                                              std::uint32_t reserved1,
                                              std::uint32_t reserved2) const {
   if (m_error || name == nullptr || name[0] == 0) return TqUSysFile::kInvalid;
-  return TqUSysFile::OpenFile(m_path / name, access, share, creation, reserved1, reserved2);
+  return TqUSysFile::OpenFile(NameIn(m_path, name), access, share, creation, reserved1,
+                              reserved2);
 }
 
 std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
@@ -99,7 +119,7 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
   }
   // The attributes of what lies at the name itself: a link, even one that leads nowhere, has
   // its own (MinGW's symlink_status asks what the link leads to).
-  if (sys::Attributes(m_path / name) != INVALID_FILE_ATTRIBUTES) return true;
+  if (sys::Attributes(NameIn(m_path, name)) != INVALID_FILE_ATTRIBUTES) return true;
   const DWORD error = ::GetLastError();
   if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
     ec = std::error_code(static_cast<int>(error), std::system_category());
@@ -157,7 +177,7 @@ std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
     if (const FindHandle find = sys::FindFirst(path, &data, 0)) {
       do {
         if (std::wcscmp(data.cFileName, L".") != 0 && std::wcscmp(data.cFileName, L"..") != 0) {
-          names.push_back(path / data.cFileName);
+          names.push_back(NameIn(path, data.cFileName));
         }
       } while (::FindNextFileW(find.get(), &data));
     }
@@ -186,7 +206,7 @@ bool TqUSysDirectory::RemoveFile(const Char* name, std::error_code& ec) const {
     ec = LastFileError();
     return false;
   }
-  const std::filesystem::path path = m_path / name;
+  const std::filesystem::path path = NameIn(m_path, name);
   if (sys::Delete(path)) return true;
   const DWORD error = ::GetLastError();
   if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return false;

@@ -364,6 +364,36 @@ TEST(SysFileTest, ADirectoryListsReadsStartsAndRemovesByNameWithoutFollowingLink
   EXPECT_EQ(TqUSysDirectory(dir / "none").Error(), std::errc::no_such_file_or_directory);
 }
 
+#if defined(_WIN32)
+// Regression: a name as the listing gives it was joined to the directory as a plain path, which
+// the system tidies: "entry." and "entry " named "entry" (a clean-up read and removed it in
+// their place) and "nul" the null device, and a cleared tree kept them all.
+TEST(SysFileTest, ANameFromTheListingNamesThatFileAlone) {
+  tq::test::TempDir dir;
+  std::wstring odd;
+  ASSERT_TRUE(qv::sys_path::ToSystem(dir / "odd", odd));  // only the long form makes such names
+  std::filesystem::create_directory(odd);
+  const std::wstring names[] = {L"entry", L"entry.", L"entry ", L"nul", L"aux.txt"};
+  for (const std::wstring& name : names) {
+    WriteFileBytes(odd + L"\\" + name, "[" + Path(name).string() + "]");
+  }
+  const TqUSysDirectory directory(dir / "odd");
+  std::size_t listed = 0;
+  EXPECT_FALSE(directory.List([&](const TqUSysDirectory::Item& i) { listed += i.regular; }));
+  EXPECT_EQ(listed, 5u);
+  for (const std::wstring& name : names) {
+    const std::string body = "[" + Path(name).string() + "]";
+    EXPECT_EQ(directory.FileSize(name.c_str()), static_cast<std::int64_t>(body.size())) << body;
+    EXPECT_EQ(Start(dir / "odd", name, 64), body);
+  }
+  std::error_code ec;
+  EXPECT_TRUE(directory.RemoveFile(L"entry.", ec)) << ec.message();
+  EXPECT_EQ(Start(dir / "odd", L"entry", 64), "[entry]");
+  EXPECT_EQ(TqUSysDirectory::RemoveTree(dir / "odd", ec), 5u);  // four files and the directory
+  EXPECT_FALSE(ec) << ec.message();
+}
+#endif
+
 // A path as the system's file calls take it: drive and share paths in the long form; paths in
 // the system's own form and device names as they are. On Windows a path is made absolute and
 // tidied by the system before the prefix turns that tidying off.

@@ -3,14 +3,19 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+#if defined(_WIN32)
+#include <windows.h>
+#endif
 
 #include "tests/support/log_capture.h"
 #if !defined(_WIN32)
@@ -258,5 +263,31 @@ TEST(ErrorLogTest, ASinkThatThrowsOrReplacesItselfLeavesTheWritersAlone) {
   }
 #endif
 }
+
+#if defined(_WIN32)
+// Regression: every writer cleared the caller's last error (its thread's slots, the sink), so a
+// failure logged before its caller read GetLastError read 0, and so did a second message about
+// the same failure.
+TEST(ErrorLogTest, EveryWriterKeepsTheCallersLastError) {
+  const std::pair<const char*, std::function<void()>> writers[] = {
+      {"post", [] { TqUError::Post(1, nullptr, L"failed: %d", 5); }},
+      {"wide", [] { TqUError::LogWideString(L"Error "); }},
+      {"int32", [] { TqUError::LogInt32(5); }},
+      {"nat64", [] { TqUError::LogNat64(5); }},
+      {"utf8", [] { TqUSysError::LogUTF8String(" for x"); }},
+      {"line end", [] { TqUError::LogWideString(L"\n"); }},
+      {"record", [] { TqUError::Write(TqULogRecord{1, "c", "text\n"}); }}};
+  for (const bool sink : {true, false}) {
+    std::optional<LogCapture> log;
+    if (sink) log.emplace();  // else standard error
+    for (const auto& [name, write] : writers) {
+      ::SetLastError(ERROR_SHARING_VIOLATION);
+      write();
+      EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION))
+          << name << (sink ? " to a sink" : " to standard error");
+    }
+  }
+}
+#endif
 
 }  // namespace
