@@ -394,9 +394,6 @@ TEST(SysFileTest, ANameFromTheListingNamesThatFileAlone) {
 }
 #endif
 
-// A path as the system's file calls take it: drive and share paths in the long form; paths in
-// the system's own form and device names as they are. On Windows a path is made absolute and
-// tidied by the system before the prefix turns that tidying off.
 // A handle closed (on another thread) while a read through it had begun: the read went on
 // with the freed record, whose memory and descriptor number the next open took, and read that
 // open's file.
@@ -421,6 +418,9 @@ TEST(SysFileTest, AHandleClosedDuringACallOnItStaysOpenUntilTheCallEnds) {
   EXPECT_TRUE(F::CloseFile(next));
 }
 
+// A path as the system's file calls take it: drive and share paths in the long form; paths in
+// the system's own form and device names as they are. On Windows a path is made absolute and
+// tidied by the system before the prefix turns that tidying off.
 TEST(SysFileTest, PathsTakeTheLongFormOnlyOnceTidied) {
   const auto same = [](const wchar_t* path) { return std::pair{path, std::wstring(path)}; };
   const std::pair<const wchar_t*, std::wstring> forms[] = {
