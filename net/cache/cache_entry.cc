@@ -213,6 +213,22 @@ bool DeleteNonEntry(UniqueFile file, const fs::path& path) {
   return !ec;
 }
 
+// The same for a file found as `name` in a listing of `directory`.
+bool DeleteListedNonEntry(UniqueFile file, const TqUSysDirectory& directory,
+                          const TqUSysDirectory::Char* name) {
+#if defined(_WIN32)
+  // The name goes to the directory as listed: joined into a path, Windows would tidy it first,
+  // and a planted "0123456789." would remove the entry "0123456789".
+  file.reset();
+  std::error_code ec;
+  if (!directory.Exists(name, ec)) return !ec;
+  directory.RemoveFile(name, ec);
+  return !ec;
+#else
+  return DeleteNonEntry(std::move(file), directory.Path() / name);
+#endif
+}
+
 // Renames the file `held` that `owner` holds open over `to`, then closes it. Renaming under the
 // lock keeps a second writer from opening the temporary name, emptying it and having its
 // half-written file renamed into place by us; and the name is renamed only while it is still
@@ -387,8 +403,8 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
     return directory.Exists(name, ec) || ec ? Probe::kUnusable : Probe::kDeleted;
   }
   if (ReadHeader(file.get(), fields, false)) return Probe::kUnusable;  // an entry by now
-  return DeleteNonEntry(std::move(file), directory.Path() / name) ? Probe::kDeleted
-                                                                   : Probe::kUnusable;
+  return DeleteListedNonEntry(std::move(file), directory, name) ? Probe::kDeleted
+                                                                : Probe::kUnusable;
 }
 
 bool CacheEntry::IsValid() const {

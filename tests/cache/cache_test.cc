@@ -45,6 +45,9 @@
 #include "tests/support/wine.h"
 #include "tests/tqutil/test_files.h"
 #include "tqutil/sys_file.h"
+#if defined(_WIN32)
+#include "tqutil/sys_path.h"
+#endif
 
 namespace tq::test {
 namespace {
@@ -1093,6 +1096,21 @@ TEST_F(CacheTest, ConcurrentRemovalsTakeTheOldestAndFailuresLeadToFurtherVictims
   TqUSysDirectory::SetRemoveFaultForTesting({});
   EXPECT_EQ(Remaining(), expected);
 }
+
+#if defined(_WIN32)
+// A file planted beside an entry under its name and a dot is no entry, and goes alone: joined
+// into a path, its name was tidied into the entry's by Windows, and the entry went instead.
+TEST_F(CacheTest, AFileThatIsNoEntryGoesAloneWhateverWindowsWouldMakeOfItsName) {
+  Entry("older", kDate - 7200, kNever, 600000);  // the one the limit takes
+  Entry("0123456789", kDate - 10, kNever, 500000);
+  std::wstring planted;
+  ASSERT_TRUE(qv::sys_path::ToSystem(m_cache.Directory() / "0123456789", planted));
+  WriteFileBytes(planted + L".", "no entry");
+  Limit(1);
+  EXPECT_TRUE(m_cache.CleanUp());
+  EXPECT_EQ(Remaining(), Names{"0123456789"});
+}
+#endif
 
 #if !defined(_WIN32)  // the open hook runs before the lock only on POSIX
 // Just as the clean-up or a lookup reads the file at a name (an entry, or a file that is no
