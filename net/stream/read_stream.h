@@ -48,7 +48,7 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   /// Body bytes; 0 at the end or when the request did not succeed. Throws http_exception
   /// "Unable to read HTTP data\n" when the transport's read fails.
   std::uint64_t Read(void* buffer, std::uint64_t size) override;
-  /// Size from Content-Length and the entity tag, when the response gave them.
+  /// ContentSize and ETag: of a 200 answer only, when it gave them.
   qv::io::StreamMetaData MetaData() override;
 
   /// The stream holds a request handle: false after Close, and when no request could be made or
@@ -61,10 +61,12 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   /// Releases the request handle now rather than with the stream. A later Read of a successful
   /// response asks the transport with no request, which fails: it throws as any failed read.
   void Close();
-  /// The body size from Content-Length; empty when the response gave none, or framed its body
-  /// with a transfer coding (which overrides a Content-Length beside it).
+  /// The body size from the Content-Length of a 200 answer (the HEAD's, when one was sent);
+  /// empty for any other answer, when it gave none, or framed its body with a transfer coding
+  /// (which overrides a Content-Length beside it).
   std::optional<std::uint64_t> ContentSize() const;
-  /// The response's entity tag in UTF-8, quotes included; empty when none.
+  /// The entity tag of a 200 answer (the HEAD's, when one was sent) in UTF-8, quotes included;
+  /// empty when none, and for any other answer (a 304's tag included).
   std::optional<std::string> ETag() const;
   /// The response status (0 when none could be read).
   HttpStatus QueryStatusCode() const;
