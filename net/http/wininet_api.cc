@@ -125,7 +125,6 @@ void* WinInet::Connect(void* internet, const TqUURL& url) {
     TqUError::LogWideString(L") failed with code ");
     TqUError::LogNat64(error);
     TqUError::LogWideString(L"\n");
-    SetLastError(error);  // for the caller, whatever the log's own calls left behind
     return nullptr;
   }
   DWORD max_connections = MaxNumConnectionsPerServer();
