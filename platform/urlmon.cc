@@ -32,6 +32,7 @@
 #include "platform/wide_text.h"
 #include "platform/wininet_session.h"
 #include "tqutil/user_agent.h"
+#include "tqutil/utf8.h"
 
 namespace tqplatform {
 namespace {
@@ -453,12 +454,9 @@ HRESULT Download(const std::string& url, const std::string& destination,
 // The UTF-8 path of a file name; false when the name holds what no UTF-8 name can (an unpaired
 // surrogate, a value past U+10FFFF): written as U+FFFD it would name, and replace, another file.
 bool DestinationPath(LPCWSTR file_name, std::string* path) {
-  for (const wchar_t* c = file_name; *c != L'\0'; ++c) {
-    const auto code = static_cast<std::uint32_t>(*c);
-    if ((code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF) return false;
-  }
-  *path = WideToUtf8(file_name);
-  return true;
+  bool valid = false;
+  *path = qv::utf8::FromWide(file_name, &valid);
+  return valid;
 }
 
 }  // namespace

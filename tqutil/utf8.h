@@ -93,8 +93,10 @@ inline char32_t Decode(std::string_view s, std::size_t& i, bool* valid = nullptr
   return c;
 }
 
-// UTF-8 of wide text. Unpaired surrogates and values above U+10FFFF become U+FFFD.
-inline std::string FromWide(std::wstring_view text) {
+// UTF-8 of wide text. Unpaired surrogates and values above U+10FFFF become U+FFFD, and
+// `*valid` (when given) tells whether there were none.
+inline std::string FromWide(std::wstring_view text, bool* valid = nullptr) {
+  if (valid != nullptr) *valid = true;
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -109,6 +111,7 @@ inline std::string FromWide(std::wstring_view text) {
         }
       }
     }
+    if (valid != nullptr && (c > 0x10FFFF || IsSurrogate(c))) *valid = false;
     Append(out, c);
   }
   return out;
