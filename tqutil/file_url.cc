@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include <boost/url/grammar/ci_string.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>
 
@@ -38,15 +39,11 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
   auto parsed = boost::urls::parse_uri(uri);
   if (!parsed) return {};
   const boost::urls::url_view& u = *parsed;
-  std::string scheme(u.scheme());
-  for (auto& c : scheme) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (scheme != "file") return {};
-  std::string host = u.host();
-  // A host name has no case; ASCII only, whatever the process's locale.
-  for (auto& c : host) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  if (!host.empty() && host != "localhost") return {};
+  // Neither a scheme nor a host name has case.
+  using boost::urls::grammar::ci_is_equal;
+  if (!ci_is_equal(u.scheme(), "file")) return {};
+  const std::string host = u.host();
+  if (!host.empty() && !ci_is_equal(host, "localhost")) return {};
   // An encoded separator is part of a file's name in the URL ("..%2Ff" is one segment), but
   // decoded it would separate names, and "..%2F" would climb out of the directory the URL names.
   std::string_view encoded = u.encoded_path();
