@@ -32,6 +32,10 @@ TEST(UrlTest, PartsDefaultPortsAndNormalisedText) {
     EXPECT_EQ(TqUURL(url, false).GetPort(), port) << qv::WideToUtf8(url);
   }
   EXPECT_STREQ(TqUURL(L"http://h/caf\u00E9", false).GetResource(), L"/caf%C3%A9");
+  // A stray "%" in a new query had the whole text encoded again: "\u00E9" became "%25C3%25A9".
+  TqUURL queried(L"http://h/p?old#f", false);
+  queried.SetQuery(L"\u00E9%%41");
+  EXPECT_STREQ(queried.GetString(), L"http://h/p?%C3%A9%25%41#f");
   // The URL library decoded every percent-encoding that its component allows, and read an
   // encoded "/" as a separator when it removed dot segments: "a%2Fb" (one segment) became "a/b"
   // (two) and "?q=a%26b" a query of two fields, so a normalised URL named another resource.
