@@ -340,6 +340,14 @@ bool TqUURL::Normalize() {
     urls::url& u = *m_impl->url;
     u.normalize_scheme();
     u.normalize_authority();
+    // "http://h:80/" and "http://h:/" are "http://h/", and ":08080" is ":8080": one resource,
+    // one text.
+    const std::uint16_t own_port = DefaultPort(AsciiToWide(u.scheme()));
+    if (u.has_port() && (u.port().empty() || (own_port != 0 && u.port_number() == own_port))) {
+      u.remove_port();
+    } else if (u.has_port() && u.port().front() == '0') {
+      u.set_port_number(u.port_number());
+    }
     Parts parts = PartsOf(u);
     parts.path = NormalizePercentEncodings(parts.path);
     // Dot segments are resolved in URLs only: a relative reference keeps them for its resolution.

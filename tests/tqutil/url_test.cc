@@ -51,6 +51,12 @@ TEST(UrlTest, PartsDefaultPortsAndNormalisedText) {
       {L"http://h/..", L"http://h/"},
       {L"x:/.//c", L"x:/.//c"},
       {L".//c", L".//c"},
+      // A port written as the scheme's own, or empty, is that default port, and leading zeros
+      // are no part of a port: the same resource was kept under two cache keys.
+      {L"http://h:80/x", L"http://h/x"},
+      {L"http://h:08080/x", L"http://h:8080/x"},
+      {L"HTTPS://h:0443", L"https://h"},
+      {L"http://h:/x", L"http://h/x"},
   };
   for (const auto& [text, expected] : normalised) {
     EXPECT_STREQ(TqUURL(text, true).GetString(), expected) << qv::WideToUtf8(text);
