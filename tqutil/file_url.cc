@@ -68,7 +68,9 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
 #endif
   // A NUL decoded into the path would end it where the system reads it: another file.
   if (path.empty() || path.find('\0') != std::string::npos) return {};
-  return qv::PathOfUtf8(path);
+  // Dot segments belong to the URL ("d/link/../f" is "d/f", as TqUURL normalises it and a cache
+  // keys it): the system would climb out of the link's target and open another file.
+  return qv::PathOfUtf8(path).lexically_normal();
 }
 
 // A file stream that also reports the file's modification time and a tag made of its size and

@@ -340,6 +340,14 @@ bool TqUURL::Normalize() {
     urls::url& u = *m_impl->url;
     u.normalize_scheme();
     u.normalize_authority();
+    // "http://h:80/" and "http://h:/" are "http://h/", and ":08080" is ":8080": one resource,
+    // one text.
+    const std::uint16_t own_port = DefaultPort(AsciiToWide(u.scheme()));
+    if (u.has_port() && (u.port().empty() || (own_port != 0 && u.port_number() == own_port))) {
+      u.remove_port();
+    } else if (u.has_port() && u.port().front() == '0') {
+      u.set_port_number(u.port_number());
+    }
     Parts parts = PartsOf(u);
     parts.path = NormalizePercentEncodings(parts.path);
     // Dot segments are resolved in URLs only: a relative reference keeps them for its resolution.
@@ -396,18 +404,22 @@ void TqUURL::GetFullURL(TqUWideStringBuffer* out) const {
 void TqUURL::SetQuery(const wchar_t* query) {
   if (!m_impl) m_impl = std::make_unique<Impl>();
   if (!m_impl->url) return;
-  const std::string q = ToUriText(query);
+  // Text as written after "?": its percent-encodings are kept, and a "%" that starts none is a
+  // "%" of the text. Encoding the whole text again instead would encode its encodings too.
+  using qv::percent::HexValue;
+  const std::string text = ToUriText(query);
+  std::string q;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    q.push_back(text[i]);
+    const bool escape =
+        i + 2 < text.size() && HexValue(text[i + 1]) >= 0 && HexValue(text[i + 2]) >= 0;
+    if (text[i] == '%' && !escape) q += "25";
+  }
   try {
     if (q.empty()) {
       m_impl->url->remove_query();
     } else {
-      try {
-        // Text as written after "?": its percent-encodings are kept.
-        m_impl->url->set_encoded_query(q);
-      } catch (const std::exception&) {
-        // Not valid encoded text (a stray "%"): encode it as plain text instead.
-        m_impl->url->set_query(q);
-      }
+      m_impl->url->set_encoded_query(q);
     }
   } catch (const std::exception&) {
     // The URL is left as it was.

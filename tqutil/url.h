@@ -15,11 +15,12 @@
 /// stays valid until the URL is next changed.
 ///
 /// The constructor's flag `normalise`: when true the URL is normalised at once (as Normalize()
-/// does: scheme and host in lower case, encoded unreserved characters decoded and other
-/// encodings written in upper case, dot segments removed from a URL with a scheme; a relative
-/// reference keeps them for its resolution), so that texts naming the same resource compare
-/// equal. An encoded reserved character ("%2F", "%26") stays encoded: it is data, not a
-/// delimiter. When false the URL is kept as written.
+/// does: scheme and host in lower case, a port that is the scheme's default (or empty) dropped,
+/// encoded unreserved characters decoded and other encodings written in upper case, dot
+/// segments removed from a URL with a scheme; a relative reference keeps them for its
+/// resolution), so that texts naming the same resource compare equal. An encoded reserved
+/// character ("%2F", "%26") stays encoded: it is data, not a delimiter. When false the URL is
+/// kept as written.
 ///
 /// IsValid() is true for an absolute URL that has a scheme and, for http and https, a host.
 /// Relative references parse (ResolveRelative takes them) but are not valid on their own.

@@ -630,6 +630,17 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
     ASSERT_TRUE(linked_url);
     EXPECT_EQ(ReadAll(*linked_url, 16), "HDRaBcdef");
   }
+  // "ln/../f" is the URL "f" (TqUURL normalises it so, and a cache keys it so), but the system
+  // climbed out of the link's target and opened another directory's "f".
+  std::filesystem::create_directories(dir / "elsewhere" / "inner");
+  WriteFileBytes(dir / "elsewhere" / "f", "elsewhere");
+  if (PlantLink(dir / "elsewhere" / "inner", dir / "ln")) {
+    for (const wchar_t* climb : {L"/ln/../f", L"/ln/%2E%2e/f"}) {
+      const std::wstring climbing = FileUrl(dir.path()) + climb;
+      auto climbed = TqUFileURL::OpenURLReadStream(climbing.c_str(), {});
+      EXPECT_TRUE(climbed && ReadAll(*climbed, 16) == "HDRaBcdef") << qv::WideToUtf8(climbing);
+    }
+  }
   auto s = qv::io::FileReadStream::Create(path);
   ASSERT_TRUE(s);
   s->SetBaseOffset(3);

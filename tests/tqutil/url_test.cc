@@ -32,6 +32,10 @@ TEST(UrlTest, PartsDefaultPortsAndNormalisedText) {
     EXPECT_EQ(TqUURL(url, false).GetPort(), port) << qv::WideToUtf8(url);
   }
   EXPECT_STREQ(TqUURL(L"http://h/caf\u00E9", false).GetResource(), L"/caf%C3%A9");
+  // A stray "%" in a new query had the whole text encoded again: "\u00E9" became "%25C3%25A9".
+  TqUURL queried(L"http://h/p?old#f", false);
+  queried.SetQuery(L"\u00E9%%41");
+  EXPECT_STREQ(queried.GetString(), L"http://h/p?%C3%A9%25%41#f");
   // The URL library decoded every percent-encoding that its component allows, and read an
   // encoded "/" as a separator when it removed dot segments: "a%2Fb" (one segment) became "a/b"
   // (two) and "?q=a%26b" a query of two fields, so a normalised URL named another resource.
@@ -47,6 +51,12 @@ TEST(UrlTest, PartsDefaultPortsAndNormalisedText) {
       {L"http://h/..", L"http://h/"},
       {L"x:/.//c", L"x:/.//c"},
       {L".//c", L".//c"},
+      // A port written as the scheme's own, or empty, is that default port, and leading zeros
+      // are no part of a port: the same resource was kept under two cache keys.
+      {L"http://h:80/x", L"http://h/x"},
+      {L"http://h:08080/x", L"http://h:8080/x"},
+      {L"HTTPS://h:0443", L"https://h"},
+      {L"http://h:/x", L"http://h/x"},
   };
   for (const auto& [text, expected] : normalised) {
     EXPECT_STREQ(TqUURL(text, true).GetString(), expected) << qv::WideToUtf8(text);
