@@ -209,7 +209,14 @@ TqUThreadHandle* HttpFileProtocol::CreateThreadHandle(TqUFileHandle* file) {
                    record->UrlText().GetString(), static_cast<int>(GetLastError()));
     return nullptr;
   }
-  auto thread = std::make_unique<HttpFileThreadHandle>(secure, connection);
+  std::unique_ptr<HttpFileThreadHandle> thread;
+  try {
+    thread = std::make_unique<HttpFileThreadHandle>(secure, connection);
+  } catch (...) {
+    // No record to own the connection (out of memory): it must not stay open unowned.
+    InternetCloseHandle(connection);
+    throw;
+  }
   thread->TieToFile(record);
   return HttpFileThreadHandle::Adopt(std::move(thread));
 }

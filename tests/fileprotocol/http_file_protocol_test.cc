@@ -31,6 +31,7 @@
 #include "tests/support/servers/scripted_server.h"
 #include "tests/support/servers/temp_dir.h"
 #if !defined(_WIN32)
+#include "tests/support/allocation_failure.h"
 #include "tests/support/servers/tls_files.h"
 #endif
 #include "tests/support/wine.h"
@@ -43,6 +44,9 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using qv::net::HttpCredentials;
 using qv::net::HttpFileProtocol;
+#if !defined(_WIN32)
+using tq::test::FailingAllocation;
+#endif
 
 class HttpFileProtocolTest : public ProtocolTest {
  protected:
@@ -602,6 +606,32 @@ std::string ReadAll(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
+
+#if !defined(_WIN32)
+// Out of memory at each allocation of CreateThreadHandle: every connection made is closed again
+// (the closes are counted through an armed fault), and the next call gets its handle.
+TEST_F(ProtocolTest, AThreadHandleThatRunsOutOfMemoryClosesItsConnection) {
+  TqUFileHandle* file = protocol_->OpenFile(L"http://127.0.0.1:1/f", TqUFileProtocol::OpenRead);
+  ASSERT_NE(file, nullptr);
+  ASSERT_TRUE(TqPlatformInjectFault("InternetCloseHandle", ERROR_INTERNET_INTERNAL_ERROR,
+                                    kTqPlatformFaultForever, 0));
+  unsigned thrown = 0;
+  TqUThreadHandle* thread = nullptr;
+  for (long n = 0; thread == nullptr && n < 100; ++n) {
+    const FailingAllocation failing(n);
+    try {
+      thread = protocol_->CreateThreadHandle(file);
+    } catch (const std::bad_alloc&) {
+      ++thrown;
+    }
+  }
+  EXPECT_GT(thrown, 0u);
+  EXPECT_EQ(TqPlatformInjectedFailures("InternetCloseHandle"), thrown);
+  TqPlatformClearFaults();
+  EXPECT_TRUE(protocol_->ReleaseThreadHandle(thread));
+  EXPECT_TRUE(protocol_->CloseFile(file));
+}
+#endif
 
 // The callbacks' order and progress: nginx's GetFile; the moniker's cut bodies: tests/faults.
 // The binding aborted from another thread while the server holds its answer ends the download
