@@ -578,6 +578,10 @@ DiskCache::~DiskCache() = default;
 bool DiskCache::QueryFlag() { return false; }
 
 std::string DiskCache::UrlToCache(std::wstring_view url) {
+  // A stored-body name is the caller's own text, kept as written: read as a URL, "Thumb" and
+  // "thumb", "a#1" and "a#2" or "a?x" and "a?y" would be one key, and a body stored under one
+  // name would be served for the other.
+  if (url.starts_with(CachePrefix())) return qv::WideToUtf8(url);
   TqUURL parsed(std::wstring(url).c_str(), true);
   parsed.SetQuery(L"");
   TqUWideStringBuffer full;

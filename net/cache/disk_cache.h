@@ -62,7 +62,8 @@ class DiskCache : public IUrlCache {
   /// its file holds another URL's entry.
   virtual std::int64_t ExpiryTime(std::wstring_view url);
 
-  /// The cache key: the URL normalised, without its query and its fragment, in UTF-8.
+  /// The cache key: the URL normalised, without its query and its fragment, in UTF-8. A URL
+  /// that starts with the stored-body prefix ("qvcache://") is its key as written.
   TQNET_EXPORT static std::string UrlToCache(std::wstring_view url);
   /// The entry file: `directory` joined with 10 hex digits of the key's digest.
   TQNET_EXPORT static std::filesystem::path ComputeCacheLocation(

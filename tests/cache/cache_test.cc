@@ -716,6 +716,25 @@ TEST_F(CacheTest, TheRequestIsBuiltFromTheNormalisedUrlTheEntryIsKeyedOn) {
   EXPECT_EQ(m_api.Sent().size(), 1u);
 }
 
+// A stored-body name is the caller's own text: read as a URL, names differing in case, after a
+// "#" or a "?", or in an encoded letter shared one entry, and one was served the other's body.
+TEST_F(CacheTest, BodiesStoredUnderDifferentNamesStayApart) {
+  const std::vector<std::wstring> names = {L"Thumb", L"thumb", L"report#2", L"report#3",
+                                           L"a?x",   L"a?y",   L"%41",      L"A"};
+  for (const std::wstring& name : names) {
+    auto stream = m_cache.OpenWriteStream(name);
+    ASSERT_NE(stream, nullptr);
+    const std::string body = qv::WideToUtf8(name);
+    stream->Write(body.data(), body.size());
+  }
+  for (const std::wstring& name : names) {
+    auto read = m_cache.OpenReadStream(name);
+    EXPECT_EQ(read ? ReadAll(*read) : "<null>", qv::WideToUtf8(name));
+  }
+  EXPECT_TRUE(m_cache.Contains(L"qvcache://Thumb"));
+  EXPECT_FALSE(m_cache.Contains(L"qvcache://THUMB"));
+}
+
 // A file URL says nothing about how long its body holds: every open asks the file again, and a
 // file rewritten at the same size within the same second is served as it is now, not as stored.
 TEST_F(CacheTest, AFileUrlIsServedAsTheFileIsNowAtEveryOpen) {
