@@ -39,6 +39,7 @@ int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {
   Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
   if (self == nullptr) return CURL_PREREQFUNC_ABORT;
   self->request_out_ = true;
+  self->in_challenge_body_ = false;
   self->OnConnected();
   return CURL_PREREQFUNC_OK;
 }
@@ -56,6 +57,7 @@ int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
   // tunnel on it first, whose answer is not the origin's.
   if (Transfer* self = owner->transfer()) {
     self->request_out_ = false;
+    self->in_challenge_body_ = false;
     self->tunnel_challenged_ = false;
   }
   return CURL_SOCKOPT_OK;
@@ -83,9 +85,10 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
   // https tunnel, not the origin's.
   const bool tunnel = !request_out_;
   if (!tunnel) OnConnected();
-  if (!tunnel && state_ != TransferState::kAwaitingHeaders) {
-    // Trailers of a chunked body: not kept here, but libcurl keeps them, and each line counts as
-    // progress; without a bound a server could go on sending them until memory runs out.
+  if (!tunnel && (state_ != TransferState::kAwaitingHeaders || in_challenge_body_)) {
+    // Trailers of a chunked body (also of a challenge's, which libcurl reads before it answers):
+    // not kept here, but libcurl keeps them, and each line counts as progress; without a bound
+    // a server could go on sending them until memory runs out.
     trailer_bytes_ += size;
     if (trailer_bytes_ <= HeaderBlock::kMaxBytes) return size;
     header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
@@ -140,6 +143,7 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
     // would hold the request for ever.
     if (++challenges_answered_ > kMaxChallengesAnswered) return ERROR_INTERNET_LOGIN_FAILURE;
     tunnel_challenged_ = tunnel;
+    in_challenge_body_ = !tunnel;
     clock_.RequestSent(Clock::now());  // the answer goes out as a new request
     return ERROR_SUCCESS;
   }
