@@ -85,7 +85,12 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
   // https tunnel, not the origin's.
   const bool tunnel = !request_out_;
   if (!tunnel) OnConnected();
-  if (!tunnel && (state_ != TransferState::kAwaitingHeaders || in_challenge_body_)) {
+  // A challenge's body ends before its answer's status line, which no trailer line can be like:
+  // "/" is no character of a name.
+  if (in_challenge_body_ && std::string_view(data, size).starts_with("HTTP/")) {
+    in_challenge_body_ = false;
+  }
+  if ((!tunnel && state_ != TransferState::kAwaitingHeaders) || in_challenge_body_) {
     // Trailers of a chunked body (also of a challenge's, which libcurl reads before it answers):
     // not kept here, but libcurl keeps them, and each line counts as progress; without a bound
     // a server could go on sending them until memory runs out.
@@ -143,7 +148,7 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
     // would hold the request for ever.
     if (++challenges_answered_ > kMaxChallengesAnswered) return ERROR_INTERNET_LOGIN_FAILURE;
     tunnel_challenged_ = tunnel;
-    in_challenge_body_ = !tunnel;
+    in_challenge_body_ = true;
     clock_.RequestSent(Clock::now());  // the answer goes out as a new request
     return ERROR_SUCCESS;
   }
