@@ -2,13 +2,39 @@
 // made and the request sent. The run they belong to is in transfer.cc.
 #include <algorithm>
 #include <cstring>
+#include <optional>
+#include <string_view>
 
 #include "platform/internet_handle.h"
 #include "platform/transfer.h"
+#include "platform/wide_text.h"
 
 namespace tqplatform {
 
 using Clock = TransferClock::Clock;
+
+namespace {
+
+// libcurl removes no transfer coding but chunked (this layer asks for none): a body still coded
+// would be handed over as if it were the bytes of the resource. "identity" changes nothing.
+bool HasCodingNotRemoved(const HeaderBlock& block) {
+  for (std::size_t i = 0;; ++i) {
+    const std::optional<std::string_view> value = block.Find("Transfer-Encoding", i);
+    if (!value) return false;
+    for (std::string_view rest = *value;;) {
+      const auto comma = rest.find(',');
+      const std::string_view coding = TrimSpace(rest.substr(0, comma));
+      if (!coding.empty() && !EqualsIgnoreCase(coding, "chunked") &&
+          !EqualsIgnoreCase(coding, "identity")) {
+        return true;
+      }
+      if (comma == std::string_view::npos) break;
+      rest.remove_prefix(comma + 1);
+    }
+  }
+}
+
+}  // namespace
 
 // Each is given the slot (TransferSlot::set_transfer); libcurl calls them only while a transfer
 // runs on it, so a slot without one refuses rather than touch anything.
@@ -134,7 +160,8 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
   }
   // libcurl frames the body by each Transfer-Encoding line as it came, without what a folded
   // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body.
-  if (!pending.ContentLengthAgrees() || pending.Folded("Transfer-Encoding")) {
+  if (!pending.ContentLengthAgrees() || pending.Folded("Transfer-Encoding") ||
+      HasCodingNotRemoved(pending)) {
     return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   }
   // The blocks exchange roles: each keeps the room it grew for the next one.
