@@ -73,11 +73,36 @@ bool ParseUrl(const std::string& url, UrlParts* parts) {
 }
 
 bool ResolveUrl(const std::string& base, const std::string& reference, UrlParts* parts) {
+  UrlParts from;
+  if (!ParseUrl(base, &from)) return false;
+  // libcurl merges a relative reference wrongly when a dot segment comes before its query, or
+  // when it is a fragment alone ("./?q" from /x/y leads to /x?q, "#f" to /x/): it is made
+  // absolute here by RFC 3986's merge, and libcurl only removes the dot segments.
+  std::string absolute;
+  const std::size_t scheme_end = reference.find_first_of(":/?#");
+  const bool has_scheme = scheme_end != std::string::npos && scheme_end > 0 &&
+                          reference[scheme_end] == ':';
+  if (!has_scheme && !reference.starts_with("//")) {
+    const std::string& text = from.text;
+    const std::size_t path = text.find('/', text.find("://") + 3);
+    const std::size_t query = text.find_first_of("?#", path);
+    const std::size_t fragment = text.find('#', path);
+    if (reference.empty() || reference.front() == '/') {
+      absolute.assign(text, 0, path).append(reference);
+    } else if (reference.front() == '?') {
+      absolute.assign(text, 0, query).append(reference);
+    } else if (reference.front() == '#') {
+      absolute.assign(text, 0, fragment).append(reference);
+    } else {
+      absolute.assign(text, 0, text.rfind('/', query - 1) + 1).append(reference);
+    }
+  }
   const CurlUrl parsed(curl_url());
   return parsed != nullptr &&
          curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), 0) == CURLUE_OK &&
-         curl_url_set(parsed.get(), CURLUPART_URL, reference.c_str(), CURLU_URLENCODE) ==
-             CURLUE_OK &&
+         curl_url_set(parsed.get(), CURLUPART_URL,
+                      absolute.empty() ? reference.c_str() : absolute.c_str(),
+                      CURLU_URLENCODE) == CURLUE_OK &&
          ReadParts(parsed.get(), parts);
 }
 
