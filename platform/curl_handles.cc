@@ -97,12 +97,17 @@ bool ResolveUrl(const std::string& base, const std::string& reference, UrlParts*
       absolute.assign(text, 0, text.rfind('/', query - 1) + 1).append(reference);
     }
   }
+  if (absolute.empty()) absolute = reference;
+  // libcurl's encoding makes a space in the query a "+", which many servers read as a plus sign.
+  for (std::size_t space = absolute.find(' '); space != std::string::npos;
+       space = absolute.find(' ', space)) {
+    absolute.replace(space, 1, "%20");
+  }
   const CurlUrl parsed(curl_url());
   return parsed != nullptr &&
          curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), 0) == CURLUE_OK &&
-         curl_url_set(parsed.get(), CURLUPART_URL,
-                      absolute.empty() ? reference.c_str() : absolute.c_str(),
-                      CURLU_URLENCODE) == CURLUE_OK &&
+         curl_url_set(parsed.get(), CURLUPART_URL, absolute.c_str(), CURLU_URLENCODE) ==
+             CURLUE_OK &&
          ReadParts(parsed.get(), parts);
 }
 
