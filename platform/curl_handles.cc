@@ -73,10 +73,40 @@ bool ParseUrl(const std::string& url, UrlParts* parts) {
 }
 
 bool ResolveUrl(const std::string& base, const std::string& reference, UrlParts* parts) {
+  UrlParts from;
+  if (!ParseUrl(base, &from)) return false;
+  // libcurl merges a relative reference wrongly when a dot segment comes before its query, or
+  // when it is a fragment alone ("./?q" from /x/y leads to /x?q, "#f" to /x/): it is made
+  // absolute here by RFC 3986's merge, and libcurl only removes the dot segments.
+  std::string absolute;
+  const std::size_t scheme_end = reference.find_first_of(":/?#");
+  const bool has_scheme = scheme_end != std::string::npos && scheme_end > 0 &&
+                          reference[scheme_end] == ':';
+  if (!has_scheme && !reference.starts_with("//")) {
+    const std::string& text = from.text;
+    const std::size_t path = text.find('/', text.find("://") + 3);
+    const std::size_t query = text.find_first_of("?#", path);
+    const std::size_t fragment = text.find('#', path);
+    if (reference.empty() || reference.front() == '/') {
+      absolute.assign(text, 0, path).append(reference);
+    } else if (reference.front() == '?') {
+      absolute.assign(text, 0, query).append(reference);
+    } else if (reference.front() == '#') {
+      absolute.assign(text, 0, fragment).append(reference);
+    } else {
+      absolute.assign(text, 0, text.rfind('/', query - 1) + 1).append(reference);
+    }
+  }
+  if (absolute.empty()) absolute = reference;
+  // libcurl's encoding makes a space in the query a "+", which many servers read as a plus sign.
+  for (std::size_t space = absolute.find(' '); space != std::string::npos;
+       space = absolute.find(' ', space)) {
+    absolute.replace(space, 1, "%20");
+  }
   const CurlUrl parsed(curl_url());
   return parsed != nullptr &&
          curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), 0) == CURLUE_OK &&
-         curl_url_set(parsed.get(), CURLUPART_URL, reference.c_str(), CURLU_URLENCODE) ==
+         curl_url_set(parsed.get(), CURLUPART_URL, absolute.c_str(), CURLU_URLENCODE) ==
              CURLUE_OK &&
          ReadParts(parsed.get(), parts);
 }

@@ -212,6 +212,9 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   // The bound is for what a server sends; the lines of a request went out whole.
   if (response && bytes_ > kMaxBytes) return LineResult::kInvalid;
   const std::string_view line = TrimLineEnd(raw);
+  // libcurl ends lines at LF only: a CR inside a line would end it for other readers, and the
+  // raw headers' text would carry a line that libcurl never saw.
+  if (line.find('\r') != std::string_view::npos) return LineResult::kInvalid;
   if (start_end_ == 0) {
     if (line.empty()) return LineResult::kInvalid;
     if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {

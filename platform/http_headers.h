@@ -24,7 +24,8 @@ class HeaderBlock {
   // Feeds one line as it came from the wire (a trailing CR LF or LF is ignored). The first line
   // is the start line. Refuses a start line that is not an HTTP status line (when `response`),
   // a header line without a colon or whose name is empty or not all token characters, a
-  // continuation with no header before it, and a response block larger than kMaxBytes.
+  // continuation with no header before it, a line with a CR inside, and a response block
+  // larger than kMaxBytes.
   LineResult AddLine(std::string_view line, bool response = true);
 
   // Sets the start line and headers of a request, as sent (for HTTP_QUERY_FLAG_REQUEST_HEADERS).

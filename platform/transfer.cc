@@ -440,6 +440,9 @@ DWORD Transfer::ErrorOf(CURLcode result, bool had_headers) const {
   if (header_error_ != 0) return header_error_;
   // libcurl reports a header line over its limit as running out of memory.
   if (result == CURLE_OUT_OF_MEMORY && !had_headers) return ERROR_HTTP_INVALID_SERVER_RESPONSE;
+  // libcurl's store of the answer's headers refuses a line it cannot parse (a fold before any
+  // header, a trailer without a colon) with this code; the options were all taken before the run.
+  if (result == CURLE_BAD_FUNCTION_ARGUMENT) return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   return WinInetErrorFromCurl(result, slot_ != nullptr ? slot_->easy() : nullptr);
 }
 

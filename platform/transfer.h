@@ -313,6 +313,8 @@ class Transfer {
   std::size_t trailer_bytes_ = 0;  // of the chunked body's trailers
   // libcurl has sent this hop's request on the connection it uses now (a tunnel is up before).
   bool request_out_ = false;
+  // Until libcurl sends its answer, header lines are the trailers of the challenge's body.
+  bool in_challenge_body_ = false;
   // The response is a proxy's 407 to the CONNECT of a tunnel, which libcurl answers on the
   // connection it came on: when libcurl gives up instead, that 407 is the final response.
   bool tunnel_challenged_ = false;

@@ -2,13 +2,39 @@
 // made and the request sent. The run they belong to is in transfer.cc.
 #include <algorithm>
 #include <cstring>
+#include <optional>
+#include <string_view>
 
 #include "platform/internet_handle.h"
 #include "platform/transfer.h"
+#include "platform/wide_text.h"
 
 namespace tqplatform {
 
 using Clock = TransferClock::Clock;
+
+namespace {
+
+// libcurl removes no transfer coding but chunked (this layer asks for none): a body still coded
+// would be handed over as if it were the bytes of the resource. "identity" changes nothing.
+bool HasCodingNotRemoved(const HeaderBlock& block) {
+  for (std::size_t i = 0;; ++i) {
+    const std::optional<std::string_view> value = block.Find("Transfer-Encoding", i);
+    if (!value) return false;
+    for (std::string_view rest = *value;;) {
+      const auto comma = rest.find(',');
+      const std::string_view coding = TrimSpace(rest.substr(0, comma));
+      if (!coding.empty() && !EqualsIgnoreCase(coding, "chunked") &&
+          !EqualsIgnoreCase(coding, "identity")) {
+        return true;
+      }
+      if (comma == std::string_view::npos) break;
+      rest.remove_prefix(comma + 1);
+    }
+  }
+}
+
+}  // namespace
 
 // Each is given the slot (TransferSlot::set_transfer); libcurl calls them only while a transfer
 // runs on it, so a slot without one refuses rather than touch anything.
@@ -39,6 +65,7 @@ int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {
   Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
   if (self == nullptr) return CURL_PREREQFUNC_ABORT;
   self->request_out_ = true;
+  self->in_challenge_body_ = false;
   self->OnConnected();
   return CURL_PREREQFUNC_OK;
 }
@@ -56,6 +83,7 @@ int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
   // tunnel on it first, whose answer is not the origin's.
   if (Transfer* self = owner->transfer()) {
     self->request_out_ = false;
+    self->in_challenge_body_ = false;
     self->tunnel_challenged_ = false;
   }
   return CURL_SOCKOPT_OK;
@@ -83,9 +111,15 @@ size_t Transfer::OnHeader(const char* data, size_t size) {
   // https tunnel, not the origin's.
   const bool tunnel = !request_out_;
   if (!tunnel) OnConnected();
-  if (!tunnel && state_ != TransferState::kAwaitingHeaders) {
-    // Trailers of a chunked body: not kept here, but libcurl keeps them, and each line counts as
-    // progress; without a bound a server could go on sending them until memory runs out.
+  // A challenge's body ends before its answer's status line, which no trailer line can be like:
+  // "/" is no character of a name.
+  if (in_challenge_body_ && std::string_view(data, size).starts_with("HTTP/")) {
+    in_challenge_body_ = false;
+  }
+  if ((!tunnel && state_ != TransferState::kAwaitingHeaders) || in_challenge_body_) {
+    // Trailers of a chunked body (also of a challenge's, which libcurl reads before it answers):
+    // not kept here, but libcurl keeps them, and each line counts as progress; without a bound
+    // a server could go on sending them until memory runs out.
     trailer_bytes_ += size;
     if (trailer_bytes_ <= HeaderBlock::kMaxBytes) return size;
     header_error_ = ERROR_HTTP_INVALID_SERVER_RESPONSE;
@@ -126,7 +160,8 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
   }
   // libcurl frames the body by each Transfer-Encoding line as it came, without what a folded
   // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body.
-  if (!pending.ContentLengthAgrees() || pending.Folded("Transfer-Encoding")) {
+  if (!pending.ContentLengthAgrees() || pending.Folded("Transfer-Encoding") ||
+      HasCodingNotRemoved(pending)) {
     return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   }
   // The blocks exchange roles: each keeps the room it grew for the next one.
@@ -140,6 +175,7 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
     // would hold the request for ever.
     if (++challenges_answered_ > kMaxChallengesAnswered) return ERROR_INTERNET_LOGIN_FAILURE;
     tunnel_challenged_ = tunnel;
+    in_challenge_body_ = true;
     clock_.RequestSent(Clock::now());  // the answer goes out as a new request
     return ERROR_SUCCESS;
   }

@@ -83,6 +83,7 @@ void Transfer::ClearResponse() {
   challenges_answered_ = 0;
   progress_noted_ = false;
   request_out_ = false;
+  in_challenge_body_ = false;
   tunnel_challenged_ = false;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;

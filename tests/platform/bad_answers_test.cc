@@ -58,6 +58,21 @@ TEST(BadAnswersTest, EachEndsInAWinInetErrorAfterWhatArrived) {
       {"interim 103 first", Answer("HTTP/1.1 103 Early Hints\r\nLink: </a>\r\n\r\n" + ok +
                                    "Content-Length: 5\r\n\r\nhello"),
        0, 0, "hello", true},
+      // Where one reader ends a line another may not: "X-A: a\rContent-Length: 9" is one
+      // header to libcurl, two to a reader that ends lines at a CR.
+      {"bare CR inside a header",
+       Answer(ok + "X-A: a\rContent-Length: 9\r\nContent-Length: 5\r\n\r\nhello"),
+       ERROR_HTTP_INVALID_SERVER_RESPONSE, 0, "", true},
+      {"fold before any header", Answer(ok + " X-A: a\r\nContent-Length: 5\r\n\r\nhello"),
+       ERROR_HTTP_INVALID_SERVER_RESPONSE, 0, "", true},
+      {"trailer without a colon",
+       Answer(ok + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\nno colon\r\n\r\n"), 0,
+       ERROR_HTTP_INVALID_SERVER_RESPONSE, "hello", true},
+      // No transfer coding but chunked is removed (none was asked for): a body still coded
+      // would come as if it were the bytes sent.
+      {"gzip transfer coding",
+       Answer(ok + "Transfer-Encoding: gzip, chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"), invalid,
+       0, "", true},
       {"100 KiB header", Answer(ok + "X-Big: " + std::string(100 * 1024, 'a') + "\r\n\r\n"),
        ERROR_HTTP_INVALID_SERVER_RESPONSE, 0, "", true},
       {"stall before the headers", Answer("", Stall), ERROR_INTERNET_TIMEOUT, 0, "", true},

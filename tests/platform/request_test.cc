@@ -419,6 +419,10 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
        false, 407, 0},
       {"HTTP/1.1 407 Who\r\nProxy-Authenticate: Basic realm=\"p\"\r\nContent-Length: 0\r\n\r\n",
        true, 407, 0},
+      // Trailers of the challenge's body come before libcurl answers it.
+      {"HTTP/1.1 407 Who\r\nProxy-Authenticate: Basic realm=\"p\"\r\n"
+       "Transfer-Encoding: chunked\r\n\r\n4\r\nwho?\r\n0\r\nX-T: 1\r\n\r\n",
+       true, 407, 0},
       {"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", false, 403, 0},
       {"HTTP/1.1 200 Connection established\r\n\r\nno TLS here\r\n\r\n", false, 0,
        ERROR_INTERNET_SECURITY_CHANNEL_ERROR},

@@ -70,6 +70,13 @@ TEST(RedirectPolicyTest, WhereEachAnswerLeads) {
     std::string next;  // "METHOD url[ cross-origin][ no body]"; empty: not followed
   } cases[] = {
       {"http://a.test/x/y", "GET", "302 Found", "../z", false, 0, 0, "GET http://a.test/z"},
+      // A relative reference is merged with the path it came from before dot segments go.
+      {"http://a.test/x/y", "GET", "302 Found", "./?q", false, 0, 0, "GET http://a.test/x/?q"},
+      {"http://a.test/x/y/z", "GET", "302 Found", "../?q", false, 0, 0, "GET http://a.test/x/?q"},
+      {"http://a.test/x/y?q", "GET", "302 Found", "#f", false, 0, 0, "GET http://a.test/x/y?q#f"},
+      // A space is "%20" in the query as in the path: "+" is a plus sign to many servers.
+      {"http://a.test/", "GET", "302 Found", "/r a?b c", false, 0, 0,
+       "GET http://a.test/r%20a?b%20c"},
       {"http://a.test/", "POST", "301 Moved", "/r", false, 0, 0, "GET http://a.test/r no body"},
       {"http://a.test/", "POST", "308 Perm", "/r", false, 0, 0, "POST http://a.test/r"},
       {"http://a.test/", "HEAD", "303 See", "/r", false, 0, 0, "HEAD http://a.test/r"},
