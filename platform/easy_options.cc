@@ -1,5 +1,7 @@
 #include "platform/easy_options.h"
 
+#include <sys/socket.h>
+
 namespace tqplatform {
 namespace {
 
@@ -12,6 +14,12 @@ bool SetText(CURL* easy, CURLoption option, const std::string& text, bool none_i
 template <class T>
 bool Set(CURL* easy, CURLoption option, T value) {
   return curl_easy_setopt(easy, option, value) == CURLE_OK;
+}
+
+// Every socket libcurl opens, made close-on-exec at once: a program the host starts would
+// otherwise inherit the server connections and hold them open.
+curl_socket_t OpenSocket(void*, curlsocktype, curl_sockaddr* address) {
+  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 bool HasCredentials(const HopOptions& options) {
@@ -64,7 +72,8 @@ bool AppliedOptions::SetAll(CURL* easy, const HopOptions& wanted) {
             // A transfer stopped or timed out while the host name is being looked up ends at
             // once: the lookup's thread is left to finish on its own instead of being waited
             // for, which an unanswering name server makes tens of seconds.
-            Set(easy, CURLOPT_QUICK_EXIT, 1L);
+            Set(easy, CURLOPT_QUICK_EXIT, 1L) &&
+            Set(easy, CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
   // Rarely changed.
   return ok && SetCallbacks(easy, wanted) && SetProxy(easy, wanted) &&
          SetCredentials(easy, wanted) && SetChanged(easy, wanted);

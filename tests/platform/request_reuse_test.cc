@@ -4,7 +4,11 @@
 // bytes) may reach the request after it, in any order of requests.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <strings.h>
+#include <sys/socket.h>
 
 #include <cwchar>
 #include <string>
@@ -213,6 +217,25 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
   }
   // Every answer was read to its end: one connection served them all.
   EXPECT_EQ(server.connection_count(), 1u);
+}
+
+// A host that starts another program must not hand it the server connection: the child would
+// keep it open after the host closed it.
+TEST_F(RequestReuseTest, TheKeptConnectionIsNotInheritedByProgramsTheHostStarts) {
+  server.Route("/r", [](const RecordedRequest&) { return ScriptedResponse(200, "kept"); });
+  EXPECT_EQ(Fetch(connection, L"/r"), "kept");
+  int connected = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+        peer.sin_family != AF_INET || ntohs(peer.sin_port) != server.port()) {
+      continue;
+    }
+    ++connected;
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "descriptor " << fd;
+  }
+  EXPECT_EQ(connected, 1);
 }
 
 }  // namespace
