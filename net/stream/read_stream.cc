@@ -154,9 +154,11 @@ void* SendWatched(IHttpApi& api, void* connection, const HttpRequest& request,
 // instead, as when the retries are spent: the host's shut-down waits for nothing more.
 void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpRequest& request,
                            const qv::stop_token& stop) {
-  IHttpApi& api = Api();
   impl.m_status = HttpStatus::Unknown;
   HttpRequestHandlerManager::HandlePreRequest(request);
+  // Taken after the handlers: one that shut the library down (TerminateHttp on the host's
+  // thread) has deleted the transport there was before them.
+  IHttpApi& api = Api();
 
   const wchar_t* accept_types[] = {L"*/*", nullptr};
   int allowance = 0;

@@ -157,6 +157,26 @@ TEST(HttpInitTest, StartUpAndShutDownThatCannotBeDoneChangeNothing) {
   TerminateHttp();
 }
 
+// Regression: a pre-request handler that shut the library down on the host's own thread (not a
+// worker, where it is refused) deleted the transport the opening stream then sent through.
+TEST(HttpInitTest, TerminateHttpFromAHandlerOnTheHostThreadLeavesTheOpenWithoutATransport) {
+  struct Terminating : HttpRequestHandler {
+    void HandlePreRequest(HttpRequest&) override { TerminateHttp(); }
+  } handler;
+  InitialiseHttp();
+  delete SetHttpApi(new tq::test::FakeHttpApi);
+  HttpRequestHandlerManager::RegisterHandler(&handler);
+  try {
+    HttpReadStream::Open(L"http://example.com/", 0, {});
+    ADD_FAILURE() << "no exception";
+  } catch (const http_exception& e) {
+    EXPECT_STREQ(e.what(), "Unable to create HTTP connection\n");
+  }
+  HttpRequestHandlerManager::UnregisterHandler(&handler);
+  EXPECT_EQ(HttpApi(), nullptr);
+  HttpConnectionPool::Terminate();
+}
+
 struct CountingHandler : HttpRequestHandler {
   void HandlePreRequest(HttpRequest&) override { ++calls; }
   std::atomic<int> calls{0};
