@@ -18,6 +18,8 @@
 #include <sys/stat.h>
 #else
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 #endif
 
@@ -38,6 +40,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -396,6 +399,58 @@ std::string RandomHex() {
   return text;
 }
 
+// What unfinished copies have made beside their targets, for the signal watcher to remove should
+// Ctrl-C or a TERM end the program first. Made, renamed and removed under the lock, which the
+// watcher takes and keeps: it finds each file either listed or not made yet, never half-way.
+std::mutex g_leftovers_mutex;
+std::vector<fs::path> g_leftovers;
+
+// Called with the lock held.
+void ForgetLeftover(const fs::path& path) {
+  g_leftovers.erase(std::remove(g_leftovers.begin(), g_leftovers.end(), path), g_leftovers.end());
+}
+
+#if !defined(_WIN32)
+// Ctrl-C or a TERM ends the program at once, by that signal as a shell expects, once what
+// unfinished copies left beside their targets is removed. The signals are blocked in every
+// thread (this runs before any other starts) and taken by one thread of their own with
+// sigwait, so that the clean-up is ordinary code rather than a signal handler's. A signal that
+// was ignored when the program started (SIGINT of a background job) stays ignored.
+void WatchSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int sig : {SIGINT, SIGTERM}) {
+    struct sigaction current = {};
+    if (sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
+      sigaddset(&set, sig);
+    }
+  }
+  if (sigismember(&set, SIGINT) != 1 && sigismember(&set, SIGTERM) != 1) return;
+  if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return;
+  try {
+    std::thread([set] {
+      int sig = 0;
+      while (sigwait(&set, &sig) != 0) {
+      }
+      g_leftovers_mutex.lock();  // kept: nothing is made or renamed from now on
+      for (const fs::path& path : g_leftovers) {
+        std::error_code ignored;
+        fs::remove_all(path, ignored);
+      }
+      signal(sig, SIG_DFL);
+      sigset_t only;
+      sigemptyset(&only);
+      sigaddset(&only, sig);
+      pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+      raise(sig);
+      _exit(128 + sig);
+    }).detach();
+  } catch (const std::system_error&) {
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // no watcher: the signals as they were
+  }
+}
+#endif
+
 // Whether a copy to `target` goes to a new file renamed over it once complete: for a regular
 // file (or none yet). A device or a pipe (/dev/null, a FIFO) is written as it is: nothing of it
 // is kept, and nothing may take its place.
@@ -420,8 +475,10 @@ class ReplacingFile {
   }
   ~ReplacingFile() {
     if (m_fd >= 0) CloseFd();
+    std::lock_guard lock(g_leftovers_mutex);
     std::error_code ignored;
     if (!m_temp.empty()) fs::remove(m_temp, ignored);
+    ForgetLeftover(m_temp);
   }
   ReplacingFile(const ReplacingFile&) = delete;
   ReplacingFile& operator=(const ReplacingFile&) = delete;
@@ -437,6 +494,7 @@ class ReplacingFile {
     const fs::path directory = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
     for (int attempt = 0; attempt < 16; ++attempt) {
       const fs::path temp = directory / (".tqfetch-" + RandomHex() + ".part");
+      std::lock_guard lock(g_leftovers_mutex);
       // Exclusive: never opens, nor truncates through, what someone else put under the name.
 #if defined(_WIN32)
       m_fd = _wopen(temp.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
@@ -445,6 +503,7 @@ class ReplacingFile {
 #endif
       if (m_fd >= 0) {
         m_temp = temp;
+        g_leftovers.push_back(temp);
         // The copy keeps the permissions of the file it replaces.
         const fs::file_status old = fs::status(m_target, error);
         if (!error && fs::exists(old)) fs::permissions(m_temp, old.permissions(), error);
@@ -481,9 +540,11 @@ class ReplacingFile {
 #endif
     const int closed = CloseFd();
     if (flushed != 0 || closed != 0) return flushed != 0 ? flushed : closed;
+    std::lock_guard lock(g_leftovers_mutex);
     std::error_code error;
     fs::rename(m_temp, m_target, error);
     if (error) return error.default_error_condition().value();  // an errno on Windows too
+    ForgetLeftover(m_temp);
     m_temp.clear();
     return 0;
   }
@@ -871,6 +932,9 @@ std::vector<std::string> Arguments(int argc, char** argv) {
 }
 
 int main(int argc, char** argv) {
+#if !defined(_WIN32)
+  WatchSignals();
+#endif
   TqUError::SetSink(KeepLastLogLine);
   try {
     return Run(Arguments(argc, argv));

@@ -1,5 +1,7 @@
 // tqfetch run as a person runs it: its words on failure, its exit status, its help.
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -18,6 +20,7 @@
 #include <memory>
 #include <utility>
 #include <string>
+#include <vector>
 
 #include "tests/support/same_answer_server.h"
 #include "tests/support/servers/raw_responder.h"
@@ -394,6 +397,86 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
   EXPECT_EQ(spaced.status, 0) << spaced.output;
   std::ifstream in(target, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "ok");
+}
+
+
+// tqfetch started as a shell starts it (signals at their defaults), with its output to `out`
+// and its errors to `err`.
+pid_t Start(const std::vector<std::string>& args, const std::filesystem::path& cache_home, int out,
+            int err) {
+  std::vector<std::string> words{TQFETCH_PATH};
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  std::string cache = "XDG_CACHE_HOME=" + cache_home.string();
+  char* const env[] = {cache.data(), nullptr};
+  const pid_t child = fork();
+  if (child == 0) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int sig : {SIGINT, SIGTERM, SIGPIPE}) signal(sig, SIG_DFL);
+    if (dup2(out, 1) == 1 && dup2(err, 2) == 2) execve(TQFETCH_PATH, argv.data(), env);
+    _exit(127);
+  }
+  return child;
+}
+
+// Waits, for at most 30 s, until a new name shows in the directory that `watch` (an inotify
+// descriptor) watches; gives that name, or "" when none came.
+std::string NextNewName(int watch) {
+  alignas(inotify_event) char events[4096];
+  pollfd ready{watch, POLLIN, 0};
+  if (poll(&ready, 1, 30000) != 1) return {};
+  const ssize_t n = read(watch, events, sizeof events);
+  const auto* event = reinterpret_cast<const inotify_event*>(events);
+  return n > 0 && event->len > 0 ? std::string(event->name) : std::string();
+}
+
+// The names in a directory, and what `file` holds.
+std::string Listing(const std::filesystem::path& dir, const std::filesystem::path& file) {
+  std::string names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    names += entry.path().filename().string() + " ";
+  }
+  std::ifstream in(file, std::ios::binary);
+  return names + "holding: " + std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Ctrl-C, or a TERM, while a copy to FILE is being written ends the program at once, by that
+// signal, with the file already there as it was and nothing beside it.
+TEST(TqfetchCliTest, ASignalMidCopyLeavesTheFileAsItWasAndNothingBeside) {
+  tq::test::TempDir home;
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  // Large enough that copying it out of the cache takes a while; stored fresh, so that a second
+  // try copies without downloading again.
+  server.Route("/large", tq::test::ScriptedResponse(200, std::string(64 << 20, 'l'))
+                             .Header("Cache-Control", "max-age=600"));
+  const std::filesystem::path dir = home.path() / "out", target = dir / "kept.bin";
+  std::filesystem::create_directory(dir);
+  const int null = open("/dev/null", O_WRONLY);
+  for (const int sig : {SIGINT, SIGTERM}) {
+    int status = 0;
+    // The copy may end before the signal lands: then it is tried again.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      std::ofstream(target, std::ios::binary) << "the old contents";
+      const int watch = inotify_init1(IN_CLOEXEC);
+      ASSERT_GE(inotify_add_watch(watch, dir.c_str(), IN_CREATE), 0);
+      const pid_t child = Start({"fetch", server.Url("/large"), "-o", target.string()},
+                                home.path(), null, null);
+      const std::string part = NextNewName(watch);
+      close(watch);
+      EXPECT_NE(part, "");
+      kill(child, sig);
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) break;
+    }
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << sig << ": " << status;
+    EXPECT_EQ(Listing(dir, target), "kept.bin holding: the old contents") << sig;
+  }
+  close(null);
 }
 
 }  // namespace
