@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -434,8 +435,12 @@ void WatchSignals() {
       }
       g_leftovers_mutex.lock();  // kept: nothing is made or renamed from now on
       for (const fs::path& path : g_leftovers) {
-        std::error_code ignored;
-        fs::remove_all(path, ignored);
+        // A download's own file may be made inside a directory while it is removed: again.
+        std::error_code error;
+        for (int tries = 0; tries < 16; ++tries) {
+          fs::remove_all(path, error);
+          if (!fs::exists(fs::symlink_status(path, error))) break;
+        }
       }
       signal(sig, SIG_DFL);
       sigset_t only;
@@ -579,6 +584,64 @@ std::string TargetProblem(const fs::path& target) {
   return {};
 }
 
+#if !defined(_WIN32)
+// A directory of the program's own beside a download's target, where the download lands before
+// it is renamed over the target whole: the download's own temporary file lies inside it, under a
+// name the program does not know, and goes with it should a signal end the program midway.
+class LandingDirectory {
+ public:
+  explicit LandingDirectory(fs::path target) : m_target(std::move(target)) {
+    const fs::path parent = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
+    for (int attempt = 0; attempt < 16; ++attempt) {
+      const fs::path directory = parent / (".tqfetch-" + RandomHex() + ".d");
+      std::lock_guard lock(g_leftovers_mutex);
+      if (::mkdir(directory.c_str(), 0700) == 0) {
+        m_directory = directory;
+        g_leftovers.push_back(directory);
+        return;
+      }
+      if (errno != EEXIST) return;
+    }
+  }
+  ~LandingDirectory() {
+    std::lock_guard lock(g_leftovers_mutex);
+    std::error_code ignored;
+    if (!m_directory.empty()) fs::remove_all(m_directory, ignored);
+    ForgetLeftover(m_directory);
+  }
+  LandingDirectory(const LandingDirectory&) = delete;
+  LandingDirectory& operator=(const LandingDirectory&) = delete;
+
+  bool ok() const { return !m_directory.empty(); }
+  fs::path File() const { return m_directory / m_target.filename(); }
+
+  // Renames the downloaded file over the target: 0 or the system's error number. As the
+  // download itself would: a link there is replaced itself, anything else that is no regular
+  // file is not replaced, and a file replaced keeps its permissions.
+  int Commit() {
+    const fs::path file = File();
+    std::lock_guard lock(g_leftovers_mutex);
+    struct stat old = {};
+    if (::lstat(m_target.c_str(), &old) == 0) {
+      if (S_ISREG(old.st_mode)) {
+        (void)::chmod(file.c_str(), old.st_mode & 07777);
+      } else if (!S_ISLNK(old.st_mode)) {
+        return EEXIST;
+      }
+    }
+    if (::rename(file.c_str(), m_target.c_str()) != 0) return errno;
+    ::rmdir(m_directory.c_str());
+    ForgetLeftover(m_directory);
+    m_directory.clear();
+    return 0;
+  }
+
+ private:
+  fs::path m_target;
+  fs::path m_directory;
+};
+#endif
+
 void Download(const std::string& url, const std::string& path) {
   TqUFileProtocol& protocol = Library::Protocol(url);
   ForgetFailures();
@@ -589,8 +652,22 @@ void Download(const std::string& url, const std::string& path) {
   TqUFileInfo info;
   if (protocol.GetFileInfo(Wide(url).c_str(), &info)) total = info.GetFileSize();
   ProgressBar bar("download", total);
-  if (!protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
-    const std::string what = "download of " + url + " to " + path + " failed";
+  const std::string what = "download of " + url + " to " + path + " failed";
+#if defined(_WIN32)
+  const bool done = protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar);
+#else
+  // A target the download would refuse is refused before the landing directory is used.
+  LandingDirectory landing(PathOf(path));
+  const bool done = TargetProblem(PathOf(path)).empty() && landing.ok() &&
+                    protocol.GetFile(Wide(url).c_str(), Wide(Text(landing.File())).c_str(), &bar);
+  if (done) {
+    if (const int error = landing.Commit()) {
+      const std::string problem = TargetProblem(PathOf(path));
+      throw Failure{what + ": " + (problem.empty() ? std::strerror(error) : problem)};
+    }
+  }
+#endif
+  if (!done) {
     // Such a target is refused before the download sends anything: what the information's own
     // request met (a server that refuses HEAD, say) is not why.
     if (const std::string problem = TargetProblem(PathOf(path)); !problem.empty()) {
