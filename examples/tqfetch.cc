@@ -1020,7 +1020,15 @@ int main(int argc, char** argv) {
 #endif
   TqUError::SetSink(KeepLastLogLine);
   try {
-    return Run(Arguments(argc, argv));
+    const int status = Run(Arguments(argc, argv));
+    // What was printed (information, help, the tour) may fail only as it leaves the buffer: a
+    // full disk must not pass for success with the words lost.
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+      throw Failure{std::string("cannot write to standard output") +
+                    (errno != 0 ? std::string(": ") + std::strerror(errno) : std::string())};
+    }
+    return status;
   } catch (const UsageError& error) {
     if (!error.message.empty()) std::fprintf(stderr, "tqfetch: %s\n", error.message.c_str());
     std::fputs(kUsage, stderr);

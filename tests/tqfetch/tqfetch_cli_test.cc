@@ -267,7 +267,8 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
 #endif
   for (const std::string& command : {"fetch " + url + " >/dev/full",
                                      "range " + url + " 1 6 >/dev/full",
-                                     "fetch " + url + " -o /dev/full"}) {
+                                     "fetch " + url + " -o /dev/full",
+                                     "info " + url + " >/dev/full", std::string("--version >/dev/full")}) {
     EXPECT_EQ(Tqfetch(command, home.path()).status, 1) << command;
   }
   // A server that gives no size in its Content-Range ("/*") is read whole: the length that comes
