@@ -65,6 +65,10 @@ struct Failure {
   std::string message;
 };
 
+// The reader of standard output went away (`tqfetch fetch URL | head -c 10`): the program ends
+// quietly, as any program of a pipeline does then.
+struct ReaderGone {};
+
 // A command line the program does not understand (exit status 2).
 struct UsageError {
   std::string message;
@@ -169,6 +173,7 @@ void WriteBody(const char* bytes, std::size_t size) {
 #endif
   // A full disk or a closed pipe must not pass for success with the bytes lost.
   if (std::fwrite(bytes, 1, size, stdout) != size || std::fflush(stdout) != 0) {
+    if (errno == EPIPE) throw ReaderGone{};
     throw Failure{std::string("cannot write to standard output: ") + std::strerror(errno)};
   }
 }
@@ -1025,10 +1030,19 @@ int main(int argc, char** argv) {
     // full disk must not pass for success with the words lost.
     errno = 0;
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+      if (errno == EPIPE) throw ReaderGone{};
       throw Failure{std::string("cannot write to standard output") +
                     (errno != 0 ? std::string(": ") + std::strerror(errno) : std::string())};
     }
     return status;
+  } catch (const ReaderGone&) {
+#if !defined(_WIN32)
+    // By SIGPIPE, as a shell expects of a pipeline cut short: the library ignores the signal for
+    // its sockets, so it is raised here with its default action.
+    signal(SIGPIPE, SIG_DFL);
+    raise(SIGPIPE);
+#endif
+    return kExitFailure;
   } catch (const UsageError& error) {
     if (!error.message.empty()) std::fprintf(stderr, "tqfetch: %s\n", error.message.c_str());
     std::fputs(kUsage, stderr);

@@ -466,7 +466,7 @@ TEST(TqfetchCliTest, ASignalMidCopyLeavesTheFileAsItWasAndNothingBeside) {
   const std::filesystem::path temp = home.path() / "tmp";
   std::filesystem::create_directory(dir);
   std::filesystem::create_directory(temp);
-  const int null = open("/dev/null", O_WRONLY);
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
   const std::pair<std::vector<std::string>, std::filesystem::path> commands[] = {
       {{"fetch", server.Url("/large"), "-o", target.string()}, dir},
       {{"download", stalls.Url("/d"), target.string()}, dir},
@@ -494,6 +494,33 @@ TEST(TqfetchCliTest, ASignalMidCopyLeavesTheFileAsItWasAndNothingBeside) {
     }
   }
   close(null);
+}
+
+// Output cut off by its reader (`tqfetch fetch URL | head -c 10`) ends the program quietly, by
+// SIGPIPE, as it ends any program of a pipeline: no words on a failure nobody made.
+TEST(TqfetchCliTest, AReaderThatStopsEndsItQuietlyBySigpipe) {
+  tq::test::TempDir home;
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  server.Route("/m", tq::test::ScriptedResponse(200, std::string(1 << 20, 'm')));
+  const int err = open((home.path() / "err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  for (const std::string command : {"fetch", "range"}) {
+    std::vector<std::string> args{command, server.Url("/m")};
+    if (command == "range") args.insert(args.end(), {"0", "1048576"});
+    int out[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+    const pid_t child = Start(args, home.path(), home.path(), out[1], err);
+    close(out[1]);
+    char head[10];
+    EXPECT_EQ(read(out[0], head, sizeof head), 10);
+    close(out[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) << command << ": " << status;
+  }
+  close(err);
+  std::ifstream said(home.path() / "err");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(said), {}), "");
 }
 
 }  // namespace
