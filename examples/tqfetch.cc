@@ -406,10 +406,11 @@ std::string RandomHex() {
 }
 
 // What unfinished copies have made beside their targets, for the signal watcher to remove should
-// Ctrl-C or a TERM end the program first. Made, renamed and removed under the lock, which the
+// a signal end the program first. Made, renamed and removed under the lock, which the
 // watcher takes and keeps: it finds each file either listed or not made yet, never half-way.
-std::mutex g_leftovers_mutex;
-std::vector<fs::path> g_leftovers;
+// Never destroyed: a signal may come while the program exits.
+std::mutex& g_leftovers_mutex = *new std::mutex;
+std::vector<fs::path>& g_leftovers = *new std::vector<fs::path>;
 
 // Called with the lock held.
 void ForgetLeftover(const fs::path& path) {
@@ -417,21 +418,24 @@ void ForgetLeftover(const fs::path& path) {
 }
 
 #if !defined(_WIN32)
-// Ctrl-C or a TERM ends the program at once, by that signal as a shell expects, once what
-// unfinished copies left beside their targets is removed. The signals are blocked in every
-// thread (this runs before any other starts) and taken by one thread of their own with
-// sigwait, so that the clean-up is ordinary code rather than a signal handler's. A signal that
-// was ignored when the program started (SIGINT of a background job) stays ignored.
+// Ctrl-C, a TERM or a hang-up (its terminal closed) ends the program at once, by that signal as
+// a shell expects, once what unfinished copies left beside their targets is removed. The
+// signals are blocked in every thread (this runs before any other starts) and taken by one
+// thread of their own with sigwait, so that the clean-up is ordinary code rather than a signal
+// handler's. A signal that was ignored when the program started (SIGINT of a background job)
+// stays ignored.
 void WatchSignals() {
   sigset_t set;
   sigemptyset(&set);
-  for (const int sig : {SIGINT, SIGTERM}) {
+  bool any = false;
+  for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction current = {};
     if (sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
       sigaddset(&set, sig);
+      any = true;
     }
   }
-  if (sigismember(&set, SIGINT) != 1 && sigismember(&set, SIGTERM) != 1) return;
+  if (!any) return;
   if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return;
   try {
     std::thread([set] {

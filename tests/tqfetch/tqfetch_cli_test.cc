@@ -473,7 +473,7 @@ TEST(TqfetchCliTest, ASignalMidCopyLeavesTheFileAsItWasAndNothingBeside) {
       {{}, temp}};
   for (const auto& [command, watched] : commands) {
     const std::string row = command.empty() ? "tour" : command[0];
-    for (const int sig : {SIGINT, SIGTERM}) {
+    for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
       int status = 0;
       // The copy may end before the signal lands: then it is tried again.
       for (int attempt = 0; attempt < 5; ++attempt) {
