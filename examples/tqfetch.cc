@@ -1023,8 +1023,24 @@ std::vector<std::string> Arguments(int argc, char** argv) {
 #endif
 }
 
+#if !defined(_WIN32)
+// A standard descriptor the caller closed (`tqfetch fetch URL >&-`) would be the first one the
+// program opens (a socket, a file being written), which would then take what was meant for it:
+// the body of a fetch went into a socket, as a success. It is held by /dev/null opened the
+// other way, so that writing to a closed output fails as it should.
+void HoldClosedStandardDescriptors() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
+      const int held = ::open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
+      if (held > 2) ::close(held);
+    }
+  }
+}
+#endif
+
 int main(int argc, char** argv) {
 #if !defined(_WIN32)
+  HoldClosedStandardDescriptors();
   WatchSignals();
 #endif
   TqUError::SetSink(KeepLastLogLine);

@@ -402,7 +402,8 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
 
 
 // tqfetch started as a shell starts it (signals at their defaults), with its disk cache in
-// `home`, its temporary directory `temp`, its output to `out` and its errors to `err`.
+// `home`, its temporary directory `temp`, its output to `out` (closed when -1) and its errors
+// to `err`.
 pid_t Start(const std::vector<std::string>& args, const std::filesystem::path& home,
             const std::filesystem::path& temp, int out, int err) {
   std::vector<std::string> words{TQFETCH_PATH};
@@ -418,7 +419,9 @@ pid_t Start(const std::vector<std::string>& args, const std::filesystem::path& h
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     for (int sig : {SIGINT, SIGTERM, SIGPIPE}) signal(sig, SIG_DFL);
-    if (dup2(out, 1) == 1 && dup2(err, 2) == 2) execve(TQFETCH_PATH, argv.data(), env);
+    if ((out < 0 ? close(1) == 0 : dup2(out, 1) == 1) && dup2(err, 2) == 2) {
+      execve(TQFETCH_PATH, argv.data(), env);
+    }
     _exit(127);
   }
   return child;
@@ -497,7 +500,9 @@ TEST(TqfetchCliTest, ASignalMidCopyLeavesTheFileAsItWasAndNothingBeside) {
 }
 
 // Output cut off by its reader (`tqfetch fetch URL | head -c 10`) ends the program quietly, by
-// SIGPIPE, as it ends any program of a pipeline: no words on a failure nobody made.
+// SIGPIPE, as it ends any program of a pipeline: no words on a failure nobody made. Output
+// closed from the start (`>&-`) is a failure, not a body written into whatever the program
+// opened first.
 TEST(TqfetchCliTest, AReaderThatStopsEndsItQuietlyBySigpipe) {
   tq::test::TempDir home;
   tq::test::ScriptedServer server;
@@ -518,9 +523,17 @@ TEST(TqfetchCliTest, AReaderThatStopsEndsItQuietlyBySigpipe) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) << command << ": " << status;
   }
-  close(err);
   std::ifstream said(home.path() / "err");
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(said), {}), "");
+  server.Route("/s", tq::test::ScriptedResponse(200, "small"));
+  const pid_t child = Start({"fetch", server.Url("/s")}, home.path(), home.path(), -1, err);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+  close(err);
+  said.clear();
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(said), {}),
+            "tqfetch: cannot write to standard output: Bad file descriptor\n");
 }
 
 }  // namespace
