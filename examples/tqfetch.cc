@@ -178,6 +178,22 @@ void WriteBody(const char* bytes, std::size_t size) {
   }
 }
 
+// Whether `target` is the program's own standard output (/dev/stdout, /dev/fd/1): written
+// through it where it stands, after what the caller put there (`-o /dev/stdout >> log`), never
+// replaced by a new file, which would drop what the file held and what the caller writes next.
+bool NamesStandardOutput(const fs::path& target) {
+#if defined(_WIN32)
+  (void)target;
+  return false;
+#else
+  // Not when it is closed (held by /dev/null for reading): `-o /dev/null >&-` names no output.
+  const int mode = ::fcntl(1, F_GETFL);
+  struct stat named = {}, out = {};
+  return mode != -1 && (mode & O_ACCMODE) != O_RDONLY && ::stat(target.c_str(), &named) == 0 &&
+         ::fstat(1, &out) == 0 && named.st_dev == out.st_dev && named.st_ino == out.st_ino;
+#endif
+}
+
 // Progress as one line on a terminal, redrawn when its text changes and at most ten times a
 // second; nothing when stdout is a file or a pipe.
 class ProgressBar : public TqUProgress {
@@ -943,6 +959,10 @@ int Run(const std::vector<std::string>& args) {
                        (error != 0 ? std::string(": ") + std::strerror(error) : std::string())};
       };
       const fs::path target = PathOf(args[3]);
+      if (NamesStandardOutput(target)) {
+        CopyOut(*stream, [](const char* data, std::size_t n) { WriteBody(data, n); });
+        return 0;
+      }
       ReplacingFile beside(target);
       const int refused = WritesBeside(target) ? beside.Open() : -1;
       if (refused == 0) {

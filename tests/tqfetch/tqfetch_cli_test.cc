@@ -503,7 +503,7 @@ TEST(TqfetchCliTest, ASignalMidCopyLeavesTheFileAsItWasAndNothingBeside) {
 // SIGPIPE, as it ends any program of a pipeline: no words on a failure nobody made. Output
 // closed from the start (`>&-`) is a failure, not a body written into whatever the program
 // opened first.
-TEST(TqfetchCliTest, AReaderThatStopsEndsItQuietlyBySigpipe) {
+TEST(TqfetchCliTest, StandardOutputCutOffClosedOrNamedAsTheFile) {
   tq::test::TempDir home;
   tq::test::ScriptedServer server;
   ASSERT_TRUE(server.ok());
@@ -530,6 +530,18 @@ TEST(TqfetchCliTest, AReaderThatStopsEndsItQuietlyBySigpipe) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+  // Its own standard output named as FILE (`-o /dev/stdout >> log`) is written through, after
+  // what the file held: not a new file renamed over the one the caller had it append to.
+  const std::filesystem::path log = home.path() / "log";
+  std::ofstream(log) << "before\n";
+  const int append = open(log.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  const pid_t through = Start({"fetch", server.Url("/s"), "-o", "/dev/stdout"}, home.path(),
+                              home.path(), append, err);
+  ASSERT_EQ(waitpid(through, &status, 0), through);
+  close(append);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  std::ifstream logged(log);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(logged), {}), "before\nsmall");
   close(err);
   said.clear();
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(said), {}),
