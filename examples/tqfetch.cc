@@ -839,11 +839,7 @@ fs::path MakeWorkDirectory() {
   for (int attempt = 0; attempt < 16; ++attempt) {
     const fs::path work = temp / ("tqfetch-tour-" + RandomHex());
     std::error_code error;
-    std::lock_guard lock(g_leftovers_mutex);
-    if (fs::create_directory(work, error)) {
-      g_leftovers.push_back(work);  // removed by the tour, or by the signal watcher
-      return work;
-    }
+    if (fs::create_directory(work, error)) return work;
   }
   throw Failure{"cannot make a directory in " + Text(temp)};
 }
@@ -868,10 +864,8 @@ void Tour() {
   Step("10. Its server stopped: the stale copy served with ServeStaleOnError");
   TourStaleOnError(std::move(slow));
 
-  std::lock_guard lock(g_leftovers_mutex);
   std::error_code ignored;
   fs::remove_all(work, ignored);
-  ForgetLeftover(work);
   std::printf("\nDone. Try: tqfetch info <url>, tqfetch fetch <url>, tqfetch download <url> <file>\n");
 }
 
