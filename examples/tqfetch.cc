@@ -433,6 +433,20 @@ void ForgetLeftover(const fs::path& path) {
   g_leftovers.erase(std::remove(g_leftovers.begin(), g_leftovers.end(), path), g_leftovers.end());
 }
 
+// Removes a file (or, with `tree`, a directory and all in it) that a copy no longer needs, and
+// takes it off the list.
+void DropLeftover(const fs::path& path, bool tree) {
+  if (path.empty()) return;
+  std::lock_guard lock(g_leftovers_mutex);
+  std::error_code ignored;
+  if (tree) {
+    fs::remove_all(path, ignored);
+  } else {
+    fs::remove(path, ignored);
+  }
+  ForgetLeftover(path);
+}
+
 #if !defined(_WIN32)
 // Ctrl-C, a TERM or a hang-up (its terminal closed) ends the program at once, by that signal as
 // a shell expects, once what unfinished copies left beside their targets is removed. The
@@ -505,10 +519,7 @@ class ReplacingFile {
   }
   ~ReplacingFile() {
     if (m_fd >= 0) CloseFd();
-    std::lock_guard lock(g_leftovers_mutex);
-    std::error_code ignored;
-    if (!m_temp.empty()) fs::remove(m_temp, ignored);
-    ForgetLeftover(m_temp);
+    DropLeftover(m_temp, false);
   }
   ReplacingFile(const ReplacingFile&) = delete;
   ReplacingFile& operator=(const ReplacingFile&) = delete;
@@ -628,12 +639,7 @@ class LandingDirectory {
       if (errno != EEXIST) return;
     }
   }
-  ~LandingDirectory() {
-    std::lock_guard lock(g_leftovers_mutex);
-    std::error_code ignored;
-    if (!m_directory.empty()) fs::remove_all(m_directory, ignored);
-    ForgetLeftover(m_directory);
-  }
+  ~LandingDirectory() { DropLeftover(m_directory, true); }
   LandingDirectory(const LandingDirectory&) = delete;
   LandingDirectory& operator=(const LandingDirectory&) = delete;
 
