@@ -18,6 +18,9 @@
 #include <sys/stat.h>
 #else
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -38,6 +41,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -60,6 +64,10 @@ using qv::net::CacheSystem;
 struct Failure {
   std::string message;
 };
+
+// The reader of standard output went away (`tqfetch fetch URL | head -c 10`): the program ends
+// quietly, as any program of a pipeline does then.
+struct ReaderGone {};
 
 // A command line the program does not understand (exit status 2).
 struct UsageError {
@@ -165,8 +173,25 @@ void WriteBody(const char* bytes, std::size_t size) {
 #endif
   // A full disk or a closed pipe must not pass for success with the bytes lost.
   if (std::fwrite(bytes, 1, size, stdout) != size || std::fflush(stdout) != 0) {
+    if (errno == EPIPE) throw ReaderGone{};
     throw Failure{std::string("cannot write to standard output: ") + std::strerror(errno)};
   }
+}
+
+// Whether `target` is the program's own standard output (/dev/stdout, /dev/fd/1): written
+// through it where it stands, after what the caller put there (`-o /dev/stdout >> log`), never
+// replaced by a new file, which would drop what the file held and what the caller writes next.
+bool NamesStandardOutput(const fs::path& target) {
+#if defined(_WIN32)
+  (void)target;
+  return false;
+#else
+  // Not when it is closed (held by /dev/null for reading): `-o /dev/null >&-` names no output.
+  const int mode = ::fcntl(1, F_GETFL);
+  struct stat named = {}, out = {};
+  return mode != -1 && (mode & O_ACCMODE) != O_RDONLY && ::stat(target.c_str(), &named) == 0 &&
+         ::fstat(1, &out) == 0 && named.st_dev == out.st_dev && named.st_ino == out.st_ino;
+#endif
 }
 
 // Progress as one line on a terminal, redrawn when its text changes and at most ten times a
@@ -396,6 +421,80 @@ std::string RandomHex() {
   return text;
 }
 
+// What unfinished copies have made beside their targets, for the signal watcher to remove should
+// a signal end the program first. Made, renamed and removed under the lock, which the
+// watcher takes and keeps: it finds each file either listed or not made yet, never half-way.
+// Never destroyed: a signal may come while the program exits.
+std::mutex& g_leftovers_mutex = *new std::mutex;
+std::vector<fs::path>& g_leftovers = *new std::vector<fs::path>;
+
+// Called with the lock held.
+void ForgetLeftover(const fs::path& path) {
+  g_leftovers.erase(std::remove(g_leftovers.begin(), g_leftovers.end(), path), g_leftovers.end());
+}
+
+// Removes a file (or, with `tree`, a directory and all in it) that a copy no longer needs, and
+// takes it off the list.
+void DropLeftover(const fs::path& path, bool tree) {
+  if (path.empty()) return;
+  std::lock_guard lock(g_leftovers_mutex);
+  std::error_code ignored;
+  if (tree) {
+    fs::remove_all(path, ignored);
+  } else {
+    fs::remove(path, ignored);
+  }
+  ForgetLeftover(path);
+}
+
+#if !defined(_WIN32)
+// Ctrl-C, a TERM or a hang-up (its terminal closed) ends the program at once, by that signal as
+// a shell expects, once what unfinished copies left beside their targets is removed. The
+// signals are blocked in every thread (this runs before any other starts) and taken by one
+// thread of their own with sigwait, so that the clean-up is ordinary code rather than a signal
+// handler's. A signal that was ignored when the program started (SIGINT of a background job)
+// stays ignored.
+void WatchSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  bool any = false;
+  for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction current = {};
+    if (sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
+      sigaddset(&set, sig);
+      any = true;
+    }
+  }
+  if (!any) return;
+  if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return;
+  try {
+    std::thread([set] {
+      int sig = 0;
+      while (sigwait(&set, &sig) != 0) {
+      }
+      g_leftovers_mutex.lock();  // kept: nothing is made or renamed from now on
+      for (const fs::path& path : g_leftovers) {
+        // A download's own file may be made inside a directory while it is removed: again.
+        std::error_code error;
+        for (int tries = 0; tries < 16; ++tries) {
+          fs::remove_all(path, error);
+          if (!fs::exists(fs::symlink_status(path, error))) break;
+        }
+      }
+      signal(sig, SIG_DFL);
+      sigset_t only;
+      sigemptyset(&only);
+      sigaddset(&only, sig);
+      pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+      raise(sig);
+      _exit(128 + sig);
+    }).detach();
+  } catch (const std::system_error&) {
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // no watcher: the signals as they were
+  }
+}
+#endif
+
 // Whether a copy to `target` goes to a new file renamed over it once complete: for a regular
 // file (or none yet). A device or a pipe (/dev/null, a FIFO) is written as it is: nothing of it
 // is kept, and nothing may take its place.
@@ -420,8 +519,7 @@ class ReplacingFile {
   }
   ~ReplacingFile() {
     if (m_fd >= 0) CloseFd();
-    std::error_code ignored;
-    if (!m_temp.empty()) fs::remove(m_temp, ignored);
+    DropLeftover(m_temp, false);
   }
   ReplacingFile(const ReplacingFile&) = delete;
   ReplacingFile& operator=(const ReplacingFile&) = delete;
@@ -437,6 +535,7 @@ class ReplacingFile {
     const fs::path directory = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
     for (int attempt = 0; attempt < 16; ++attempt) {
       const fs::path temp = directory / (".tqfetch-" + RandomHex() + ".part");
+      std::lock_guard lock(g_leftovers_mutex);
       // Exclusive: never opens, nor truncates through, what someone else put under the name.
 #if defined(_WIN32)
       m_fd = _wopen(temp.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
@@ -445,6 +544,7 @@ class ReplacingFile {
 #endif
       if (m_fd >= 0) {
         m_temp = temp;
+        g_leftovers.push_back(temp);
         // The copy keeps the permissions of the file it replaces.
         const fs::file_status old = fs::status(m_target, error);
         if (!error && fs::exists(old)) fs::permissions(m_temp, old.permissions(), error);
@@ -481,9 +581,11 @@ class ReplacingFile {
 #endif
     const int closed = CloseFd();
     if (flushed != 0 || closed != 0) return flushed != 0 ? flushed : closed;
+    std::lock_guard lock(g_leftovers_mutex);
     std::error_code error;
     fs::rename(m_temp, m_target, error);
     if (error) return error.default_error_condition().value();  // an errno on Windows too
+    ForgetLeftover(m_temp);
     m_temp.clear();
     return 0;
   }
@@ -518,6 +620,59 @@ std::string TargetProblem(const fs::path& target) {
   return {};
 }
 
+#if !defined(_WIN32)
+// A directory of the program's own beside a download's target, where the download lands before
+// it is renamed over the target whole: the download's own temporary file lies inside it, under a
+// name the program does not know, and goes with it should a signal end the program midway.
+class LandingDirectory {
+ public:
+  explicit LandingDirectory(fs::path target) : m_target(std::move(target)) {
+    const fs::path parent = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
+    for (int attempt = 0; attempt < 16; ++attempt) {
+      const fs::path directory = parent / (".tqfetch-" + RandomHex() + ".d");
+      std::lock_guard lock(g_leftovers_mutex);
+      if (::mkdir(directory.c_str(), 0700) == 0) {
+        m_directory = directory;
+        g_leftovers.push_back(directory);
+        return;
+      }
+      if (errno != EEXIST) return;
+    }
+  }
+  ~LandingDirectory() { DropLeftover(m_directory, true); }
+  LandingDirectory(const LandingDirectory&) = delete;
+  LandingDirectory& operator=(const LandingDirectory&) = delete;
+
+  bool ok() const { return !m_directory.empty(); }
+  fs::path File() const { return m_directory / m_target.filename(); }
+
+  // Renames the downloaded file over the target: 0 or the system's error number. As the
+  // download itself would: a link there is replaced itself, anything else that is no regular
+  // file is not replaced, and a file replaced keeps its permissions.
+  int Commit() {
+    const fs::path file = File();
+    std::lock_guard lock(g_leftovers_mutex);
+    struct stat old = {};
+    if (::lstat(m_target.c_str(), &old) == 0) {
+      if (S_ISREG(old.st_mode)) {
+        (void)::chmod(file.c_str(), old.st_mode & 07777);
+      } else if (!S_ISLNK(old.st_mode)) {
+        return EEXIST;
+      }
+    }
+    if (::rename(file.c_str(), m_target.c_str()) != 0) return errno;
+    ::rmdir(m_directory.c_str());
+    ForgetLeftover(m_directory);
+    m_directory.clear();
+    return 0;
+  }
+
+ private:
+  fs::path m_target;
+  fs::path m_directory;
+};
+#endif
+
 void Download(const std::string& url, const std::string& path) {
   TqUFileProtocol& protocol = Library::Protocol(url);
   ForgetFailures();
@@ -528,8 +683,22 @@ void Download(const std::string& url, const std::string& path) {
   TqUFileInfo info;
   if (protocol.GetFileInfo(Wide(url).c_str(), &info)) total = info.GetFileSize();
   ProgressBar bar("download", total);
-  if (!protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar)) {
-    const std::string what = "download of " + url + " to " + path + " failed";
+  const std::string what = "download of " + url + " to " + path + " failed";
+#if defined(_WIN32)
+  const bool done = protocol.GetFile(Wide(url).c_str(), Wide(path).c_str(), &bar);
+#else
+  // A target the download would refuse is refused before the landing directory is used.
+  LandingDirectory landing(PathOf(path));
+  const bool done = TargetProblem(PathOf(path)).empty() && landing.ok() &&
+                    protocol.GetFile(Wide(url).c_str(), Wide(Text(landing.File())).c_str(), &bar);
+  if (done) {
+    if (const int error = landing.Commit()) {
+      const std::string problem = TargetProblem(PathOf(path));
+      throw Failure{what + ": " + (problem.empty() ? std::strerror(error) : problem)};
+    }
+  }
+#endif
+  if (!done) {
     // Such a target is refused before the download sends anything: what the information's own
     // request met (a server that refuses HEAD, say) is not why.
     if (const std::string problem = TargetProblem(PathOf(path)); !problem.empty()) {
@@ -790,6 +959,10 @@ int Run(const std::vector<std::string>& args) {
                        (error != 0 ? std::string(": ") + std::strerror(error) : std::string())};
       };
       const fs::path target = PathOf(args[3]);
+      if (NamesStandardOutput(target)) {
+        CopyOut(*stream, [](const char* data, std::size_t n) { WriteBody(data, n); });
+        return 0;
+      }
       ReplacingFile beside(target);
       const int refused = WritesBeside(target) ? beside.Open() : -1;
       if (refused == 0) {
@@ -870,10 +1043,46 @@ std::vector<std::string> Arguments(int argc, char** argv) {
 #endif
 }
 
+#if !defined(_WIN32)
+// A standard descriptor the caller closed (`tqfetch fetch URL >&-`) would be the first one the
+// program opens (a socket, a file being written), which would then take what was meant for it:
+// the body of a fetch went into a socket, as a success. It is held by /dev/null opened the
+// other way, so that writing to a closed output fails as it should.
+void HoldClosedStandardDescriptors() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
+      const int held = ::open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
+      if (held > 2) ::close(held);
+    }
+  }
+}
+#endif
+
 int main(int argc, char** argv) {
+#if !defined(_WIN32)
+  HoldClosedStandardDescriptors();
+  WatchSignals();
+#endif
   TqUError::SetSink(KeepLastLogLine);
   try {
-    return Run(Arguments(argc, argv));
+    const int status = Run(Arguments(argc, argv));
+    // What was printed (information, help, the tour) may fail only as it leaves the buffer: a
+    // full disk must not pass for success with the words lost.
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+      if (errno == EPIPE) throw ReaderGone{};
+      throw Failure{std::string("cannot write to standard output") +
+                    (errno != 0 ? std::string(": ") + std::strerror(errno) : std::string())};
+    }
+    return status;
+  } catch (const ReaderGone&) {
+#if !defined(_WIN32)
+    // By SIGPIPE, as a shell expects of a pipeline cut short: the library ignores the signal for
+    // its sockets, so it is raised here with its default action.
+    signal(SIGPIPE, SIG_DFL);
+    raise(SIGPIPE);
+#endif
+    return kExitFailure;
   } catch (const UsageError& error) {
     if (!error.message.empty()) std::fprintf(stderr, "tqfetch: %s\n", error.message.c_str());
     std::fputs(kUsage, stderr);

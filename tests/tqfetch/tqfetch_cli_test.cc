@@ -1,5 +1,7 @@
 // tqfetch run as a person runs it: its words on failure, its exit status, its help.
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -18,6 +20,7 @@
 #include <memory>
 #include <utility>
 #include <string>
+#include <vector>
 
 #include "tests/support/same_answer_server.h"
 #include "tests/support/servers/raw_responder.h"
@@ -264,7 +267,8 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
 #endif
   for (const std::string& command : {"fetch " + url + " >/dev/full",
                                      "range " + url + " 1 6 >/dev/full",
-                                     "fetch " + url + " -o /dev/full"}) {
+                                     "fetch " + url + " -o /dev/full",
+                                     "info " + url + " >/dev/full", std::string("--version >/dev/full")}) {
     EXPECT_EQ(Tqfetch(command, home.path()).status, 1) << command;
   }
   // A server that gives no size in its Content-Range ("/*") is read whole: the length that comes
@@ -394,6 +398,147 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
   EXPECT_EQ(spaced.status, 0) << spaced.output;
   std::ifstream in(target, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "ok");
+}
+
+
+// tqfetch started as a shell starts it (signals at their defaults), with its disk cache in
+// `home`, its output to `out` (closed when -1) and its errors to `err`.
+pid_t Start(const std::vector<std::string>& args, const std::filesystem::path& home, int out,
+            int err) {
+  std::vector<std::string> words{TQFETCH_PATH};
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  std::string cache = "XDG_CACHE_HOME=" + home.string();
+  char* const env[] = {cache.data(), nullptr};
+  const pid_t child = fork();
+  if (child == 0) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int sig : {SIGINT, SIGTERM, SIGPIPE}) signal(sig, SIG_DFL);
+    if ((out < 0 ? close(1) == 0 : dup2(out, 1) == 1) && dup2(err, 2) == 2) {
+      execve(TQFETCH_PATH, argv.data(), env);
+    }
+    _exit(127);
+  }
+  return child;
+}
+
+// Waits, for at most 30 s, until a new name shows in the directory that `watch` (an inotify
+// descriptor) watches; gives that name, or "" when none came.
+std::string NextNewName(int watch) {
+  alignas(inotify_event) char events[4096];
+  pollfd ready{watch, POLLIN, 0};
+  if (poll(&ready, 1, 30000) != 1) return {};
+  const ssize_t n = read(watch, events, sizeof events);
+  const auto* event = reinterpret_cast<const inotify_event*>(events);
+  return n > 0 && event->len > 0 ? std::string(event->name) : std::string();
+}
+
+// The names in a directory, and what `file` holds.
+std::string Listing(const std::filesystem::path& dir, const std::filesystem::path& file) {
+  std::string names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    names += entry.path().filename().string() + " ";
+  }
+  std::ifstream in(file, std::ios::binary);
+  return names + "holding: " + std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Ctrl-C, or a TERM, while a copy to FILE is being written ends the program at once, by that
+// signal, with the file already there as it was and nothing beside it.
+TEST(TqfetchCliTest, ASignalMidCopyLeavesTheFileAsItWasAndNothingBeside) {
+  tq::test::TempDir home;
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  // Large enough that copying it out of the cache takes a while; stored fresh, so that a second
+  // try copies without downloading again.
+  server.Route("/large", tq::test::ScriptedResponse(200, std::string(64 << 20, 'l'))
+                             .Header("Cache-Control", "max-age=600"));
+  // Sends a part of the body and stalls.
+  tq::test::RawResponder stalls([](tq::test::RawConnection& c) {
+    const std::string head = c.ReadRequestHead();
+    c.Send("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n");
+    if (head.rfind("GET", 0) == 0 && c.Send(std::string(100, 's'))) c.Stall();
+  });
+  const std::filesystem::path dir = home.path() / "out", target = dir / "kept.bin";
+  std::filesystem::create_directory(dir);
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const std::vector<std::string> commands[] = {
+      {"fetch", server.Url("/large"), "-o", target.string()},
+      {"download", stalls.Url("/d"), target.string()}};
+  for (const auto& command : commands) {
+    for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
+      int status = 0;
+      // The copy may end before the signal lands: then it is tried again.
+      for (int attempt = 0; attempt < 5; ++attempt) {
+        std::ofstream(target, std::ios::binary) << "the old contents";
+        const int watch = inotify_init1(IN_CLOEXEC);
+        ASSERT_GE(inotify_add_watch(watch, dir.c_str(), IN_CREATE), 0);
+        const pid_t child = Start(command, home.path(), null, null);
+        const std::string part = NextNewName(watch);
+        close(watch);
+        EXPECT_NE(part, "");
+        kill(child, sig);
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) break;
+      }
+      EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << command[0] << sig << status;
+      EXPECT_EQ(Listing(dir, target), "kept.bin holding: the old contents") << command[0] << sig;
+    }
+  }
+  close(null);
+}
+
+// Output cut off by its reader (`tqfetch fetch URL | head -c 10`) ends the program quietly, by
+// SIGPIPE, as it ends any program of a pipeline: no words on a failure nobody made. Output
+// closed from the start (`>&-`) is a failure, not a body written into whatever the program
+// opened first.
+TEST(TqfetchCliTest, StandardOutputCutOffClosedOrNamedAsTheFile) {
+  tq::test::TempDir home;
+  tq::test::ScriptedServer server;
+  ASSERT_TRUE(server.ok());
+  server.Route("/m", tq::test::ScriptedResponse(200, std::string(1 << 20, 'm')));
+  const int err = open((home.path() / "err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  for (const std::string command : {"fetch", "range"}) {
+    std::vector<std::string> args{command, server.Url("/m")};
+    if (command == "range") args.insert(args.end(), {"0", "1048576"});
+    int out[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+    const pid_t child = Start(args, home.path(), out[1], err);
+    close(out[1]);
+    char head[10];
+    EXPECT_EQ(read(out[0], head, sizeof head), 10);
+    close(out[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) << command << ": " << status;
+  }
+  std::ifstream said(home.path() / "err");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(said), {}), "");
+  server.Route("/s", tq::test::ScriptedResponse(200, "small"));
+  const pid_t child = Start({"fetch", server.Url("/s")}, home.path(), -1, err);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+  // Its own standard output named as FILE (`-o /dev/stdout >> log`) is written through, after
+  // what the file held: not a new file renamed over the one the caller had it append to.
+  const std::filesystem::path log = home.path() / "log";
+  std::ofstream(log) << "before\n";
+  const int append = open(log.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  const pid_t through =
+      Start({"fetch", server.Url("/s"), "-o", "/dev/stdout"}, home.path(), append, err);
+  ASSERT_EQ(waitpid(through, &status, 0), through);
+  close(append);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  std::ifstream logged(log);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(logged), {}), "before\nsmall");
+  close(err);
+  said.clear();
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(said), {}),
+            "tqfetch: cannot write to standard output: Bad file descriptor\n");
 }
 
 }  // namespace
