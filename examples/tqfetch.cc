@@ -15,12 +15,8 @@
 #include <shellapi.h>
 #include <fcntl.h>
 #include <io.h>
-#include <sys/stat.h>
 #else
-#include <fcntl.h>
-#include <pthread.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -38,7 +34,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -52,12 +47,22 @@
 #include "net/http/http_init.h"
 #include "net/stream/open_file_or_url.h"
 #include "failure_reason.h"
+#include "output_file.h"
 #include "progress_line.h"
 #include "tour_server.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using tqfetch::NamesStandardOutput;
+using tqfetch::RandomHex;
+using tqfetch::ReplacingFile;
+using tqfetch::WritesBeside;
+#if !defined(_WIN32)
+using tqfetch::HoldClosedStandardDescriptors;
+using tqfetch::LandingDirectory;
+using tqfetch::WatchSignals;
+#endif
 using qv::net::CacheSystem;
 
 // A failure the program reports in one line (exit status 1).
@@ -176,22 +181,6 @@ void WriteBody(const char* bytes, std::size_t size) {
     if (errno == EPIPE) throw ReaderGone{};
     throw Failure{std::string("cannot write to standard output: ") + std::strerror(errno)};
   }
-}
-
-// Whether `target` is the program's own standard output (/dev/stdout, /dev/fd/1): written
-// through it where it stands, after what the caller put there (`-o /dev/stdout >> log`), never
-// replaced by a new file, which would drop what the file held and what the caller writes next.
-bool NamesStandardOutput(const fs::path& target) {
-#if defined(_WIN32)
-  (void)target;
-  return false;
-#else
-  // Not when it is closed (held by /dev/null for reading): `-o /dev/null >&-` names no output.
-  const int mode = ::fcntl(1, F_GETFL);
-  struct stat named = {}, out = {};
-  return mode != -1 && (mode & O_ACCMODE) != O_RDONLY && ::stat(target.c_str(), &named) == 0 &&
-         ::fstat(1, &out) == 0 && named.st_dev == out.st_dev && named.st_ino == out.st_ino;
-#endif
 }
 
 // Progress as one line on a terminal, redrawn when its text changes and at most ten times a
@@ -411,201 +400,6 @@ std::string ReadRangeText(const std::string& url, std::uint64_t offset, std::uin
   return bytes;
 }
 
-// 16 hexadecimal digits nobody can guess, for names of the program's own files.
-std::string RandomHex() {
-  static std::mutex mutex;
-  static std::mt19937_64 random{std::random_device{}()};
-  std::lock_guard lock(mutex);
-  char text[17];
-  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(random()));
-  return text;
-}
-
-// What unfinished copies have made beside their targets, for the signal watcher to remove should
-// a signal end the program first. Made, renamed and removed under the lock, which the
-// watcher takes and keeps: it finds each file either listed or not made yet, never half-way.
-// Never destroyed: a signal may come while the program exits.
-std::mutex& g_leftovers_mutex = *new std::mutex;
-std::vector<fs::path>& g_leftovers = *new std::vector<fs::path>;
-
-// Called with the lock held.
-void ForgetLeftover(const fs::path& path) {
-  g_leftovers.erase(std::remove(g_leftovers.begin(), g_leftovers.end(), path), g_leftovers.end());
-}
-
-// Removes a file (or, with `tree`, a directory and all in it) that a copy no longer needs, and
-// takes it off the list.
-void DropLeftover(const fs::path& path, bool tree) {
-  if (path.empty()) return;
-  std::lock_guard lock(g_leftovers_mutex);
-  std::error_code ignored;
-  if (tree) {
-    fs::remove_all(path, ignored);
-  } else {
-    fs::remove(path, ignored);
-  }
-  ForgetLeftover(path);
-}
-
-#if !defined(_WIN32)
-// Ctrl-C, a TERM or a hang-up (its terminal closed) ends the program at once, by that signal as
-// a shell expects, once what unfinished copies left beside their targets is removed. The
-// signals are blocked in every thread (this runs before any other starts) and taken by one
-// thread of their own with sigwait, so that the clean-up is ordinary code rather than a signal
-// handler's. A signal that was ignored when the program started (SIGINT of a background job)
-// stays ignored.
-void WatchSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  bool any = false;
-  for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction current = {};
-    if (sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
-      sigaddset(&set, sig);
-      any = true;
-    }
-  }
-  if (!any) return;
-  if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return;
-  try {
-    std::thread([set] {
-      int sig = 0;
-      while (sigwait(&set, &sig) != 0) {
-      }
-      g_leftovers_mutex.lock();  // kept: nothing is made or renamed from now on
-      for (const fs::path& path : g_leftovers) {
-        // A download's own file may be made inside a directory while it is removed: again.
-        std::error_code error;
-        for (int tries = 0; tries < 16; ++tries) {
-          fs::remove_all(path, error);
-          if (!fs::exists(fs::symlink_status(path, error))) break;
-        }
-      }
-      signal(sig, SIG_DFL);
-      sigset_t only;
-      sigemptyset(&only);
-      sigaddset(&only, sig);
-      pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-      raise(sig);
-      _exit(128 + sig);
-    }).detach();
-  } catch (const std::system_error&) {
-    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // no watcher: the signals as they were
-  }
-}
-#endif
-
-// Whether a copy to `target` goes to a new file renamed over it once complete: for a regular
-// file (or none yet). A device or a pipe (/dev/null, a FIFO) is written as it is: nothing of it
-// is kept, and nothing may take its place.
-bool WritesBeside(const fs::path& target) {
-  std::error_code error;
-  const fs::file_status status = fs::status(target, error);
-  return !fs::exists(status) || fs::is_regular_file(status);
-}
-
-// A file written beside `target` under a name of its own and renamed over `target` when all of
-// it is written: a copy that fails midway (a full disk, a read that fails) leaves a file
-// already there as it was, and nothing beside it. A link at `target` is written through, to
-// the file it names, as a plain open would. Each step gives 0 or the system's error number.
-class ReplacingFile {
- public:
-  explicit ReplacingFile(fs::path target) : m_target(std::move(target)) {
-    std::error_code error;
-    if (fs::is_symlink(fs::symlink_status(m_target, error))) {
-      const fs::path named = fs::weakly_canonical(m_target, error);
-      if (!error) m_target = named;
-    }
-  }
-  ~ReplacingFile() {
-    if (m_fd >= 0) CloseFd();
-    DropLeftover(m_temp, false);
-  }
-  ReplacingFile(const ReplacingFile&) = delete;
-  ReplacingFile& operator=(const ReplacingFile&) = delete;
-
-  int Open() {
-    // A file there that may not be written stays as it is, as a plain open would leave it
-    // (a rename replaces a read-only file whose directory is writable).
-    std::error_code error;
-    if (fs::exists(m_target, error)) {
-      errno = 0;
-      if (!std::ofstream(m_target, std::ios::binary | std::ios::app)) return errno ? errno : EACCES;
-    }
-    const fs::path directory = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
-    for (int attempt = 0; attempt < 16; ++attempt) {
-      const fs::path temp = directory / (".tqfetch-" + RandomHex() + ".part");
-      std::lock_guard lock(g_leftovers_mutex);
-      // Exclusive: never opens, nor truncates through, what someone else put under the name.
-#if defined(_WIN32)
-      m_fd = _wopen(temp.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
-#else
-      m_fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-#endif
-      if (m_fd >= 0) {
-        m_temp = temp;
-        g_leftovers.push_back(temp);
-        // The copy keeps the permissions of the file it replaces.
-        const fs::file_status old = fs::status(m_target, error);
-        if (!error && fs::exists(old)) fs::permissions(m_temp, old.permissions(), error);
-        return 0;
-      }
-      if (errno != EEXIST) return errno;
-    }
-    return EEXIST;
-  }
-
-  int Write(const char* data, std::size_t size) {
-    while (size > 0) {
-      const unsigned piece = static_cast<unsigned>(std::min<std::size_t>(size, 1u << 30));
-#if defined(_WIN32)
-      const int n = _write(m_fd, data, piece);
-#else
-      const ssize_t n = ::write(m_fd, data, piece);
-      if (n < 0 && errno == EINTR) continue;
-#endif
-      if (n < 0) return errno;
-      if (n == 0) return ENOSPC;
-      data += n;
-      size -= static_cast<std::size_t>(n);
-    }
-    return 0;
-  }
-
-  // On disk before the rename, so that a crash never leaves a short file under the name.
-  int Commit() {
-#if defined(_WIN32)
-    const int flushed = _commit(m_fd) != 0 ? errno : 0;
-#else
-    const int flushed = ::fsync(m_fd) != 0 ? errno : 0;
-#endif
-    const int closed = CloseFd();
-    if (flushed != 0 || closed != 0) return flushed != 0 ? flushed : closed;
-    std::lock_guard lock(g_leftovers_mutex);
-    std::error_code error;
-    fs::rename(m_temp, m_target, error);
-    if (error) return error.default_error_condition().value();  // an errno on Windows too
-    ForgetLeftover(m_temp);
-    m_temp.clear();
-    return 0;
-  }
-
- private:
-  int CloseFd() {
-#if defined(_WIN32)
-    const int result = _close(m_fd);
-#else
-    const int result = ::close(m_fd);
-#endif
-    m_fd = -1;
-    return result != 0 ? errno : 0;
-  }
-
-  fs::path m_target;
-  fs::path m_temp;
-  int m_fd = -1;
-};
-
 // What keeps a download from landing at `target`, or nothing.
 std::string TargetProblem(const fs::path& target) {
   std::error_code ignored;
@@ -619,59 +413,6 @@ std::string TargetProblem(const fs::path& target) {
   }
   return {};
 }
-
-#if !defined(_WIN32)
-// A directory of the program's own beside a download's target, where the download lands before
-// it is renamed over the target whole: the download's own temporary file lies inside it, under a
-// name the program does not know, and goes with it should a signal end the program midway.
-class LandingDirectory {
- public:
-  explicit LandingDirectory(fs::path target) : m_target(std::move(target)) {
-    const fs::path parent = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
-    for (int attempt = 0; attempt < 16; ++attempt) {
-      const fs::path directory = parent / (".tqfetch-" + RandomHex() + ".d");
-      std::lock_guard lock(g_leftovers_mutex);
-      if (::mkdir(directory.c_str(), 0700) == 0) {
-        m_directory = directory;
-        g_leftovers.push_back(directory);
-        return;
-      }
-      if (errno != EEXIST) return;
-    }
-  }
-  ~LandingDirectory() { DropLeftover(m_directory, true); }
-  LandingDirectory(const LandingDirectory&) = delete;
-  LandingDirectory& operator=(const LandingDirectory&) = delete;
-
-  bool ok() const { return !m_directory.empty(); }
-  fs::path File() const { return m_directory / m_target.filename(); }
-
-  // Renames the downloaded file over the target: 0 or the system's error number. As the
-  // download itself would: a link there is replaced itself, anything else that is no regular
-  // file is not replaced, and a file replaced keeps its permissions.
-  int Commit() {
-    const fs::path file = File();
-    std::lock_guard lock(g_leftovers_mutex);
-    struct stat old = {};
-    if (::lstat(m_target.c_str(), &old) == 0) {
-      if (S_ISREG(old.st_mode)) {
-        (void)::chmod(file.c_str(), old.st_mode & 07777);
-      } else if (!S_ISLNK(old.st_mode)) {
-        return EEXIST;
-      }
-    }
-    if (::rename(file.c_str(), m_target.c_str()) != 0) return errno;
-    ::rmdir(m_directory.c_str());
-    ForgetLeftover(m_directory);
-    m_directory.clear();
-    return 0;
-  }
-
- private:
-  fs::path m_target;
-  fs::path m_directory;
-};
-#endif
 
 void Download(const std::string& url, const std::string& path) {
   TqUFileProtocol& protocol = Library::Protocol(url);
@@ -1042,21 +783,6 @@ std::vector<std::string> Arguments(int argc, char** argv) {
   return std::vector<std::string>(argv + 1, argv + argc);
 #endif
 }
-
-#if !defined(_WIN32)
-// A standard descriptor the caller closed (`tqfetch fetch URL >&-`) would be the first one the
-// program opens (a socket, a file being written), which would then take what was meant for it:
-// the body of a fetch went into a socket, as a success. It is held by /dev/null opened the
-// other way, so that writing to a closed output fails as it should.
-void HoldClosedStandardDescriptors() {
-  for (int fd = 0; fd <= 2; ++fd) {
-    if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
-      const int held = ::open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
-      if (held > 2) ::close(held);
-    }
-  }
-}
-#endif
 
 int main(int argc, char** argv) {
 #if !defined(_WIN32)

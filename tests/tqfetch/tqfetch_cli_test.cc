@@ -268,7 +268,8 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   for (const std::string& command : {"fetch " + url + " >/dev/full",
                                      "range " + url + " 1 6 >/dev/full",
                                      "fetch " + url + " -o /dev/full",
-                                     "info " + url + " >/dev/full", std::string("--version >/dev/full")}) {
+                                     "info " + url + " >/dev/full",
+                                     std::string("--version >/dev/full")}) {
     EXPECT_EQ(Tqfetch(command, home.path()).status, 1) << command;
   }
   // A server that gives no size in its Content-Range ("/*") is read whole: the length that comes
@@ -399,7 +400,6 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
   std::ifstream in(target, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "ok");
 }
-
 
 // tqfetch started as a shell starts it (signals at their defaults), with its disk cache in
 // `home`, its output to `out` (closed when -1) and its errors to `err`.
