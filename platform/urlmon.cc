@@ -225,9 +225,11 @@ class TempFile {
         m_fd = fd;
         m_path = std::move(path);
         // A file replaced keeps its permissions: a private file downloaded again stays private.
+        // Not its set-user, set-group or sticky bits: what a server sent is never made a program
+        // that runs as the file's owner.
         struct stat old = {};
         if (::lstat(destination.c_str(), &old) == 0 && S_ISREG(old.st_mode)) {
-          (void)::fchmod(fd, old.st_mode & 07777);
+          (void)::fchmod(fd, old.st_mode & 0777);
         }
         return S_OK;
       }

@@ -337,6 +337,12 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
     EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), kept.wstring().c_str(), 0, nullptr), S_OK);
     EXPECT_EQ(std::filesystem::status(kept).permissions(),
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    // Never a set-user or set-group program made of what a server sent.
+    ASSERT_EQ(::chmod(kept.c_str(), 06755), 0);
+    EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), kept.wstring().c_str(), 0, nullptr), S_OK);
+    struct stat st = {};
+    ASSERT_EQ(::stat(kept.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
   }
 
   TempDir cache;
