@@ -157,6 +157,10 @@ bool AppliedOptions::SetChanged(CURL* easy, const HopOptions& wanted) {
     headers_ = wanted.headers;
     ok = ok && Set(easy, CURLOPT_HTTPHEADER, headers_);
   }
+  if (proxy_headers_ != wanted.proxy_headers) {
+    proxy_headers_ = wanted.proxy_headers;
+    ok = ok && Set(easy, CURLOPT_PROXYHEADER, proxy_headers_);
+  }
   // HTTP/1.1 at most: paused HTTP/2 streams have a history of stalls.
   const long version = wanted.http10 ? CURL_HTTP_VERSION_1_0 : CURL_HTTP_VERSION_1_1;
   if (http_version_ != version) {
@@ -250,6 +254,10 @@ void AppliedOptions::ForgetHeaders(CURL* easy) {
 
 void AppliedOptions::Release(CURL* easy) {
   if (fresh_) return;
+  if (proxy_headers_ != nullptr) {
+    curl_easy_setopt(easy, CURLOPT_PROXYHEADER, static_cast<curl_slist*>(nullptr));
+    proxy_headers_ = nullptr;
+  }
   if (method_ == MethodKind::kBody) {
     // The body was the transfer's; the next request sets its method again from a plain GET.
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, static_cast<const char*>(nullptr));

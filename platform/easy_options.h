@@ -30,6 +30,9 @@ struct HopOptions {
   std::string_view method;  // "GET", "HEAD", "POST" or any other verb
   std::string_view body;    // sent when not empty, or when the method is POST
   curl_slist* headers = nullptr;  // set again only when it differs (see ForgetHeaders)
+  // Lines for a proxy only: libcurl puts them into a tunnel's CONNECT and into requests sent to
+  // a proxy in the clear, and sends them nowhere on a direct connection.
+  curl_slist* proxy_headers = nullptr;
   bool http10 = false;
   long buffer_size = 0;
   long connect_timeout_ms = 0;
@@ -62,7 +65,7 @@ class AppliedOptions {
  public:
   // Brings the handle to `wanted`. False when libcurl refuses an option (out of memory).
   bool Apply(CURL* easy, const HopOptions& wanted);
-  // Drops the pointer into the transfer that ran (its body), so that a handle lying idle refers
+  // Drops the pointers into the transfer that ran (its body, its lines for a proxy), so that a handle lying idle refers
   // to nothing that may be gone; the callbacks' target, error buffer and header list belong to
   // whoever owns the handle and stay.
   void Release(CURL* easy);
@@ -90,6 +93,7 @@ class AppliedOptions {
   CurlUrl parsed_url_;
   std::string request_target_;
   curl_slist* headers_ = nullptr;
+  curl_slist* proxy_headers_ = nullptr;
   MethodKind method_ = MethodKind::kGet;
   std::string custom_method_;
   long http_version_ = CURL_HTTP_VERSION_NONE;

@@ -289,6 +289,7 @@ class Transfer {
   TransferRequest request_;
   std::unique_ptr<TransferSlot> slot_;
   curl_slist* header_list_ = nullptr;  // the slot's, for the running hop
+  CurlHeaderList proxy_header_list_;  // the caller's lines for a proxy; null: none
   TransferState state_ = TransferState::kIdle;
   TransferClock clock_;
   bool progress_noted_ = false;  // bytes came in the drive call running (see Drive)

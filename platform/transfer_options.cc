@@ -33,6 +33,12 @@ bool OnlyForTheFirstOrigin(std::string_view line) {
          EqualsIgnoreCase(name, "Cookie");
 }
 
+// A proxy's credentials, which an origin must never see: inside a tunnel, or on a direct
+// connection, the line would hand them to the server at the other end.
+bool OnlyForAProxy(std::string_view line) {
+  return EqualsIgnoreCase(LineName(line), "Proxy-Authorization");
+}
+
 // A caller's Content-Length line that is not the length of the body really sent (none when a
 // redirect drops it): the server would read the bytes past a smaller number as a request of
 // their own, or wait for bytes that never come. libcurl writes the right line in its place.
@@ -118,6 +124,7 @@ HopOptions Transfer::Options(bool same_origin) const {
   options.method = request_.method;
   options.body = request_.body;
   options.headers = header_list_;
+  options.proxy_headers = proxy_header_list_.get();
   options.http10 = request_.http10;
   options.buffer_size = kBufferSize;
   options.connect_timeout_ms = static_cast<long>(clock_.connect_limit().count());
@@ -156,7 +163,8 @@ HopOptions Transfer::Options(bool same_origin) const {
 bool Transfer::CallerLineSent(std::string_view line) const {
   // libcurl sends a HEAD without the body it was given.
   const std::size_t body_sent = request_.method == "HEAD" ? 0 : request_.body.size();
-  return (sent_same_origin_ || !OnlyForTheFirstOrigin(line)) && !WrongLength(line, body_sent);
+  return (sent_same_origin_ || !OnlyForTheFirstOrigin(line)) && !OnlyForAProxy(line) &&
+         !WrongLength(line, body_sent);
 }
 
 bool Transfer::AgentAsHeaderLine() const {
@@ -188,6 +196,14 @@ DWORD Transfer::MakeHeaderList() {
   }
   bool ok = true;
   header_list_ = slot_->HeaderList(&ok);
+  proxy_header_list_.reset();
+  for (const auto& line : request_.header_lines) {
+    if (!ok || !OnlyForAProxy(line)) continue;
+    curl_slist* grown = curl_slist_append(proxy_header_list_.get(), line.c_str());
+    ok = grown != nullptr;
+    if (ok) (void)proxy_header_list_.release();  // `grown` starts with the list so far
+    proxy_header_list_.reset(grown);
+  }
   return ok ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
 }
 

@@ -225,9 +225,11 @@ class TempFile {
         m_fd = fd;
         m_path = std::move(path);
         // A file replaced keeps its permissions: a private file downloaded again stays private.
+        // Not its set-user, set-group or sticky bits: what a server sent is never made a program
+        // that runs as the file's owner.
         struct stat old = {};
         if (::lstat(destination.c_str(), &old) == 0 && S_ISREG(old.st_mode)) {
-          (void)::fchmod(fd, old.st_mode & 07777);
+          (void)::fchmod(fd, old.st_mode & 0777);
         }
         return S_OK;
       }
@@ -498,7 +500,18 @@ std::error_code MakeOwnerOnlyDirectories(const std::filesystem::path& directory)
   if (!std::filesystem::is_directory(directory, error) && !error) {
     error = std::make_error_code(std::errc::not_a_directory);
   }
-  return error;
+  if (error) return error;
+  // The cache's own directories ("tqnetwork" and "downloads") must be the user's alone, whoever
+  // made them: one that another user owns or may write, or a link planted in its place, would
+  // let them replace a cached file between the download and the caller's reading it.
+  for (const auto& own : {directory.parent_path(), directory}) {
+    struct stat st = {};
+    if (::lstat(own.c_str(), &st) != 0) return {errno, std::generic_category()};
+    if (!S_ISDIR(st.st_mode) || st.st_uid != ::geteuid() || (st.st_mode & 022) != 0) {
+      return std::make_error_code(std::errc::permission_denied);
+    }
+  }
+  return {};
 }
 
 }  // namespace

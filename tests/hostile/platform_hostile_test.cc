@@ -4,6 +4,7 @@
 // closed from another thread while a call waits on it.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -336,6 +337,12 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
     EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), kept.wstring().c_str(), 0, nullptr), S_OK);
     EXPECT_EQ(std::filesystem::status(kept).permissions(),
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    // Never a set-user or set-group program made of what a server sent.
+    ASSERT_EQ(::chmod(kept.c_str(), 06755), 0);
+    EXPECT_EQ(URLDownloadToFileW(nullptr, url.c_str(), kept.wstring().c_str(), 0, nullptr), S_OK);
+    struct stat st = {};
+    ASSERT_EQ(::stat(kept.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
   }
 
   TempDir cache;
@@ -379,6 +386,43 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
   ASSERT_GE(server.requests(), std::size(names));
   for (const std::string& head : server.heads()) {
     EXPECT_TRUE(head.starts_with("GET /a%20file%C3%A9 HTTP/1.1\r\n")) << head;
+  }
+}
+
+// The download cache is the user's alone: a directory of it that another user owns, that others
+// may write, or a link planted in its place, would let them replace a cached file after the
+// download and before the caller reads it. Such a cache is refused before anything is sent.
+TEST(HostilePlatform, ADownloadCacheOthersCanChangeIsRefused) {
+  SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  ASSERT_TRUE(server.ok());
+  const std::string origin = server.Url("/f");
+  const std::wstring url(origin.begin(), origin.end());
+  const char* previous = std::getenv("XDG_CACHE_HOME");
+  const std::string saved = previous != nullptr ? previous : "";
+  for (int planted = 0; planted < 3; ++planted) {
+    SCOPED_TRACE(planted);
+    TempDir home;
+    const auto ours = home.path() / "tqnetwork";
+    if (planted == 0) {  // a link to a directory of someone else's choosing
+      std::filesystem::create_directories(home.path() / "elsewhere" / "downloads");
+      std::filesystem::create_directory_symlink(home.path() / "elsewhere", ours);
+    } else {
+      std::filesystem::create_directories(ours / "downloads");
+      const auto target = planted == 1 ? ours : ours / "downloads";
+      ASSERT_EQ(planted == 1 ? ::chown(target.c_str(), 65534, 65534) : ::chmod(target.c_str(), 0777),
+                0);
+    }
+    ASSERT_EQ(setenv("XDG_CACHE_HOME", home.path().c_str(), 1), 0);
+    wchar_t path[260] = L"untouched";
+    EXPECT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), path, 260, 0, nullptr),
+              HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(std::wstring(path), L"untouched");
+  }
+  EXPECT_EQ(server.requests(), 0u);
+  if (previous != nullptr) {
+    setenv("XDG_CACHE_HOME", saved.c_str(), 1);
+  } else {
+    unsetenv("XDG_CACHE_HOME");
   }
 }
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <future>
+#include <mutex>
 #include <thread>
 #include <string_view>
 #include <utility>
@@ -340,7 +341,8 @@ TEST(ProxyTest, ASocksEntryServesTheSchemesWithoutAProxyOfTheirOwn) {
 // Certificates are verified: a self-signed server is refused until trusted, then its connection
 // is kept alive. Through a proxy an https request goes in a tunnel: the proxy's answer to the
 // CONNECT is not the origin's response, also when a request is sent again through a new tunnel
-// after the kept-alive one died under it. A tunnel refused is answered with the proxy's own
+// after the kept-alive one died under it. A caller's proxy credentials go to the proxy, never to
+// the origin. A tunnel refused is answered with the proxy's own
 // response, also when it refuses the credentials given for it, and a tunnel to something that is no TLS server fails the send.
 TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsAnswer) {
   TempDir dir;
@@ -388,6 +390,42 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
       EXPECT_EQ(QueryText(request, HTTP_QUERY_CUSTOM, L"X-Proxy"), "<absent>");
       EXPECT_EQ(body, "not here");
     }
+  }
+  {
+    // A caller's Proxy-Authorization line is for a proxy: it goes in the tunnel's CONNECT, never
+    // inside the tunnel, and nowhere on a direct connection; the origin never sees it.
+    origin.Route("/seen", [](const RecordedRequest& r) {
+      return ScriptedResponse(200, r.Header("Proxy-Authorization").value_or("<none>"));
+    });
+    std::mutex mutex;
+    std::string connect_head;  // noted before the answer goes out
+    RawResponder refusing([&](RawConnection& c) {
+      for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+        {
+          const std::lock_guard lock(mutex);
+          connect_head = head;
+        }
+        c.Send("HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n");
+      }
+    });
+    ASSERT_TRUE(refusing.ok());
+    for (const int proxy_port : {0, tunnel.port(), refusing.port()}) {
+      Handle direct = OpenSession();
+      const Handle direct_connection = Connect(direct, origin.port());
+      const auto [session, connection] = open(proxy_port, origin.port());
+      Handle request = OpenRequest(proxy_port == 0 ? direct_connection : connection, L"/seen",
+                                   L"GET", INTERNET_FLAG_SECURE);
+      std::string body;
+      ASSERT_TRUE(Send(request, L"Proxy-Authorization: Basic c2VjcmV0\r\n")) << GetLastError();
+      if (proxy_port == refusing.port()) {
+        EXPECT_EQ(StatusCode(request), 403u);
+      } else {
+        EXPECT_TRUE(ReadAll(request, &body) && body == "<none>") << body;
+      }
+    }
+    const std::lock_guard lock(mutex);
+    EXPECT_NE(connect_head.find("\r\nProxy-Authorization: Basic c2VjcmV0\r\n"), std::string::npos)
+        << connect_head;
   }
   {
     // A trusted certificate for another name is refused for the name, unless the request
