@@ -65,9 +65,9 @@ class AppliedOptions {
  public:
   // Brings the handle to `wanted`. False when libcurl refuses an option (out of memory).
   bool Apply(CURL* easy, const HopOptions& wanted);
-  // Drops the pointers into the transfer that ran (its body, its lines for a proxy), so that a handle lying idle refers
-  // to nothing that may be gone; the callbacks' target, error buffer and header list belong to
-  // whoever owns the handle and stay.
+  // Drops the pointers into the transfer that ran (its body, its lines for a proxy), so that a
+  // handle lying idle refers to nothing that may be gone; the callbacks' target, error buffer
+  // and header list belong to whoever owns the handle and stay.
   void Release(CURL* easy);
   // Takes the header list off the handle before its owner frees or remakes it: a list made
   // again may sit at the address of the last one, and is then set again all the same.

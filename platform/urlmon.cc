@@ -503,11 +503,14 @@ std::error_code MakeOwnerOnlyDirectories(const std::filesystem::path& directory)
   if (error) return error;
   // The cache's own directories ("tqnetwork" and "downloads") must be the user's alone, whoever
   // made them: one that another user owns or may write, or a link planted in its place, would
-  // let them replace a cached file between the download and the caller's reading it.
+  // let them replace a cached file between the download and the caller's reading it. A group
+  // may write only when it is the user's own (a umask of 002 with a group per user).
   for (const auto& own : {directory.parent_path(), directory}) {
     struct stat st = {};
     if (::lstat(own.c_str(), &st) != 0) return {errno, std::generic_category()};
-    if (!S_ISDIR(st.st_mode) || st.st_uid != ::geteuid() || (st.st_mode & 022) != 0) {
+    const bool others_write =
+        (st.st_mode & S_IWOTH) != 0 || ((st.st_mode & S_IWGRP) != 0 && st.st_gid != ::getegid());
+    if (!S_ISDIR(st.st_mode) || st.st_uid != ::geteuid() || others_write) {
       return std::make_error_code(std::errc::permission_denied);
     }
   }

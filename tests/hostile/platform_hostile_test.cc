@@ -391,7 +391,8 @@ TEST(HostilePlatform, ADownloadToANameOfTheLongestLengthIsWrittenAndAStopLeavesN
 
 // The download cache is the user's alone: a directory of it that another user owns, that others
 // may write, or a link planted in its place, would let them replace a cached file after the
-// download and before the caller reads it. Such a cache is refused before anything is sent.
+// download and before the caller reads it. Such a cache is refused before anything is sent. A
+// directory the user's own group may write (a umask of 002) is still the user's.
 TEST(HostilePlatform, ADownloadCacheOthersCanChangeIsRefused) {
   SameAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
   ASSERT_TRUE(server.ok());
@@ -399,26 +400,33 @@ TEST(HostilePlatform, ADownloadCacheOthersCanChangeIsRefused) {
   const std::wstring url(origin.begin(), origin.end());
   const char* previous = std::getenv("XDG_CACHE_HOME");
   const std::string saved = previous != nullptr ? previous : "";
-  for (int planted = 0; planted < 3; ++planted) {
+  enum Planted { kLink, kOtherOwner, kOthersWrite, kOwnGroupWrites };
+  for (const Planted planted : {kLink, kOtherOwner, kOthersWrite, kOwnGroupWrites}) {
     SCOPED_TRACE(planted);
+    if (planted == kOtherOwner && ::geteuid() != 0) continue;  // only root gives a directory away
     TempDir home;
     const auto ours = home.path() / "tqnetwork";
-    if (planted == 0) {  // a link to a directory of someone else's choosing
+    if (planted == kLink) {  // to a directory of someone else's choosing
       std::filesystem::create_directories(home.path() / "elsewhere" / "downloads");
       std::filesystem::create_directory_symlink(home.path() / "elsewhere", ours);
     } else {
       std::filesystem::create_directories(ours / "downloads");
-      const auto target = planted == 1 ? ours : ours / "downloads";
-      ASSERT_EQ(planted == 1 ? ::chown(target.c_str(), 65534, 65534) : ::chmod(target.c_str(), 0777),
-                0);
+      const int changed = planted == kOtherOwner  ? ::chown(ours.c_str(), 65534, 65534)
+                          : planted == kOthersWrite ? ::chmod((ours / "downloads").c_str(), 0777)
+                                                    : ::chmod((ours / "downloads").c_str(), 0770);
+      ASSERT_EQ(changed, 0);
     }
     ASSERT_EQ(setenv("XDG_CACHE_HOME", home.path().c_str(), 1), 0);
     wchar_t path[260] = L"untouched";
-    EXPECT_EQ(URLDownloadToCacheFileW(nullptr, url.c_str(), path, 260, 0, nullptr),
-              HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
-    EXPECT_EQ(std::wstring(path), L"untouched");
+    const HRESULT result = URLDownloadToCacheFileW(nullptr, url.c_str(), path, 260, 0, nullptr);
+    if (planted == kOwnGroupWrites) {
+      EXPECT_EQ(result, S_OK);
+    } else {
+      EXPECT_EQ(result, HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
+      EXPECT_EQ(std::wstring(path), L"untouched");
+    }
   }
-  EXPECT_EQ(server.requests(), 0u);
+  EXPECT_EQ(server.requests(), 1u);  // the one the user's own cache made
   if (previous != nullptr) {
     setenv("XDG_CACHE_HOME", saved.c_str(), 1);
   } else {
