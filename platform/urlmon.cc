@@ -213,6 +213,13 @@ class TempFile {
       while (base.size() > name_start && continuation(base.back())) base.pop_back();
       if (base.size() > name_start) base.pop_back();
     }
+    // A file replaced keeps its permissions: a private file downloaded again stays private.
+    // Not its set-user, set-group or sticky bits: what a server sent is never made a program
+    // that runs as the file's owner. The copy is made with them at once: made wider and
+    // narrowed later, it could be opened by another user meanwhile, who would then read it all.
+    struct stat old = {};
+    const bool replaces = ::lstat(destination.c_str(), &old) == 0 && S_ISREG(old.st_mode);
+    const mode_t mode = replaces ? (old.st_mode & 0777) : 0666;
     std::random_device seed;
     std::mt19937_64 random(seed());
     for (int attempt = 0; attempt < 16; ++attempt) {
@@ -220,17 +227,12 @@ class TempFile {
       std::snprintf(suffix, sizeof suffix, ".%016llx.part",
                     static_cast<unsigned long long>(random()));
       std::string path = base + suffix;
-      const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+      const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
       if (fd >= 0) {
         m_fd = fd;
         m_path = std::move(path);
-        // A file replaced keeps its permissions: a private file downloaded again stays private.
-        // Not its set-user, set-group or sticky bits: what a server sent is never made a program
-        // that runs as the file's owner.
-        struct stat old = {};
-        if (::lstat(destination.c_str(), &old) == 0 && S_ISREG(old.st_mode)) {
-          (void)::fchmod(fd, old.st_mode & 0777);
-        }
+        // What the umask took off the file's own bits.
+        if (replaces) (void)::fchmod(fd, mode);
         return S_OK;
       }
       if (errno != EEXIST) return HResultFromErrno(errno);
