@@ -108,6 +108,10 @@ int ReplacingFile::Open() {
     if (!std::ofstream(m_target, std::ios::binary | std::ios::app)) return errno ? errno : EACCES;
   }
   const fs::path directory = m_target.has_parent_path() ? m_target.parent_path() : fs::path(".");
+  // The copy keeps the permissions of the file it replaces, from the moment it is made: made
+  // wider and narrowed later, it could be opened by another user meanwhile.
+  const fs::file_status old = fs::status(m_target, error);
+  const bool replaces = !error && fs::exists(old);
   for (int attempt = 0; attempt < 16; ++attempt) {
     const fs::path temp = directory / (".tqfetch-" + RandomHex() + ".part");
     std::lock_guard lock(g_leftovers_mutex);
@@ -115,14 +119,14 @@ int ReplacingFile::Open() {
 #if defined(_WIN32)
     m_fd = _wopen(temp.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
 #else
-    m_fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const auto mode = replaces ? static_cast<mode_t>(old.permissions() & fs::perms::all) : 0666;
+    m_fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
 #endif
     if (m_fd >= 0) {
       m_temp = temp;
       g_leftovers.push_back(temp);
-      // The copy keeps the permissions of the file it replaces.
-      const fs::file_status old = fs::status(m_target, error);
-      if (!error && fs::exists(old)) fs::permissions(m_temp, old.permissions(), error);
+      // What the umask took off the file's own bits.
+      if (replaces) fs::permissions(m_temp, old.permissions() & fs::perms::all, error);
       return 0;
     }
     if (errno != EEXIST) return errno;
