@@ -257,7 +257,7 @@ int LandingDirectory::Commit() {
   struct stat old = {};
   if (::lstat(m_target.c_str(), &old) == 0) {
     if (S_ISREG(old.st_mode)) {
-      (void)::chmod(file.c_str(), old.st_mode & 07777);
+      (void)::chmod(file.c_str(), old.st_mode & 0777);
     } else if (!S_ISLNK(old.st_mode)) {
       return EEXIST;
     }

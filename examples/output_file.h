@@ -74,7 +74,7 @@ class LandingDirectory {
 
   // Renames the downloaded file over the target: 0 or the system's error number. As the
   // download itself would: a link there is replaced itself, anything else that is no regular
-  // file is not replaced, and a file replaced keeps its permissions.
+  // file is not replaced, and a file replaced keeps its permissions (not its set-id bits).
   int Commit();
 
  private:
