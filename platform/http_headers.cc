@@ -296,19 +296,17 @@ bool HeaderBlock::ContentLengthAgrees() const {
   };
   for (const auto& header : headers_) {
     if (!is_content_length(header)) continue;
-    std::string_view rest = Text(header.value, header.value_size, header.folded);
-    for (;;) {
-      const auto comma = rest.find(',');
-      const std::string_view item = TrimSpace(rest.substr(0, comma));
-      // libcurl takes a length past 63 bits for none and reads to the close: a body cut short
-      // would pass for a whole one.
-      const std::optional<std::uint64_t> value =
-          qv::ParseDecimal(item, std::numeric_limits<std::int64_t>::max());
-      if (!value || (length.has_value() && *length != *value)) return false;
-      length = value;
-      if (comma == std::string_view::npos) break;
-      rest.remove_prefix(comma + 1);
-    }
+    const bool agrees = EveryListItem(
+        Text(header.value, header.value_size, header.folded), [&](std::string_view item) {
+          // libcurl takes a length past 63 bits for none and reads to the close: a body cut
+          // short would pass for a whole one.
+          const std::optional<std::uint64_t> value =
+              qv::ParseDecimal(item, std::numeric_limits<std::int64_t>::max());
+          if (!value || (length.has_value() && *length != *value)) return false;
+          length = value;
+          return true;
+        });
+    if (!agrees) return false;
   }
   return true;
 }

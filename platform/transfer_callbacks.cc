@@ -21,16 +21,11 @@ bool HasCodingNotRemoved(const HeaderBlock& block) {
   for (std::size_t i = 0;; ++i) {
     const std::optional<std::string_view> value = block.Find("Transfer-Encoding", i);
     if (!value) return false;
-    for (std::string_view rest = *value;;) {
-      const auto comma = rest.find(',');
-      const std::string_view coding = TrimSpace(rest.substr(0, comma));
-      if (!coding.empty() && !EqualsIgnoreCase(coding, "chunked") &&
-          !EqualsIgnoreCase(coding, "identity")) {
-        return true;
-      }
-      if (comma == std::string_view::npos) break;
-      rest.remove_prefix(comma + 1);
-    }
+    const bool removed = EveryListItem(*value, [](std::string_view coding) {
+      return coding.empty() || EqualsIgnoreCase(coding, "chunked") ||
+             EqualsIgnoreCase(coding, "identity");
+    });
+    if (!removed) return true;
   }
 }
 

@@ -30,6 +30,18 @@ bool EqualsIgnoreCase(std::string_view a, std::string_view b);
 // Without the spaces and tabs at either end, as header values are read.
 std::string_view TrimSpace(std::string_view s);
 
+// Calls `item(text)` for each comma-separated item of a header value, trimmed, in order, until
+// one returns false; true when none did.
+template <class Item>
+bool EveryListItem(std::string_view list, Item&& item) {
+  for (;;) {
+    const auto comma = list.find(',');
+    if (!item(TrimSpace(list.substr(0, comma)))) return false;
+    if (comma == std::string_view::npos) return true;
+    list.remove_prefix(comma + 1);
+  }
+}
+
 // The name of a "Name: value" header line (all of it when it has no colon), and its value
 // without the spaces around it (empty when it has no colon).
 std::string_view LineName(std::string_view line);
