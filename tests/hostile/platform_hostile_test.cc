@@ -22,6 +22,7 @@
 #include "platform/fault_injection.h"
 #include "platform/urlmon.h"
 #include "platform/urlmon_internal.h"
+#include "tests/platform/bind_callback.h"
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/same_answer_server.h"
 #include "tests/support/servers/gate.h"
@@ -273,18 +274,9 @@ TEST(HostilePlatform, ChallengesWithoutEndAreNotAnsweredWithoutEnd) {
 // a character of several bytes. A status callback that asks to stop, whatever it is told at the
 // time, ends a download with E_ABORT and nothing is left in the download cache. A space or a
 // character outside ASCII in the URL's path goes out percent-encoded (UTF-8), never as is.
-class StoppingCallback final : public IBindStatusCallback {
+class StoppingCallback final : public BindCallback {
  public:
   explicit StoppingCallback(ULONG stop_at) : stop_at_(stop_at) {}
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
-    *object = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return 1; }
-  ULONG STDMETHODCALLTYPE Release() override { return 1; }
-  HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD, IBinding*) override { return S_OK; }
-  HRESULT STDMETHODCALLTYPE GetPriority(LONG*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE OnLowResource(DWORD) override { return S_OK; }
   HRESULT STDMETHODCALLTYPE OnProgress(ULONG, ULONG, ULONG status, LPCWSTR) override {
     return status == stop_at_ ? E_ABORT : S_OK;
   }
@@ -292,11 +284,6 @@ class StoppingCallback final : public IBindStatusCallback {
     stops.push_back(result);
     return S_OK;
   }
-  HRESULT STDMETHODCALLTYPE GetBindInfo(DWORD*, BINDINFO*) override { return S_OK; }
-  HRESULT STDMETHODCALLTYPE OnDataAvailable(DWORD, DWORD, FORMATETC*, STGMEDIUM*) override {
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE OnObjectAvailable(REFIID, IUnknown*) override { return S_OK; }
 
   std::vector<HRESULT> stops;
 
