@@ -201,25 +201,6 @@ TEST(HostilePlatform, BytesSentAfterAnAnswerAreNotTheNextRequestsAnswer) {
   }
 }
 
-// A challenge's chunked body may end in trailers, which libcurl reads before it answers: they
-// are no start of the answer's header block.
-TEST(HostilePlatform, TrailersOfAnAnsweredChallengeAreNotTheAnswersHeaders) {
-  SameAnswerServer server([](const std::string& head) {
-    return std::string(head.find("Authorization:") != std::string::npos
-                           ? "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\ngood"
-                           : "HTTP/1.1 401 Who\r\nWWW-Authenticate: Basic realm=\"r\"\r\n"
-                             "Transfer-Encoding: chunked\r\n\r\n4\r\nwho?\r\n0\r\nX-T: 1\r\n\r\n");
-  });
-  ASSERT_TRUE(server.ok());
-  Handle session = OpenSession();
-  Handle connection = Connect(session, server.port());
-  wchar_t user[] = L"bob", password[] = L"pw";
-  ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_USERNAME, user, 3));
-  ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PASSWORD, password, 2));
-  EXPECT_EQ(Fetch(connection, L"/"), "good");
-  EXPECT_EQ(server.requests(), 2u);
-}
-
 // A server or proxy that asks for credentials again after every answer (a Digest nonce "stale"
 // each time) is answered a few times, not for as long as it goes on asking; not at all when the
 // request asks for no authentication.
