@@ -290,7 +290,8 @@ class TunnelProxy {
       } else if (head.starts_with("CONNECT ") && colon != std::string::npos) {
         asked = std::atoi(&head[colon + 1]);
       }
-      const sockets::Handle origin = asked != 0 ? sockets::ConnectToLoopback(asked) : sockets::kNone;
+      const sockets::Handle origin =
+          asked != 0 ? sockets::ConnectToLoopback(asked) : sockets::kNone;
       static constexpr char kUp[] = "HTTP/1.1 200 Connection established\r\nX-Proxy: 1\r\n\r\n";
       static constexpr char kGranted[] = {0, 0x5A, 0, 0, 0, 0, 0, 0};
       if (origin != sockets::kNone &&
@@ -346,8 +347,8 @@ TEST(ProxyTest, ASocksEntryServesTheSchemesWithoutAProxyOfTheirOwn) {
 // is kept alive. Through a proxy an https request goes in a tunnel: the proxy's answer to the
 // CONNECT is not the origin's response, also when a request is sent again through a new tunnel
 // after the kept-alive one died under it. A caller's proxy credentials go to the proxy, never to
-// the origin. A tunnel refused is answered with the proxy's own
-// response, also when it refuses the credentials given for it, and a tunnel to something that is no TLS server fails the send.
+// the origin. A tunnel refused is answered with the proxy's own response, also when it refuses
+// the credentials given for it, and a tunnel to something that is no TLS server fails the send.
 TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsAnswer) {
   TempDir dir;
   TlsFiles tls;
@@ -480,7 +481,8 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
     wchar_t user[] = L"bob", password[] = L"pw";
     if (refusal.credentials) {
       ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_USERNAME, user, 4));
-      ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_PASSWORD, password, 3));
+      ASSERT_TRUE(
+          InternetSetOptionW(connection.get(), INTERNET_OPTION_PROXY_PASSWORD, password, 3));
     }
     Handle request = OpenRequest(connection, L"/gone", L"GET", INTERNET_FLAG_SECURE);
     EXPECT_EQ(ErrorOf([&] { return Send(request); }), refusal.error);
