@@ -16,16 +16,6 @@ using qv::net::detail::SendWatch;
 using qv::net::detail::ShutdownStopWatcher;
 using qv::net::detail::StopWatch;
 
-// A watch on a stopped token runs: the watcher thread is serving (again).
-void ExpectAStoppedWatchRuns() {
-  qv::stop_source source;
-  source.request_stop();
-  tq::test::Latch ran(1);
-  StopWatch watch(source.get_token(), [&] { ran.count_down(); });
-  ran.wait();
-  EXPECT_TRUE(watch.Finish());
-}
-
 // A stop runs the action once, on the watcher's thread, and Finish waits for it to end; a watch
 // finished before its stop never runs it. A shut-down watcher serves no watch left registered,
 // and a new watch starts its thread again.
@@ -61,7 +51,14 @@ TEST(StopWatcherTest, AStopRunsTheActionOnceElsewhereFinishWaitsForItAndShutdown
   StopWatch waiting(orphan.get_token(), [] {});
   ShutdownStopWatcher();
   ShutdownStopWatcher();
-  ExpectAStoppedWatchRuns();  // the watcher has looked at its tokens since the early stop
+  // A watch on a stopped token runs: the watcher serves again, and has looked at its tokens
+  // since the early stop.
+  qv::stop_source stopped;
+  stopped.request_stop();
+  tq::test::Latch ran(1);
+  StopWatch served(stopped.get_token(), [&] { ran.count_down(); });
+  ran.wait();
+  EXPECT_TRUE(served.Finish());
   EXPECT_FALSE(early_ran);
   EXPECT_FALSE(waiting.Finish());
   ShutdownStopWatcher();

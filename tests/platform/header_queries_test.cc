@@ -181,48 +181,13 @@ TEST_F(HeaderQueriesTest, OddLengthsMissingHeadersAndFixedSizeAnswers) {
   EXPECT_EQ(index, 2u);
 }
 
-// The request-headers query against what a raw server saw of the last request.
-class RequestHeaderQueryTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(server_.ok()); }
-
-  std::string seen_;
-  RawResponder server_{[this](RawConnection& c) {
-    seen_ = c.ReadRequestHead();
-    c.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
-  }};
-  Handle session_ = OpenSession();
-  Handle connection_ = Connect(session_, server_.port());
-};
-
 // Every line that went out is reported, also past the size a server's header block may take.
-TEST_F(RequestHeaderQueryTest, LinesPastTheLimitOfAnAnswersBlockAreReported) {
+TEST_F(HeaderQueriesTest, RequestLinesPastTheLimitOfAnAnswersBlockAreReported) {
   const Handle request = OpenRequest(connection_, L"/");
   const std::size_t big = tqplatform::HeaderBlock::kMaxBytes + 10;
   ASSERT_TRUE(Send(request, L"X-Big: " + std::wstring(big, L'a') + L"\r\nX-After: 1\r\n"));
-  ASSERT_NE(seen_.find("\r\nX-After: 1\r\n"), std::string::npos);
   EXPECT_EQ(QueryText(request, HTTP_QUERY_CUSTOM | HTTP_QUERY_FLAG_REQUEST_HEADERS, L"X-After"),
             "1");
-}
-
-// The length libcurl gives a body is reported among the lines sent, as the server saw it.
-TEST_F(RequestHeaderQueryTest, TheLengthOfABodySentIsReported) {
-  const struct {
-    const wchar_t* verb;
-    std::string_view body;
-    const char* length;  // as sent and reported
-  } rows[] = {{L"POST", "abc", "3"}, {L"POST", "", "0"}, {L"PUT", "ab", "2"},
-              {L"GET", "", nullptr}, {L"HEAD", "abc", nullptr}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(testing::Message() << row.verb << " " << row.body);
-    const Handle request = OpenRequest(connection_, L"/", row.verb);
-    ASSERT_TRUE(Send(request, L"", row.body));
-    const std::string line = std::string("\r\nContent-Length:") +
-                             (row.length != nullptr ? std::string(" ") + row.length + "\r\n" : "");
-    EXPECT_EQ(seen_.find(line) != std::string::npos, row.length != nullptr) << seen_;
-    EXPECT_EQ(QueryText(request, HTTP_QUERY_CONTENT_LENGTH | HTTP_QUERY_FLAG_REQUEST_HEADERS),
-              row.length != nullptr ? row.length : "<absent>");
-  }
 }
 
 // Dates reach callers through SystemTimeToFileTime: 100 ns ticks since 1601, leap years by the

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <string>
 
-#include "platform/urlmon.h"
+#include "tests/platform/bind_callback.h"
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/allocation_failure.h"
 #include "tests/support/servers/scripted_server.h"
@@ -55,34 +55,20 @@ bool ReadRest(HINTERNET request, std::string& body) {
 
 // Counts what a download tells it, allocating nothing: a binding it is given is held, as a
 // callback is entitled to, until it is told the download stopped.
-class CountingCallback final : public IBindStatusCallback {
+class CountingCallback final : public BindCallback {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
-    *object = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return 1; }
-  ULONG STDMETHODCALLTYPE Release() override { return 1; }
   HRESULT STDMETHODCALLTYPE OnStartBinding(DWORD, IBinding* binding) override {
     ++starts;
     binding->AddRef();
     held = binding;
     return S_OK;
   }
-  HRESULT STDMETHODCALLTYPE GetPriority(LONG*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE OnLowResource(DWORD) override { return S_OK; }
-  HRESULT STDMETHODCALLTYPE OnProgress(ULONG, ULONG, ULONG, LPCWSTR) override { return S_OK; }
   HRESULT STDMETHODCALLTYPE OnStopBinding(HRESULT result, LPCWSTR) override {
     ++stops;
     stopped_with = result;
     LetGo();
     return S_OK;
   }
-  HRESULT STDMETHODCALLTYPE GetBindInfo(DWORD*, BINDINFO*) override { return S_OK; }
-  HRESULT STDMETHODCALLTYPE OnDataAvailable(DWORD, DWORD, FORMATETC*, STGMEDIUM*) override {
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE OnObjectAvailable(REFIID, IUnknown*) override { return S_OK; }
 
   void LetGo() {
     if (held != nullptr) held->Release();

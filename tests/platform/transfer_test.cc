@@ -1,5 +1,4 @@
-// The transfer engine's own rules: its clock, its redirect policy, and calls out of turn on a real
-// transfer against a raw server.
+// The transfer engine's own rules: its clock, its redirect policy and its proxy list.
 #include "platform/transfer.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +6,6 @@
 #include <string>
 
 #include "platform/wininet_session.h"
-#include "tests/support/servers/raw_responder.h"
 
 namespace tqplatform {
 namespace {
@@ -124,60 +122,6 @@ TEST(ProxyListTest, AProxyWithoutAPortIsReachedOnWinInetsPortForIt) {
     SCOPED_TRACE(std::string(c.list) + " " + c.scheme);
     EXPECT_EQ(Session("", ProxyMode::kNamed, c.list, {}).ProxyFor(c.scheme), c.proxy);
   }
-}
-
-// Fresh handles for each transfer, counted.
-class CountingSlots final : public SlotSource {
- public:
-  std::unique_ptr<TransferSlot> Acquire(const StopSignal&, std::optional<std::chrono::milliseconds>,
-                                        DWORD*) override {
-    ++out;
-    return TransferSlot::Create();
-  }
-  void Release(std::unique_ptr<TransferSlot>) override { --out; }
-  int out = 0;
-};
-
-TEST(TransferTest, ATransferRefusesCallsOutOfTurnAndGivesItsSlotBackWhenItEnds) {
-  EnsureCurlInitialised();
-  const std::string big(1 << 20, 'b');  // several libcurl buffers: the transfer must pause
-  tq::test::RawResponder server([&](tq::test::RawConnection& c) {
-    for (std::string head; !(head = c.ReadRequestHead()).empty();) {
-      const std::string body = head.find("/small") != std::string::npos ? "hello" : big;
-      c.Send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
-             body);
-    }
-  });
-  ASSERT_TRUE(server.ok());
-  CountingSlots slots;
-  StopSignal stop;
-  Transfer transfer(slots, stop);
-  char buffer[64];
-  std::size_t got = 0;
-  EXPECT_EQ(transfer.Read(buffer, sizeof buffer, &got), ERROR_INTERNET_INCORRECT_HANDLE_STATE);
-  TransferRequest request;
-  request.url = server.Url("/small");
-  ASSERT_EQ(transfer.Open(request), ERROR_SUCCESS);
-  // The small body came with the headers: the transfer is over and its slot is back.
-  EXPECT_EQ(transfer.state(), S::kFinished);
-  EXPECT_EQ(slots.out, 0);
-  EXPECT_EQ(transfer.Open(request), ERROR_INTERNET_INCORRECT_HANDLE_STATE);  // not reset yet
-  ASSERT_EQ(transfer.Read(buffer, sizeof buffer, &got), ERROR_SUCCESS);
-  EXPECT_EQ(std::string(buffer, got), "hello");
-  EXPECT_EQ(transfer.Read(buffer, sizeof buffer, &got), ERROR_SUCCESS);
-  EXPECT_EQ(got, 0u);
-  transfer.Reset();
-
-  request.url = server.Url("/large");
-  ASSERT_EQ(transfer.Open(request), ERROR_SUCCESS);
-  EXPECT_TRUE(IsRunning(transfer.state())) << StateName(transfer.state());
-  EXPECT_EQ(slots.out, 1);
-  ASSERT_EQ(transfer.Read(buffer, sizeof buffer, &got), ERROR_SUCCESS);
-  EXPECT_EQ(std::string(buffer, got), big.substr(0, got));
-  // Too much left to drain: ending it early drops the connection and gives the slot back.
-  transfer.Finish(0ms);
-  EXPECT_EQ(transfer.state(), S::kFinished);
-  EXPECT_EQ(slots.out, 0);
 }
 
 }  // namespace
