@@ -42,9 +42,17 @@ bool InternetObject::AddChild(const std::shared_ptr<InternetObject>& child) {
   return true;
 }
 
+void InternetObject::ForgetGoneChildren() {
+  std::lock_guard lock(children_mutex_);
+  std::erase_if(children_, [](const auto& weak) { return weak.expired(); });
+}
+
 std::vector<std::shared_ptr<InternetObject>> InternetObject::Children() {
   std::vector<std::shared_ptr<InternetObject>> out;
   std::lock_guard lock(children_mutex_);
+  // Room first: a child whose last owner let go meanwhile must not end here, under the lock
+  // its destructor takes (ForgetGoneChildren), as it would if a push_back failed.
+  out.reserve(children_.size());
   for (const auto& weak : children_) {
     if (auto child = weak.lock()) out.push_back(std::move(child));
   }

@@ -30,6 +30,10 @@ class InternetObject {
   bool AddChild(const std::shared_ptr<InternetObject>& child);
   // The children still open.
   std::vector<std::shared_ptr<InternetObject>> Children();
+  // Lets go of the records of children that are gone. A child that calls this as it is destroyed
+  // frees its memory at once (its record would hold it until the next AddChild), so that the
+  // next child made is given the same, still cached memory.
+  void ForgetGoneChildren();
 
  protected:
   // Called once, when the handle is closed by its owner or through its parent: stops work in

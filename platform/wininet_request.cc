@@ -104,7 +104,10 @@ Request::Request(std::shared_ptr<Connection> connection, std::string verb, std::
       http10_(http10), accept_(std::move(accept)), referer_(std::move(referer)), flags_(flags),
       transfer_(connection_->TakeTransfer(stop_)) {}
 
-Request::~Request() { connection_->KeepTransfer(std::move(transfer_)); }
+Request::~Request() {
+  connection_->KeepTransfer(std::move(transfer_));
+  connection_->ForgetGoneChildren();
+}
 
 std::unique_lock<std::mutex> Request::LockCall() {
   std::unique_lock lock(op_mutex_, std::try_to_lock);
