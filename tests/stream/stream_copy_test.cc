@@ -266,15 +266,7 @@ TEST(CopyIntoMemoryTest, ReservedRoomHoldsExactlyTheBytesCountedHoweverTheCopyEn
       if (c.end == kReadThrowsLogicError) throw std::logic_error("not so");
       if (c.end == kStop) stop.request_stop();
     };
-    // Claims one byte more than asked once past the first MiB.
-    struct Claiming : qv::io::IDataReadStream {
-      PositionSource& inner;
-      explicit Claiming(PositionSource& s) : inner(s) {}
-      std::uint64_t Read(void* buffer, std::uint64_t size) override {
-        const std::uint64_t n = inner.Read(buffer, size);
-        return inner.Position() >= kMiB ? size + 1 : n;
-      }
-    } claiming(source);
+    ClaimingSource claiming(source, 16);  // the read that passes the first MiB
     qv::io::IDataReadStream& from =
         c.end == kClaimsMore ? static_cast<qv::io::IDataReadStream&>(claiming) : source;
     WrittenMemory derived(kRoom);
