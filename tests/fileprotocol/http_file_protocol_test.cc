@@ -14,7 +14,6 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <optional>
 #include <random>
@@ -35,6 +34,7 @@
 #include "tests/support/servers/tls_files.h"
 #endif
 #include "tests/support/wine.h"
+#include "tests/tqutil/test_files.h"
 
 namespace tq::test {
 namespace {
@@ -577,11 +577,6 @@ TEST_F(ProtocolTest, ResolutionCallbacksRunInTheOrderAddedAndOneRemovalTakesEver
   HttpFileProtocol::RemovePostUrlResolutionCallback(&Append<L'z'>);
 }
 
-std::string ReadAll(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 #if !defined(_WIN32)
 // Out of memory at each allocation of CreateThreadHandle: every connection made is closed again
 // (the closes are counted through an armed fault), and the next call gets its handle.
@@ -663,7 +658,7 @@ TEST_F(HttpFileProtocolTest, ADownloadToANameThisSystemCannotHoldWritesNoOtherFi
               HRESULT_FROM_WIN32(kErrorInvalidName));
     EXPECT_FALSE(protocol_->GetFile(url.c_str(), target.c_str(), nullptr));
   }
-  EXPECT_EQ(ReadAll(other), "another file");
+  EXPECT_EQ(ReadFileBytes(other), "another file");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
   EXPECT_THAT(TakeLog(), IsEmpty());
 }
@@ -735,7 +730,7 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
     const std::filesystem::path target = dir.path() / ("file" + std::to_string(throw_at));
     EXPECT_THROW(protocol_->GetFile(url.c_str(), W(target.string()).c_str(), &progress),
                  Cancelled);
-    EXPECT_EQ(ReadAll(target), body);
+    EXPECT_EQ(ReadFileBytes(target), body);
     EXPECT_EQ(progress.values.back(), 1.0);
   }
 
@@ -766,7 +761,7 @@ TEST_F(HttpFileProtocolTest, GetFileToCacheGivesTheCopyAndAProgressThatThrowsRea
   EXPECT_EQ(cached.parent_path(), dir.path() / "cache" / "tqnetwork" / "downloads");
   EXPECT_EQ(cached.filename().string().substr(16), "-report.pdf");
 #endif
-  EXPECT_EQ(ReadAll(cached), "pdf bytes");
+  EXPECT_EQ(ReadFileBytes(cached), "pdf bytes");
   EXPECT_EQ(quiet.values.back(), 1.0);
   EXPECT_THAT(TakeLog(), IsEmpty());
 }
@@ -844,7 +839,7 @@ TEST_F(ProtocolTest, NginxRandomRangesOnFourThreadsInformationAndGetFileMatchWha
   const auto target = dir.path() / "copy.bin";
   RecordedProgress progress;
   ASSERT_TRUE(protocol_->GetFile(url.c_str(), W(target.string()).c_str(), &progress));
-  EXPECT_TRUE(ReadAll(target) == content);
+  EXPECT_TRUE(ReadFileBytes(target) == content);
   const auto& p = progress.values;  // from 0 through a value between to 1, never back
   ASSERT_GE(p.size(), 3u);
   EXPECT_TRUE(p.front() == 0.0 && p.back() == 1.0 && std::is_sorted(p.begin(), p.end()));

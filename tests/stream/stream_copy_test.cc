@@ -12,9 +12,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -24,6 +22,7 @@
 
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/temp_dir.h"
+#include "tests/tqutil/test_files.h"
 
 namespace {
 
@@ -81,8 +80,7 @@ class HookedFile : public qv::io::FileWriteStream {
 };
 
 bool FileHoldsPositions(const std::filesystem::path& path, std::uint64_t size) {
-  std::ifstream in(path, std::ios::binary);
-  const std::string bytes(std::istreambuf_iterator<char>(in), {});
+  const std::string bytes = tq::test::ReadFileBytes(path);
   if (bytes.size() != size) return false;
   for (std::uint64_t i = 0; i < size; ++i) {
     if (bytes[i] != ByteAt(i)) return false;
