@@ -8,7 +8,6 @@
 #include <chrono>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "net/http/connection_pool.h"
 #include "net/http/wininet_api.h"

@@ -12,9 +12,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -24,6 +22,7 @@
 
 #include "tests/support/log_capture.h"
 #include "tests/support/servers/temp_dir.h"
+#include "tests/tqutil/test_files.h"
 
 namespace {
 
@@ -81,8 +80,7 @@ class HookedFile : public qv::io::FileWriteStream {
 };
 
 bool FileHoldsPositions(const std::filesystem::path& path, std::uint64_t size) {
-  std::ifstream in(path, std::ios::binary);
-  const std::string bytes(std::istreambuf_iterator<char>(in), {});
+  const std::string bytes = tq::test::ReadFileBytes(path);
   if (bytes.size() != size) return false;
   for (std::uint64_t i = 0; i < size; ++i) {
     if (bytes[i] != ByteAt(i)) return false;
@@ -266,15 +264,7 @@ TEST(CopyIntoMemoryTest, ReservedRoomHoldsExactlyTheBytesCountedHoweverTheCopyEn
       if (c.end == kReadThrowsLogicError) throw std::logic_error("not so");
       if (c.end == kStop) stop.request_stop();
     };
-    // Claims one byte more than asked once past the first MiB.
-    struct Claiming : qv::io::IDataReadStream {
-      PositionSource& inner;
-      explicit Claiming(PositionSource& s) : inner(s) {}
-      std::uint64_t Read(void* buffer, std::uint64_t size) override {
-        const std::uint64_t n = inner.Read(buffer, size);
-        return inner.Position() >= kMiB ? size + 1 : n;
-      }
-    } claiming(source);
+    ClaimingSource claiming(source, 16);  // the read that passes the first MiB
     qv::io::IDataReadStream& from =
         c.end == kClaimsMore ? static_cast<qv::io::IDataReadStream&>(claiming) : source;
     WrittenMemory derived(kRoom);

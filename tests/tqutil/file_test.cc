@@ -698,27 +698,40 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
 }
 
 TEST(FileProtocolTest, ResolvesAgainstTheBaseAndRegistersSchemesOnceInAnyCase) {
-  const auto absolute = [](const wchar_t* path, const wchar_t* base, const wchar_t* directory) {
-    TqUWideStringBuffer out(L"untouched");
-    const bool ok = TqUFileProtocol::ResolveAbsoluteFileOrURL(path, base, directory, &out);
-    return ok ? std::wstring(out.View()) : L"<fail>";
-  };
-  EXPECT_EQ(absolute(L"..\\up.png", L"http://h/docs/page.html", nullptr), L"http://h/up.png");
-  // A name holds what a URL cannot; the escapes it already has and "?" keep their meaning.
-  EXPECT_EQ(absolute(L"my file\\100%.txt", L"http://h/docs/", nullptr),
-            L"http://h/docs/my%20file/100%25.txt");
-  EXPECT_EQ(absolute(L"a{1}|\"b\"^[2].txt?v=%41", L"http://h/", nullptr),
-            L"http://h/a%7B1%7D%7C%22b%22%5E%5B2%5D.txt?v=%41");
-  // A ":" in the first segment is part of the name: such a name was read as a scheme of its
-  // own or refused as no reference at all.
-  EXPECT_EQ(absolute(L"10:30.txt", L"http://h/d/x", nullptr), L"http://h/d/10:30.txt");
-  EXPECT_EQ(absolute(L"my take:2.txt", L"http://h/d/x", nullptr), L"http://h/d/my%20take:2.txt");
-  EXPECT_EQ(absolute(L"sub/1:2.txt", L"http://h/d/x", nullptr), L"http://h/d/sub/1:2.txt");
+  // A URL or an absolute path is kept; a relative one is resolved against the base or joined to
+  // the directory; with neither, or no path, it fails and leaves the result alone.
+  const struct {
+    const wchar_t *path, *base, *directory;
+    const wchar_t* absolute;  // null: false
+  } cases[] = {
+      {L"..\\up.png", L"http://h/docs/page.html", nullptr, L"http://h/up.png"},
+      // A name holds what a URL cannot; the escapes it already has and "?" keep their meaning.
+      {L"my file\\100%.txt", L"http://h/docs/", nullptr, L"http://h/docs/my%20file/100%25.txt"},
+      {L"a{1}|\"b\"^[2].txt?v=%41", L"http://h/", nullptr,
+       L"http://h/a%7B1%7D%7C%22b%22%5E%5B2%5D.txt?v=%41"},
+      // A ":" in the first segment is part of the name: such a name was read as a scheme of its
+      // own or refused as no reference at all.
+      {L"10:30.txt", L"http://h/d/x", nullptr, L"http://h/d/10:30.txt"},
+      {L"my take:2.txt", L"http://h/d/x", nullptr, L"http://h/d/my%20take:2.txt"},
+      {L"sub/1:2.txt", L"http://h/d/x", nullptr, L"http://h/d/sub/1:2.txt"},
 #if !defined(_WIN32)
-  EXPECT_EQ(absolute(L"a:b.txt", L"http://h/d/x", nullptr), L"http://h/d/a:b.txt");
+      {L"a:b.txt", L"http://h/d/x", nullptr, L"http://h/d/a:b.txt"},
 #endif
-  EXPECT_EQ(absolute(L"b.txt", L"sub/a.txt", L"/dir"), L"/dir/sub/b.txt");
-  EXPECT_EQ(absolute(nullptr, L"http://h/", nullptr), L"<fail>");
+      {L"https://other/x", L"http://h/a/b/c.txt", L"/dir", L"https://other/x"},
+      {L"/etc/x", nullptr, L"/dir", L"/etc/x"},
+      {L"C:\\x", nullptr, L"/dir", L"C:\\x"},
+      {L"b.txt", L"sub/a.txt", L"/dir", L"/dir/sub/b.txt"},
+      {L"b.txt", nullptr, L"/dir", L"/dir/b.txt"},
+      {L"b.txt", nullptr, nullptr, nullptr},
+      {nullptr, L"http://h/", nullptr, nullptr},
+  };
+  for (const auto& c : cases) {
+    TqUWideStringBuffer out(L"untouched");
+    EXPECT_EQ(TqUFileProtocol::ResolveAbsoluteFileOrURL(c.path, c.base, c.directory, &out),
+              c.absolute != nullptr);
+    EXPECT_EQ(out.View(), c.absolute ? c.absolute : L"untouched")
+        << qv::WideToUtf8(c.path ? c.path : L"<null>");
+  }
 
   TqUFileProtocolRegistry::Initialise();
   TqUFileProtocolRegistry::Initialise();
