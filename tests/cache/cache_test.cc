@@ -37,9 +37,6 @@
 #include "net/cache/in_memory_cache.h"
 #include "net/http/connection_pool.h"
 #include "tests/cache/cache_test_support.h"
-#if !defined(_WIN32)
-#include "tests/support/allocation_failure.h"
-#endif
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
@@ -602,55 +599,6 @@ TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
   EXPECT_EQ(Open(), "whole");
 #endif
 }
-
-#if !defined(_WIN32)  // a Windows DLL allocates through its own runtime, out of the test's reach
-// A named body's stream that cannot be made for want of memory, to write or to read: the caller
-// hears of it, no empty body is left under the name as if written, and the file is not left
-// held, so the name can be written again.
-TEST_F(CacheTest, ANamedBodyOpenThatRunsOutOfMemoryLeavesNoBodyAndNoLockBehind) {
-  const auto read_back = [&]() -> std::string {
-    auto stream = m_cache.OpenReadStream(L"name");
-    return stream ? ReadAll(*stream) : "<null>";
-  };
-  for (const bool write : {true, false}) {
-    for (long n = 0;; ++n) {
-      ASSERT_LT(n, 1000) << "the open never got through";
-      SCOPED_TRACE(std::string(write ? "write" : "read") + ", failing allocation " +
-                   std::to_string(n));
-      {
-        auto stream = m_cache.OpenWriteStream(L"name");
-        ASSERT_NE(stream, nullptr);
-        stream->Write("old", 3);
-      }
-      std::unique_ptr<qv::io::IDataSeekableWriteStream> written;
-      std::unique_ptr<qv::io::IDataSeekableReadStream> read;
-      bool failed = false;
-      {
-        const FailingAllocation failing(n);
-        try {
-          if (write) written = m_cache.OpenWriteStream(L"name");
-          else read = m_cache.OpenReadStream(L"name");
-        } catch (const std::bad_alloc&) {
-        }
-        failed = FailingAllocation::Failed();
-      }
-      if (written) written->Write("new", 3);
-      written.reset();
-      if (read) {
-        EXPECT_EQ(ReadAll(*read), "old");
-      }
-      read.reset();
-      EXPECT_THAT(read_back(), ::testing::AnyOf("<null>", "old", "new"));
-      auto again = m_cache.OpenWriteStream(L"name");
-      ASSERT_NE(again, nullptr) << "the name is still held";
-      again->Write("again", 5);
-      again.reset();
-      EXPECT_EQ(read_back(), "again");
-      if (!failed) break;
-    }
-  }
-}
-#endif
 
 // A stale entry is revalidated with its tag; the answer decides what is served and what the
 // entry file holds afterwards (the open's time, kDate + 5, recorded as its use).
