@@ -118,10 +118,19 @@ class CacheTest : public FakeTransportTest {
     for (const std::string& name : Remaining()) fs::remove(m_cache.Directory() / name);
   }
   void Limit(std::int32_t mib) { TqUOption::SetInt32("general.localcache.max_size", mib); }
-  // The entry file held as another process's writer holds it; kInvalid when it cannot be.
-  TqUSysFile::Handle OpenWriter() const {
-    return TqUSysFile::OpenFile(EntryPath(), TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
+  // The file held as another process's writer holds it; kInvalid when it cannot be.
+  static TqUSysFile::Handle OpenWriter(const fs::path& path) {
+    return TqUSysFile::OpenFile(path, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
                                 TqUSysFile::kOpenExistingWrite, 0, 0);
+  }
+  void WriteNamed(const std::wstring& name, const std::string& body) {
+    auto stream = m_cache.OpenWriteStream(name);
+    ASSERT_NE(stream, nullptr);
+    stream->Write(body.data(), body.size());
+  }
+  std::string ReadNamed(const std::wstring& name) {
+    auto stream = m_cache.OpenReadStream(name);
+    return stream ? ReadAll(*stream) : "<null>";
   }
 
   // Sends are held until Release(). A send, or an open that waits for another's download, is
@@ -312,7 +321,7 @@ TEST_F(RepeatedOpenTest, AnOpenBodyKeepsWritersOutReadsOnAcrossARenameAndFailsWh
       ASSERT_GT(got, 0u);
       done += got;
     }
-    TqUSysFile::Handle writer = OpenWriter();
+    TqUSysFile::Handle writer = OpenWriter(EntryPath());
     EXPECT_EQ(writer, TqUSysFile::kInvalid) << "a writer got in while a body was being read";
     if (writer != TqUSysFile::kInvalid) TqUSysFile::CloseFile(writer);
 #if !defined(_WIN32)  // on Windows a reader's sharing keeps every writer and rename out
@@ -330,7 +339,7 @@ TEST_F(RepeatedOpenTest, AnOpenBodyKeepsWritersOutReadsOnAcrossARenameAndFailsWh
   }
   EXPECT_TRUE(m_api.Sent().empty());
   // While a writer holds the entry, an open does not read it: the body comes from the server.
-  TqUSysFile::Handle writer = OpenWriter();
+  TqUSysFile::Handle writer = OpenWriter(EntryPath());
   EXPECT_NE(writer, TqUSysFile::kInvalid);
   m_api.Queue(Ok("while written", L"max-age=60", L"\"t\""));
   EXPECT_EQ(Open(), "while written");
@@ -362,8 +371,7 @@ TEST_F(RepeatedOpenTest, AnEntryHeldForAMomentAfterItsUseWasRecordedIsStillServe
       }
       if (taken || ReadFileBytes(held).substr(4, 8) != Le(now, 8)) return;
       taken = true;
-      other = TqUSysFile::OpenFile(held, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
-                                   TqUSysFile::kOpenExistingWrite, 0, 0);
+      other = OpenWriter(held);
       ASSERT_NE(other, TqUSysFile::kInvalid);
     });
   };
@@ -395,16 +403,12 @@ TEST_F(RepeatedOpenTest, AnEntryHeldForAMomentAfterItsUseWasRecordedIsStillServe
   }
 
   // A body kept under a name, read at once by another.
-  {
-    auto stream = m_cache.OpenWriteStream(L"name");
-    ASSERT_NE(stream, nullptr);
-    stream->Write("named body", 10);
-  }
+  WriteNamed(L"name", "named body");
   m_clock.Advance(1);
   hold_once_recorded(EntryPath(L"qvcache://name"), kDate + 6);
-  auto read = m_cache.OpenReadStream(L"name");
+  const std::string named = ReadNamed(L"name");
   let_go();
-  EXPECT_EQ(read ? ReadAll(*read) : "<null>", "named body");
+  EXPECT_EQ(named, "named body");
 }
 #endif
 
@@ -643,7 +647,7 @@ TEST_F(CacheTest, ARevalidationKeepsTheEntryWhenItsTagStandsOrNoAnswerComes) {
   EXPECT_TRUE(fs::exists(EntryPath()));
   // No entry file: a new entry, stale. An entry file that a writer holds: none to be had.
   EXPECT_EQ(m_cache.ExpiryTime(L"http://example.test/never-cached"), 0);
-  const TqUSysFile::Handle writer = OpenWriter();
+  const TqUSysFile::Handle writer = OpenWriter(EntryPath());
   ASSERT_NE(writer, TqUSysFile::kInvalid);
   EXPECT_EQ(m_cache.ExpiryTime(kUrl), -1);
   TqUSysFile::CloseFile(writer);
@@ -665,16 +669,8 @@ TEST_F(CacheTest, TheRequestIsBuiltFromTheNormalisedUrlTheEntryIsKeyedOn) {
 TEST_F(CacheTest, BodiesStoredUnderDifferentNamesStayApart) {
   const std::vector<std::wstring> names = {L"Thumb", L"thumb", L"report#2", L"report#3",
                                            L"a?x",   L"a?y",   L"%41",      L"A"};
-  for (const std::wstring& name : names) {
-    auto stream = m_cache.OpenWriteStream(name);
-    ASSERT_NE(stream, nullptr);
-    const std::string body = qv::WideToUtf8(name);
-    stream->Write(body.data(), body.size());
-  }
-  for (const std::wstring& name : names) {
-    auto read = m_cache.OpenReadStream(name);
-    EXPECT_EQ(read ? ReadAll(*read) : "<null>", qv::WideToUtf8(name));
-  }
+  for (const std::wstring& name : names) WriteNamed(name, qv::WideToUtf8(name));
+  for (const std::wstring& name : names) EXPECT_EQ(ReadNamed(name), qv::WideToUtf8(name));
   EXPECT_TRUE(m_cache.Contains(L"qvcache://Thumb"));
   EXPECT_FALSE(m_cache.Contains(L"qvcache://THUMB"));
 }
@@ -1080,60 +1076,33 @@ TEST_F(CacheTest, AFileThatIsNoEntryGoesAloneWhateverWindowsWouldMakeOfItsName) 
 #endif
 
 #if !defined(_WIN32)  // the open hook runs before the lock only on POSIX
-// Just as the clean-up or a lookup reads the file at a name (an entry, or a file that is no
-// entry), a writer takes the name for a new body and holds it while it writes: the file the
-// writer holds is passed over, as it is when it was held before anyone looked, and the new body
-// is there once written.
-TEST_F(CacheTest, ABodyAWriterTookJustAfterItsNameWasReadStaysStored) {
+// Just after the clean-up or a lookup read the file at a name, a writer takes the name and
+// writes: a new body under a name that held an entry, a file that is no entry, or an entry whose
+// long name makes its header outgrow the first read; or a new store into the temporary file a
+// killed store left behind. The file the writer holds is passed over, never removed from under
+// it, as it is when it was held before anyone looked, and what it writes is there once written.
+TEST_F(CacheTest, AFileAWriterTookJustAfterItWasReadIsNotRemovedUnderTheWriter) {
   struct Case {
-    const char* before;  // what the name holds at first
-    bool clean_up;       // the reader: a clean-up (true) or a lookup (Contains)
+    const char* what;
+    std::wstring name;  // of the body written; empty: a store of kUrl
+    bool entry;         // the name holds an entry at first, or a file that is no entry
+    bool clean_up;      // the reader: a clean-up, or a lookup (Contains)
+    int open;  // the reader's open of the file after which the writer comes (or its removal)
+  } const cases[] = {
+      {"entry", L"name", true, true, 1},
+      {"no entry", L"name", false, true, 1},
+      {"no entry, lookup", L"name", false, false, 1},
+      {"long name", std::wstring(600, L'n'), true, true, 3},
+      {"store into a temporary file left behind", L"", true, true, 2},
   };
-  for (const Case c : {Case{"entry", true}, Case{"no entry", true}, Case{"no entry", false}}) {
-    SCOPED_TRACE(testing::Message() << c.before << (c.clean_up ? ", clean-up" : ", lookup"));
-    if (std::string(c.before) == "entry") {
-      auto stream = m_cache.OpenWriteStream(L"name");
-      ASSERT_NE(stream, nullptr);
-      stream->Write("old body", 8);
-    } else {
-      WriteFileBytes(EntryPath(L"qvcache://name"), "not an entry, planted");
-    }
-    std::unique_ptr<qv::io::IDataSeekableWriteStream> writer;
-    std::atomic<bool> taken{false};
-    TqUSysFile::SetOpenHookForTesting([&] {
-      if (!taken.exchange(true)) writer = m_cache.OpenWriteStream(L"name");
-    });
-    Limit(0);
-    if (c.clean_up) {
-      EXPECT_TRUE(m_cache.CleanUp());
-    } else {
-      EXPECT_FALSE(m_cache.Contains(L"qvcache://name"));
-    }
-    TqUSysFile::SetOpenHookForTesting({});
-    ASSERT_TRUE(taken);
-    ASSERT_NE(writer, nullptr);
-    writer->Write("new body", 8);
-    writer.reset();
-    auto read = m_cache.OpenReadStream(L"name");
-    EXPECT_EQ(read ? ReadAll(*read) : "<null>", "new body");
-    RemoveAll();
-  }
-}
-
-// Just after the clean-up read the file at a name, a writer takes the name and writes into the
-// file there: a new store into the temporary file a killed store left behind, or a writer of a
-// body kept under a name long enough for its header to outgrow the first read. The file is
-// passed over, not taken from under the writer.
-TEST_F(CacheTest, AFileAWriterTookAfterTheCleanUpReadItIsNotRemovedUnderTheWriter) {
-  const std::wstring long_name(600, L'n');
-  for (const bool store : {true, false}) {
-    SCOPED_TRACE(store ? "store" : "body kept under a name");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
     std::promise<void> holding;
     std::promise<void> go;
     int reads = 0;
     std::future<std::string> stored;
     std::unique_ptr<qv::io::IDataSeekableWriteStream> writer;
-    if (store) {
+    if (c.name.empty()) {
       WriteFileBytes(fs::path(EntryPath()) += ".tmp", EntryBytes(1, 0, "", kKey, "left"));
       FakeResponse answer = Ok("first, second", L"max-age=60", L"\"n\"");
       answer.body_chunks = {"first, ", "second"};
@@ -1141,46 +1110,48 @@ TEST_F(CacheTest, AFileAWriterTookAfterTheCleanUpReadItIsNotRemovedUnderTheWrite
       m_api.on_read = [&] {
         if (++reads == 2) holding.set_value(), go.get_future().wait();  // first chunk written
       };
-    } else if (auto old = m_cache.OpenWriteStream(long_name)) {
-      old->Write("old body", 8);
+    } else if (c.entry) {
+      WriteNamed(c.name, "old body");
+    } else {
+      WriteFileBytes(EntryPath(L"qvcache://" + c.name), "not an entry, planted");
     }
     std::atomic<bool> started{false};
     const auto take = [&] {
       if (started.exchange(true)) return;
-      if (!store) {
-        writer = m_cache.OpenWriteStream(long_name);
+      if (!c.name.empty()) {
+        writer = m_cache.OpenWriteStream(c.name);
         return;
       }
       stored = std::async(std::launch::async, [&] { return Open(); });
       holding.get_future().wait();
     };
-    // The first open of the file after the run read its header (a removal that looks first),
-    // or its removal by name.
-    const int header_reads = store ? 1 : 2;
-    std::thread::id cleaner;
+    std::thread::id reader;
     int opens = 0;
     TqUSysFile::SetOpenHookForTesting([&] {
-      if (cleaner == std::thread::id()) cleaner = std::this_thread::get_id();
-      if (std::this_thread::get_id() == cleaner && ++opens == header_reads + 1) take();
+      if (reader == std::thread::id()) reader = std::this_thread::get_id();
+      if (std::this_thread::get_id() == reader && ++opens == c.open) take();
     });
     TqUSysDirectory::SetRemoveFaultForTesting([&](const TqUSysDirectory::Char*) {
       take();
       return false;
     });
     Limit(0);
-    EXPECT_TRUE(m_cache.CleanUp());
+    if (c.clean_up) {
+      EXPECT_TRUE(m_cache.CleanUp());
+    } else {
+      EXPECT_FALSE(m_cache.Contains(L"qvcache://" + c.name));
+    }
     TqUSysFile::SetOpenHookForTesting({});
     TqUSysDirectory::SetRemoveFaultForTesting({});
     ASSERT_TRUE(started);
-    if (store) {
+    if (c.name.empty()) {
       go.set_value();
       EXPECT_EQ(stored.get(), "first, second");
     } else {
       ASSERT_NE(writer, nullptr);
       writer->Write("new body", 8);
       writer.reset();
-      auto read = m_cache.OpenReadStream(long_name);
-      EXPECT_EQ(read ? ReadAll(*read) : "<null>", "new body");
+      EXPECT_EQ(ReadNamed(c.name), "new body");
     }
     m_api.on_read = {};
     RemoveAll();
