@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <ctime>
 #include <filesystem>
 #include <future>
 #include <limits>
@@ -36,8 +37,11 @@
 #include "net/cache/freshness.h"
 #include "net/cache/in_memory_cache.h"
 #include "net/http/connection_pool.h"
+#include "net/http/wininet_api.h"
+#include "net/stream/read_stream.h"
 #include "tests/cache/cache_test_support.h"
 #include "tests/support/fake_transport_fixture.h"
+#include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/temp_dir.h"
 #include "tests/support/wine.h"
 #include "tests/tqutil/test_files.h"
@@ -1317,6 +1321,75 @@ TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsT
     qv::net::TerminateCache();
   }
   EXPECT_EQ(qv::net::CacheSystem(), nullptr);
+}
+
+// Against nginx, the real-world peer: its own tags and 304s, a file changed under it (a tag and
+// a length of other sizes), its "expires" as "cache-control", and a file removed.
+TEST(NginxCacheTest, TagsRevalidationChangesLifetimesAndRemovalAsNginxServesThem) {
+  if (!NginxHarness::Installed()) GTEST_SKIP() << "nginx is not installed";
+#if defined(_WIN32)  // CTest's shared nginx takes no directives of ours
+  NginxHarness nginx;
+#else
+  NginxHarness nginx("location /for60/ { expires 60s; }\nlocation /stale/ { expires epoch; }");
+#endif
+  ASSERT_TRUE(nginx.ok()) << nginx.error();
+  qv::net::IHttpApi* previous = qv::net::SetHttpApi(new qv::net::WinInet());
+  LogCapture log;
+  TempDir dir;
+  ScopedClock clock(std::time(nullptr));
+  DiskCache cache(dir.path().wstring().c_str());
+  auto open = [&](const std::string& path) {
+    auto stream = cache.OpenUrl(qv::Utf8ToWide(nginx.Url(path)), 0, {});
+    return stream ? ReadAll(*stream) : "<null>";
+  };
+  auto served_tag = [&](const std::string& path) {
+    return qv::net::HttpReadStream::Open(qv::Utf8ToWide(nginx.Url(path)), 0, {})->ETag();
+  };
+  constexpr std::int64_t kMonth = 2592000;
+  const std::string body(70000, 'n');
+  // The cache's clock runs `ahead` of nginx's. Without "cache-control" the lifetime counts from
+  // the cache's clock, with it from nginx's "Date".
+  struct Row {
+    std::string path, change, body;
+    std::int64_t ahead, lifetime;
+  } rows[] = {
+      {"/a.txt", "first", "first", 0, kMonth},        // first download
+      {"/a.txt", "", "first", kMonth + 1, kMonth},    // stale: 304 to its tag
+      {"/a.txt", body, body, 2 * kMonth + 2, kMonth}, // changed: a new tag, longer
+      {"/a.txt", "", body, 3 * kMonth + 3, kMonth},   // and confirmed again
+#if !defined(_WIN32)
+      {"/for60/b.txt", "b", "b", 0, 60},
+      {"/for60/b.txt", "", "b", 61, 60},
+      {"/stale/c.txt", "c", "c", 0, -1},
+      {"/stale/c.txt", "", "c", 0, -1},
+#endif
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.path + " +" + std::to_string(row.ahead));
+    if (!row.change.empty()) {
+      // nginx's tag is the time to the second and the length: the change must show in it.
+      const fs::path changed = nginx.WriteFile(row.path.substr(1), row.change);
+      fs::last_write_time(changed, fs::last_write_time(changed) + 10s);
+    }
+    const std::int64_t server_now = std::time(nullptr);
+    clock.Set(server_now + row.ahead);
+    EXPECT_EQ(open(row.path), row.body);
+    const CacheEntry stored = CacheEntry::Load(DiskCache::ComputeCacheLocation(
+        qv::Utf8ToWide(nginx.Url(row.path)), cache.Directory()));
+    EXPECT_EQ(std::optional<std::string>(stored.ETag()), served_tag(row.path));
+    EXPECT_THAT(stored.ETag(), StartsWith("\""));
+    const std::int64_t from = row.lifetime == kMonth ? clock.Now() : server_now;
+    EXPECT_GE(stored.Expiry(), from + row.lifetime);
+    EXPECT_LE(stored.Expiry(), from + row.lifetime + 2);  // nginx's second may have turned
+  }
+  fs::remove(nginx.root() / "a.txt");
+  clock.Set(std::time(nullptr) + 4 * kMonth + 4);
+  EXPECT_EQ(open("/a.txt"), "<null>");
+  EXPECT_FALSE(cache.Contains(qv::Utf8ToWide(nginx.Url("/a.txt"))));
+  const std::string not_found = "Error: HTTP Response 404 for GET " + nginx.Url("/a.txt") + "\n";
+  EXPECT_THAT(LinesBeyondWine(log), ::testing::ElementsAre(not_found));
+  qv::net::HttpConnectionPool::Terminate();
+  delete qv::net::SetHttpApi(previous);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "net/http/connection_pool.h"
 #include "net/http/http_api.h"
 #include "net/http/wininet_api.h"
+#include "net/stream/read_stream.h"
 #include "tests/cache/cache_test_support.h"
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/read_all.h"
@@ -149,6 +150,34 @@ TEST(ChunkGrindTest, TheWinInetLayerReadsEverySplitTheSame) {
                   "<the body>", "200 OK", head(ChunkedAnswer()),
                   "<absent> \"grind-1\" one value, with a comma", "<the body>", "304 Not Modified",
                   kNotModified, "<absent> \"grind-1\" <absent>", "", Connections(1)}));
+}
+
+TEST(ChunkGrindTest, TheReadStreamReadsEverySplitTheSame) {
+  const Transcript reference = GrindEverySize([](SameAnswerServer& server) {
+    Transcript out;
+    const auto describe = [&](qv::net::HttpReadStream& stream) {
+      const auto size = stream.ContentSize();
+      out.push_back(std::to_string(static_cast<int>(stream.QueryStatusCode())) + " " +
+                    (stream.Succeeded() ? "succeeded " : "failed ") +
+                    (size ? std::to_string(*size) : "no size") + " " +
+                    Narrow(stream.ETag().value_or("no tag")) + " " +
+                    Narrow(stream.QueryHeader(std::wstring(L"X-Grind")).value_or(L"absent")));
+      out.push_back(Seen(ReadAll(stream, kReadChunk)));
+    };
+    for (const char* path : {"/plain", "/chunked"}) {
+      describe(*qv::net::HttpReadStream::Open(Wide(server.Url(path)), 0, {}));
+    }
+    qv::net::HttpRequest conditional(Wide(server.Url("/plain")).c_str(), qv::net::HttpMethod::Get);
+    conditional.AddHeader(L"If-None-Match", L"\"grind-1\"");
+    describe(*qv::net::HttpReadStream::Open(conditional, {}));
+    out.push_back(Connections(server.connections()));
+    return out;
+  });
+  const std::string described = " \"grind-1\" one value, with a comma";
+  EXPECT_EQ(reference, (Transcript{"200 succeeded " + std::to_string(Body().size()) + described,
+                                   "<the body>", "200 succeeded no size" + described, "<the body>",
+                                   "304 failed no size no tag absent", "",
+                                   Connections(1)}));
 }
 
 TEST(ChunkGrindTest, TheDiskCacheStoresServesAndRevalidatesEverySplitTheSame) {
