@@ -206,35 +206,33 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
       ASSERT_LT(n, 1000u) << "the " << kind << " never got through";
       write(old_body);
       std::string outcome = "<null>";
-      bool failed = true;
-      if (kind == "file operation") {
-        const std::string name = FailAt(n, [&] {
-          if (auto stream = m_cache.OpenWriteStream(L"name")) {
-            try {
-              stream->Write(new_body.data(), new_body.size());
-              outcome = "written";
-            } catch (const std::runtime_error& e) {
-              outcome = std::string("<thrown> ") + e.what();
-            }
-          }
-        });
-        failed = name != "none";
-      }
-#if !defined(_WIN32)
       std::unique_ptr<qv::io::IDataSeekableWriteStream> written;
       std::unique_ptr<qv::io::IDataSeekableReadStream> read;
-      if (kind != "file operation") {
-        failed = FailAllocationAt(static_cast<long>(n), [&] {
-          try {
-            if (kind == "allocation opening a write stream") {
-              written = m_cache.OpenWriteStream(L"name");
-            } else {
-              read = m_cache.OpenReadStream(L"name");
-            }
-          } catch (const std::bad_alloc&) {
+      // The open, and with a file failing the write too, the Nth step failing.
+      const auto act = [&] {
+        try {
+          if (kind == "allocation opening a read stream") {
+            read = m_cache.OpenReadStream(L"name");
+          } else {
+            written = m_cache.OpenWriteStream(L"name");
           }
-        });
-      }
+          if (written && kind == "file operation") {
+            written->Write(new_body.data(), new_body.size());
+            outcome = "written";
+          }
+        } catch (const std::runtime_error& e) {
+          outcome = std::string("<thrown> ") + e.what();
+        } catch (const std::bad_alloc&) {
+        }
+        if (kind == "file operation") written.reset();
+      };
+#if defined(_WIN32)
+      const bool failed = FailAt(n, act) != "none";
+#else
+      const bool failed = kind == "file operation" ? FailAt(n, act) != "none"
+                                                   : FailAllocationAt(static_cast<long>(n), act);
+#endif
+      SCOPED_TRACE(kind + " " + std::to_string(n) + (failed ? " failed" : ": none failed"));
       if (written) {
         ASSERT_EQ(written->Write(new_body.data(), new_body.size()), new_body.size());
         written.reset();
@@ -245,14 +243,10 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
         read.reset();
         outcome = "read";
       }
-#endif
-      SCOPED_TRACE(kind + " " + std::to_string(n) + (failed ? " failed" : ": none failed"));
       if (outcome == "<null>") {
         EXPECT_THAT(read_back(), AnyOf("<null>", "old body"));
-      } else if (outcome == "written") {
-        EXPECT_EQ(read_back(), "new body");
-      } else if (outcome == "read") {
-        EXPECT_EQ(read_back(), "old body");
+      } else if (outcome == "written" || outcome == "read") {
+        EXPECT_EQ(read_back(), outcome == "read" ? "old body" : "new body");
       } else {
         EXPECT_EQ(outcome, "<thrown> FileWriteStream: cannot write the file");
         EXPECT_EQ(read_back(), "<null>") << "a body cut short by the failed write is read back";
