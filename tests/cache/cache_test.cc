@@ -275,7 +275,8 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
 }
 
 // Bodies that end before, at and after the end of the bytes read with the header, read in odd
-// chunks, sized and sought, on the first open (the name not yet known) and on a later one.
+// chunks, sized and sought, on the first open (the name not yet known) and on a later one. A
+// read into no buffer is a stream error, never a write through null.
 TEST_F(RepeatedOpenTest, BodiesOfEverySizeAreServedWholeSizedAndSoughtOnEveryOpen) {
   const std::size_t header = EntryBytes(0, 0, "\"t\"", kKey, "").size();
   for (const std::size_t size : {std::size_t{0}, std::size_t{1}, 16384 - header - 1,
@@ -288,6 +289,7 @@ TEST_F(RepeatedOpenTest, BodiesOfEverySizeAreServedWholeSizedAndSoughtOnEveryOpe
       auto stream = m_cache.OpenUrl(kUrl, 0, {});
       ASSERT_NE(stream, nullptr);
       EXPECT_EQ(stream->MetaData().size, size);
+      EXPECT_THROW(stream->Read(nullptr, 1), std::runtime_error);
       EXPECT_EQ(ReadAll(*stream, 777), body);
       if (size >= 10) {
         EXPECT_EQ(stream->RSeek(-5, StreamPosition::End), size - 5);
@@ -518,13 +520,17 @@ TEST_F(CacheTest, LinksAndFifosPlantedAtAnEntryOrItsTemporaryFileAreMissesAndTou
   EXPECT_FALSE(IsLink(EntryPath()));
 }
 
-// A body that must not be stored is served and takes the old entry with it; a download that
-// cannot be finished serves nothing, leaves no file, and logs its line. (A store failing at each
-// file operation: tests/faults.)
+// A body that must not be stored is served (from memory, refusing a read into no buffer) and
+// takes the old entry with it; a download that cannot be finished serves nothing, leaves no
+// file, and logs its line. (A store failing at each file operation: tests/faults.)
 TEST_F(CacheTest, FailedDownloadsServeNothingLeaveNoFileAndLogTheirLine) {
   WriteFileBytes(EntryPath(), EntryBytes(1, 2, "\"old\"", kKey, "old"));
   m_api.Queue(Ok("private", L"no-store", L"\"b\""));
-  EXPECT_EQ(Open(), "private");
+  auto unstored = m_cache.OpenUrl(kUrl, 0, {});
+  ASSERT_NE(unstored, nullptr);
+  EXPECT_THROW(unstored->Read(nullptr, 1), std::runtime_error);
+  EXPECT_EQ(ReadAll(*unstored), "private");
+  unstored.reset();
   EXPECT_THAT(Remaining(), IsEmpty());
 
   FakeResponse short_body = Ok("12345", L"no-store", std::nullopt);

@@ -293,21 +293,6 @@ TEST_F(CacheStoreFaultLoop, ALoadThatFailsAtEveryFileOperationSaysWhatBecameOfTh
   EXPECT_THAT(failures, ::testing::IsSupersetOf({"open", "remove", "none"}));
 }
 
-// A caller may ask any body the cache serves for a read into no buffer: a stream error, never
-// a write through null, and the body is still there to read. The first open of a fresh entry
-// reads the file its load opened, a second one in the same second the entry's remembered name,
-// and an answer that must not be stored comes from memory.
-TEST_F(CacheStoreFaultLoop, EveryBodyTheCacheServesRefusesAReadIntoNoBuffer) {
-  WriteFileBytes(m_entry, EntryBytes(1000, 2000, "", kKey, "the body"));
-  m_api.Queue(FakeResponse().Header(L"cache-control", L"no-store").Body("the body"));
-  for (const wchar_t* const opened : {kUrl, kUrl, L"http://example.test/no-store"}) {
-    auto stream = m_cache.OpenUrl(opened, 0, {});
-    ASSERT_NE(stream, nullptr);
-    EXPECT_THROW(stream->Read(nullptr, 1), std::runtime_error);
-    EXPECT_EQ(ReadAll(*stream), "the body");
-  }
-}
-
 #if !defined(_WIN32)  // a Windows DLL allocates through its own runtime, out of the test's reach
 // The same refresh with the Nth allocation of the opening thread failing, as when memory runs
 // out: the open serves the new body whole or nothing (std::bad_alloc may leave it before it
