@@ -108,14 +108,15 @@ bool FailAllocationAt(long n, Act act) {
 // A refresh of a stale entry with the Nth file operation, or the Nth allocation of the opening
 // thread, failing. The open serves the new body whole, or nothing (silent but for a copy into the
 // entry that failed, or the allocation; std::bad_alloc may leave it before it asks the server), or
-// with a file failing a body whose read fails with the file stream's error: never a partial body. The name
-// holds the old entry whole, the new one whole or nothing, no other file stays, and the next
-// open serves the new body.
+// with a file failing a body whose read fails with the file stream's error: never a partial body.
+// The name holds the old entry whole, the new one whole or nothing, no other file stays, and the
+// next open serves the new body.
 TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNullAndTearsNothing) {
   const std::string old_body = "the old body";
-  const char* const kinds[] = {"file operation",
+  const char* const kinds[] = {
+    "file operation",
 #if !defined(_WIN32)
-                               "allocation"
+    "allocation"
 #endif
   };
   bool rename_failed = false;
@@ -143,13 +144,14 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
         }
         stream.reset();
       };
-#if defined(_WIN32)
-      const std::string failed = FailAt(n, act);
-#else
-      const std::string failed = kind == "file operation"               ? FailAt(n, act)
-                                 : FailAllocationAt(static_cast<long>(n), act) ? "allocation"
-                                                                               : "none";
+      std::string failed = "none";
+      if (kind == "file operation") {
+        failed = FailAt(n, act);
+#if !defined(_WIN32)
+      } else if (FailAllocationAt(static_cast<long>(n), act)) {
+        failed = "allocation";
 #endif
+      }
       if (stream) served = ReadAll(*stream);
       stream.reset();
       const bool stored = failed == "none";
@@ -175,7 +177,8 @@ TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNu
       const std::string bytes = exists ? ReadFileBytes(m_entry) : "";
       const bool old_whole = EntryBody(bytes, "\"old\"", kKey) == old_body;
       const bool new_whole = EntryBody(bytes, "\"new\"", kKey) == kNewBody;
-      EXPECT_TRUE(!exists || old_whole || new_whole) << "torn entry of " << bytes.size() << " bytes";
+      EXPECT_TRUE(!exists || old_whole || new_whole)
+          << "torn entry of " << bytes.size() << " bytes";
       if (kind == "file operation") {
         EXPECT_FALSE(old_whole && served == "<null>") << "a refresh that failed kept the old entry";
       }
@@ -223,10 +226,11 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
     if (body == new_body) return "new body";
     return "another body of " + std::to_string(body.size()) + " bytes";
   };
-  const char* const kinds[] = {"file operation",
+  const char* const kinds[] = {
+    "file operation",
 #if !defined(_WIN32)
-                               "allocation opening a write stream",
-                               "allocation opening a read stream"
+    "allocation opening a write stream",
+    "allocation opening a read stream"
 #endif
   };
   for (const std::string kind : kinds) {
@@ -254,12 +258,14 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
         }
         if (kind == "file operation") written.reset();
       };
-#if defined(_WIN32)
-      const bool failed = FailAt(n, act) != "none";
-#else
-      const bool failed = kind == "file operation" ? FailAt(n, act) != "none"
-                                                   : FailAllocationAt(static_cast<long>(n), act);
+      bool failed = true;
+      if (kind == "file operation") {
+        failed = FailAt(n, act) != "none";
+#if !defined(_WIN32)
+      } else {
+        failed = FailAllocationAt(static_cast<long>(n), act);
 #endif
+      }
       SCOPED_TRACE(kind + " " + std::to_string(n) + (failed ? " failed" : ": none failed"));
       if (written) {
         ASSERT_EQ(written->Write(new_body.data(), new_body.size()), new_body.size());

@@ -75,8 +75,9 @@ tq::test::SameAnswerServer::Answer RangeAnswers(char fill, std::function<std::ui
     }
     if (total != 0) last = std::min(last, total - 1);
     return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
-           std::to_string(last) + "/" + of + "\r\nContent-Length: " +
-           std::to_string(last - first + 1) + "\r\n\r\n" + std::string(last - first + 1, fill);
+           std::to_string(last) + "/" + of +
+           "\r\nContent-Length: " + std::to_string(last - first + 1) + "\r\n\r\n" +
+           std::string(last - first + 1, fill);
   };
 }
 
