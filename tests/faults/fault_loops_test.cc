@@ -92,84 +92,131 @@ class CacheStoreFaultLoop : public FakeTransportTest {
 
 const std::string kCopyFailed =
     "Failed to read or write stream in CopyStream: FileWriteStream: cannot write the file\n";
+const std::string kOutOfMemory =
+    "Failed to read resource into cache: http://example.test/entry: std::bad_alloc\n";
 
+#if !defined(_WIN32)  // a Windows DLL allocates through its own runtime, out of the test's reach
+// `act` with the Nth allocation of this thread failing; whether it came to that.
+template <class Act>
+bool FailAllocationAt(long n, Act act) {
+  const FailingAllocation failing(n);
+  act();
+  return FailingAllocation::Failed();
+}
+#endif
+
+// A refresh of a stale entry with the Nth file operation, or the Nth allocation of the opening
+// thread, failing. The open serves the new body whole, or nothing (silent but for a copy into the
+// entry that failed, or the allocation; std::bad_alloc may leave it before it asks the server), or
+// with a file failing a body whose read fails with the file stream's error: never a partial body.
+// The name holds the old entry whole, the new one whole or nothing, no other file stays, and the
+// next open serves the new body.
 TEST_F(CacheStoreFaultLoop, AStoreThatFailsAtEveryFileOperationServesOrReturnsNullAndTearsNothing) {
   const std::string old_body = "the old body";
-  const fs::path temporary = fs::path(m_entry) += ".tmp";
-
+  const char* const kinds[] = {
+    "file operation",
+#if !defined(_WIN32)
+    "allocation"
+#endif
+  };
   bool rename_failed = false;
-  for (std::uint64_t n = 0;; ++n) {
-    ASSERT_LT(n, 200u) << "the store never got through";
-    // A stale entry of another tag, so that the open loads it, asks anew and replaces it.
-    WriteFileBytes(m_entry, EntryBytes(1, 999, "\"old\"", kKey, old_body));
-    m_api.Queue(NewAnswer());
-    m_log.Clear();
-    std::string served = "<null>";
-    const std::string failed = FailAt(n, [&] {
-      if (auto stream = m_cache.OpenUrl(kUrl, 0, {})) {
+  for (const std::string kind : kinds) {
+    for (std::uint64_t n = 0;; ++n) {
+      ASSERT_LT(n, 1000u) << "the store never got through";
+      // A stale entry of another tag, so that the open loads it, asks anew and replaces it.
+      WriteFileBytes(m_entry, EntryBytes(1, 999, "\"old\"", kKey, old_body));
+      m_api.Queue(NewAnswer());
+      m_log.Clear();
+      std::string served = "<null>";
+      std::unique_ptr<qv::io::IDataSeekableReadStream> stream;
+      // The open, and with a file failing the read too.
+      const auto act = [&] {
+        try {
+          stream = m_cache.OpenUrl(kUrl, 0, {});
+        } catch (const std::bad_alloc&) {
+          if (kind != "allocation") throw;
+        }
+        if (!stream || kind != "file operation") return;
         try {
           served = ReadAll(*stream, 65536);
         } catch (const std::runtime_error& e) {
           served = std::string("<thrown> ") + e.what();
         }
-      }
-    });
-    const bool stored = failed == "none";
-    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + failed);
-    // A store whose rename failed has lost its body: it is not renamed into place later, once
-    // the temporary file is no longer held (another writer may have taken that name by then, and
-    // its half-written file would become the entry). Windows renames no open file, so there the
-    // rename is made once it is closed.
-    if (failed == "rename") {
-      rename_failed = true;
+        stream.reset();
+      };
+      std::string failed = "none";
+      if (kind == "file operation") {
+        failed = FailAt(n, act);
 #if !defined(_WIN32)
-      EXPECT_TRUE(served == "<null>") << "served " << served.size() << " bytes";
+      } else if (FailAllocationAt(static_cast<long>(n), act)) {
+        failed = "allocation";
 #endif
-    }
-
-    // The new body whole; or null, silent but for a copy into the entry that failed; or a body
-    // stream whose read fails with the file stream's error. Never a partial body.
-    if (served == "<null>") {
-      EXPECT_THAT(m_log.Lines(), AnyOf(IsEmpty(), ElementsAre(kCopyFailed)));
-    } else {
-      EXPECT_THAT(served, AnyOf(kNewBody, "<thrown> FileReadStream: cannot read the file"));
-      EXPECT_THAT(m_log.Lines(), IsEmpty());
-    }
-    // The entry's name holds the old entry whole, the new one whole, or nothing.
-    if (fs::exists(m_entry)) {
-      const std::string bytes = ReadFileBytes(m_entry);
+      }
+      if (stream) served = ReadAll(*stream);
+      stream.reset();
+      const bool stored = failed == "none";
+      SCOPED_TRACE(kind + " " + std::to_string(n) + " failing: " + failed);
+      // A store whose rename failed has lost its body: it is not renamed into place later, once
+      // the temporary file is no longer held (another writer may have taken that name by then,
+      // and its half-written file would become the entry). Windows renames no open file, so
+      // there the rename is made once it is closed.
+      if (failed == "rename") {
+        rename_failed = true;
+#if !defined(_WIN32)
+        EXPECT_TRUE(served == "<null>") << "served " << served.size() << " bytes";
+#endif
+      }
+      if (served == "<null>") {
+        const std::string line = kind == "allocation" ? kOutOfMemory : kCopyFailed;
+        EXPECT_THAT(m_log.Lines(), AnyOf(IsEmpty(), ElementsAre(line)));
+      } else {
+        EXPECT_THAT(served, AnyOf(kNewBody, "<thrown> FileReadStream: cannot read the file"));
+        EXPECT_THAT(m_log.Lines(), IsEmpty());
+      }
+      const bool exists = fs::exists(m_entry);
+      const std::string bytes = exists ? ReadFileBytes(m_entry) : "";
       const bool old_whole = EntryBody(bytes, "\"old\"", kKey) == old_body;
       const bool new_whole = EntryBody(bytes, "\"new\"", kKey) == kNewBody;
-      EXPECT_TRUE(old_whole || new_whole) << "torn entry of " << bytes.size() << " bytes";
-      EXPECT_FALSE(old_whole && served == "<null>") << "a refresh that failed kept the old entry";
+      EXPECT_TRUE(!exists || old_whole || new_whole)
+          << "torn entry of " << bytes.size() << " bytes";
+      if (kind == "file operation") {
+        EXPECT_FALSE(old_whole && served == "<null>") << "a refresh that failed kept the old entry";
+      }
+      EXPECT_THAT(FileNames(m_cache.Directory()),
+                  AnyOf(IsEmpty(), ElementsAre(m_entry.filename().string())))
+          << "a file left behind";
+      if (stored) {
+        EXPECT_EQ(served, kNewBody);
+        EXPECT_TRUE(new_whole);
+        EXPECT_TRUE(m_api.ScriptConsumed());
+      }
+      // Whatever the failure left, the next open without one serves the body from the server
+      // or from a whole entry.
+      if (m_api.ScriptConsumed() && !new_whole) m_api.Queue(NewAnswer());
+      auto again = m_cache.OpenUrl(kUrl, 0, {});
+      ASSERT_NE(again, nullptr);
+      EXPECT_TRUE(ReadAll(*again) == kNewBody);
+      again.reset();  // Windows removes no open file
+      fs::remove(m_entry);
+      if (stored) break;
     }
-    EXPECT_FALSE(fs::exists(temporary)) << "temporary file left behind";
-    if (stored) {
-      EXPECT_EQ(served, kNewBody);
-      EXPECT_EQ(EntryBody(ReadFileBytes(m_entry), "\"new\"", kKey), kNewBody);
-    }
-    // Whatever the failure left, the next open without one serves the body from the server
-    // or from a whole entry.
-    if (!stored && !(fs::exists(m_entry) && EntryBody(ReadFileBytes(m_entry), "\"new\"", kKey))) {
-      m_api.Queue(NewAnswer());
-    }
-    auto again = m_cache.OpenUrl(kUrl, 0, {});
-    ASSERT_NE(again, nullptr);
-    EXPECT_EQ(ReadAll(*again), kNewBody);
-    again.reset();  // Windows removes no open file
-    fs::remove(m_entry);
-    if (stored) break;
   }
   EXPECT_TRUE(rename_failed);
 }
 
-// A body kept under a name of the caller's is written straight into its entry file. When the
-// open of the write stream fails, the caller is told (null) and no other body than the old one
-// whole is ever read back under the name; a write that fails throws to the caller and leaves
-// no body under the name.
+// A body kept under a name of the caller's is written straight into its entry file. Whatever
+// file operation fails while its write stream is made or written, or whatever allocation fails
+// while a write or read stream of the name is made, the caller is told (null, or the error
+// thrown), no other body than the old one or the new one whole is read back under the name, a
+// write cut short leaves no body, and the name is not left held: it can be written again.
 TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLeavesAFakeBody) {
   const std::string old_body(50000, 'o');
   const std::string new_body(100000, 'n');
+  const auto write = [&](const std::string& body) {
+    auto stream = m_cache.OpenWriteStream(L"name");
+    ASSERT_NE(stream, nullptr) << "the name is still held";
+    ASSERT_EQ(stream->Write(body.data(), body.size()), body.size());
+  };
   // What a reader gets under the name, told in a few words.
   const auto read_back = [&]() -> std::string {
     auto stream = m_cache.OpenReadStream(L"name");
@@ -179,34 +226,70 @@ TEST_F(CacheStoreFaultLoop, ANamedBodyWriteThatFailsAtEveryFileOperationNeverLea
     if (body == new_body) return "new body";
     return "another body of " + std::to_string(body.size()) + " bytes";
   };
-  for (std::uint64_t n = 0;; ++n) {
-    ASSERT_LT(n, 200u) << "the write never got through";
-    {
-      auto stream = m_cache.OpenWriteStream(L"name");
-      ASSERT_NE(stream, nullptr);
-      ASSERT_EQ(stream->Write(old_body.data(), old_body.size()), old_body.size());
-    }
-    std::string outcome = "<null>";
-    const std::string failed = FailAt(n, [&] {
-      if (auto stream = m_cache.OpenWriteStream(L"name")) {
+  const char* const kinds[] = {
+    "file operation",
+#if !defined(_WIN32)
+    "allocation opening a write stream",
+    "allocation opening a read stream"
+#endif
+  };
+  for (const std::string kind : kinds) {
+    for (std::uint64_t n = 0;; ++n) {
+      ASSERT_LT(n, 1000u) << "the " << kind << " never got through";
+      write(old_body);
+      std::string outcome = "<null>";
+      std::unique_ptr<qv::io::IDataSeekableWriteStream> written;
+      std::unique_ptr<qv::io::IDataSeekableReadStream> read;
+      // The open, and with a file failing the write too, the Nth step failing.
+      const auto act = [&] {
         try {
-          stream->Write(new_body.data(), new_body.size());
-          outcome = "written";
+          if (kind == "allocation opening a read stream") {
+            read = m_cache.OpenReadStream(L"name");
+          } else {
+            written = m_cache.OpenWriteStream(L"name");
+          }
+          if (written && kind == "file operation") {
+            written->Write(new_body.data(), new_body.size());
+            outcome = "written";
+          }
         } catch (const std::runtime_error& e) {
           outcome = std::string("<thrown> ") + e.what();
+        } catch (const std::bad_alloc&) {
+          if (kind == "file operation") throw;
         }
+        if (kind == "file operation") written.reset();
+      };
+      bool failed = true;
+      if (kind == "file operation") {
+        failed = FailAt(n, act) != "none";
+#if !defined(_WIN32)
+      } else {
+        failed = FailAllocationAt(static_cast<long>(n), act);
+#endif
       }
-    });
-    SCOPED_TRACE("failing operation " + std::to_string(n) + ": " + failed);
-    if (outcome == "<null>") {
-      EXPECT_THAT(read_back(), AnyOf("<null>", "old body"));
-    } else if (outcome == "written") {
+      SCOPED_TRACE(kind + " " + std::to_string(n) + (failed ? " failed" : ": none failed"));
+      if (written) {
+        ASSERT_EQ(written->Write(new_body.data(), new_body.size()), new_body.size());
+        written.reset();
+        outcome = "written";
+      }
+      if (read) {
+        EXPECT_TRUE(ReadAll(*read) == old_body);
+        read.reset();
+        outcome = "read";
+      }
+      if (outcome == "<null>") {
+        EXPECT_THAT(read_back(), AnyOf("<null>", "old body"));
+      } else if (outcome == "written" || outcome == "read") {
+        EXPECT_EQ(read_back(), outcome == "read" ? "old body" : "new body");
+      } else {
+        EXPECT_EQ(outcome, "<thrown> FileWriteStream: cannot write the file");
+        EXPECT_EQ(read_back(), "<null>") << "a body cut short by the failed write is read back";
+      }
+      write(new_body);
       EXPECT_EQ(read_back(), "new body");
-    } else {
-      EXPECT_EQ(outcome, "<thrown> FileWriteStream: cannot write the file");
-      EXPECT_EQ(read_back(), "<null>") << "a body cut short by the failed write is read back";
+      if (!failed) break;
     }
-    if (failed == "none") break;
   }
 }
 
@@ -245,68 +328,7 @@ TEST_F(CacheStoreFaultLoop, ALoadThatFailsAtEveryFileOperationSaysWhatBecameOfTh
   EXPECT_THAT(failures, ::testing::IsSupersetOf({"open", "remove", "none"}));
 }
 
-// A caller may ask any body the cache serves for a read into no buffer: a stream error, never
-// a write through null, and the body is still there to read. The first open of a fresh entry
-// reads the file its load opened, a second one in the same second the entry's remembered name,
-// and an answer that must not be stored comes from memory.
-TEST_F(CacheStoreFaultLoop, EveryBodyTheCacheServesRefusesAReadIntoNoBuffer) {
-  WriteFileBytes(m_entry, EntryBytes(1000, 2000, "", kKey, "the body"));
-  m_api.Queue(FakeResponse().Header(L"cache-control", L"no-store").Body("the body"));
-  for (const wchar_t* const opened : {kUrl, kUrl, L"http://example.test/no-store"}) {
-    auto stream = m_cache.OpenUrl(opened, 0, {});
-    ASSERT_NE(stream, nullptr);
-    EXPECT_THROW(stream->Read(nullptr, 1), std::runtime_error);
-    EXPECT_EQ(ReadAll(*stream), "the body");
-  }
-}
-
 #if !defined(_WIN32)  // a Windows DLL allocates through its own runtime, out of the test's reach
-// The same refresh with the Nth allocation of the opening thread failing, as when memory runs
-// out: the open serves the new body whole or nothing (std::bad_alloc may leave it before it
-// asks the server), the name holds the old entry whole, the new one whole or nothing, no
-// temporary file stays, and the next open serves the new body.
-// `act` with the Nth allocation of this thread failing; whether it came to that.
-template <class Act>
-bool FailAllocationAt(long n, Act act) {
-  const FailingAllocation failing(n);
-  act();
-  return FailingAllocation::Failed();
-}
-
-TEST_F(CacheStoreFaultLoop, AStoreThatRunsOutOfMemoryAtEveryAllocationTearsNothingAndRecovers) {
-  for (long n = 0;; ++n) {
-    ASSERT_LT(n, 1000) << "the open never got through";
-    WriteFileBytes(m_entry, EntryBytes(1, 999, "\"old\"", kKey, "the old body"));
-    m_api.Queue(NewAnswer());
-    std::unique_ptr<qv::io::IDataSeekableReadStream> stream;
-    const bool failed = FailAllocationAt(n, [&] {
-      try {
-        stream = m_cache.OpenUrl(kUrl, 0, {});
-      } catch (const std::bad_alloc&) {
-      }
-    });
-    SCOPED_TRACE("failing allocation " + std::to_string(n));
-    EXPECT_TRUE(!stream || ReadAll(*stream) == kNewBody);
-    stream.reset();
-    EXPECT_TRUE(failed || m_api.ScriptConsumed());
-    const std::string bytes = fs::exists(m_entry) ? ReadFileBytes(m_entry) : "";
-    const bool new_whole = EntryBody(bytes, "\"new\"", kKey) == kNewBody;
-    EXPECT_TRUE(bytes.empty() || new_whole || EntryBody(bytes, "\"old\"", kKey) == "the old body")
-        << "torn entry of " << bytes.size() << " bytes";
-    EXPECT_THAT(FileNames(m_cache.Directory()),
-                AnyOf(IsEmpty(), ElementsAre(m_entry.filename().string())))
-        << "a file left behind";
-    if (m_api.ScriptConsumed() && !new_whole) m_api.Queue(NewAnswer());
-    auto again = m_cache.OpenUrl(kUrl, 0, {});
-    ASSERT_NE(again, nullptr);
-    EXPECT_TRUE(ReadAll(*again) == kNewBody);
-    again.reset();
-    fs::remove(m_entry);
-    m_log.Clear();
-    if (!failed) break;
-  }
-}
-
 // The clean-up with the Nth allocation of the calling thread failing: the host's call still
 // returns true, and the run deletes whole entries or leaves them as they were.
 TEST_F(CacheStoreFaultLoop, ACleanUpThatRunsOutOfMemoryStillSucceedsAndLeavesEntriesWhole) {

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <utility>
@@ -57,6 +58,32 @@ bool AskedRange(const std::string& head, std::uint64_t* first, std::uint64_t* la
   const std::size_t at = head.find("Range: bytes=");
   return at != std::string::npos &&
          std::sscanf(head.c_str() + at, "Range: bytes=%" SCNu64 "-%" SCNu64, first, last) == 2;
+}
+
+// Answers a range with those bytes, all `fill`, of a file of `size(n)` bytes on the nth answer
+// (0: a size not given, "*"): cut at the file's end, 416 from past it, 400 without a range.
+tq::test::SameAnswerServer::Answer RangeAnswers(char fill, std::function<std::uint64_t(int)> size) {
+  auto answers = std::make_shared<std::atomic<int>>(0);
+  return [=](const std::string& head) -> std::string {
+    std::uint64_t first = 0, last = 0;
+    if (!AskedRange(head, &first, &last)) return "HTTP/1.1 400 Bad Request\r\n\r\n";
+    const std::uint64_t total = size((*answers)++);
+    const std::string of = total == 0 ? "*" : std::to_string(total);
+    if (total != 0 && first >= total) {
+      return "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" + of +
+             "\r\nContent-Length: 0\r\n\r\n";
+    }
+    if (total != 0) last = std::min(last, total - 1);
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
+           std::to_string(last) + "/" + of +
+           "\r\nContent-Length: " + std::to_string(last - first + 1) + "\r\n\r\n" +
+           std::string(last - first + 1, fill);
+  };
+}
+
+std::string Contents(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Each command's failure is one line that names the URL and ends in the reason. The reason is
@@ -183,30 +210,23 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
     std::signal(SIGXFSZ, handler);
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.output, "tqfetch: cannot write " + kept.string() + ": File too large\n");
-    std::ifstream in(kept, std::ios::binary);
-    const std::string left(std::istreambuf_iterator<char>(in), {});
+    const std::string left = Contents(kept);
     EXPECT_TRUE(left == "the old contents") << left.size() << " bytes";
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 1);
   }
 
   // A file whose size changes between two pieces of one range (read 8 MiB at a time) is a
   // failure: the bytes that would follow are another version's.
-  auto answers = std::make_shared<std::atomic<int>>(0);
-  tq::test::SameAnswerServer changing([answers](const std::string& head) -> std::string {
-    std::uint64_t first = 0, last = 0;
-    if (!AskedRange(head, &first, &last)) {
-      return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
-    }
-    const std::uint64_t total = (*answers)++ == 0 ? 9 << 20 : 10 << 20;
-    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
-           std::to_string(last) + "/" + std::to_string(total) + "\r\nContent-Length: " +
-           std::to_string(last - first + 1) + "\r\n\r\n" + std::string(last - first + 1, 'v');
-  });
+  std::atomic<int> answers = 0;
+  tq::test::SameAnswerServer changing(RangeAnswers('v', [&answers](int n) -> std::uint64_t {
+    ++answers;
+    return n == 0 ? 9 << 20 : 10 << 20;
+  }));
   const std::string changed = changing.Url("/v");
   const Outcome stitched = Tqfetch("range " + changed + " 0 " + std::to_string(9 << 20),
                                    home.path());
   EXPECT_EQ(stitched.status, 1);
-  EXPECT_EQ(answers->load(), 2);
+  EXPECT_EQ(answers, 2);
   ASSERT_GE(stitched.output.size(), std::size_t{8 << 20});
   EXPECT_EQ(stitched.output.find_first_not_of('v'), std::size_t{8 << 20}) << "the first piece";
   EXPECT_EQ(stitched.output.substr(8 << 20), "tqfetch: cannot read bytes 0+" +
@@ -275,45 +295,28 @@ TEST(TqfetchCliTest, FetchRangeAndDownloadWriteTheBodyAsItCameAndInfoEscapesCont
   // A server that gives no size in its Content-Range ("/*") is read whole: the length that comes
   // with each piece is that piece's own, and a shorter last piece is no other version. (After
   // the measure above: a child's peak counts from this process's size when it was forked.)
-  tq::test::SameAnswerServer sizeless([](const std::string& head) -> std::string {
-    std::uint64_t first = 0, last = 0;
-    if (!AskedRange(head, &first, &last)) {
-      return "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
-    }
-    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
-           std::to_string(last) + "/*\r\nContent-Length: " + std::to_string(last - first + 1) +
-           "\r\n\r\n" + std::string(last - first + 1, 'u');
-  });
-  const Outcome read = Tqfetch("range " + sizeless.Url("/u") + " 0 " + std::to_string(9 << 20),
-                                home.path());
-  EXPECT_EQ(read.status, 0) << read.output.substr(std::min<std::size_t>(read.output.size(),
-                                                                          8 << 20));
-  EXPECT_EQ(read.output.size(), std::size_t{9 << 20});
-  EXPECT_EQ(read.output.find_first_not_of('u'), std::string::npos);
   // A file that ends where a piece ends has nothing after it: the range ends there too, rather
   // than with the 416 that a piece past the end gets.
-  constexpr std::uint64_t kEight = 8 << 20;
-  tq::test::SameAnswerServer exact([](const std::string& head) -> std::string {
-    std::uint64_t first = 0, last = 0;
-    if (!AskedRange(head, &first, &last) || first >= kEight) {
-      return "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */8388608\r\n"
-             "Content-Length: 0\r\n\r\n";
-    }
-    last = std::min(last, kEight - 1);
-    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) + "-" +
-           std::to_string(last) + "/8388608\r\nContent-Length: " +
-           std::to_string(last - first + 1) + "\r\n\r\n" + std::string(last - first + 1, 'e');
-  });
-  const Outcome ends = Tqfetch("range " + exact.Url("/e") + " 0 8388609", home.path());
-  EXPECT_EQ(ends.status, 0) << ends.output.substr(std::min<std::size_t>(ends.output.size(), kEight));
-  EXPECT_EQ(ends.output.size(), kEight);
+  tq::test::SameAnswerServer sizeless(RangeAnswers('u', [](int) { return 0; }));
+  tq::test::SameAnswerServer exact(RangeAnswers('e', [](int) { return 8 << 20; }));
+  const struct {
+    std::string command;
+    std::size_t size;
+    char fill;
+  } ranges[] = {{"range " + sizeless.Url("/u") + " 0 " + std::to_string(9 << 20), 9 << 20, 'u'},
+                {"range " + exact.Url("/e") + " 0 8388609", 8 << 20, 'e'}};
+  for (const auto& [command, size, fill] : ranges) {
+    const Outcome run = Tqfetch(command, home.path());
+    EXPECT_EQ(run.status, 0) << run.output.substr(std::min(run.output.size(), size));
+    EXPECT_EQ(run.output.size(), size);
+    EXPECT_EQ(run.output.find_first_not_of(fill), std::string::npos);
+  }
   const std::filesystem::path file = home.path() / std::filesystem::path(u8"caf\u00e9 \u65e5.bin");
   for (const std::string& command : {"fetch " + url + " -o", "download " + url}) {
     std::filesystem::remove(file);
     const Outcome run = Tqfetch(command + " '" + file.string() + "'", home.path());
     EXPECT_EQ(run.status, 0) << command << ": " << run.output;
-    std::ifstream in(file, std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), body) << command;
+    EXPECT_EQ(Contents(file), body) << command;
   }
 
   tq::test::SameAnswerServer raw(
@@ -397,8 +400,7 @@ TEST(TqfetchCliTest, HelpVersionAndUsageErrors) {
   const Outcome spaced = Tqfetch("download '" + any.Url("/a b|c") + "' " + target.string(),
                                  home.path());
   EXPECT_EQ(spaced.status, 0) << spaced.output;
-  std::ifstream in(target, std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "ok");
+  EXPECT_EQ(Contents(target), "ok");
 }
 
 // tqfetch started as a shell starts it (signals at their defaults), with its disk cache in
@@ -443,8 +445,7 @@ std::string Listing(const std::filesystem::path& dir, const std::filesystem::pat
   for (const auto& entry : std::filesystem::directory_iterator(dir)) {
     names += entry.path().filename().string() + " ";
   }
-  std::ifstream in(file, std::ios::binary);
-  return names + "holding: " + std::string(std::istreambuf_iterator<char>(in), {});
+  return names + "holding: " + Contents(file);
 }
 
 // Ctrl-C, or a TERM, while a copy to FILE is being written ends the program at once, by that
@@ -516,8 +517,7 @@ TEST(TqfetchCliTest, StandardOutputCutOffClosedOrNamedAsTheFile) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) << command << ": " << status;
   }
-  std::ifstream said(home.path() / "err");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(said), {}), "");
+  EXPECT_EQ(Contents(home.path() / "err"), "");
   server.Route("/s", tq::test::ScriptedResponse(200, "small"));
   const pid_t child = Start({"fetch", server.Url("/s")}, home.path(), -1, err);
   int status = 0;
@@ -533,11 +533,9 @@ TEST(TqfetchCliTest, StandardOutputCutOffClosedOrNamedAsTheFile) {
   ASSERT_EQ(waitpid(through, &status, 0), through);
   close(append);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  std::ifstream logged(log);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(logged), {}), "before\nsmall");
+  EXPECT_EQ(Contents(log), "before\nsmall");
   close(err);
-  said.clear();
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(said), {}),
+  EXPECT_EQ(Contents(home.path() / "err"),
             "tqfetch: cannot write to standard output: Bad file descriptor\n");
 }
 
