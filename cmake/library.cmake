@@ -70,6 +70,8 @@ function(tq_add_library name)
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
                                             $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tqnetwork>)
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  # The headers are C++20: a host that links the package gets the standard it needs.
+  target_compile_features(${name} PUBLIC cxx_std_20)
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   tq_set_install_rpath(${name} "$ORIGIN")
   if(WIN32)
