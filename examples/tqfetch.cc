@@ -46,6 +46,7 @@
 #include "net/http/connection_pool.h"
 #include "net/http/http_init.h"
 #include "net/stream/open_file_or_url.h"
+#include "tqutil/file_url.h"
 #include "failure_reason.h"
 #include "output_file.h"
 #include "progress_line.h"
@@ -267,12 +268,24 @@ std::string ReadAll(qv::io::IDataReadStream& stream) {
   return body;
 }
 
+// Why a local path did not open, in the system's words; the library logs nothing for it.
+std::string LocalReason(const std::string& name) {
+  const fs::path path(std::u8string(name.begin(), name.end()));
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (error) return error.message();
+  if (fs::is_directory(status)) return Text(path) + " is a directory";
+  if (!fs::is_regular_file(status)) return Text(path) + " is not a regular file";
+  return {};
+}
+
 // The URL through the disk cache, which holds the body whole by the time it is handed out.
 std::unique_ptr<qv::io::IDataSeekableReadStream> OpenThroughCache(const std::string& url) {
   ForgetFailures();
   auto stream = qv::net::OpenFileOrUrl(Wide(url), 0, {});
-  if (!stream) throw Failed("could not open " + url);
-  return stream;
+  if (stream) return stream;
+  const bool local = TqUFileURL::GetURLType(Wide(url).c_str()) == 0;
+  throw Failed("could not open " + url, local ? LocalReason(url) : std::string());
 }
 
 std::string FetchThroughCache(const std::string& url) { return ReadAll(*OpenThroughCache(url)); }

@@ -158,6 +158,8 @@ TEST(TqfetchCliTest, FailuresAreOneLineNamingTheUrlAndTheReasonWithStatus1) {
                                      ": the server named no size, modification time or revision"},
       {"download " + short_url + " " + file,
        "download of " + short_url + " to " + file + " failed: the transfer did not complete"},
+      {"fetch " + nowhere, "could not open " + nowhere + ": No such file or directory"},
+      {"fetch " + fifo, "could not open " + fifo + ": " + fifo + " is not a regular file"},
       {"fetch " + server.Url("/a") + " -o " + nowhere,
        "cannot write " + nowhere + ": No such file or directory"},
       {"download " + server.Url("/a") + " " + nowhere,
