@@ -263,12 +263,17 @@ bool RenameHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& from,
 // would leave the body cut short under the entry's name, where a later read takes it for the
 // whole body: the entry goes at once, while the file is still held so that no other writer's
 // file is taken for it, and the stream writes nothing more. Where an open file cannot be
-// deleted (Windows), its start marker is cleared instead, and the next look at the name
-// deletes it as no entry.
+// deleted (Windows), it keeps the start marker it was made without, and the next look at the
+// name deletes it as no entry.
 class EntryBodyWriteStream final : public qv::io::FileWriteStream {
  public:
   EntryBodyWriteStream(TqUSysFile::Handle file, fs::path path)
       : qv::io::FileWriteStream(file), m_file(file), m_path(std::move(path)) {}
+
+  // The writer is done: the file becomes an entry (its start marker was left out until now).
+  ~EntryBodyWriteStream() override {
+    if (!m_failed) WriteStartMarker();
+  }
 
   std::uint64_t Write(const void* buffer, std::uint64_t size) override {
     if (m_failed) throw std::runtime_error("FileWriteStream: cannot write the file");
@@ -284,13 +289,16 @@ class EntryBodyWriteStream final : public qv::io::FileWriteStream {
   void Discard() noexcept {
     m_failed = true;
     std::error_code ec;
-    if (TqUSysFile::RemoveHeldFile(m_file, m_path, ec)) return;
-    if (!ec) return;  // the name holds another file by now, or none
-    static constexpr unsigned char kNoMarker[2] = {0, 0};
+    TqUSysFile::RemoveHeldFile(m_file, m_path, ec);
+  }
+
+  void WriteStartMarker() noexcept {
+    unsigned char marker[2];
+    ef::PutU16(marker, ef::kStartMarker);
     std::uint64_t written = 0;
     if (TqUSysFile::SeekFile(m_file, static_cast<std::int64_t>(ef::kStartMarkerOffset), 0) ==
         static_cast<std::int64_t>(ef::kStartMarkerOffset)) {
-      TqUSysFile::WriteFile(m_file, kNoMarker, sizeof kNoMarker, &written);
+      TqUSysFile::WriteFile(m_file, marker, sizeof marker, &written);
     }
   }
 
@@ -427,7 +435,7 @@ bool CacheEntry::UpdateETag(const std::optional<std::string>& tag) {
   return changed;
 }
 
-bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
+bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only, bool unfinished) {
   // A header on disk that does not add up (a file loaded with a header size its tag and key do
   // not fill, or overflow) is not one this header fits in front of: refused, not thrown, so
   // that its body is still served.
@@ -436,7 +444,7 @@ bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
 
   std::vector<unsigned char> header(ef::BodyOffset(size));
   ef::PutU16(&header[ef::kHeaderSizeOffset], size);
-  ef::PutU16(&header[ef::kStartMarkerOffset], ef::kStartMarker);
+  ef::PutU16(&header[ef::kStartMarkerOffset], unfinished ? std::uint16_t{0} : ef::kStartMarker);
   ef::PutI64(&header[ef::kLastUsedOffset], m_last_used);
   ef::PutI64(&header[ef::kExpiryOffset], m_expiry);
   std::size_t length = ef::kFixedPartSize;
@@ -466,7 +474,7 @@ bool CacheEntry::WriteHeader(TqUSysFile::Handle file, bool fixed_part_only) {
   return true;
 }
 
-TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
+TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path, bool unfinished) {
   // Checked before the file is opened, so that a refused header leaves an existing file as it
   // was instead of emptied.
   RequiredHeaderSize(m_etag, m_key, m_flags);
@@ -485,7 +493,7 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path) {
   // just made with it: an empty file must not stay behind under the name.
   bool written = false;
   try {
-    written = WriteHeader(file.get(), false);
+    written = WriteHeader(file.get(), false, unfinished);
   } catch (...) {
     DeleteHeldFile(file, file.get(), path);
     m_header_size = previous_size;
@@ -551,7 +559,10 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> CacheEntry::OpenWriteStream(st
   // just written for one that has not been touched since it was loaded.
   m_last_used = now;
   fs::path path = m_path;
-  const TqUSysFile::Handle handle = CreateEntryFile(m_path);
+  // Written in place, the body is under the entry's name while it grows: without its start
+  // marker until the stream is closed, a file whose writer was killed half-way is deleted at
+  // the next look instead of served as if the cut body were whole.
+  const TqUSysFile::Handle handle = CreateEntryFile(m_path, true);
   if (handle == TqUSysFile::kInvalid) return nullptr;
   std::unique_ptr<EntryBodyWriteStream> stream;
   try {

@@ -72,11 +72,12 @@ class CacheEntry {
   // False when the header on disk (as loaded) is not the size that the current tag, key and
   // flags need, so that this one would not end where the body starts, or when the write
   // fails. Throws gsl::narrowing_error for a tag, key or header too long for its 16-bit field.
-  bool WriteHeader(TqUSysFile::Handle file, bool fixed_part_only);
-  // Creates or empties `path` for exclusive writing and writes the whole header; the caller
-  // owns the handle. Null (and no file left behind) when it cannot; gsl::narrowing_error (as
-  // WriteHeader) is thrown before the file is touched.
-  TqUSysFile::Handle CreateEntryFile(const std::filesystem::path& path);
+  // An `unfinished` header has no start marker: the file is no entry until it is set.
+  bool WriteHeader(TqUSysFile::Handle file, bool fixed_part_only, bool unfinished = false);
+  // Creates or empties `path` for exclusive writing and writes the whole header (`unfinished`
+  // as in WriteHeader); the caller owns the handle. Null (and no file left behind) when it
+  // cannot; gsl::narrowing_error (as WriteHeader) is thrown before the file is touched.
+  TqUSysFile::Handle CreateEntryFile(const std::filesystem::path& path, bool unfinished = false);
 
   // Replaces the file with a header and the bytes of `source`, through Path() + ".tmp" and a
   // rename. False, with the old file untouched and no ".tmp" of ours left, when the ".tmp"
@@ -88,9 +89,10 @@ class CacheEntry {
              std::optional<std::uint64_t> expected_size = std::nullopt);
 
   // A stream over a fresh body written straight into the entry file (no ".tmp"); position 0 is
-  // the first body byte, the entry recorded as used at `now`. Null (and no file left behind)
-  // when the file cannot be created or moved to the body; gsl::narrowing_error as in
-  // CreateEntryFile.
+  // the first body byte, the entry recorded as used at `now`. The file becomes an entry when
+  // the stream is destroyed: one whose writer died half-way is no entry. Null (and no file
+  // left behind) when the file cannot be created or moved to the body; gsl::narrowing_error as
+  // in CreateEntryFile.
   std::unique_ptr<qv::io::IDataSeekableWriteStream> OpenWriteStream(std::int64_t now);
   // Records the use at `now` (and any new expiry) in the file's fixed part, skipped while the
   // file is in use, then a stream over the body; null when the file cannot be opened or no
