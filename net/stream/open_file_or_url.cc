@@ -36,7 +36,10 @@ StreamPtr OpenFileOrUrl(std::wstring_view name, int flags, qv::stop_token stop) 
   // GetURLType reads up to a NUL; a view need not end at one.
   const std::wstring text(name);
   if (TqUFileURL::GetURLType(text.c_str()) == 0) {
-    return qv::io::FileReadStream::Create(qv::PathOfWide(text));
+    bool whole = true;
+    const std::filesystem::path path = qv::PathOfWide(text, &whole);
+    if (!whole) return nullptr;  // the path would name another file
+    return qv::io::FileReadStream::Create(path);
   }
   if (IUrlCache* cache = CacheSystem()) return cache->OpenUrl(text, flags, std::move(stop));
   return ReadUrlIntoMemory(text, std::move(stop));
