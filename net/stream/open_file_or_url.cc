@@ -35,6 +35,9 @@ StreamPtr OpenFileOrUrl(std::wstring_view name, int flags, qv::stop_token stop) 
   if (stop.stop_requested()) return nullptr;
   // GetURLType reads up to a NUL; a view need not end at one.
   const std::wstring text(name);
+  // Every way on reads the name as a C string somewhere, which would end at a NUL inside it:
+  // the name of another file or resource.
+  if (text.find(L'\0') != std::wstring::npos) return nullptr;
   if (TqUFileURL::GetURLType(text.c_str()) == 0) {
     bool whole = true;
     const std::filesystem::path path = qv::PathOfWide(text, &whole);
