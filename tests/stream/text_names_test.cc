@@ -26,7 +26,10 @@ class StreamNamesTest : public tq::test::FakeTransportTest {
     std::filesystem::remove_all(m_dir);
     FakeTransportTest::TearDown();
   }
-  std::wstring Dir() const { return qv::Utf8ToWide(m_dir.string()); }
+  std::wstring Dir() const {
+    const std::u8string text = m_dir.u8string();
+    return qv::Utf8ToWide(std::string(text.begin(), text.end()));
+  }
   const std::filesystem::path m_dir = std::filesystem::temp_directory_path() / "tq_text_names";
 };
 
