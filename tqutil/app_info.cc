@@ -4,6 +4,8 @@
 #include <mutex>
 #include <string>
 
+#include "tqutil/utf8.h"
+
 namespace {
 
 struct AppName {
@@ -22,12 +24,19 @@ std::wstring CacheHome() {
   const wchar_t* local = _wgetenv(L"LOCALAPPDATA");
   return local && *local ? std::wstring(local) : std::wstring();
 #else
+  // A directory whose name is no UTF-8 text would be named with U+FFFD in its place: another
+  // directory. None is known then.
+  bool whole = true;
   // XDG: a relative $XDG_CACHE_HOME is invalid and must be ignored.
   const char* xdg = std::getenv("XDG_CACHE_HOME");
-  if (xdg && xdg[0] == '/') return qv::Utf8ToWide(xdg);
+  if (xdg && xdg[0] == '/') {
+    std::wstring x = qv::utf8::ToWide(xdg, &whole);
+    return whole ? x : std::wstring();
+  }
   const char* home = std::getenv("HOME");
   if (home && *home) {
-    std::wstring h = qv::Utf8ToWide(home);
+    std::wstring h = qv::utf8::ToWide(home, &whole);
+    if (!whole) return {};
     while (h.size() > 1 && h.back() == L'/') h.pop_back();
     return h + L"/.cache";
   }

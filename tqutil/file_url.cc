@@ -20,9 +20,9 @@ bool IsAsciiAlpha(wchar_t c) { return (c >= L'a' && c <= L'z') || (c >= L'A' && 
 
 // UTF-8 URI text with non-ASCII bytes, spaces and controls percent-encoded (file URLs are often
 // written with the path as it stands; those characters never occur in a valid URI).
-std::string ToUriText(const wchar_t* text) {
+std::string ToUriText(std::string_view utf8) {
   std::string out;
-  for (char ch : qv::WideToUtf8(text)) {
+  for (char ch : utf8) {
     const auto b = static_cast<unsigned char>(ch);
     if (b > 0x20 && b < 0x7F) {
       out.push_back(ch);
@@ -35,7 +35,11 @@ std::string ToUriText(const wchar_t* text) {
 
 // The local path named by a "file:" URL; empty when the text is not one or names another host.
 std::filesystem::path FileUrlToPath(const wchar_t* url) {
-  const std::string uri = ToUriText(url);  // the parsed view points into it
+  // Text that no UTF-8 holds would get U+FFFD in its path: the name of another file.
+  bool whole = true;
+  const std::string utf8 = qv::utf8::FromWide(url, &whole);
+  if (!whole) return {};
+  const std::string uri = ToUriText(utf8);  // the parsed view points into it
   auto parsed = boost::urls::parse_uri(uri);
   if (!parsed) return {};
   const boost::urls::url_view& u = *parsed;

@@ -35,8 +35,14 @@ StreamPtr OpenFileOrUrl(std::wstring_view name, int flags, qv::stop_token stop) 
   if (stop.stop_requested()) return nullptr;
   // GetURLType reads up to a NUL; a view need not end at one.
   const std::wstring text(name);
+  // Every way on reads the name as a C string somewhere, which would end at a NUL inside it:
+  // the name of another file or resource.
+  if (text.find(L'\0') != std::wstring::npos) return nullptr;
   if (TqUFileURL::GetURLType(text.c_str()) == 0) {
-    return qv::io::FileReadStream::Create(qv::PathOfWide(text));
+    bool whole = true;
+    const std::filesystem::path path = qv::PathOfWide(text, &whole);
+    if (!whole) return nullptr;  // the path would name another file
+    return qv::io::FileReadStream::Create(path);
   }
   if (IUrlCache* cache = CacheSystem()) return cache->OpenUrl(text, flags, std::move(stop));
   return ReadUrlIntoMemory(text, std::move(stop));

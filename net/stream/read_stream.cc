@@ -283,6 +283,10 @@ RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep) {
 HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token stop)
     : m_impl(std::make_unique<Impl>()) {
   const std::wstring text(url);
+  // Parsed as a C string, the URL would end at a NUL inside it: another resource.
+  if (text.find(L'\0') != std::wstring::npos) {
+    throw http_exception("Unable to create HTTP connection\n");
+  }
   const TqUURL parsed(text.c_str(), false);
   void* connection = ConnectOrThrow(parsed, stop);
   RequestGuard guard{*m_impl};

@@ -28,8 +28,9 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   static const int FlagMakeHeadRequest;
 
   /// GET `url` (after a HEAD with FlagMakeHeadRequest). Throws http_exception
-  /// "Unable to create HTTP connection\n" when no transport is installed, no connection can be
-  /// had, or a stop was requested by the time it was had; a later stop throws nothing.
+  /// "Unable to create HTTP connection\n" when no transport is installed, the URL holds a NUL,
+  /// no connection can be had, or a stop was requested by the time it was had; a later stop
+  /// throws nothing.
   HttpReadStream(std::wstring_view url, int flags, qv::stop_token stop);
   /// Sends the caller's request as it is (the handlers may change it), with no HEAD first.
   /// Throws as the URL constructor does.

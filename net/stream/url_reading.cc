@@ -36,6 +36,8 @@ std::unique_ptr<qv::io::IDataReadStream> OpenUrlReadStream(std::wstring_view url
   const std::wstring text(url);
   try {
     if (IsHttpUrl(text)) return HttpReadStream::Open(text, 0, std::move(stop));
+    // Handed on as a C string, the URL would end at a NUL inside it: another file's URL.
+    if (text.find(L'\0') != std::wstring::npos) return nullptr;
     return TqUFileURL::OpenURLReadStream(text.c_str(), std::move(stop));
   } catch (const std::runtime_error& e) {
     LogUrlFailure("Failed to open stream for URL: ", text, e);

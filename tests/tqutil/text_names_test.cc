@@ -1,0 +1,34 @@
+// Text that names a place in the file system, on its way from the system's own bytes.
+#include "tqutil/app_info.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+namespace {
+
+#if !defined(_WIN32)
+// A home that is no UTF-8 text was named with U+FFFD in its place: another directory, which a
+// cache then created and filled. Wide text cannot name such a directory, so none is named.
+TEST(AppInfoNamesTest, AHomeThatIsNoUtf8TextNamesNoDirectory) {
+  const auto variable = [](const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+  };
+  const std::optional<std::string> saved_xdg = variable("XDG_CACHE_HOME");
+  const std::optional<std::string> saved_home = variable("HOME");
+  for (const auto& [xdg, home] : {std::pair<const char*, const char*>{"/tmp/caf\xE9", "/home/u"},
+                                  {nullptr, "/home/caf\xE9"}}) {
+    xdg ? ::setenv("XDG_CACHE_HOME", xdg, 1) : ::unsetenv("XDG_CACHE_HOME");
+    ::setenv("HOME", home, 1);
+    TqUWideStringBuffer dir;
+    EXPECT_FALSE(TqUAppInfo::GetAppDir(0, &dir)) << home;
+  }
+  saved_xdg ? ::setenv("XDG_CACHE_HOME", saved_xdg->c_str(), 1) : ::unsetenv("XDG_CACHE_HOME");
+  saved_home ? ::setenv("HOME", saved_home->c_str(), 1) : ::unsetenv("HOME");
+}
+#endif
+
+}  // namespace
