@@ -561,14 +561,23 @@ void EnsureCacheDirectory(const fs::path& directory) {
 }  // namespace detail
 
 DiskCache::DiskCache(const wchar_t* directory) {
+  // A name that does not convert whole, or no application directory at all, would put the
+  // cache somewhere else (another directory, the working directory): no directory is used, the
+  // error on which the host falls back to a cache in memory.
+  bool whole = true;
   if (directory != nullptr) {
-    m_directory = qv::PathOfWide(directory);
+    m_directory = qv::PathOfWide(directory, &whole);
   } else {
     TqUWideStringBuffer app_dir;
-    TqUAppInfo::GetAppDir(0, &app_dir);
-    m_directory = qv::PathOfWide(app_dir.View()) / "DiskCache";
+    const bool known = TqUAppInfo::GetAppDir(0, &app_dir);
+    m_directory = qv::PathOfWide(app_dir.View(), &whole) / "DiskCache";
+    whole = whole && known;
   }
   m_directory /= "v1";
+  if (!whole) {
+    throw fs::filesystem_error("cache directory", m_directory,
+                               std::make_error_code(std::errc::no_such_file_or_directory));
+  }
   detail::EnsureCacheDirectory(m_directory);
   m_names = std::make_unique<detail::EntryNameIndex>();
 }
@@ -596,6 +605,8 @@ fs::path DiskCache::ComputeCacheLocation(std::wstring_view url, const fs::path& 
 std::unique_ptr<qv::io::IDataSeekableReadStream> DiskCache::OpenUrl(std::wstring_view url,
                                                                     int flags,
                                                                     qv::stop_token stop) {
+  // Read up to a NUL, such a URL would be keyed and fetched as the shorter one before it.
+  if (url.find(L'\0') != std::wstring_view::npos) return nullptr;
   try {
     // The one reading of the clock for this open (see OpenAfresh).
     const std::int64_t now = TqUSysTime::GetTimeNow();

@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <future>
@@ -680,13 +681,17 @@ TEST_F(CacheTest, ARevalidationKeepsTheEntryWhenItsTagStandsOrNoAnswerComes) {
 }
 
 // The request names what the entry is kept under: a dotted or differently cased spelling is
-// sent normalised (query kept), so its answer is the answer for the key it is stored under.
+// sent normalised (query kept), so its answer is the answer for the key it is stored under. A
+// URL holding a NUL names no entry.
 TEST_F(CacheTest, TheRequestIsBuiltFromTheNormalisedUrlTheEntryIsKeyedOn) {
   m_api.Queue(Ok("b", L"max-age=60", std::nullopt));
   EXPECT_EQ(Open(L"http://Example.TEST/x/./y/../../data.bin?q=%7e1"), "b");
   ASSERT_EQ(m_api.Sent().size(), 1u);
   EXPECT_EQ(m_api.Sent()[0].resource, L"/data.bin?q=~1");
   EXPECT_EQ(Open(kUrl), "b") << "the same entry, fresh";
+  EXPECT_EQ(m_api.Sent().size(), 1u);
+  // Read up to a NUL, this one would be served the shorter URL's entry.
+  EXPECT_EQ(Open(std::wstring(kUrl) + std::wstring(L"\0x", 2)), "<null>");
   EXPECT_EQ(m_api.Sent().size(), 1u);
 }
 
@@ -1305,6 +1310,29 @@ TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsT
     EXPECT_EQ(cache->OpenReadStream(L"kept"), nullptr);
     qv::net::TerminateCache();
   }
+#if !defined(_WIN32)
+  // A name no UTF-8 holds would be another directory (U+FFFD in its place), and the default
+  // with no home known would be the working directory: neither is used.
+  const fs::path working = fs::current_path();
+  fs::current_path(dir.path());
+  const char* home = std::getenv("HOME");
+  const std::string saved_home = home != nullptr ? home : "";
+  const char* xdg = std::getenv("XDG_CACHE_HOME");
+  const std::string saved_xdg = xdg != nullptr ? xdg : "";
+  ::unsetenv("HOME");
+  ::unsetenv("XDG_CACHE_HOME");
+  const std::wstring lone = qv::Utf8ToWide(dir.path().string()) + L"/d\xD800";
+  for (const wchar_t* name : {lone.c_str(), static_cast<const wchar_t*>(nullptr)}) {
+    qv::net::InitialiseCache(name);
+    EXPECT_NE(dynamic_cast<qv::net::InMemoryCache*>(qv::net::CacheSystem()), nullptr);
+    qv::net::TerminateCache();
+  }
+  if (home != nullptr) ::setenv("HOME", saved_home.c_str(), 1);
+  if (xdg != nullptr) ::setenv("XDG_CACHE_HOME", saved_xdg.c_str(), 1);
+  fs::current_path(working);
+  EXPECT_FALSE(fs::exists(dir.path() / "DiskCache"));
+  EXPECT_FALSE(fs::exists(dir.path() / "d\xEF\xBF\xBD"));
+#endif
   for (const fs::path& path : usable) {
     SCOPED_TRACE(path.string());
     qv::net::InitialiseCache(qv::Utf8ToWide(path.string()).c_str());
