@@ -152,7 +152,16 @@ bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {
 bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code& ec) {
   ec.clear();
   if (!WholePath(path, ec)) return false;
-  if (::mkdir(path.c_str(), 0700) == 0) {
+  // Another process clearing the same directory may remove it between the mkdir and the open
+  // after it: it is made again, a few times at most.
+  for (int attempt = 1;; ++attempt) {
+    if (::mkdir(path.c_str(), 0700) != 0) {
+      const int error = errno;
+      struct stat st = {};
+      if (error == EEXIST && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
+      ec = std::error_code(error, std::generic_category());
+      return false;
+    }
     CreatedForTesting();
     // The mode asked of mkdir loses what the umask takes away; owner-only is set as a whole,
     // on the directory made: one who may write the parent could swap a link in for it by now,
@@ -160,13 +169,8 @@ bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code&
     Descriptor made(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (made.fd >= 0 && ::fchmod(made.fd, 0700) == 0) return true;
     ec = Errno();
-    return false;
+    if (ec != std::errc::no_such_file_or_directory || attempt == 3) return false;
   }
-  const int error = errno;
-  struct stat st = {};
-  if (error == EEXIST && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
-  ec = std::error_code(error, std::generic_category());
-  return false;
 }
 
 namespace {

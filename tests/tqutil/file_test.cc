@@ -463,8 +463,9 @@ TEST(SysFileTest, PathsTakeTheLongFormOnlyOnceTidied) {
 
 #if !defined(_WIN32)  // Windows directories have access lists, not modes
 // One who may write the parent swapped a link in for the directory just made: its owner-only
-// mode was set by name, on the file the link leads to.
-TEST(SysFileTest, ADirectorySwappedForALinkAsItIsMadeGivesItsModeToNothing) {
+// mode was set by name, on the file the link leads to. One removed as it is made (another
+// process clearing the same cache) is made again, owner-only.
+TEST(SysFileTest, ADirectorySwappedOrRemovedAsItIsMadeGivesItsModeToNothingElse) {
   tq::test::TempDir dir;
   using std::filesystem::perms;
   const perms kept = perms::owner_read | perms::owner_write | perms::group_read;
@@ -479,6 +480,15 @@ TEST(SysFileTest, ADirectorySwappedForALinkAsItIsMadeGivesItsModeToNothing) {
   TqUSysDirectory::SetCreateHookForTesting({});
   EXPECT_TRUE(ec);
   EXPECT_EQ(std::filesystem::status(dir / "target").permissions() & perms::all, kept);
+
+  int removals = 0;
+  TqUSysDirectory::SetCreateHookForTesting([&] {
+    if (removals++ == 0) std::filesystem::remove(dir / "again");
+  });
+  EXPECT_TRUE(TqUSysDirectory::Create(dir / "again", ec)) << ec.message();
+  TqUSysDirectory::SetCreateHookForTesting({});
+  EXPECT_EQ(removals, 2);
+  EXPECT_EQ(std::filesystem::status(dir / "again").permissions() & perms::all, perms::owner_all);
 }
 #endif
 
