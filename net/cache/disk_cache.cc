@@ -468,6 +468,16 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> RefreshShared(CacheLookup& look
   return OpenAfresh(lookup.m_url, lookup.m_flags, stop, directory);
 }
 
+// The cache directory, made again should it be gone; false when it cannot be.
+bool RemadeDirectory(const fs::path& directory) {
+  try {
+    detail::EnsureCacheDirectory(directory);
+    return true;
+  } catch (const fs::filesystem_error&) {
+    return false;
+  }
+}
+
 std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
                                                             const qv::stop_token& stop,
                                                             const fs::path& directory) {
@@ -490,6 +500,12 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
     fs::path temporary = entry.Path();
     temporary += ".tmp";
     if (detail::KindOfEntryFile(temporary) == detail::EntryFileKind::kDirectory) {
+      return ReadUrlIntoMemory(lookup.m_url, stop);
+    }
+    // A miss may find the directory itself gone (a user's clean-up tool removed it while the
+    // host ran): made again, or every store would fail until the host restarts. Where it
+    // cannot be, the URL is read into memory, as for a directory unusable from the start.
+    if (!entry.IsValid() && !RemadeDirectory(directory)) {
       return ReadUrlIntoMemory(lookup.m_url, stop);
     }
     return RefreshShared(lookup, stop, directory);
@@ -643,7 +659,7 @@ std::unique_ptr<qv::io::IDataSeekableWriteStream> DiskCache::OpenWriteStream(
     std::wstring_view name) {
   try {
     CacheLookup lookup = MakeLookup(StoredBodyUrl(name), 0, m_directory);
-    if (!lookup.m_entry) return nullptr;
+    if (!lookup.m_entry || !RemadeDirectory(m_directory)) return nullptr;
     return lookup.m_entry->OpenWriteStream(TqUSysTime::GetTimeNow());
   } catch (const std::runtime_error&) {
     return nullptr;

@@ -695,6 +695,27 @@ TEST_F(CacheTest, TheRequestIsBuiltFromTheNormalisedUrlTheEntryIsKeyedOn) {
   EXPECT_EQ(m_api.Sent().size(), 1u);
 }
 
+// The directory removed while the host runs (a clean-up tool) is made again, owner-only, by
+// the next miss or named write: every store failed, and every URL opened as null, until the
+// host restarted.
+TEST_F(CacheTest, ADirectoryRemovedUnderTheCacheIsMadeAgainByTheNextStore) {
+  for (int round = 0; round < 2; ++round) {
+    fs::remove_all(m_cache.Directory());
+    if (round == 0) {
+      m_api.Queue(Ok("body", L"max-age=60", std::nullopt));
+      EXPECT_EQ(Open(), "body");
+      EXPECT_TRUE(m_cache.Contains(kUrl));
+    } else {
+      WriteNamed(L"kept", "named");
+      EXPECT_EQ(ReadNamed(L"kept"), "named");
+    }
+#if !defined(_WIN32)
+    EXPECT_EQ(fs::status(m_cache.Directory()).permissions() & fs::perms::all,
+              fs::perms::owner_all);
+#endif
+  }
+}
+
 // A stored-body name is the caller's own text: read as a URL, names differing in case, after a
 // "#" or a "?", or in an encoded letter shared one entry, and one was served the other's body.
 TEST_F(CacheTest, BodiesStoredUnderDifferentNamesStayApart) {
