@@ -29,6 +29,14 @@ bool HasCodingNotRemoved(const HeaderBlock& block) {
   }
 }
 
+// RFC 9110's idempotent methods: sent twice, they have the effect of one.
+bool IsIdempotent(std::string_view method) {
+  for (const std::string_view idempotent : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"}) {
+    if (method == idempotent) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 // Each is given the slot (TransferSlot::set_transfer); libcurl calls them only while a transfer
@@ -77,6 +85,15 @@ int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
   // went out, or one closed after a challenge), and through a proxy an https request needs a
   // tunnel on it first, whose answer is not the origin's.
   if (Transfer* self = owner->transfer()) {
+    // libcurl sends a request again, on a new connection, when the kept one it went out on
+    // closed without a byte of answer. The server may have carried it out all the same: a
+    // request that is not idempotent fails instead of taking effect twice unknown to its caller.
+    // (An answered challenge, which libcurl may also send on a new connection, left its block.)
+    if (self->request_out_ && self->response().empty() && self->pending().empty() &&
+        !IsIdempotent(self->method_)) {
+      self->header_error_ = ERROR_INTERNET_CONNECTION_RESET;
+      return CURL_SOCKOPT_ERROR;
+    }
     self->request_out_ = false;
     self->in_challenge_body_ = false;
     self->tunnel_challenged_ = false;
