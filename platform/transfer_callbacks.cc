@@ -171,9 +171,12 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
     return ERROR_SUCCESS;
   }
   // libcurl frames the body by each Transfer-Encoding line as it came, without what a folded
-  // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body.
-  if (!pending.ContentLengthAgrees() || pending.Folded("Transfer-Encoding") ||
-      HasCodingNotRemoved(pending)) {
+  // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body. An answer
+  // to a HEAD and a 304 have no body: their transfer coding, which a server may send, is what
+  // a GET would get.
+  const bool bodyless = status == 304 || method_ == "HEAD";
+  if (!pending.ContentLengthAgrees() ||
+      (!bodyless && (pending.Folded("Transfer-Encoding") || HasCodingNotRemoved(pending)))) {
     return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   }
   // The blocks exchange roles: each keeps the room it grew for the next one.
