@@ -68,6 +68,7 @@ int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {
   Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
   if (self == nullptr) return CURL_PREREQFUNC_ABORT;
   self->request_out_ = true;
+  self->answer_begun_ = false;
   self->in_challenge_body_ = false;
   self->OnConnected();
   return CURL_PREREQFUNC_OK;
@@ -88,9 +89,8 @@ int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
     // libcurl sends a request again, on a new connection, when the kept one it went out on
     // closed without a byte of answer. The server may have carried it out all the same: a
     // request that is not idempotent fails instead of taking effect twice unknown to its caller.
-    // (An answered challenge, which libcurl may also send on a new connection, left its block.)
-    if (self->request_out_ && self->response().empty() && self->pending().empty() &&
-        !IsIdempotent(self->method_)) {
+    // (A challenge's answer, which libcurl may send on a new connection, follows an answer.)
+    if (self->request_out_ && !self->answer_begun_ && !IsIdempotent(self->method_)) {
       self->header_error_ = ERROR_INTERNET_CONNECTION_RESET;
       return CURL_SOCKOPT_ERROR;
     }
@@ -119,6 +119,7 @@ void Transfer::OnFinalHeaders() {
 
 size_t Transfer::OnHeader(const char* data, size_t size) {
   progress_noted_ = true;
+  answer_begun_ = true;
   // Lines that come before libcurl sends the request are a proxy's answer to its CONNECT for an
   // https tunnel, not the origin's.
   const bool tunnel = !request_out_;

@@ -245,20 +245,32 @@ TEST_F(RequestReuseTest, TheKeptConnectionIsNotInheritedByProgramsTheHostStarts)
 
 // A kept connection that the server closes once it has read a request, without a byte of
 // answer: a GET may go again on a new connection, a POST (whose effect the server may have
-// carried out) is not sent twice behind the caller's back.
+// carried out) is not sent twice behind the caller's back, also when it went out answering a
+// challenge.
 TEST(KeptConnectionTest, ARequestThatIsNotIdempotentIsNotSentAgainAfterItsConnectionDied) {
-  for (const wchar_t* verb : {L"GET", L"POST", L"PATCH"}) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(verb)));
-    std::atomic<int> seen{0};  // of the second request
-    RawResponder server([&seen](RawConnection& c) {
+  const std::pair<const wchar_t*, bool> cases[] = {
+      {L"GET", false}, {L"POST", false}, {L"PATCH", false}, {L"POST", true}};
+  for (const auto& [verb, challenged] : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(verb)) + (challenged ? " challenged" : ""));
+    std::atomic<int> seen{0};  // of the second request, not counting those challenged
+    RawResponder server([&seen, challenged](RawConnection& c) {
       for (std::string head; !(head = c.ReadRequestHead()).empty();) {
-        if (!head.starts_with("GET /first ") && ++seen == 1) return;
-        c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+        if (challenged && head.find("\r\nAuthorization: ") == std::string::npos) {
+          c.Send("HTTP/1.1 401 Who\r\nWWW-Authenticate: Basic realm=\"r\"\r\n"
+                 "Content-Length: 0\r\n\r\n");
+        } else if (head.starts_with("GET /first ") || ++seen > 1) {
+          c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+        } else {
+          return;
+        }
       }
     });
     ASSERT_TRUE(server.ok());
     Handle session = OpenSession();
     Handle connection = Connect(session, server.port());
+    wchar_t user[] = L"bob", password[] = L"pw";
+    ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_USERNAME, user, 3));
+    ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PASSWORD, password, 2));
     ASSERT_EQ(Fetch(connection, L"/first"), "ok");
     const bool again = std::wstring(verb) == L"GET";
     EXPECT_EQ(Fetch(connection, L"/second", verb, L"", "pay"),
