@@ -29,7 +29,7 @@ bool HasCodingNotRemoved(const HeaderBlock& block) {
   }
 }
 
-// RFC 9110's idempotent methods: sent twice, they have the effect of one.
+// The idempotent methods: sent twice, they have the effect of one.
 bool IsIdempotent(std::string_view method) {
   for (const std::string_view idempotent : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"}) {
     if (method == idempotent) return true;
