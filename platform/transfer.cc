@@ -12,6 +12,7 @@
 #include "platform/curl_errors.h"
 #include "platform/fault_injection.h"
 #include "platform/internet_handle.h"
+#include "tqutil/decimal.h"
 
 namespace tqplatform {
 namespace {
@@ -427,6 +428,12 @@ void Transfer::End(CURLcode result) {
       had_headers || tunnel_refused || (result == CURLE_OK && !response().empty());
   if (complete) {
     error_ = result == CURLE_OK ? ERROR_SUCCESS : ErrorOf(result, had_headers);
+    // A proxy's refusal of a tunnel ends libcurl's transfer with an error, after it read the
+    // refusal's body and dropped it: a body announced empty is whole all the same.
+    const std::optional<std::string_view> length = response().Find("Content-Length");
+    if (!request_out_ && length && qv::ParseDecimal(*length) == std::uint64_t{0}) {
+      error_ = ERROR_SUCCESS;
+    }
     if (!had_headers) OnFinalHeaders();
   } else {
     error_ = result == CURLE_OK ? ERROR_HTTP_INVALID_SERVER_RESPONSE : ErrorOf(result, false);

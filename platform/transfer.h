@@ -314,6 +314,8 @@ class Transfer {
   std::size_t trailer_bytes_ = 0;  // of the chunked body's trailers
   // libcurl has sent this hop's request on the connection it uses now (a tunnel is up before).
   bool request_out_ = false;
+  // A line of an answer came since libcurl last sent a request (the hop's, or a challenge's).
+  bool answer_begun_ = false;
   // Until libcurl sends its answer, header lines are the trailers of the challenge's body.
   bool in_challenge_body_ = false;
   // The response is a proxy's 407 to the CONNECT of a tunnel, which libcurl answers on the

@@ -29,6 +29,14 @@ bool HasCodingNotRemoved(const HeaderBlock& block) {
   }
 }
 
+// The idempotent methods: sent twice, they have the effect of one.
+bool IsIdempotent(std::string_view method) {
+  for (const std::string_view idempotent : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"}) {
+    if (method == idempotent) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 // Each is given the slot (TransferSlot::set_transfer); libcurl calls them only while a transfer
@@ -60,6 +68,7 @@ int Transfer::PrereqCallback(void* slot, char*, char*, int, int) {
   Transfer* self = static_cast<TransferSlot*>(slot)->transfer();
   if (self == nullptr) return CURL_PREREQFUNC_ABORT;
   self->request_out_ = true;
+  self->answer_begun_ = false;
   self->in_challenge_body_ = false;
   self->OnConnected();
   return CURL_PREREQFUNC_OK;
@@ -77,6 +86,14 @@ int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
   // went out, or one closed after a challenge), and through a proxy an https request needs a
   // tunnel on it first, whose answer is not the origin's.
   if (Transfer* self = owner->transfer()) {
+    // libcurl sends a request again, on a new connection, when the kept one it went out on
+    // closed without a byte of answer. The server may have carried it out all the same: a
+    // request that is not idempotent fails instead of taking effect twice unknown to its caller.
+    // (A challenge's answer, which libcurl may send on a new connection, follows an answer.)
+    if (self->request_out_ && !self->answer_begun_ && !IsIdempotent(self->method_)) {
+      self->header_error_ = ERROR_INTERNET_CONNECTION_RESET;
+      return CURL_SOCKOPT_ERROR;
+    }
     self->request_out_ = false;
     self->in_challenge_body_ = false;
     self->tunnel_challenged_ = false;
@@ -102,6 +119,7 @@ void Transfer::OnFinalHeaders() {
 
 size_t Transfer::OnHeader(const char* data, size_t size) {
   progress_noted_ = true;
+  answer_begun_ = true;
   // Lines that come before libcurl sends the request are a proxy's answer to its CONNECT for an
   // https tunnel, not the origin's.
   const bool tunnel = !request_out_;
@@ -154,9 +172,12 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
     return ERROR_SUCCESS;
   }
   // libcurl frames the body by each Transfer-Encoding line as it came, without what a folded
-  // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body.
-  if (!pending.ContentLengthAgrees() || pending.Folded("Transfer-Encoding") ||
-      HasCodingNotRemoved(pending)) {
+  // line adds: "gzip,\r\n chunked" would hand over the chunks' framing as the body. An answer
+  // to a HEAD and a 304 have no body: their transfer coding, which a server may send, is what
+  // a GET would get.
+  const bool bodyless = status == 304 || method_ == "HEAD";
+  if (!pending.ContentLengthAgrees() ||
+      (!bodyless && (pending.Folded("Transfer-Encoding") || HasCodingNotRemoved(pending)))) {
     return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   }
   // The blocks exchange roles: each keeps the room it grew for the next one.

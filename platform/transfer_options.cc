@@ -89,6 +89,7 @@ void Transfer::ClearResponse() {
   challenges_answered_ = 0;
   progress_noted_ = false;
   request_out_ = false;
+  answer_begun_ = false;
   in_challenge_body_ = false;
   tunnel_challenged_ = false;
   result_ = CURLE_OK;

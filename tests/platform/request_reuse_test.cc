@@ -10,11 +10,13 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cwchar>
 #include <string>
 #include <vector>
 
 #include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
 
 namespace {
@@ -239,6 +241,42 @@ TEST_F(RequestReuseTest, TheKeptConnectionIsNotInheritedByProgramsTheHostStarts)
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "descriptor " << fd;
   }
   EXPECT_EQ(connected, 1);
+}
+
+// A kept connection that the server closes once it has read a request, without a byte of
+// answer: a GET may go again on a new connection, a POST (whose effect the server may have
+// carried out) is not sent twice behind the caller's back, also when it went out answering a
+// challenge.
+TEST(KeptConnectionTest, ARequestThatIsNotIdempotentIsNotSentAgainAfterItsConnectionDied) {
+  const std::pair<const wchar_t*, bool> cases[] = {
+      {L"GET", false}, {L"POST", false}, {L"PATCH", false}, {L"POST", true}};
+  for (const auto& [verb, challenged] : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(verb)) + (challenged ? " challenged" : ""));
+    std::atomic<int> seen{0};  // of the second request, not counting those challenged
+    RawResponder server([&seen, challenged](RawConnection& c) {
+      for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+        if (challenged && head.find("\r\nAuthorization: ") == std::string::npos) {
+          c.Send("HTTP/1.1 401 Who\r\nWWW-Authenticate: Basic realm=\"r\"\r\n"
+                 "Content-Length: 0\r\n\r\n");
+        } else if (head.starts_with("GET /first ") || ++seen > 1) {
+          c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+        } else {
+          return;
+        }
+      }
+    });
+    ASSERT_TRUE(server.ok());
+    Handle session = OpenSession();
+    Handle connection = Connect(session, server.port());
+    wchar_t user[] = L"bob", password[] = L"pw";
+    ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_USERNAME, user, 3));
+    ASSERT_TRUE(InternetSetOptionW(connection.get(), INTERNET_OPTION_PASSWORD, password, 2));
+    ASSERT_EQ(Fetch(connection, L"/first"), "ok");
+    const bool again = std::wstring(verb) == L"GET";
+    EXPECT_EQ(Fetch(connection, L"/second", verb, L"", "pay"),
+              again ? "ok" : "error " + std::to_string(ERROR_INTERNET_CONNECTION_RESET));
+    EXPECT_EQ(seen, again ? 2 : 1);
+  }
 }
 
 }  // namespace
