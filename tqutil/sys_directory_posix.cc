@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 using qv::sys_file::CreatedForTesting;
@@ -184,52 +185,104 @@ int RemoveName(int dir, const char* name, const char* leaf) {
   return ::unlinkat(dir, name, 0) == 0 ? 0 : errno;
 }
 
+// A directory being emptied: its descriptor, its names as listed, the next of them to remove,
+// and where the directory itself is named. Only the descriptor stays open while the directories
+// inside it are emptied; its listing (a buffer of tens of KiB) is closed once read.
+struct Level {
+  Level() = default;
+  Level(Level&& other) noexcept
+      : fd(std::exchange(other.fd, -1)),
+        names(std::move(other.names)),
+        next(other.next),
+        parent(other.parent),
+        name(std::move(other.name)) {}
+  Level& operator=(Level&&) = delete;
+  ~Level() { Close(); }
+  void Close() {
+    if (fd >= 0) ::close(std::exchange(fd, -1));
+  }
+
+  int fd = -1;
+  std::vector<std::string> names;
+  std::size_t next = 0;
+  int parent = AT_FDCWD;
+  std::string name;
+};
+
 // Removes `name` of the directory `parent` (a descriptor, or AT_FDCWD) and, when it is a
 // directory, everything in it first. A link is removed as itself: a directory is only ever
 // opened with O_NOFOLLOW, so one swapped for a link meanwhile is never entered. Whatever cannot
 // be removed is passed over and the rest still goes (libstdc++'s remove_all stops at the first
-// failure); the first failure is kept in `ec`. The count of names removed.
+// failure); the first failure is kept in `ec`. The count of names removed. The directories
+// entered are kept on a list of their own, not on the call stack: a tree may be as deep as
+// whoever can write the directory made it, and a call per level would run out of stack.
 std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
   const auto keep = [&ec](int error) {
     if (!ec && error != 0 && error != ENOENT) ec = std::error_code(error, std::generic_category());
   };
-  const char* slash = std::strrchr(name, '/');
-  const int unlink_error =
-      RemoveName(parent, name, slash != nullptr && slash[1] != '\0' ? slash + 1 : name);
-  if (unlink_error == 0) return 1;
-  // Linux refuses to unlink a directory with EISDIR, POSIX allows EPERM.
-  if (unlink_error != EISDIR && unlink_error != EPERM) {
-    keep(unlink_error);
-    return 0;
-  }
-  Descriptor fd(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (fd.fd < 0) {
-    keep(errno == ENOTDIR ? unlink_error : errno);  // a file that may not be removed
-    return 0;
-  }
   std::uintmax_t count = 0;
-  {
-    const std::unique_ptr<DIR, DirCloser> dir(::fdopendir(fd.fd));
-    if (!dir) {
-      keep(errno);
-      return 0;
+  std::vector<Level> levels;  // the directories entered, outermost first
+  // Removes `entry` of `at` when it is no directory; enters it (a new level) when it is one.
+  const auto remove = [&](int at, const std::string& entry, const char* leaf) {
+    const int unlink_error = RemoveName(at, entry.c_str(), leaf);
+    if (unlink_error == 0) {
+      ++count;
+      return;
     }
-    fd.release();  // the listing's now
-    // Listed whole before anything goes: a directory changed while read may skip names.
-    std::vector<std::string> names;
-    while (const dirent* item = ::readdir(dir.get())) {
-      if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
-        names.emplace_back(item->d_name);
+    // Linux refuses to unlink a directory with EISDIR, POSIX allows EPERM.
+    if (unlink_error != EISDIR && unlink_error != EPERM) {
+      keep(unlink_error);
+      return;
+    }
+    Descriptor fd(::openat(at, entry.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (fd.fd < 0) {
+      keep(errno == ENOTDIR ? unlink_error : errno);  // a file that may not be removed
+      return;
+    }
+    Level level;
+    {
+      // Listed through a descriptor of its own, so that the listing can go once read.
+      Descriptor listed(::dup(fd.fd));
+      if (listed.fd < 0) {
+        keep(errno);
+        return;
+      }
+      const std::unique_ptr<DIR, DirCloser> dir(::fdopendir(listed.fd));
+      if (!dir) {
+        keep(errno);
+        return;
+      }
+      listed.release();  // the listing's now
+      // Listed whole before anything goes: a directory changed while read may skip names.
+      while (const dirent* item = ::readdir(dir.get())) {
+        if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
+          level.names.emplace_back(item->d_name);
+        }
       }
     }
-    for (const std::string& inner : names) {
-      count += RemoveTreeAt(::dirfd(dir.get()), inner.c_str(), ec);
+    level.fd = fd.release();
+    level.parent = at;
+    level.name = entry;
+    levels.push_back(std::move(level));
+  };
+  const char* slash = std::strrchr(name, '/');
+  remove(parent, name, slash != nullptr && slash[1] != '\0' ? slash + 1 : name);
+  while (!levels.empty()) {
+    Level& level = levels.back();
+    if (level.next < level.names.size()) {
+      const std::string inner = level.names[level.next++];
+      remove(level.fd, inner, inner.c_str());
+      continue;
     }
-  }
-  if (::unlinkat(parent, name, AT_REMOVEDIR) == 0) {
-    ++count;
-  } else {
-    keep(errno);
+    // Emptied (as far as it goes): closed before the directory goes.
+    Level done = std::move(level);
+    levels.pop_back();
+    done.Close();
+    if (::unlinkat(done.parent, done.name.c_str(), AT_REMOVEDIR) == 0) {
+      ++count;
+    } else {
+      keep(errno);
+    }
   }
   return count;
 }

@@ -1,0 +1,95 @@
+#include "tqutil/sys_file.h"
+
+#include <gtest/gtest.h>
+
+#if !defined(_WIN32)
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include "tests/support/servers/temp_dir.h"
+
+#if !defined(_WIN32)
+namespace {
+
+namespace fs = std::filesystem;
+
+// A removal run on a thread whose stack is far smaller than the tree is deep.
+struct Removal {
+  fs::path path;
+  std::error_code ec;
+  std::uintmax_t removed = 0;
+};
+
+constexpr std::size_t kDepth = 3000;
+constexpr std::size_t kSmallStack = 128 * 1024;
+
+std::size_t MakeChain(const fs::path& directory, std::size_t depth) {
+  // One descriptor a level is still the removal's bound: as many as the process may have.
+  rlimit files = {};
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+    getrlimit(RLIMIT_NOFILE, &files);
+    depth = std::min<std::size_t>(depth, files.rlim_cur - 64);
+  }
+  int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY);
+  for (std::size_t i = 0; i < depth && fd >= 0; ++i) {
+    const int inner = ::mkdirat(fd, "d", 0700) == 0 ? ::openat(fd, "d", O_RDONLY | O_DIRECTORY) : -1;
+    ::close(fd);
+    fd = inner;
+  }
+  if (fd < 0) return 0;
+  const int file = ::openat(fd, "f", O_WRONLY | O_CREAT, 0600);
+  ::close(fd);
+  if (file < 0) return 0;
+  ::close(file);
+  return depth;
+}
+
+void RemoveOnSmallStack(Removal& run) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, std::max<std::size_t>(PTHREAD_STACK_MIN, kSmallStack));
+  pthread_t thread;
+  const int made = pthread_create(
+      &thread, &attributes,
+      [](void* arg) -> void* {
+        auto* r = static_cast<Removal*>(arg);
+        r->removed = TqUSysDirectory::RemoveTree(r->path, r->ec);
+        return nullptr;
+      },
+      &run);
+  pthread_attr_destroy(&attributes);
+  ASSERT_EQ(made, 0);
+  pthread_join(thread, nullptr);
+}
+
+// Regression: a tree removal went one call deeper for every level of the tree, so a chain of
+// directories planted in a shared cache directory crashed the host's Clear() once it was deeper
+// than the calling thread's stack could hold (a few thousand levels). The removal's stack no
+// longer grows with the tree's depth.
+TEST(SysDirectoryTest, ADeepChainOfDirectoriesIsRemovedOnASmallStack) {
+  tq::test::TempDir temp;
+  const std::size_t depth = MakeChain(temp.path(), kDepth);
+  ASSERT_GT(depth, 0u);
+  Removal run;
+  run.path = temp.path() / "d";
+  RemoveOnSmallStack(run);
+  EXPECT_FALSE(run.ec) << run.ec.message();
+  EXPECT_EQ(run.removed, depth + 1);  // every directory and the file at the bottom
+  EXPECT_FALSE(fs::exists(run.path));
+}
+
+}  // namespace
+#endif
