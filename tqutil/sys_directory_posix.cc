@@ -189,20 +189,9 @@ int RemoveName(int dir, const char* name, const char* leaf) {
 // and where the directory itself is named. Only the descriptor stays open while the directories
 // inside it are emptied; its listing (a buffer of tens of KiB) is closed once read.
 struct Level {
-  Level() = default;
-  Level(Level&& other) noexcept
-      : fd(std::exchange(other.fd, -1)),
-        names(std::move(other.names)),
-        next(other.next),
-        parent(other.parent),
-        name(std::move(other.name)) {}
-  Level& operator=(Level&&) = delete;
-  ~Level() { Close(); }
-  void Close() {
-    if (fd >= 0) ::close(std::exchange(fd, -1));
-  }
+  explicit Level(Descriptor directory) : fd(std::move(directory)) {}
 
-  int fd = -1;
+  Descriptor fd;
   std::vector<std::string> names;
   std::size_t next = 0;
   int parent = AT_FDCWD;
@@ -239,10 +228,10 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
       keep(errno == ENOTDIR ? unlink_error : errno);  // a file that may not be removed
       return;
     }
-    Level level;
+    Level level(std::move(fd));
     {
       // Listed through a descriptor of its own, so that the listing can go once read.
-      Descriptor listed(::dup(fd.fd));
+      Descriptor listed(::dup(level.fd.fd));
       if (listed.fd < 0) {
         keep(errno);
         return;
@@ -260,7 +249,6 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
         }
       }
     }
-    level.fd = fd.release();
     level.parent = at;
     level.name = entry;
     levels.push_back(std::move(level));
@@ -271,13 +259,13 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
     Level& level = levels.back();
     if (level.next < level.names.size()) {
       const std::string inner = level.names[level.next++];
-      remove(level.fd, inner, inner.c_str());
+      remove(level.fd.fd, inner, inner.c_str());
       continue;
     }
     // Emptied (as far as it goes): closed before the directory goes.
     Level done = std::move(level);
     levels.pop_back();
-    done.Close();
+    ::close(done.fd.release());
     if (::unlinkat(done.parent, done.name.c_str(), AT_REMOVEDIR) == 0) {
       ++count;
     } else {

@@ -174,6 +174,7 @@ struct Descriptor {
   ~Descriptor() {
     if (fd >= 0) ::close(fd);
   }
+  Descriptor(Descriptor&& other) noexcept : fd(other.release()) {}
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
   int release() { return std::exchange(fd, -1); }
