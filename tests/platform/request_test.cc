@@ -467,6 +467,9 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
        "Transfer-Encoding: chunked\r\n\r\n4\r\nwho?\r\n0\r\nX-T: 1\r\n\r\n",
        true, 407, 0},
       {"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", false, 403, 0},
+      // The proxy's, not the origin's: followed, it would choose where the answer comes from.
+      {"HTTP/1.1 302 Go\r\nLocation: https://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n", false,
+       302, 0},
       {"HTTP/1.1 200 Connection established\r\n\r\nno TLS here\r\n\r\n", false, 0,
        ERROR_INTERNET_SECURITY_CHANNEL_ERROR},
   };
