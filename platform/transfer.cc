@@ -236,6 +236,9 @@ DWORD Transfer::RunHop(int hop, bool* same_origin, bool* follow) {
   if (DWORD error = Configure(*same_origin)) return error;
   if (DWORD error = Drive(Goal::kHeaders)) return error;
   if (state_ == TransferState::kFailed) return error_;
+  // A proxy's answer to a tunnel's CONNECT is no redirect of the origin's: followed, the proxy,
+  // which sees the request's host in the clear, would choose where its answer comes from.
+  if (proxy_answered_) return ERROR_SUCCESS;
   // Lent to the policy and taken back: it changes them only when the response redirects.
   Hop next{std::move(request_.url), std::move(request_.method), *same_origin};
   const DWORD error = NextHop(request_.redirects, response(), hop, &next, follow);
@@ -423,7 +426,10 @@ void Transfer::End(CURLcode result) {
   // when the proxy refuses its credentials: the caller sees the 407, as without credentials.
   // (Not when this layer stopped it: a challenge without end is a failure.)
   const bool tunnel_refused = !had_headers && tunnel_challenged_ && header_error_ == 0;
-  if (tunnel_refused) OnConnected();
+  if (tunnel_refused) {
+    OnConnected();
+    proxy_answered_ = true;
+  }
   const bool complete =
       had_headers || tunnel_refused || (result == CURLE_OK && !response().empty());
   if (complete) {

@@ -321,6 +321,8 @@ class Transfer {
   // The response is a proxy's 407 to the CONNECT of a tunnel, which libcurl answers on the
   // connection it came on: when libcurl gives up instead, that 407 is the final response.
   bool tunnel_challenged_ = false;
+  // The final response is a proxy's refusal of a tunnel, not an answer of the origin's.
+  bool proxy_answered_ = false;
   CURLcode result_ = CURLE_OK;
   DWORD error_ = 0;  // the failure to report: of the open, or (sticky) of the body
   char error_text_[CURL_ERROR_SIZE] = {};  // the slot's, kept when the slot goes back

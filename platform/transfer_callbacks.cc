@@ -195,6 +195,7 @@ DWORD Transfer::OnHeaderBlock(bool tunnel) {
     clock_.RequestSent(Clock::now());  // the answer goes out as a new request
     return ERROR_SUCCESS;
   }
+  proxy_answered_ = tunnel;
   MoveTo(TransferState::kReceiving);
   OnFinalHeaders();
   return ERROR_SUCCESS;

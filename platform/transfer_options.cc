@@ -92,6 +92,7 @@ void Transfer::ClearResponse() {
   answer_begun_ = false;
   in_challenge_body_ = false;
   tunnel_challenged_ = false;
+  proxy_answered_ = false;
   result_ = CURLE_OK;
   error_ = ERROR_SUCCESS;
   error_text_[0] = '\0';

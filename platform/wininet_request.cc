@@ -272,10 +272,13 @@ DWORD Request::QueryRequestHeaders(DWORD level, void* buffer, DWORD* buffer_leng
   }
   HeaderBlock block;
   const std::string& target = transfer_->sent_target();
+  // A redirect's Location may carry a fragment, which libcurl keeps out of the request line.
+  const auto path_end = url.find('#', path_start);
   block.SetRequest(transfer_->method() + " " +
                        (!target.empty()                   ? target
                         : path_start == std::string::npos ? "/"
-                                                          : url.substr(path_start)) +
+                                                          : url.substr(path_start,
+                                                                       path_end - path_start)) +
                        (http10_ ? " HTTP/1.0" : " HTTP/1.1"),
                    lines);
   return QueryHeaderBlock(block, transfer_->method(), level & ~HTTP_QUERY_FLAG_REQUEST_HEADERS,

@@ -117,6 +117,15 @@ TEST_F(RequestTest, ARedirectToAnotherOriginLeavesTheCallersCredentialLinesBehin
     return got;
   };
   EXPECT_EQ(get(L"/here"), "Host=named;Authorization=Bearer t;Cookie=c=1;X-Other=o;");
+  {  // A fragment is never sent, and is not reported as sent.
+    server_.Route("/fragment", ScriptedResponse(302).Header("Location", "/seen#part"));
+    Handle request = OpenRequest(connection_, L"/fragment");
+    ASSERT_TRUE(Send(request));
+    const std::string head =
+        QueryText(request, HTTP_QUERY_RAW_HEADERS_CRLF | HTTP_QUERY_FLAG_REQUEST_HEADERS);
+    EXPECT_EQ(head.substr(0, head.find("\r\n")), "GET /seen HTTP/1.1");
+    EXPECT_EQ(server_.requests().back().path, "/seen");
+  }
   EXPECT_EQ(get(L"/away"),
             "Host=" + other_host + ";Authorization=<none>;Cookie=<none>;X-Other=o;");
   EXPECT_EQ(get(L"/away-with-userinfo"),
@@ -467,6 +476,9 @@ TEST(HttpsTest, ASelfSignedServerIsRefusedUntilTrustedAndATunnelGivesTheOriginsA
        "Transfer-Encoding: chunked\r\n\r\n4\r\nwho?\r\n0\r\nX-T: 1\r\n\r\n",
        true, 407, 0},
       {"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", false, 403, 0},
+      // The proxy's, not the origin's: followed, it would choose where the answer comes from.
+      {"HTTP/1.1 302 Go\r\nLocation: https://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n", false,
+       302, 0},
       {"HTTP/1.1 200 Connection established\r\n\r\nno TLS here\r\n\r\n", false, 0,
        ERROR_INTERNET_SECURITY_CHANNEL_ERROR},
   };
