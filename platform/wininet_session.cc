@@ -102,6 +102,34 @@ Session::Session(std::string agent, ProxyMode mode, std::string proxy,
 
 Session::~Session() = default;
 
+std::uint64_t Session::SlotIdled() {
+  idle_slots_.fetch_add(1, std::memory_order_relaxed);
+  return idle_stamps_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void Session::TrimIdleSlots() noexcept {
+  // Rare (only past the bound), so the connections are looked through rather than tracked.
+  try {
+    while (idle_slots_.load(std::memory_order_relaxed) > kMaxIdleSlotsPerSession) {
+      std::shared_ptr<Connection> oldest;
+      std::uint64_t stamp = 0;
+      for (std::shared_ptr<InternetObject>& child : Children()) {
+        if (child->kind() != HandleKind::kConnection) continue;
+        auto connection = std::static_pointer_cast<Connection>(std::move(child));
+        const std::optional<std::uint64_t> its = connection->OldestIdleStamp();
+        if (its.has_value() && (oldest == nullptr || *its < stamp)) {
+          stamp = *its;
+          oldest = std::move(connection);
+        }
+      }
+      // Taken meanwhile by a request: the next slot made idle trims again.
+      if (oldest == nullptr || !oldest->DropIdleSlot(stamp)) return;
+    }
+  } catch (const std::bad_alloc&) {
+    // No room to look: the slots stay until a later release finds some.
+  }
+}
+
 void Session::Lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
   static_cast<Session*>(self)->locks_[data].lock();
 }
@@ -186,6 +214,7 @@ Connection::~Connection() {
   // Outside the lock: a transfer's end hands its room back through KeepStorage.
   transfers.clear();
   std::lock_guard lock(slots_mutex_);
+  session_->SlotsTaken(idle_.size());
   idle_.clear();
   spare_storage_.clear();
 }
@@ -262,8 +291,9 @@ std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
   }
   std::unique_ptr<TransferSlot> slot;
   if (!idle_.empty()) {
-    slot = std::move(idle_.back());
+    slot = std::move(idle_.back().slot);
     idle_.pop_back();
+    session_->SlotsTaken(1);
   } else {
     slot = TransferSlot::Create();
     if (slot == nullptr) {
@@ -329,7 +359,8 @@ void Connection::Release(std::unique_ptr<TransferSlot> slot) {
     // After the bound was lowered, surplus slots close their connections.
     if (idle_.size() + in_use_ < MaxConnsLocked()) {
       try {
-        idle_.push_back(std::move(slot));
+        idle_.reserve(idle_.size() + 1);
+        idle_.push_back({std::move(slot), session_->SlotIdled()});
       } catch (const std::bad_alloc&) {
         // No room to keep it: it goes with its connection, and the transfer that gave it back
         // carries on as if it had been kept (a release must not fail halfway).
@@ -340,6 +371,28 @@ void Connection::Release(std::unique_ptr<TransferSlot> slot) {
     waiters = waiting_.load(std::memory_order_relaxed) != 0;
   }
   if (waiters) slots_cv_.notify_all();
+  surplus.reset();
+  session_->TrimIdleSlots();
+}
+
+std::optional<std::uint64_t> Connection::OldestIdleStamp() const {
+  std::lock_guard lock(slots_mutex_);
+  if (idle_.empty()) return std::nullopt;
+  return idle_.front().stamp;
+}
+
+bool Connection::DropIdleSlot(std::uint64_t stamp) {
+  std::unique_ptr<TransferSlot> dropped;
+  std::vector<std::string> storage;
+  {
+    std::lock_guard lock(slots_mutex_);
+    if (idle_.empty() || idle_.front().stamp != stamp) return false;
+    dropped = std::move(idle_.front().slot);
+    idle_.erase(idle_.begin());
+    session_->SlotsTaken(1);
+    if (idle_.empty() && in_use_ == 0) storage.swap(spare_storage_);
+  }
+  return true;  // the slot closes its connection here, outside the lock
 }
 
 void Connection::WakeWaiters() {

@@ -27,6 +27,10 @@ namespace tqplatform {
 
 // Defaults of the options below; WinINet's own for an HTTP/1.1 server.
 inline constexpr DWORD kDefaultMaxConnsPerServer = 2;
+// Idle slots kept across all the connections of a session: each holds a kept-alive socket and
+// its multi handle's wake-up pair, and a host keeps a connection handle per server for as long
+// as it runs. Past the bound, the slot idle longest goes; its connection handle stays.
+inline constexpr std::size_t kMaxIdleSlotsPerSession = 32;
 inline constexpr DWORD kDefaultConnectTimeoutMs = 60'000;
 inline constexpr DWORD kDefaultSendTimeoutMs = 30'000;
 inline constexpr DWORD kDefaultReceiveTimeoutMs = 60'000;
@@ -112,6 +116,14 @@ class Session : public InternetObject {
   const std::vector<std::string>& proxy_bypass() const { return proxy_bypass_; }
   SettingsHolder& settings() { return settings_; }
 
+  // Bookkeeping of its connections' idle slots (see kMaxIdleSlotsPerSession): a slot made idle
+  // gets a stamp, later ones larger.
+  std::uint64_t SlotIdled();
+  void SlotsTaken(std::size_t count) { idle_slots_.fetch_sub(count, std::memory_order_relaxed); }
+  // Drops the slots idle longest until the bound holds. Never throws; called without any
+  // connection's lock held.
+  void TrimIdleSlots() noexcept;
+
  private:
   static void Lock(CURL*, curl_lock_data data, curl_lock_access, void* self);
   static void Unlock(CURL*, curl_lock_data data, void* self);
@@ -122,6 +134,8 @@ class Session : public InternetObject {
   std::string proxy_;
   std::vector<std::string> proxy_bypass_;
   SettingsHolder settings_;
+  std::atomic<std::size_t> idle_slots_{0};
+  std::atomic<std::uint64_t> idle_stamps_{0};
 };
 
 // A connection's slots are its WinINet rule "max connections per server": a request checks one
@@ -155,6 +169,11 @@ class Connection : public InternetObject, public SlotSource {
   // Kept for the next slot checked out without room of its own, up to one per slot.
   void KeepStorage(std::string storage) override;
   void WakeWaiters();
+  // The stamp of this connection's slot idle longest; none without an idle slot.
+  std::optional<std::uint64_t> OldestIdleStamp() const;
+  // Closes the idle slot stamped `stamp`, and the storage kept for slots once none is left;
+  // false when that slot is no longer idle.
+  bool DropIdleSlot(std::uint64_t stamp);
 
   // A transfer for a new request, stopped by `stop`: one a closed request left, when there is
   // one, whose buffers are warm and as large as requests on this connection need.
@@ -184,7 +203,11 @@ class Connection : public InternetObject, public SlotSource {
 
   mutable std::mutex slots_mutex_;
   std::condition_variable slots_cv_;
-  std::vector<std::unique_ptr<TransferSlot>> idle_;  // most recently used last
+  struct IdleSlot {
+    std::unique_ptr<TransferSlot> slot;
+    std::uint64_t stamp;  // from the session's SlotIdled
+  };
+  std::vector<IdleSlot> idle_;  // most recently used last
   std::vector<std::string> spare_storage_;            // see KeepStorage
   std::vector<std::unique_ptr<Transfer>> spare_transfers_;  // see KeepTransfer; made ready
   DWORD in_use_ = 0;

@@ -40,6 +40,33 @@ std::vector<std::string> Values(const RecordedRequest& request, const std::strin
   return values;
 }
 
+// The descriptors of this process connected to `port` on this machine.
+std::vector<int> SocketsTo(int port) {
+  std::vector<int> sockets;
+  for (int fd = 0; fd < 1024; ++fd) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+        peer.sin_family == AF_INET && ntohs(peer.sin_port) == port) {
+      sockets.push_back(fd);
+    }
+  }
+  return sockets;
+}
+
+int UnixSockets() {
+  int count = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+        address.ss_family == AF_UNIX) {
+      ++count;
+    }
+  }
+  return count;
+}
+
 class RequestReuseTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(connection); }
@@ -229,18 +256,36 @@ TEST_F(RequestReuseTest, NothingOfARequestReachesTheNextOnTheSameConnection) {
 TEST_F(RequestReuseTest, TheKeptConnectionIsNotInheritedByProgramsTheHostStarts) {
   server.Route("/r", [](const RecordedRequest&) { return ScriptedResponse(200, "kept"); });
   EXPECT_EQ(Fetch(connection, L"/r"), "kept");
-  int connected = 0;
-  for (int fd = 0; fd < 1024; ++fd) {
-    sockaddr_in peer{};
-    socklen_t length = sizeof peer;
-    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
-        peer.sin_family != AF_INET || ntohs(peer.sin_port) != server.port()) {
-      continue;
-    }
-    ++connected;
+  const std::vector<int> connected = SocketsTo(server.port());
+  for (const int fd : connected) {
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "descriptor " << fd;
   }
-  EXPECT_EQ(connected, 1);
+  EXPECT_EQ(connected.size(), 1u);
+}
+
+// A host keeps its connection handles, one per server, for as long as it runs. What they keep
+// alive between requests (a socket and a wake-up pair each) is bounded across them all, or a
+// host that meets a few hundred servers runs out of descriptors; the handle used last stays warm.
+TEST(KeptConnectionTest, WhatIdleConnectionHandlesKeepIsBoundedAcrossThemAll) {
+  std::atomic<int> accepted{0};
+  RawResponder server([&accepted](RawConnection& c) {
+    ++accepted;
+    while (!c.ReadRequestHead().empty()) c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+  });
+  ASSERT_TRUE(server.ok());
+  Handle session = OpenSession();
+  const int pairs_before = UnixSockets();
+  std::vector<Handle> connections;
+  for (int i = 0; i < 120; ++i) {
+    connections.push_back(Connect(session, server.port()));
+    ASSERT_EQ(Fetch(connections.back(), L"/"), "ok");
+  }
+  const std::size_t kept = SocketsTo(server.port()).size();
+  EXPECT_GE(kept, 1u);
+  EXPECT_LE(kept, 32u);
+  EXPECT_LE(UnixSockets() - pairs_before, 2 * 32);
+  EXPECT_EQ(Fetch(connections.back(), L"/"), "ok");
+  EXPECT_EQ(accepted, 120);
 }
 
 // A kept connection that the server closes once it has read a request, without a byte of
