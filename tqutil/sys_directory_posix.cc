@@ -231,7 +231,7 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
     Level level(std::move(fd));
     {
       // Listed through a descriptor of its own, so that the listing can go once read.
-      Descriptor listed(::dup(level.fd.fd));
+      Descriptor listed(::fcntl(level.fd.fd, F_DUPFD_CLOEXEC, 0));
       if (listed.fd < 0) {
         keep(errno);
         return;
