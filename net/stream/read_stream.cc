@@ -1,6 +1,7 @@
 #include "net/stream/read_stream.h"
 
 #include <algorithm>
+#include <exception>
 #include <limits>
 #include <string>
 #include <thread>
@@ -165,9 +166,19 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
   int retries = 0;
   bool sent = false;
   void* handle = SendWatched(api, connection, request, accept_types, sent, stop);
+  // A transport that throws from a query (it should report failure instead) must not leave the
+  // answer it was asked about open for good.
+  struct CloseOnThrow {
+    IHttpApi& api;
+    void*& handle;
+    int exceptions = std::uncaught_exceptions();
+    ~CloseOnThrow() {
+      if (handle != nullptr && std::uncaught_exceptions() > exceptions) api.CloseHandle(handle);
+    }
+  } close_on_throw{api, handle};
   while (handle != nullptr) {
     if (stop.stop_requested()) {
-      api.CloseHandle(handle);
+      api.CloseHandle(std::exchange(handle, nullptr));
       return nullptr;
     }
     // A send that failed has no answer to read; the handle is kept for the caller to close.
@@ -198,7 +209,7 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
     const Pause pause = WaitBeforeRetry(wait, stop);
     // A pool shutting down ends the retries as a spent allowance does: its answer is the last.
     if (pause == Pause::PoolStopping) return handle;
-    api.CloseHandle(handle);
+    api.CloseHandle(std::exchange(handle, nullptr));
     if (pause == Pause::Stopped) return nullptr;
     sent = false;
     handle = SendWatched(api, connection, request, accept_types, sent, stop);

@@ -1,0 +1,122 @@
+// Host code that misbehaves: a replaceable transport that throws or reports more than it was
+// asked for. The library must neither leak a handle nor hand out bytes it does not have.
+#include "net/stream/read_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "net/http/connection_pool.h"
+#include "tests/support/fake_transport_fixture.h"
+#include "tests/support/read_all.h"
+
+namespace {
+
+using qv::net::HttpReadStream;
+using tq::test::FakeResponse;
+
+constexpr const wchar_t* kUrl = L"http://example.test/file.bin";
+
+// Forwards to the scripted fake; the call numbered `throw_at` (CloseHandle not counted) throws
+// instead, and a read may report more bytes than it was asked for.
+class ThrowingApi : public qv::net::IHttpApi {
+ public:
+  using Selector = qv::net::HttpHeaderSelector;
+  explicit ThrowingApi(qv::net::IHttpApi& inner) : m_inner(inner) {}
+  long throw_at = -1;
+  long calls = 0;
+  std::uint32_t read_extra = 0;
+
+  void* OpenInternet(const wchar_t* agent) override { return Count(), m_inner.OpenInternet(agent); }
+  void* Connect(void* internet, const TqUURL& url) override {
+    return Count(), m_inner.Connect(internet, url);
+  }
+  void* SendRequest(void* connection, const qv::net::HttpRequest& request,
+                    const wchar_t** accept_types, bool& sent) override {
+    Count();
+    return m_inner.SendRequest(connection, request, accept_types, sent);
+  }
+  std::uint32_t QueryStatusCode(void* request) override {
+    return Count(), m_inner.QueryStatusCode(request);
+  }
+  std::optional<std::wstring> QueryHeader(void* request, const Selector& header,
+                                          std::uint32_t* index) override {
+    return Count(), m_inner.QueryHeader(request, header, index);
+  }
+  std::optional<std::uint32_t> QueryHeaderNumeric(void* request, const Selector& header,
+                                                  std::uint32_t* index) override {
+    return Count(), m_inner.QueryHeaderNumeric(request, header, index);
+  }
+  std::optional<std::int64_t> QueryHeaderDateTime(void* request, const Selector& header,
+                                                  std::uint32_t* index) override {
+    return Count(), m_inner.QueryHeaderDateTime(request, header, index);
+  }
+  bool Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& read) override {
+    Count();
+    const bool ok = m_inner.Read(request, buffer, size, read);
+    if (ok && read != 0) read += read_extra;
+    return ok;
+  }
+  bool CloseHandle(void* handle) override { return m_inner.CloseHandle(handle); }
+
+ private:
+  void Count() {
+    if (calls++ == throw_at) throw std::runtime_error("transport threw");
+  }
+  qv::net::IHttpApi& m_inner;
+};
+
+class MisbehavingTransportTest : public tq::test::FakeTransportTest {
+ protected:
+  void SetUp() override {
+    FakeTransportTest::SetUp();
+    qv::net::SetHttpApi(&m_throwing);
+  }
+  void TearDown() override {
+    qv::net::SetHttpApi(&m_api);
+    FakeTransportTest::TearDown();
+  }
+  ThrowingApi m_throwing{m_api};
+};
+
+// Regression: a status or Retry-After query that threw left the request handle of the answer
+// it was reading open for good.
+TEST_F(MisbehavingTransportTest, ATransportThatThrowsAtAnyCallLeavesNoHandleOpen) {
+  // Each round's first GET is answered 429 (retried at once), so the retry's queries count too.
+  bool retried = false;
+  m_api.SetResponder([&](const tq::test::SentRequest& sent) {
+    FakeResponse r;
+    if (sent.method == L"GET" && !retried) {
+      retried = true;
+      r.status = 429;
+      r.Header(L"Retry-After", L"0");
+      return r;
+    }
+    r.status = 200;
+    r.Header(L"Content-Length", L"4").Header(L"ETag", L"\"t\"").Body("body");
+    return r;
+  });
+  bool whole = false;
+  for (long n = 0; !whole; ++n) {
+    ASSERT_LT(n, 100) << "the read never got through";
+    SCOPED_TRACE("throwing call " + std::to_string(n));
+    qv::net::HttpConnectionPool::Terminate();
+    m_throwing.calls = 0;
+    m_throwing.throw_at = n;
+    retried = false;
+    std::string got;
+    try {
+      auto stream = HttpReadStream::Open(kUrl, HttpReadStream::FlagMakeHeadRequest, {});
+      got = tq::test::ReadAll(*stream, 64);
+      whole = true;
+    } catch (const std::runtime_error&) {
+    }
+    EXPECT_EQ(got, whole ? "body" : "");
+    qv::net::HttpConnectionPool::Terminate();
+    EXPECT_EQ(m_api.OpenHandles(), 0u);
+  }
+}
+
+}  // namespace
