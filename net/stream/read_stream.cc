@@ -354,7 +354,10 @@ std::uint64_t HttpReadStream::Read(void* buffer, std::uint64_t size) {
       std::min<std::uint64_t>(size, std::numeric_limits<std::uint32_t>::max()));
   std::uint32_t bytes_read = 0;
   IHttpApi* api = HttpApi();
-  if (api == nullptr || !api->Read(m_impl->m_request, buffer, chunk, bytes_read)) {
+  // A count past the size asked for is a broken transport, not data: handed on, it would send
+  // the caller past the end of its buffer.
+  if (api == nullptr || !api->Read(m_impl->m_request, buffer, chunk, bytes_read) ||
+      bytes_read > chunk) {
     throw http_exception("Unable to read HTTP data\n");
   }
   return bytes_read;

@@ -47,7 +47,7 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   static std::unique_ptr<HttpReadStream> Open(HttpRequest& request, qv::stop_token stop);
 
   /// Body bytes; 0 at the end or when the request did not succeed. Throws http_exception
-  /// "Unable to read HTTP data\n" when the transport's read fails.
+  /// "Unable to read HTTP data\n" when the transport's read fails or counts more than asked.
   std::uint64_t Read(void* buffer, std::uint64_t size) override;
   /// ContentSize and ETag: of a 200 answer only, when it gave them.
   qv::io::StreamMetaData MetaData() override;

@@ -120,3 +120,20 @@ TEST_F(MisbehavingTransportTest, ATransportThatThrowsAtAnyCallLeavesNoHandleOpen
 }
 
 }  // namespace
+
+// Regression: a transport count past the size asked for was handed on, so a host that read
+// into a buffer of that size went on past its end.
+TEST_F(MisbehavingTransportTest, AReadCountPastTheSizeAskedForIsAFailedRead) {
+  FakeResponse response;
+  response.Body("body");
+  m_api.Queue(response);
+  auto stream = HttpReadStream::Open(kUrl, 0, {});
+  m_throwing.read_extra = 1;
+  char buffer[2] = {};
+  try {
+    const std::uint64_t n = stream->Read(buffer, sizeof buffer);
+    ADD_FAILURE() << "a count of " << n << " for a buffer of 2";
+  } catch (const qv::net::http_exception& e) {
+    EXPECT_STREQ(e.what(), "Unable to read HTTP data\n");
+  }
+}
