@@ -87,6 +87,16 @@ IHttpApi& Api() {
   return *api;
 }
 
+// Closes `handle` from a destructor: a transport that throws from its close (it should not)
+// must not end the process.
+void CloseFromDestructor(IHttpApi* api, void* handle) noexcept {
+  if (api == nullptr || handle == nullptr) return;
+  try {
+    api->CloseHandle(handle);
+  } catch (...) {
+  }
+}
+
 // Content-Length as text, for bodies whose length does not fit the numeric query's 32 bits.
 std::optional<std::uint64_t> ParseContentLength(const std::optional<std::wstring>& text) {
   if (!text) return std::nullopt;
@@ -173,7 +183,7 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
     void*& handle;
     int exceptions = std::uncaught_exceptions();
     ~CloseOnThrow() {
-      if (handle != nullptr && std::uncaught_exceptions() > exceptions) api.CloseHandle(handle);
+      if (std::uncaught_exceptions() > exceptions) CloseFromDestructor(&api, handle);
     }
   } close_on_throw{api, handle};
   while (handle != nullptr) {
@@ -274,10 +284,7 @@ struct RequestGuard {
   HttpReadStream::Impl& impl;
   bool armed = true;
   ~RequestGuard() {
-    if (armed && impl.m_request != nullptr) {
-      if (IHttpApi* api = HttpApi()) api->CloseHandle(impl.m_request);
-      impl.m_request = nullptr;
-    }
+    if (armed) CloseFromDestructor(HttpApi(), std::exchange(impl.m_request, nullptr));
   }
 };
 
@@ -309,9 +316,7 @@ HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token 
       // A failed HEAD is ignored: the GET may still learn the size and tag itself.
       struct CloseOnExit {
         void* handle;
-        ~CloseOnExit() {
-          if (IHttpApi* api = HttpApi()) api->CloseHandle(handle);
-        }
+        ~CloseOnExit() { CloseFromDestructor(HttpApi(), handle); }
       } close_head{head_handle};
       IHttpApi& api = Api();
       if (m_impl->m_status == HttpStatus::OK && !ContentLengthsDisagree(api, head_handle)) {
@@ -335,7 +340,9 @@ HttpReadStream::HttpReadStream(HttpRequest& request, qv::stop_token stop)
   guard.armed = false;
 }
 
-HttpReadStream::~HttpReadStream() { Close(); }
+HttpReadStream::~HttpReadStream() {
+  CloseFromDestructor(HttpApi(), std::exchange(m_impl->m_request, nullptr));
+}
 
 std::unique_ptr<HttpReadStream> HttpReadStream::Open(std::wstring_view url, int flags,
                                                      qv::stop_token stop) {
@@ -375,11 +382,11 @@ bool HttpReadStream::IsOpen() const { return m_impl->m_request != nullptr; }
 bool HttpReadStream::Succeeded() const { return m_impl->m_succeeded; }
 
 void HttpReadStream::Close() {
-  if (m_impl->m_request != nullptr) {
-    // The handle is dropped even if the transport is gone: nothing else may close it later.
-    if (IHttpApi* api = HttpApi()) api->CloseHandle(m_impl->m_request);
-    m_impl->m_request = nullptr;
-  }
+  // The handle is dropped first, even if the transport is gone or its close throws: nothing
+  // else may close it later.
+  void* request = std::exchange(m_impl->m_request, nullptr);
+  if (request == nullptr) return;
+  if (IHttpApi* api = HttpApi()) api->CloseHandle(request);
 }
 
 std::optional<std::uint64_t> HttpReadStream::ContentSize() const {

@@ -28,6 +28,7 @@ class ThrowingApi : public qv::net::IHttpApi {
   long throw_at = -1;
   long calls = 0;
   std::uint32_t read_extra = 0;
+  bool close_throws = false;  // CloseHandle closes, then throws
 
   void* OpenInternet(const wchar_t* agent) override { return Count(), m_inner.OpenInternet(agent); }
   void* Connect(void* internet, const TqUURL& url) override {
@@ -59,7 +60,11 @@ class ThrowingApi : public qv::net::IHttpApi {
     if (ok && read != 0) read += read_extra;
     return ok;
   }
-  bool CloseHandle(void* handle) override { return m_inner.CloseHandle(handle); }
+  bool CloseHandle(void* handle) override {
+    const bool closed = m_inner.CloseHandle(handle);
+    if (close_throws) throw std::runtime_error("close threw");
+    return closed;
+  }
 
  private:
   void Count() {
@@ -136,4 +141,16 @@ TEST_F(MisbehavingTransportTest, AReadCountPastTheSizeAskedForIsAFailedRead) {
   } catch (const qv::net::http_exception& e) {
     EXPECT_STREQ(e.what(), "Unable to read HTTP data\n");
   }
+}
+
+// Regression: the stream closes its answers from destructors (its own, and the guard of a HEAD's
+// answer), so a transport whose close threw ended the process.
+TEST_F(MisbehavingTransportTest, ACloseThatThrowsEndsNothingButTheCallThatMadeIt) {
+  m_api.Queue(FakeResponse{});  // the HEAD
+  m_api.Queue(FakeResponse{}.Body("body"));
+  m_throwing.close_throws = true;
+  auto stream = HttpReadStream::Open(kUrl, HttpReadStream::FlagMakeHeadRequest, {});
+  EXPECT_EQ(tq::test::ReadAll(*stream, 64), "body");
+  stream.reset();
+  m_throwing.close_throws = false;
 }
