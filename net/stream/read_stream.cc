@@ -125,6 +125,11 @@ bool ContentLengthsDisagree(IHttpApi& api, void* request) {
   std::uint32_t index = 1;
   std::optional<std::wstring> other = api.QueryHeader(request, HttpHeader::ContentLength, &index);
   if (!other) return false;
+  // A host's transport may ignore the index (the stream's own queries pass none) and answer the
+  // one copy for every index asked: a copy no answer can have then tells that copies cannot be
+  // compared, rather than every answer being refused.
+  index = std::numeric_limits<std::uint32_t>::max();
+  if (api.QueryHeader(request, HttpHeader::ContentLength, &index)) return false;
   index = 0;
   const std::optional<std::uint64_t> first =
       ParseContentLength(api.QueryHeader(request, HttpHeader::ContentLength, &index));

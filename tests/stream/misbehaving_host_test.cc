@@ -29,6 +29,7 @@ class ThrowingApi : public qv::net::IHttpApi {
   long calls = 0;
   std::uint32_t read_extra = 0;
   bool close_throws = false;  // CloseHandle closes, then throws
+  bool ignore_index = false;  // header queries answer the first copy, whatever index is asked
 
   void* OpenInternet(const wchar_t* agent) override { return Count(), m_inner.OpenInternet(agent); }
   void* Connect(void* internet, const TqUURL& url) override {
@@ -44,7 +45,7 @@ class ThrowingApi : public qv::net::IHttpApi {
   }
   std::optional<std::wstring> QueryHeader(void* request, const Selector& header,
                                           std::uint32_t* index) override {
-    return Count(), m_inner.QueryHeader(request, header, index);
+    return Count(), m_inner.QueryHeader(request, header, ignore_index ? nullptr : index);
   }
   std::optional<std::uint32_t> QueryHeaderNumeric(void* request, const Selector& header,
                                                   std::uint32_t* index) override {
@@ -153,4 +154,21 @@ TEST_F(MisbehavingTransportTest, ACloseThatThrowsEndsNothingButTheCallThatMadeIt
   EXPECT_EQ(tq::test::ReadAll(*stream, 64), "body");
   stream.reset();
   m_throwing.close_throws = false;
+}
+
+// Regression: every caller of a transport's header query passes a null index, so a host's
+// transport may well ignore it and answer the one copy for any index. The stream asked copy after
+// copy of Content-Length, got the same one sixteen times, and refused every 200 carrying a
+// length as one whose lengths disagree.
+TEST_F(MisbehavingTransportTest, ATransportIgnoringTheHeaderIndexStillGivesTheBody) {
+  m_throwing.ignore_index = true;
+  for (const int flags : {0, HttpReadStream::FlagMakeHeadRequest}) {
+    if (flags != 0) m_api.Queue(FakeResponse{}.Header(L"Content-Length", L"4"));
+    m_api.Queue(FakeResponse{}.Header(L"Content-Length", L"4").Body("body"));
+    auto stream = HttpReadStream::Open(kUrl, flags, {});
+    EXPECT_TRUE(stream->Succeeded());
+    EXPECT_EQ(stream->ContentSize(), 4u);
+    EXPECT_EQ(tq::test::ReadAll(*stream, 64), "body");
+  }
+  EXPECT_EQ(m_log.Text(), "");
 }
