@@ -1,5 +1,6 @@
-// Host code that misbehaves: a replaceable transport that throws or reports more than it was
-// asked for. The library must neither leak a handle nor hand out bytes it does not have.
+// Host code that misbehaves: a replaceable transport that throws, reports more than it was asked
+// for, or ignores the header index. The library must neither leak a handle, nor end the process,
+// nor hand out bytes it does not have.
 #include "net/stream/read_stream.h"
 
 #include <gtest/gtest.h>
@@ -125,8 +126,6 @@ TEST_F(MisbehavingTransportTest, ATransportThatThrowsAtAnyCallLeavesNoHandleOpen
   }
 }
 
-}  // namespace
-
 // Regression: a transport count past the size asked for was handed on, so a host that read
 // into a buffer of that size went on past its end.
 TEST_F(MisbehavingTransportTest, AReadCountPastTheSizeAskedForIsAFailedRead) {
@@ -156,10 +155,10 @@ TEST_F(MisbehavingTransportTest, ACloseThatThrowsEndsNothingButTheCallThatMadeIt
   m_throwing.close_throws = false;
 }
 
-// Regression: every caller of a transport's header query passes a null index, so a host's
-// transport may well ignore it and answer the one copy for any index. The stream asked copy after
-// copy of Content-Length, got the same one sixteen times, and refused every 200 carrying a
-// length as one whose lengths disagree.
+// Regression: the stream's own header queries pass no index, so a host's transport may well
+// ignore it and answer the one copy for any index. The stream asked copy after copy of
+// Content-Length, got the same one sixteen times, and refused every 200 carrying a length as one
+// whose lengths disagree.
 TEST_F(MisbehavingTransportTest, ATransportIgnoringTheHeaderIndexStillGivesTheBody) {
   m_throwing.ignore_index = true;
   for (const int flags : {0, HttpReadStream::FlagMakeHeadRequest}) {
@@ -172,3 +171,5 @@ TEST_F(MisbehavingTransportTest, ATransportIgnoringTheHeaderIndexStillGivesTheBo
   }
   EXPECT_EQ(m_log.Text(), "");
 }
+
+}  // namespace
