@@ -153,7 +153,21 @@ std::optional<std::string> QueryETag(IHttpApi& api, void* request) {
 // transport that blocks in the send or in the wait for the response headers can be cancelled.
 void* SendWatched(IHttpApi& api, void* connection, const HttpRequest& request,
                   const wchar_t** accept_types, bool& sent, const qv::stop_token& stop) {
-  detail::SendStopScope scope(stop);
+  const qv::stop_token* pool_stop = thread_pool::CallerPoolStopToken();
+  if (pool_stop == nullptr) {
+    detail::SendStopScope scope(stop);
+    return api.SendRequest(connection, request, accept_types, sent);
+  }
+  // On a worker, the pool shutting down cancels the send as a stop does: the host's shut-down
+  // waits for the task, and a server holding the request would hold it until the transport's
+  // time-out. Only the send is cut; the rest of the task goes on as it would after a send that
+  // could not be made.
+  qv::stop_source either;
+  const auto request_stop = [either]() mutable { either.request_stop(); };
+  detail::StopWatch on_stop(stop, request_stop);
+  detail::StopWatch on_pool_stop(*pool_stop, request_stop);
+  const qv::stop_token either_token = either.get_token();
+  detail::SendStopScope scope(either_token);
   return api.SendRequest(connection, request, accept_types, sent);
 }
 

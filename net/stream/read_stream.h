@@ -22,6 +22,7 @@ namespace qv::net {
 /// heard within a fraction of a second even while a pause before a retry, or the send and the
 /// wait for the response headers (with a transport that hands its request handle to the send's
 /// stop watcher, as the WinINet backend does) block, and the stream then ends without a request.
+/// Opened on a worker thread, such a send is cut the same way when the worker pool shuts down.
 class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
  public:
   /// Bit 0 of the URL constructor's flags: send a HEAD first to learn size and entity tag.
