@@ -1,5 +1,6 @@
 #include "net/fileprotocol/http_file_protocol.h"
 
+#include <cstring>
 #include <cwchar>
 #include <memory>
 #include <vector>
@@ -129,11 +130,15 @@ bool HttpFileProtocol::IsInitialised() { return detail::FileProtocolComponent().
 void HttpFileProtocol::SetUserAgentW(const wchar_t* agent) {
   TqUWideStringBuffer text;
   text.SetString(agent);
-  std::lock_guard lock(m_internet_mutex);
-  text.ExtractUTF8String(&m_user_agent);
+  TqUStringBuffer utf8;
+  text.ExtractUTF8String(&utf8);
+  SetUserAgentU(utf8.GetString());
 }
 
 void HttpFileProtocol::SetUserAgentU(const char* agent) {
+  // The agent is sent as a header line: a line break in it would add headers of the host's text
+  // to every request (or, where the transport refuses such an agent, open no file at all).
+  if (agent != nullptr && std::strpbrk(agent, "\r\n") != nullptr) return;
   std::lock_guard lock(m_internet_mutex);
   m_user_agent.SetString(agent);
 }

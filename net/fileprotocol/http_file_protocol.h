@@ -79,7 +79,7 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   /// The user agent of the internet handle. A non-empty agent set before the handle is opened
   /// (by the first OpenFile or GetFileInfo) replaces the default "Torvik-Quillstone/23.1"; the
   /// handle keeps the agent it was opened with, so a later change applies to no request.
-  /// Null or empty text restores the default.
+  /// Null or empty text restores the default; text holding CR or LF is ignored.
   void SetUserAgentW(const wchar_t* agent);
   /// As SetUserAgentW, from UTF-8 text.
   void SetUserAgentU(const char* agent);

@@ -1,6 +1,7 @@
 #include "net/stream/read_stream.h"
 
 #include <algorithm>
+#include <exception>
 #include <limits>
 #include <string>
 #include <thread>
@@ -86,6 +87,16 @@ IHttpApi& Api() {
   return *api;
 }
 
+// Closes `handle` from a destructor: a transport that throws from its close (it should not)
+// must not end the process.
+void CloseFromDestructor(IHttpApi* api, void* handle) noexcept {
+  if (api == nullptr || handle == nullptr) return;
+  try {
+    api->CloseHandle(handle);
+  } catch (...) {
+  }
+}
+
 // Content-Length as text, for bodies whose length does not fit the numeric query's 32 bits.
 std::optional<std::uint64_t> ParseContentLength(const std::optional<std::wstring>& text) {
   if (!text) return std::nullopt;
@@ -114,6 +125,11 @@ bool ContentLengthsDisagree(IHttpApi& api, void* request) {
   std::uint32_t index = 1;
   std::optional<std::wstring> other = api.QueryHeader(request, HttpHeader::ContentLength, &index);
   if (!other) return false;
+  // A host's transport may ignore the index (the stream's own queries pass none) and answer the
+  // one copy for every index asked: a copy no answer can have then tells that copies cannot be
+  // compared, rather than every answer being refused.
+  index = std::numeric_limits<std::uint32_t>::max();
+  if (api.QueryHeader(request, HttpHeader::ContentLength, &index)) return false;
   index = 0;
   const std::optional<std::uint64_t> first =
       ParseContentLength(api.QueryHeader(request, HttpHeader::ContentLength, &index));
@@ -137,7 +153,21 @@ std::optional<std::string> QueryETag(IHttpApi& api, void* request) {
 // transport that blocks in the send or in the wait for the response headers can be cancelled.
 void* SendWatched(IHttpApi& api, void* connection, const HttpRequest& request,
                   const wchar_t** accept_types, bool& sent, const qv::stop_token& stop) {
-  detail::SendStopScope scope(stop);
+  const qv::stop_token* pool_stop = thread_pool::CallerPoolStopToken();
+  if (pool_stop == nullptr) {
+    detail::SendStopScope scope(stop);
+    return api.SendRequest(connection, request, accept_types, sent);
+  }
+  // On a worker, the pool shutting down cancels the send as a stop does: the host's shut-down
+  // waits for the task, and a server holding the request would hold it until the transport's
+  // time-out. Only the send is cut; the rest of the task goes on as it would after a send that
+  // could not be made.
+  qv::stop_source either;
+  const auto request_stop = [either]() mutable { either.request_stop(); };
+  detail::StopWatch on_stop(stop, request_stop);
+  detail::StopWatch on_pool_stop(*pool_stop, request_stop);
+  const qv::stop_token either_token = either.get_token();
+  detail::SendStopScope scope(either_token);
   return api.SendRequest(connection, request, accept_types, sent);
 }
 
@@ -165,9 +195,19 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
   int retries = 0;
   bool sent = false;
   void* handle = SendWatched(api, connection, request, accept_types, sent, stop);
+  // A transport that throws from a query (it should report failure instead) must not leave the
+  // answer it was asked about open for good.
+  struct CloseOnThrow {
+    IHttpApi& api;
+    void*& handle;
+    int exceptions = std::uncaught_exceptions();
+    ~CloseOnThrow() {
+      if (std::uncaught_exceptions() > exceptions) CloseFromDestructor(&api, handle);
+    }
+  } close_on_throw{api, handle};
   while (handle != nullptr) {
     if (stop.stop_requested()) {
-      api.CloseHandle(handle);
+      api.CloseHandle(std::exchange(handle, nullptr));
       return nullptr;
     }
     // A send that failed has no answer to read; the handle is kept for the caller to close.
@@ -198,7 +238,7 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
     const Pause pause = WaitBeforeRetry(wait, stop);
     // A pool shutting down ends the retries as a spent allowance does: its answer is the last.
     if (pause == Pause::PoolStopping) return handle;
-    api.CloseHandle(handle);
+    api.CloseHandle(std::exchange(handle, nullptr));
     if (pause == Pause::Stopped) return nullptr;
     sent = false;
     handle = SendWatched(api, connection, request, accept_types, sent, stop);
@@ -263,10 +303,7 @@ struct RequestGuard {
   HttpReadStream::Impl& impl;
   bool armed = true;
   ~RequestGuard() {
-    if (armed && impl.m_request != nullptr) {
-      if (IHttpApi* api = HttpApi()) api->CloseHandle(impl.m_request);
-      impl.m_request = nullptr;
-    }
+    if (armed) CloseFromDestructor(HttpApi(), std::exchange(impl.m_request, nullptr));
   }
 };
 
@@ -298,9 +335,7 @@ HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token 
       // A failed HEAD is ignored: the GET may still learn the size and tag itself.
       struct CloseOnExit {
         void* handle;
-        ~CloseOnExit() {
-          if (IHttpApi* api = HttpApi()) api->CloseHandle(handle);
-        }
+        ~CloseOnExit() { CloseFromDestructor(HttpApi(), handle); }
       } close_head{head_handle};
       IHttpApi& api = Api();
       if (m_impl->m_status == HttpStatus::OK && !ContentLengthsDisagree(api, head_handle)) {
@@ -324,7 +359,9 @@ HttpReadStream::HttpReadStream(HttpRequest& request, qv::stop_token stop)
   guard.armed = false;
 }
 
-HttpReadStream::~HttpReadStream() { Close(); }
+HttpReadStream::~HttpReadStream() {
+  CloseFromDestructor(HttpApi(), std::exchange(m_impl->m_request, nullptr));
+}
 
 std::unique_ptr<HttpReadStream> HttpReadStream::Open(std::wstring_view url, int flags,
                                                      qv::stop_token stop) {
@@ -343,7 +380,10 @@ std::uint64_t HttpReadStream::Read(void* buffer, std::uint64_t size) {
       std::min<std::uint64_t>(size, std::numeric_limits<std::uint32_t>::max()));
   std::uint32_t bytes_read = 0;
   IHttpApi* api = HttpApi();
-  if (api == nullptr || !api->Read(m_impl->m_request, buffer, chunk, bytes_read)) {
+  // A count past the size asked for is a broken transport, not data: handed on, it would send
+  // the caller past the end of its buffer.
+  if (api == nullptr || !api->Read(m_impl->m_request, buffer, chunk, bytes_read) ||
+      bytes_read > chunk) {
     throw http_exception("Unable to read HTTP data\n");
   }
   return bytes_read;
@@ -361,11 +401,11 @@ bool HttpReadStream::IsOpen() const { return m_impl->m_request != nullptr; }
 bool HttpReadStream::Succeeded() const { return m_impl->m_succeeded; }
 
 void HttpReadStream::Close() {
-  if (m_impl->m_request != nullptr) {
-    // The handle is dropped even if the transport is gone: nothing else may close it later.
-    if (IHttpApi* api = HttpApi()) api->CloseHandle(m_impl->m_request);
-    m_impl->m_request = nullptr;
-  }
+  // The handle is dropped first, even if the transport is gone or its close throws: nothing
+  // else may close it later.
+  void* request = std::exchange(m_impl->m_request, nullptr);
+  if (request == nullptr) return;
+  if (IHttpApi* api = HttpApi()) api->CloseHandle(request);
 }
 
 std::optional<std::uint64_t> HttpReadStream::ContentSize() const {

@@ -22,6 +22,7 @@ namespace qv::net {
 /// heard within a fraction of a second even while a pause before a retry, or the send and the
 /// wait for the response headers (with a transport that hands its request handle to the send's
 /// stop watcher, as the WinINet backend does) block, and the stream then ends without a request.
+/// Opened on a worker thread, such a send is cut the same way when the worker pool shuts down.
 class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
  public:
   /// Bit 0 of the URL constructor's flags: send a HEAD first to learn size and entity tag.
@@ -47,7 +48,7 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   static std::unique_ptr<HttpReadStream> Open(HttpRequest& request, qv::stop_token stop);
 
   /// Body bytes; 0 at the end or when the request did not succeed. Throws http_exception
-  /// "Unable to read HTTP data\n" when the transport's read fails.
+  /// "Unable to read HTTP data\n" when the transport's read fails or counts more than asked.
   std::uint64_t Read(void* buffer, std::uint64_t size) override;
   /// ContentSize and ETag: of a 200 answer only, when it gave them.
   qv::io::StreamMetaData MetaData() override;

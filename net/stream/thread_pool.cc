@@ -11,6 +11,8 @@ namespace {
 // The stop flag of the pool whose worker this thread is; null on other threads. A plain
 // pointer, so that nothing of the library runs as a thread ends.
 thread_local const std::atomic<bool>* t_worker_pool_stopped = nullptr;
+// The same pool's stop token, for the waits that watch a token.
+thread_local const qv::stop_token* t_worker_pool_token = nullptr;
 
 detail::ThreadStartHook g_start_hook;
 detail::StopHook g_stop_hook;
@@ -90,6 +92,7 @@ void thread_pool::Shutdown() {
 
 void thread_pool::StopQueue() {
   m_queue_stopped = true;
+  m_stopping.request_stop();
   // Waking under the lock: a worker that tested the flag before it was set is already waiting
   // when the wake-up comes, so none is missed.
   std::lock_guard lock(m_queue_mutex);
@@ -106,9 +109,12 @@ bool thread_pool::CallerPoolStopping() {
   return t_worker_pool_stopped != nullptr && t_worker_pool_stopped->load();
 }
 
+const qv::stop_token* thread_pool::CallerPoolStopToken() { return t_worker_pool_token; }
+
 void thread_pool::WorkerLoop() {
   if (m_done) return;
   t_worker_pool_stopped = &m_queue_stopped;
+  t_worker_pool_token = &m_stopping_token;
   for (;;) {
     vemo::function_wrapper task;
     {

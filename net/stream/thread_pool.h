@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "net/host/tqutil.h"
+
 namespace vemo {
 
 // A move-only, type-erased callable, called once.
@@ -61,7 +63,8 @@ class thread_pool {
   // break). Throws std::system_error when a thread cannot be started: the threads already
   // started are told to stop, woken and joined before the exception leaves.
   explicit thread_pool(std::optional<std::uint32_t> thread_count = std::nullopt);
-  // Shutdown(); then queued tasks are dropped and their futures report broken_promise.
+  // Shutdown(); then queued tasks are dropped and their futures report broken_promise. A task's
+  // send blocked in the transport, or its pause before a retry, is cut (CallerPoolStopToken).
   // Must not run on one of the pool's own threads.
   ~thread_pool();
   thread_pool(const thread_pool&) = delete;
@@ -88,6 +91,11 @@ class thread_pool {
   // A task's own waits (a pause before a retry) end early then, so that the shut-down does not
   // wait them out.
   static bool CallerPoolStopping();
+
+  // On one of a pool's threads, a token whose stop is requested when that pool starts shutting
+  // down; null on any other thread. A task's sends watch it, so that a server holding a request
+  // does not hold the shut-down until the transport's time-out.
+  static const qv::stop_token* CallerPoolStopToken();
 
   // Stops taking tasks and waits for the running ones to end; returns when every worker has
   // ended. Queued tasks stay queued (never run) until the pool is destroyed. Idempotent; call
@@ -116,6 +124,8 @@ class thread_pool {
   std::deque<vemo::function_wrapper> m_queue;
   std::condition_variable m_queue_cv;
   std::atomic<bool> m_queue_stopped{false};
+  qv::stop_source m_stopping;  // requested as m_queue_stopped is set
+  const qv::stop_token m_stopping_token = m_stopping.get_token();
   std::vector<std::thread> m_threads;
   joiner m_joiner{m_threads};
 };
