@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "net/http/http_api.h"
+#include "net/http/quiet_close.h"
 
 namespace qv::net {
 namespace detail {
@@ -62,10 +63,9 @@ struct HttpConnectionPool::Impl {
   ~Impl() {
     // With the transport gone (a host that released it first) the handles went with it: there
     // is nothing left to close them through.
-    if (IHttpApi* api = HttpApi()) {
-      for (auto& [key, connection] : m_connections) api->CloseHandle(connection);
-      if (m_internet != nullptr) api->CloseHandle(m_internet);
-    }
+    IHttpApi* api = HttpApi();
+    for (auto& [key, connection] : m_connections) detail::CloseQuietly(api, connection);
+    detail::CloseQuietly(api, m_internet);
     m_connections.clear();
   }
 };

@@ -9,6 +9,7 @@
 
 #include "net/http/connection_pool.h"
 #include "net/http/http_api.h"
+#include "net/http/quiet_close.h"
 #include "net/http/request_handler.h"
 #include "net/http/send_watch.h"
 #include "net/http/stop_watcher.h"
@@ -85,16 +86,6 @@ IHttpApi& Api() {
   // Opening a stream with no transport installed is a host error; say so instead of crashing.
   if (api == nullptr) throw http_exception("Unable to create HTTP connection\n");
   return *api;
-}
-
-// Closes `handle` from a destructor: a transport that throws from its close (it should not)
-// must not end the process.
-void CloseFromDestructor(IHttpApi* api, void* handle) noexcept {
-  if (api == nullptr || handle == nullptr) return;
-  try {
-    api->CloseHandle(handle);
-  } catch (...) {
-  }
 }
 
 // Content-Length as text, for bodies whose length does not fit the numeric query's 32 bits.
@@ -202,7 +193,7 @@ void* SendRequestWithRetry(HttpReadStream::Impl& impl, void* connection, HttpReq
     void*& handle;
     int exceptions = std::uncaught_exceptions();
     ~CloseOnThrow() {
-      if (std::uncaught_exceptions() > exceptions) CloseFromDestructor(&api, handle);
+      if (std::uncaught_exceptions() > exceptions) detail::CloseQuietly(&api, handle);
     }
   } close_on_throw{api, handle};
   while (handle != nullptr) {
@@ -303,7 +294,7 @@ struct RequestGuard {
   HttpReadStream::Impl& impl;
   bool armed = true;
   ~RequestGuard() {
-    if (armed) CloseFromDestructor(HttpApi(), std::exchange(impl.m_request, nullptr));
+    if (armed) detail::CloseQuietly(HttpApi(), std::exchange(impl.m_request, nullptr));
   }
 };
 
@@ -335,7 +326,7 @@ HttpReadStream::HttpReadStream(std::wstring_view url, int flags, qv::stop_token 
       // A failed HEAD is ignored: the GET may still learn the size and tag itself.
       struct CloseOnExit {
         void* handle;
-        ~CloseOnExit() { CloseFromDestructor(HttpApi(), handle); }
+        ~CloseOnExit() { detail::CloseQuietly(HttpApi(), handle); }
       } close_head{head_handle};
       IHttpApi& api = Api();
       if (m_impl->m_status == HttpStatus::OK && !ContentLengthsDisagree(api, head_handle)) {
@@ -360,7 +351,7 @@ HttpReadStream::HttpReadStream(HttpRequest& request, qv::stop_token stop)
 }
 
 HttpReadStream::~HttpReadStream() {
-  CloseFromDestructor(HttpApi(), std::exchange(m_impl->m_request, nullptr));
+  detail::CloseQuietly(HttpApi(), std::exchange(m_impl->m_request, nullptr));
 }
 
 std::unique_ptr<HttpReadStream> HttpReadStream::Open(std::wstring_view url, int flags,

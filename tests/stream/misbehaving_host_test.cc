@@ -144,7 +144,8 @@ TEST_F(MisbehavingTransportTest, AReadCountPastTheSizeAskedForIsAFailedRead) {
 }
 
 // Regression: the stream closes its answers from destructors (its own, and the guard of a HEAD's
-// answer), so a transport whose close threw ended the process.
+// answer), and the connection pool its handles from its own, so a transport whose close threw
+// ended the process.
 TEST_F(MisbehavingTransportTest, ACloseThatThrowsEndsNothingButTheCallThatMadeIt) {
   m_api.Queue(FakeResponse{});  // the HEAD
   m_api.Queue(FakeResponse{}.Body("body"));
@@ -152,6 +153,8 @@ TEST_F(MisbehavingTransportTest, ACloseThatThrowsEndsNothingButTheCallThatMadeIt
   auto stream = HttpReadStream::Open(kUrl, HttpReadStream::FlagMakeHeadRequest, {});
   EXPECT_EQ(tq::test::ReadAll(*stream, 64), "body");
   stream.reset();
+  qv::net::HttpConnectionPool::Terminate();
+  EXPECT_EQ(m_api.OpenHandles(), 0u);
   m_throwing.close_throws = false;
 }
 
