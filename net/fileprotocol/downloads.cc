@@ -1,5 +1,8 @@
 #include "net/fileprotocol/downloads.h"
 
+#include <filesystem>
+#include <system_error>
+
 #include "net/fileprotocol/http_file_protocol.h"
 
 namespace qv::net {
@@ -37,7 +40,12 @@ HRESULT MyBindStatusCallback::GetPriority(LONG*) { return E_NOTIMPL; }
 
 HRESULT MyBindStatusCallback::OnLowResource(DWORD) { return S_OK; }
 
-HRESULT MyBindStatusCallback::OnProgress(ULONG progress, ULONG progress_max, ULONG, LPCWSTR) {
+HRESULT MyBindStatusCallback::OnProgress(ULONG progress, ULONG progress_max, ULONG status_code,
+                                         LPCWSTR) {
+  if (status_code == BINDSTATUS_ENDDOWNLOADDATA) {
+    m_end_progress = progress;
+    m_end_max = progress_max;
+  }
   // A host is told a fraction between 0 and 1: more bytes than the announced length (a wrong
   // Content-Length) count as all of it.
   Report(progress_max == 0 ? 0.0
@@ -79,12 +87,32 @@ void MyBindStatusCallback::RethrowProgressError() const {
   if (m_progress_error) std::rethrow_exception(m_progress_error);
 }
 
+namespace {
+
+// Removes what a download that ended short left at `name`: not the file asked for, and not to be
+// taken for it.
+void RemoveTornDownload(const wchar_t* name) {
+  std::error_code ec;
+#if defined(_WIN32)
+  TqUSysFile::RemoveFile(std::filesystem::path(name), ec);
+#else
+  TqUSysFile::RemoveFile(std::filesystem::path(qv::WideToUtf8(name)), ec);
+#endif
+}
+
+}  // namespace
+
+// The system's download may end a body that the server cut short as it ends a whole one and
+// report success (Wine's does): a download that ended short of its announced length fails here
+// whatever the result, and what it wrote is removed.
 bool HttpFileProtocol::GetFile(const wchar_t* url, const wchar_t* local_path,
                                TqUProgress* progress) {
   MyBindStatusCallback callback(progress);
   const HRESULT result = URLDownloadToFileW(nullptr, url, local_path, 0, &callback);
+  const bool torn = SUCCEEDED(result) && callback.EndedShort();
+  if (torn) RemoveTornDownload(local_path);
   callback.RethrowProgressError();
-  return SUCCEEDED(result);
+  return SUCCEEDED(result) && !torn;
 }
 
 bool HttpFileProtocol::GetFileToCache(const wchar_t* url, TqUProgress* progress,
@@ -92,8 +120,10 @@ bool HttpFileProtocol::GetFileToCache(const wchar_t* url, TqUProgress* progress,
   MyBindStatusCallback callback(progress);
   wchar_t path[kCachePathChars] = {};
   const HRESULT result = URLDownloadToCacheFileW(nullptr, url, path, kCachePathChars, 0, &callback);
+  const bool torn = SUCCEEDED(result) && callback.EndedShort();
+  if (torn) RemoveTornDownload(path);  // or the next download of the URL may be served from it
   callback.RethrowProgressError();
-  if (FAILED(result)) return false;
+  if (FAILED(result) || torn) return false;
   if (cache_path != nullptr) cache_path->SetString(path);
   return true;
 }

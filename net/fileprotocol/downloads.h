@@ -42,6 +42,9 @@ class MyBindStatusCallback : public IBindStatusCallback {
 
   // Throws what the progress object threw, if it did.
   void RethrowProgressError() const;
+  // True when the download's end was reported with fewer bytes than the length it announced:
+  // the server cut the body short, whatever result the download ends with.
+  bool EndedShort() const { return m_end_max != 0 && m_end_progress < m_end_max; }
 
  private:
   void Report(double fraction);
@@ -50,6 +53,8 @@ class MyBindStatusCallback : public IBindStatusCallback {
   IBinding* m_binding = nullptr;  // from OnStartBinding to OnStopBinding, with a reference held
   TqUProgress* m_progress;
   std::exception_ptr m_progress_error;
+  ULONG m_end_progress = 0;  // as reported with BINDSTATUS_ENDDOWNLOADDATA
+  ULONG m_end_max = 0;
 };
 
 }  // namespace qv::net

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+#include <optional>
 #include <vector>
 
 #include "net/host/platform.h"
@@ -160,6 +162,12 @@ void* WinInet::SendRequest(void* connection, const HttpRequest& request,
   // that was stopped hands back no request.
   if (watch.Cancelled()) return nullptr;
   sent = ok;
+  try {
+    std::lock_guard lock(m_bodies_mutex);
+    m_bodies[handle] = Body{request.GetMethod() != HttpMethod::Head, 0};
+  } catch (const std::bad_alloc&) {
+    // Not counted: the end of this body is taken as WinINet reports it.
+  }
   return handle;
 }
 
@@ -208,13 +216,59 @@ std::optional<std::int64_t> WinInet::QueryHeaderDateTime(void* request,
   return QuerySelector<2>(request, header, HTTP_QUERY_FLAG_SYSTEMTIME, index);
 }
 
+namespace {
+
+// True when the answer on `request` names a length that `received` bytes fall short of. Not for
+// an answer that has no body (1xx, 204, 304), nor one whose length is not its body's (a transfer
+// coding frames it; a content coding WinINet may decode).
+bool FallsShortOfLength(HINTERNET request, std::uint64_t received) {
+  DWORD status = 0;
+  DWORD length = sizeof(status);
+  if (!HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &length,
+                      nullptr) ||
+      status < 200 || status == 204 || status == 304) {
+    return false;
+  }
+  detail::QueryInfoResult result;
+  if (detail::QueryInfo(request, HTTP_QUERY_TRANSFER_ENCODING, nullptr, result, nullptr) ||
+      detail::QueryInfo(request, HTTP_QUERY_CONTENT_ENCODING, nullptr, result, nullptr) ||
+      !detail::QueryInfo(request, HTTP_QUERY_CONTENT_LENGTH, nullptr, result, nullptr)) {
+    return false;
+  }
+  const std::optional<std::uint64_t> announced = qv::ParseDecimal(std::get<0>(result));
+  return announced && received < *announced;
+}
+
+}  // namespace
+
 bool WinInet::Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& bytes_read) {
   DWORD read = 0;
   const bool ok = InternetReadFile(request, buffer, size, &read) != FALSE;
   bytes_read = read;
-  return ok;
+  if (!ok || size == 0) return ok;
+  std::optional<Body> body;
+  {
+    std::lock_guard lock(m_bodies_mutex);
+    if (auto it = m_bodies.find(request); it != m_bodies.end()) {
+      it->second.received += read;
+      body = it->second;
+    }
+  }
+  // WinINet may end a body the server cut short as it ends a whole one (TRUE, no bytes): that
+  // must not pass for the end, or half a body is served and cached as the whole.
+  if (read == 0 && body && body->expected && FallsShortOfLength(request, body->received)) {
+    SetLastError(ERROR_INTERNET_CONNECTION_ABORTED);
+    return false;
+  }
+  return true;
 }
 
-bool WinInet::CloseHandle(void* handle) { return InternetCloseHandle(handle) != FALSE; }
+bool WinInet::CloseHandle(void* handle) {
+  {
+    std::lock_guard lock(m_bodies_mutex);
+    m_bodies.erase(handle);
+  }
+  return InternetCloseHandle(handle) != FALSE;
+}
 
 }  // namespace qv::net

@@ -1,11 +1,14 @@
 // The default transport: each IHttpApi operation is made of the WinINet calls that do its work
-// (an open and a send; a query asked again with a larger buffer), with fixed flags. It holds no
-// state; every handle it returns is a WinINet handle.
+// (an open and a send; a query asked again with a larger buffer), with fixed flags. Its only
+// state is the count of body bytes read on each request it sent; every handle it returns is a
+// WinINet handle.
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <variant>
 
 #include "net/export.h"
@@ -32,6 +35,16 @@ class TQNET_EXPORT WinInet : public IHttpApi {
                                                   std::uint32_t* index) override;
   bool Read(void* request, void* buffer, std::uint32_t size, std::uint32_t& bytes_read) override;
   bool CloseHandle(void* handle) override;
+
+ private:
+  // A request sent and not yet closed: whether its answer may have a body, and the bytes of it
+  // read so far. A request missing here is not checked at the end of its body.
+  struct Body {
+    bool expected = true;
+    std::uint64_t received = 0;
+  };
+  std::mutex m_bodies_mutex;
+  std::unordered_map<void*, Body> m_bodies;
 };
 
 namespace detail {
