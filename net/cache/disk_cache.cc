@@ -234,9 +234,10 @@ void AskForChangedBodyOnly(HttpRequest& request, const CacheEntry& entry) {
 
 // Takes the tag of an answer with a body; true when the body is to be stored anew.
 bool TakeTag(CacheEntry& entry, const std::optional<std::string>& tag) {
-  if (tag && !Validator(*tag)) {
-    // A tag that could never be sent back is no validator: the entry keeps none, and like a
-    // response without a tag this one is stored anew.
+  // A tag that could never be sent back is no validator, and a body without a tag is not the
+  // one the old tag names: kept beside that tag, the new body would later be confirmed by the
+  // server's answers for the old one and served in its place. The entry keeps no tag.
+  if (!tag || !Validator(*tag)) {
     entry.UpdateETag(std::string());
     return true;
   }
