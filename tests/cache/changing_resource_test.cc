@@ -53,5 +53,17 @@ TEST_F(ChangingResourceTest, ABodyWithoutATagIsNotKeptUnderTheTagOfTheBodyItRepl
   EXPECT_EQ(m_api.Sent().back().headers, L"") << "body B validated with A's tag";
 }
 
+// A server whose tag does not follow every change (one made of the modification time alone)
+// sends another body under the stored tag: kept, the old body would be confirmed by every 304
+// to come. A body of another length than the stored one is another body, and is stored.
+TEST_F(ChangingResourceTest, ABodyOfAnotherLengthUnderTheStoredTagReplacesTheStoredOne) {
+  m_api.Queue(Answer("old", L"\"t\""));
+  EXPECT_EQ(Open(), "old");
+  m_api.Queue(Answer("new, longer", L"\"t\""));
+  EXPECT_EQ(Open(), "new, longer");
+  m_api.Queue(Answer("", L"\"t\"", 304));
+  EXPECT_EQ(Open(), "new, longer");
+}
+
 }  // namespace
 }  // namespace tq::test
