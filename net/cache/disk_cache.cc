@@ -500,7 +500,8 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
         entry.LastUsed() == now) {
       if (auto stream = entry.OpenLoadedBody(std::move(lookup.m_loaded_file))) return stream;
     }
-    if (lookup.m_loaded_file && entry.HeaderSize() != 0) {
+    // Asked only of a stale entry (see TakeBody): a fresh hit pays no extra call.
+    if (lookup.m_loaded_file && entry.HeaderSize() != 0 && !IsFresh(entry.Expiry(), now)) {
       const std::int64_t size = TqUSysFile::GetFileSize(lookup.m_loaded_file.get());
       const std::uint64_t body = entry_format::BodyOffset(entry.HeaderSize());
       if (size >= 0 && static_cast<std::uint64_t>(size) >= body) {
