@@ -36,6 +36,8 @@ struct CacheLookup {
   // The entry file as the load left it, open for reading (OpenUrl only): a fresh entry whose
   // use is already recorded is served from it without opening the file again.
   EntryFile m_loaded_file;
+  // The length of the body the loaded file holds, when known (OpenUrl only).
+  std::optional<std::uint64_t> m_stored_body_length;
 };
 
 enum class RefreshCode { UseEntry, DropEntry, Nothing };
@@ -234,9 +236,10 @@ void AskForChangedBodyOnly(HttpRequest& request, const CacheEntry& entry) {
 
 // Takes the tag of an answer with a body; true when the body is to be stored anew.
 bool TakeTag(CacheEntry& entry, const std::optional<std::string>& tag) {
-  if (tag && !Validator(*tag)) {
-    // A tag that could never be sent back is no validator: the entry keeps none, and like a
-    // response without a tag this one is stored anew.
+  // A tag that could never be sent back is no validator, and a body without a tag is not the
+  // one the old tag names: kept beside that tag, the new body would later be confirmed by the
+  // server's answers for the old one and served in its place. The entry keeps no tag.
+  if (!tag || !Validator(*tag)) {
     entry.UpdateETag(std::string());
     return true;
   }
@@ -249,7 +252,13 @@ RefreshResult TakeBody(CacheLookup& lookup, HttpReadStream& response, StaleFallb
   CacheEntry& entry = *lookup.m_entry;
   const Freshness freshness = FreshnessOf(response, lookup.m_now);
   entry.SetExpiry(ExpiryFor(lookup.m_flags, freshness));
-  const bool changed = TakeTag(entry, response.ETag());
+  bool changed = TakeTag(entry, response.ETag());
+  // A tag that does not follow every change (one made of the modification time alone) may come
+  // with another body: one of another length than the stored body is not that body. Served in
+  // its place, the stored body would be confirmed under that tag by every 304 to come.
+  const std::optional<std::uint64_t> length = response.ContentSize();
+  const std::optional<std::uint64_t>& stored = lookup.m_stored_body_length;
+  if (!changed && length && stored && *length != *stored) changed = true;
   const bool stale_serving_changed = SetStaleServingRule(entry, response, lookup.m_flags, changed);
   if (freshness.no_store) return ReadUnstoredBody(response, lookup.m_url, stop);
   if (changed) {
@@ -490,6 +499,14 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> OpenLookup(CacheLookup& lookup,
     if (lookup.m_loaded_file && entry.HeaderSize() != 0 && IsFresh(entry.Expiry(), now) &&
         entry.LastUsed() == now) {
       if (auto stream = entry.OpenLoadedBody(std::move(lookup.m_loaded_file))) return stream;
+    }
+    // Asked only of a stale entry (see TakeBody): a fresh hit pays no extra call.
+    if (lookup.m_loaded_file && entry.HeaderSize() != 0 && !IsFresh(entry.Expiry(), now)) {
+      const std::int64_t size = TqUSysFile::GetFileSize(lookup.m_loaded_file.get());
+      const std::uint64_t body = entry_format::BodyOffset(entry.HeaderSize());
+      if (size >= 0 && static_cast<std::uint64_t>(size) >= body) {
+        lookup.m_stored_body_length = static_cast<std::uint64_t>(size) - body;
+      }
     }
     lookup.m_loaded_file.reset();
     if (entry.IsValid() && IsFresh(entry.Expiry(), now)) return ServeEntry(lookup);
