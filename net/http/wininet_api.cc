@@ -81,8 +81,12 @@ bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
   std::vector<wchar_t> buffer = MakeBuffer(length);
   if (name != nullptr) CopyName(buffer, *name);
 
-  while (!HttpQueryInfoW(request, level, buffer.data(), &length, index)) {
+  for (DWORD asked = length; !HttpQueryInfoW(request, level, buffer.data(), &length, index);
+       asked = length) {
     if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;  // absent, or another error
+    // Asked again only with more room than the last call had: a length that does not grow
+    // would be asked for ever.
+    if (length <= asked) return false;
     buffer = MakeBuffer(length);
     if (name != nullptr) CopyName(buffer, *name);
   }

@@ -60,6 +60,11 @@ TEST_F(WinInetTest, SendsTheQueryAndHeadersAndReadsAValueThatJustFitsAndARetryAf
   const tq::test::RecordedRequest seen = m_server.requests().at(0);
   EXPECT_EQ(seen.query, "x=1");
   EXPECT_EQ(seen.Header("X-Test"), "yes");
+  // Regression: a query that kept reporting too small a buffer without asking for more room
+  // was asked again for as long as it did.
+  ASSERT_TRUE(TqPlatformInjectFault("HttpQueryInfoW", ERROR_INSUFFICIENT_BUFFER, 1000, 0));
+  EXPECT_EQ(m_api.QueryHeader(m_request, std::wstring(L"X-Short"), nullptr), std::nullopt);
+  EXPECT_EQ(TqPlatformInjectedFailures("HttpQueryInfoW"), 1u);
 }
 
 // A failed connect logs its host and code. Regression: a URL whose port was out of range
