@@ -45,7 +45,11 @@ TqUSysFile::Handle TqUSysFile::OpenFile(const std::filesystem::path& path, std::
     return kInvalid;
   }
 #if defined(_WIN32)
-  const DWORD desired = access == kAccessWrite ? (GENERIC_READ | GENERIC_WRITE) : GENERIC_READ;
+  // A writer may rename or delete the file it holds through its own handle (RenameHeldFile,
+  // RemoveHeldFile), never letting go of it on the way. It shares nothing, so asking for
+  // DELETE refuses no open that its sharing would not refuse anyway.
+  const DWORD desired =
+      access == kAccessWrite ? (GENERIC_READ | GENERIC_WRITE | DELETE) : GENERIC_READ;
   // Windows applies the sharing check as it opens, so a refused open never empties a file.
   const DWORD share_mode = share == kShareRead ? FILE_SHARE_READ : 0;
   DWORD disposition = OPEN_EXISTING;

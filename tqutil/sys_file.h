@@ -86,12 +86,14 @@ class TQUTIL_API TqUSysFile {
   static NameKind KindOfName(const std::filesystem::path& path, std::error_code& ec);
   /// RenameFile of the file open as `file`, made only while `from` still names it: one that
   /// ignores the sharing (a cleared directory) may have removed it, and another writer made the
-  /// name anew. Otherwise false with `ec` set to no_such_file_or_directory. Where no open file
-  /// can be renamed (Windows), RenameFile.
+  /// name anew. Otherwise false with `ec` set to no_such_file_or_directory. The file stays held
+  /// throughout; on Windows the handle itself is renamed, which needs a writer's handle
+  /// (kAccessWrite), and the sharing keeps the file at `from` while it is held.
   static bool RenameHeldFile(Handle file, const std::filesystem::path& from,
                              const std::filesystem::path& to, std::error_code& ec);
   /// RemoveFile of the file open as `file` at `path`, likewise: a name that holds another file
-  /// counts as nothing there.
+  /// counts as nothing there. On Windows the handle itself deletes it (a writer's handle): the
+  /// name goes at once where the file system can, else as the handle closes.
   static bool RemoveHeldFile(Handle file, const std::filesystem::path& path,
                              std::error_code& ec);
 

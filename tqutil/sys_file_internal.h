@@ -136,6 +136,14 @@ bool RemoveStale(const std::filesystem::path& path);
 TqUSysFile::Handle OpenPlainFile(const std::filesystem::path& path, DWORD access, DWORD share,
                                  DWORD disposition, DWORD flags);
 
+// Renames the open `file` over `to` through the handle itself, replacing a file there (a
+// read-only one too), so that the file is never let go of on the way; the handle needs DELETE
+// access. False with the last error set.
+bool RenameOpenFile(HANDLE file, const std::filesystem::path& to);
+// Deletes the open `file` through the handle itself (DELETE access): its name goes now where
+// the file system can, else as the last handle closes. False with the last error set.
+bool DeleteOpenFile(HANDLE file);
+
 // Deletes the read-only file at `path` that DeleteFileW refused: POSIX removes one from a
 // writable directory, and a planted or copied read-only file must not hold its name for ever.
 // Others' opens that share deletion keep the file until they close, as DeleteFileW does; a

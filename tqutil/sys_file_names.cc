@@ -8,7 +8,10 @@
 using qv::sys_file::Use;
 using qv::sys_file::LastFileError;
 #if defined(_WIN32)
+using qv::sys_file::DeleteOpenFile;
 using qv::sys_file::DeleteReadOnly;
+using qv::sys_file::LastError;
+using qv::sys_file::RenameOpenFile;
 namespace sys = qv::sys_file::sys;
 #else
 using qv::sys_file::StillNamed;
@@ -112,21 +115,16 @@ TqUSysFile::NameKind TqUSysFile::KindOfName(const std::filesystem::path& path,
 #endif
 }
 
+#if !defined(_WIN32)
 namespace {
-// Whether `path` (a link not followed) names the file open as `file`. Where an open file can
-// be neither renamed nor removed (Windows), the name always holds it while it is open.
+// Whether `path` (a link not followed) names the file open as `file`.
 bool NamesHeldFile(TqUSysFile::Handle file, const std::filesystem::path& path) {
-#if defined(_WIN32)
-  (void)file;
-  (void)path;
-  return true;
-#else
   struct stat held = {};
   if (!WholePath(path) || ::fstat(file->fd, &held) != 0) return false;
   return StillNamed(AT_FDCWD, path.c_str(), held);
-#endif
 }
 }  // namespace
+#endif
 
 bool TqUSysFile::RenameHeldFile(Handle file, const std::filesystem::path& from,
                                 const std::filesystem::path& to, std::error_code& ec) {
@@ -136,11 +134,24 @@ bool TqUSysFile::RenameHeldFile(Handle file, const std::filesystem::path& from,
     ec = std::make_error_code(std::errc::bad_file_descriptor);
     return false;
   }
+#if defined(_WIN32)
+  // The handle itself is renamed: the sharing keeps everyone else from renaming or deleting
+  // the file while it is held, so it still lies at `from`.
+  (void)from;
+  if (TqUSysFileFaults::Fails("rename")) {
+    ec = LastFileError();
+    return false;
+  }
+  if (RenameOpenFile(file->file, to)) return true;
+  ec = LastError();
+  return false;
+#else
   if (!NamesHeldFile(file, from)) {
     ec = std::make_error_code(std::errc::no_such_file_or_directory);
     return false;
   }
   return RenameFile(from, to, ec);
+#endif
 }
 
 bool TqUSysFile::RemoveHeldFile(Handle file, const std::filesystem::path& path,
@@ -151,6 +162,17 @@ bool TqUSysFile::RemoveHeldFile(Handle file, const std::filesystem::path& path,
     ec = std::make_error_code(std::errc::bad_file_descriptor);
     return false;
   }
+#if defined(_WIN32)
+  (void)path;
+  if (TqUSysFileFaults::Fails("remove")) {
+    ec = LastFileError();
+    return false;
+  }
+  if (DeleteOpenFile(file->file)) return true;
+  ec = LastError();
+  return false;
+#else
   if (!NamesHeldFile(file, path)) return false;
   return RemoveFile(path, ec);
+#endif
 }

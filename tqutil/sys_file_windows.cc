@@ -8,9 +8,12 @@
 #include "tqutil/sys_file_faults.h"
 #include "tqutil/sys_path.h"
 
+#include <cstddef>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace qv::sys_file {
 
@@ -89,9 +92,11 @@ constexpr auto kFileDispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(2
 
 // Marks the open `file` to be deleted when closed, a read-only one too: a stale file that is
 // read-only (planted, or left so) must not block its name for ever, as it does not on POSIX.
-bool MarkForDeletion(HANDLE file) {
+// With `at_once`, where the file system can, the name goes now rather than at the close.
+bool MarkForDeletion(HANDLE file, bool at_once = false) {
   FILE_DISPOSITION_INFO_EX ex = {};
-  ex.Flags = FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE;
+  ex.Flags = FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE |
+             (at_once ? FILE_DISPOSITION_FLAG_POSIX_SEMANTICS : 0);
   if (::SetFileInformationByHandle(file, kFileDispositionInfoEx, &ex, sizeof(ex))) return true;
   FILE_DISPOSITION_INFO disposition = {};
   disposition.DeleteFile = TRUE;
@@ -119,7 +124,62 @@ bool MarkForDeletion(HANDLE file) {
   return false;
 }
 
+// Not named by MinGW's headers for every Windows they target (Windows 10 1809 and later).
+constexpr auto kFileRenameInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(22);
+constexpr DWORD kRenameReplaceIfExists = 0x1;
+constexpr DWORD kRenameIgnoreReadOnly = 0x40;
+
+// FILE_RENAME_INFO, whose first member is a flag word for FileRenameInfoEx and a BOOLEAN for
+// FileRenameInfo (the union that MinGW names only for some target versions).
+struct RenameInfo {
+  DWORD flags;
+  HANDLE root;
+  DWORD length;  // of the name, in bytes, without its NUL
+  WCHAR name[1];
+};
+
+// One rename of `file` through its handle as class `kind`.
+bool SetRename(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, DWORD flags,
+               const std::wstring& target) {
+  const std::size_t bytes = offsetof(RenameInfo, name) + (target.size() + 1) * sizeof(WCHAR);
+  std::vector<RenameInfo> buffer((bytes + sizeof(RenameInfo) - 1) / sizeof(RenameInfo));
+  RenameInfo* info = buffer.data();
+  info->flags = flags;
+  info->root = nullptr;
+  info->length = static_cast<DWORD>(target.size() * sizeof(WCHAR));
+  std::memcpy(info->name, target.c_str(), (target.size() + 1) * sizeof(WCHAR));
+  return ::SetFileInformationByHandle(file, kind, info, static_cast<DWORD>(bytes));
+}
+
 }  // namespace
+
+bool RenameOpenFile(HANDLE file, const std::filesystem::path& to) {
+  std::wstring target;
+  if (!qv::sys_path::ToSystem(to, target)) return false;
+  // Windows replaces no read-only file, which POSIX does in a writable directory: a planted or
+  // copied read-only entry would refuse every new copy for ever. Newer systems are told to
+  // ignore the flag; older ones (and Wine) know no such rename, and lose the flag for it.
+  if (SetRename(file, kFileRenameInfoEx, kRenameReplaceIfExists | kRenameIgnoreReadOnly, target) ||
+      SetRename(file, FileRenameInfo, TRUE, target)) {
+    return true;
+  }
+  const DWORD error = ::GetLastError();
+  const DWORD attributes = sys::Attributes(to);
+  if (error != ERROR_ACCESS_DENIED || attributes == INVALID_FILE_ATTRIBUTES ||
+      (attributes & FILE_ATTRIBUTE_READONLY) == 0 || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    ::SetLastError(error);
+    return false;
+  }
+  const DWORD writable = attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
+  if (sys::SetAttributes(to, writable != 0 ? writable : FILE_ATTRIBUTE_NORMAL)) {
+    if (SetRename(file, FileRenameInfo, TRUE, target)) return true;
+    sys::SetAttributes(to, attributes);
+  }
+  ::SetLastError(error);
+  return false;
+}
+
+bool DeleteOpenFile(HANDLE file) { return MarkForDeletion(file, true); }
 
 bool RemoveStale(const std::filesystem::path& path) {
   if (TqUSysFileFaults::Fails("open")) return false;

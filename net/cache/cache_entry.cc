@@ -184,10 +184,10 @@ std::uint16_t RequiredHeaderSize(const std::string& etag, const std::string& key
   return static_cast<std::uint16_t>(size);
 }
 
-// Deletes the file `held` that `owner` holds open at `path`. Where the system lets a locked
-// file be deleted (POSIX), it goes before the lock does, so no other writer can have opened the
-// name in between; where it refuses (Windows), the file is closed first. A name that holds
-// another writer's file by now (the directory was cleared under us) is left to that writer.
+// Deletes the file `held` that `owner` holds open at `path`. It goes while it is still held, so
+// no other writer can have opened the name in between; only when that fails is it tried again
+// by name once closed. A name that holds another writer's file by now (the directory was
+// cleared under us) is left to that writer.
 template <class Owner>
 void DeleteHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& path) {
   std::error_code ec;
@@ -229,12 +229,10 @@ bool DeleteListedNonEntry(UniqueFile file, const TqUSysDirectory& directory,
 #endif
 }
 
-// Renames the file `held` that `owner` holds open over `to`, then closes it. Renaming under the
-// lock keeps a second writer from opening the temporary name, emptying it and having its
+// Renames the file `held` that `owner` holds open over `to`, then closes it. Renaming while
+// holding it keeps a second writer from opening the temporary name, emptying it and having its
 // half-written file renamed into place by us; and the name is renamed only while it is still
-// ours (a cleared directory loses it, and another writer may make it anew). Windows refuses
-// to rename an open file (and its sharing keeps other writers out instead), so there the
-// rename is tried again once the file is closed.
+// ours (a cleared directory loses it, and another writer may make it anew).
 template <class Owner>
 bool RenameHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& from,
                     const fs::path& to) {
@@ -244,27 +242,18 @@ bool RenameHeldFile(Owner& owner, TqUSysFile::Handle held, const fs::path& from,
     return true;
   }
   // Gone (the cache was cleared under us): nothing to rename and nothing of ours to delete.
-  const bool gone = ec == std::errc::no_such_file_or_directory;
-#if defined(_WIN32)
-  owner.reset();
-  if (gone) return false;
-  if (TqUSysFile::RenameFile(from, to, ec)) return true;
-  TqUSysFile::RemoveFile(from, ec);
-#else
-  // Failed for good: once the lock is dropped, the name may hold another writer's half-written
+  // Failed for good: once the file is let go, the name may hold another writer's half-written
   // file, which a second try would put in place. Ours goes while it is still held.
-  if (!gone) TqUSysFile::RemoveHeldFile(held, from, ec);
+  if (ec != std::errc::no_such_file_or_directory) TqUSysFile::RemoveHeldFile(held, from, ec);
   owner.reset();
-#endif
   return false;
 }
 
 // A body written straight into its entry file by a caller. A write that fails (a full disk)
 // would leave the body cut short under the entry's name, where a later read takes it for the
 // whole body: the entry goes at once, while the file is still held so that no other writer's
-// file is taken for it, and the stream writes nothing more. Where an open file cannot be
-// deleted (Windows), it keeps the start marker it was made without, and the next look at the
-// name deletes it as no entry.
+// file is taken for it, and the stream writes nothing more. Should that fail, the file keeps
+// the start marker it was made without, and the next look at the name deletes it as no entry.
 class EntryBodyWriteStream final : public qv::io::FileWriteStream {
  public:
   EntryBodyWriteStream(TqUSysFile::Handle file, fs::path path)
