@@ -121,16 +121,19 @@ TEST_F(HttpStreamsEndToEndTest, AContentLengthBesideTransferEncodingIsNotTheBody
   for (const char* head : {"Transfer-Encoding: chunked\r\nContent-Length: 3\r\n",
                            "Content-Length: 3\r\nTransfer-Encoding: chunked\r\n"}) {
     SCOPED_TRACE(head);
+    // Each answer says its connection closes: a client that found out only after sending its
+    // next request there (Wine's WinINet may) would fail that one for a reason not tested here.
     tq::test::RawResponder responder([head](tq::test::RawConnection& connection) {
       connection.ReadRequestHead();
-      connection.Send(std::string("HTTP/1.1 200 OK\r\n") + head +
+      connection.Send(std::string("HTTP/1.1 200 OK\r\nConnection: close\r\n") + head +
                       "\r\n5\r\nhello\r\n0\r\n\r\n");
       connection.Close();
     });
     ASSERT_TRUE(responder.ok());
     for (const int flags : {0, HttpReadStream::FlagMakeHeadRequest}) {
+      SCOPED_TRACE(flags);
       auto stream = HttpReadStream::Open(Wide(responder.Url("/chunked")), flags, {});
-      ASSERT_TRUE(stream->Succeeded());
+      ASSERT_TRUE(stream->Succeeded()) << "status " << static_cast<int>(stream->QueryStatusCode());
       EXPECT_EQ(stream->ContentSize(), std::nullopt);
       EXPECT_EQ(stream->MetaData().size, std::nullopt);
       EXPECT_EQ(tq::test::ReadAll(*stream), "hello");
