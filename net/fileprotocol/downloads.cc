@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "net/fileprotocol/http_file_protocol.h"
+#include "tqutil/text_path.h"
 
 namespace qv::net {
 namespace {
@@ -90,14 +91,13 @@ void MyBindStatusCallback::RethrowProgressError() const {
 namespace {
 
 // Removes what a download that ended short left at `name`: not the file asked for, and not to be
-// taken for it.
+// taken for it. A name no path holds whole names another file, which is left alone.
 void RemoveTornDownload(const wchar_t* name) {
+  if (name == nullptr) return;
+  bool whole = false;
+  const std::filesystem::path path = qv::PathOfWide(name, &whole);
   std::error_code ec;
-#if defined(_WIN32)
-  TqUSysFile::RemoveFile(std::filesystem::path(name), ec);
-#else
-  TqUSysFile::RemoveFile(std::filesystem::path(qv::WideToUtf8(name)), ec);
-#endif
+  if (whole) TqUSysFile::RemoveFile(path, ec);
 }
 
 }  // namespace

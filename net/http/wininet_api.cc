@@ -226,14 +226,13 @@ namespace {
 // an answer that has no body (1xx, 204, 304), nor one whose length is not its body's (a transfer
 // coding frames it; a content coding WinINet may decode).
 bool FallsShortOfLength(HINTERNET request, std::uint64_t received) {
-  DWORD status = 0;
-  DWORD length = sizeof(status);
-  if (!HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &length,
-                      nullptr) ||
-      status < 200 || status == 204 || status == 304) {
+  detail::QueryInfoResult result;
+  if (!detail::QueryInfo(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, nullptr, result,
+                         nullptr)) {
     return false;
   }
-  detail::QueryInfoResult result;
+  const std::uint32_t status = std::get<1>(result);
+  if (status < 200 || status == 204 || status == 304) return false;
   if (detail::QueryInfo(request, HTTP_QUERY_TRANSFER_ENCODING, nullptr, result, nullptr) ||
       detail::QueryInfo(request, HTTP_QUERY_CONTENT_ENCODING, nullptr, result, nullptr) ||
       !detail::QueryInfo(request, HTTP_QUERY_CONTENT_LENGTH, nullptr, result, nullptr)) {

@@ -8,10 +8,8 @@
 namespace qv::net {
 namespace {
 
-// The stop flag of the pool whose worker this thread is; null on other threads. A plain
+// The stop token of the pool whose worker this thread is; null on other threads. A plain
 // pointer, so that nothing of the library runs as a thread ends.
-thread_local const std::atomic<bool>* t_worker_pool_stopped = nullptr;
-// The same pool's stop token, for the waits that watch a token.
 thread_local const qv::stop_token* t_worker_pool_token = nullptr;
 
 detail::ThreadStartHook g_start_hook;
@@ -73,7 +71,7 @@ bool thread_pool::IsOwnThread() const {
   // The worker's own mark, not the pool's thread list: another thread may be joining one of
   // those threads meanwhile, which writes its id. A thread that has not reached its loop yet
   // runs no task, so it cannot be asking.
-  return t_worker_pool_stopped == &m_queue_stopped;
+  return t_worker_pool_token == &m_stopping_token;
 }
 
 void thread_pool::Shutdown() {
@@ -106,14 +104,13 @@ void thread_pool::Enqueue(vemo::function_wrapper task) {
 }
 
 bool thread_pool::CallerPoolStopping() {
-  return t_worker_pool_stopped != nullptr && t_worker_pool_stopped->load();
+  return t_worker_pool_token != nullptr && t_worker_pool_token->stop_requested();
 }
 
 const qv::stop_token* thread_pool::CallerPoolStopToken() { return t_worker_pool_token; }
 
 void thread_pool::WorkerLoop() {
   if (m_done) return;
-  t_worker_pool_stopped = &m_queue_stopped;
   t_worker_pool_token = &m_stopping_token;
   for (;;) {
     vemo::function_wrapper task;
