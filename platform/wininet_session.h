@@ -17,6 +17,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/curl_handles.h"
@@ -96,6 +97,14 @@ class SettingsHolder {
 
 // Settings made with a null handle: they apply to every handle of the process.
 SettingsHolder& ProcessSettings();
+
+class Session;
+
+// The sessions alive now, for a process-wide change that their connections must see.
+std::vector<std::shared_ptr<Session>> LiveSessions();
+
+// False when the text holds a CR or LF: it cannot go out as (part of) one header line.
+bool FitsOneLine(std::string_view text);
 
 // A test may point certificate verification at its own CA file (see fault_injection.h).
 std::optional<std::string> TestCaFile();
