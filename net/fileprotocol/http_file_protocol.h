@@ -93,7 +93,8 @@ class TQNET_EXPORT HttpFileProtocol : public TqUFileProtocol {
   /// call does it. A host that registered a protocol of its own under "https" before Initialise
   /// keeps it registered there, and Terminate deletes it: such a host unregisters it first.
   static void Terminate();
-  /// The protocol object is registered.
+  /// Initialise has done its work and the matching Terminate has not yet run. The object is
+  /// then registered, except under a scheme the host had taken first.
   static bool IsInitialised();
 
   /// Hooks (process-wide, not locked: install and remove them while no request runs).
