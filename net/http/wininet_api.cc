@@ -223,8 +223,9 @@ std::optional<std::int64_t> WinInet::QueryHeaderDateTime(void* request,
 namespace {
 
 // True when the answer on `request` names a length that `received` bytes fall short of. Not for
-// an answer that has no body (1xx, 204, 304), nor one whose length is not its body's (a transfer
-// coding frames it; a content coding WinINet may decode).
+// an answer that has no body (1xx, 204, 304), nor one framed by a transfer coding, whose length
+// is not its body's. A content coding changes nothing: decoding is never turned on, so the bytes
+// read are the bytes the length counts.
 bool FallsShortOfLength(HINTERNET request, std::uint64_t received) {
   detail::QueryInfoResult result;
   if (!detail::QueryInfo(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, nullptr, result,
@@ -234,7 +235,6 @@ bool FallsShortOfLength(HINTERNET request, std::uint64_t received) {
   const std::uint32_t status = std::get<1>(result);
   if (status < 200 || status == 204 || status == 304) return false;
   if (detail::QueryInfo(request, HTTP_QUERY_TRANSFER_ENCODING, nullptr, result, nullptr) ||
-      detail::QueryInfo(request, HTTP_QUERY_CONTENT_ENCODING, nullptr, result, nullptr) ||
       !detail::QueryInfo(request, HTTP_QUERY_CONTENT_LENGTH, nullptr, result, nullptr)) {
     return false;
   }
