@@ -104,8 +104,9 @@ bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
         (static_cast<std::uint64_t>(file_time.dwHighDateTime) << 32) | file_time.dwLowDateTime;
     result = TqUSysTime::FromFileTime(ticks);
   } else {
-    // The reported length leaves out the terminator, and so does the text: it ends here, once,
-    // for every consumer above the transport.
+    // The reported length leaves out the terminator, and so does the text: a terminator kept in
+    // it would travel as part of the value, and an entity tag would reach callers and the cache
+    // with a NUL the server never sent.
     const std::size_t units = std::min<std::size_t>(length / sizeof(wchar_t), buffer.size());
     result = std::wstring(buffer.data(), units);
   }
