@@ -104,8 +104,9 @@ bool QueryInfo(void* request, std::uint32_t level, const std::wstring* name,
         (static_cast<std::uint64_t>(file_time.dwHighDateTime) << 32) | file_time.dwLowDateTime;
     result = TqUSysTime::FromFileTime(ticks);
   } else {
-    // The reported length leaves out the terminator, and so does the text: it ends here, once,
-    // for every consumer above the transport.
+    // The reported length leaves out the terminator, and so does the text: a terminator kept in
+    // it would travel as part of the value, and an entity tag would reach callers and the cache
+    // with a NUL the server never sent.
     const std::size_t units = std::min<std::size_t>(length / sizeof(wchar_t), buffer.size());
     result = std::wstring(buffer.data(), units);
   }
@@ -223,8 +224,9 @@ std::optional<std::int64_t> WinInet::QueryHeaderDateTime(void* request,
 namespace {
 
 // True when the answer on `request` names a length that `received` bytes fall short of. Not for
-// an answer that has no body (1xx, 204, 304), nor one whose length is not its body's (a transfer
-// coding frames it; a content coding WinINet may decode).
+// an answer that has no body (1xx, 204, 304), nor one framed by a transfer coding, whose length
+// is not its body's. A content coding changes nothing: decoding is never turned on, so the bytes
+// read are the bytes the length counts.
 bool FallsShortOfLength(HINTERNET request, std::uint64_t received) {
   detail::QueryInfoResult result;
   if (!detail::QueryInfo(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, nullptr, result,
@@ -234,7 +236,6 @@ bool FallsShortOfLength(HINTERNET request, std::uint64_t received) {
   const std::uint32_t status = std::get<1>(result);
   if (status < 200 || status == 204 || status == 304) return false;
   if (detail::QueryInfo(request, HTTP_QUERY_TRANSFER_ENCODING, nullptr, result, nullptr) ||
-      detail::QueryInfo(request, HTTP_QUERY_CONTENT_ENCODING, nullptr, result, nullptr) ||
       !detail::QueryInfo(request, HTTP_QUERY_CONTENT_LENGTH, nullptr, result, nullptr)) {
     return false;
   }
