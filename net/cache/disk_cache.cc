@@ -30,7 +30,7 @@ struct CacheLookup {
   std::wstring m_url;
   int m_flags = 0;
   // The time the whole operation judges freshness by and records as the entry's use, read once
-  // (OpenUrl only).
+  // (OpenUrl and OpenReadStream).
   std::int64_t m_now = 0;
   std::optional<CacheEntry> m_entry;
   // The entry file as the load left it, open for reading (OpenUrl only): a fresh entry whose

@@ -33,10 +33,11 @@ class EntryNameIndex;
 /// store.
 class DiskCache : public IUrlCache {
  public:
-  /// Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1, or
-  /// DiskCache/v1 in the working directory when the system names no per-user cache
-  /// directory), created with missing parents and, on POSIX, readable by the owner only. Throws
-  /// std::filesystem::filesystem_error when it cannot be tested or created.
+  /// Entries live in `directory`/v1 (null: the application's cache directory/DiskCache/v1),
+  /// created with missing parents and, on POSIX, readable by the owner only. Throws
+  /// std::filesystem::filesystem_error when it cannot be tested or created, when `directory`
+  /// does not convert to a path whole, or (null) when the system names no per-user cache
+  /// directory: the cache is then nowhere rather than in some other directory.
   explicit DiskCache(const wchar_t* directory);
   ~DiskCache() override;
   DiskCache(const DiskCache&) = delete;
