@@ -88,21 +88,28 @@ IHttpApi& Api() {
   return *api;
 }
 
-// Content-Length as text, for bodies whose length does not fit the numeric query's 32 bits.
+// Content-Length as text: digits only, once the blanks around a field value are gone (a
+// transport may keep a tab there).
 std::optional<std::uint64_t> ParseContentLength(const std::optional<std::wstring>& text) {
   if (!text) return std::nullopt;
-  return qv::ParseDecimal(*text);
+  TqUWideStringBuffer value(*text);
+  value.Trim();
+  return qv::ParseDecimal(value.View());
 }
 
 std::optional<std::uint64_t> QueryContentSize(IHttpApi& api, void* request) {
   // A transfer coding frames the body and overrides a Content-Length sent beside it: that
   // number is not the body's size.
   if (api.QueryHeader(request, std::wstring(L"Transfer-Encoding"), nullptr)) return std::nullopt;
+  // The text, read strictly: it carries lengths past 32 bits, and WinINet's numeric query reads
+  // only leading digits ("12abc" as 12, "-1" as 4294967295), a length nothing frames the body by.
+  if (auto text = api.QueryHeader(request, HttpHeader::ContentLength, nullptr)) {
+    return ParseContentLength(text);
+  }
   if (auto number = api.QueryHeaderNumeric(request, HttpHeader::ContentLength, nullptr)) {
     return std::uint64_t{*number};
   }
-  // The numeric query fails for a length above 32 bits; the text still tells it.
-  return ParseContentLength(api.QueryHeader(request, HttpHeader::ContentLength, nullptr));
+  return std::nullopt;
 }
 
 // More Content-Length headers than this are not compared one by one: no server sends them.

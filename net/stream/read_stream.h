@@ -63,13 +63,14 @@ class TQNET_EXPORT HttpReadStream : public qv::io::IDataReadStream {
   /// Releases the request handle now rather than with the stream. A later Read of a successful
   /// response asks the transport with no request, which fails: it throws as any failed read.
   void Close();
-  /// The body size from the Content-Length of the answer that gives it: the HEAD's when one
-  /// was sent (whatever the GET answers after it), else the request's own. Empty when that
-  /// answer is not a 200, gave none, or framed its body with a transfer coding (which overrides
-  /// a Content-Length beside it).
+  /// The body size from the Content-Length of a usable 200 answer: the HEAD's when it gave one
+  /// (kept whatever the GET answers after it), else the request's own. Empty when neither gave
+  /// one as a number, or framed its body with a transfer coding (which overrides a
+  /// Content-Length beside it); a 304's or 404's length is never taken.
   std::optional<std::uint64_t> ContentSize() const;
-  /// The entity tag of a 200 answer (the HEAD's, when one was sent) in UTF-8, quotes included;
-  /// empty when none, and for any other answer (a 304's tag included).
+  /// The entity tag of a usable 200 answer in UTF-8, quotes included: the HEAD's when it gave
+  /// one (kept whatever the GET answers after it), else the request's own; empty when none did
+  /// (a 304's tag is never taken).
   std::optional<std::string> ETag() const;
   /// The response status (0 when none could be read).
   HttpStatus QueryStatusCode() const;

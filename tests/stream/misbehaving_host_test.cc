@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cwctype>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -31,6 +32,8 @@ class ThrowingApi : public qv::net::IHttpApi {
   std::uint32_t read_extra = 0;
   bool close_throws = false;  // CloseHandle closes, then throws
   bool ignore_index = false;  // header queries answer the first copy, whatever index is asked
+  // Numbers read as WinINet reads them: the leading digits, a leading '-' wrapping modulo 2^32.
+  bool lenient_numbers = false;
 
   void* OpenInternet(const wchar_t* agent) override { return Count(), m_inner.OpenInternet(agent); }
   void* Connect(void* internet, const TqUURL& url) override {
@@ -50,7 +53,17 @@ class ThrowingApi : public qv::net::IHttpApi {
   }
   std::optional<std::uint32_t> QueryHeaderNumeric(void* request, const Selector& header,
                                                   std::uint32_t* index) override {
-    return Count(), m_inner.QueryHeaderNumeric(request, header, index);
+    Count();
+    if (!lenient_numbers) return m_inner.QueryHeaderNumeric(request, header, index);
+    const std::optional<std::wstring> text = m_inner.QueryHeader(request, header, index);
+    if (!text) return std::nullopt;
+    std::size_t i = text->find_first_not_of(L" \t");
+    const bool negative = i < text->size() && (*text)[i] == L'-';
+    std::uint32_t value = 0;
+    for (i += negative; i < text->size() && std::iswdigit((*text)[i]); ++i) {
+      value = value * 10 + static_cast<std::uint32_t>((*text)[i] - L'0');
+    }
+    return negative ? 0u - value : value;
   }
   std::optional<std::int64_t> QueryHeaderDateTime(void* request, const Selector& header,
                                                   std::uint32_t* index) override {
@@ -173,6 +186,21 @@ TEST_F(MisbehavingTransportTest, ATransportIgnoringTheHeaderIndexStillGivesTheBo
     EXPECT_EQ(tq::test::ReadAll(*stream, 64), "body");
   }
   EXPECT_EQ(m_log.Text(), "");
+}
+
+// Regression: the size was the transport's numeric reading of Content-Length, which WinINet takes
+// from the leading digits ("12abc" as 12, "-1" as 4294967295): a size the transport itself does not
+// frame the body by, so the cache refused such bodies on Windows as cut short.
+TEST_F(MisbehavingTransportTest, AContentLengthThatIsNoNumberGivesNoSizeWhateverTheNumericQuerySays) {
+  m_throwing.lenient_numbers = true;
+  const std::pair<const wchar_t*, std::optional<std::uint64_t>> cases[] = {
+      {L"-1", std::nullopt}, {L"12abc", std::nullopt}, {L"\t4 ", 4}};
+  for (const auto& [length, size] : cases) {
+    m_api.Queue(FakeResponse{}.Header(L"Content-Length", length).Body("body"));
+    auto stream = HttpReadStream::Open(kUrl, 0, {});
+    EXPECT_EQ(stream->ContentSize(), size) << qv::WideToUtf8(length);
+    EXPECT_EQ(tq::test::ReadAll(*stream, 64), "body");
+  }
 }
 
 }  // namespace
