@@ -5,6 +5,7 @@
 #include "net/fileprotocol/auth_hooks.h"
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/fileprotocol/protocol_internal.h"
+#include "net/http/header_number.h"
 #include "net/http/request_handler.h"
 
 namespace qv::net {
@@ -44,7 +45,7 @@ Attempt GatherInfo(HINTERNET request, DWORD status, const wchar_t* url, TqUFileI
     }
   } else if (QueryHeaderText(request, HTTP_QUERY_CONTENT_LENGTH, &text)) {
     // Anything but digits (a sign, junk, a value past 64 bits) is no size.
-    if (const std::optional<std::uint64_t> size = qv::ParseDecimal(text.View())) {
+    if (const std::optional<std::uint64_t> size = detail::ParseHeaderNumber(text.View())) {
       info->SetFileSize(*size);
       state = Attempt::Done;
     }

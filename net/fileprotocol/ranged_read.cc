@@ -9,6 +9,7 @@
 
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/fileprotocol/protocol_internal.h"
+#include "net/http/header_number.h"
 #include "net/http/request_handler.h"
 
 namespace qv::net {
@@ -57,7 +58,7 @@ bool QueryTotalSize(HINTERNET request, ContentRangeHeader& content_range,
   }
   if (QueryHeaderText(request, HTTP_QUERY_CONTENT_LENGTH, &text)) {
     // Anything but digits (a sign, junk, a value past 64 bits) is no size.
-    if (const std::optional<std::uint64_t> size = qv::ParseDecimal(text.View())) {
+    if (const std::optional<std::uint64_t> size = detail::ParseHeaderNumber(text.View())) {
       *total_size = *size;
       return true;
     }

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "net/fileprotocol/protocol_internal.h"
+#include "net/http/header_number.h"
 
 namespace qv::net::detail {
 namespace {
@@ -34,7 +35,7 @@ bool QueryContentLength(HINTERNET request, DWORD index, std::uint64_t* value) {
   DWORD size = sizeof(text);
   if (!HttpQueryInfoW(request, HTTP_QUERY_CONTENT_LENGTH, text, &size, &index)) return false;
   const std::optional<std::uint64_t> number =
-      qv::ParseDecimal(std::wstring_view(text, size / sizeof(wchar_t)));
+      detail::ParseHeaderNumber(std::wstring_view(text, size / sizeof(wchar_t)));
   if (!number) {
     SetLastError(ERROR_HTTP_INVALID_HEADER);
     return false;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "net/host/platform.h"
+#include "net/http/header_number.h"
 #include "net/http/send_watch.h"
 
 namespace qv::net {
@@ -239,7 +240,7 @@ bool FallsShortOfLength(HINTERNET request, std::uint64_t received) {
       !detail::QueryInfo(request, HTTP_QUERY_CONTENT_LENGTH, nullptr, result, nullptr)) {
     return false;
   }
-  const std::optional<std::uint64_t> announced = qv::ParseDecimal(std::get<0>(result));
+  const std::optional<std::uint64_t> announced = detail::ParseHeaderNumber(std::get<0>(result));
   return announced && received < *announced;
 }
 

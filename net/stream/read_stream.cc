@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "net/http/connection_pool.h"
+#include "net/http/header_number.h"
 #include "net/http/http_api.h"
 #include "net/http/quiet_close.h"
 #include "net/http/request_handler.h"
@@ -88,13 +89,10 @@ IHttpApi& Api() {
   return *api;
 }
 
-// Content-Length as text: digits only, once the blanks around a field value are gone (a
-// transport may keep a tab there).
+// Content-Length as text: it carries lengths past 32 bits.
 std::optional<std::uint64_t> ParseContentLength(const std::optional<std::wstring>& text) {
   if (!text) return std::nullopt;
-  TqUWideStringBuffer value(*text);
-  value.Trim();
-  return qv::ParseDecimal(value.View());
+  return detail::ParseHeaderNumber(*text);
 }
 
 std::optional<std::uint64_t> QueryContentSize(IHttpApi& api, void* request) {

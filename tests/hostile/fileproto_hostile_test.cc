@@ -123,9 +123,9 @@ TEST_F(HostileFileProtocol, TwoDifferentContentLengthsAreAFailureAndNothingIsRem
   EXPECT_EQ(buffer, std::vector<unsigned char>(4, kUntouched));
   EXPECT_THAT(TakeLog(), ElementsAre(refused("ReadFile")));
 
-  // The same length twice is one length.
+  // The same length twice is one length, blanks around it or not.
   SameAnswerServer repeated(
-      "HTTP/1.1 200 OK\r\nContent-Length: 4\r\nContent-Length: 4\r\n\r\nabcd");
+      "HTTP/1.1 200 OK\r\nContent-Length:\t4\t\r\nContent-Length: 4\r\n\r\nabcd");
   ASSERT_TRUE(protocol_->GetFileInfo(W(repeated.Url("/f")).c_str(), &info));
   EXPECT_EQ(info.GetFileSize(), 4u);
   OpenedFile same(protocol_, repeated.Url("/f"));
