@@ -28,8 +28,8 @@ TQPLATFORM_API std::string UrlDownloadCacheDirectory();
 
 // The cache file's name (no directory) for a URL given as UTF-8: 16 hexadecimal digits of a
 // hash of the URL, "-", then the last path segment with characters outside [A-Za-z0-9._-]
-// replaced by "_" (at most 64 of them; "download" when there is none). So the same URL always
-// lands on the same file, and the cache holds one copy per URL.
+// replaced by "_" (at most 64 of them; "download" when there is none, or it is "." or "..").
+// So the same URL always lands on the same file, and the cache holds one copy per URL.
 TQPLATFORM_API std::string UrlDownloadCacheFileName(const std::string& url);
 
 }  // namespace tqplatform

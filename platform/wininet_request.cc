@@ -382,11 +382,11 @@ BOOL HttpSendRequestW(HINTERNET request_handle, LPCWSTR headers, DWORD headers_l
 }
 
 BOOL InternetReadFile(HINTERNET file, LPVOID buffer, DWORD bytes_to_read, LPDWORD bytes_read) {
+  // The count is zeroed before any check: a caller may look at it after a failure, and must
+  // not find the last read's count there.
+  if (bytes_read != nullptr) *bytes_read = 0;
   return Guarded(FALSE, [&]() -> BOOL {
-    if (DWORD fault = TakeInjectedFault("InternetReadFile")) {
-      if (bytes_read != nullptr) *bytes_read = 0;
-      return Fail(fault);
-    }
+    if (DWORD fault = TakeInjectedFault("InternetReadFile")) return Fail(fault);
     auto request = Lookup<Request>(file);
     if (request == nullptr) return FALSE;
     if (bytes_read == nullptr || (buffer == nullptr && bytes_to_read != 0)) {

@@ -35,7 +35,8 @@ inline constexpr std::size_t kMaxIdleSlotsPerSession = 32;
 inline constexpr DWORD kDefaultConnectTimeoutMs = 60'000;
 inline constexpr DWORD kDefaultSendTimeoutMs = 30'000;
 inline constexpr DWORD kDefaultReceiveTimeoutMs = 60'000;
-// A time-out of 0 or 0xFFFFFFFF means "no time-out", as in WinINet.
+// A time-out of 0 or 0xFFFFFFFF means "no time-out", as in WinINet; a connect still ends at
+// libcurl's own bound (TransferClock::kDefaultConnect), so that no wait is without end.
 inline constexpr DWORD kInfiniteTimeout = 0xFFFFFFFFu;
 
 // Options that InternetSetOptionW can set on a session, a connection or a request. Unset values

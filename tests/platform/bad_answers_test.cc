@@ -164,8 +164,10 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
     EXPECT_EQ(ErrorOf([&] { return InternetCloseHandle(bad); }), ERROR_INVALID_HANDLE);
     EXPECT_EQ(ErrorOf([&] { return HttpSendRequestW(bad, nullptr, 0, nullptr, 0); }),
               ERROR_INVALID_HANDLE);
+    got = 7;  // zeroed before any check, as callers may read it after a failure
     EXPECT_EQ(ErrorOf([&] { return InternetReadFile(bad, buffer, sizeof buffer, &got); }),
               ERROR_INVALID_HANDLE);
+    EXPECT_EQ(got, 0u);
     EXPECT_EQ(ErrorOf([&] {
                 return HttpQueryInfoW(bad, HTTP_QUERY_STATUS_CODE, buffer, &length, nullptr);
               }),
@@ -213,8 +215,10 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
   // Out-parameters that are not there, and bytes to read into no buffer.
   EXPECT_EQ(ErrorOf([&] { return InternetReadFile(request.get(), buffer, 1, nullptr); }),
             ERROR_INVALID_PARAMETER);
+  got = 7;
   EXPECT_EQ(ErrorOf([&] { return InternetReadFile(request.get(), nullptr, 1, &got); }),
             ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(got, 0u);
   EXPECT_EQ(ErrorOf([&] {
               return HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE, buffer, nullptr,
                                     nullptr);
