@@ -228,9 +228,12 @@ void ExportedNames(const std::string& path) {
   HttpConnectionPool::Terminate();
   Check(SetHttpApi(nullptr) == &transport, "SetHttpApi back");
   // Cache system.
-  Check(IUrlCache::NeverExpire == 1 && IUrlCache::ServeStaleOnError == 2 &&
-            CachePrefix() == L"qvcache://",
-        "IUrlCache constants");
+  // The constants themselves, not only their values: bound to a reference (as std::max binds
+  // them) a host needs the library's definitions.
+  const int* const volatile flags[] = {&IUrlCache::NeverExpire, &IUrlCache::ServeStaleOnError,
+                                       &HttpReadStream::FlagMakeHeadRequest};
+  Check(*flags[0] == 1 && *flags[1] == 2 && *flags[2] == 1 && CachePrefix() == L"qvcache://",
+        "exported constants");
   std::unique_ptr<IUrlCache> host_cache = std::make_unique<HostCache>();
   Check(host_cache->QueryFlag(), "IUrlCache derived");
   InMemoryCache memory;
