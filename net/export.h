@@ -14,3 +14,12 @@
 #else
 #define TQNET_EXPORT __attribute__((visibility("default")))
 #endif
+
+// A constant given in its class (static constexpr) is emitted only where it is used; a host that
+// imports the class takes it from tqnetwork.dll when it binds it to a reference, so the DLL must
+// emit and export it even though nothing in the library takes its address.
+#if defined(_WIN32) && defined(TQNET_BUILDING) && !defined(TQNET_STATIC)
+#define TQNET_EXPORT_CONSTANT __attribute__((used))
+#else
+#define TQNET_EXPORT_CONSTANT
+#endif

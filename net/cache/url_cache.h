@@ -15,13 +15,13 @@ namespace qv::net {
 class TQNET_EXPORT IUrlCache {
  public:
   /// Open flag: the entry stored or revalidated by this call never expires.
-  static constexpr int NeverExpire = 1;
+  TQNET_EXPORT_CONSTANT static constexpr int NeverExpire = 1;
   /// Open flag: when a stale entry cannot be revalidated because the server cannot be reached,
   /// answers 500, 502, 503 or 504, or sends a new body that cannot be stored whole, the stored
   /// body is served and kept (one log line says so). Only entries stored or revalidated by an
   /// open with this flag qualify, and only when that response did not say "must-revalidate" or
   /// "no-cache"; opens without it store entries exactly as before.
-  static constexpr int ServeStaleOnError = 2;
+  TQNET_EXPORT_CONSTANT static constexpr int ServeStaleOnError = 2;
 
   virtual ~IUrlCache();
   /// Reserved: every cache of the library answers false and nothing calls it.
