@@ -93,7 +93,7 @@ namespace detail {
 /// or the worker pool whose task waits shuts down. Both are looked at again once the replacement
 /// returns. Not thread-safe: set while no stream is opened.
 using RetrySleepFunction = std::function<void(std::chrono::milliseconds)>;
-TQNET_EXPORT RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep);
+RetrySleepFunction SetRetrySleepForTesting(RetrySleepFunction sleep);
 }  // namespace detail
 
 }  // namespace qv::net
