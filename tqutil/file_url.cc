@@ -7,8 +7,10 @@
 
 #include <boost/url/grammar/ci_string.hpp>
 #include <boost/url/parse.hpp>
+#include <boost/url/pct_string_view.hpp>
 #include <boost/url/url_view.hpp>
 
+#include "tqutil/dot_segments.h"
 #include "tqutil/file_streams.h"
 #include "tqutil/percent_encoding.h"
 #include "tqutil/strings.h"
@@ -59,7 +61,13 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
     if (code == "5C" || code == "5c") return {};
 #endif
   }
-  std::string path = u.path();
+  // Dot segments go as the URL's rules remove them ("d/link/../f" is "d/f", "d//../f" is "d/f"),
+  // as TqUURL normalises them and a cache keys the URL: the system would climb out of a link's
+  // target, or tidy away an empty segment first, and open another file.
+  const std::string dotless = qv::url_path::RemoveDotSegments(encoded);
+  const auto escaped = boost::urls::make_pct_string_view(dotless);  // a view into `dotless`
+  if (!escaped) return {};
+  std::string path = escaped->decode();
   // "file:////server/share/x" has no host, but its path is one of another host's files on
   // Windows (a UNC path), which the host check above refuses when the URL names it there.
   if (path.substr(0, 2) == "//") return {};
@@ -72,8 +80,6 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
 #endif
   // A NUL decoded into the path would end it where the system reads it: another file.
   if (path.empty() || path.find('\0') != std::string::npos) return {};
-  // Dot segments belong to the URL ("d/link/../f" is "d/f", as TqUURL normalises it and a cache
-  // keys it): the system would climb out of the link's target and open another file.
   return qv::PathOfUtf8(path).lexically_normal();
 }
 

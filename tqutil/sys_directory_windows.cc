@@ -146,52 +146,75 @@ bool TqUSysDirectory::Create(const std::filesystem::path& path, std::error_code&
 std::uintmax_t TqUSysDirectory::RemoveTree(const std::filesystem::path& path,
                                             std::error_code& ec) {
   ec.clear();
-  // MinGW's remove_all is no use here: its symlink_status follows links (there is no lstat),
-  // so it would take a junction for a directory and empty what it leads to.
-  const DWORD attributes = sys::Attributes(path);
-  if (attributes == INVALID_FILE_ATTRIBUTES) {
-    const DWORD error = ::GetLastError();
-    if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
-      ec = std::error_code(static_cast<int>(error), std::system_category());
-    }
-    return 0;
-  }
+  const auto keep = [&ec](const std::error_code& error) {
+    if (error && !ec) ec = error;
+  };
   std::uintmax_t count = 0;
-  const bool link = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-  if (RemovalRefused(path.filename().c_str())) {
-    ec = std::make_error_code(std::errc::permission_denied);
-    return 0;
-  }
-  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-    // A file, or a link to one: DeleteFileW removes a link itself.
-    std::error_code removed;
-    if (TqUSysFile::RemoveFile(path, removed)) ++count;
-    if (removed) ec = removed;
-    return count;
-  }
-  if (!link) {
+  // A directory being emptied, with its names as listed and the next of them to go. The
+  // directories entered are kept on a list of their own, not on the call stack: a tree may be
+  // as deep as whoever can write the directory made it, and a call per level would run out of
+  // stack.
+  struct Level {
+    std::filesystem::path path;
     std::vector<std::filesystem::path> names;
-    WIN32_FIND_DATAW data;
-    // Closed before the entries go (a directory being listed cannot be removed), and however
-    // the listing ends.
-    if (const FindHandle find = sys::FindFirst(path, &data, 0)) {
-      do {
-        if (std::wcscmp(data.cFileName, L".") != 0 && std::wcscmp(data.cFileName, L"..") != 0) {
-          names.push_back(NameIn(path, data.cFileName));
-        }
-      } while (::FindNextFileW(find.get(), &data));
+    std::size_t next = 0;
+  };
+  std::vector<Level> levels;  // outermost first
+  // Removes `name` when it is no directory; enters it (a new level) when it is one.
+  const auto remove = [&](const std::filesystem::path& name) {
+    // MinGW's remove_all is no use here: its symlink_status follows links (there is no lstat),
+    // so it would take a junction for a directory and empty what it leads to.
+    const DWORD attributes = sys::Attributes(name);
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+      const DWORD error = ::GetLastError();
+      if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+        keep(std::error_code(static_cast<int>(error), std::system_category()));
+      }
+      return;
     }
-    for (const std::filesystem::path& name : names) {
-      std::error_code inner;
-      count += RemoveTree(name, inner);
-      if (inner && !ec) ec = inner;
+    if (RemovalRefused(name.filename().c_str())) {
+      keep(std::make_error_code(std::errc::permission_denied));
+      return;
     }
-  }
-  // A directory junction or link goes as itself, whatever lies behind it.
-  if (sys::RemoveDir(path)) {
-    ++count;
-  } else if (!ec) {
-    ec = LastError();
+    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      // A file, or a link to one: DeleteFileW removes a link itself.
+      std::error_code removed;
+      if (TqUSysFile::RemoveFile(name, removed)) ++count;
+      keep(removed);
+      return;
+    }
+    Level level{name, {}, 0};
+    // A directory junction or link is not entered: it goes as itself, whatever lies behind it.
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
+      WIN32_FIND_DATAW data;
+      // Closed before the entries go (a directory being listed cannot be removed), and however
+      // the listing ends.
+      if (const FindHandle find = sys::FindFirst(name, &data, 0)) {
+        do {
+          if (std::wcscmp(data.cFileName, L".") != 0 && std::wcscmp(data.cFileName, L"..") != 0) {
+            level.names.push_back(NameIn(name, data.cFileName));
+          }
+        } while (::FindNextFileW(find.get(), &data));
+      }
+    }
+    levels.push_back(std::move(level));
+  };
+  remove(path);
+  while (!levels.empty()) {
+    Level& level = levels.back();
+    if (level.next < level.names.size()) {
+      // A copy: entering it may move the level.
+      const std::filesystem::path inner = level.names[level.next++];
+      remove(inner);
+      continue;
+    }
+    const std::filesystem::path done = std::move(level.path);
+    levels.pop_back();
+    if (sys::RemoveDir(done)) {
+      ++count;
+    } else {
+      keep(LastError());
+    }
   }
   return count;
 }

@@ -8,6 +8,7 @@
 #include <boost/url/url.hpp>
 
 #include "tqutil/decimal.h"
+#include "tqutil/dot_segments.h"
 #include "tqutil/percent_encoding.h"
 
 namespace urls = boost::urls;
@@ -77,6 +78,11 @@ std::string NormalizePercentEncodings(std::string_view text) {
   return out;
 }
 
+}  // namespace
+
+namespace qv::url_path {
+namespace {
+
 // A segment written with encoded dots ("%2e%2E") is the dot segment it decodes to.
 std::string DecodeDotSegments(std::string_view path) {
   std::string out;
@@ -102,10 +108,9 @@ std::string DecodeDotSegments(std::string_view path) {
   }
 }
 
-// RFC 3986 remove_dot_segments on encoded path text: only "." and ".." segments count (written
-// with encoded dots or not), and only a literal "/" separates segments. Boost.URL 1.81 reads an
-// encoded "/" as a separator here as well, so this is done by hand. ".." segments that would
-// climb above the root are dropped ("http://a/../g" is "http://a/g").
+}  // namespace
+
+// By hand: Boost.URL 1.81 reads an encoded "/" as a separator here as well.
 std::string RemoveDotSegments(std::string_view path) {
   const std::string decoded = DecodeDotSegments(path);
   std::string_view in = decoded;
@@ -140,6 +145,12 @@ std::string RemoveDotSegments(std::string_view path) {
   }
   return out;
 }
+
+}  // namespace qv::url_path
+
+namespace {
+
+using qv::url_path::RemoveDotSegments;
 
 // The parts of a URL reference, as encoded text.
 struct Parts {
