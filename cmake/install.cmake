@@ -19,6 +19,7 @@ install(TARGETS tqfetch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY tqutil/ DESTINATION ${TQ_INSTALL_INCLUDEDIR}/tqutil FILES_MATCHING PATTERN "*.h"
         PATTERN "sys_file_faults.h" EXCLUDE   # a test seam, not interface
         PATTERN "sys_path.h" EXCLUDE PATTERN "percent_encoding.h" EXCLUDE   # internal
+        PATTERN "dot_segments.h" EXCLUDE
         PATTERN "sys_file_internal.h" EXCLUDE)
 install(DIRECTORY net/ DESTINATION ${TQ_INSTALL_INCLUDEDIR}/net FILES_MATCHING PATTERN "*.h")
 if(WIN32)

@@ -15,3 +15,12 @@
 #else
 #define TQUTIL_API __attribute__((visibility("default")))
 #endif
+
+// A constant given in its class (static constexpr) is emitted only where it is used; a host that
+// imports the class takes it from tqutil.dll when it binds it to a reference, so the DLL must
+// emit and export it even though nothing in the library takes its address.
+#if defined(_WIN32) && defined(TQUTIL_BUILDING) && !defined(TQUTIL_STATIC)
+#define TQUTIL_EXPORT_CONSTANT __attribute__((used))
+#else
+#define TQUTIL_EXPORT_CONSTANT
+#endif

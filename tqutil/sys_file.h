@@ -26,24 +26,27 @@ class TQUTIL_API TqUSysFile {
   /// An open file; null (kInvalid) for none.
   using Handle = struct TqUSysFileHandleTag*;
   /// No file.
-  static constexpr Handle kInvalid = nullptr;
+  TQUTIL_EXPORT_CONSTANT static constexpr Handle kInvalid = nullptr;
 
   // access
-  static constexpr std::uint32_t kAccessRead = 0;   ///< read only
-  static constexpr std::uint32_t kAccessWrite = 1;  ///< read and write
+  TQUTIL_EXPORT_CONSTANT static constexpr std::uint32_t kAccessRead = 0;   ///< read only
+  TQUTIL_EXPORT_CONSTANT static constexpr std::uint32_t kAccessWrite = 1;  ///< read and write
   // share
   /// Others may not open the file while this handle is open.
-  static constexpr std::uint32_t kShareNone = 0;
+  TQUTIL_EXPORT_CONSTANT static constexpr std::uint32_t kShareNone = 0;
   /// Others may open the file for reading.
-  static constexpr std::uint32_t kShareRead = 1;
+  TQUTIL_EXPORT_CONSTANT static constexpr std::uint32_t kShareRead = 1;
   // creation
   /// A new file made by this open alone: whatever lies at the name (a stale file, a link, a
   /// FIFO) is removed first, unless an open holds it, and the file is created exclusively. No
   /// other open finds it at the name before this one holds it.
-  static constexpr std::uint32_t kCreateAlways = 1;
-  static constexpr std::uint32_t kOpenExistingWrite = 2;   ///< existing file, contents kept
-  static constexpr std::uint32_t kOpenExisting = 3;        ///< existing file
-  static constexpr std::uint32_t kOpenAlways = 4;          ///< create when missing, contents kept
+  TQUTIL_EXPORT_CONSTANT static constexpr std::uint32_t kCreateAlways = 1;
+  /// An existing file, contents kept.
+  TQUTIL_EXPORT_CONSTANT static constexpr std::uint32_t kOpenExistingWrite = 2;
+  /// An existing file.
+  TQUTIL_EXPORT_CONSTANT static constexpr std::uint32_t kOpenExisting = 3;
+  /// Created when missing, contents kept.
+  TQUTIL_EXPORT_CONSTANT static constexpr std::uint32_t kOpenAlways = 4;
 
   /// Opens `path`. `reserved1` and `reserved2` must be 0. Null when the file cannot be opened,
   /// is not a regular file (a link at `path` is not followed), or the sharing refuses it.

@@ -37,6 +37,7 @@
 #include "net/http/wininet_api.h"
 #include "net/stream/open_file_or_url.h"
 #include "net/stream/read_stream.h"
+#include "tqutil/sys_file.h"
 
 namespace {
 
@@ -232,7 +233,10 @@ void ExportedNames(const std::string& path) {
   // them) a host needs the library's definitions.
   const int* const volatile flags[] = {&IUrlCache::NeverExpire, &IUrlCache::ServeStaleOnError,
                                        &HttpReadStream::FlagMakeHeadRequest};
-  Check(*flags[0] == 1 && *flags[1] == 2 && *flags[2] == 1 && CachePrefix() == L"qvcache://",
+  const std::uint32_t* const volatile file_flags[] = {&TqUSysFile::kShareRead,
+                                                      &TqUSysFile::kOpenAlways};
+  Check(*flags[0] == 1 && *flags[1] == 2 && *flags[2] == 1 && CachePrefix() == L"qvcache://" &&
+            *file_flags[0] == 1 && *file_flags[1] == 4,
         "exported constants");
   std::unique_ptr<IUrlCache> host_cache = std::make_unique<HostCache>();
   Check(host_cache->QueryFlag(), "IUrlCache derived");
