@@ -31,7 +31,9 @@ bool TakeChar(std::wstring_view& text, wchar_t c) {
 // number form of this header (Wine's does not), and a second, different copy would go unseen.
 // A copy that is not a decimal number fails with ERROR_HTTP_INVALID_HEADER.
 bool QueryContentLength(HINTERNET request, DWORD index, std::uint64_t* value) {
-  wchar_t text[32];
+  // As long as the text the size itself is read from: a copy padded with leading zeros or
+  // blanks would otherwise not fit, and two equal copies would count as different.
+  wchar_t text[4096];
   DWORD size = sizeof(text);
   if (!HttpQueryInfoW(request, HTTP_QUERY_CONTENT_LENGTH, text, &size, &index)) return false;
   const std::optional<std::uint64_t> number =

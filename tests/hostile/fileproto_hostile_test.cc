@@ -123,9 +123,10 @@ TEST_F(HostileFileProtocol, TwoDifferentContentLengthsAreAFailureAndNothingIsRem
   EXPECT_EQ(buffer, std::vector<unsigned char>(4, kUntouched));
   EXPECT_THAT(TakeLog(), ElementsAre(refused("ReadFile")));
 
-  // The same length twice is one length, blanks around it or not.
-  SameAnswerServer repeated(
-      "HTTP/1.1 200 OK\r\nContent-Length:\t4\t\r\nContent-Length: 4\r\n\r\nabcd");
+  // The same length twice is one length, blanks around it or not, and written with leading
+  // zeros longer than a short buffer holds (such a copy was taken for a different one).
+  SameAnswerServer repeated("HTTP/1.1 200 OK\r\nContent-Length:\t4\t\r\nContent-Length: 4\r\n"
+                            "Content-Length: " + std::string(40, '0') + "4\r\n\r\nabcd");
   ASSERT_TRUE(protocol_->GetFileInfo(W(repeated.Url("/f")).c_str(), &info));
   EXPECT_EQ(info.GetFileSize(), 4u);
   OpenedFile same(protocol_, repeated.Url("/f"));
