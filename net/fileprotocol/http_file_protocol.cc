@@ -12,10 +12,8 @@ namespace {
 
 constexpr const wchar_t* kDefaultUserAgent = qv::kUserAgentWide;
 
-// A buffer of 4,096 characters, of which the query is given 4,095 (the terminator included).
 // WinINet counts the length in bytes, sizeof(wchar_t) of them a character, so the count in
 // characters is the same on every system.
-constexpr std::size_t kHeaderChars = 4096;
 constexpr DWORD kBytesPerChar = sizeof(wchar_t);
 
 // Releases a handle this protocol handed out. Null is nothing to release; a handle released

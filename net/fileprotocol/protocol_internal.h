@@ -2,6 +2,7 @@
 // ranged reads and file information make alike, and an owner for WinINet handles.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -11,6 +12,10 @@
 #include "net/http/http_request.h"
 
 namespace qv::net {
+
+// The buffer a header's text is read into, in characters: the query is given all but one of
+// them, and the terminator takes one of those.
+inline constexpr std::size_t kHeaderChars = 4096;
 
 // Reads a response header as text into `out` (at most 4,094 characters, the terminator taking
 // the 4,095th: a longer one counts as absent). False, with `out` unchanged, when the header is

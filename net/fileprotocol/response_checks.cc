@@ -33,7 +33,7 @@ bool TakeChar(std::wstring_view& text, wchar_t c) {
 bool QueryContentLength(HINTERNET request, DWORD index, std::uint64_t* value) {
   // As long as the text the size itself is read from: a copy padded with leading zeros or
   // blanks would otherwise not fit, and two equal copies would count as different.
-  wchar_t text[4096];
+  wchar_t text[kHeaderChars];
   DWORD size = sizeof(text);
   if (!HttpQueryInfoW(request, HTTP_QUERY_CONTENT_LENGTH, text, &size, &index)) return false;
   const std::optional<std::uint64_t> number =

@@ -89,7 +89,6 @@ IHttpApi& Api() {
   return *api;
 }
 
-// Content-Length as text: it carries lengths past 32 bits.
 std::optional<std::uint64_t> ParseContentLength(const std::optional<std::wstring>& text) {
   if (!text) return std::nullopt;
   return detail::ParseHeaderNumber(*text);
