@@ -11,26 +11,21 @@
 #include "net/stream/url_reading.h"
 #include "tests/support/fake_transport_fixture.h"
 #include "tests/support/read_all.h"
+#include "tests/support/servers/temp_dir.h"
 
 namespace {
 
 using namespace std::string_literals;
 
+// Each test has a directory of its own: the cases run as processes side by side.
 class StreamNamesTest : public tq::test::FakeTransportTest {
  protected:
-  void SetUp() override {
-    FakeTransportTest::SetUp();
-    std::filesystem::create_directories(m_dir);
-  }
-  void TearDown() override {
-    std::filesystem::remove_all(m_dir);
-    FakeTransportTest::TearDown();
-  }
   std::wstring Dir() const {
     const std::u8string text = m_dir.u8string();
     return qv::Utf8ToWide(std::string(text.begin(), text.end()));
   }
-  const std::filesystem::path m_dir = std::filesystem::temp_directory_path() / "tq_text_names";
+  tq::test::TempDir m_temp;
+  const std::filesystem::path m_dir = m_temp.path();
 };
 
 // A wide name that no UTF-8 (or UTF-16) text can hold became U+FFFD on its way to the file
