@@ -27,6 +27,7 @@
 #include "net/stream/thread_pool.h"
 #include "tests/support/fake_http_api.h"
 #include "tests/support/servers/gate.h"
+#include "tests/support/servers/temp_dir.h"
 
 namespace qv::net {
 namespace {
@@ -234,7 +235,8 @@ F* Exported(HMODULE module, const char* name) {
 TEST(HttpInitTest, UnloadingTheLibraryWhileItsThreadsRunKeepsItLoadedUntilTheyEnd) {
   // The host's own utility library stays loaded, as it does in a host, to the process's end.
   ASSERT_NE(::LoadLibraryW(L"tqutil.dll"), nullptr);
-  const auto file = std::filesystem::temp_directory_path() / "tq_unload_copy.txt";
+  const tq::test::TempDir dir;  // of its own: another run of the suite may be going on beside
+  const auto file = dir.path() / "copy.txt";
   std::ofstream(file, std::ios::binary) << "body";
   for (const bool pool : {true, false}) {
     SCOPED_TRACE(pool ? "worker pool" : "stop watcher alone");
@@ -289,7 +291,6 @@ TEST(HttpInitTest, UnloadingTheLibraryWhileItsThreadsRunKeepsItLoadedUntilTheyEn
     unloaded.Open();
     host_thread.join();
   }
-  std::filesystem::remove(file);
 }
 #endif
 

@@ -16,6 +16,7 @@
 #include "tests/support/latch.h"
 #include "tests/support/read_all.h"
 #include "tests/support/servers/gate.h"
+#include "tests/support/servers/temp_dir.h"
 
 namespace {
 
@@ -103,7 +104,8 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
   Gate gate;
   std::vector<std::future<void>> held;
   for (int i = 0; i < 4; ++i) held.push_back(pool->submit([&gate] { gate.Wait(); }));
-  const auto file = std::filesystem::temp_directory_path() / "tq_open_file_or_url_async.txt";
+  const tq::test::TempDir dir;  // of its own: another run of the suite may be going on beside
+  const auto file = dir.path() / "local.txt";
   std::ofstream(file, std::ios::binary) << "local file body";
   auto local = OpenFileOrUrlAsync(file.wstring(), 0, {});
   ASSERT_EQ(local.wait_for(std::chrono::seconds(0)), std::future_status::ready);
@@ -115,7 +117,6 @@ TEST_F(OpenFileOrUrlAsyncTest, UrlsRunOnWorkersLocalFilesAtOnceAndAStopEndsAQueu
     EXPECT_EQ(tq::test::ReadAll(*long_form, 32), "local file body");
   }
 #endif
-  std::filesystem::remove(file);
   qv::stop_source stop;
   auto stopped = OpenFileOrUrlAsync(L"http://example.test/stopped", 0, stop.get_token());
   stop.request_stop();
