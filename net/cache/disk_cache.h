@@ -48,7 +48,8 @@ class DiskCache : public IUrlCache {
                                                            qv::stop_token stop) override;
   /// Removes every entry; throws filesystem_error when the directory cannot be made again.
   void Clear() override;
-  /// Trims the directory below the limit on a worker thread and waits for it; true.
+  /// Trims the directory below the limit on a thread of its own (the caller's when none can be
+  /// started) and waits for it; true, whatever the trimming met.
   bool CleanUp() override;
   /// Null when the entry file cannot be made; throws gsl::narrowing_error for a name whose
   /// key is too long for an entry's header.

@@ -10,8 +10,9 @@
 
 namespace qv::net {
 
-/// The time-out a WinINet request runs with when nobody sets one (connect and receive), in
-/// seconds; the library's handles run with it.
+/// The time-out, in seconds, that the Linux WinINet layer gives a request when nobody sets one
+/// (connect and receive). The library sets none itself: on Windows a request runs with the
+/// system's own defaults, which a caller that knows them passes as `timeout_seconds`.
 inline constexpr std::uint32_t kDefaultHttpTimeoutSeconds = 60;
 
 /// Says in a few plain words why a request failed: "connection refused", "host not found",

@@ -1,6 +1,7 @@
-// Hooks that amend every outgoing request of the library (an authorisation header, a changed
-// method, ...). The host registers them at start-up; senders run them before a request's first
-// send.
+// Hooks that amend the library's outgoing requests (an authorisation header, a changed method,
+// ...): those of the read stream and of the file protocol's reads and file information, not the
+// whole-file downloads, which the URL Moniker sends. The host registers them at start-up;
+// senders run them before a request's first send.
 #pragma once
 
 #include "net/export.h"
@@ -19,7 +20,9 @@ class TQNET_EXPORT HttpRequestHandler {
   HttpRequestHandler& operator=(const HttpRequestHandler&) { return *this; }
   /// @}
   virtual ~HttpRequestHandler();
-  /// Amends `request` (headers, method) before it is sent; called for every request.
+  /// Amends `request` (headers, method) before it is sent; called once for every request of a
+  /// read stream or of the file protocol's reads and file information (not again for a retry,
+  /// nor for a whole-file download).
   virtual void HandlePreRequest(HttpRequest& request) = 0;
 };
 
