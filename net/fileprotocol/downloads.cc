@@ -4,7 +4,6 @@
 #include <system_error>
 
 #include "net/fileprotocol/http_file_protocol.h"
-#include "tqutil/text_path.h"
 
 namespace qv::net {
 namespace {
