@@ -273,7 +273,9 @@ void HeaderBlock::SetRequest(std::string_view start_line,
 std::optional<std::string_view> HeaderBlock::Find(std::string_view name,
                                                   std::size_t index) const {
   for (const auto& header : headers_) {
-    if (EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
+    // The sizes first, here: most names differ in size, and need no call to find that out.
+    if (header.name_size == name.size() &&
+        EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
       if (index == 0) return Text(header.value, header.value_size, header.folded);
       --index;
     }
@@ -313,7 +315,8 @@ bool HeaderBlock::ContentLengthAgrees() const {
 
 bool HeaderBlock::Folded(std::string_view name) const {
   for (const auto& header : headers_) {
-    if (header.folded && EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
+    if (header.folded && header.name_size == name.size() &&
+        EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
       return true;
     }
   }
