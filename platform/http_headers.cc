@@ -215,40 +215,9 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   // libcurl ends lines at LF only: a CR inside a line would end it for other readers, and the
   // raw headers' text would carry a line that libcurl never saw.
   if (line.find('\r') != std::string_view::npos) return LineResult::kInvalid;
-  if (start_end_ == 0) {
-    if (line.empty()) return LineResult::kInvalid;
-    if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {
-      return LineResult::kInvalid;
-    }
-    // Room for a usual block, so that the text and the lists do not grow line by line.
-    raw_.reserve(kUsualBytes);
-    headers_.reserve(kUsualLines);
-    start_end_ = AppendEntry(raw, line);
-    return LineResult::kAccepted;
-  }
+  if (start_end_ == 0) return AddStartLine(raw, line, response);
   if (line.empty()) return LineResult::kEndOfBlock;
-  if (line.front() == ' ' || line.front() == '\t') {
-    // An obsolete folded continuation: part of the header before it, and of its raw line.
-    if (headers_.empty()) return LineResult::kInvalid;
-    Header& header = headers_.back();
-    const std::string_view more = TrimSpace(line);
-    if (!more.empty()) {
-      if (!header.folded) {
-        // Folds are rare: the joined value gets storage of its own, at the end of folded_,
-        // where later folds of the same (last) header extend it.
-        const std::string_view value = Text(header.value, header.value_size, false);
-        header.value = static_cast<std::uint32_t>(folded_.size());
-        folded_.append(value);
-        header.folded = true;
-      }
-      if (header.value_size != 0) folded_.push_back(' ');
-      folded_.append(more);
-      header.value_size = static_cast<std::uint32_t>(folded_.size() - header.value);
-    }
-    raw_.append(line).append("\r\n");
-    header.end = static_cast<std::uint32_t>(raw_.size());
-    return LineResult::kAccepted;
-  }
+  if (line.front() == ' ' || line.front() == '\t') return AddFold(line);
   // The name is token characters up to the first colon: one pass finds the colon and checks
   // the name.
   std::size_t colon = 0;
@@ -260,6 +229,45 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   headers_.push_back({at, static_cast<std::uint32_t>(colon),
                       at + static_cast<std::uint32_t>(value.data() - line.data()),
                       static_cast<std::uint32_t>(value.size()), end, false});
+  return LineResult::kAccepted;
+}
+
+// Once per block: kept out of AddLine, which every header line goes through.
+[[gnu::noinline]] HeaderBlock::LineResult HeaderBlock::AddStartLine(std::string_view raw,
+                                                                    std::string_view line,
+                                                                    bool response) {
+  if (line.empty()) return LineResult::kInvalid;
+  if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {
+    return LineResult::kInvalid;
+  }
+  // Room for a usual block, so that the text and the lists do not grow line by line.
+  raw_.reserve(kUsualBytes);
+  headers_.reserve(kUsualLines);
+  start_end_ = AppendEntry(raw, line);
+  return LineResult::kAccepted;
+}
+
+// Rare, and so kept out of AddLine too.
+[[gnu::noinline]] HeaderBlock::LineResult HeaderBlock::AddFold(std::string_view line) {
+  // An obsolete folded continuation: part of the header before it, and of its raw line.
+  if (headers_.empty()) return LineResult::kInvalid;
+  Header& header = headers_.back();
+  const std::string_view more = TrimSpace(line);
+  if (!more.empty()) {
+    if (!header.folded) {
+      // Folds are rare: the joined value gets storage of its own, at the end of folded_,
+      // where later folds of the same (last) header extend it.
+      const std::string_view value = Text(header.value, header.value_size, false);
+      header.value = static_cast<std::uint32_t>(folded_.size());
+      folded_.append(value);
+      header.folded = true;
+    }
+    if (header.value_size != 0) folded_.push_back(' ');
+    folded_.append(more);
+    header.value_size = static_cast<std::uint32_t>(folded_.size() - header.value);
+  }
+  raw_.append(line).append("\r\n");
+  header.end = static_cast<std::uint32_t>(raw_.size());
   return LineResult::kAccepted;
 }
 

@@ -75,6 +75,9 @@ class HeaderBlock {
   // Adds a line as received (`raw`) without its line end (`line`), followed by CR LF; returns
   // where it ends in raw_.
   std::uint32_t AppendEntry(std::string_view raw, std::string_view line);
+  // AddLine's parts for the start line and for a folded continuation line.
+  LineResult AddStartLine(std::string_view raw, std::string_view line, bool response);
+  LineResult AddFold(std::string_view line);
 
   std::string raw_;              // the lines as received, each followed by CR LF
   std::uint32_t start_end_ = 0;  // where the start line ends in raw_; 0: no line yet
