@@ -197,6 +197,12 @@ std::string_view HeaderBlock::Text(std::uint32_t offset, std::uint32_t size, boo
   return std::string_view(folded ? folded_ : raw_).substr(offset, size);
 }
 
+std::string_view HeaderBlock::Value(const Header& header) const {
+  // A folded value was trimmed as it was joined; another is trimmed when it is read.
+  const std::string_view value = Text(header.value, header.value_size, header.folded);
+  return header.folded ? value : TrimSpace(value);
+}
+
 inline std::uint32_t HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
   // Lines mostly come with their CR LF: kept as they are, in one piece.
   if (raw.size() == line.size() + 2) {
@@ -223,12 +229,12 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   std::size_t colon = 0;
   while (colon < line.size() && IsTokenChar(line[colon])) ++colon;
   if (colon == 0 || colon == line.size() || line[colon] != ':') return LineResult::kInvalid;
-  const std::string_view value = TrimSpace(line.substr(colon + 1));
+  // The value is kept with the spaces around it, trimmed when read: most are never read.
   const auto at = static_cast<std::uint32_t>(raw_.size());
   const std::uint32_t end = AppendEntry(raw, line);
   headers_.push_back({at, static_cast<std::uint32_t>(colon),
-                      at + static_cast<std::uint32_t>(value.data() - line.data()),
-                      static_cast<std::uint32_t>(value.size()), end, false});
+                      at + static_cast<std::uint32_t>(colon + 1),
+                      static_cast<std::uint32_t>(line.size() - colon - 1), end, false});
   return LineResult::kAccepted;
 }
 
@@ -257,8 +263,9 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
     if (!header.folded) {
       // Folds are rare: the joined value gets storage of its own, at the end of folded_,
       // where later folds of the same (last) header extend it.
-      const std::string_view value = Text(header.value, header.value_size, false);
+      const std::string_view value = Value(header);
       header.value = static_cast<std::uint32_t>(folded_.size());
+      header.value_size = static_cast<std::uint32_t>(value.size());
       folded_.append(value);
       header.folded = true;
     }
@@ -284,7 +291,7 @@ std::optional<std::string_view> HeaderBlock::Find(std::string_view name,
     // The sizes first, here: most names differ in size, and need no call to find that out.
     if (header.name_size == name.size() &&
         EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
-      if (index == 0) return Text(header.value, header.value_size, header.folded);
+      if (index == 0) return Value(header);
       --index;
     }
   }
@@ -307,7 +314,7 @@ bool HeaderBlock::ContentLengthAgrees() const {
   for (const auto& header : headers_) {
     if (!is_content_length(header)) continue;
     const bool agrees = EveryListItem(
-        Text(header.value, header.value_size, header.folded), [&](std::string_view item) {
+        Value(header), [&](std::string_view item) {
           // libcurl takes a length past 63 bits for none and reads to the close: a body cut
           // short would pass for a whole one.
           const std::optional<std::uint64_t> value =
