@@ -197,6 +197,12 @@ std::string_view HeaderBlock::Text(std::uint32_t offset, std::uint32_t size, boo
   return std::string_view(folded ? folded_ : raw_).substr(offset, size);
 }
 
+std::string_view HeaderBlock::Value(const Header& header) const {
+  // A folded value was trimmed as it was joined; another is trimmed when it is read.
+  const std::string_view value = Text(header.value, header.value_size, header.folded);
+  return header.folded ? value : TrimSpace(value);
+}
+
 inline std::uint32_t HeaderBlock::AppendEntry(std::string_view raw, std::string_view line) {
   // Lines mostly come with their CR LF: kept as they are, in one piece.
   if (raw.size() == line.size() + 2) {
@@ -215,51 +221,60 @@ HeaderBlock::LineResult HeaderBlock::AddLine(std::string_view raw, bool response
   // libcurl ends lines at LF only: a CR inside a line would end it for other readers, and the
   // raw headers' text would carry a line that libcurl never saw.
   if (line.find('\r') != std::string_view::npos) return LineResult::kInvalid;
-  if (start_end_ == 0) {
-    if (line.empty()) return LineResult::kInvalid;
-    if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {
-      return LineResult::kInvalid;
-    }
-    // Room for a usual block, so that the text and the lists do not grow line by line.
-    raw_.reserve(kUsualBytes);
-    headers_.reserve(kUsualLines);
-    start_end_ = AppendEntry(raw, line);
-    return LineResult::kAccepted;
-  }
+  if (start_end_ == 0) return AddStartLine(raw, line, response);
   if (line.empty()) return LineResult::kEndOfBlock;
-  if (line.front() == ' ' || line.front() == '\t') {
-    // An obsolete folded continuation: part of the header before it, and of its raw line.
-    if (headers_.empty()) return LineResult::kInvalid;
-    Header& header = headers_.back();
-    const std::string_view more = TrimSpace(line);
-    if (!more.empty()) {
-      if (!header.folded) {
-        // Folds are rare: the joined value gets storage of its own, at the end of folded_,
-        // where later folds of the same (last) header extend it.
-        const std::string_view value = Text(header.value, header.value_size, false);
-        header.value = static_cast<std::uint32_t>(folded_.size());
-        folded_.append(value);
-        header.folded = true;
-      }
-      if (header.value_size != 0) folded_.push_back(' ');
-      folded_.append(more);
-      header.value_size = static_cast<std::uint32_t>(folded_.size() - header.value);
-    }
-    raw_.append(line).append("\r\n");
-    header.end = static_cast<std::uint32_t>(raw_.size());
-    return LineResult::kAccepted;
-  }
+  if (line.front() == ' ' || line.front() == '\t') return AddFold(line);
   // The name is token characters up to the first colon: one pass finds the colon and checks
   // the name.
   std::size_t colon = 0;
   while (colon < line.size() && IsTokenChar(line[colon])) ++colon;
   if (colon == 0 || colon == line.size() || line[colon] != ':') return LineResult::kInvalid;
-  const std::string_view value = TrimSpace(line.substr(colon + 1));
+  // The value is kept with the spaces around it, trimmed when read: most are never read.
   const auto at = static_cast<std::uint32_t>(raw_.size());
   const std::uint32_t end = AppendEntry(raw, line);
   headers_.push_back({at, static_cast<std::uint32_t>(colon),
-                      at + static_cast<std::uint32_t>(value.data() - line.data()),
-                      static_cast<std::uint32_t>(value.size()), end, false});
+                      at + static_cast<std::uint32_t>(colon + 1),
+                      static_cast<std::uint32_t>(line.size() - colon - 1), end, false});
+  return LineResult::kAccepted;
+}
+
+// Once per block: kept out of AddLine, which every header line goes through.
+[[gnu::noinline]] HeaderBlock::LineResult HeaderBlock::AddStartLine(std::string_view raw,
+                                                                    std::string_view line,
+                                                                    bool response) {
+  if (line.empty()) return LineResult::kInvalid;
+  if (response && !ParseStatusLine(line, &version_, &status_code_, &status_text_)) {
+    return LineResult::kInvalid;
+  }
+  // Room for a usual block, so that the text and the lists do not grow line by line.
+  raw_.reserve(kUsualBytes);
+  headers_.reserve(kUsualLines);
+  start_end_ = AppendEntry(raw, line);
+  return LineResult::kAccepted;
+}
+
+// Rare, and so kept out of AddLine too.
+[[gnu::noinline]] HeaderBlock::LineResult HeaderBlock::AddFold(std::string_view line) {
+  // An obsolete folded continuation: part of the header before it, and of its raw line.
+  if (headers_.empty()) return LineResult::kInvalid;
+  Header& header = headers_.back();
+  const std::string_view more = TrimSpace(line);
+  if (!more.empty()) {
+    if (!header.folded) {
+      // Folds are rare: the joined value gets storage of its own, at the end of folded_,
+      // where later folds of the same (last) header extend it.
+      const std::string_view value = Value(header);
+      header.value = static_cast<std::uint32_t>(folded_.size());
+      header.value_size = static_cast<std::uint32_t>(value.size());
+      folded_.append(value);
+      header.folded = true;
+    }
+    if (header.value_size != 0) folded_.push_back(' ');
+    folded_.append(more);
+    header.value_size = static_cast<std::uint32_t>(folded_.size() - header.value);
+  }
+  raw_.append(line).append("\r\n");
+  header.end = static_cast<std::uint32_t>(raw_.size());
   return LineResult::kAccepted;
 }
 
@@ -273,8 +288,10 @@ void HeaderBlock::SetRequest(std::string_view start_line,
 std::optional<std::string_view> HeaderBlock::Find(std::string_view name,
                                                   std::size_t index) const {
   for (const auto& header : headers_) {
-    if (EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
-      if (index == 0) return Text(header.value, header.value_size, header.folded);
+    // The sizes first, here: most names differ in size, and need no call to find that out.
+    if (header.name_size == name.size() &&
+        EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
+      if (index == 0) return Value(header);
       --index;
     }
   }
@@ -297,7 +314,7 @@ bool HeaderBlock::ContentLengthAgrees() const {
   for (const auto& header : headers_) {
     if (!is_content_length(header)) continue;
     const bool agrees = EveryListItem(
-        Text(header.value, header.value_size, header.folded), [&](std::string_view item) {
+        Value(header), [&](std::string_view item) {
           // libcurl takes a length past 63 bits for none and reads to the close: a body cut
           // short would pass for a whole one.
           const std::optional<std::uint64_t> value =
@@ -313,7 +330,8 @@ bool HeaderBlock::ContentLengthAgrees() const {
 
 bool HeaderBlock::Folded(std::string_view name) const {
   for (const auto& header : headers_) {
-    if (header.folded && EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
+    if (header.folded && header.name_size == name.size() &&
+        EqualsIgnoreCase(Text(header.name, header.name_size, false), name)) {
       return true;
     }
   }

@@ -60,9 +60,9 @@ class HeaderBlock {
  private:
   static constexpr std::size_t kUsualLines = 16;
   static constexpr std::size_t kUsualBytes = 1024;
-  // A header's name and value as places in raw_ (the value in folded_ when it was folded), and
-  // where its line ends in raw_, its folds included, so that a block costs a few allocations
-  // rather than some per line.
+  // A header's name and value as places in raw_ (the value in folded_, trimmed, when it was
+  // folded; else untrimmed), and where its line ends in raw_, its folds included, so that a
+  // block costs a few allocations rather than some per line.
   struct Header {
     std::uint32_t name;
     std::uint32_t name_size;
@@ -72,9 +72,14 @@ class HeaderBlock {
     bool folded;
   };
   std::string_view Text(std::uint32_t offset, std::uint32_t size, bool folded) const;
+  // The header's value, trimmed.
+  std::string_view Value(const Header& header) const;
   // Adds a line as received (`raw`) without its line end (`line`), followed by CR LF; returns
   // where it ends in raw_.
   std::uint32_t AppendEntry(std::string_view raw, std::string_view line);
+  // AddLine's parts for the start line and for a folded continuation line.
+  LineResult AddStartLine(std::string_view raw, std::string_view line, bool response);
+  LineResult AddFold(std::string_view line);
 
   std::string raw_;              // the lines as received, each followed by CR LF
   std::uint32_t start_end_ = 0;  // where the start line ends in raw_; 0: no line yet

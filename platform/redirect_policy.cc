@@ -9,10 +9,7 @@ DWORD NextHop(const RedirectRules& rules, const HeaderBlock& response, int hop, 
               bool* follow) {
   *follow = false;
   const int status = response.status_code();
-  if (!rules.follow) return ERROR_SUCCESS;
-  if (status != 301 && status != 302 && status != 303 && status != 307 && status != 308) {
-    return ERROR_SUCCESS;
-  }
+  if (!MayRedirect(rules, status)) return ERROR_SUCCESS;
   const std::optional<std::string> location(response.Find("Location"));
   if (!location || location->empty()) return ERROR_SUCCESS;
   if (hop >= RedirectRules::kMaxHops) return ERROR_HTTP_REDIRECT_FAILED;

@@ -24,6 +24,12 @@ struct Hop {
   bool drop_body = false;   // the next request goes without the body
 };
 
+// Whether a response with this status may redirect under these rules (NextHop then looks at it).
+inline bool MayRedirect(const RedirectRules& rules, int status) {
+  return rules.follow &&
+         (status == 301 || status == 302 || status == 303 || status == 307 || status == 308);
+}
+
 // Decides whether `response` (to the `hop`-th request, counting from 0) redirects. Returns
 // ERROR_SUCCESS with `*follow` telling whether to go on and `*next` updated when it does, or
 // ERROR_HTTP_REDIRECT_FAILED (too many hops, a Location that cannot be read or leads outside

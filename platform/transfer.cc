@@ -239,6 +239,8 @@ DWORD Transfer::RunHop(int hop, bool* same_origin, bool* follow) {
   // A proxy's answer to a tunnel's CONNECT is no redirect of the origin's: followed, the proxy,
   // which sees the request's host in the clear, would choose where its answer comes from.
   if (proxy_answered_) return ERROR_SUCCESS;
+  // Most responses do not redirect: the request's text is not lent for nothing.
+  if (!MayRedirect(request_.redirects, response().status_code())) return ERROR_SUCCESS;
   // Lent to the policy and taken back: it changes them only when the response redirects.
   Hop next{std::move(request_.url), std::move(request_.method), *same_origin};
   const DWORD error = NextHop(request_.redirects, response(), hop, &next, follow);
@@ -436,9 +438,9 @@ void Transfer::End(CURLcode result) {
     error_ = result == CURLE_OK ? ERROR_SUCCESS : ErrorOf(result, had_headers);
     // A proxy's refusal of a tunnel ends libcurl's transfer with an error, after it read the
     // refusal's body and dropped it: a body announced empty is whole all the same.
-    const std::optional<std::string_view> length = response().Find("Content-Length");
-    if (!request_out_ && length && qv::ParseDecimal(*length) == std::uint64_t{0}) {
-      error_ = ERROR_SUCCESS;
+    if (!request_out_) {
+      const std::optional<std::string_view> length = response().Find("Content-Length");
+      if (length && qv::ParseDecimal(*length) == std::uint64_t{0}) error_ = ERROR_SUCCESS;
     }
     if (!had_headers) OnFinalHeaders();
   } else {

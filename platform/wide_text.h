@@ -27,8 +27,13 @@ std::wstring Latin1ToWide(std::string_view bytes);
 
 // ASCII case-insensitive equality, as header names are compared.
 bool EqualsIgnoreCase(std::string_view a, std::string_view b);
-// Without the spaces and tabs at either end, as header values are read.
-std::string_view TrimSpace(std::string_view s);
+// Without the spaces and tabs at either end, as header values are read. Inline: every header
+// line of every response is trimmed.
+inline std::string_view TrimSpace(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+  return s;
+}
 
 // Calls `item(text)` for each comma-separated item of a header value, trimmed, in order, until
 // one returns false; true when none did.

@@ -123,11 +123,13 @@ void Request::OnClose() {
   connection_->WakeWaiters();
 }
 
-Settings Request::Effective() const {
-  // The request's own settings fill an empty record: nothing is copied for those unset.
-  Settings settings;
-  settings_.FillUnset(&settings);
-  connection_->FillUnset(&settings);
+std::shared_ptr<const Settings> Request::Effective() const {
+  std::shared_ptr<const Settings> inherited = connection_->Inherited();
+  // Most requests set nothing of their own: what the connection has is theirs as it is.
+  if (!settings_.updated()) return inherited;
+  auto settings = std::make_shared<Settings>();
+  settings_.FillUnset(settings.get());
+  settings->Inherit(*inherited);
   return settings;
 }
 
@@ -215,9 +217,13 @@ DWORD Request::Send(std::vector<std::string> header_lines, std::string body) {
   transfer_->Finish(kDrainWait);
   transfer_->Reset();
   transfer_->set_waiter(handle());
-  const Settings settings = Effective();
-  sent_agent_ = settings.agent.value_or("");
-  Describe(settings, std::move(header_lines), std::move(body), &transfer_->next_request());
+  const std::shared_ptr<const Settings> settings = Effective();
+  if (settings->agent.has_value()) {
+    sent_agent_ = *settings->agent;
+  } else {
+    sent_agent_.clear();
+  }
+  Describe(*settings, std::move(header_lines), std::move(body), &transfer_->next_request());
   return transfer_->Open();
 }
 

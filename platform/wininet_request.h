@@ -37,7 +37,8 @@ class Request : public InternetObject {
  private:
   // The lock of one call at a time on the request.
   std::unique_lock<std::mutex> LockCall();
-  Settings Effective() const;
+  // The settings a send uses: the request's own, the unset ones filled from its connection's.
+  std::shared_ptr<const Settings> Effective() const;
   // Fills the transfer's next request, every field of it, with what Send sends.
   void Describe(const Settings& settings, std::vector<std::string> header_lines, std::string body,
                 TransferRequest* out);

@@ -227,22 +227,19 @@ std::array<const SettingsHolder*, 3> Connection::Chain() const {
   return {&settings_, &session_->settings(), &ProcessSettings()};
 }
 
-const Settings& Connection::InheritedLocked() const {
+std::shared_ptr<const Settings> Connection::Inherited() const {
+  std::lock_guard lock(inherited_mutex_);
   // The generation is read before the holders: a change made meanwhile leaves a newer generation
   // than the one recorded, and the next call looks again.
   const std::uint64_t generation = SettingsGeneration();
-  if (!inherited_valid_ || inherited_generation_ != generation) {
-    inherited_ = Settings();
-    for (const SettingsHolder* holder : Chain()) holder->FillUnset(&inherited_);
+  if (inherited_ == nullptr || inherited_generation_ != generation) {
+    // Made anew, never changed in place: requests may still hold the one before.
+    auto settings = std::make_shared<Settings>();
+    for (const SettingsHolder* holder : Chain()) holder->FillUnset(settings.get());
+    inherited_ = std::move(settings);
     inherited_generation_ = generation;
-    inherited_valid_ = true;
   }
   return inherited_;
-}
-
-void Connection::FillUnset(Settings* out) const {
-  std::lock_guard lock(inherited_mutex_);
-  out->Inherit(InheritedLocked());
 }
 
 DWORD Connection::MaxConns() const {

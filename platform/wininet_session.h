@@ -85,15 +85,20 @@ class SettingsHolder {
     {
       std::lock_guard lock(mutex_);
       change(settings_);
+      updated_.store(true, std::memory_order_release);
     }
     Changed();
   }
+  // False while nothing was ever set here: most requests set nothing of their own, and then
+  // have nothing to add to what they inherit.
+  bool updated() const { return updated_.load(std::memory_order_acquire); }
 
  private:
   static void Changed();
 
   mutable std::mutex mutex_;
   Settings settings_;
+  std::atomic<bool> updated_{false};
 };
 
 // Settings made with a null handle: they apply to every handle of the process.
@@ -164,10 +169,11 @@ class Connection : public InternetObject, public SlotSource {
   const std::string& Origin(bool secure) const { return origins_[secure ? 1 : 0]; }
   SettingsHolder& settings() { return settings_; }
 
-  // Fills the fields of `out` that are unset from this connection's settings, its session's and
-  // the process's, in that order. What they give is kept until a setting changes anywhere, so
-  // that requests do not each look through (and lock) handles other threads share.
-  void FillUnset(Settings* out) const;
+  // This connection's settings, with the unset fields filled from its session's and then the
+  // process's. What they give is kept, and shared with the requests that read it, until a
+  // setting changes anywhere, so that requests do not each look through (and lock) handles other
+  // threads share, nor copy the settings' texts.
+  std::shared_ptr<const Settings> Inherited() const;
 
   // Checks a slot out, waiting while all "max connections" slots are in use. A stop must be
   // followed by WakeWaiters to end the wait.
@@ -197,8 +203,6 @@ class Connection : public InternetObject, public SlotSource {
   DWORD MaxConns() const;
   // MaxConns, kept until a setting changes; slots_mutex_ must be held.
   DWORD MaxConnsLocked() const;
-  // The chain's settings, brought up to date; inherited_mutex_ must be held.
-  const Settings& InheritedLocked() const;
 
   std::shared_ptr<Session> session_;  // outlives the slots, whose easy handles use its share
   const std::string host_;
@@ -207,9 +211,9 @@ class Connection : public InternetObject, public SlotSource {
   SettingsHolder settings_;
 
   mutable std::mutex inherited_mutex_;
-  mutable Settings inherited_;  // the chain's settings as of inherited_generation_
+  // The chain's settings as of inherited_generation_; null until first asked for.
+  mutable std::shared_ptr<const Settings> inherited_;
   mutable std::uint64_t inherited_generation_ = 0;
-  mutable bool inherited_valid_ = false;
 
   mutable std::mutex slots_mutex_;
   std::condition_variable slots_cv_;
