@@ -104,11 +104,14 @@ bool ResolveUrl(const std::string& base, const std::string& reference, UrlParts*
     absolute.replace(space, 1, "%20");
   }
   const CurlUrl parsed(curl_url());
+  UrlParts again;
+  // libcurl decodes a host's escapes ("%7f" gives a raw DEL) and gives the result back as the
+  // URL's text, which it then refuses to parse: such a URL leads nowhere.
   return parsed != nullptr &&
          curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), 0) == CURLUE_OK &&
          curl_url_set(parsed.get(), CURLUPART_URL, absolute.c_str(), CURLU_URLENCODE) ==
              CURLUE_OK &&
-         ReadParts(parsed.get(), parts);
+         ReadParts(parsed.get(), parts) && ParseUrl(parts->text, &again);
 }
 
 }  // namespace tqplatform

@@ -85,6 +85,8 @@ TEST(RedirectPolicyTest, WhereEachAnswerLeads) {
       {"https://a.test/", "GET", "302 Found", "http://a.test/", true, 0, 0,
        "GET http://a.test/ cross-origin"},
       {"http://a.test/", "GET", "302 Found", "ftp://a.test/f", false, 0, kFailed, ""},
+      // A host that decodes to a control character names no host a request can go to.
+      {"http://a.test/", "GET", "302 Found", "http://b%7ft/", false, 0, kFailed, ""},
       {"http://a.test/", "GET", "302 Found", "/r", false, kMax, kFailed, ""},
       {"http://a.test/", "GET", "302 Found", "", false, 0, 0, ""},
       {"http://a.test/", "GET", "200 OK", "/r", false, 0, 0, ""},
