@@ -122,7 +122,8 @@ std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
   if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
   OpenedForTesting();
   if (!Lock(fd.fd, false) || TqUSysFileFaults::Fails("read")) return -1;
-  const std::size_t chunk = std::min<std::size_t>(size, 1u << 30);
+  const auto chunk =
+      static_cast<std::size_t>(TqUSysFileFaults::ReadSize(std::min<std::size_t>(size, 1u << 30)));
   ssize_t got;
   do {
     got = ::pread(fd.fd, buffer, chunk, 0);

@@ -155,6 +155,9 @@ struct ThreadFaults {
   const char* failed = nullptr;
 };
 thread_local ThreadFaults t_faults;
+// The threads that limit their reads, and each thread's own limit (0: none).
+std::atomic<int> g_limited_threads{0};
+thread_local std::uint64_t t_read_limit = 0;
 
 }  // namespace
 
@@ -183,6 +186,18 @@ std::uint64_t TqUSysFileFaults::Disarm() {
   if (t_faults.armed) g_armed_threads.fetch_sub(1, std::memory_order_relaxed);
   t_faults.armed = false;
   return t_faults.count;
+}
+
+void TqUSysFileFaults::LimitReads(std::uint64_t most) {
+  if ((t_read_limit != 0) != (most != 0)) {
+    g_limited_threads.fetch_add(most != 0 ? 1 : -1, std::memory_order_relaxed);
+  }
+  t_read_limit = most;
+}
+
+std::uint64_t TqUSysFileFaults::ReadSize(std::uint64_t size) {
+  if (g_limited_threads.load(std::memory_order_relaxed) == 0 || t_read_limit == 0) return size;
+  return size < t_read_limit ? size : t_read_limit;
 }
 
 const char* TqUSysFileFaults::Failed() { return t_faults.failed; }

@@ -47,6 +47,7 @@
 #include "tests/support/wine.h"
 #include "tests/tqutil/test_files.h"
 #include "tqutil/sys_file.h"
+#include "tqutil/sys_file_faults.h"
 #if defined(_WIN32)
 #include "tqutil/sys_path.h"
 #endif
@@ -276,13 +277,16 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
 }
 
 // Bodies that end before, at and after the end of the bytes read with the header, read in odd
-// chunks, sized and sought, on the first open (the name not yet known) and on a later one. A
-// read into no buffer is a stream error, never a write through null.
+// chunks, sized and sought, on the first open (the name not yet known) and on a later one, also
+// from a file system that answers reads in pieces mid-file. A read into no buffer is a stream
+// error, never a write through null.
 TEST_F(RepeatedOpenTest, BodiesOfEverySizeAreServedWholeSizedAndSoughtOnEveryOpen) {
   const std::size_t header = EntryBytes(0, 0, "\"t\"", kKey, "").size();
+  for (const std::uint64_t piece : {std::uint64_t{0}, std::uint64_t{4096}})
   for (const std::size_t size : {std::size_t{0}, std::size_t{1}, 16384 - header - 1,
                                  16384 - header, 16384 - header + 1, std::size_t{100000}}) {
-    SCOPED_TRACE(size);
+    SCOPED_TRACE(testing::Message() << size << " in pieces of " << piece);
+    TqUSysFileFaults::LimitReads(piece);
     const std::string body = Pattern(size);
     const std::string on_disk = EntryBytes(kDate + 5, kNever, "\"t\"", kKey, body);
     WriteFileBytes(EntryPath(), on_disk);
@@ -305,6 +309,7 @@ TEST_F(RepeatedOpenTest, BodiesOfEverySizeAreServedWholeSizedAndSoughtOnEveryOpe
       EXPECT_EQ(stream->Read(past_end, sizeof past_end), 0u);
       EXPECT_THROW(stream->RSeek(-1, StreamPosition::Begin), std::runtime_error);
     }
+    TqUSysFileFaults::LimitReads(0);
     EXPECT_EQ(ReadFileBytes(EntryPath()), on_disk) << "an open rewrote a recorded entry";
   }
   EXPECT_TRUE(m_api.Sent().empty());
