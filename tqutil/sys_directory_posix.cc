@@ -122,13 +122,21 @@ std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
   if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
   OpenedForTesting();
   if (!Lock(fd.fd, false) || TqUSysFileFaults::Fails("read")) return -1;
-  const auto chunk =
-      static_cast<std::size_t>(TqUSysFileFaults::ReadSize(std::min<std::size_t>(size, 1u << 30)));
-  ssize_t got;
-  do {
-    got = ::pread(fd.fd, buffer, chunk, 0);
-  } while (got < 0 && errno == EINTR);
-  return got < 0 ? -1 : static_cast<std::int64_t>(got);
+  // Short only at the end, as promised: a network or user-space file system may answer a read
+  // in pieces, and a header read half would be taken for no entry.
+  size = std::min<std::size_t>(size, 1u << 30);
+  std::size_t done = 0;
+  while (done < size) {
+    const auto chunk = static_cast<std::size_t>(TqUSysFileFaults::ReadSize(size - done));
+    const ssize_t got = ::pread(fd.fd, static_cast<char*>(buffer) + done, chunk,
+                                static_cast<off_t>(done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return -1;
+    done += static_cast<std::size_t>(got);
+    // The size just measured spares the read of nothing that would find the end.
+    if (got == 0 || static_cast<off_t>(done) >= st.st_size) break;
+  }
+  return static_cast<std::int64_t>(done);
 }
 
 std::int64_t TqUSysDirectory::FileSize(const Char* name) const {

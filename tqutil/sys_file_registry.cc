@@ -155,9 +155,8 @@ struct ThreadFaults {
   const char* failed = nullptr;
 };
 thread_local ThreadFaults t_faults;
-// The threads that limit their reads, and each thread's own limit (0: none).
-std::atomic<int> g_limited_threads{0};
-thread_local std::uint64_t t_read_limit = 0;
+// The most one read returns (0: no limit).
+std::atomic<std::uint64_t> g_read_limit{0};
 
 }  // namespace
 
@@ -189,15 +188,12 @@ std::uint64_t TqUSysFileFaults::Disarm() {
 }
 
 void TqUSysFileFaults::LimitReads(std::uint64_t most) {
-  if ((t_read_limit != 0) != (most != 0)) {
-    g_limited_threads.fetch_add(most != 0 ? 1 : -1, std::memory_order_relaxed);
-  }
-  t_read_limit = most;
+  g_read_limit.store(most, std::memory_order_relaxed);
 }
 
 std::uint64_t TqUSysFileFaults::ReadSize(std::uint64_t size) {
-  if (g_limited_threads.load(std::memory_order_relaxed) == 0 || t_read_limit == 0) return size;
-  return size < t_read_limit ? size : t_read_limit;
+  const std::uint64_t most = g_read_limit.load(std::memory_order_relaxed);
+  return most == 0 || size < most ? size : most;
 }
 
 const char* TqUSysFileFaults::Failed() { return t_faults.failed; }

@@ -1039,10 +1039,13 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
   EXPECT_EQ(Remaining(), (Names{"d_end_of_time"}));
 
   // The header is read from each file's first bytes: headers of every length count (the key
-  // lengths: short, across the first read, long, the largest header), and a header claiming a
-  // key longer than its file is no entry, deleted.
+  // lengths: short, across the first read, long, the largest header), also from a file system
+  // that answers reads in pieces, and a header claiming a key longer than its file is no entry,
+  // deleted.
+  for (const std::uint64_t piece : {std::uint64_t{0}, std::uint64_t{32}})
   for (const std::size_t key_length : {40, 490, 3000, 65000}) {
-    SCOPED_TRACE(key_length);
+    SCOPED_TRACE(testing::Message() << key_length << " in pieces of " << piece);
+    TqUSysFileFaults::LimitReads(0);
     RemoveAll();
     Entry("a_oldest", kDate - 7200, kNever, 300000, key_length);
     Entry("b_newer", kDate - 60, kNever, 300000, key_length);
@@ -1050,7 +1053,9 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
     std::string cut = EntryBytes(kDate - 5, kNever, "", std::string(2000, 'k'), "");
     cut.resize(1500);
     WriteFileBytes(m_cache.Directory() / "d_cut", cut);
+    TqUSysFileFaults::LimitReads(piece);
     EXPECT_TRUE(m_cache.CleanUp());
+    TqUSysFileFaults::LimitReads(0);
     EXPECT_EQ(Remaining(), (Names{"b_newer", "c_newest"}));
   }
 }
