@@ -100,6 +100,7 @@ class CacheTest : public FakeTransportTest {
   ~CacheTest() override {
     TqUOption::Unset("general.localcache.max_size");
     qv::net::detail::SetDownloadWaitHookForTesting({});
+    TqUSysFileFaults::LimitReads(0);
   }
 
   std::string Open(const std::wstring& url = kUrl, int flags = 0, qv::stop_token stop = {}) {
@@ -1045,7 +1046,6 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
   for (const std::uint64_t piece : {std::uint64_t{0}, std::uint64_t{32}})
   for (const std::size_t key_length : {40, 490, 3000, 65000}) {
     SCOPED_TRACE(testing::Message() << key_length << " in pieces of " << piece);
-    TqUSysFileFaults::LimitReads(0);
     RemoveAll();
     Entry("a_oldest", kDate - 7200, kNever, 300000, key_length);
     Entry("b_newer", kDate - 60, kNever, 300000, key_length);
