@@ -122,12 +122,21 @@ std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
   if (::fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
   OpenedForTesting();
   if (!Lock(fd.fd, false) || TqUSysFileFaults::Fails("read")) return -1;
-  const std::size_t chunk = std::min<std::size_t>(size, 1u << 30);
-  ssize_t got;
-  do {
-    got = ::pread(fd.fd, buffer, chunk, 0);
-  } while (got < 0 && errno == EINTR);
-  return got < 0 ? -1 : static_cast<std::int64_t>(got);
+  // Short only at the end, as promised: a network or user-space file system may answer a read
+  // in pieces, and a header read half would be taken for no entry.
+  size = std::min<std::size_t>(size, 1u << 30);
+  std::size_t done = 0;
+  while (done < size) {
+    const auto chunk = static_cast<std::size_t>(TqUSysFileFaults::ReadSize(size - done));
+    const ssize_t got = ::pread(fd.fd, static_cast<char*>(buffer) + done, chunk,
+                                static_cast<off_t>(done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return -1;
+    done += static_cast<std::size_t>(got);
+    // The size just measured spares the read of nothing that would find the end.
+    if (got == 0 || static_cast<off_t>(done) >= st.st_size) break;
+  }
+  return static_cast<std::int64_t>(done);
 }
 
 std::int64_t TqUSysDirectory::FileSize(const Char* name) const {
@@ -185,32 +194,41 @@ int RemoveName(int dir, const char* name, const char* leaf) {
   return ::unlinkat(dir, name, 0) == 0 ? 0 : errno;
 }
 
-// A directory being emptied: its descriptor, its names as listed, the next of them to remove,
-// and where the directory itself is named. Only the descriptor stays open while the directories
-// inside it are emptied; its listing (a buffer of tens of KiB) is closed once read.
+// A directory being emptied: its descriptor (-1 while closed to spare descriptors), its names
+// as listed, the next of them to remove, its name in the directory above, and what it is (so
+// that it is known again when reached anew). Its listing (a buffer of tens of KiB) is closed
+// once read.
 struct Level {
   explicit Level(Descriptor directory) : fd(std::move(directory)) {}
 
   Descriptor fd;
   std::vector<std::string> names;
   std::size_t next = 0;
-  int parent = AT_FDCWD;
   std::string name;
+  dev_t device = 0;
+  ino_t inode = 0;
 };
+
+// The directories of a removal that stay open at once: a tree may be as deep as whoever can
+// write the directory made it, and a descriptor per level would take every descriptor the
+// process may have (its other threads' opens failing meanwhile) and still not reach the bottom.
+constexpr std::size_t kMostOpenLevels = 32;
 
 // Removes `name` of the directory `parent` (a descriptor, or AT_FDCWD) and, when it is a
 // directory, everything in it first. A link is removed as itself: a directory is only ever
 // opened with O_NOFOLLOW, so one swapped for a link meanwhile is never entered. Whatever cannot
 // be removed is passed over and the rest still goes (libstdc++'s remove_all stops at the first
 // failure); the first failure is kept in `ec`. The count of names removed. The directories
-// entered are kept on a list of their own, not on the call stack: a tree may be as deep as
-// whoever can write the directory made it, and a call per level would run out of stack.
+// entered are kept on a list of their own, not on the call stack, and only the innermost of
+// them are held open: an outer one closed meanwhile is opened again as ".." of the one inside
+// it once that is emptied, and used only if it is still the directory it was.
 std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
   const auto keep = [&ec](int error) {
     if (!ec && error != 0 && error != ENOENT) ec = std::error_code(error, std::generic_category());
   };
   std::uintmax_t count = 0;
   std::vector<Level> levels;  // the directories entered, outermost first
+  std::size_t first_open = 0;  // levels before it are closed, those from it on open
   // Removes `entry` of `at` when it is no directory; enters it (a new level) when it is one.
   const auto remove = [&](int at, const std::string& entry, const char* leaf) {
     const int unlink_error = RemoveName(at, entry.c_str(), leaf);
@@ -223,12 +241,18 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
       keep(unlink_error);
       return;
     }
+    if (levels.size() - first_open >= kMostOpenLevels) {
+      ::close(levels[first_open++].fd.release());
+    }
     Descriptor fd(::openat(at, entry.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (fd.fd < 0) {
+    struct stat st = {};
+    if (fd.fd < 0 || ::fstat(fd.fd, &st) != 0) {
       keep(errno == ENOTDIR ? unlink_error : errno);  // a file that may not be removed
       return;
     }
     Level level(std::move(fd));
+    level.device = st.st_dev;
+    level.inode = st.st_ino;
     {
       // Listed through a descriptor of its own, so that the listing can go once read.
       Descriptor listed(::fcntl(level.fd.fd, F_DUPFD_CLOEXEC, 0));
@@ -249,7 +273,6 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
         }
       }
     }
-    level.parent = at;
     level.name = entry;
     levels.push_back(std::move(level));
   };
@@ -262,11 +285,30 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
       remove(level.fd.fd, inner, inner.c_str());
       continue;
     }
-    // Emptied (as far as it goes): closed before the directory goes.
+    // Emptied (as far as it goes). The directory above, closed meanwhile, is opened again
+    // through this one; one that is no longer the directory entered (moved away meanwhile) ends
+    // the removal rather than have it remove names of some other directory.
+    const std::size_t depth = levels.size() - 1;
+    if (depth > 0 && depth == first_open) {
+      Level& above = levels[depth - 1];
+      Descriptor fd(::openat(level.fd.fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      struct stat st = {};
+      if (fd.fd < 0 || ::fstat(fd.fd, &st) != 0 || st.st_dev != above.device ||
+          st.st_ino != above.inode) {
+        if (!ec) {
+          ec = fd.fd < 0 ? Errno() : std::make_error_code(std::errc::no_such_file_or_directory);
+        }
+        return count;
+      }
+      above.fd.fd = fd.release();
+      first_open = depth - 1;
+    }
+    // Closed before the directory goes.
     Level done = std::move(level);
     levels.pop_back();
     ::close(done.fd.release());
-    if (::unlinkat(done.parent, done.name.c_str(), AT_REMOVEDIR) == 0) {
+    const int at = levels.empty() ? parent : levels.back().fd.fd;
+    if (::unlinkat(at, done.name.c_str(), AT_REMOVEDIR) == 0) {
       ++count;
     } else {
       keep(errno);

@@ -87,6 +87,7 @@ bool ReadOnce(TqUSysFile::Handle file, void* buffer, std::uint64_t size,
     size = std::min(size, static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) -
                               *offset);
   }
+  size = TqUSysFileFaults::ReadSize(size);
 #if defined(_WIN32)
   const DWORD chunk = static_cast<DWORD>(std::min<std::uint64_t>(size, 1u << 30));
   OVERLAPPED at = {};

@@ -16,6 +16,12 @@ struct TqUSysFileFaults {
   // The kind of the operation that failed ("open", "write", ...); null while none has.
   static const char* Failed();
 
+  // From now on, on every thread, every read of a file returns at most `most` bytes, as a
+  // network or user-space file system may answer a read in the middle of a file; 0 ends it.
+  static void LimitReads(std::uint64_t most);
+
+  // For the library: `size` cut to the read limit, if any.
+  static std::uint64_t ReadSize(std::uint64_t size);
   // For the library: whether the operation `kind` fails here; when it does, errno (POSIX) or
   // the last error (Windows) is set and the caller fails as if the system call had.
   static bool Fails(const char* kind);

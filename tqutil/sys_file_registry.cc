@@ -155,6 +155,8 @@ struct ThreadFaults {
   const char* failed = nullptr;
 };
 thread_local ThreadFaults t_faults;
+// The most one read returns (0: no limit).
+std::atomic<std::uint64_t> g_read_limit{0};
 
 }  // namespace
 
@@ -183,6 +185,15 @@ std::uint64_t TqUSysFileFaults::Disarm() {
   if (t_faults.armed) g_armed_threads.fetch_sub(1, std::memory_order_relaxed);
   t_faults.armed = false;
   return t_faults.count;
+}
+
+void TqUSysFileFaults::LimitReads(std::uint64_t most) {
+  g_read_limit.store(most, std::memory_order_relaxed);
+}
+
+std::uint64_t TqUSysFileFaults::ReadSize(std::uint64_t size) {
+  const std::uint64_t most = g_read_limit.load(std::memory_order_relaxed);
+  return most == 0 || size < most ? size : most;
 }
 
 const char* TqUSysFileFaults::Failed() { return t_faults.failed; }

@@ -29,10 +29,18 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
 
   // Reads the first bytes of the file; false when it cannot.
   bool Prefetch() {
-    std::uint64_t got = 0;
-    if (!TqUSysFile::ReadFileAt(m_file.get(), m_bytes, kPrefetch, 0, &got)) return false;
-    m_have = static_cast<std::size_t>(got);
-    // A regular file reads short only at its end. A longer one is measured now: its length
+    // Network and user-space file systems may answer a read in pieces before the end: only a
+    // read of nothing says where the file ends.
+    while (m_have < kPrefetch) {
+      std::uint64_t got = 0;
+      if (!TqUSysFile::ReadFileAt(m_file.get(), m_bytes + m_have, kPrefetch - m_have, m_have,
+                                  &got)) {
+        return false;
+      }
+      if (got == 0) break;
+      m_have += static_cast<std::size_t>(got);
+    }
+    // A file read short to its end is that long. A longer one is measured now: its length
     // when opened is the body's, so that a file some other program cuts under the reader
     // (ours are kept out) ends the body with an error instead of early.
     m_file_size = m_have < kPrefetch ? static_cast<std::int64_t>(m_have)

@@ -47,6 +47,7 @@
 #include "tests/support/wine.h"
 #include "tests/tqutil/test_files.h"
 #include "tqutil/sys_file.h"
+#include "tqutil/sys_file_faults.h"
 #if defined(_WIN32)
 #include "tqutil/sys_path.h"
 #endif
@@ -99,6 +100,7 @@ class CacheTest : public FakeTransportTest {
   ~CacheTest() override {
     TqUOption::Unset("general.localcache.max_size");
     qv::net::detail::SetDownloadWaitHookForTesting({});
+    TqUSysFileFaults::LimitReads(0);
   }
 
   std::string Open(const std::wstring& url = kUrl, int flags = 0, qv::stop_token stop = {}) {
@@ -276,13 +278,16 @@ TEST_F(RepeatedOpenTest, EntriesFollowTheLayoutAndWhatTheFileHoldsAtEachOpenDeci
 }
 
 // Bodies that end before, at and after the end of the bytes read with the header, read in odd
-// chunks, sized and sought, on the first open (the name not yet known) and on a later one. A
-// read into no buffer is a stream error, never a write through null.
+// chunks, sized and sought, on the first open (the name not yet known) and on a later one, also
+// from a file system that answers reads in pieces mid-file. A read into no buffer is a stream
+// error, never a write through null.
 TEST_F(RepeatedOpenTest, BodiesOfEverySizeAreServedWholeSizedAndSoughtOnEveryOpen) {
   const std::size_t header = EntryBytes(0, 0, "\"t\"", kKey, "").size();
+  for (const std::uint64_t piece : {std::uint64_t{0}, std::uint64_t{4096}})
   for (const std::size_t size : {std::size_t{0}, std::size_t{1}, 16384 - header - 1,
                                  16384 - header, 16384 - header + 1, std::size_t{100000}}) {
-    SCOPED_TRACE(size);
+    SCOPED_TRACE(testing::Message() << size << " in pieces of " << piece);
+    TqUSysFileFaults::LimitReads(piece);
     const std::string body = Pattern(size);
     const std::string on_disk = EntryBytes(kDate + 5, kNever, "\"t\"", kKey, body);
     WriteFileBytes(EntryPath(), on_disk);
@@ -305,6 +310,7 @@ TEST_F(RepeatedOpenTest, BodiesOfEverySizeAreServedWholeSizedAndSoughtOnEveryOpe
       EXPECT_EQ(stream->Read(past_end, sizeof past_end), 0u);
       EXPECT_THROW(stream->RSeek(-1, StreamPosition::Begin), std::runtime_error);
     }
+    TqUSysFileFaults::LimitReads(0);
     EXPECT_EQ(ReadFileBytes(EntryPath()), on_disk) << "an open rewrote a recorded entry";
   }
   EXPECT_TRUE(m_api.Sent().empty());
@@ -1034,10 +1040,12 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
   EXPECT_EQ(Remaining(), (Names{"d_end_of_time"}));
 
   // The header is read from each file's first bytes: headers of every length count (the key
-  // lengths: short, across the first read, long, the largest header), and a header claiming a
-  // key longer than its file is no entry, deleted.
+  // lengths: short, across the first read, long, the largest header), also from a file system
+  // that answers reads in pieces, and a header claiming a key longer than its file is no entry,
+  // deleted.
+  for (const std::uint64_t piece : {std::uint64_t{0}, std::uint64_t{32}})
   for (const std::size_t key_length : {40, 490, 3000, 65000}) {
-    SCOPED_TRACE(key_length);
+    SCOPED_TRACE(testing::Message() << key_length << " in pieces of " << piece);
     RemoveAll();
     Entry("a_oldest", kDate - 7200, kNever, 300000, key_length);
     Entry("b_newer", kDate - 60, kNever, 300000, key_length);
@@ -1045,7 +1053,9 @@ TEST_F(CacheTest, CleanUpTakesExpiredEntriesFirstOlderSpansFirstAndNeverCountsOr
     std::string cut = EntryBytes(kDate - 5, kNever, "", std::string(2000, 'k'), "");
     cut.resize(1500);
     WriteFileBytes(m_cache.Directory() / "d_cut", cut);
+    TqUSysFileFaults::LimitReads(piece);
     EXPECT_TRUE(m_cache.CleanUp());
+    TqUSysFileFaults::LimitReads(0);
     EXPECT_EQ(Remaining(), (Names{"b_newer", "c_newest"}));
   }
 }

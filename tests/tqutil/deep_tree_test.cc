@@ -70,14 +70,6 @@ constexpr std::size_t kSmallStack = 128 * 1024;
 constexpr std::size_t kDepth = 3000;
 
 std::size_t MakeChain(const fs::path& directory, std::size_t depth) {
-  // One descriptor a level is still the removal's bound: as many as the process may have.
-  rlimit files = {};
-  if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
-    files.rlim_cur = files.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &files);
-    getrlimit(RLIMIT_NOFILE, &files);
-    depth = std::min<std::size_t>(depth, files.rlim_cur - 64);
-  }
   int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY);
   for (std::size_t i = 0; i < depth && fd >= 0; ++i) {
     const int inner = ::mkdirat(fd, "d", 0700) == 0 ? ::openat(fd, "d", O_RDONLY | O_DIRECTORY) : -1;
@@ -93,6 +85,17 @@ std::size_t MakeChain(const fs::path& directory, std::size_t depth) {
 }
 
 void RemoveOnSmallStack(Removal& run) {
+  // And with few descriptors to spare: a removal holding one a level would run out of them (and
+  // leave the host's other threads none) long before the bottom of the chain.
+  rlimit files = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+  const rlimit saved = files;
+  int highest = 0;
+  for (int fd = 0; fd < 65536; ++fd) {
+    if (::fcntl(fd, F_GETFD) >= 0) highest = fd;
+  }
+  files.rlim_cur = std::min<rlim_t>(files.rlim_max, highest + 1 + 100);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, std::max<std::size_t>(PTHREAD_STACK_MIN, kSmallStack));
@@ -106,15 +109,16 @@ void RemoveOnSmallStack(Removal& run) {
       },
       &run);
   pthread_attr_destroy(&attributes);
+  if (made == 0) pthread_join(thread, nullptr);
+  setrlimit(RLIMIT_NOFILE, &saved);
   ASSERT_EQ(made, 0);
-  pthread_join(thread, nullptr);
 }
 #endif
 
 // Regression: a tree removal went one call deeper for every level of the tree, so a chain of
 // directories planted in a shared cache directory crashed the host's Clear() once it was deeper
 // than the calling thread's stack could hold (a few thousand levels). The removal's stack no
-// longer grows with the tree's depth, on either system.
+// longer grows with the tree's depth, on either system, nor (POSIX) the descriptors it holds.
 TEST(SysDirectoryTest, ADeepChainOfDirectoriesIsRemovedOnASmallStack) {
   tq::test::TempDir temp;
   const std::size_t depth = MakeChain(temp.path(), kDepth);
