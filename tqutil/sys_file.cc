@@ -189,6 +189,11 @@ std::int64_t TqUSysFile::SeekFile(Handle file, std::int64_t offset, int origin) 
 #endif
 }
 
+std::int64_t TqUSysFile::SizeWhenOpened(Handle file) {
+  const Use use(file);
+  return use ? file->size_when_opened : -1;
+}
+
 std::int64_t TqUSysFile::GetFileSize(Handle file) {
   const Use use(file);
   if (!use || TqUSysFileFaults::Fails("size")) return -1;

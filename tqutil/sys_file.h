@@ -70,6 +70,10 @@ class TQUTIL_API TqUSysFile {
   /// origin: 0 start, 1 current, 2 end. Returns the new position, or -1 on error.
   static std::int64_t SeekFile(Handle file, std::int64_t offset, int origin);
   static std::int64_t GetFileSize(Handle file);  ///< -1 on error
+  /// The file's size as the open found it, without asking the system again: a reader whose
+  /// sharing keeps writers out knows its length from it. -1 for a file the open created, and on
+  /// error. On POSIX it is measured just before the lock is taken.
+  static std::int64_t SizeWhenOpened(Handle file);
   /// The open file's last modification, in nanoseconds since 1970 (UTC) to the file system's
   /// resolution; false on error or when the time lies beyond what 64 bits of them hold.
   static bool GetFileModifiedTime(Handle file, std::int64_t* nanoseconds);

@@ -31,6 +31,8 @@ struct TqUSysFileHandleTag {
   // the last of them ends). Guarded by the registry's lock.
   int uses = 0;
   bool closed = false;
+  // The file's size as its open found it; -1 for a file the open created.
+  std::int64_t size_when_opened = -1;
 #if defined(_WIN32)
   ~TqUSysFileHandleTag() {
     if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);

@@ -207,7 +207,10 @@ TqUSysFile::Handle OpenAt(int dir, const char* name, std::uint32_t access, std::
       (TqUSysFileFaults::Fails("truncate") || ::ftruncate(fd.fd, 0) != 0)) {
     return TqUSysFile::kInvalid;
   }
-  return AdoptDescriptor(fd, dir, creation == TqUSysFile::kCreateAlways ? name : nullptr);
+  if (creation == TqUSysFile::kCreateAlways) return AdoptDescriptor(fd, dir, name);
+  const TqUSysFile::Handle handle = AdoptDescriptor(fd);
+  if (handle != TqUSysFile::kInvalid) handle->size_when_opened = st.st_size;
+  return handle;
 }
 
 }  // namespace qv::sys_file

@@ -79,11 +79,12 @@ FindHandle FindFirst(const std::filesystem::path& directory, WIN32_FIND_DATAW* d
 namespace {
 
 // Whether `file` is a plain file on a disk: not a directory, not a reparse point (a link or a
-// junction, opened as itself), not a pipe or a device.
-bool IsPlainFile(HANDLE file) {
+// junction, opened as itself), not a pipe or a device; `*size` is its size when it is.
+bool IsPlainFile(HANDLE file, std::int64_t* size) {
   if (::GetFileType(file) != FILE_TYPE_DISK) return false;
   BY_HANDLE_FILE_INFORMATION info;
   if (!::GetFileInformationByHandle(file, &info)) return false;
+  *size = static_cast<std::int64_t>((std::uint64_t{info.nFileSizeHigh} << 32) | info.nFileSizeLow);
   return (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0;
 }
 
@@ -195,9 +196,11 @@ TqUSysFile::Handle OpenPlainFile(const std::filesystem::path& path, DWORD access
   OwnedHandle h = sys::Open(path, access, share, disposition, FILE_ATTRIBUTE_NORMAL | flags);
   if (!h) return TqUSysFile::kInvalid;
   OpenedForTesting();
-  if (!IsPlainFile(h.get())) return TqUSysFile::kInvalid;
+  std::int64_t size = 0;
+  if (!IsPlainFile(h.get(), &size)) return TqUSysFile::kInvalid;
   auto record = std::make_unique<TqUSysFileHandleTag>();
   record->file = h.release();
+  if (disposition != CREATE_ALWAYS && disposition != CREATE_NEW) record->size_when_opened = size;
   return Adopt(std::move(record));
 }
 

@@ -29,8 +29,11 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
 
   // Reads the first bytes of the file; false when it cannot.
   bool Prefetch() {
-    // Network and user-space file systems may answer a read in pieces before the end: only a
-    // read of nothing says where the file ends.
+    // Network and user-space file systems may answer a read in pieces before the end: a short
+    // read ends the file only when it reaches the size the open found, else a read of nothing
+    // must say so. (On POSIX that size is taken just before the lock; a body written in place
+    // and finished in between is longer, and is read on to its end.)
+    const std::int64_t opened = TqUSysFile::SizeWhenOpened(m_file.get());
     while (m_have < kPrefetch) {
       std::uint64_t got = 0;
       if (!TqUSysFile::ReadFileAt(m_file.get(), m_bytes + m_have, kPrefetch - m_have, m_have,
@@ -39,6 +42,7 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
       }
       if (got == 0) break;
       m_have += static_cast<std::size_t>(got);
+      if (static_cast<std::int64_t>(m_have) == opened) break;
     }
     // A file read short to its end is that long. A longer one is measured now: its length
     // when opened is the body's, so that a file some other program cuts under the reader
