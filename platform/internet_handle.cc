@@ -101,7 +101,8 @@ bool CloseHandleTree(HINTERNET handle) {
       Table().objects.Take(reinterpret_cast<std::uintptr_t>(handle));
   if (object == nullptr) return false;
   std::vector<std::weak_ptr<InternetObject>> children;
-  {
+  // A request is given no children: none to close, and nobody asks whether it is closed.
+  if (object->kind() != HandleKind::kRequest) {
     std::lock_guard lock(object->children_mutex_);
     object->closed_ = true;
     children.swap(object->children_);

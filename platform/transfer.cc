@@ -320,6 +320,9 @@ void Transfer::Finish(milliseconds wait) {
 }
 
 void Transfer::Reset() {
+  // Idle is reached only here (or made so): nothing ran since, nothing is left to forget. A new
+  // request's transfer, recycled when its last user let go, is idle at its first send.
+  if (state_ == TransferState::kIdle) return;
   Finish(milliseconds(0));
   if (state_ != TransferState::kIdle) MoveTo(TransferState::kIdle);
   // The spill's room stays for the next Open: the same user sends again.
