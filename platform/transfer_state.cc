@@ -19,42 +19,6 @@ const char* StateName(TransferState state) {
   return "?";
 }
 
-bool IsLegalMove(TransferState from, TransferState to) {
-  using S = TransferState;
-  switch (from) {
-    case S::kIdle:
-      // An open can fail before anything goes out (no slot, no memory).
-      return to == S::kConnecting || to == S::kFailed;
-    case S::kConnecting:
-      return to == S::kAwaitingHeaders || to == S::kFailed;
-    case S::kAwaitingHeaders:
-      // A response that ends with its headers (HEAD, an empty body) finishes from here.
-      return to == S::kReceiving || to == S::kFinished || to == S::kFailed;
-    case S::kReceiving:
-      return to == S::kPaused || to == S::kDraining || to == S::kFinished;
-    case S::kPaused:
-      return to == S::kReceiving || to == S::kDraining || to == S::kFinished;
-    case S::kDraining:
-      return to == S::kPaused || to == S::kFinished;
-    case S::kFinished:
-      // A redirect's next hop starts from the finished one; a redirect refused fails it.
-      return to == S::kIdle || to == S::kConnecting || to == S::kFailed;
-    case S::kFailed:
-      return to == S::kIdle;
-  }
-  return false;
-}
-
-bool IsRunning(TransferState state) {
-  return state != TransferState::kIdle && state != TransferState::kFinished &&
-         state != TransferState::kFailed;
-}
-
-bool HasFinalHeaders(TransferState state) {
-  return state == TransferState::kReceiving || state == TransferState::kPaused ||
-         state == TransferState::kDraining || state == TransferState::kFinished;
-}
-
 void TransferClock::Start(TransferLimits limits, bool sends_body, Clock::time_point now) {
   connect_ = limits.connect.count() > 0 ? limits.connect : kDefaultConnect;
   idle_ = limits.idle;

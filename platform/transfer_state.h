@@ -22,13 +22,45 @@ enum class TransferState {
 
 const char* StateName(TransferState state);
 
-// The one table of legal moves.
-bool IsLegalMove(TransferState from, TransferState to);
+// The one table of legal moves. These three are asked at every step of every transfer, hence
+// defined here, where callers can inline them.
+constexpr bool IsLegalMove(TransferState from, TransferState to) {
+  using S = TransferState;
+  switch (from) {
+    case S::kIdle:
+      // An open can fail before anything goes out (no slot, no memory).
+      return to == S::kConnecting || to == S::kFailed;
+    case S::kConnecting:
+      return to == S::kAwaitingHeaders || to == S::kFailed;
+    case S::kAwaitingHeaders:
+      // A response that ends with its headers (HEAD, an empty body) finishes from here.
+      return to == S::kReceiving || to == S::kFinished || to == S::kFailed;
+    case S::kReceiving:
+      return to == S::kPaused || to == S::kDraining || to == S::kFinished;
+    case S::kPaused:
+      return to == S::kReceiving || to == S::kDraining || to == S::kFinished;
+    case S::kDraining:
+      return to == S::kPaused || to == S::kFinished;
+    case S::kFinished:
+      // A redirect's next hop starts from the finished one; a redirect refused fails it.
+      return to == S::kIdle || to == S::kConnecting || to == S::kFailed;
+    case S::kFailed:
+      return to == S::kIdle;
+  }
+  return false;
+}
 
 // True in the phases where libcurl has the transfer (a slot is in use).
-bool IsRunning(TransferState state);
+constexpr bool IsRunning(TransferState state) {
+  return state != TransferState::kIdle && state != TransferState::kFinished &&
+         state != TransferState::kFailed;
+}
+
 // True once the final response's headers are in, until the transfer is reset or fails.
-bool HasFinalHeaders(TransferState state);
+constexpr bool HasFinalHeaders(TransferState state) {
+  return state == TransferState::kReceiving || state == TransferState::kPaused ||
+         state == TransferState::kDraining || state == TransferState::kFinished;
+}
 
 // The time limits of one transfer; zero means none (for `connect`: libcurl's default). For a
 // request that sends a body, `send` applies as well, to the whole transfer (the clock cannot tell
