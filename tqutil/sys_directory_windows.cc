@@ -105,18 +105,10 @@ std::int64_t TqUSysDirectory::ReadStart(const Char* name, void* buffer,
   TqUSysFile::Handle file = OpenFile(name, TqUSysFile::kAccessRead, TqUSysFile::kShareRead,
                                      TqUSysFile::kOpenExisting, 0, 0);
   if (file == TqUSysFile::kInvalid) return -1;
-  // Short only at the end, as promised: a network file system may answer a read in pieces.
-  std::uint64_t done = 0;
-  bool read = true;
-  while (done < size) {
-    std::uint64_t got = 0;
-    read = TqUSysFile::ReadFileAt(file, static_cast<char*>(buffer) + done, size - done, done,
-                                  &got);
-    if (!read || got == 0) break;
-    done += got;
-  }
+  std::uint64_t got = 0;
+  const bool read = TqUSysFile::ReadFileAtFully(file, buffer, size, 0, &got);
   TqUSysFile::CloseFile(file);
-  return read ? static_cast<std::int64_t>(done) : -1;
+  return read ? static_cast<std::int64_t>(got) : -1;
 }
 
 bool TqUSysDirectory::Exists(const Char* name, std::error_code& ec) const {

@@ -141,6 +141,31 @@ bool TqUSysFile::ReadFileAt(Handle file, void* buffer, std::uint64_t size, std::
   return ReadOnce(file, buffer, size, &offset, read);
 }
 
+bool TqUSysFile::ReadFileAtFully(Handle file, void* buffer, std::uint64_t size,
+                                 std::uint64_t offset, std::uint64_t* read) {
+  if (read == nullptr) return false;
+  *read = 0;
+  std::int64_t opened = -1;
+  {
+    const Use use(file);
+    if (!use) return false;
+    // On POSIX the open measures just before its lock: a file written in place and finished in
+    // between is longer, reads past that size and is read on to its end.
+    opened = file->size_when_opened;
+  }
+  while (*read < size) {
+    std::uint64_t got = 0;
+    if (!ReadFileAt(file, static_cast<char*>(buffer) + *read, size - *read, offset + *read,
+                    &got)) {
+      return false;
+    }
+    if (got == 0) break;
+    *read += got;
+    if (opened >= 0 && offset + *read == static_cast<std::uint64_t>(opened)) break;
+  }
+  return true;
+}
+
 bool TqUSysFile::WriteFile(Handle file, const void* buffer, std::uint64_t size,
                            std::uint64_t* written) {
   if (written) *written = 0;
@@ -187,11 +212,6 @@ std::int64_t TqUSysFile::SeekFile(Handle file, std::int64_t offset, int origin) 
   const off_t pos = ::lseek(file->fd, static_cast<off_t>(offset), whence);
   return pos < 0 ? -1 : static_cast<std::int64_t>(pos);
 #endif
-}
-
-std::int64_t TqUSysFile::SizeWhenOpened(Handle file) {
-  const Use use(file);
-  return use ? file->size_when_opened : -1;
 }
 
 std::int64_t TqUSysFile::GetFileSize(Handle file) {

@@ -64,16 +64,17 @@ class TQUTIL_API TqUSysFile {
   /// it), so a reader that always says where it reads needs no seek.
   static bool ReadFileAt(Handle file, void* buffer, std::uint64_t size, std::uint64_t offset,
                          std::uint64_t* read);
+  /// ReadFileAt in as many reads as the file system needs (network and user-space ones may answer
+  /// in pieces before the end): `*read` is short of `size` only at the end of the file, known
+  /// from a read of nothing or, without one, from the size the open found. False on error.
+  static bool ReadFileAtFully(Handle file, void* buffer, std::uint64_t size, std::uint64_t offset,
+                              std::uint64_t* read);
   /// Writes all `size` bytes; false on error (a full disk included).
   static bool WriteFile(Handle file, const void* buffer, std::uint64_t size,
                         std::uint64_t* written);
   /// origin: 0 start, 1 current, 2 end. Returns the new position, or -1 on error.
   static std::int64_t SeekFile(Handle file, std::int64_t offset, int origin);
   static std::int64_t GetFileSize(Handle file);  ///< -1 on error
-  /// The file's size as the open found it, without asking the system again: a reader whose
-  /// sharing keeps writers out knows its length from it. -1 for a file the open created, and on
-  /// error. On POSIX it is measured just before the lock is taken.
-  static std::int64_t SizeWhenOpened(Handle file);
   /// The open file's last modification, in nanoseconds since 1970 (UTC) to the file system's
   /// resolution; false on error or when the time lies beyond what 64 bits of them hold.
   static bool GetFileModifiedTime(Handle file, std::int64_t* nanoseconds);

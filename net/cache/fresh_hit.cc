@@ -29,23 +29,11 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
 
   // Reads the first bytes of the file; false when it cannot.
   bool Prefetch() {
-    // Network and user-space file systems may answer a read in pieces before the end: a short
-    // read ends the file only when it reaches the size the open found, else a read of nothing
-    // must say so. (On POSIX that size is taken just before the lock; a body written in place
-    // and finished in between is longer, and is read on to its end.)
-    const std::int64_t opened = TqUSysFile::SizeWhenOpened(m_file.get());
-    while (m_have < kPrefetch) {
-      std::uint64_t got = 0;
-      if (!TqUSysFile::ReadFileAt(m_file.get(), m_bytes + m_have, kPrefetch - m_have, m_have,
-                                  &got)) {
-        return false;
-      }
-      if (got == 0) break;
-      m_have += static_cast<std::size_t>(got);
-      if (static_cast<std::int64_t>(m_have) == opened) break;
-    }
-    // A file read short to its end is that long. A longer one is measured now: its length
-    // when opened is the body's, so that a file some other program cuts under the reader
+    std::uint64_t got = 0;
+    if (!TqUSysFile::ReadFileAtFully(m_file.get(), m_bytes, kPrefetch, 0, &got)) return false;
+    m_have = static_cast<std::size_t>(got);
+    // A file read short is read to its end, and that long. A longer one is measured now: its
+    // length when opened is the body's, so that a file some other program cuts under the reader
     // (ours are kept out) ends the body with an error instead of early.
     m_file_size = m_have < kPrefetch ? static_cast<std::int64_t>(m_have)
                                      : TqUSysFile::GetFileSize(m_file.get());
