@@ -6,6 +6,10 @@
 
 #include "tqutil/utf8.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 namespace {
 
 struct AppName {
@@ -21,8 +25,22 @@ AppName& TheAppName() {
 // The per-user cache home; empty when none is known.
 std::wstring CacheHome() {
 #if defined(_WIN32)
-  const wchar_t* local = _wgetenv(L"LOCALAPPDATA");
-  return local && *local ? std::wstring(local) : std::wstring();
+  // The system's own block, not the C runtime's copy (_wgetenv): that copy is made from the
+  // ANSI environment, where characters outside the code page become "?", and misses changes
+  // made through the system since.
+  constexpr wchar_t kName[] = L"LOCALAPPDATA";
+  std::wstring local(MAX_PATH, L'\0');
+  // Asked again when another thread lengthened it between the sizing call and the filling one.
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    const DWORD length =
+        ::GetEnvironmentVariableW(kName, local.data(), static_cast<DWORD>(local.size()));
+    if (length < local.size()) {
+      local.resize(length);  // 0: not set (or empty)
+      return local;
+    }
+    local.resize(length);  // the room needed, its terminator included
+  }
+  return {};
 #else
   // A directory whose name is no UTF-8 text would be named with U+FFFD in its place: another
   // directory. None is known then.

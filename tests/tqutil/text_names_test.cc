@@ -7,6 +7,10 @@
 #include <optional>
 #include <string>
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 namespace {
 
 #if !defined(_WIN32)
@@ -28,6 +32,25 @@ TEST(AppInfoNamesTest, AHomeThatIsNoUtf8TextNamesNoDirectory) {
   }
   saved_xdg ? ::setenv("XDG_CACHE_HOME", saved_xdg->c_str(), 1) : ::unsetenv("XDG_CACHE_HOME");
   saved_home ? ::setenv("HOME", saved_home->c_str(), 1) : ::unsetenv("HOME");
+}
+#endif
+
+#if defined(_WIN32)
+// The home came from the C runtime's copy of the environment: made at start from the ANSI one,
+// where a profile named with characters outside the code page reads as "?", and blind to the
+// system's own block after that. Either way the cache went to another directory.
+TEST(AppInfoNamesTest, TheCacheHomeIsTheSystemsOwnWideText) {
+  const wchar_t* const name = L"LOCALAPPDATA";
+  std::wstring saved(32768, L'\0');
+  saved.resize(::GetEnvironmentVariableW(name, saved.data(), static_cast<DWORD>(saved.size())));
+  const std::wstring home = L"C:\\Users\\\u0141ucja\U0001F600\\AppData\\Local";
+  TqUWideStringBuffer dir;
+  TqUAppInfo::GetAppDir(0, &dir);  // asked before, as a host may have: the copy is made by now
+  ASSERT_TRUE(::SetEnvironmentVariableW(name, home.c_str()));
+  const bool known = TqUAppInfo::GetAppDir(0, &dir);
+  ::SetEnvironmentVariableW(name, saved.empty() ? nullptr : saved.c_str());
+  ASSERT_TRUE(known);
+  EXPECT_EQ(std::wstring(dir.View()), home + L"\\tqnetwork");
 }
 #endif
 
