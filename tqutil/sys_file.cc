@@ -120,9 +120,13 @@ TqUSysFile::Handle TqUSysFile::OpenNamedFile(const std::filesystem::path& path) 
   // The system follows the links on the way as it opens (no FILE_FLAG_OPEN_REPARSE_POINT), and
   // what they lead to must be a plain file, opened as OpenFile's reader opens it. The name is
   // opened itself, never resolved to a final path first: Wine gives none past MAX_PATH, and a
-  // volume without a drive letter has none.
+  // volume without a drive letter has none. Other programs take no part in the library's
+  // sharing: a caller's file must open while an editor or a logger holds it for writing, and
+  // must not keep them from saving it meanwhile (as on POSIX). The library's own writers share
+  // nothing, so they still keep this reader out, and it them.
   if (path.empty()) return kInvalid;
-  return OpenPlainFile(path, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0);
+  return OpenPlainFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                       OPEN_EXISTING, 0);
 #else
   if (!WholePath(path)) return kInvalid;
   std::error_code ec;

@@ -55,7 +55,9 @@ class TQUTIL_API TqUSysFile {
                          std::uint32_t reserved2);
   /// Opens for reading the existing file a caller names (a local file, a file URL's path): unlike
   /// OpenFile's, this open follows the links on the way, and then opens what they lead to as
-  /// OpenFile(kAccessRead, kShareRead, kOpenExisting) does. Null when that cannot be opened.
+  /// OpenFile(kAccessRead, kShareRead, kOpenExisting) does, except that on Windows it shares
+  /// writing and deletion with other programs' opens (the library's own writers still exclude
+  /// it). Null when that cannot be opened.
   static Handle OpenNamedFile(const std::filesystem::path& path);
   /// Reads up to `size` bytes; false on error. `*read` is 0 at the end of the file.
   static bool ReadFile(Handle file, void* buffer, std::uint64_t size, std::uint64_t* read);

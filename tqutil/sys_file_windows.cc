@@ -78,14 +78,19 @@ FindHandle FindFirst(const std::filesystem::path& directory, WIN32_FIND_DATAW* d
 
 namespace {
 
-// Whether `file` is a plain file on a disk: not a directory, not a reparse point (a link or a
-// junction, opened as itself), not a pipe or a device; `*size` is its size when it is.
-bool IsPlainFile(HANDLE file, std::int64_t* size) {
+// Whether `file` is a plain file on a disk: not a directory, not a pipe or a device, and, when
+// `as_itself` (opened with FILE_FLAG_OPEN_REPARSE_POINT), not a reparse point (a link or a
+// junction); `*size` is its size when it is. Once the system has followed the links, a reparse
+// point left is the file system's own way of keeping a plain file (deduplicated, compressed or
+// cloud files) and opens as one.
+bool IsPlainFile(HANDLE file, bool as_itself, std::int64_t* size) {
   if (::GetFileType(file) != FILE_TYPE_DISK) return false;
   BY_HANDLE_FILE_INFORMATION info;
   if (!::GetFileInformationByHandle(file, &info)) return false;
   *size = static_cast<std::int64_t>((std::uint64_t{info.nFileSizeHigh} << 32) | info.nFileSizeLow);
-  return (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0;
+  const DWORD refused =
+      FILE_ATTRIBUTE_DIRECTORY | (as_itself ? FILE_ATTRIBUTE_REPARSE_POINT : DWORD{0});
+  return (info.dwFileAttributes & refused) == 0;
 }
 
 // Not named by MinGW's headers (Windows 10 1809 and later).
@@ -197,7 +202,9 @@ TqUSysFile::Handle OpenPlainFile(const std::filesystem::path& path, DWORD access
   if (!h) return TqUSysFile::kInvalid;
   OpenedForTesting();
   std::int64_t size = 0;
-  if (!IsPlainFile(h.get(), &size)) return TqUSysFile::kInvalid;
+  if (!IsPlainFile(h.get(), (flags & FILE_FLAG_OPEN_REPARSE_POINT) != 0, &size)) {
+    return TqUSysFile::kInvalid;
+  }
   auto record = std::make_unique<TqUSysFileHandleTag>();
   record->file = h.release();
   if (disposition != CREATE_ALWAYS && disposition != CREATE_NEW) record->size_when_opened = size;

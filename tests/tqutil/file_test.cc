@@ -628,6 +628,23 @@ TEST(FileStreamTest, BaseOffsetIsPositionZeroAndFileUrlsOpenTheSameBytes) {
     EXPECT_FALSE(qv::io::FileReadStream::Create(path)) << "the stream holds the file";
   }
   EXPECT_FALSE(qv::io::FileReadStream::Create(dir / "missing"));
+#if defined(_WIN32)
+  {
+    // Another program's writer neither keeps a caller's file from opening nor is kept out by it.
+    const auto foreign_writer = [&] {
+      return ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                           nullptr, OPEN_EXISTING, 0, nullptr);
+    };
+    const HANDLE writer = foreign_writer();
+    ASSERT_NE(writer, INVALID_HANDLE_VALUE);
+    const auto held = qv::io::FileReadStream::Create(path);
+    ::CloseHandle(writer);
+    ASSERT_TRUE(held);
+    const HANDLE saving = foreign_writer();
+    EXPECT_NE(saving, INVALID_HANDLE_VALUE);
+    if (saving != INVALID_HANDLE_VALUE) ::CloseHandle(saving);
+  }
+#endif
   using namespace std::chrono;
   constexpr std::int64_t kModified = 1700000000;  // seconds since 1970
   ASSERT_TRUE(tq::test::SetModifiedTime(path, seconds(kModified) + milliseconds(700)));
