@@ -54,6 +54,11 @@ class TransferSlot {
   // on an idle HTTP/1.1 connection; bytes a server sent after its answer would be read as the
   // answer to the next request. False when no new multi can be made.
   bool DropKeptConnectionIfItSpoke();
+  // Before the next transfer too: libcurl keeps the system error of a call that failed on the
+  // easy handle through every transfer after it, and a transfer's failure is told apart by it
+  // (a connection reset from bytes libcurl refused). A handle holding one is made anew, with
+  // nothing applied. False when no new handle can be made.
+  bool DropStaleSystemError();
   bool Attach();
   // Takes the easy handle out of the multi: an unfinished transfer closes its connection, a
   // finished one leaves it in the multi's cache for the next transfer.
