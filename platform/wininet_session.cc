@@ -254,7 +254,7 @@ DWORD Connection::MaxConns() const {
 
 DWORD Connection::MaxConnsLocked() const {
   // The chain is looked through (under its own lock) only when a setting changed somewhere
-  // since the last look; the generation is read first, as InheritedLocked does.
+  // since the last look; the generation is read first, as Inherited does.
   const std::uint64_t generation = SettingsGeneration();
   if (!max_conns_valid_ || max_conns_generation_ != generation) {
     max_conns_ = MaxConns();
