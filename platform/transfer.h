@@ -72,7 +72,8 @@ class TransferSlot {
   Transfer* transfer() const { return transfer_; }
   // libcurl's error text of the transfer running on the slot.
   char* error_text() { return error_text_; }
-  // Drops what the handle holds of a finished transfer (callbacks' target, header list, body).
+  // Drops what the handle holds of a transfer that is over: its body and its lines for a proxy
+  // (the callbacks' target, error buffer and header list are the slot's, and stay).
   void ReleaseOptions() { applied_.Release(easy_.get()); }
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
   std::string& spill_storage() { return spill_storage_; }
