@@ -65,10 +65,6 @@ std::uint64_t SettingsGeneration();
 
 class SettingsHolder {
  public:
-  Settings Get() const {
-    std::lock_guard lock(mutex_);
-    return settings_;
-  }
   // One field, without copying the others.
   template <class T>
   T Get(T Settings::*field) const {
