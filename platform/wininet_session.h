@@ -48,7 +48,7 @@ struct Settings {
   std::optional<DWORD> connect_timeout;
   std::optional<DWORD> send_timeout;
   std::optional<DWORD> receive_timeout;
-  std::optional<DWORD> connect_retries;
+  std::optional<DWORD> connect_retries;  // taken as WinINet takes it; nothing applies it
   std::optional<std::string> user;
   std::optional<std::string> password;
   std::optional<std::string> proxy_user;
