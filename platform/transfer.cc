@@ -347,8 +347,8 @@ bool Transfer::Recycle() {
   ReleaseSlot();
   Reset();
   // A body or a header block far larger than usual is not kept for every later request.
-  if (request_.body.capacity() > kDrainLimit || blocks_[0].capacity() > kDrainLimit ||
-      blocks_[1].capacity() > kDrainLimit) {
+  if (request_.body.capacity() > kKeptRoomLimit || blocks_[0].capacity() > kKeptRoomLimit ||
+      blocks_[1].capacity() > kKeptRoomLimit) {
     return false;
   }
   stop_ = nullptr;

@@ -248,6 +248,8 @@ class Transfer {
 
  private:
   enum class Goal { kHeaders, kData, kDrain };
+  // The most room a recycled transfer keeps for a body sent, or for a header block.
+  static constexpr std::size_t kKeptRoomLimit = 64 * 1024;
 
   // Runs `work` on the slot's transfer for a data callback: 0 (libcurl's refusal) without a
   // transfer, or when the work throws, which ends the transfer with the exception's error.
