@@ -22,7 +22,7 @@ namespace tqplatform {
 enum class ProxyMode { kEnvironment, kDirect, kNamed };
 
 // Views into the request being sent; they need to stay valid only while applied (libcurl copies
-// strings), except `body` and `headers`, which libcurl reads while the transfer runs.
+// strings), except `body` and the two header lists, which libcurl reads while the transfer runs.
 struct HopOptions {
   // Changed from request to request.
   std::string_view url;

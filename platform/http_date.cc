@@ -57,9 +57,8 @@ bool ParseClock(std::string_view s, unsigned* h, unsigned* m, unsigned* sec) {
   return true;
 }
 
-}  // namespace
-
-bool ParseHttpDate(std::string_view text, SYSTEMTIME* out) {
+// The words of a date: what lies between spaces, tabs, commas and dashes.
+std::vector<std::string_view> DateTokens(std::string_view text) {
   std::vector<std::string_view> tokens;
   std::size_t i = 0;
   while (i < text.size()) {
@@ -68,13 +67,18 @@ bool ParseHttpDate(std::string_view text, SYSTEMTIME* out) {
     while (i < text.size() && std::strchr(" \t,-", text[i]) == nullptr) ++i;
     if (i > start) tokens.push_back(text.substr(start, i - start));
   }
+  return tokens;
+}
 
+}  // namespace
+
+bool ParseHttpDate(std::string_view text, SYSTEMTIME* out) {
   int month = 0;
   bool have_clock = false;
   unsigned hour = 0, minute = 0, second = 0;
   std::vector<std::string_view> numbers;
   bool zone_seen = false;
-  for (std::string_view t : tokens) {
+  for (std::string_view t : DateTokens(text)) {
     if (int m = MonthFromName(t); m != 0 && month == 0) {
       month = m;
     } else if (t.find(':') != std::string_view::npos) {

@@ -89,6 +89,18 @@ bool TransferSlot::DropKeptConnectionIfItSpoke() {
   return true;
 }
 
+bool TransferSlot::DropStaleSystemError() {
+  long os_errno = 0;
+  if (curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &os_errno) == CURLE_OK && os_errno == 0) {
+    return true;
+  }
+  CurlEasy fresh(curl_easy_init());
+  if (fresh == nullptr) return false;
+  easy_ = std::move(fresh);  // the multi keeps the connections, and the slot the header list
+  applied_ = AppliedOptions();
+  return true;
+}
+
 bool TransferSlot::Attach() {
   attached_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
   return attached_;
@@ -179,7 +191,7 @@ DWORD Transfer::AcquireSlot() {
   DWORD error = ERROR_SUCCESS;
   slot_ = slots_.Acquire(*stop_, request_.slot_wait, &error);
   if (slot_ == nullptr) return error;
-  if (!slot_->DropKeptConnectionIfItSpoke()) {
+  if (!slot_->DropKeptConnectionIfItSpoke() || !slot_->DropStaleSystemError()) {
     slots_.Release(std::move(slot_));
     return ERROR_NOT_ENOUGH_MEMORY;
   }
@@ -335,8 +347,8 @@ bool Transfer::Recycle() {
   ReleaseSlot();
   Reset();
   // A body or a header block far larger than usual is not kept for every later request.
-  if (request_.body.capacity() > kDrainLimit || blocks_[0].capacity() > kDrainLimit ||
-      blocks_[1].capacity() > kDrainLimit) {
+  if (request_.body.capacity() > kKeptRoomLimit || blocks_[0].capacity() > kKeptRoomLimit ||
+      blocks_[1].capacity() > kKeptRoomLimit) {
     return false;
   }
   stop_ = nullptr;

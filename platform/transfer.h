@@ -54,6 +54,11 @@ class TransferSlot {
   // on an idle HTTP/1.1 connection; bytes a server sent after its answer would be read as the
   // answer to the next request. False when no new multi can be made.
   bool DropKeptConnectionIfItSpoke();
+  // Before the next transfer too: libcurl keeps the system error of a call that failed on the
+  // easy handle through every transfer after it, and a transfer's failure is told apart by it
+  // (a connection reset from bytes libcurl refused). A handle holding one is made anew, with
+  // nothing applied. False when no new handle can be made.
+  bool DropStaleSystemError();
   bool Attach();
   // Takes the easy handle out of the multi: an unfinished transfer closes its connection, a
   // finished one leaves it in the multi's cache for the next transfer.
@@ -67,7 +72,8 @@ class TransferSlot {
   Transfer* transfer() const { return transfer_; }
   // libcurl's error text of the transfer running on the slot.
   char* error_text() { return error_text_; }
-  // Drops what the handle holds of a finished transfer (callbacks' target, header list, body).
+  // Drops what the handle holds of a transfer that is over: its body and its lines for a proxy
+  // (the callbacks' target, error buffer and header list are the slot's, and stay).
   void ReleaseOptions() { applied_.Release(easy_.get()); }
   // Room for body bytes that arrive before anyone reads, lent to each transfer on the slot.
   std::string& spill_storage() { return spill_storage_; }
@@ -242,6 +248,8 @@ class Transfer {
 
  private:
   enum class Goal { kHeaders, kData, kDrain };
+  // The most room a recycled transfer keeps for a body sent, or for a header block.
+  static constexpr std::size_t kKeptRoomLimit = 64 * 1024;
 
   // Runs `work` on the slot's transfer for a data callback: 0 (libcurl's refusal) without a
   // transfer, or when the work throws, which ends the transfer with the exception's error.

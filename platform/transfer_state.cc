@@ -5,20 +5,6 @@
 
 namespace tqplatform {
 
-const char* StateName(TransferState state) {
-  switch (state) {
-    case TransferState::kIdle: return "idle";
-    case TransferState::kConnecting: return "connecting";
-    case TransferState::kAwaitingHeaders: return "awaiting headers";
-    case TransferState::kReceiving: return "receiving";
-    case TransferState::kPaused: return "paused";
-    case TransferState::kDraining: return "draining";
-    case TransferState::kFinished: return "finished";
-    case TransferState::kFailed: return "failed";
-  }
-  return "?";
-}
-
 void TransferClock::Start(TransferLimits limits, bool sends_body, Clock::time_point now) {
   connect_ = limits.connect.count() > 0 ? limits.connect : kDefaultConnect;
   idle_ = limits.idle;

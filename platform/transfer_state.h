@@ -20,8 +20,6 @@ enum class TransferState {
   kFailed,           // over without a usable final response
 };
 
-const char* StateName(TransferState state);
-
 // The one table of legal moves. These three are asked at every step of every transfer, hence
 // defined here, where callers can inline them.
 constexpr bool IsLegalMove(TransferState from, TransferState to) {

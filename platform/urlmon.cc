@@ -344,8 +344,6 @@ HRESULT HResultFromTransfer(const Transfer& transfer, DWORD error) {
     case ERROR_HTTP_REDIRECT_FAILED:
     case ERROR_INTERNET_HTTPS_TO_HTTP_ON_REDIR:
       return INET_E_REDIRECT_FAILED;
-    case ERROR_NOT_ENOUGH_MEMORY:
-      return E_OUTOFMEMORY;
     default:
       return INET_E_DOWNLOAD_FAILURE;
   }

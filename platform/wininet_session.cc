@@ -205,9 +205,10 @@ std::string MakeOrigin(bool secure, const std::string& host, INTERNET_PORT port)
 
 }  // namespace
 
-Connection::Connection(std::shared_ptr<Session> session, std::string host, INTERNET_PORT port)
-    : InternetObject(kKind), session_(std::move(session)), host_(std::move(host)), port_(port),
-      origins_{MakeOrigin(false, host_, port_), MakeOrigin(true, host_, port_)} {}
+Connection::Connection(std::shared_ptr<Session> session, const std::string& host,
+                       INTERNET_PORT port)
+    : InternetObject(kKind), session_(std::move(session)),
+      origins_{MakeOrigin(false, host, port), MakeOrigin(true, host, port)} {}
 
 Connection::~Connection() {
   std::vector<std::unique_ptr<Transfer>> transfers;
@@ -254,7 +255,7 @@ DWORD Connection::MaxConns() const {
 
 DWORD Connection::MaxConnsLocked() const {
   // The chain is looked through (under its own lock) only when a setting changed somewhere
-  // since the last look; the generation is read first, as InheritedLocked does.
+  // since the last look; the generation is read first, as Inherited does.
   const std::uint64_t generation = SettingsGeneration();
   if (!max_conns_valid_ || max_conns_generation_ != generation) {
     max_conns_ = MaxConns();
@@ -517,7 +518,7 @@ HINTERNET InternetConnectW(HINTERNET internet, LPCWSTR server_name, INTERNET_POR
     }
     std::string user = WideToUtf8(user_name != nullptr ? user_name : L"");
     if (!FitsOneLine(user)) return FailNull(ERROR_INVALID_PARAMETER);
-    auto connection = std::make_shared<Connection>(session, std::move(host), server_port);
+    auto connection = std::make_shared<Connection>(session, host, server_port);
     connection->settings().Update([&](Settings& s) {
       if (!user.empty()) s.user = std::move(user);
       if (WideLength(password) != 0) s.password = WideToUtf8(password);

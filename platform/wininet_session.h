@@ -48,7 +48,7 @@ struct Settings {
   std::optional<DWORD> connect_timeout;
   std::optional<DWORD> send_timeout;
   std::optional<DWORD> receive_timeout;
-  std::optional<DWORD> connect_retries;
+  std::optional<DWORD> connect_retries;  // taken as WinINet takes it; nothing applies it
   std::optional<std::string> user;
   std::optional<std::string> password;
   std::optional<std::string> proxy_user;
@@ -65,10 +65,6 @@ std::uint64_t SettingsGeneration();
 
 class SettingsHolder {
  public:
-  Settings Get() const {
-    std::lock_guard lock(mutex_);
-    return settings_;
-  }
   // One field, without copying the others.
   template <class T>
   T Get(T Settings::*field) const {
@@ -159,12 +155,10 @@ class Connection : public InternetObject, public SlotSource {
  public:
   static constexpr HandleKind kKind = HandleKind::kConnection;
 
-  Connection(std::shared_ptr<Session> session, std::string host, INTERNET_PORT port);
+  Connection(std::shared_ptr<Session> session, const std::string& host, INTERNET_PORT port);
   ~Connection() override;
 
   const std::shared_ptr<Session>& session() const { return session_; }
-  const std::string& host() const { return host_; }
-  INTERNET_PORT port() const { return port_; }
   // "scheme://host[:port]" of the requests made on this connection.
   const std::string& Origin(bool secure) const { return origins_[secure ? 1 : 0]; }
   SettingsHolder& settings() { return settings_; }
@@ -205,8 +199,6 @@ class Connection : public InternetObject, public SlotSource {
   DWORD MaxConnsLocked() const;
 
   std::shared_ptr<Session> session_;  // outlives the slots, whose easy handles use its share
-  const std::string host_;
-  const INTERNET_PORT port_;
   const std::array<std::string, 2> origins_;  // http, https
   SettingsHolder settings_;
 

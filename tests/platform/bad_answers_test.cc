@@ -3,6 +3,7 @@
 // handles fail cleanly with the thread's last error set.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -224,6 +225,27 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
                                     nullptr);
             }),
             ERROR_INVALID_PARAMETER);
+}
+
+// A reset ends the first request on a connection handle; the next one's broken chunk is no reset
+// (libcurl keeps a failed call's system error on the handle the requests share).
+TEST(BadAnswersTest, AResetOnTheConnectionBeforeDoesNotNameTheNextFailure) {
+  std::atomic<int> served{0};
+  RawResponder responder([&served](RawConnection& c) {
+    c.ReadRequestHead();
+    if (served++ == 0) {
+      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n" + std::string(1000, 'x'));
+      c.Reset();
+    } else {
+      c.Send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\nzz\r\n");
+    }
+  });
+  ASSERT_TRUE(responder.ok());
+  Handle session = OpenSession();
+  Handle connection = Connect(session, responder.port());
+  EXPECT_EQ(Fetch(connection, L"/"), "error " + std::to_string(ERROR_INTERNET_CONNECTION_RESET));
+  EXPECT_EQ(Fetch(connection, L"/"),
+            "error " + std::to_string(ERROR_HTTP_INVALID_SERVER_RESPONSE));
 }
 
 }  // namespace
