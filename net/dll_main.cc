@@ -1,7 +1,8 @@
 // The entry point of tqnetwork.dll. Nothing in the library needs to hear of threads starting
-// or ending, so those notifications are turned off: the host's threads then never enter the
-// loader lock on this DLL's account. (Thread-local destructors do not depend on it: the loader
-// keeps the TLS callbacks of a DLL that has thread-local data.)
+// or ending, so it asks the system to stop those notifications. The system refuses that for a
+// DLL with static thread-local storage, and MinGW's runtime gives every DLL a TLS directory
+// (its callbacks run the thread-local destructors): the call then fails (error 126), and the
+// host's threads still enter this function, which returns at once.
 #include <windows.h>
 
 BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved);
