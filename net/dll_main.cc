@@ -5,9 +5,14 @@
 // host's threads still enter this function, which returns at once.
 #include <windows.h>
 
+#include "net/http/module_hold.h"
+
 BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved);
 
-BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID /*reserved*/) {
+BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
   if (reason == DLL_PROCESS_ATTACH) ::DisableThreadLibraryCalls(instance);
+  // Called before the runtime runs the static destructors. A detach with `reserved` set is the
+  // process ending, not an unload: the other threads are gone already.
+  if (reason == DLL_PROCESS_DETACH && reserved != nullptr) qv::net::detail::NoteProcessEnding();
   return TRUE;
 }

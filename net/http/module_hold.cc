@@ -1,5 +1,6 @@
 #include "net/http/module_hold.h"
 
+#include <atomic>
 #include <mutex>
 
 #if defined(_WIN32)
@@ -11,6 +12,7 @@ namespace {
 
 std::mutex g_hold_mutex;
 int g_holds = 0;
+std::atomic<bool> g_process_ending{false};
 #if defined(_WIN32)
 HMODULE g_module = nullptr;
 #endif
@@ -41,5 +43,9 @@ void ReleaseModule() {
   g_module = nullptr;
 #endif
 }
+
+void NoteProcessEnding() { g_process_ending = true; }
+
+bool ProcessEnding() { return g_process_ending; }
 
 }  // namespace qv::net::detail

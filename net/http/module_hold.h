@@ -13,4 +13,13 @@ namespace qv::net::detail {
 void HoldModule();
 void ReleaseModule();
 
+// Set by tqnetwork.dll's entry point as the process ends (ExitProcess, or a return from the
+// host's main). Windows has then ended every other thread wherever it was, holding a lock or
+// waiting on a condition, before the DLL's static destructors run: a destructor that joins,
+// locks or wakes what those threads held waits for ever, and the process never ends. Objects
+// that own threads are left as they are then. Never set on other systems, in a program the
+// library is linked into (its statics go while its threads still run), or on an unload.
+void NoteProcessEnding();
+bool ProcessEnding();
+
 }  // namespace qv::net::detail

@@ -124,10 +124,16 @@ class Watcher {
 };
 
 // Made at load, not on first use: the worker pool, ended at exit, is made later and so ends
-// (with the sends of its running tasks) before the watcher goes.
-Watcher g_watcher;
+// (with the sends of its running tasks) before the watcher goes. Not as a Windows process ends:
+// its thread is gone already, maybe in the middle of a wait (detail::ProcessEnding).
+Watcher* const g_watcher = new Watcher;
+struct WatcherEnd {
+  ~WatcherEnd() {
+    if (!ProcessEnding()) delete g_watcher;
+  }
+} g_watcher_end;
 
-Watcher& TheWatcher() { return g_watcher; }
+Watcher& TheWatcher() { return *g_watcher; }
 
 }  // namespace
 

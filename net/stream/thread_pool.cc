@@ -19,12 +19,20 @@ detail::ThreadStartHook& StartHook() { return g_start_hook; }
 detail::StopHook& StopHookSlot() { return g_stop_hook; }
 
 // The process-wide slot. It owns its pool, so a pool left installed is shut down at exit or
-// unload, and the tasks still running finish then. It is made on first use, after the load-time
-// statics those tasks use (the stop watcher, the handler list, the hooks above), so that it is
-// destroyed before any of them.
+// unload, and the tasks still running finish then; not as a Windows process ends, when the
+// workers are gone already (detail::ProcessEnding). It is made on first use, after the
+// load-time statics those tasks use (the stop watcher, the handler list, the hooks above), so
+// that it is destroyed before any of them.
+struct PoolSlot {
+  std::unique_ptr<thread_pool> pool;
+  ~PoolSlot() {
+    if (detail::ProcessEnding()) (void)pool.release();
+  }
+};
+
 std::unique_ptr<thread_pool>& Slot() {
-  static std::unique_ptr<thread_pool> slot;
-  return slot;
+  static PoolSlot slot;
+  return slot.pool;
 }
 
 void RunStopHook() {

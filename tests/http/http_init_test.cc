@@ -226,6 +226,28 @@ F* Exported(HMODULE module, const char* name) {
   return reinterpret_cast<F*>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
 }
 
+// Regression: a host that ended its process without TerminateHttp, with tqnetwork.dll's workers
+// and stop watcher running, never ended. Windows ends those threads first, wherever they wait;
+// the DLL's static destructors then joined them and woke their conditions, which waited for ever.
+[[noreturn]] void EndTheProcessWhileTheDllsThreadsRun() {
+  HMODULE module = ::LoadLibraryW(L"tqnetwork.dll");
+  if (module == nullptr) std::_Exit(2);
+  auto* initialise = Exported<void()>(module, "_ZN2qv3net14InitialiseHttpEv");
+  auto* open = Exported<std::unique_ptr<HttpReadStream>(std::wstring_view, int, qv::stop_token)>(
+      module, "_ZN2qv3net14HttpReadStream4OpenESt17basic_string_viewIwSt11char_traitsIwEEiNS_"
+              "10stop_tokenE");
+  if (initialise == nullptr || open == nullptr) std::_Exit(3);
+  initialise();
+  qv::stop_source stop;  // a send that can be stopped starts the watcher
+  if (open(L"http://127.0.0.1:1/", 0, stop.get_token())->Succeeded()) std::_Exit(4);
+  std::exit(0);
+}
+
+TEST(HttpInitTest, AProcessEndingWhileTheDllsThreadsRunEnds) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(EndTheProcessWhileTheDllsThreadsRun(), ::testing::ExitedWithCode(0), "");
+}
+
 // Regressions: a host that unloaded the library without TerminateHttp, while the workers or the
 // stop watcher ran, never got FreeLibrary back: the unload ended those threads under the loader
 // lock, which a thread needs to end. The module now stays while they run; the host's own
