@@ -40,8 +40,9 @@ class StopWatch {
   bool m_ran = false;
 };
 
-// Ends the watcher thread and waits for it (TerminateHttp; also done at process exit). Watches
-// still registered are no longer served until a new watch starts the thread again.
+// Ends the watcher thread and waits for it (TerminateHttp; also done at exit, but not as a
+// Windows process ends: the thread is gone by then). Watches still registered are no longer
+// served until a new watch starts the thread again.
 void ShutdownStopWatcher();
 
 }  // namespace qv::net::detail
