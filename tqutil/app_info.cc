@@ -1,6 +1,7 @@
 #include "tqutil/app_info.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <mutex>
 #include <string>
 
@@ -36,6 +37,9 @@ std::wstring CacheHome() {
         ::GetEnvironmentVariableW(kName, local.data(), static_cast<DWORD>(local.size()));
     if (length < local.size()) {
       local.resize(length);  // 0: not set (or empty)
+      // As on POSIX, a relative home is none: the cache would move with the current directory,
+      // which a file dialog may change.
+      if (!std::filesystem::path(local).is_absolute()) local.clear();
       return local;
     }
     local.resize(length);  // the room needed, its terminator included

@@ -48,9 +48,14 @@ TEST(AppInfoNamesTest, TheCacheHomeIsTheSystemsOwnWideText) {
   TqUAppInfo::GetAppDir(0, &dir);  // asked before, as a host may have: the copy is made by now
   ASSERT_TRUE(::SetEnvironmentVariableW(name, home.c_str()));
   const bool known = TqUAppInfo::GetAppDir(0, &dir);
+  const std::wstring found(dir.View());
+  // A relative home named a directory that moved with the current one.
+  ASSERT_TRUE(::SetEnvironmentVariableW(name, L"AppData\\Local"));
+  const bool relative_known = TqUAppInfo::GetAppDir(0, &dir);
   ::SetEnvironmentVariableW(name, saved.empty() ? nullptr : saved.c_str());
   ASSERT_TRUE(known);
-  EXPECT_EQ(std::wstring(dir.View()), home + L"\\tqnetwork");
+  EXPECT_EQ(found, home + L"\\tqnetwork");
+  EXPECT_FALSE(relative_known);
 }
 #endif
 
