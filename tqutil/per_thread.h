@@ -2,7 +2,7 @@
 // `thread_local` object with a destructor is elsewhere. MinGW cannot be trusted with those: its
 // emulated thread-local storage is freed before their destructors run, which then read freed
 // memory. On Windows the object lives in a fiber-local storage slot, whose callback the system
-// runs as the thread ends.
+// runs as the thread ends; the module that holds the callback stays loaded to the process's end.
 //
 //   struct Pending { std::string text; };       // a type of the caller's own: one object
 //   qv::PerThread<Pending>().text += "...";     // per thread and type

@@ -248,6 +248,27 @@ TEST(HttpInitTest, AProcessEndingWhileTheDllsThreadsRunEnds) {
   EXPECT_EXIT(EndTheProcessWhileTheDllsThreadsRun(), ::testing::ExitedWithCode(0), "");
 }
 
+// Regression: a host that unloaded the utility library (with a plug-in of its own) after one of
+// its threads had logged crashed as that thread ended: the thread's log line was freed by code
+// that was gone.
+[[noreturn]] void EndAThreadThatLoggedAfterTheUnload() {
+  std::thread([] {
+    HMODULE module = ::LoadLibraryW(L"tqutil.dll");
+    if (module == nullptr) std::_Exit(2);
+    auto* log = Exported<void(const wchar_t*)>(module, "_ZN8TqUError13LogWideStringEPKw");
+    if (log == nullptr) std::_Exit(3);
+    log(L"logged before the unload\n");
+    ::FreeLibrary(module);
+  }).join();
+  std::exit(0);
+}
+
+TEST(HttpInitTest, AThreadThatLoggedEndsAfterTheUtilityLibraryIsUnloaded) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(EndAThreadThatLoggedAfterTheUnload(), ::testing::ExitedWithCode(0),
+              "logged before the unload");
+}
+
 // Regressions: a host that unloaded the library without TerminateHttp, while the workers or the
 // stop watcher ran, never got FreeLibrary back: the unload ended those threads under the loader
 // lock, which a thread needs to end. The module now stays while they run; the host's own
