@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include <gsl/narrow>
@@ -350,11 +351,21 @@ std::unique_ptr<qv::io::IDataSeekableReadStream> ServeAsItIs(const std::wstring&
   return again.m_entry->OpenLoadedBody(std::move(again.m_loaded_file));
 }
 
-// The entry's body, its use recorded; when the file was held for a moment, as it is.
+// The entry's body, its use recorded; when the file was held for a moment, as it is. Opens of
+// one URL at once each hold its file alone for a moment as they record their use (on Windows
+// the sharing then refuses every other open), so one look may find it held again: a few looks
+// are made, and null is the answer only to a file held through all of them.
 std::unique_ptr<qv::io::IDataSeekableReadStream> ServeEntry(CacheLookup& lookup) {
   CacheEntry& entry = *lookup.m_entry;
   if (auto stream = entry.OpenReadStream(lookup.m_now)) return stream;
-  return ServeAsItIs(lookup.m_url, lookup.m_flags, entry.Path(), entry.Key());
+  constexpr int kLooks = 4;
+  for (int look = 1;; ++look) {
+    if (auto stream = ServeAsItIs(lookup.m_url, lookup.m_flags, entry.Path(), entry.Key())) {
+      return stream;
+    }
+    if (look == kLooks) return nullptr;
+    std::this_thread::yield();  // the holder has a few writes left to make
+  }
 }
 
 std::unique_ptr<qv::io::IDataSeekableReadStream> Refresh(CacheLookup& lookup,
