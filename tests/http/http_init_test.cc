@@ -226,20 +226,41 @@ F* Exported(HMODULE module, const char* name) {
   return reinterpret_cast<F*>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
 }
 
+// tqnetwork.dll loaded as a host loads it, and the functions the cases below call.
+struct LoadedLibrary {
+  HMODULE module = ::LoadLibraryW(L"tqnetwork.dll");
+  void (*initialise)() = Exported<void()>(module, "_ZN2qv3net14InitialiseHttpEv");
+  void (*terminate)() = Exported<void()>(module, "_ZN2qv3net13TerminateHttpEv");
+  void (*terminate_pool)() =
+      Exported<void()>(module, "_ZN2qv3net18HttpConnectionPool9TerminateEv");
+  IHttpApi* (*set_api)(IHttpApi*) =
+      Exported<IHttpApi*(IHttpApi*)>(module, "_ZN2qv3net10SetHttpApiEPNS0_8IHttpApiE");
+  std::unique_ptr<HttpReadStream> (*open)(std::wstring_view, int, qv::stop_token) =
+      Exported<std::unique_ptr<HttpReadStream>(std::wstring_view, int, qv::stop_token)>(
+          module, "_ZN2qv3net14HttpReadStream4OpenESt17basic_string_viewIwSt11char_traitsIwEEiNS_"
+                  "10stop_tokenE");
+  std::unique_ptr<qv::io::IDataSeekableReadStream> (*open_file_or_url)(std::wstring_view, int,
+                                                                       qv::stop_token) =
+      Exported<std::unique_ptr<qv::io::IDataSeekableReadStream>(std::wstring_view, int,
+                                                                qv::stop_token)>(
+          module, "_ZN2qv3net13OpenFileOrUrlESt17basic_string_viewIwSt11char_traitsIwEEiNS_10"
+                  "stop_tokenE");
+
+  bool ok() const {
+    return module && initialise && terminate && terminate_pool && set_api && open &&
+           open_file_or_url;
+  }
+};
+
 // Regression: a host that ended its process without TerminateHttp, with tqnetwork.dll's workers
 // and stop watcher running, never ended. Windows ends those threads first, wherever they wait;
 // the DLL's static destructors then joined them and woke their conditions, which waited for ever.
 [[noreturn]] void EndTheProcessWhileTheDllsThreadsRun() {
-  HMODULE module = ::LoadLibraryW(L"tqnetwork.dll");
-  if (module == nullptr) std::_Exit(2);
-  auto* initialise = Exported<void()>(module, "_ZN2qv3net14InitialiseHttpEv");
-  auto* open = Exported<std::unique_ptr<HttpReadStream>(std::wstring_view, int, qv::stop_token)>(
-      module, "_ZN2qv3net14HttpReadStream4OpenESt17basic_string_viewIwSt11char_traitsIwEEiNS_"
-              "10stop_tokenE");
-  if (initialise == nullptr || open == nullptr) std::_Exit(3);
-  initialise();
+  const LoadedLibrary dll;
+  if (!dll.ok()) std::_Exit(2);
+  dll.initialise();
   qv::stop_source stop;  // a send that can be stopped starts the watcher
-  if (open(L"http://127.0.0.1:1/", 0, stop.get_token())->Succeeded()) std::_Exit(4);
+  if (dll.open(L"http://127.0.0.1:1/", 0, stop.get_token())->Succeeded()) std::_Exit(4);
   std::exit(0);
 }
 
@@ -283,21 +304,10 @@ TEST(HttpInitTest, UnloadingTheLibraryWhileItsThreadsRunKeepsItLoadedUntilTheyEn
   std::ofstream(file, std::ios::binary) << "body";
   for (const bool pool : {true, false}) {
     SCOPED_TRACE(pool ? "worker pool" : "stop watcher alone");
-    HMODULE module = ::LoadLibraryW(L"tqnetwork.dll");
-    ASSERT_NE(module, nullptr);
-    auto* initialise = Exported<void()>(module, "_ZN2qv3net14InitialiseHttpEv");
-    auto* terminate = Exported<void()>(module, "_ZN2qv3net13TerminateHttpEv");
-    auto* terminate_pool = Exported<void()>(module, "_ZN2qv3net18HttpConnectionPool9TerminateEv");
-    auto* set_api = Exported<IHttpApi*(IHttpApi*)>(module, "_ZN2qv3net10SetHttpApiEPNS0_8IHttpApiE");
-    auto* open = Exported<std::unique_ptr<HttpReadStream>(std::wstring_view, int, qv::stop_token)>(
-        module, "_ZN2qv3net14HttpReadStream4OpenESt17basic_string_viewIwSt11char_traitsIwEEiNS_"
-                "10stop_tokenE");
-    auto* open_file_or_url =
-        Exported<std::unique_ptr<qv::io::IDataSeekableReadStream>(std::wstring_view, int,
-                                                                  qv::stop_token)>(
-            module, "_ZN2qv3net13OpenFileOrUrlESt17basic_string_viewIwSt11char_traitsIwEEiNS_10"
-                    "stop_tokenE");
-    ASSERT_TRUE(initialise && terminate && terminate_pool && set_api && open && open_file_or_url);
+    const LoadedLibrary dll;
+    ASSERT_TRUE(dll.ok());
+    const auto [module, initialise, terminate, terminate_pool, set_api, open, open_file_or_url] =
+        dll;
     initialise();
     // A host thread that copied through the library ends only once the library is gone: what
     // the library kept for it must not call into the unloaded code as it ends.
