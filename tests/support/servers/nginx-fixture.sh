@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # nginx for test programs that cannot start it themselves (the Windows tests, under Wine): one
 # nginx on 127.0.0.1 on a free port, serving DIR/www, configured as NginxHarness configures its
-# own, with the access log in DIR/access.log. CTest starts and stops it as a fixture;
-# scripts/test-windows.sh uses it for the host program.
-#   nginx-fixture.sh start DIR [server directives]    DIR/port then holds the port
+# own, with the access log in DIR/access.log, and the same files over HTTPS on a second port with
+# a self-signed certificate for "localhost" (DIR/cert.pem). CTest starts and stops it as a
+# fixture; scripts/test-windows.sh uses it for the host program.
+#   nginx-fixture.sh start DIR [server directives]    DIR/port and DIR/tls_port then hold the ports
 #   nginx-fixture.sh stop DIR
 set -euo pipefail
 command=${1:?start or stop}
@@ -19,7 +20,7 @@ stop() {
     kill -0 "$pid" 2>/dev/null || break
     sleep 0.05
   done
-  rm -f "$dir/nginx.pid" "$dir/port"
+  rm -f "$dir/nginx.pid" "$dir/port" "$dir/tls_port"
 }
 
 case $command in
@@ -38,10 +39,17 @@ stop
 mkdir -p "$dir/www" "$dir/tmp"
 user=
 [ "$(id -u)" -ne 0 ] || user="user root;"
+# An EC key is made in milliseconds. The certificate names localhost alone: a request that names
+# the server by its address is one the certificate does not match.
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 \
+  -subj /CN=localhost -addext subjectAltName=DNS:localhost \
+  -keyout "$dir/key.pem" -out "$dir/cert.pem" >/dev/null 2>&1
 # nginx binds before it goes to the background and exits non-zero when the port is taken: try
 # another then.
 for _ in $(seq 20); do
   port=$((20000 + RANDOM % 40000))
+  tls_port=$((20000 + RANDOM % 40000))
+  [ "$tls_port" -ne "$port" ] || continue
   cat >"$dir/nginx.conf" <<EOF
 daemon on;
 master_process off;
@@ -64,6 +72,9 @@ http {
   keepalive_timeout 60s;
   server {
     listen 127.0.0.1:$port;
+    listen 127.0.0.1:$tls_port ssl;
+    ssl_certificate $dir/cert.pem;
+    ssl_certificate_key $dir/key.pem;
     server_name localhost;
     root $dir/www;
     location / { }
@@ -77,6 +88,7 @@ EOF
       [ -s "$dir/nginx.pid" ] && break
       sleep 0.05
     done
+    echo "$tls_port" >"$dir/tls_port"
     echo "$port" >"$dir/port"
     exit 0
   fi

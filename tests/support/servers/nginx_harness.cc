@@ -15,11 +15,18 @@
 #include <thread>
 
 #include "tests/support/servers/sockets.h"
+#if !defined(_WIN32)
+#include "tests/support/servers/tls_files.h"
+#endif
 
 namespace tq::test {
 
 std::string NginxHarness::Url(const std::string& path) const {
   return "http://127.0.0.1:" + std::to_string(port_) + prefix_ + path;
+}
+
+std::string NginxHarness::HttpsUrl(const std::string& path) const {
+  return "https://localhost:" + std::to_string(tls_port_) + prefix_ + path;
 }
 
 std::filesystem::path NginxHarness::WriteFile(std::string_view relative,
@@ -45,7 +52,7 @@ std::filesystem::path FixtureDirectory() {
 
 bool NginxHarness::Installed() { return !FixtureDirectory().empty(); }
 
-NginxHarness::NginxHarness(std::string server_directives) {
+NginxHarness::NginxHarness(std::string server_directives, Schemes schemes) {
   const std::filesystem::path dir = FixtureDirectory();
   if (dir.empty()) {
     error_ = "no nginx: TQ_NGINX_DIR does not name the directory of CTest's nginx fixture";
@@ -60,6 +67,14 @@ NginxHarness::NginxHarness(std::string server_directives) {
   if (port <= 0) {
     error_ = "no port in " + (dir / "port").string();
     return;
+  }
+  if (schemes == Schemes::kHttpAndHttps) {
+    std::ifstream(dir / "tls_port") >> tls_port_;
+    cert_ = dir / "cert.pem";
+    if (tls_port_ <= 0) {
+      error_ = "no port in " + (dir / "tls_port").string();
+      return;
+    }
   }
   try {
     root_ = MakeNewDirectory(dir / "www", "h");
@@ -106,7 +121,7 @@ bool Accepts(int port) {
 
 bool NginxHarness::Installed() { return access(kBinary, X_OK) == 0; }
 
-NginxHarness::NginxHarness(std::string server_directives)
+NginxHarness::NginxHarness(std::string server_directives, Schemes schemes)
     : dir_(std::make_unique<TempDir>()) {
   root_ = dir_->path() / "www";
   if (!Installed()) {
@@ -114,14 +129,25 @@ NginxHarness::NginxHarness(std::string server_directives)
     return;
   }
   std::filesystem::create_directories(root_);
-  // The port is free when chosen but may be taken before nginx binds it: try a few.
+  const bool https = schemes == Schemes::kHttpAndHttps;
+  TlsFiles tls;
+  if (https && !MakeSelfSignedCert(dir_->path(), "localhost", &tls)) {
+    error_ = "openssl could not make a certificate";
+    return;
+  }
+  cert_ = tls.cert;
+  // The ports are free when chosen but may be taken before nginx binds them: try a few.
   for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
     const int port = FreePort();
-    if (port > 0 && Start(port, server_directives)) port_ = port;
+    const int tls_port = https ? FreePort() : -1;  // should it be the same, nginx refuses it
+    if (port > 0 && (!https || tls_port > 0) && Start(port, tls_port, server_directives)) {
+      port_ = port;
+      tls_port_ = tls_port;
+    }
   }
 }
 
-bool NginxHarness::Start(int port, const std::string& server_directives) {
+bool NginxHarness::Start(int port, int tls_port, const std::string& server_directives) {
   const std::string dir = dir_->path().string();
   std::ostringstream conf;
   conf << "daemon off;\nmaster_process off;\n" << (geteuid() == 0 ? "user root;\n" : "")
@@ -133,7 +159,12 @@ bool NginxHarness::Start(int port, const std::string& server_directives) {
   conf << "  types { text/plain txt; text/html html; application/octet-stream bin; }\n"
        << "  default_type application/octet-stream;\n  access_log off;\n  sendfile on;\n"
        << "  keepalive_requests 100000;\n  keepalive_timeout 60s;\n"
-       << "  server {\n    listen 127.0.0.1:" << port << ";\n    server_name localhost;\n"
+       << "  server {\n    listen 127.0.0.1:" << port << ";\n    server_name localhost;\n";
+  if (tls_port > 0) {
+    conf << "    listen 127.0.0.1:" << tls_port << " ssl;\n    ssl_certificate " << cert_.string()
+         << ";\n    ssl_certificate_key " << (dir_->path() / "key.pem").string() << ";\n";
+  }
+  conf
        << "    root " << dir << "/www;\n    location / { }\n    " << server_directives
        << "\n  }\n}\n";
   dir_->WriteFile("nginx.conf", conf.str());
