@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <utility>
 
 #include "platform/curl_errors.h"
 #include "platform/fault_injection.h"
@@ -72,13 +73,19 @@ int TransferSlot::CloseSocketCallback(void* slot, curl_socket_t socket) {
   return ::close(socket);
 }
 
-bool TransferSlot::DropKeptConnectionIfItSpoke() {
-  const curl_socket_t socket = kept_socket_;
-  kept_socket_ = CURL_SOCKET_BAD;
-  if (socket == CURL_SOCKET_BAD) return true;
+bool TransferSlot::KeptConnectionSpoke() const {
+  if (kept_socket_ == CURL_SOCKET_BAD) return false;
   // Only this slot's multi closes that socket, and it has not run since the note.
-  pollfd idle{socket, POLLIN, 0};
-  if (::poll(&idle, 1, 0) == 0) return true;
+  pollfd idle{kept_socket_, POLLIN, 0};
+  return ::poll(&idle, 1, 0) != 0;
+}
+
+bool TransferSlot::DropKeptConnectionIfItSpoke() {
+  if (!KeptConnectionSpoke()) {
+    kept_socket_ = CURL_SOCKET_BAD;
+    return true;
+  }
+  const curl_socket_t socket = std::exchange(kept_socket_, CURL_SOCKET_BAD);
   Detach();
   CurlMulti fresh = MakeMulti();
   if (fresh == nullptr) {

@@ -54,6 +54,8 @@ class TransferSlot {
   // on an idle HTTP/1.1 connection; bytes a server sent after its answer would be read as the
   // answer to the next request. False when no new multi can be made.
   bool DropKeptConnectionIfItSpoke();
+  // Whether that kept connection has spoken (false when none is kept); the slot stays as it is.
+  bool KeptConnectionSpoke() const;
   // Before the next transfer too: libcurl keeps the system error of a call that failed on the
   // easy handle through every transfer after it, and a transfer's failure is told apart by it
   // (a connection reset from bytes libcurl refused). A handle holding one is made anew, with

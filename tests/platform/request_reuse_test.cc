@@ -7,15 +7,18 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
 
 #include <atomic>
 #include <cwchar>
+#include <future>
 #include <string>
 #include <vector>
 
 #include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/gate.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
 
@@ -286,6 +289,45 @@ TEST(KeptConnectionTest, WhatIdleConnectionHandlesKeepIsBoundedAcrossThemAll) {
   EXPECT_LE(UnixSockets() - pairs_before, 2 * 32);
   EXPECT_EQ(Fetch(connections.back(), L"/"), "ok");
   EXPECT_EQ(accepted, 120);
+}
+
+// Connections opened for requests sent in parallel, which the server then closes while they lie
+// idle (its keep-alive time-out), go at the next request to it: they are not kept, closed at the
+// other end, for as long as the connection handle lives.
+TEST(KeptConnectionTest, ConnectionsTheServerClosedWhileIdleGoAtTheNextRequest) {
+  constexpr int kParallel = 4;
+  Gate all_asked, close_idle;
+  std::atomic<int> accepted{0};
+  RawResponder server([&](RawConnection& c) {
+    const bool parallel = accepted++ < kParallel;
+    for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+      if (parallel && !all_asked.Wait()) return;
+      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+      if (parallel && close_idle.Wait()) return;
+    }
+  });
+  ASSERT_TRUE(server.ok());
+  Handle session = OpenSession();
+  Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, kParallel));
+  std::vector<std::future<std::string>> results;
+  for (int i = 0; i < kParallel; ++i) {
+    results.push_back(std::async(std::launch::async, [&] { return Fetch(connection, L"/"); }));
+  }
+  ASSERT_TRUE(all_asked.WaitForWaiters(kParallel));
+  all_asked.Open();
+  for (auto& result : results) EXPECT_EQ(result.get(), "ok");
+  const std::vector<int> idle = SocketsTo(server.port());
+  ASSERT_EQ(idle.size(), std::size_t{kParallel});
+  close_idle.Open();
+  for (const int fd : idle) {  // each sees the server's close
+    pollfd closed{fd, POLLIN, 0};
+    ASSERT_EQ(poll(&closed, 1, 10'000), 1);
+  }
+  EXPECT_EQ(Fetch(connection, L"/"), "ok");
+  EXPECT_EQ(SocketsTo(server.port()).size(), 1u);
+  EXPECT_EQ(Fetch(connection, L"/"), "ok");
+  EXPECT_EQ(accepted, kParallel + 1);
 }
 
 // A kept connection that the server closes once it has read a request, without a byte of
