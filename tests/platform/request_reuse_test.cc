@@ -15,6 +15,7 @@
 #include <cwchar>
 #include <future>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/platform/wininet_test_util.h"
@@ -330,17 +331,19 @@ TEST(KeptConnectionTest, ConnectionsTheServerClosedWhileIdleGoAtTheNextRequest) 
   EXPECT_EQ(accepted, kParallel + 1);
 }
 
-// A kept connection that the server closes once it has read a request, without a byte of
-// answer: a GET may go again on a new connection, a POST (whose effect the server may have
-// carried out) is not sent twice behind the caller's back, also when it went out answering a
-// challenge.
+// A kept connection that the server closes (or resets) once it has read a request, without a
+// byte of answer: a GET may go again on a new connection, a POST (whose effect the server may
+// have carried out) is not sent twice behind the caller's back, also when it went out answering
+// a challenge.
 TEST(KeptConnectionTest, ARequestThatIsNotIdempotentIsNotSentAgainAfterItsConnectionDied) {
-  const std::pair<const wchar_t*, bool> cases[] = {
-      {L"GET", false}, {L"POST", false}, {L"PATCH", false}, {L"POST", true}};
-  for (const auto& [verb, challenged] : cases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(verb)) + (challenged ? " challenged" : ""));
+  const std::tuple<const wchar_t*, bool, bool> cases[] = {
+      {L"GET", false, false},  {L"POST", false, false}, {L"PATCH", false, false},
+      {L"POST", true, false},  {L"GET", false, true},   {L"POST", false, true}};
+  for (const auto& [verb, challenged, reset] : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(verb)) + (challenged ? " challenged" : "") +
+                 (reset ? " reset" : ""));
     std::atomic<int> seen{0};  // of the second request, not counting those challenged
-    RawResponder server([&seen, challenged](RawConnection& c) {
+    RawResponder server([&seen, challenged, reset](RawConnection& c) {
       for (std::string head; !(head = c.ReadRequestHead()).empty();) {
         if (challenged && head.find("\r\nAuthorization: ") == std::string::npos) {
           c.Send("HTTP/1.1 401 Who\r\nWWW-Authenticate: Basic realm=\"r\"\r\n"
@@ -348,6 +351,7 @@ TEST(KeptConnectionTest, ARequestThatIsNotIdempotentIsNotSentAgainAfterItsConnec
         } else if (head.starts_with("GET /first ") || ++seen > 1) {
           c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
         } else {
+          if (reset) c.Reset();
           return;
         }
       }
