@@ -20,6 +20,7 @@
 
 #include "tests/platform/wininet_test_util.h"
 #include "tests/support/servers/gate.h"
+#include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
 
@@ -329,6 +330,43 @@ TEST(KeptConnectionTest, ConnectionsTheServerClosedWhileIdleGoAtTheNextRequest) 
   EXPECT_EQ(SocketsTo(server.port()).size(), 1u);
   EXPECT_EQ(Fetch(connection, L"/"), "ok");
   EXPECT_EQ(accepted, kParallel + 1);
+}
+
+// nginx ends connections its own ways: the last answer that keepalive_requests allows says
+// "Connection: close", and a connection idle past keepalive_timeout is closed. Every answer
+// arrives whole, the request after either goes on a new connection, and none that nginx closed
+// is kept.
+TEST(KeptConnectionTest, ConnectionsNginxEndsAreLeftAndEveryAnswerArrivesWhole) {
+  NginxHarness nginx(
+      "keepalive_requests 3; add_header X-Connection $connection always;\n"
+      "    location /brief/ { keepalive_timeout 1ms; }");
+  ASSERT_TRUE(nginx.ok()) << nginx.error();
+  const std::string file = Pattern(100 * 1024 + 3);
+  nginx.WriteFile("f.bin", file);
+  nginx.WriteFile("brief/f.bin", file);
+  Handle session = OpenSession();
+  Handle connection = Connect(session, nginx.port());
+  std::vector<std::string> served_on;  // nginx's number of the connection of each answer
+  const auto fetch = [&](const wchar_t* verb, const std::wstring& path) {
+    Handle request = OpenRequest(connection, path, verb);
+    std::string body;
+    ASSERT_TRUE(Send(request) && ReadAll(request, &body)) << GetLastError();
+    EXPECT_TRUE(body == (std::wstring(verb) == L"HEAD" ? "" : file)) << body.size() << " bytes";
+    served_on.push_back(QueryText(request, HTTP_QUERY_CUSTOM, L"X-Connection"));
+    EXPECT_LE(SocketsTo(nginx.port()).size(), 1u);
+  };
+  for (int i = 0; i < 7; ++i) fetch(i % 2 == 0 ? L"GET" : L"HEAD", L"/f.bin");
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(served_on[i], served_on[i / 3 * 3]) << i;
+  EXPECT_NE(served_on[0], served_on[3]);
+  EXPECT_NE(served_on[3], served_on[6]);
+
+  fetch(L"GET", L"/brief/f.bin");
+  const std::vector<int> kept = SocketsTo(nginx.port());
+  ASSERT_EQ(kept.size(), 1u);
+  pollfd closed{kept[0], POLLIN, 0};  // nginx's close, 1 ms on
+  ASSERT_EQ(poll(&closed, 1, 10'000), 1);
+  fetch(L"GET", L"/f.bin");
+  EXPECT_NE(served_on[8], served_on[7]);
 }
 
 // A kept connection that the server closes (or resets) once it has read a request, without a
