@@ -15,6 +15,7 @@
 #include <cwchar>
 #include <future>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -330,6 +331,48 @@ TEST(KeptConnectionTest, ConnectionsTheServerClosedWhileIdleGoAtTheNextRequest) 
   EXPECT_EQ(SocketsTo(server.port()).size(), 1u);
   EXPECT_EQ(Fetch(connection, L"/"), "ok");
   EXPECT_EQ(accepted, kParallel + 1);
+}
+
+// An answer that ends its connection (HTTP/1.0 without keep-alive, a body that ends at the close,
+// "Connection: close") is read whole, and the next request goes on a new connection, also when
+// the server keeps the old one open; an HTTP/1.0 answer that keeps it alive has it reused.
+TEST(KeptConnectionTest, AnswersThatEndTheirConnectionAreWholeAndTheNextGoesOnANewOne) {
+  const struct {
+    const char* head;  // of an answer whose body is "first" or "second"
+    bool length;       // a Content-Length goes with it
+    bool server_closes;
+    std::size_t connections;
+  } cases[] = {
+      {"HTTP/1.0 200 OK\r\n", true, false, 2},
+      {"HTTP/1.0 200 OK\r\n", false, true, 2},
+      {"HTTP/1.1 200 OK\r\n", false, true, 2},
+      {"HTTP/1.1 200 OK\r\nConnection: close\r\n", true, false, 2},
+      {"HTTP/1.1 200 OK\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n", false, false,
+       2},
+      {"HTTP/1.0 200 OK\r\nConnection: keep-alive\r\n", true, false, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.head);
+    std::atomic<int> answered{0};
+    RawResponder server([&](RawConnection& connection) {
+      for (std::string head; !(head = connection.ReadRequestHead()).empty();) {
+        const std::string body = answered++ == 0 ? "first" : "second";
+        const bool chunked = std::string_view(c.head).find("chunked") != std::string_view::npos;
+        connection.Send(c.head +
+                        (c.length ? "Content-Length: " + std::to_string(body.size()) + "\r\n"
+                                  : std::string()) +
+                        "\r\n" + (chunked ? std::to_string(body.size()) + "\r\n" + body + "\r\n0\r\n\r\n" : body));
+        if (c.server_closes) return;
+      }
+    });
+    ASSERT_TRUE(server.ok());
+    Handle session = OpenSession();
+    Handle connection = Connect(session, server.port());
+    EXPECT_EQ(Fetch(connection, L"/"), "first");
+    EXPECT_EQ(Fetch(connection, L"/"), "second");
+    EXPECT_LE(SocketsTo(server.port()).size(), 1u);
+    EXPECT_EQ(server.connection_count(), c.connections);
+  }
 }
 
 // nginx ends connections its own ways: the last answer that keepalive_requests allows says
