@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -58,6 +59,20 @@ std::vector<int> SocketsTo(int port) {
     }
   }
   return sockets;
+}
+
+// How many of `fds` are still sockets whose connection the peer ended (closed or reset).
+int EndedSockets(const std::vector<int>& fds) {
+  int count = 0;
+  for (const int fd : fds) {
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+        (info.tcpi_state == TCP_CLOSE || info.tcpi_state == TCP_CLOSE_WAIT)) {
+      ++count;
+    }
+  }
+  return count;
 }
 
 int UnixSockets() {
@@ -294,19 +309,23 @@ TEST(KeptConnectionTest, WhatIdleConnectionHandlesKeepIsBoundedAcrossThemAll) {
   EXPECT_EQ(accepted, 120);
 }
 
-// Connections opened for requests sent in parallel, which the server then closes while they lie
-// idle (its keep-alive time-out), go at the next request to it: they are not kept, closed at the
-// other end, for as long as the connection handle lives.
+// Connections opened for requests sent in parallel, which the server then closes or resets while
+// they lie idle (its keep-alive time-out), go at the next request to it: they are not kept,
+// ended at the other end, for as long as the connection handle lives.
 TEST(KeptConnectionTest, ConnectionsTheServerClosedWhileIdleGoAtTheNextRequest) {
   constexpr int kParallel = 4;
   Gate all_asked, close_idle;
   std::atomic<int> accepted{0};
   RawResponder server([&](RawConnection& c) {
-    const bool parallel = accepted++ < kParallel;
+    const int index = accepted++;
+    const bool parallel = index < kParallel;
     for (std::string head; !(head = c.ReadRequestHead()).empty();) {
       if (parallel && !all_asked.Wait()) return;
       c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
-      if (parallel && close_idle.Wait()) return;
+      if (parallel && close_idle.Wait()) {
+        if (index % 2 == 1) c.Reset();
+        return;
+      }
     }
   });
   ASSERT_TRUE(server.ok());
@@ -323,11 +342,12 @@ TEST(KeptConnectionTest, ConnectionsTheServerClosedWhileIdleGoAtTheNextRequest) 
   const std::vector<int> idle = SocketsTo(server.port());
   ASSERT_EQ(idle.size(), std::size_t{kParallel});
   close_idle.Open();
-  for (const int fd : idle) {  // each sees the server's close
+  for (const int fd : idle) {  // each sees the server's close or reset
     pollfd closed{fd, POLLIN, 0};
     ASSERT_EQ(poll(&closed, 1, 10'000), 1);
   }
   EXPECT_EQ(Fetch(connection, L"/"), "ok");
+  EXPECT_EQ(EndedSockets(idle), 0);
   EXPECT_EQ(SocketsTo(server.port()).size(), 1u);
   EXPECT_EQ(Fetch(connection, L"/"), "ok");
   EXPECT_EQ(accepted, kParallel + 1);
