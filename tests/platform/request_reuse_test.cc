@@ -367,8 +367,7 @@ TEST(KeptConnectionTest, AnswersThatEndTheirConnectionAreWholeAndTheNextGoesOnAN
       {"HTTP/1.0 200 OK\r\n", false, true, 2},
       {"HTTP/1.1 200 OK\r\n", false, true, 2},
       {"HTTP/1.1 200 OK\r\nConnection: close\r\n", true, false, 2},
-      {"HTTP/1.1 200 OK\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n", false, false,
-       2},
+      {"HTTP/1.1 200 OK\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n", false, false, 2},
       {"HTTP/1.0 200 OK\r\nConnection: keep-alive\r\n", true, false, 1},
   };
   for (const auto& c : cases) {
@@ -377,11 +376,10 @@ TEST(KeptConnectionTest, AnswersThatEndTheirConnectionAreWholeAndTheNextGoesOnAN
     RawResponder server([&](RawConnection& connection) {
       for (std::string head; !(head = connection.ReadRequestHead()).empty();) {
         const std::string body = answered++ == 0 ? "first" : "second";
+        const std::string size = std::to_string(body.size());  // the same in hexadecimal
         const bool chunked = std::string_view(c.head).find("chunked") != std::string_view::npos;
-        connection.Send(c.head +
-                        (c.length ? "Content-Length: " + std::to_string(body.size()) + "\r\n"
-                                  : std::string()) +
-                        "\r\n" + (chunked ? std::to_string(body.size()) + "\r\n" + body + "\r\n0\r\n\r\n" : body));
+        connection.Send(c.head + (c.length ? "Content-Length: " + size + "\r\n" : "") + "\r\n" +
+                        (chunked ? size + "\r\n" + body + "\r\n0\r\n\r\n" : body));
         if (c.server_closes) return;
       }
     });
@@ -419,6 +417,7 @@ TEST(KeptConnectionTest, ConnectionsNginxEndsAreLeftAndEveryAnswerArrivesWhole) 
     EXPECT_LE(SocketsTo(nginx.port()).size(), 1u);
   };
   for (int i = 0; i < 7; ++i) fetch(i % 2 == 0 ? L"GET" : L"HEAD", L"/f.bin");
+  ASSERT_EQ(served_on.size(), 7u);
   for (int i = 0; i < 7; ++i) EXPECT_EQ(served_on[i], served_on[i / 3 * 3]) << i;
   EXPECT_NE(served_on[0], served_on[3]);
   EXPECT_NE(served_on[3], served_on[6]);
@@ -429,6 +428,7 @@ TEST(KeptConnectionTest, ConnectionsNginxEndsAreLeftAndEveryAnswerArrivesWhole) 
   pollfd closed{kept[0], POLLIN, 0};  // nginx's close, 1 ms on
   ASSERT_EQ(poll(&closed, 1, 10'000), 1);
   fetch(L"GET", L"/f.bin");
+  ASSERT_EQ(served_on.size(), 9u);
   EXPECT_NE(served_on[8], served_on[7]);
 }
 
@@ -438,8 +438,8 @@ TEST(KeptConnectionTest, ConnectionsNginxEndsAreLeftAndEveryAnswerArrivesWhole) 
 // a challenge.
 TEST(KeptConnectionTest, ARequestThatIsNotIdempotentIsNotSentAgainAfterItsConnectionDied) {
   const std::tuple<const wchar_t*, bool, bool> cases[] = {
-      {L"GET", false, false},  {L"POST", false, false}, {L"PATCH", false, false},
-      {L"POST", true, false},  {L"GET", false, true},   {L"POST", false, true}};
+      {L"GET", false, false}, {L"POST", false, false}, {L"PATCH", false, false},
+      {L"POST", true, false}, {L"GET", false, true},   {L"POST", false, true}};
   for (const auto& [verb, challenged, reset] : cases) {
     SCOPED_TRACE(testing::PrintToString(std::wstring(verb)) + (challenged ? " challenged" : "") +
                  (reset ? " reset" : ""));
