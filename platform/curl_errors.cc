@@ -79,7 +79,7 @@ DWORD TlsError(CURLcode code, CURL* easy) {
 
 }  // namespace
 
-DWORD WinInetErrorFromCurl(CURLcode code, CURL* easy) {
+DWORD WinInetErrorFromCurl(CURLcode code, CURL* easy, bool stale_system_error) {
   switch (code) {
     case CURLE_OK:
       return ERROR_SUCCESS;
@@ -110,7 +110,7 @@ DWORD WinInetErrorFromCurl(CURLcode code, CURL* easy) {
       return ERROR_INTERNET_CONNECTION_ABORTED;
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR: {
-      const long os_errno = OsErrno(easy);
+      const long os_errno = stale_system_error ? 0 : OsErrno(easy);
       if (os_errno == ECONNRESET || os_errno == EPIPE) return ERROR_INTERNET_CONNECTION_RESET;
       // With no system error, libcurl refused the bytes themselves (a malformed chunk).
       if (os_errno == 0 && code == CURLE_RECV_ERROR) return ERROR_HTTP_INVALID_SERVER_RESPONSE;

@@ -8,7 +8,8 @@
 namespace tqplatform {
 
 // `easy` may be null; when given, its OS errno and certificate verification result refine the
-// code (a reset connection, an expired certificate, a wrong host name ...).
-DWORD WinInetErrorFromCurl(CURLcode code, CURL* easy);
+// code (a reset connection, an expired certificate, a wrong host name ...). With
+// `stale_system_error` its OS errno is known to be of an earlier failure, and is not looked at.
+DWORD WinInetErrorFromCurl(CURLcode code, CURL* easy, bool stale_system_error = false);
 
 }  // namespace tqplatform

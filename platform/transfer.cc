@@ -2,12 +2,16 @@
 // set in transfer_options.cc, and libcurl's callbacks are in transfer_callbacks.cc.
 #include "platform/transfer.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <utility>
 
 #include "platform/curl_errors.h"
 #include "platform/fault_injection.h"
@@ -67,18 +71,29 @@ void TransferSlot::NoteKeptConnection() {
 void TransferSlot::SocketOpened(curl_socket_t socket) { open_sockets_.push_back(socket); }
 
 int TransferSlot::CloseSocketCallback(void* slot, curl_socket_t socket) {
-  auto& open = static_cast<TransferSlot*>(slot)->open_sockets_;
-  std::erase(open, socket);
+  auto* self = static_cast<TransferSlot*>(slot);
+  std::erase(self->open_sockets_, socket);
+  // A reset (or TCP's own time-out) leaves the socket closed before anyone closes it.
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  self->last_closed_was_cut_ = ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+                               info.tcpi_state == TCP_CLOSE;
   return ::close(socket);
 }
 
-bool TransferSlot::DropKeptConnectionIfItSpoke() {
-  const curl_socket_t socket = kept_socket_;
-  kept_socket_ = CURL_SOCKET_BAD;
-  if (socket == CURL_SOCKET_BAD) return true;
+bool TransferSlot::KeptConnectionSpoke() const {
+  if (kept_socket_ == CURL_SOCKET_BAD) return false;
   // Only this slot's multi closes that socket, and it has not run since the note.
-  pollfd idle{socket, POLLIN, 0};
-  if (::poll(&idle, 1, 0) == 0) return true;
+  pollfd idle{kept_socket_, POLLIN, 0};
+  return ::poll(&idle, 1, 0) != 0;
+}
+
+bool TransferSlot::DropKeptConnectionIfItSpoke() {
+  if (!KeptConnectionSpoke()) {
+    kept_socket_ = CURL_SOCKET_BAD;
+    return true;
+  }
+  const curl_socket_t socket = std::exchange(kept_socket_, CURL_SOCKET_BAD);
   Detach();
   CurlMulti fresh = MakeMulti();
   if (fresh == nullptr) {
@@ -473,7 +488,11 @@ DWORD Transfer::ErrorOf(CURLcode result, bool had_headers) const {
   // libcurl's store of the answer's headers refuses a line it cannot parse (a fold before any
   // header, a trailer without a colon) with this code; the options were all taken before the run.
   if (result == CURLE_BAD_FUNCTION_ARGUMENT) return ERROR_HTTP_INVALID_SERVER_RESPONSE;
-  return WinInetErrorFromCurl(result, slot_ != nullptr ? slot_->easy() : nullptr);
+  // The system error of the kept connection that died under the request stays through its
+  // sending again: the new connection's failure names it only when that one was cut too.
+  const bool stale_system_error = resent_ && slot_ != nullptr && !slot_->last_closed_was_cut();
+  return WinInetErrorFromCurl(result, slot_ != nullptr ? slot_->easy() : nullptr,
+                              stale_system_error);
 }
 
 void SetWaitHookForTesting(void (*hook)(HINTERNET)) { g_wait_hook = hook; }

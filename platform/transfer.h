@@ -49,11 +49,16 @@ class TransferSlot {
   // left in the cache is known without looking through the multi's cache for it.
   void SocketOpened(curl_socket_t socket);
   static int CloseSocketCallback(void* slot, curl_socket_t socket);
+  // Whether the connection libcurl closed last had already been ended by the network (a reset)
+  // rather than closed alive; false before any close.
+  bool last_closed_was_cut() const { return last_closed_was_cut_; }
   // Before the next transfer: a kept connection on which bytes, or its end, arrived while it lay
   // idle is dropped with everything the multi keeps (the multi is made anew). Nothing may come
   // on an idle HTTP/1.1 connection; bytes a server sent after its answer would be read as the
   // answer to the next request. False when no new multi can be made.
   bool DropKeptConnectionIfItSpoke();
+  // Whether that kept connection has spoken (false when none is kept); the slot stays as it is.
+  bool KeptConnectionSpoke() const;
   // Before the next transfer too: libcurl keeps the system error of a call that failed on the
   // easy handle through every transfer after it, and a transfer's failure is told apart by it
   // (a connection reset from bytes libcurl refused). A handle holding one is made anew, with
@@ -105,6 +110,7 @@ class TransferSlot {
   CurlEasy easy_;
   bool attached_ = false;
   curl_socket_t kept_socket_ = CURL_SOCKET_BAD;
+  bool last_closed_was_cut_ = false;
   std::string spill_storage_;
   std::string url_asked_;
   std::string url_sent_;
@@ -324,6 +330,8 @@ class Transfer {
   bool request_out_ = false;
   // A line of an answer came since libcurl last sent a request (the hop's, or a challenge's).
   bool answer_begun_ = false;
+  // libcurl sent the request again on a new connection after the kept one died under it.
+  bool resent_ = false;
   // Until libcurl sends its answer, header lines are the trailers of the challenge's body.
   bool in_challenge_body_ = false;
   // The response is a proxy's 407 to the CONNECT of a tunnel, which libcurl answers on the

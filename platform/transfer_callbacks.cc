@@ -94,6 +94,7 @@ int Transfer::SocketCallback(void* slot, curl_socket_t socket, curlsocktype) {
       self->header_error_ = ERROR_INTERNET_CONNECTION_RESET;
       return CURL_SOCKOPT_ERROR;
     }
+    if (self->request_out_ && !self->answer_begun_) self->resent_ = true;
     self->request_out_ = false;
     self->in_challenge_body_ = false;
     self->tunnel_challenged_ = false;

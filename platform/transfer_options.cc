@@ -90,6 +90,7 @@ void Transfer::ClearResponse() {
   progress_noted_ = false;
   request_out_ = false;
   answer_begun_ = false;
+  resent_ = false;
   in_challenge_body_ = false;
   tunnel_challenged_ = false;
   proxy_answered_ = false;

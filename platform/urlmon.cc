@@ -313,7 +313,8 @@ class Progress {
   bool m_aborted = false;
 };
 
-// A download's own slot: fresh handles for each download, dropped when it ends.
+// A download's own slot: fresh handles for each download, dropped when it ends. Between the
+// hops of a redirect it is kept, so that the next hop may go on the connection the last came on.
 class OwnSlot final : public SlotSource {
  public:
   std::unique_ptr<TransferSlot> Acquire(const StopSignal& stop,
@@ -323,11 +324,15 @@ class OwnSlot final : public SlotSource {
       *error = ERROR_INTERNET_OPERATION_CANCELLED;
       return nullptr;
     }
+    if (kept_ != nullptr) return std::move(kept_);
     auto slot = TransferSlot::Create();
     if (slot == nullptr) *error = ERROR_NOT_ENOUGH_MEMORY;
     return slot;
   }
-  void Release(std::unique_ptr<TransferSlot>) override {}
+  void Release(std::unique_ptr<TransferSlot> slot) override { kept_ = std::move(slot); }
+
+ private:
+  std::unique_ptr<TransferSlot> kept_;
 };
 
 // The result of a transfer that failed with the engine's `error`: libcurl's own result when it

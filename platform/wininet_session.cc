@@ -268,6 +268,7 @@ DWORD Connection::MaxConnsLocked() const {
 std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
                                                   std::optional<std::chrono::milliseconds> wait,
                                                   DWORD* error) {
+  std::vector<std::unique_ptr<TransferSlot>> closed;  // close their connections after the lock
   std::unique_lock lock(slots_mutex_);
   // The bound is read again at each wake-up: a raised one lets waiting requests go at once.
   auto ready = [&] { return stop.stopped() || in_use_ < MaxConnsLocked(); };
@@ -292,6 +293,7 @@ std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
     return nullptr;
   }
   std::unique_ptr<TransferSlot> slot;
+  if (idle_.size() > 1) SetAsideIdleSlotsThatSpoke(&closed);
   if (!idle_.empty()) {
     slot = std::move(idle_.back().slot);
     idle_.pop_back();
@@ -310,6 +312,25 @@ std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
   }
   ++in_use_;
   return slot;
+}
+
+void Connection::SetAsideIdleSlotsThatSpoke(std::vector<std::unique_ptr<TransferSlot>>* closed) {
+  // A server closes connections that lie idle past its own time-out. Requests sent one at a
+  // time use the slot used last, so without this the slots of requests once sent in parallel
+  // would keep theirs, closed at the other end, for as long as the connection handle lives.
+  try {
+    for (auto idle = idle_.begin(); idle + 1 < idle_.end();) {
+      if (!idle->slot->KeptConnectionSpoke()) {
+        ++idle;
+        continue;
+      }
+      closed->push_back(std::move(idle->slot));
+      idle = idle_.erase(idle);
+      session_->SlotsTaken(1);
+    }
+  } catch (const std::bad_alloc&) {
+    // No room to set one aside: it stays until its turn comes, as it would without this.
+  }
 }
 
 void Connection::KeepStorage(std::string storage) {

@@ -195,6 +195,10 @@ class Connection : public InternetObject, public SlotSource {
   // Where settings come from, nearest first: the connection, its session, the process.
   std::array<const SettingsHolder*, 3> Chain() const;
   DWORD MaxConns() const;
+  // Moves the idle slots whose kept connection spoke (the server closed it, mostly) into
+  // `closed`, all but the one used last, which the transfer taking it checks; slots_mutex_ must
+  // be held.
+  void SetAsideIdleSlotsThatSpoke(std::vector<std::unique_ptr<TransferSlot>>* closed);
   // MaxConns, kept until a setting changes; slots_mutex_ must be held.
   DWORD MaxConnsLocked() const;
 

@@ -228,7 +228,8 @@ TEST(HandlesTest, NullBogusClosedAndForeignHandlesAreRefused) {
 }
 
 // A reset ends the first request on a connection handle; the next one's broken chunk is no reset
-// (libcurl keeps a failed call's system error on the handle the requests share).
+// (libcurl keeps a failed call's system error on the handle the requests share), nor is that of
+// a request sent again on a new connection after its kept one was reset under it.
 TEST(BadAnswersTest, AResetOnTheConnectionBeforeDoesNotNameTheNextFailure) {
   std::atomic<int> served{0};
   RawResponder responder([&served](RawConnection& c) {
@@ -246,6 +247,21 @@ TEST(BadAnswersTest, AResetOnTheConnectionBeforeDoesNotNameTheNextFailure) {
   EXPECT_EQ(Fetch(connection, L"/"), "error " + std::to_string(ERROR_INTERNET_CONNECTION_RESET));
   EXPECT_EQ(Fetch(connection, L"/"),
             "error " + std::to_string(ERROR_HTTP_INVALID_SERVER_RESPONSE));
+
+  RawResponder resetting([](RawConnection& c) {
+    if (c.ReadRequestHead().starts_with("GET /kept ")) {
+      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+      c.ReadRequestHead();
+      c.Reset();
+    } else {
+      c.Send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\nzz\r\n");
+    }
+  });
+  ASSERT_TRUE(resetting.ok());
+  Handle again = Connect(session, resetting.port());
+  EXPECT_EQ(Fetch(again, L"/kept"), "ok");
+  EXPECT_EQ(Fetch(again, L"/"), "error " + std::to_string(ERROR_HTTP_INVALID_SERVER_RESPONSE));
+  EXPECT_EQ(resetting.connection_count(), 2u);
 }
 
 }  // namespace

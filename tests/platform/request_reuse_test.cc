@@ -7,15 +7,22 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
 
 #include <atomic>
 #include <cwchar>
+#include <future>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "tests/platform/wininet_test_util.h"
+#include "tests/support/servers/gate.h"
+#include "tests/support/servers/nginx_harness.h"
 #include "tests/support/servers/raw_responder.h"
 #include "tests/support/servers/scripted_server.h"
 
@@ -52,6 +59,20 @@ std::vector<int> SocketsTo(int port) {
     }
   }
   return sockets;
+}
+
+// How many of `fds` are still sockets whose connection the peer ended (closed or reset).
+int EndedSockets(const std::vector<int>& fds) {
+  int count = 0;
+  for (const int fd : fds) {
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+        (info.tcpi_state == TCP_CLOSE || info.tcpi_state == TCP_CLOSE_WAIT)) {
+      ++count;
+    }
+  }
+  return count;
 }
 
 int UnixSockets() {
@@ -288,17 +309,142 @@ TEST(KeptConnectionTest, WhatIdleConnectionHandlesKeepIsBoundedAcrossThemAll) {
   EXPECT_EQ(accepted, 120);
 }
 
-// A kept connection that the server closes once it has read a request, without a byte of
-// answer: a GET may go again on a new connection, a POST (whose effect the server may have
-// carried out) is not sent twice behind the caller's back, also when it went out answering a
-// challenge.
+// Connections opened for requests sent in parallel, which the server then closes or resets while
+// they lie idle (its keep-alive time-out), go at the next request to it: they are not kept,
+// ended at the other end, for as long as the connection handle lives.
+TEST(KeptConnectionTest, ConnectionsTheServerClosedWhileIdleGoAtTheNextRequest) {
+  constexpr int kParallel = 4;
+  Gate all_asked, close_idle;
+  std::atomic<int> accepted{0};
+  RawResponder server([&](RawConnection& c) {
+    const int index = accepted++;
+    const bool parallel = index < kParallel;
+    for (std::string head; !(head = c.ReadRequestHead()).empty();) {
+      if (parallel && !all_asked.Wait()) return;
+      c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+      if (parallel && close_idle.Wait()) {
+        if (index % 2 == 1) c.Reset();
+        return;
+      }
+    }
+  });
+  ASSERT_TRUE(server.ok());
+  Handle session = OpenSession();
+  Handle connection = Connect(session, server.port());
+  ASSERT_TRUE(SetDword(connection.get(), INTERNET_OPTION_MAX_CONNS_PER_SERVER, kParallel));
+  std::vector<std::future<std::string>> results;
+  for (int i = 0; i < kParallel; ++i) {
+    results.push_back(std::async(std::launch::async, [&] { return Fetch(connection, L"/"); }));
+  }
+  ASSERT_TRUE(all_asked.WaitForWaiters(kParallel));
+  all_asked.Open();
+  for (auto& result : results) EXPECT_EQ(result.get(), "ok");
+  const std::vector<int> idle = SocketsTo(server.port());
+  ASSERT_EQ(idle.size(), std::size_t{kParallel});
+  close_idle.Open();
+  for (const int fd : idle) {  // each sees the server's close or reset
+    pollfd closed{fd, POLLIN, 0};
+    ASSERT_EQ(poll(&closed, 1, 10'000), 1);
+  }
+  EXPECT_EQ(Fetch(connection, L"/"), "ok");
+  EXPECT_EQ(EndedSockets(idle), 0);
+  EXPECT_EQ(SocketsTo(server.port()).size(), 1u);
+  EXPECT_EQ(Fetch(connection, L"/"), "ok");
+  EXPECT_EQ(accepted, kParallel + 1);
+}
+
+// An answer that ends its connection (HTTP/1.0 without keep-alive, a body that ends at the close,
+// "Connection: close") is read whole, and the next request goes on a new connection, also when
+// the server keeps the old one open; an HTTP/1.0 answer that keeps it alive has it reused.
+TEST(KeptConnectionTest, AnswersThatEndTheirConnectionAreWholeAndTheNextGoesOnANewOne) {
+  const struct {
+    const char* head;  // of an answer whose body is "first" or "second"
+    bool length;       // a Content-Length goes with it
+    bool server_closes;
+    std::size_t connections;
+  } cases[] = {
+      {"HTTP/1.0 200 OK\r\n", true, false, 2},
+      {"HTTP/1.0 200 OK\r\n", false, true, 2},
+      {"HTTP/1.1 200 OK\r\n", false, true, 2},
+      {"HTTP/1.1 200 OK\r\nConnection: close\r\n", true, false, 2},
+      {"HTTP/1.1 200 OK\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n", false, false, 2},
+      {"HTTP/1.0 200 OK\r\nConnection: keep-alive\r\n", true, false, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.head);
+    std::atomic<int> answered{0};
+    RawResponder server([&](RawConnection& connection) {
+      for (std::string head; !(head = connection.ReadRequestHead()).empty();) {
+        const std::string body = answered++ == 0 ? "first" : "second";
+        const std::string size = std::to_string(body.size());  // the same in hexadecimal
+        const bool chunked = std::string_view(c.head).find("chunked") != std::string_view::npos;
+        connection.Send(c.head + (c.length ? "Content-Length: " + size + "\r\n" : "") + "\r\n" +
+                        (chunked ? size + "\r\n" + body + "\r\n0\r\n\r\n" : body));
+        if (c.server_closes) return;
+      }
+    });
+    ASSERT_TRUE(server.ok());
+    Handle session = OpenSession();
+    Handle connection = Connect(session, server.port());
+    EXPECT_EQ(Fetch(connection, L"/"), "first");
+    EXPECT_EQ(Fetch(connection, L"/"), "second");
+    EXPECT_LE(SocketsTo(server.port()).size(), 1u);
+    EXPECT_EQ(server.connection_count(), c.connections);
+  }
+}
+
+// nginx ends connections its own ways: the last answer that keepalive_requests allows says
+// "Connection: close", and a connection idle past keepalive_timeout is closed. Every answer
+// arrives whole, the request after either goes on a new connection, and none that nginx closed
+// is kept.
+TEST(KeptConnectionTest, ConnectionsNginxEndsAreLeftAndEveryAnswerArrivesWhole) {
+  NginxHarness nginx(
+      "keepalive_requests 3; add_header X-Connection $connection always;\n"
+      "    location /brief/ { keepalive_timeout 1ms; }");
+  ASSERT_TRUE(nginx.ok()) << nginx.error();
+  const std::string file = Pattern(100 * 1024 + 3);
+  nginx.WriteFile("f.bin", file);
+  nginx.WriteFile("brief/f.bin", file);
+  Handle session = OpenSession();
+  Handle connection = Connect(session, nginx.port());
+  std::vector<std::string> served_on;  // nginx's number of the connection of each answer
+  const auto fetch = [&](const wchar_t* verb, const std::wstring& path) {
+    Handle request = OpenRequest(connection, path, verb);
+    std::string body;
+    ASSERT_TRUE(Send(request) && ReadAll(request, &body)) << GetLastError();
+    EXPECT_TRUE(body == (std::wstring(verb) == L"HEAD" ? "" : file)) << body.size() << " bytes";
+    served_on.push_back(QueryText(request, HTTP_QUERY_CUSTOM, L"X-Connection"));
+    EXPECT_LE(SocketsTo(nginx.port()).size(), 1u);
+  };
+  for (int i = 0; i < 7; ++i) fetch(i % 2 == 0 ? L"GET" : L"HEAD", L"/f.bin");
+  ASSERT_EQ(served_on.size(), 7u);
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(served_on[i], served_on[i / 3 * 3]) << i;
+  EXPECT_NE(served_on[0], served_on[3]);
+  EXPECT_NE(served_on[3], served_on[6]);
+
+  fetch(L"GET", L"/brief/f.bin");
+  const std::vector<int> kept = SocketsTo(nginx.port());
+  ASSERT_EQ(kept.size(), 1u);
+  pollfd closed{kept[0], POLLIN, 0};  // nginx's close, 1 ms on
+  ASSERT_EQ(poll(&closed, 1, 10'000), 1);
+  fetch(L"GET", L"/f.bin");
+  ASSERT_EQ(served_on.size(), 9u);
+  EXPECT_NE(served_on[8], served_on[7]);
+}
+
+// A kept connection that the server closes (or resets) once it has read a request, without a
+// byte of answer: a GET may go again on a new connection, a POST (whose effect the server may
+// have carried out) is not sent twice behind the caller's back, also when it went out answering
+// a challenge.
 TEST(KeptConnectionTest, ARequestThatIsNotIdempotentIsNotSentAgainAfterItsConnectionDied) {
-  const std::pair<const wchar_t*, bool> cases[] = {
-      {L"GET", false}, {L"POST", false}, {L"PATCH", false}, {L"POST", true}};
-  for (const auto& [verb, challenged] : cases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(verb)) + (challenged ? " challenged" : ""));
+  const std::tuple<const wchar_t*, bool, bool> cases[] = {
+      {L"GET", false, false}, {L"POST", false, false}, {L"PATCH", false, false},
+      {L"POST", true, false}, {L"GET", false, true},   {L"POST", false, true}};
+  for (const auto& [verb, challenged, reset] : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(verb)) + (challenged ? " challenged" : "") +
+                 (reset ? " reset" : ""));
     std::atomic<int> seen{0};  // of the second request, not counting those challenged
-    RawResponder server([&seen, challenged](RawConnection& c) {
+    RawResponder server([&seen, challenged, reset](RawConnection& c) {
       for (std::string head; !(head = c.ReadRequestHead()).empty();) {
         if (challenged && head.find("\r\nAuthorization: ") == std::string::npos) {
           c.Send("HTTP/1.1 401 Who\r\nWWW-Authenticate: Basic realm=\"r\"\r\n"
@@ -306,6 +452,7 @@ TEST(KeptConnectionTest, ARequestThatIsNotIdempotentIsNotSentAgainAfterItsConnec
         } else if (head.starts_with("GET /first ") || ++seen > 1) {
           c.Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
         } else {
+          if (reset) c.Reset();
           return;
         }
       }
