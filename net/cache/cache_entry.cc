@@ -229,6 +229,25 @@ bool DeleteListedNonEntry(UniqueFile file, const TqUSysDirectory& directory,
 #endif
 }
 
+// The header size an operation that writes a new file starts from, put back as it was unless
+// the operation ends with that file in place (Keep): a file that never reached the entry's name
+// leaves the entry's header as it was on disk.
+class HeaderSizeUntilKept {
+ public:
+  explicit HeaderSizeUntilKept(std::uint16_t& size) : m_size(size), m_before(size) {}
+  ~HeaderSizeUntilKept() {
+    if (!m_kept) m_size = m_before;
+  }
+  HeaderSizeUntilKept(const HeaderSizeUntilKept&) = delete;
+  HeaderSizeUntilKept& operator=(const HeaderSizeUntilKept&) = delete;
+  void Keep() { m_kept = true; }
+
+ private:
+  std::uint16_t& m_size;
+  const std::uint16_t m_before;
+  bool m_kept = false;
+};
+
 // Renames the file `held` that `owner` holds open over `to`, then closes it. Renaming while
 // holding it keeps a second writer from opening the temporary name, emptying it and having its
 // half-written file renamed into place by us; and the name is renamed only while it is still
@@ -470,14 +489,11 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path, bool unfini
   // A whole new file carries a header of its own, so it starts from a cleared header size:
   // an entry whose tag changed length is stored anew instead of refused for not fitting in
   // front of a body that is about to be replaced anyway.
-  const std::uint16_t previous_size = m_header_size;
+  HeaderSizeUntilKept header_size(m_header_size);
   m_header_size = 0;
   UniqueFile file(TqUSysFile::OpenFile(path, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
                                        TqUSysFile::kCreateAlways, 0, 0));
-  if (!file) {
-    m_header_size = previous_size;
-    return TqUSysFile::kInvalid;
-  }
+  if (!file) return TqUSysFile::kInvalid;
   // A header that did not reach the file, refused or thrown (out of memory), takes the file
   // just made with it: an empty file must not stay behind under the name.
   bool written = false;
@@ -485,14 +501,13 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path, bool unfini
     written = WriteHeader(file.get(), false, unfinished);
   } catch (...) {
     DeleteHeldFile(file, file.get(), path);
-    m_header_size = previous_size;
     throw;
   }
   if (!written) {
     DeleteHeldFile(file, file.get(), path);
-    m_header_size = previous_size;
     return TqUSysFile::kInvalid;
   }
+  header_size.Keep();
   return file.release();
 }
 
@@ -501,7 +516,8 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
   m_last_used = now;
   fs::path temporary = m_path;
   temporary += ".tmp";
-  const std::uint16_t previous_size = m_header_size;
+  // The header of the file at the entry's name until the new one is renamed over it.
+  HeaderSizeUntilKept header_size(m_header_size);
   TqUSysFile::Handle handle = CreateEntryFile(temporary);
   if (handle == TqUSysFile::kInvalid) return false;
   // The stream owns the handle; it stays alive until the rename so the lock is held throughout.
@@ -521,20 +537,16 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
     copy = CopyStream(source, *target, std::move(stop));
   } catch (...) {
     DeleteHeldFile(target, handle, temporary);
-    m_header_size = previous_size;
     throw;
   }
   const bool whole = !expected_size || *expected_size == copy.bytes_copied;
   if (copy.completed && !whole) detail::LogUnexpectedBodyLength(*expected_size, copy.bytes_copied);
   if (!copy.completed || !whole) {
     DeleteHeldFile(target, handle, temporary);
-    m_header_size = previous_size;
     return false;
   }
-  if (!RenameHeldFile(target, handle, temporary, m_path)) {
-    m_header_size = previous_size;
-    return false;
-  }
+  if (!RenameHeldFile(target, handle, temporary, m_path)) return false;
+  header_size.Keep();
   return true;
 }
 
