@@ -10,6 +10,7 @@
 
 #include <gsl/narrow>
 
+#include "net/cache/cache_entry.h"
 #include "net/cache/cache_entry_format.h"
 #include "net/cache/downloads_in_flight.h"
 #include "net/cache/fresh_hit.h"
