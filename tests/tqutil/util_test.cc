@@ -136,6 +136,9 @@ TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
   const char* const base = "XDG_CACHE_HOME";
   const Case cases[] = {{"/xdg/cache", "/home/u", L"/xdg/cache/tqnetwork"},
                         {"relative/ignored", "/home/u/", L"/home/u/.cache/tqnetwork"},
+                        // A relative home is none: the cache would move with the working
+                        // directory.
+                        {std::nullopt, "relative/home", nullptr},
                         {std::nullopt, std::nullopt, nullptr}};
 #endif
   // The variables as they were, back for the tests that run after this one in the process.
