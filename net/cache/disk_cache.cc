@@ -32,7 +32,8 @@ void LogExceptionText(const std::exception& e) {
 fs::path LocationOfKey(const std::string& key, const fs::path& directory) {
   std::unique_ptr<TqUSysCryptHash> hash = TqUSysCryptHash::Create(0);
   if (!hash) throw std::runtime_error("Cache key digest is not available");
-  hash->AddData(key.data(), key.size());
+  // A digest of less than the whole key would name another key's file.
+  if (!hash->AddData(key.data(), key.size())) throw std::runtime_error("Cache key digest failed");
   const std::size_t size = hash->GetHashSizeInBytes();
   std::string digest(size, '\0');
   if (!hash->GenerateAndDestroy(digest.data(), size)) {
