@@ -336,6 +336,8 @@ void EnsureCacheDirectory(const fs::path& directory) {
                                  std::make_error_code(std::errc::file_exists));
     }
     default:
+      // Whatever exists at the name is taken as it stands, a plain file too: the cache is then
+      // made, and its file operations give null, rather than refused in favour of memory.
       return;
   }
   // The missing directories, made from the top down through the system file layer (at any
