@@ -55,8 +55,10 @@ std::wstring CacheHome() {
     std::wstring x = qv::utf8::ToWide(xdg, &whole);
     return whole ? x : std::wstring();
   }
+  // A relative home is none, as a relative $XDG_CACHE_HOME is: the cache would move with the
+  // working directory.
   const char* home = std::getenv("HOME");
-  if (home && *home) {
+  if (home && home[0] == '/') {
     std::wstring h = qv::utf8::ToWide(home, &whole);
     if (!whole) return {};
     while (h.size() > 1 && h.back() == L'/') h.pop_back();

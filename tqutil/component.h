@@ -1,7 +1,6 @@
 // A named, reference-counted component of the host (a subsystem that is initialised once).
 #pragma once
 
-#include <atomic>
 #include <mutex>
 #include <string>
 

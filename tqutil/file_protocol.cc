@@ -113,11 +113,6 @@ void TqUFileInfoCache::Add(const wchar_t* name, const TqUFileInfo& info) {
   }
 }
 
-std::size_t TqUFileInfoCache::Size() const {
-  std::lock_guard lock(m_mutex);
-  return m_lru.size();
-}
-
 // ---- TqUProgress ----
 
 TqUProgress::~TqUProgress() = default;

@@ -70,12 +70,10 @@ class TQUTIL_API TqUFileInfoCache {
   bool Lookup(const wchar_t* name, TqUFileInfo* info);
   /// Keeps (or replaces) the information for `name`.
   void Add(const wchar_t* name, const TqUFileInfo& info);
-  /// The number of names kept.
-  std::size_t Size() const;
 
  private:
   using Entry = std::pair<std::wstring, TqUFileInfo>;
-  mutable std::mutex m_mutex;
+  std::mutex m_mutex;
   std::size_t m_capacity;
   std::list<Entry> m_lru;  ///< most recently used first
   std::unordered_map<std::wstring, std::list<Entry>::iterator> m_index;

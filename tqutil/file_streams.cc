@@ -73,7 +73,14 @@ std::unique_ptr<FileReadStream> FileReadStream::Create(const std::filesystem::pa
   // A path the caller names may lead through links to its file.
   TqUSysFile::Handle file = TqUSysFile::OpenNamedFile(path);
   if (file == TqUSysFile::kInvalid) return nullptr;
-  return std::make_unique<FileReadStream>(file);
+  // A stream that cannot be made (out of memory) must not leave the file open, held against
+  // every writer for the life of the process.
+  try {
+    return std::make_unique<FileReadStream>(file);
+  } catch (...) {
+    TqUSysFile::CloseFile(file);
+    throw;
+  }
 }
 
 std::uint64_t FileReadStream::Position(const char* what) {

@@ -21,8 +21,9 @@ namespace {
 bool IsAsciiAlpha(wchar_t c) { return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z'); }
 
 // UTF-8 URI text with non-ASCII bytes, spaces and controls percent-encoded (file URLs are often
-// written with the path as it stands; those characters never occur in a valid URI).
-std::string ToUriText(std::string_view utf8) {
+// written with the path as it stands; those characters never occur in a valid URI). Unlike
+// TqUURL, which takes a URL with a space or a control for no URL at all.
+std::string FileUrlAsUriText(std::string_view utf8) {
   std::string out;
   for (char ch : utf8) {
     const auto b = static_cast<unsigned char>(ch);
@@ -41,7 +42,7 @@ std::filesystem::path FileUrlToPath(const wchar_t* url) {
   bool whole = true;
   const std::string utf8 = qv::utf8::FromWide(url, &whole);
   if (!whole) return {};
-  const std::string uri = ToUriText(utf8);  // the parsed view points into it
+  const std::string uri = FileUrlAsUriText(utf8);  // the parsed view points into it
   auto parsed = boost::urls::parse_uri(uri);
   if (!parsed) return {};
   const boost::urls::url_view& u = *parsed;

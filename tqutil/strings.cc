@@ -309,9 +309,3 @@ bool TqUWideStringTokeniser::GetNextToken(TqUWideStringBuffer* token) {
 }
 
 std::size_t TqUSysString::WideStrlen(const wchar_t* text) { return text ? std::wcslen(text) : 0; }
-
-std::wstring TqUFormatWideV(const wchar_t* format, std::va_list args) {
-  std::wstring out;
-  FormatWide(out, format, args);
-  return out;
-}

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "tqutil/export.h"
 
@@ -157,6 +156,3 @@ class TQUTIL_API TqUSysString {
   /// Length in characters; 0 for null.
   static std::size_t WideStrlen(const wchar_t* text);
 };
-
-/// printf-style wide formatting with the convention of TqUWideStringBuffer::Format.
-TQUTIL_API std::wstring TqUFormatWideV(const wchar_t* format, std::va_list args);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -209,6 +210,55 @@ struct Level {
   ino_t inode = 0;
 };
 
+// Opens the directory `name` of `at` (O_NOFOLLOW: one swapped for a link is never entered) and
+// lists its names whole before anything goes (a directory changed while read may skip names).
+// Nothing, with the errno value in `*error`, when it cannot be opened or listed.
+std::optional<Level> EnterLevel(int at, const std::string& name, int* error) {
+  Descriptor fd(::openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat st = {};
+  if (fd.fd < 0 || ::fstat(fd.fd, &st) != 0) {
+    *error = errno;
+    return std::nullopt;
+  }
+  Level level(std::move(fd));
+  level.name = name;
+  level.device = st.st_dev;
+  level.inode = st.st_ino;
+  // Listed through a descriptor of its own, so that the listing can go once read.
+  Descriptor listed(::fcntl(level.fd.fd, F_DUPFD_CLOEXEC, 0));
+  if (listed.fd < 0) {
+    *error = errno;
+    return std::nullopt;
+  }
+  const std::unique_ptr<DIR, DirCloser> dir(::fdopendir(listed.fd));
+  if (!dir) {
+    *error = errno;
+    return std::nullopt;
+  }
+  listed.release();  // the listing's now
+  while (const dirent* item = ::readdir(dir.get())) {
+    if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
+      level.names.emplace_back(item->d_name);
+    }
+  }
+  return level;
+}
+
+// Opens `above`, closed meanwhile, again as ".." of `inside`; false, with the reason in `ec`
+// unless one is there already, when it is no longer the directory entered (moved away
+// meanwhile): the removal then ends rather than remove names of some other directory.
+bool ReenterAbove(const Level& inside, Level& above, std::error_code& ec) {
+  Descriptor fd(::openat(inside.fd.fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  struct stat st = {};
+  if (fd.fd < 0 || ::fstat(fd.fd, &st) != 0 || st.st_dev != above.device ||
+      st.st_ino != above.inode) {
+    if (!ec) ec = fd.fd < 0 ? Errno() : std::make_error_code(std::errc::no_such_file_or_directory);
+    return false;
+  }
+  above.fd.fd = fd.release();
+  return true;
+}
+
 // The directories of a removal that stay open at once: a tree may be as deep as whoever can
 // write the directory made it, and a descriptor per level would take every descriptor the
 // process may have (its other threads' opens failing meanwhile) and still not reach the bottom.
@@ -244,37 +294,13 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
     if (levels.size() - first_open >= kMostOpenLevels) {
       ::close(levels[first_open++].fd.release());
     }
-    Descriptor fd(::openat(at, entry.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat st = {};
-    if (fd.fd < 0 || ::fstat(fd.fd, &st) != 0) {
-      keep(errno == ENOTDIR ? unlink_error : errno);  // a file that may not be removed
+    int error = 0;
+    std::optional<Level> level = EnterLevel(at, entry, &error);
+    if (!level) {
+      keep(error == ENOTDIR ? unlink_error : error);  // ENOTDIR: a file that may not be removed
       return;
     }
-    Level level(std::move(fd));
-    level.device = st.st_dev;
-    level.inode = st.st_ino;
-    {
-      // Listed through a descriptor of its own, so that the listing can go once read.
-      Descriptor listed(::fcntl(level.fd.fd, F_DUPFD_CLOEXEC, 0));
-      if (listed.fd < 0) {
-        keep(errno);
-        return;
-      }
-      const std::unique_ptr<DIR, DirCloser> dir(::fdopendir(listed.fd));
-      if (!dir) {
-        keep(errno);
-        return;
-      }
-      listed.release();  // the listing's now
-      // Listed whole before anything goes: a directory changed while read may skip names.
-      while (const dirent* item = ::readdir(dir.get())) {
-        if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
-          level.names.emplace_back(item->d_name);
-        }
-      }
-    }
-    level.name = entry;
-    levels.push_back(std::move(level));
+    levels.push_back(std::move(*level));
   };
   const char* slash = std::strrchr(name, '/');
   remove(parent, name, slash != nullptr && slash[1] != '\0' ? slash + 1 : name);
@@ -286,21 +312,10 @@ std::uintmax_t RemoveTreeAt(int parent, const char* name, std::error_code& ec) {
       continue;
     }
     // Emptied (as far as it goes). The directory above, closed meanwhile, is opened again
-    // through this one; one that is no longer the directory entered (moved away meanwhile) ends
-    // the removal rather than have it remove names of some other directory.
+    // through this one.
     const std::size_t depth = levels.size() - 1;
     if (depth > 0 && depth == first_open) {
-      Level& above = levels[depth - 1];
-      Descriptor fd(::openat(level.fd.fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-      struct stat st = {};
-      if (fd.fd < 0 || ::fstat(fd.fd, &st) != 0 || st.st_dev != above.device ||
-          st.st_ino != above.inode) {
-        if (!ec) {
-          ec = fd.fd < 0 ? Errno() : std::make_error_code(std::errc::no_such_file_or_directory);
-        }
-        return count;
-      }
-      above.fd.fd = fd.release();
+      if (!ReenterAbove(level, levels[depth - 1], ec)) return count;
       first_open = depth - 1;
     }
     // Closed before the directory goes.

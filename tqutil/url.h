@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 
 #include "tqutil/export.h"
 #include "tqutil/strings.h"

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "net/cache/cache_entry.h"
 #include "net/cache/disk_cache.h"
 
 namespace qv::net {

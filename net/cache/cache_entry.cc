@@ -98,12 +98,19 @@ struct HeaderFields {
   std::uint64_t header_end = 0;  // the byte after the end marker (or the extension)
 };
 
+// One read of a file's first bytes holds the header of nearly every entry (a URL of some
+// hundred characters and its tag), without touching the heap; a longer header is read on.
+constexpr std::size_t kFirstRead = 512;
+
 class HeaderReader {
  public:
   explicit HeaderReader(TqUSysFile::Handle file) : m_file(file) {
     m_have = ReadFully(m_file, m_first.data(), kFirstRead);
     m_at_end = m_have < kFirstRead;
   }
+
+  // The bytes read so far, from the file's first.
+  std::size_t Have() const { return m_have; }
 
   // Makes the first `size` bytes of the file available; false when the file is shorter.
   bool Ensure(std::size_t size) {
@@ -122,10 +129,6 @@ class HeaderReader {
   }
 
  private:
-  // Enough for the headers of nearly every URL in one read, without touching the heap (the
-  // clean-up reads many thousands of headers in a row).
-  static constexpr std::size_t kFirstRead = 512;
-
   TqUSysFile::Handle m_file;
   std::array<unsigned char, kFirstRead> m_first;
   std::vector<unsigned char> m_more;  // the whole header, once it outgrows the first read
@@ -139,20 +142,18 @@ class HeaderReader {
 // `with_strings` the tag and key are checked for their length only and not copied.
 bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = true) {
   HeaderReader reader(file);
-  if (!reader.Ensure(ef::kTagOffset)) return false;
-  if (ef::GetU16(reader.At(ef::kStartMarkerOffset)) != ef::kStartMarker) return false;
+  // The walk of every reader of the format, read on as far as it needs.
+  ef::HeaderWalk walk = ef::WalkHeader(reader.At(0), reader.Have());
+  while (!walk.complete && walk.end > reader.Have()) {
+    if (!reader.Ensure(walk.end)) return false;
+    walk = ef::WalkHeader(reader.At(0), reader.Have());
+  }
+  if (!walk.complete) return false;
   out.header_size = ef::GetU16(reader.At(ef::kHeaderSizeOffset));
   out.last_used = ef::GetI64(reader.At(ef::kLastUsedOffset));
   out.expiry = ef::GetI64(reader.At(ef::kExpiryOffset));
-  const std::size_t tag_length = ef::GetU16(reader.At(ef::kTagLengthOffset));
-  const std::size_t key_length_offset = ef::kTagOffset + tag_length;
-  if (!reader.Ensure(key_length_offset + 2)) return false;
-  const std::size_t key_length = ef::GetU16(reader.At(key_length_offset));
-  const std::size_t end_marker_offset = key_length_offset + 2 + key_length;
-  if (!reader.Ensure(end_marker_offset + 2)) return false;
-  if (ef::GetU16(reader.At(end_marker_offset)) != ef::kEndMarker) return false;
   // The optional extension, when the header size leaves room for it before the body.
-  const std::size_t extension_offset = end_marker_offset + 2;
+  const std::size_t extension_offset = walk.end;
   if (ef::BodyOffset(out.header_size) >= extension_offset + ef::kExtensionSize &&
       reader.Ensure(extension_offset + ef::kExtensionSize) &&
       ef::GetU16(reader.At(extension_offset)) == ef::kExtensionMarker) {
@@ -160,8 +161,9 @@ bool ReadHeader(TqUSysFile::Handle file, HeaderFields& out, bool with_strings = 
   }
   out.header_end = extension_offset + (out.flags != 0 ? ef::kExtensionSize : 0);
   if (!with_strings) return true;
+  const std::size_t tag_length = walk.key_offset - 2 - ef::kTagOffset;
   out.etag.assign(reinterpret_cast<const char*>(reader.At(ef::kTagOffset)), tag_length);
-  out.key.assign(reinterpret_cast<const char*>(reader.At(key_length_offset + 2)), key_length);
+  out.key.assign(reinterpret_cast<const char*>(reader.At(walk.key_offset)), walk.key_length);
   return true;
 }
 
@@ -228,6 +230,25 @@ bool DeleteListedNonEntry(UniqueFile file, const TqUSysDirectory& directory,
   return DeleteNonEntry(std::move(file), directory.Path() / name);
 #endif
 }
+
+// The header size an operation that writes a new file starts from, put back as it was unless
+// the operation ends with that file in place (Keep): a file that never reached the entry's name
+// leaves the entry's header as it was on disk.
+class HeaderSizeUntilKept {
+ public:
+  explicit HeaderSizeUntilKept(std::uint16_t& size) : m_size(size), m_before(size) {}
+  ~HeaderSizeUntilKept() {
+    if (!m_kept) m_size = m_before;
+  }
+  HeaderSizeUntilKept(const HeaderSizeUntilKept&) = delete;
+  HeaderSizeUntilKept& operator=(const HeaderSizeUntilKept&) = delete;
+  void Keep() { m_kept = true; }
+
+ private:
+  std::uint16_t& m_size;
+  const std::uint16_t m_before;
+  bool m_kept = false;
+};
 
 // Renames the file `held` that `owner` holds open over `to`, then closes it. Renaming while
 // holding it keeps a second writer from opening the temporary name, emptying it and having its
@@ -356,9 +377,8 @@ CacheEntry::Probe CacheEntry::ProbeTimes(const TqUSysDirectory& directory,
                                          const TqUSysDirectory::Char* name,
                                          std::int64_t* last_used, std::int64_t* expiry,
                                          bool* stored_body) {
-  // One read of the file's first bytes holds the header of nearly every entry; a longer one
-  // (a long tag or key) is read as Load reads it.
-  constexpr std::size_t kFirstRead = 512;
+  // One read of the file's first bytes, without a handle; a longer header (a long tag or key)
+  // is read as Load reads it.
   unsigned char first[kFirstRead];
   const std::int64_t got = directory.ReadStart(name, first, kFirstRead);
   if (got < 0) return Probe::kUnusable;
@@ -470,14 +490,11 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path, bool unfini
   // A whole new file carries a header of its own, so it starts from a cleared header size:
   // an entry whose tag changed length is stored anew instead of refused for not fitting in
   // front of a body that is about to be replaced anyway.
-  const std::uint16_t previous_size = m_header_size;
+  HeaderSizeUntilKept header_size(m_header_size);
   m_header_size = 0;
   UniqueFile file(TqUSysFile::OpenFile(path, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
                                        TqUSysFile::kCreateAlways, 0, 0));
-  if (!file) {
-    m_header_size = previous_size;
-    return TqUSysFile::kInvalid;
-  }
+  if (!file) return TqUSysFile::kInvalid;
   // A header that did not reach the file, refused or thrown (out of memory), takes the file
   // just made with it: an empty file must not stay behind under the name.
   bool written = false;
@@ -485,14 +502,13 @@ TqUSysFile::Handle CacheEntry::CreateEntryFile(const fs::path& path, bool unfini
     written = WriteHeader(file.get(), false, unfinished);
   } catch (...) {
     DeleteHeldFile(file, file.get(), path);
-    m_header_size = previous_size;
     throw;
   }
   if (!written) {
     DeleteHeldFile(file, file.get(), path);
-    m_header_size = previous_size;
     return TqUSysFile::kInvalid;
   }
+  header_size.Keep();
   return file.release();
 }
 
@@ -501,7 +517,8 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
   m_last_used = now;
   fs::path temporary = m_path;
   temporary += ".tmp";
-  const std::uint16_t previous_size = m_header_size;
+  // The header of the file at the entry's name until the new one is renamed over it.
+  HeaderSizeUntilKept header_size(m_header_size);
   TqUSysFile::Handle handle = CreateEntryFile(temporary);
   if (handle == TqUSysFile::kInvalid) return false;
   // The stream owns the handle; it stays alive until the rename so the lock is held throughout.
@@ -521,20 +538,16 @@ bool CacheEntry::Store(qv::io::IDataReadStream& source, qv::stop_token stop, std
     copy = CopyStream(source, *target, std::move(stop));
   } catch (...) {
     DeleteHeldFile(target, handle, temporary);
-    m_header_size = previous_size;
     throw;
   }
   const bool whole = !expected_size || *expected_size == copy.bytes_copied;
   if (copy.completed && !whole) detail::LogUnexpectedBodyLength(*expected_size, copy.bytes_copied);
   if (!copy.completed || !whole) {
     DeleteHeldFile(target, handle, temporary);
-    m_header_size = previous_size;
     return false;
   }
-  if (!RenameHeldFile(target, handle, temporary, m_path)) {
-    m_header_size = previous_size;
-    return false;
-  }
+  if (!RenameHeldFile(target, handle, temporary, m_path)) return false;
+  header_size.Keep();
   return true;
 }
 

@@ -3,14 +3,11 @@
 // configured size when the host asks (CleanUp).
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "net/cache/cache_entry.h"
 #include "net/cache/url_cache.h"

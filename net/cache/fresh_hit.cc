@@ -54,7 +54,7 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
       m_position += n;
       return n;
     }
-    if (m_file_size >= 0 && at >= static_cast<std::uint64_t>(m_file_size)) return 0;
+    if (at >= static_cast<std::uint64_t>(m_file_size)) return 0;
     std::uint64_t got = 0;
     if (!TqUSysFile::ReadFileAt(m_file.get(), buffer, size, at, &got) || got == 0) {
       Fail("FileReadStream: cannot read the file");
@@ -65,11 +65,7 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
 
   qv::io::StreamMetaData MetaData() override {
     qv::io::StreamMetaData meta;
-    const std::int64_t size =
-        m_file_size >= 0 ? m_file_size : TqUSysFile::GetFileSize(m_file.get());
-    if (size >= 0) {
-      meta.size = static_cast<std::uint64_t>(size) > m_body ? size - m_body : 0;
-    }
+    meta.size = static_cast<std::uint64_t>(m_file_size) > m_body ? m_file_size - m_body : 0;
     return meta;
   }
 
@@ -81,14 +77,11 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
       case qv::io::StreamPosition::Current:
         from = static_cast<std::int64_t>(m_position);
         break;
-      case qv::io::StreamPosition::End: {
-        const std::int64_t size =
-            m_file_size >= 0 ? m_file_size : TqUSysFile::GetFileSize(m_file.get());
-        if (size < 0) Fail("FileReadStream: cannot seek");
-        from = static_cast<std::uint64_t>(size) > m_body ? size - static_cast<std::int64_t>(m_body)
-                                                        : 0;
+      case qv::io::StreamPosition::End:
+        from = static_cast<std::uint64_t>(m_file_size) > m_body
+                   ? m_file_size - static_cast<std::int64_t>(m_body)
+                   : 0;
         break;
-      }
       default:
         Fail("FileReadStream: cannot seek");
     }
@@ -108,7 +101,8 @@ class PrefetchedBodyStream final : public qv::io::IDataSeekableReadStream {
   std::uint64_t m_body = 0;      // the body's first byte in the file
   std::uint64_t m_position = 0;  // in the body
   std::size_t m_have = 0;        // the file's first m_have bytes are in m_bytes
-  std::int64_t m_file_size = -1; // when opened; known once prefetched
+  // The file's size when opened, known once prefetched: the stream is handed out only then.
+  std::int64_t m_file_size = -1;
   unsigned char m_bytes[kPrefetch];
 };
 

@@ -1,7 +1,6 @@
 // The process-wide URL cache interface, its open flags, and the prefix of stored-body names.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "net/fileprotocol/file_handles.h"
 #include "net/fileprotocol/protocol_internal.h"
 
 namespace qv::net {

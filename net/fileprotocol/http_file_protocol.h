@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "net/export.h"
-#include "net/fileprotocol/file_handles.h"
 #include "net/host/platform.h"
 #include "net/host/tqutil.h"
 #include "net/http/http_request.h"

@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "net/fileprotocol/file_handles.h"
 #include "net/fileprotocol/http_file_protocol.h"
 #include "net/fileprotocol/protocol_internal.h"
 #include "net/http/header_number.h"

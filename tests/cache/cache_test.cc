@@ -1369,6 +1369,14 @@ TEST(InitialiseCacheTest, AnUnusableDirectoryFallsBackToMemoryAndAUsableOneGetsT
   EXPECT_FALSE(fs::exists(dir.path() / "DiskCache"));
   EXPECT_FALSE(fs::exists(dir.path() / "d\xEF\xBF\xBD"));
 #endif
+  // A plain file where the directory belongs passes for it, as anything there does: the disk
+  // cache is made, and everything it would keep in a file is null.
+  dir.WriteFile("filed/v1", "x");
+  qv::net::InitialiseCache(qv::Utf8ToWide((dir.path() / "filed").string()).c_str());
+  EXPECT_NE(dynamic_cast<DiskCache*>(qv::net::CacheSystem()), nullptr);
+  EXPECT_EQ(qv::net::CacheSystem()->OpenWriteStream(L"kept"), nullptr);
+  EXPECT_EQ(qv::net::CacheSystem()->OpenReadStream(L"kept"), nullptr);
+  qv::net::TerminateCache();
   for (const fs::path& path : usable) {
     SCOPED_TRACE(path.string());
     qv::net::InitialiseCache(qv::Utf8ToWide(path.string()).c_str());

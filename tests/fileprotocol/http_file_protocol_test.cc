@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "net/fileprotocol/downloads.h"
+#include "net/fileprotocol/file_handles.h"
 #include "net/http/request_handler.h"
 #include "platform/urlmon.h"
 #include "tests/fileprotocol/protocol_fixture.h"

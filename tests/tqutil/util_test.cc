@@ -18,6 +18,7 @@
 #endif
 
 #include "tests/support/log_capture.h"
+#include "tests/support/servers/temp_dir.h"
 #if !defined(_WIN32)
 #include "tests/support/allocation_failure.h"
 #endif
@@ -25,6 +26,7 @@
 #include "tqutil/component.h"
 #include "tqutil/crypt_hash.h"
 #include "tqutil/error_log.h"
+#include "tqutil/file_streams.h"
 #include "tqutil/memory_pages.h"
 #include "tqutil/stop_token.h"
 #include "tqutil/sys_file_faults.h"
@@ -134,6 +136,9 @@ TEST(AppInfoTest, CacheDirectoryOfTheApplication) {
   const char* const base = "XDG_CACHE_HOME";
   const Case cases[] = {{"/xdg/cache", "/home/u", L"/xdg/cache/tqnetwork"},
                         {"relative/ignored", "/home/u/", L"/home/u/.cache/tqnetwork"},
+                        // A relative home is none: the cache would move with the working
+                        // directory.
+                        {std::nullopt, "relative/home", nullptr},
                         {std::nullopt, std::nullopt, nullptr}};
 #endif
   // The variables as they were, back for the tests that run after this one in the process.
@@ -286,6 +291,39 @@ TEST(ErrorLogTest, EveryWriterKeepsTheCallersLastError) {
       EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION))
           << name << (sink ? " to a sink" : " to standard error");
     }
+  }
+}
+#endif
+
+#if !defined(_WIN32)  // a Windows DLL allocates through its own runtime, out of the test's reach
+// Regression: a stream that could not be made for want of memory left the file it was to own
+// open, held against every writer for the life of the process.
+TEST(FileStreamTest, AStreamThatCannotBeMadeLeavesItsFileClosed) {
+  tq::test::TempDir dir;
+  const auto path = dir.WriteFile("f", "bytes");
+  for (long n = 0;; ++n) {
+    SCOPED_TRACE("failing allocation " + std::to_string(n));
+    bool failed = false;
+    {
+      std::unique_ptr<qv::io::FileReadStream> stream;
+      {
+        const tq::test::FailingAllocation failing(n);
+        try {
+          stream = qv::io::FileReadStream::Create(path);  // null or bad_alloc, out of memory
+        } catch (const std::bad_alloc&) {
+        }
+        failed = tq::test::FailingAllocation::Failed();
+      }
+      if (!failed) {
+        EXPECT_NE(stream, nullptr);
+      }
+    }
+    const TqUSysFile::Handle writer =
+        TqUSysFile::OpenFile(path, TqUSysFile::kAccessWrite, TqUSysFile::kShareNone,
+                             TqUSysFile::kOpenExistingWrite, 0, 0);
+    EXPECT_NE(writer, TqUSysFile::kInvalid) << "the file is still held";
+    TqUSysFile::CloseFile(writer);
+    if (!failed) break;
   }
 }
 #endif
