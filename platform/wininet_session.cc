@@ -335,7 +335,7 @@ void Connection::SetAsideIdleSlotsThatSpoke(std::vector<std::unique_ptr<Transfer
 
 void Connection::KeepStorage(std::string storage) {
   std::lock_guard lock(slots_mutex_);
-  if (spare_storage_.size() >= MaxConnsLocked()) return;
+  if (spare_storage_.size() >= MaxConnsLocked() || UnusedLocked()) return;
   try {
     spare_storage_.push_back(std::move(storage));
   } catch (const std::bad_alloc&) {
@@ -360,7 +360,7 @@ void Connection::KeepTransfer(std::unique_ptr<Transfer> transfer) {
   // Made ready here, outside the lock, by the thread that lets the request go.
   if (!transfer->Recycle()) return;
   std::unique_lock lock(slots_mutex_);
-  if (spare_transfers_.size() < MaxConnsLocked()) {
+  if (spare_transfers_.size() < MaxConnsLocked() && !UnusedLocked()) {
     try {
       spare_transfers_.push_back(std::move(transfer));
       return;
@@ -407,15 +407,21 @@ std::optional<std::uint64_t> Connection::OldestIdleStamp() const {
 bool Connection::DropIdleSlot(std::uint64_t stamp) {
   std::unique_ptr<TransferSlot> dropped;
   std::vector<std::string> storage;
+  std::vector<std::unique_ptr<Transfer>> transfers;
   {
     std::lock_guard lock(slots_mutex_);
     if (idle_.empty() || idle_.front().stamp != stamp) return false;
     dropped = std::move(idle_.front().slot);
     idle_.erase(idle_.begin());
     session_->SlotsTaken(1);
-    if (idle_.empty() && in_use_ == 0) storage.swap(spare_storage_);
+    if (UnusedLocked()) {
+      storage.swap(spare_storage_);
+      transfers.swap(spare_transfers_);
+    }
   }
-  return true;  // the slot closes its connection here, outside the lock
+  // Outside the lock: the slot closes its connection, and the transfers end (their room is not
+  // kept by an unused connection).
+  return true;
 }
 
 void Connection::WakeWaiters() {

@@ -181,8 +181,8 @@ class Connection : public InternetObject, public SlotSource {
   void WakeWaiters();
   // The stamp of this connection's slot idle longest; none without an idle slot.
   std::optional<std::uint64_t> OldestIdleStamp() const;
-  // Closes the idle slot stamped `stamp`, and the storage kept for slots once none is left;
-  // false when that slot is no longer idle.
+  // Closes the idle slot stamped `stamp`, and the storage and transfers kept for requests once
+  // none is left; false when that slot is no longer idle.
   bool DropIdleSlot(std::uint64_t stamp);
 
   // A transfer for a new request, stopped by `stop`: one a closed request left, when there is
@@ -201,6 +201,10 @@ class Connection : public InternetObject, public SlotSource {
   void SetAsideIdleSlotsThatSpoke(std::vector<std::unique_ptr<TransferSlot>>* closed);
   // MaxConns, kept until a setting changes; slots_mutex_ must be held.
   DWORD MaxConnsLocked() const;
+  // True when no slot is idle or in use: the connection holds no socket, and what it kept for
+  // the next request goes, or stays for as long as the host keeps the handle (a host meets many
+  // servers once). slots_mutex_ must be held.
+  bool UnusedLocked() const { return idle_.empty() && in_use_ == 0; }
 
   std::shared_ptr<Session> session_;  // outlives the slots, whose easy handles use its share
   const std::array<std::string, 2> origins_;  // http, https
