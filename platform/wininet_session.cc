@@ -293,7 +293,15 @@ std::unique_ptr<TransferSlot> Connection::Acquire(const StopSignal& stop,
     return nullptr;
   }
   std::unique_ptr<TransferSlot> slot;
-  if (idle_.size() > 1) SetAsideIdleSlotsThatSpoke(&closed);
+  // Looked for at most once a second: each look asks the system about every other idle slot,
+  // under the lock, and a server's keep-alive time-out is seconds long anyway.
+  if (idle_.size() > 1) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - idle_looked_at_ >= std::chrono::seconds(1)) {
+      idle_looked_at_ = now;
+      SetAsideIdleSlotsThatSpoke(&closed);
+    }
+  }
   if (!idle_.empty()) {
     slot = std::move(idle_.back().slot);
     idle_.pop_back();

@@ -222,6 +222,8 @@ class Connection : public InternetObject, public SlotSource {
     std::uint64_t stamp;  // from the session's SlotIdled
   };
   std::vector<IdleSlot> idle_;  // most recently used last
+  // When SetAsideIdleSlotsThatSpoke last looked at the idle slots.
+  std::chrono::steady_clock::time_point idle_looked_at_;
   std::vector<std::string> spare_storage_;            // see KeepStorage
   std::vector<std::unique_ptr<Transfer>> spare_transfers_;  // see KeepTransfer; made ready
   DWORD in_use_ = 0;
